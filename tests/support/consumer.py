@@ -12,6 +12,7 @@ from pathlib import Path
 from types import TracebackType
 
 FIFO = Path("/var/run/vantrel_orbelin_files")
+START_MESSAGE = "usershift: "
 
 
 @dataclass(frozen=True)
@@ -32,6 +33,7 @@ class Consumer:
     def __init__(self, path: Path = FIFO) -> None:
         self.path = path
         self._records: list[Record] = []
+        self._announced = 0
         self._changed = threading.Condition()
         self._thread: threading.Thread | None = None
         self._reading = self._writing = self._wake = -1
@@ -72,7 +74,7 @@ class Consumer:
 
     def announced(self) -> list[str]:
         """The paths handed off so far: every line but the start-up message."""
-        return [line for line in self.lines() if not line.startswith("usershift: ")]
+        return [line for line in self.lines() if not line.startswith(START_MESSAGE)]
 
     def names_below(self, target: str) -> list[str]:
         """The names handed off so far for one target directory, as the daemon writes it."""
@@ -82,19 +84,18 @@ class Consumer:
     def count(self) -> int:
         """How many paths have been handed off so far."""
         with self._changed:
-            return sum(not record.line.startswith("usershift: ") for record in self._records)
+            return self._announced
 
     def wait_for(self, count: int, timeout: float = 60) -> None:
         """Waits until `count` paths have been handed off."""
         deadline = time.monotonic() + timeout
         with self._changed:
-            while True:
-                seen = sum(not r.line.startswith("usershift: ") for r in self._records)
-                if seen >= count:
-                    return
+            while self._announced < count:
                 remaining = deadline - time.monotonic()
                 if remaining <= 0:
-                    raise TimeoutError(f"{seen} of {count} files were announced in {timeout} s")
+                    raise TimeoutError(
+                        f"{self._announced} of {count} files were announced in {timeout} s"
+                    )
                 self._changed.wait(remaining)
 
     def repeated(self) -> list[str]:
@@ -135,5 +136,7 @@ class Consumer:
             now = time.monotonic()
             *lines, rest = (rest + block).split(b"\n")
             with self._changed:
-                self._records += [Record(os.fsdecode(line), now) for line in lines]
+                for line in lines:
+                    self._records.append(Record(os.fsdecode(line), now))
+                    self._announced += not line.startswith(os.fsencode(START_MESSAGE))
                 self._changed.notify_all()

@@ -1,0 +1,58 @@
+#!/usr/bin/env bash
+# Installs the Debian packages that a purpose needs and that are missing: the one place that knows them.
+#
+#   install-packages.sh PURPOSE...      PURPOSE: build, demo, tests, checks
+#
+# Says what it is going to install before it does. Does nothing, and needs no rights, when all is there.
+set -euo pipefail
+
+# The daemon and the copy program themselves need no more than these (ninja is what the presets build with).
+build=(cmake g++ ninja-build)
+# The sandbox (mount, unshare, ip), the other end of the transfers, and what drives them.
+demo=("${build[@]}" iproute2 mount python3 rsync util-linux)
+tests=("${demo[@]}" libgmock-dev libgtest-dev python3-pytest)
+checks=("${tests[@]}" clang clang-format clang-tidy git mypy shellcheck)
+
+usage() {
+    printf 'usage: install-packages.sh PURPOSE...   (build, demo, tests, checks)\n' >&2
+    exit 2
+}
+
+[ $# -gt 0 ] || usage
+wanted=()
+for purpose in "$@"; do
+    case $purpose in
+        build) wanted+=("${build[@]}") ;;
+        demo) wanted+=("${demo[@]}") ;;
+        tests) wanted+=("${tests[@]}") ;;
+        checks) wanted+=("${checks[@]}") ;;
+        *) usage ;;
+    esac
+done
+
+if ! command -v dpkg-query >/dev/null || ! command -v apt-get >/dev/null; then
+    printf 'This is no Debian system: nothing is installed. What is needed, by the names it has there:\n  %s\n' \
+        "${wanted[*]}" >&2
+    exit 0
+fi
+
+missing=()
+for package in "${wanted[@]}"; do
+    # shellcheck disable=SC2016 # dpkg-query expands this one
+    status=$(dpkg-query --show --showformat='${db:Status-Status}' "$package" 2>/dev/null) || status=
+    if [ "$status" != installed ] && [[ " ${missing[*]} " != *" $package "* ]]; then
+        missing+=("$package")
+    fi
+done
+[ ${#missing[@]} -gt 0 ] || exit 0
+
+if [ "$(id -u)" -ne 0 ]; then
+    printf 'Missing packages. As root, install them with:\n  apt-get install %s\n' "${missing[*]}" >&2
+    exit 1
+fi
+printf 'Installing with apt-get what is missing: %s\n' "${missing[*]}"
+export DEBIAN_FRONTEND=noninteractive
+options=(--quiet --quiet --option DPkg::Lock::Timeout=300 --option Dpkg::Use-Pty=0)
+# Without a network the lists that are there may still do.
+apt-get "${options[@]}" update </dev/null || printf 'The package lists could not be renewed.\n' >&2
+apt-get "${options[@]}" install --yes --no-install-recommends "${missing[@]}" </dev/null
