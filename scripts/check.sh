@@ -1,0 +1,91 @@
+#!/usr/bin/env bash
+# Runs the static checks: formatting, a build with clang++, clang-tidy, shellcheck, mypy, and words that must not land.
+#
+#   check.sh
+#
+# All of them run, whatever the first ones find. The last line counts: "N passed, N failed, N skipped".
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+passed=0 failed=0
+
+# check NAME COMMAND...: runs one check and keeps account of it.
+check() {
+    local name=$1
+    shift
+    printf '\n== %s\n' "$name"
+    if "$@"; then
+        passed=$((passed + 1))
+    else
+        failed=$((failed + 1))
+        printf 'Failed: %s\n' "$name"
+    fi
+}
+
+# scripts_for INTERPRETERS: the tracked files whose first line calls one of them, one per line.
+scripts_for() {
+    # shellcheck disable=SC2016 # awk's own variables
+    git ls-files -z | xargs -0 awk -v wanted="^#!.*[/ ]($1)\$" \
+        'FNR == 1 { if ($0 ~ wanted) print FILENAME; nextfile }'
+}
+
+formatting() {
+    git ls-files -z '*.cpp' '*.h' | xargs -0 clang-format --dry-run -Werror
+}
+
+clang_build() {
+    cmake --preset clang && cmake --build --preset clang --parallel "$(nproc)"
+}
+
+tidy() {
+    # Its standard output has one line per file; only what it finds is worth reading.
+    local report status=0
+    report=$(run-clang-tidy -quiet -j 2 -p build/clang 2>&1) || status=$?
+    if [ "$status" -ne 0 ]; then
+        grep -E '(error|warning|note):|^ +[|^~]|^ +.*;' <<<"$report" | sort -u | head -n 200 || true
+        return 1
+    fi
+    printf 'nothing found\n'
+}
+
+shell_scripts() {
+    scripts_for 'sh|bash' | xargs -r shellcheck
+}
+
+python_types() {
+    local list=()
+    mapfile -t list < <(git ls-files '*.py')
+    [ ${#list[@]} -gt 0 ] && MYPYPATH=tests mypy --strict --explicit-package-bases "${list[@]}"
+}
+
+# tree_free_of PATTERN, log_free_of PATTERN: fail and show the lines when a tracked file or a commit message matches.
+# The patterns below are written so that they do not match themselves.
+tree_free_of() {
+    local status=0
+    git grep -nIE "$1" || status=$?
+    [ "$status" -eq 1 ]
+}
+
+log_free_of() {
+    local status=0
+    git log --format='%h %s%n%b' | grep -E "$1" || status=$?
+    [ "$status" -eq 1 ]
+}
+
+# Requirements, paths of one machine: the code says what it does, not where that was told.
+words='\b[Ss]pecification\b|\b[Tt]he [s]pec\b|\b[s]pec\.md|\bper [s]pec\b|\b[Pp]art[s]? [0-9]\.[0-9]|/[w]ork/'
+# Unfinished work and tests switched off.
+markers='[T]ODO|[F]IXME|\b[X]XX\b|not [i]mplemented|[D]ISABLED_|[G]TEST_SKIP|pytest\.([m]ark\.)?skip'
+
+scripts/install-packages.sh checks
+check 'formatting' formatting
+check 'clang++ builds it without a warning' clang_build
+check 'clang-tidy' tidy
+check 'shellcheck' shell_scripts
+check 'mypy --strict' python_types
+check 'no word that must not land' tree_free_of "$words"
+check 'no such word in the history' log_free_of "$words"
+check 'nothing unfinished or switched off' tree_free_of "$markers"
+
+printf '\nStatic checks:\n%d passed, %d failed, 0 skipped\n' "$passed" "$failed"
+[ "$failed" -eq 0 ]

@@ -1,0 +1,27 @@
+#!/usr/bin/env bash
+# Installs what is missing, builds, and runs every test.
+#
+#   test.sh [PRESET]      PRESET: release (the default), debug, clang, asan-ubsan, tsan, coverage
+#
+# The last line counts: "N passed, N failed, N skipped". The status is 0 only if everything built and no test failed.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+preset=${1-release}
+build=build/$preset
+results=$build/results
+
+purposes=(tests)
+[ "$preset" != clang ] || purposes+=(checks)
+scripts/install-packages.sh "${purposes[@]}"
+cmake --preset "$preset"
+cmake --build --preset "$preset" --parallel "$(nproc)"
+
+rm -rf "$results"
+mkdir -p "$results"
+# The outcome is read from the results, which also know the skipped ones.
+ctest --test-dir "$build" --parallel 2 --no-tests=error --output-on-failure --output-junit "$PWD/$results/ctest.xml" ||
+    true
+
+printf '\nResults of the preset %s, in %s:\n' "$preset" "$results"
+/usr/bin/python3 scripts/count_tests.py "$results"
