@@ -1,0 +1,91 @@
+// Collecting text and writing it out.
+#include "log/log_file.h"
+
+#include "utilities/descriptors.h"
+#include "utilities/mutex_guard.h"
+
+#include <cstdio>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr mode_t logFileMode = 0644;
+
+} // namespace
+
+LogFile::LogFile(pthread_mutex_t* fileMutex) : mutex(fileMutex) {
+}
+
+LogFile::LogFile(const std::string& name, pthread_mutex_t* fileMutex)
+    : mutex(fileMutex), fileName(name) {
+    probe();
+}
+
+void LogFile::setMutex(pthread_mutex_t* fileMutex) {
+    mutex = fileMutex;
+}
+
+LogFile& LogFile::open(const std::string& name) {
+    openFailed = false;
+    fileName = name;
+    probe();
+    buffer.clear();
+    return *this;
+}
+
+void LogFile::probe() {
+    FILE* const file = fopen(fileName.c_str(), "a");
+    if (file == nullptr) {
+        openFailed = true;
+        return;
+    }
+    fclose(file);
+    // The mode must not depend on the umask, which is the user's at start-up and 0 later.
+    chmod(fileName.c_str(), logFileMode);
+}
+
+LogFile& LogFile::operator<<(LogFile& (*manipulator)(LogFile&)) {
+    return manipulator(*this);
+}
+
+LogFile& LogFile::endl() {
+    buffer += '\n';
+    writeOut();
+    return *this;
+}
+
+LogFile& LogFile::flush() {
+    writeOut();
+    return *this;
+}
+
+void LogFile::close() {
+    openFailed = false;
+    writeOut();
+}
+
+void LogFile::log(const std::string& text) {
+    append(text);
+}
+
+void LogFile::append(const std::string& text) const {
+    const MutexGuard guard(mutex);
+    const Descriptor file(::open(fileName.c_str(), O_WRONLY | O_CREAT | O_APPEND, logFileMode));
+    writeUnchecked(file.get(), text);
+}
+
+void LogFile::writeOut() {
+    append(buffer);
+    buffer.clear();
+}
+
+LogFile& endl(LogFile& logFile) {
+    return logFile.endl();
+}
+
+LogFile& flush(LogFile& logFile) {
+    return logFile.flush();
+}

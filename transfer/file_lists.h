@@ -1,0 +1,42 @@
+// How many copy processes a cycle gets, and the file lists they read.
+#pragma once
+
+#include "utilities/descriptors.h"
+
+#include <string>
+#include <vector>
+
+/// Number of copy processes for `count` names: one for each 101 names begun, at most `setting`. The
+/// comparison is unsigned: a negative setting is no limit. A setting of 0 counts as 1.
+int copyProcessCount(std::size_t count, int setting);
+
+/// Path of the file list for the copy process of this `index`, of the calling thread: no two
+/// workers and no two daemons share one.
+std::string fileListName(int index);
+
+/// One copy process's file list: the names it is to copy, a line each, in a private file under
+/// /tmp.
+class FileList {
+public:
+    /// Creates the file (mode 0600), replacing whatever has its name without following a link. On
+    /// failure the names written to it are lost for this cycle: their files stay in the share and
+    /// are listed again.
+    explicit FileList(std::string fileName);
+
+    const std::string& name() const { return fileName; }
+
+    /// Adds a name.
+    void add(const std::string& entry);
+
+    /// Writes out what was added and closes the file.
+    void close();
+
+private:
+    std::string fileName;
+    Descriptor file;
+    std::string pending; // names not written to the file yet
+};
+
+/// Creates `n` file lists for the calling thread and deals the names to them round-robin. All is
+/// written and still open for the caller to close.
+std::vector<FileList> dealNames(const std::vector<std::string>& names, int n);

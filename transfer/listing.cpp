@@ -1,0 +1,58 @@
+// Parsing a listing.
+#include "transfer/listing.h"
+
+#include "utilities/text.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace {
+
+constexpr int fieldsBeforePath = 4;
+constexpr std::string_view whiteSpace = " \t\n\v\f\r";
+
+/// `text` without its leading blanks; only the blank character counts.
+std::string_view skipBlanks(std::string_view text) {
+    text.remove_prefix(std::min(text.find_first_not_of(' '), text.size()));
+    return text;
+}
+
+/// The fifth blank-separated field of a listing line and all that follows it; empty if there is
+/// none.
+std::string_view pathOf(std::string_view line) {
+    line = skipBlanks(line.substr(0, line.find('\n')));
+    for (int i = 0; i < fieldsBeforePath; ++i) {
+        line.remove_prefix(std::min(line.find(' '), line.size()));
+        line = skipBlanks(line);
+    }
+    return line;
+}
+
+/// The first word of `text`, delimited by white space of any kind; empty if there is none.
+std::string_view firstWord(std::string_view text) {
+    text.remove_prefix(std::min(text.find_first_not_of(whiteSpace), text.size()));
+    return text.substr(0, text.find_first_of(whiteSpace));
+}
+
+} // namespace
+
+void ListingParser::addLine(std::string_view line) {
+    const std::string_view path = pathOf(line);
+    if (path.empty() || path.front() == '.') {
+        return;
+    }
+    std::string name(firstWord(path));
+    if (name.empty()) {
+        return;
+    }
+    if (!transferList.empty() && UTILITIES::stringBegin(name, previousName + "/")) {
+        transferList.pop_back();
+    }
+    previousName = name;
+    transferList.push_back(std::move(name));
+}
+
+std::vector<std::string> ListingParser::takeNames() {
+    previousName.clear();
+    return std::exchange(transferList, {});
+}

@@ -1,0 +1,49 @@
+// What a copy process reports: reading its lines, and the account of its files.
+#pragma once
+
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+/// One line of a report, or one piece of a line that did not fit the reader's buffer.
+struct ReportLine {
+    enum class Kind {
+        skipped,   // begins with a NUL byte
+        sent,      // first word "SENT:"
+        confirmed, // first word "CONFIRMED:"
+        output     // anything else, blank lines included
+    };
+    Kind kind;
+    std::string_view
+        name; // of the file, a part of the text that was parsed; empty if the line names none
+};
+
+/// Reads one piece as it came, line feed included. Words are delimited by white space, so that a
+/// name is cut at its first blank. A "SENT:" line names its second word, a "CONFIRMED:" line its
+/// third.
+ReportLine parseReportLine(std::string_view piece);
+
+/// The account of one copy process: which files it announced and confirmed, and what else it
+/// printed.
+class TransferAccount {
+public:
+    /// A file was announced. A name that is empty or already open changes nothing.
+    void addSent(std::string_view name);
+
+    /// A file was confirmed: it counts, announced or not, each time. An empty name changes nothing.
+    void addConfirmed(std::string_view name);
+
+    /// Anything else the process printed, kept as it came.
+    void addOutput(std::string_view piece);
+
+    /// The text that the log gets at the end: a line for each file announced and never confirmed,
+    /// in byte-wise order, then the block with the process's output and the summary.
+    std::string summary() const;
+
+private:
+    std::set<std::string, std::less<>> sentNames; // announced and not yet confirmed
+    std::vector<std::string> confirmedNames;      // in order of arrival, repeated ones too
+    int copiedCount = 0;
+    std::string rsyncOutput;
+};

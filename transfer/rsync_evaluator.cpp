@@ -1,0 +1,42 @@
+// Reading a copy process's report to its end.
+#include "transfer/rsync_evaluator.h"
+
+#include "daemon/global.h"
+#include "transfer/handoff_pipe.h"
+#include "transfer/report.h"
+
+RsyncEvaluator::RsyncEvaluator(int fd, const std::string& targetDirectory)
+    : stream(nullptr), log(nullptr), target(targetDirectory) {
+    log.setMutex(mutex());
+    log.open(GLOBAL::logFileName);
+    stream = fdopen(fd, "r");
+}
+
+void RsyncEvaluator::run() {
+    HandoffPipe handoffPipe(log, target);
+    handoffPipe.open();
+
+    TransferAccount account;
+    char piece[1024];
+    while (fgets(piece, sizeof piece, stream) != nullptr) {
+        const ReportLine line = parseReportLine(piece);
+        switch (line.kind) {
+        case ReportLine::Kind::confirmed:
+            account.addConfirmed(line.name);
+            handoffPipe.pass(line.name);
+            break;
+        case ReportLine::Kind::sent:
+            account.addSent(line.name);
+            break;
+        case ReportLine::Kind::output:
+            account.addOutput(piece);
+            break;
+        case ReportLine::Kind::skipped:
+            break;
+        }
+    }
+    handoffPipe.close();
+    fclose(stream);
+
+    log << account.summary() << flush;
+}

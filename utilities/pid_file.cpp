@@ -1,0 +1,22 @@
+// Writing the PID file.
+#include "utilities/pid_file.h"
+
+#include "utilities/descriptors.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+int UTILITIES::setPidFile(const std::string& path, const std::vector<int>& pids) {
+    const Descriptor file(
+        open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, controlFileMode));
+    if (file.get() < 0) {
+        return 64;
+    }
+    writeUnchecked(file.get(), std::to_string(getpid()) + "\n");
+    for (const int pid : pids) {
+        if (pid != 0) {
+            writeUnchecked(file.get(), std::to_string(pid) + "\n");
+        }
+    }
+    return 0;
+}
