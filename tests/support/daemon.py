@@ -249,14 +249,14 @@ class Daemon:
         assert self._status is not None
         return self._status
 
-    def signal(self, number: int) -> None:
+    def send_signal(self, number: int) -> None:
         """Sends the daemon (alone) a signal."""
         assert self.is_running(), "the daemon does not run"
         os.kill(self.pid, number)
 
     def end(self, number: int = signal.SIGTERM) -> int:
         """Ends the daemon by a signal; returns its status as `wait_ended` does."""
-        self.signal(number)
+        self.send_signal(number)
         return self.wait_ended()
 
     def __enter__(self) -> Daemon:
