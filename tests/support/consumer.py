@@ -11,7 +11,9 @@ from dataclasses import dataclass
 from pathlib import Path
 from types import TracebackType
 
-FIFO = Path("/var/run/vantrel_orbelin_files")
+from support.daemon import FIFO
+from support.waiting import LIMIT
+
 START_MESSAGE = "usershift: "
 
 
@@ -86,14 +88,14 @@ class Consumer:
         with self._changed:
             return self._announced
 
-    def wait_for(self, count: int, timeout: float = 60) -> None:
+    def wait_for(self, count: int, timeout: float = LIMIT) -> None:
         """Waits until `count` paths have been handed off."""
         deadline = time.monotonic() + timeout
         with self._changed:
             while self._announced < count:
                 remaining = deadline - time.monotonic()
                 if remaining <= 0:
-                    raise TimeoutError(
+                    raise AssertionError(
                         f"{self._announced} of {count} files were announced in {timeout} s"
                     )
                 self._changed.wait(remaining)

@@ -36,7 +36,7 @@ def frame_names(count: int, prefix: str = "frame_", suffix: str = ".raw") -> lis
     return [f"{prefix}{number:06d}{suffix}" for number in range(1, count + 1)]
 
 
-class Detector:
+class SimulatedDetector:
     """Writes frames below `root` and remembers each in `frames`, by name.
 
     A frame is written as NAME.tmp and renamed when it is whole, so that no reader sees half a

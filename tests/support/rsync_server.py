@@ -14,16 +14,7 @@ RSYNC = "/usr/bin/rsync"
 PORT = 49371
 MODULE = "ramdisk"
 USER = "root"
-PASSWORD = "known to the sandbox only"
-PASSWORD_FILE = Path("/usr/local/orbelin/etc/rsyncd.secrets_remote")
-
-
-def write_password_file(path: Path = PASSWORD_FILE) -> None:
-    """Writes the clients' password, readable by its owner alone: rsync refuses it otherwise."""
-    path.parent.mkdir(parents=True, exist_ok=True)
-    path.touch(mode=0o600)
-    path.chmod(0o600)
-    path.write_text(PASSWORD + "\n", encoding="ascii")
+PASSWORD = "known to the sandbox only"  # what daemon.install_password_file() writes
 
 
 class RsyncServer:
