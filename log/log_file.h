@@ -53,6 +53,8 @@ public:
             }
         } else if constexpr (std::is_same_v<T, char>) {
             buffer.push_back(value);
+        } else if constexpr (std::is_same_v<T, int>) {
+            buffer.append(std::to_string(value));
         } else {
             // A stream of its own for each value: a failed one must not silence those that follow.
             std::ostringstream stream;
