@@ -10,6 +10,8 @@ import time
 from pathlib import Path
 from types import TracebackType
 
+from support.processes import children
+
 RSYNC = "/usr/bin/rsync"
 PORT = 49371
 MODULE = "ramdisk"
@@ -93,6 +95,14 @@ class RsyncServer:
         if self.log_file is None or not self.log_file.exists():
             return ""
         return self.log_file.read_text(encoding="utf-8", errors="replace")
+
+    def connections(self) -> int:
+        """How many clients the server has let into the module so far; needs the log."""
+        return self.log_text().count(" allowed access on module ")
+
+    def connection_pids(self) -> list[int]:
+        """The processes that serve a client now."""
+        return [each.pid for each in children(self.pid) if not each.is_zombie]
 
     def __enter__(self) -> RsyncServer:
         self.start()

@@ -1,0 +1,32 @@
+#!/usr/bin/env bash
+# Shows skarn's main job: simulated detectors write files into shares of real rsync daemons, skarn pulls them and
+# announces each one in a named pipe. Installs what is missing, builds, runs in a sandbox and compares at the end.
+#
+#   demo.sh [--detectors N] [--files N] [--size BYTES] [--rate FILES_PER_SECOND] [--help]
+#
+# The status is 0 only if everything that was produced arrived, was announced once and is gone at the source.
+# Nothing is left on the host but the build folder build/demo.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+build=$PWD/build/demo
+scripts/install-packages.sh demo
+export PYTHONPATH=$PWD/tests PYTHONDONTWRITEBYTECODE=1
+show=(/usr/bin/python3 scripts/demo/show.py --skarn "$build/skarn" --log "$build/run/skarn.log"
+    --copy-program "$build/confirming_rsync/confirming_rsync")
+
+# Questions and mistakes are answered before anything is built.
+for argument in "$@"; do
+    case $argument in
+        -h | --help) exec "${show[@]}" --help ;;
+    esac
+done
+"${show[@]}" --only-check-options "$@"
+
+printf 'Building skarn and its copy program in build/demo\n'
+if ! output=$(cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release 2>&1 &&
+    cmake --build "$build" --parallel "$(nproc)" --target skarn confirming_rsync 2>&1); then
+    printf '%s\n' "$output"
+    exit 1
+fi
+exec tests/support/sandbox "${show[@]}" "$@"
