@@ -3,16 +3,15 @@
 from __future__ import annotations
 
 import os
-import stat
 from collections import Counter
-from collections.abc import Mapping, Sequence
+from collections.abc import Collection, Mapping, Sequence
 from dataclasses import dataclass, field
 from pathlib import Path
 from types import TracebackType
 
 from support import daemon as skarn
 from support.consumer import Consumer
-from support.detector import SimulatedDetector, digest_of_file, list_files
+from support.detector import SimulatedDetector, digest_of_entry, list_files
 from support.rsync_server import RsyncServer
 from support.waiting import LIMIT, wait_until
 
@@ -112,38 +111,44 @@ def install(
     )
 
 
-def compare(station: Station, consumer: Consumer) -> Comparison:
+def compare(
+    station: Station, consumer: Consumer, staying: Collection[str] = frozenset()
+) -> Comparison:
     """Compares what a detector produced with what arrived, what was announced and what is left.
 
-    Everything that is not a folder counts, hidden files too. Symbolic links are no frames: those
-    that arrived show as never produced.
+    Everything that is not a folder counts, hidden files too. The frames in `staying` are meant to
+    stay at the source, untouched and unannounced.
     """
-    frames = station.simulator.frames
+    everything = station.simulator.frames
+    frames = {name: frame for name, frame in everything.items() if name not in staying}
     arrived = set(list_files(station.target)) if station.target.is_dir() else set()
     here = arrived & frames.keys()
     identical = {
-        name
-        for name in here
-        if stat.S_ISREG(os.lstat(station.target / name).st_mode)
-        and digest_of_file(station.target / name) == frames[name].digest
+        name for name in here if digest_of_entry(station.target / name) == frames[name].digest
     }
     announced = Counter(consumer.names_below(station.announced_target))
-    left = station.simulator.left()
+    left = set(station.simulator.left())
+    untouched = {
+        name
+        for name in left & set(staying)
+        if digest_of_entry(station.simulator.root / name) == everything[name].digest
+    }
     return Comparison(
         station,
-        produced=len(frames),
+        produced=len(everything),
         arrived=len(here),
         identical=len(identical),
         announced_once=sum(announced[name] == 1 for name in frames),
         left=len(left),
         faults={
             "did not arrive": sorted(frames.keys() - arrived),
-            "arrived but never produced": sorted(arrived - frames.keys()),
+            "arrived but should not": sorted(arrived - frames.keys()),
             "arrived with another content": sorted(here - identical),
             "not announced": sorted(frames.keys() - announced.keys()),
             "announced more than once": sorted(n for n, times in announced.items() if times > 1),
-            "announced but never produced": sorted(announced.keys() - frames.keys()),
-            "still at the source": left,
+            "announced but should not": sorted(announced.keys() - frames.keys()),
+            "still at the source": sorted(left - set(staying)),
+            "should be at the source as it was": sorted(set(staying) - untouched),
         },
     )
 
@@ -212,18 +217,25 @@ class Bed:
             wait_until(reached, f"cycles of detector {station.id} to go by", timeout)
             assert self.daemon.is_running(), "the daemon ended on its own"
 
-    def check(self) -> None:
-        """Asserts that all frames of all stations arrived, once announced, gone at the source."""
+    def check(self, staying: Collection[str] = frozenset()) -> None:
+        """Asserts that all frames of all stations arrived, once announced, gone at the source.
+
+        Those of the first station that are named in `staying` must be where they were instead.
+        """
         for station in self.stations:
-            comparison = compare(station, self.consumer)
+            expected = staying if station is self.stations[0] else frozenset()
+            comparison = compare(station, self.consumer, expected)
             assert comparison.agrees, str(comparison)
         assert "Error: Lost " not in self.daemon.archived_log()
 
-    def finish(self, timeout: float = LIMIT) -> None:
-        """Waits until all frames were announced and the daemon has nothing to do; checks all."""
-        self.wait_announced(sum(station.simulator.produced for station in self.stations), timeout)
+    def finish(self, staying: Collection[str] = frozenset(), timeout: float = LIMIT) -> None:
+        """Waits until all frames but those staying were announced, and what the daemon makes of
+        the rest is known; then checks everything.
+        """
+        produced = sum(station.simulator.produced for station in self.stations)
+        self.wait_announced(produced - len(staying), timeout)
         self.settle(timeout)
-        self.check()
+        self.check(staying)
 
     def __enter__(self) -> Bed:
         for station in self.stations:

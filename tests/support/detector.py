@@ -14,7 +14,7 @@ from pathlib import Path
 
 @dataclass(frozen=True)
 class Frame:
-    """One file that the detector produced: its name below the share's root and what is in it."""
+    """One entry that the detector produced: its name below the share's root and what is in it."""
 
     name: str
     size: int
@@ -26,8 +26,10 @@ def digest_of(content: bytes) -> str:
     return hashlib.sha256(content).hexdigest()
 
 
-def digest_of_file(path: Path) -> str:
-    """The checksum of a file's bytes."""
+def digest_of_entry(path: Path) -> str:
+    """The checksum of a file's bytes; for a symbolic link, where it leads."""
+    if path.is_symlink():
+        return f"link to {os.readlink(path)}"
     return digest_of(path.read_bytes())
 
 
@@ -54,7 +56,7 @@ class SimulatedDetector:
 
     def content(self, name: str, size: int) -> bytes:
         """What the frame of this name and size holds."""
-        return random.Random(f"{self._seed}/{name}").randbytes(size)
+        return random.Random(os.fsencode(f"{self._seed}/{name}")).randbytes(size)
 
     def write(self, name: str, size: int = 2000) -> Frame:
         """Writes one frame; folders in its name are made as needed."""
@@ -67,6 +69,24 @@ class SimulatedDetector:
         with self._lock:
             self.frames[name] = frame
         os.rename(unfinished, path)
+        return frame
+
+    def symbolic_link(self, name: str, to: str) -> Frame:
+        """Makes a symbolic link; where it leads need not exist."""
+        path = self.root / name
+        path.parent.mkdir(parents=True, exist_ok=True)
+        frame = Frame(name, len(os.fsencode(to)), f"link to {to}")
+        with self._lock:
+            self.frames[name] = frame
+        os.symlink(to, path)
+        return frame
+
+    def hard_link(self, name: str, existing: str) -> Frame:
+        """Gives a frame that is still in the share a second name."""
+        frame = Frame(name, self.frames[existing].size, self.frames[existing].digest)
+        with self._lock:
+            self.frames[name] = frame
+        os.link(self.root / existing, self.root / name)
         return frame
 
     def burst(self, names: Iterable[str], size: int = 2000) -> None:
@@ -129,12 +149,8 @@ class SimulatedDetector:
 def list_files(root: Path) -> list[str]:
     """The names below `root` of everything that is not a folder, sorted."""
     found = []
-    for folder, _, names in os.walk(root):
-        for name in names:
+    for folder, folders, names in os.walk(root):
+        links = [name for name in folders if os.path.islink(os.path.join(folder, name))]
+        for name in names + links:
             found.append(os.path.relpath(os.path.join(folder, name), root))
     return sorted(found)
-
-
-def count_files(root: Path) -> int:
-    """How many entries that are not folders stand below `root`."""
-    return sum(len(names) for _, _, names in os.walk(root))
