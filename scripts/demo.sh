@@ -5,15 +5,14 @@
 #   demo.sh [--detectors N] [--files N] [--size BYTES] [--rate FILES_PER_SECOND] [--help]
 #
 # The status is 0 only if everything that was produced arrived, was announced once and is gone at the source.
-# Nothing is left on the host but the build folder build/demo.
+# Nothing is left on the host but what stands in the folder build.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-build=$PWD/build/demo
 scripts/install-packages.sh demo
 export PYTHONPATH=$PWD/tests PYTHONDONTWRITEBYTECODE=1
-show=(/usr/bin/python3 scripts/demo/show.py --skarn "$build/skarn" --log "$build/run/skarn.log"
-    --copy-program "$build/confirming_rsync/confirming_rsync")
+show=(/usr/bin/python3 scripts/demo/show.py --skarn "$PWD/build/programs/skarn" --log "$PWD/build/demo/skarn.log"
+    --copy-program "$PWD/build/programs/confirming_rsync/confirming_rsync")
 
 # Questions and mistakes are answered before anything is built.
 for argument in "$@"; do
@@ -23,10 +22,6 @@ for argument in "$@"; do
 done
 "${show[@]}" --only-check-options "$@"
 
-printf 'Building skarn and its copy program in build/demo\n'
-if ! output=$(cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release 2>&1 &&
-    cmake --build "$build" --parallel "$(nproc)" --target skarn confirming_rsync 2>&1); then
-    printf '%s\n' "$output"
-    exit 1
-fi
+printf 'Building skarn and its copy program in build/programs ...\n'
+scripts/build-programs.sh
 exec tests/support/sandbox "${show[@]}" "$@"

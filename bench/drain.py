@@ -1,0 +1,240 @@
+#!/usr/bin/python3
+"""Drains a full share by skarn and by bare rsync processes, and compares the wall times.
+
+Called by scripts/bench-drain.sh, in the sandbox. How it is measured:
+
+- Source, target and everything else are in memory, client and server on loopback. One rsync
+  server, the same for both ways. Its share is filled while nobody looks: a folder with the files
+  is renamed onto it, so that all of them appear at one moment.
+- skarn: it runs idle (minpause 10 ms) before the files appear. The time runs from the moment they
+  appear to the moment the consumer has read the last record from the named pipe. So what skarn
+  needs to notice the files is in it, up to one listing of the empty share and one pause. The
+  moment the last source was gone is reported too.
+- bare: the time runs from the start of one listing, with skarn's own listing options, over
+  dealing the names round-robin onto eight lists, to the end of eight rsync processes started at
+  once on them, with skarn's copy options (but for --confirm-files, which stock rsync does not
+  know) and --sockopts=TCP_NODELAY, their output thrown away.
+- Both are repeated in turn, bare first in every other round, after one round that is not counted.
+  Medians are compared. The target is emptied before each, outside the measured time, and each
+  result is checked: all files there, none left.
+"""
+
+from __future__ import annotations
+
+import argparse
+import os
+import random
+import shlex
+import shutil
+import statistics
+import subprocess
+import sys
+import threading
+import time
+from collections.abc import Callable
+from dataclasses import dataclass
+from pathlib import Path
+
+from support.bed import STATE, TARGETS, Station, install, make_stations
+from support.consumer import Consumer
+from support.daemon import PASSWORD_FILE, Daemon
+from support.detector import frame_names
+from support.rsync_server import RSYNC
+from support.waiting import wait_until
+
+STAGE = Path("/srv/stage")
+LISTING_OPTIONS = ["-mrlDHW", "--list-only", "--exclude=**.tmp"]
+COPY_OPTIONS = shlex.split(
+    "-vthlDHW --remove-source-files --numeric-ids --out-format='SENT: %n' --sockopts=TCP_NODELAY"
+)
+PROCESSES = 8
+LIMIT = 120.0
+
+
+@dataclass
+class Drain:
+    """The seconds until one share was drained."""
+
+    done: float
+    emptied: float
+
+
+def parse_arguments() -> argparse.Namespace:
+    parser = argparse.ArgumentParser(
+        prog="scripts/bench-drain.sh",
+        description="Drains a share by skarn and by bare rsync processes and compares.",
+        formatter_class=argparse.ArgumentDefaultsHelpFormatter,
+    )
+    parser.add_argument("--files", type=int, default=8000, help="files in the share")
+    parser.add_argument("--size", type=int, default=20000, help="bytes of each file")
+    parser.add_argument("--rounds", type=int, default=7, help="measured rounds")
+    parser.add_argument(
+        "--limit", type=float, default=0, help="fail when the ratio is above this; 0: never"
+    )
+    for hidden in ("--skarn", "--copy-program"):
+        parser.add_argument(hidden, type=Path, required=True, help=argparse.SUPPRESS)
+    options = parser.parse_args()
+    if options.files < 1 or options.size < 0 or options.rounds < 1:
+        parser.error("--files and --rounds must be at least 1, --size not below 0")
+    return options
+
+
+def fill_stage(names: list[str], size: int) -> None:
+    """Makes the files beside the share; each is a file of its own, with its own content."""
+    STAGE.mkdir()
+    block = random.Random("drain").randbytes(size + len(names))
+    for number, name in enumerate(names):
+        (STAGE / name).write_bytes(block[number : number + size])
+
+
+class EmptyWatch:
+    """Notes when a folder in memory has no entries any more: its size says so, at no cost."""
+
+    def __init__(self, folder: Path, empty_size: int) -> None:
+        self._folder = folder
+        self._empty_size = empty_size
+        self._emptied = 0.0
+        self._stop = threading.Event()
+        self._thread = threading.Thread(target=self._watch, daemon=True)
+        self._thread.start()
+
+    def emptied(self) -> float:
+        """When it was found empty (time.monotonic); waits for it."""
+        self._thread.join(LIMIT)
+        self._stop.set()
+        assert self._emptied > 0, "the share was not emptied"
+        return self._emptied
+
+    def _watch(self) -> None:
+        while not self._stop.wait(0.005):
+            if os.stat(self._folder).st_size == self._empty_size:
+                self._emptied = time.monotonic()
+                return
+
+
+def drain_by_skarn(options: argparse.Namespace, station: Station, names: list[str]) -> Drain:
+    """One drain by the daemon, which idles when the files appear."""
+    share, empty_size = station.simulator.root, os.stat(station.simulator.root).st_size
+    with Consumer() as consumer, Daemon(options.skarn) as daemon:
+        started = daemon.start()
+        assert daemon.detached, started.errors + daemon.log()
+        listings = station.server.connections()
+        wait_until(lambda: station.server.connections() > listings + 2, "the daemon to idle")
+        begin = time.monotonic()
+        os.rename(STAGE, share)
+        watch = EmptyWatch(share, empty_size)
+        consumer.wait_for(len(names), LIMIT)
+        end = consumer.records()[-1].arrival
+        emptied = watch.emptied()
+        daemon.end()
+    assert sorted(consumer.names_below(station.announced_target)) == names
+    return Drain(end - begin, emptied - begin)
+
+
+def drain_by_rsync(station: Station, names: list[str]) -> Drain:
+    """One drain by bare rsync processes."""
+    share, empty_size = station.simulator.root, os.stat(station.simulator.root).st_size
+    password = f"--password-file={PASSWORD_FILE}"
+    os.rename(STAGE, share)
+    begin = time.monotonic()
+    listing = subprocess.run(
+        [RSYNC, *LISTING_OPTIONS, password, station.server.url],
+        stdin=subprocess.DEVNULL,
+        stdout=subprocess.PIPE,
+        check=True,
+        timeout=LIMIT,
+    )
+    listed = [line.split(None, 4)[4] for line in listing.stdout.splitlines()]
+    listed = [name for name in listed if not name.startswith(b".")]
+    processes = []
+    for number in range(PROCESSES):
+        file_list = STATE / f"list_{number}"
+        file_list.write_bytes(b"".join(name + b"\n" for name in listed[number::PROCESSES]))
+    for number in range(PROCESSES):
+        files_from = f"--files-from={STATE}/list_{number}"
+        processes.append(
+            subprocess.Popen(
+                [
+                    RSYNC,
+                    *COPY_OPTIONS,
+                    password,
+                    files_from,
+                    station.server.url,
+                    f"{station.target}/",
+                ],
+                stdin=subprocess.DEVNULL,
+                stdout=subprocess.DEVNULL,
+            )
+        )
+    watch = EmptyWatch(share, empty_size)
+    statuses = [process.wait(LIMIT) for process in processes]
+    end = time.monotonic()
+    assert statuses == [0] * PROCESSES, statuses
+    assert len(listed) == len(names)
+    return Drain(end - begin, watch.emptied() - begin)
+
+
+def prepare(station: Station, names: list[str], size: int) -> None:
+    """Empties the target and lays the next files out beside the share."""
+    shutil.rmtree(station.target, ignore_errors=True)
+    station.target.mkdir(parents=True)
+    fill_stage(names, size)
+    os.sync()
+
+
+def check(station: Station, names: list[str], size: int) -> None:
+    arrived = sorted(os.listdir(station.target))
+    assert arrived == names, f"{len(arrived)} of {len(names)} files arrived"
+    assert all((station.target / name).stat().st_size == size for name in names)
+    assert not os.listdir(station.simulator.root), "files are left at the source"
+
+
+def measure(options: argparse.Namespace) -> float:
+    names = sorted(frame_names(options.files))
+    (station,) = make_stations(1, server_log=True)
+    install(options.copy_program, [station], minpause=10)
+    TARGETS.mkdir(parents=True, exist_ok=True)
+    ways: dict[str, Callable[[], Drain]] = {
+        "skarn": lambda: drain_by_skarn(options, station, names),
+        "bare": lambda: drain_by_rsync(station, names),
+    }
+    results: dict[str, list[Drain]] = {way: [] for way in ways}
+    print(f"{options.files} files of {options.size} bytes; seconds until all is done")
+    print("  round   skarn (sources gone)    bare (sources gone)    ratio")
+    with station.server:
+        for round_number in range(options.rounds + 1):
+            this: dict[str, Drain] = {}
+            for way in sorted(ways, reverse=round_number % 2 == 1):
+                prepare(station, names, options.size)
+                this[way] = ways[way]()
+                check(station, names, options.size)
+            print(
+                f"  {round_number or 'warm-up':>7}"
+                f"   {this['skarn'].done:5.3f} ({this['skarn'].emptied:5.3f})"
+                f"         {this['bare'].done:5.3f} ({this['bare'].emptied:5.3f})"
+                f"        {this['skarn'].done / this['bare'].done:5.2f}",
+                flush=True,
+            )
+            if round_number > 0:
+                for way, drain in this.items():
+                    results[way].append(drain)
+    medians = {way: statistics.median(d.done for d in drains) for way, drains in results.items()}
+    ratio = medians["skarn"] / medians["bare"]
+    print(
+        f"medians: skarn {medians['skarn']:.3f} s, bare {medians['bare']:.3f} s, "
+        f"ratio {ratio:.2f}"
+    )
+    return ratio
+
+
+def main() -> int:
+    options = parse_arguments()
+    ratio = measure(options)
+    if options.limit and ratio > options.limit:
+        print(f"The ratio is above {options.limit:.2f}.")
+        return 1
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
