@@ -226,7 +226,10 @@ class Bed:
             expected = staying if station is self.stations[0] else frozenset()
             comparison = compare(station, self.consumer, expected)
             assert comparison.agrees, str(comparison)
-        assert "Error: Lost " not in self.daemon.archived_log()
+        log = self.daemon.archived_log()
+        assert "Error: Lost " not in log
+        # What a sanitizer has to say of the copy program comes out where its errors go.
+        assert "Sanitizer" not in log and "runtime error:" not in log, log
 
     def finish(self, staying: Collection[str] = frozenset(), timeout: float = LIMIT) -> None:
         """Waits until all frames but those staying were announced, and what the daemon makes of
