@@ -9,6 +9,7 @@ from __future__ import annotations
 
 import argparse
 import os
+import shutil
 import sys
 import time
 from collections.abc import Iterator
@@ -108,12 +109,17 @@ class Progress:
         produced = sum(station.simulator.produced for station in self._stations)
         in_share = sum(count_visible(s.simulator.root, ".tmp") for s in self._stations)
         copied = sum(count_visible(station.target) for station in self._stations)
-        line = (
-            f"{now - self._begin:5.1f} s {self._bar(handed_off)} produced {produced:5d}"
-            f"  in share {in_share:4d}  copied {copied:5d}  handed off {handed_off:5d}"
-            f"  {rate:6.1f} files/s"
+        seconds = f"{now - self._begin:5.1f} s"
+        numbers = (
+            f"produced {produced:5d}  in share {in_share:4d}  copied {copied:5d}"
+            f"  handed off {handed_off:5d}  {rate:4.0f}/s"
         )
+        line = f"{seconds}  {self._bar(handed_off)}  {numbers}"
         if self._terminal:
+            # A line that wraps could not be rewritten in place.
+            width = shutil.get_terminal_size().columns - 1
+            if len(line) > width:
+                line = f"{seconds}  {numbers}"[:width]
             print(f"\r{line}\033[K", end="\n" if last else "", flush=True)
         else:
             print(line, flush=True)
