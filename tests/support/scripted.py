@@ -5,6 +5,7 @@ from __future__ import annotations
 import json
 import os
 import re
+import shutil
 import stat
 from collections.abc import Iterable, Sequence
 from dataclasses import dataclass
@@ -14,13 +15,14 @@ from support.daemon import Detector, install_copy_program
 from support.waiting import LIMIT, wait_until
 
 FOLDER = Path("/usr/local/orbelin/scripted")
+STAND_INS = FOLDER / "bin"
 
 
 @dataclass(frozen=True)
 class Call:
     """How the copy program was called once. Arguments and variables are bytes shown as Latin-1."""
 
-    kind: str  # "listing" or "copy"
+    kind: str  # "listing", "copy", or the name of a program that was stood in for
     arguments: list[str]
     environment: list[str]
     directory: str
@@ -63,6 +65,14 @@ def install() -> None:
     for folder in (FOLDER, FOLDER / "calls"):
         folder.mkdir(exist_ok=True)
         folder.chmod(0o1777)
+
+
+def install_stand_in(name: str) -> None:
+    """Lets the program stand in for the one of that name in /bin, where STAND_INS comes first in
+    the search path. Its calls are recorded under that name; it complains before it obeys.
+    """
+    STAND_INS.mkdir(exist_ok=True)
+    shutil.copy(os.environ["SCRIPTED_COPY_BINARY"], STAND_INS / name)
 
 
 def calls(kind: str | None = None) -> list[Call]:

@@ -26,6 +26,9 @@
 //   kill SIGNAL             end by this signal
 //   exit STATUS             end with this status; the end of a script is "exit 0"
 //
+// Under another name than rsync_orbelin it stands in for the program of that name: it records the
+// call, complains on its output and error output, and becomes the program of that name in /bin.
+//
 // A wait that takes longer than a minute ends the call with status 97, an unknown step with 98 and
 // a call that can't be recorded with 99.
 
@@ -57,9 +60,11 @@ constexpr int waitedTooLong = 97;
 constexpr int unknownStep = 98;
 constexpr int notRecorded = 99;
 
+// What a regular file holds; nothing for whatever else may stand under that name.
 std::optional<std::string> contentOf(const std::string& path) {
+    struct stat status = {};
     std::ifstream file(path, std::ios::binary);
-    if (!file) {
+    if (!file || stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) {
         return std::nullopt;
     }
     return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
@@ -177,7 +182,7 @@ bool writeAll(int descriptor, std::string_view bytes) {
 }
 
 // Records this call. Comes before anything that opens a file for longer than it takes to read it.
-void record(bool isCopy, const std::vector<std::string>& arguments, char** environment,
+void record(const std::string& kind, const std::vector<std::string>& arguments, char** environment,
             const std::string& listName) {
     const std::string descriptors = openDescriptors();
     std::vector<std::string> variables;
@@ -190,8 +195,7 @@ void record(bool isCopy, const std::vector<std::string>& arguments, char** envir
     const bool hasList = !listName.empty() && lstat(listName.c_str(), &list) == 0;
 
     std::ostringstream text;
-    text << "{\"kind\": " << (isCopy ? "\"copy\"" : "\"listing\"")
-         << ",\n \"argv\": " << quotedList(arguments)
+    text << "{\"kind\": " << quoted(kind) << ",\n \"argv\": " << quotedList(arguments)
          << ",\n \"environment\": " << quotedList(variables)
          << ",\n \"directory\": " << quoted(linkTarget("/proc/self/cwd"))
          << ",\n \"pid\": " << getpid() << ", \"parent\": " << getppid()
@@ -233,6 +237,14 @@ std::optional<std::string> nextOf(const std::string& series) {
             return std::nullopt;
         }
     }
+}
+
+// Goes on as the program of that name in /bin.
+[[noreturn]] void standInFor(const std::string& program, char** argv) {
+    writeAll(STDOUT_FILENO, "remark of " + program + "\n");
+    writeAll(STDERR_FILENO, "complaint of " + program + "\n");
+    execv(("/bin/" + program).c_str(), argv);
+    _exit(unknownStep);
 }
 
 std::string scriptFor(bool isCopy, const std::string& key, const std::string& listName) {
@@ -357,12 +369,17 @@ void perform(const std::string& step, const std::string& listName) {
 
 int main(int argc, char** argv, char** environment) {
     const std::vector<std::string> arguments(argv, argv + argc);
+    const std::string program = arguments.at(0).substr(arguments.at(0).rfind('/') + 1);
+    if (program != "rsync_orbelin") {
+        record(program, arguments, environment, "");
+        standInFor(program, argv);
+    }
     bool isCopy = false;
     for (const std::string& argument : arguments) {
         isCopy = isCopy || argument == "--confirm-files";
     }
     const std::string listName = optionValue(arguments, "--files-from=");
-    record(isCopy, arguments, environment, listName);
+    record(isCopy ? "copy" : "listing", arguments, environment, listName);
     std::istringstream script(scriptFor(isCopy, shareKey(arguments), listName));
     std::string step;
     while (std::getline(script, step)) {
