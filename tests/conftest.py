@@ -3,7 +3,6 @@
 from __future__ import annotations
 
 import os
-import re
 import stat
 from collections.abc import Iterator
 from pathlib import Path
@@ -41,44 +40,43 @@ def empty_sandbox() -> Iterator[None]:
 
 def empty_places() -> None:
     """Removes everything from the daemon's places, and puts back the empty folders."""
-    kept = mount_points()
     for place in EMPTIED:
         if os.path.isdir(place):
-            empty(os.path.realpath(place), kept)
+            empty(os.path.realpath(place))
     for name in os.listdir("/etc"):
         if name.startswith("skarn_orbelin"):
-            remove(os.path.join("/etc", name), kept)
+            path = Path("/etc", name)
+            if path.is_dir():
+                empty(str(path))
+                path.rmdir()
+            else:
+                path.unlink()
     for folder in (daemon.COPY_PROGRAM.parent, daemon.PASSWORD_FILE.parent):
         folder.mkdir(parents=True, exist_ok=True)
     for place, mode in (("/run", 0o755), ("/srv", 0o755), ("/tmp", 0o1777)):
         os.chmod(place, mode)
 
 
-def mount_points() -> set[str]:
-    """Where something is mounted: what is mounted below an emptied place is not ours to empty."""
-    lines = Path("/proc/self/mountinfo").read_text(encoding="utf-8").splitlines()
-    return {
-        re.sub(r"\\([0-7]{3})", lambda code: chr(int(code[1], 8)), line.split()[4])
-        for line in lines
-    }
+def empty(place: str, within: int | None = None) -> bool:
+    """Removes what is in a folder (named from the folder `within`, if given), at any depth.
 
-
-def empty(folder: str, kept: set[str]) -> bool:
-    """Empties a folder but for the places in `kept`; returns whether nothing is left."""
-    done = True
-    for name in os.listdir(folder):
-        done = remove(os.path.join(folder, name), kept) and done
-    return done
-
-
-def remove(path: str, kept: set[str]) -> bool:
-    """Removes a file or folder but for the places in `kept`; returns whether it is gone."""
-    if path in kept:
-        return False
-    if stat.S_ISDIR(os.lstat(path).st_mode):
-        if not empty(path, kept):
-            return False
-        os.rmdir(path)
-    else:
-        os.unlink(path)
-    return True
+    What is mounted below it stays: the project itself may be seen there. Returns whether nothing
+    is left.
+    """
+    folder = os.open(place, os.O_RDONLY | os.O_DIRECTORY | os.O_NOFOLLOW, dir_fd=within)
+    try:
+        device = os.fstat(folder).st_dev
+        nothing_left = True
+        for name in os.listdir(folder):
+            status = os.stat(name, dir_fd=folder, follow_symlinks=False)
+            if status.st_dev != device:
+                nothing_left = False
+            elif not stat.S_ISDIR(status.st_mode):
+                os.unlink(name, dir_fd=folder)
+            elif empty(name, folder):
+                os.rmdir(name, dir_fd=folder)
+            else:
+                nothing_left = False
+        return nothing_left
+    finally:
+        os.close(folder)
