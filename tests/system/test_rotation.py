@@ -1,0 +1,204 @@
+"""The log's rotation by size, idle and under load."""
+
+from __future__ import annotations
+
+import re
+from pathlib import Path
+
+import pytest
+
+from support import expected, scripted
+from support.daemon import LOG_FILE, Daemon, Detector, write_configuration
+from support.waiting import wait_until
+
+
+def configure(max_size: object, max_number: object, *detectors: Detector) -> None:
+    settings: dict[str, object] = {
+        "logfile": LOG_FILE,
+        "logfile_max_size": max_size,
+        "logfile_max_number": max_number,
+    }
+    write_configuration(settings, detectors or [Detector("1", minpause=1)])
+
+
+def archive(number: int) -> Path:
+    return LOG_FILE.with_name(f"{LOG_FILE.name}.{number}")
+
+
+def files() -> list[str]:
+    return sorted(path.name for path in LOG_FILE.parent.iterdir())
+
+
+def start_length(size: int) -> int:
+    """How long the log is when the first worker begins; every date has the same length."""
+    date = "Sun Nov 21 05:05:05 2026"
+    text = expected.banner(date) + expected.settings(max_size=size) + expected.starting_thread("1")
+    return len(text)
+
+
+@pytest.mark.parametrize("over, rotated", [(0, False), (1, True)])
+def test_a_log_as_long_as_the_limit_stays(daemon: Daemon, over: int, rotated: bool) -> None:
+    length = start_length(100)
+    assert 100 <= length - over < 1000, "the limit must have as many digits as assumed"
+    configure(length - over, 10)
+    daemon.start()
+    scripted.wait_for_calls("listing", 5)
+    assert files() == (["skarn.log.0"] if rotated else ["skarn.log"])
+    assert len((archive(0) if rotated else LOG_FILE).read_bytes()) == length
+
+
+@pytest.mark.parametrize("max_size", ["-1", "2G", "-3M"])
+def test_a_negative_limit_never_rotates(daemon: Daemon, max_size: str) -> None:
+    configure(max_size, 10)
+    LOG_FILE.write_bytes(b"x" * 5_000_000)
+    daemon.start()
+    scripted.add_listing(["a"])
+    daemon.wait_for_log("1: Removed file")
+    scripted.wait_for_calls("listing", 5)
+    assert files() == ["skarn.log"]
+    assert LOG_FILE.stat().st_size > 5_000_000
+
+
+@pytest.mark.parametrize("max_size", ["0", "4G"])
+def test_a_limit_of_0_rotates_whatever_is_not_empty(daemon: Daemon, max_size: str) -> None:
+    configure(max_size, 10)
+    daemon.start()
+    scripted.wait_for_calls("listing", 5)
+    # Nothing was logged since, and what is missing is not rotated.
+    assert files() == ["skarn.log.0"]
+    before = archive(0).read_bytes()
+    scripted.add_listing(["a"])
+    wait_until(lambda: files() == ["skarn.log.0", "skarn.log.1"], lambda: f"rotation: {files()}")
+    count = len(scripted.calls("listing"))
+    scripted.wait_for_calls("listing", count + 3)
+    assert files() == ["skarn.log.0", "skarn.log.1"]
+    assert archive(1).read_bytes() == before
+    text = archive(0).read_text()
+    assert text.startswith(expected.SEPARATOR)
+    assert expected.block(confirmed=["a"]) in text
+    assert archive(0).stat().st_mode & 0o7777 == 0o644
+
+
+def test_an_empty_log_is_not_rotated(daemon: Daemon) -> None:
+    configure(0, 10)
+    daemon.start()
+    scripted.wait_for_calls("listing", 3)
+    LOG_FILE.touch()
+    count = len(scripted.calls("listing"))
+    scripted.wait_for_calls("listing", count + 3)
+    assert files() == ["skarn.log", "skarn.log.0"]
+
+
+def rotate_often(daemon: Daemon, cycles: int) -> None:
+    for cycle in range(cycles):
+        scripted.add_listing([f"cycle-{cycle}"])
+    daemon.start()
+    scripted.wait_for_calls("listing", cycles + 3)
+
+
+def cycles_in(path: Path) -> list[int]:
+    found: list[str] = re.findall(r"^Copied 1 files .* cycle-(\d+)$", path.read_text(), re.M)
+    return [int(number) for number in found]
+
+
+def test_the_highest_archive_number_is_the_setting(daemon: Daemon) -> None:
+    configure(0, 2)
+    archive(7).write_text("someone else's\n")
+    rotate_often(daemon, 10)
+    assert files() == ["skarn.log.0", "skarn.log.1", "skarn.log.2", "skarn.log.7"]
+    assert [cycles_in(archive(number)) for number in range(3)] == [[9], [8], [7]]
+    assert archive(7).read_text() == "someone else's\n"
+
+
+def test_eleven_archives_by_default(daemon: Daemon) -> None:
+    write_configuration(
+        {"logfile": LOG_FILE, "logfile_max_size": 0}, [Detector("1", minpause=1)]
+    )
+    rotate_often(daemon, 15)
+    assert len(files()) == 11
+    assert [cycles_in(archive(number)) for number in range(11)] == [
+        [14 - number] for number in range(11)
+    ]
+
+
+@pytest.mark.parametrize("max_number", ["0", "-4"])
+def test_without_numbers_there_is_one_archive(daemon: Daemon, max_number: str) -> None:
+    configure(0, max_number)
+    archive(1).write_text("someone else's\n")
+    rotate_often(daemon, 4)
+    assert files() == ["skarn.log.0", "skarn.log.1"]
+    assert cycles_in(archive(0)) == [3]
+    assert archive(1).read_text() == "someone else's\n"
+
+
+def test_a_gap_in_the_archives_is_no_trouble(daemon: Daemon) -> None:
+    configure(0, 4)
+    archive(0).write_text("zero\n")
+    archive(2).write_text("two\n")
+    daemon.start()
+    scripted.wait_for_calls("listing", 3)
+    assert files() == ["skarn.log.0", "skarn.log.1", "skarn.log.3"]
+    assert archive(1).read_text() == "zero\n" and archive(3).read_text() == "two\n"
+
+
+def test_an_archive_that_cannot_be_moved_is_left(daemon: Daemon) -> None:
+    configure(0, 3)
+    (archive(1) / "occupied").mkdir(parents=True)
+    (archive(2) / "occupied").mkdir(parents=True)
+    (archive(3) / "occupied").mkdir(parents=True)
+    rotate_often(daemon, 3)
+    # Nothing moves above the folders, and the log still goes to number 0.
+    assert files() == ["skarn.log.0", "skarn.log.1", "skarn.log.2", "skarn.log.3"]
+    assert cycles_in(archive(0)) == [2]
+
+
+def test_no_line_is_lost_under_load(daemon: Daemon) -> None:
+    detectors = [
+        Detector(f"d{number}", f"127.0.0.{number}", target=f"/srv/t{number}", minpause=0)
+        for number in range(1, 4)
+    ]
+    configure(3000, 500, *detectors)
+    cycles, count = 25, 150
+    names = {
+        (detector.id, cycle): [f"{detector.id}-{cycle}-{number:03d}" for number in range(count)]
+        for detector in detectors
+        for cycle in range(cycles)
+    }
+    for detector in detectors:
+        for cycle in range(cycles):
+            scripted.add_listing(names[detector.id, cycle], detector)
+    daemon.start()
+    wanted = len(detectors) * cycles * 2
+    wait_until(
+        lambda: daemon.archived_log().count(": Removed file") >= wanted,
+        lambda: f"{wanted} lists to be removed, not {daemon.archived_log().count(': Removed')}",
+        60,
+    )
+    daemon.end()
+    log = daemon.archived_log()
+
+    calls = scripted.calls("copy")
+    assert len(calls) == wanted
+    lines = [expected.starting_thread(str(detector.id)) for detector in detectors]
+    for detector in detectors:
+        share = expected.url(str(detector.address))
+        lines += [expected.starting(str(detector.id), 2)] * cycles
+        for call in (call for call in calls if call.url == share):
+            assert call.names is not None
+            command = expected.copy_command(call.list_name, share, f"{detector.target}/.")
+            lines += [
+                expected.rsync_call(str(detector.id), command),
+                expected.ended(str(detector.id), call.pid),
+                expected.removed(str(detector.id), call.list_name),
+                expected.NO_FIFO,
+                *expected.block(confirmed=call.names).splitlines(keepends=True),
+            ]
+    start = expected.banner(expected.date_in(log)) + expected.settings(
+        max_size=3000, max_number=500
+    )
+    assert log.startswith(start)
+    body = log[len(start) :].replace(expected.SEPARATOR, "")
+    assert sorted(body.splitlines(keepends=True)) == sorted(lines)
+    archives = [path for path in LOG_FILE.parent.iterdir() if path != LOG_FILE]
+    assert len(archives) > 5
+    assert all(path.stat().st_size > 3000 for path in archives)
