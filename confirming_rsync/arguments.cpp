@@ -1,0 +1,96 @@
+// What the caller asked for, and the argument vectors and environment that stock rsync gets for it.
+#include "confirming_rsync/arguments.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <string_view>
+
+namespace confirming {
+
+namespace {
+
+bool beginsWith(std::string_view text, std::string_view beginning) {
+    return text.substr(0, beginning.size()) == beginning;
+}
+
+// If arguments[at] is `option`, with its value behind "=" or as the next argument, stores the value
+// and returns true.
+bool readOption(const std::vector<std::string>& arguments, std::size_t at, std::string_view option,
+                std::string& value) {
+    const std::string_view argument = arguments[at];
+    if (!beginsWith(argument, option)) {
+        return false;
+    }
+    if (argument.size() > option.size() && argument[option.size()] == '=') {
+        value = argument.substr(option.size() + 1);
+        return true;
+    }
+    if (argument.size() == option.size() && at + 1 < arguments.size()) {
+        value = arguments[at + 1];
+        return true;
+    }
+    return false;
+}
+
+std::vector<std::string> optionsForReport(const std::string& uid, const std::string& gid) {
+    // Without TCP_NODELAY each removal waits for the peer's delayed acknowledgement.
+    std::vector<std::string> options{"--8-bit-output", "--sockopts=TCP_NODELAY", "--info=remove1"};
+    if (!uid.empty() || !gid.empty()) {
+        options.emplace_back("-og");
+        options.push_back("--chown=" + uid + (gid.empty() ? "" : ":" + gid));
+    }
+    return options;
+}
+
+} // namespace
+
+Arguments readArguments(const std::vector<std::string>& arguments, const std::string& uid,
+                        const std::string& gid) {
+    Arguments result;
+    bool options = true;
+    std::vector<std::string> kept;
+    for (std::size_t at = 0; at < arguments.size(); ++at) {
+        const std::string& argument = arguments[at];
+        std::string value;
+        if (argument == "--") {
+            options = false;
+        } else if (options && argument == "--confirm-files") {
+            result.confirming = true;
+            continue;
+        } else if (options && readOption(arguments, at, "--files-from", value)) {
+            result.fileList = value;
+        } else if (options && (argument == "--from0" || argument == "-0")) {
+            result.fileListEndsNamesWithNul = true;
+        } else if (options && readOption(arguments, at, "--password-file", value)) {
+            result.access = {"--password-file=" + value};
+        }
+        kept.push_back(argument);
+    }
+    if (kept.size() >= 2) {
+        result.source = kept[kept.size() - 2];
+        result.destination = kept.back();
+    }
+    result.rsync =
+        result.confirming ? optionsForReport(uid, gid) : std::vector<std::string>{"--8-bit-output"};
+    result.rsync.insert(result.rsync.end(), kept.begin(), kept.end());
+    return result;
+}
+
+std::vector<std::string> childEnvironment(std::vector<std::string> environment) {
+    const auto isSet = [&environment](std::string_view name) {
+        return std::any_of(environment.begin(), environment.end(),
+                           [name](const std::string& entry) { return beginsWith(entry, name); });
+    };
+    if (!isSet("PATH=")) {
+        environment.emplace_back(
+            "PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin");
+    }
+    environment.erase(
+        std::remove_if(environment.begin(), environment.end(),
+                       [](const std::string& entry) { return beginsWith(entry, "LC_ALL="); }),
+        environment.end());
+    environment.emplace_back("LC_ALL=C");
+    return environment;
+}
+
+} // namespace confirming

@@ -1,0 +1,71 @@
+// The list of names that stock rsync is told to copy.
+#include "confirming_rsync/file_list.h"
+
+#include "confirming_rsync/descriptors.h"
+#include "confirming_rsync/printed_name.h"
+
+#include <array>
+#include <cerrno>
+#include <cstddef>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace confirming {
+
+namespace {
+
+// The name as rsync uses it: relative, without what does not change the file it means.
+std::string_view trimmed(std::string_view name) {
+    for (;;) {
+        if (name.substr(0, 1) == "/") {
+            name.remove_prefix(1);
+        } else if (name.substr(0, 2) == "./") {
+            name.remove_prefix(2);
+        } else {
+            break;
+        }
+    }
+    while (!name.empty() && name.back() == '/') {
+        name.remove_suffix(1);
+    }
+    return name;
+}
+
+} // namespace
+
+std::vector<std::string> listedNames(std::string_view text, bool endedByNul) {
+    using namespace std::string_view_literals;
+    const std::string_view ends = endedByNul ? "\0"sv : "\n\r"sv;
+    std::vector<std::string> names;
+    while (!text.empty()) {
+        const std::size_t end = text.find_first_of(ends);
+        const std::string_view name = trimmed(text.substr(0, end));
+        if (!name.empty()) {
+            names.push_back(printedName(name));
+        }
+        text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
+    }
+    return names;
+}
+
+std::string readFileList(const std::string& path) {
+    const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    struct stat status {};
+    if (!file || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
+        return {};
+    }
+    std::string text;
+    std::array<char, 64 * 1024> buffer{};
+    for (;;) {
+        const ssize_t count = ::read(file.get(), buffer.data(), buffer.size());
+        if (count > 0) {
+            text.append(buffer.data(), static_cast<std::size_t>(count));
+        } else if (count == 0 || errno != EINTR) {
+            return count == 0 ? text : std::string();
+        }
+    }
+}
+
+} // namespace confirming

@@ -1,0 +1,204 @@
+// Turns what stock rsync says into the report: which files were sent, which are confirmed.
+#include "confirming_rsync/report_filter.h"
+
+#include <cstddef>
+#include <utility>
+
+namespace confirming {
+
+namespace {
+
+constexpr std::string_view sentPrefix = "SENT: ";
+constexpr std::string_view removedPrefix = "sender removed ";
+constexpr std::string_view blanks = " \t\n\v\f\r";
+
+bool beginsWith(std::string_view text, std::string_view beginning) {
+    return text.substr(0, beginning.size()) == beginning;
+}
+
+// The line's first word, as a reader sees it that splits at white space and stops at a NUL byte.
+std::string_view firstWord(std::string_view line) {
+    const std::size_t begin = line.find_first_not_of(blanks);
+    if (begin == std::string_view::npos) {
+        return {};
+    }
+    line.remove_prefix(begin);
+    line = line.substr(0, line.find('\0'));
+    return line.substr(0, line.find_first_of(blanks));
+}
+
+} // namespace
+
+ReportFilter::ReportFilter(SentLineMayFollow sentLineMayFollow)
+    : sentLineMayFollow_(std::move(sentLineMayFollow)) {
+}
+
+void ReportFilter::takeOutput(std::string_view bytes) {
+    std::vector<LinePiece> pieces;
+    output_.take(bytes, pieces);
+    for (const LinePiece& piece : pieces) {
+        handleOutput(piece);
+    }
+}
+
+void ReportFilter::takeErrorOutput(std::string_view bytes) {
+    std::vector<LinePiece> pieces;
+    errorOutput_.take(bytes, pieces);
+    for (const LinePiece& piece : pieces) {
+        handleErrorOutput(piece);
+    }
+}
+
+void ReportFilter::finish() {
+    std::vector<LinePiece> pieces;
+    output_.finish(pieces);
+    for (const LinePiece& piece : pieces) {
+        putPiece(piece, Origin::output);
+    }
+    pieces.clear();
+    errorOutput_.finish(pieces);
+    for (const LinePiece& piece : pieces) {
+        putPiece(piece, Origin::errorOutput);
+    }
+    endOpenLine();
+    for (const std::string& name : std::exchange(heldBack_, {})) {
+        confirm(name);
+    }
+}
+
+void ReportFilter::confirm(const std::string& name) {
+    State& state = files_[name];
+    if (state != State::confirmed) {
+        state = State::confirmed;
+        putConfirmation(name);
+    }
+}
+
+void ReportFilter::remark(std::string_view text) {
+    putLine(text);
+}
+
+std::string ReportFilter::takeReport() {
+    return std::exchange(report_, {});
+}
+
+bool ReportFilter::wasSent(const std::string& name) const {
+    const auto found = files_.find(name);
+    return found != files_.end() && found->second == State::sent;
+}
+
+bool ReportFilter::wasConfirmed(const std::string& name) const {
+    const auto found = files_.find(name);
+    return found != files_.end() && found->second == State::confirmed;
+}
+
+void ReportFilter::handleOutput(const LinePiece& piece) {
+    const std::string_view line = piece.text;
+    if (piece.begins && piece.ends) {
+        if (beginsWith(line, sentPrefix) && line.size() > sentPrefix.size()) {
+            handleSent(std::string(line.substr(sentPrefix.size())), line);
+            return;
+        }
+        if (beginsWith(line, removedPrefix) && line.size() > removedPrefix.size() &&
+            line.back() != '/') {
+            handleRemoved(std::string(line.substr(removedPrefix.size())));
+            return;
+        }
+        if (beginsWith(line, "receiving file list ... done")) {
+            sawFileList_ = true;
+        }
+    }
+    putPiece(piece, Origin::output);
+}
+
+void ReportFilter::handleErrorOutput(const LinePiece& piece) {
+    if (piece.begins && piece.ends) {
+        rememberComplaint(piece.text);
+    }
+    putPiece(piece, Origin::errorOutput);
+}
+
+void ReportFilter::handleSent(const std::string& name, std::string_view line) {
+    if (name.back() == '/') {
+        return;
+    }
+    const auto [file, isNew] = files_.try_emplace(name, State::sent);
+    if (file->second == State::confirmed) {
+        // It would make the reader wait for a second confirmation.
+        return;
+    }
+    putLine(line);
+    if (!isNew && file->second == State::heldBack) {
+        file->second = State::confirmed;
+        putConfirmation(name);
+    }
+}
+
+void ReportFilter::handleRemoved(const std::string& name) {
+    const auto file = files_.find(name);
+    if (file != files_.end() && file->second != State::sent) {
+        return;
+    }
+    if (file == files_.end() && sentLineMayFollow_(name)) {
+        files_.emplace(name, State::heldBack);
+        heldBack_.push_back(name);
+        return;
+    }
+    confirm(name);
+}
+
+// Keeps what is needed to tell names that rsync could not handle from names that it left alone:
+//   rsync: [sender] link_stat "/NAME" (in MODULE) failed: No such file or directory (2)
+//   file has vanished: "/NAME" (in MODULE)
+//   ERROR: NAME failed verification -- update discarded.
+void ReportFilter::rememberComplaint(std::string_view line) {
+    constexpr std::string_view error = "ERROR: ";
+    constexpr std::string_view failedVerification = " failed verification -- update ";
+    if (beginsWith(line, error)) {
+        const std::size_t end = line.rfind(failedVerification);
+        if (end != std::string_view::npos && end > error.size()) {
+            discarded_.emplace(line.substr(error.size(), end - error.size()));
+        }
+    }
+    const std::size_t begin = line.find('"');
+    const std::size_t end = line.rfind("\" (in ");
+    if (end != std::string_view::npos && begin < end) {
+        complaints_.emplace(line.substr(begin + 1, end - begin - 1));
+    }
+}
+
+// Every confirmation leaves here.
+void ReportFilter::putConfirmation(const std::string& name) {
+    confirmed_ = true;
+    putLine("CONFIRMED: removed " + name);
+}
+
+void ReportFilter::putLine(std::string_view text) {
+    endOpenLine();
+    report_ += text;
+    report_ += '\n';
+}
+
+void ReportFilter::putPiece(const LinePiece& piece, Origin origin) {
+    if (openLine_ != origin) {
+        endOpenLine();
+        const std::string_view word = firstWord(piece.text);
+        if (word == "CONFIRMED:" || (word == "SENT:" && origin == Origin::errorOutput)) {
+            report_ += "rsync: ";
+        }
+    }
+    report_ += piece.text;
+    openLine_ = origin;
+    if (piece.ends) {
+        endOpenLine();
+    }
+}
+
+void ReportFilter::endOpenLine() {
+    if (openLine_ != Origin::nobody) {
+        report_ += '\n';
+        openLine_ = Origin::nobody;
+    }
+}
+
+} // namespace confirming

@@ -1,0 +1,96 @@
+// Turns what stock rsync says into the report: which files were sent, which are confirmed.
+#pragma once
+
+#include "confirming_rsync/line_assembly.h"
+
+#include <functional>
+#include <map>
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace confirming {
+
+// Reads the standard output and the error output of one stock rsync that was started with
+// --out-format='SENT: %n', --info=remove1 and --8-bit-output, and writes the report:
+//
+//   SENT: NAME                as it came; not for directories (NAME ends in a slash)
+//   CONFIRMED: removed NAME   in place of "sender removed NAME", once a name, after its SENT line
+//   any other line            as it came
+//
+// A line of rsync's that would read as a confirmation without being one gets "rsync: " in front.
+// A line of more than LineAssembly::limit bytes is passed on in pieces, and ended early where a
+// line of another origin must go between.
+//
+// Entirely passive: no system calls, no clock. Names are kept and reported as rsync prints them.
+class ReportFilter {
+public:
+    // Says whether the SENT line of a name that was reported as removed may still come. Asked only
+    // for names without a SENT line so far.
+    using SentLineMayFollow = std::function<bool(const std::string& name)>;
+
+    explicit ReportFilter(SentLineMayFollow sentLineMayFollow);
+
+    // The next bytes of rsync's standard output, of its error output. Any bytes, any portions.
+    void takeOutput(std::string_view bytes);
+    void takeErrorOutput(std::string_view bytes);
+
+    // Both streams have ended: passes on what had no line feed (as a line, and never as a
+    // confirmation: it may have been cut off) and every confirmation that was still held back.
+    void finish();
+
+    // The file is known to be deleted at its source from elsewhere than rsync's output. Reported
+    // unless it already was.
+    void confirm(const std::string& name);
+
+    // A line of the program's own, without line feed.
+    void remark(std::string_view text);
+
+    // The report since the last call: whole lines, but for pieces of over-long ones.
+    std::string takeReport();
+
+    bool hasConfirmed() const { return confirmed_; }
+
+    bool wasSent(const std::string& name) const;
+    bool wasConfirmed(const std::string& name) const;
+
+    // True if rsync gave up on the received file: nothing was put in place under this name.
+    bool wasDiscarded(const std::string& name) const { return discarded_.count(name) != 0; }
+
+    // True if rsync said that it has received the list of what there is at the source. What it
+    // complained about until then is not there.
+    bool sawFileList() const { return sawFileList_; }
+
+    // True if rsync complained about this path of the share. The path is as rsync prints it,
+    // module left out: "/data/NAME".
+    bool wasComplainedAbout(const std::string& path) const { return complaints_.count(path) != 0; }
+
+private:
+    enum class State { sent, heldBack, confirmed };
+    enum class Origin { nobody, output, errorOutput };
+
+    void handleOutput(const LinePiece& piece);
+    void handleErrorOutput(const LinePiece& piece);
+    void handleSent(const std::string& name, std::string_view line);
+    void handleRemoved(const std::string& name);
+    void rememberComplaint(std::string_view line);
+    void putConfirmation(const std::string& name);
+    void putLine(std::string_view text);
+    void putPiece(const LinePiece& piece, Origin origin);
+    void endOpenLine();
+
+    SentLineMayFollow sentLineMayFollow_;
+    LineAssembly output_;
+    LineAssembly errorOutput_;
+    std::map<std::string, State> files_;
+    std::vector<std::string> heldBack_; // in order of arrival; some may be confirmed by now
+    std::set<std::string> complaints_;
+    std::set<std::string> discarded_;
+    std::string report_;
+    Origin openLine_ = Origin::nobody; // whose over-long line the report is in the middle of
+    bool confirmed_ = false;
+    bool sawFileList_ = false;
+};
+
+} // namespace confirming
