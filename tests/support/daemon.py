@@ -168,6 +168,7 @@ class Daemon:
         user: int | None = None,
         umask: int = -1,
         wrapper: Sequence[str] = (),
+        leak_check: bool = True,
         timeout: float = LIMIT,
     ) -> Start:
         """Runs the start command and returns what it left once it has ended.
@@ -175,6 +176,8 @@ class Daemon:
         `environment` is added to a minimal one (PATH alone). `closed` names standard descriptors
         that the command starts without. `user` (also the group's id) and `umask` are set for it.
         `wrapper` is a command that runs the rest of its arguments, for instance prlimit.
+        `leak_check` matters to instrumented builds only: whether memory that nothing refers to at
+        the end is a complaint.
 
         This process adopts the daemon, so its status can be had. When the command detached a
         daemon, `pid` knows it from now on, also when it has ended already.
@@ -192,7 +195,7 @@ class Daemon:
             stdout=subprocess.PIPE,
             stderr=subprocess.PIPE,
             cwd=directory,
-            env=self._environment(environment or {}),
+            env=self._environment(environment or {}, leak_check),
             user=user,
             group=user,
             extra_groups=[] if user is not None else None,
@@ -333,13 +336,13 @@ class Daemon:
         wait_until(look, lambda: f"{what!r} in the log, which ends:\n{seen[-3000:]}", timeout)
         return seen
 
-    def _environment(self, wanted: Mapping[str, str]) -> dict[str, str]:
+    def _environment(self, wanted: Mapping[str, str], leak_check: bool) -> dict[str, str]:
         environment = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin"}
         if self.sanitizer is not None:
             REPORTS.mkdir(mode=0o777, parents=True, exist_ok=True)
             REPORTS.chmod(0o777)
             options = f"log_path={REPORTS}/report:exitcode=99"
-            environment["ASAN_OPTIONS"] = options + ":detect_leaks=1"
+            environment["ASAN_OPTIONS"] = f"{options}:detect_leaks={int(leak_check)}"
             environment["UBSAN_OPTIONS"] = options + ":print_stacktrace=1"
             environment["TSAN_OPTIONS"] = options + ":second_deadlock_stack=1"
         return {**environment, **wanted}
