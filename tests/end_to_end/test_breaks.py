@@ -71,7 +71,7 @@ def test_connections_that_break_in_mid_copy_lose_nothing() -> None:
                 except ProcessLookupError:
                     pass  # it ended on its own meanwhile
         assert broken > 0, "nothing was left to break: the test proved nothing"
-        bed.finish(timeout=90)
+        bed.finish(interrupted=True, timeout=90)
 
 
 def test_a_server_killed_in_mid_copy_loses_nothing() -> None:

@@ -111,6 +111,7 @@ def test_names_beyond_ascii_arrive_byte_for_byte() -> None:
             "tilde~",
             "SENT:",
             "CONFIRMED:",
+            "\x7f.raw",
             "n" * 247 + ".raw",
         ]
         bed.simulator.burst(odd)
@@ -121,7 +122,7 @@ def test_names_beyond_ascii_arrive_byte_for_byte() -> None:
 def test_names_that_a_listing_cannot_show_stay_and_harm_no_other() -> None:
     with Bed() as bed:
         # Control characters are shown escaped, and so is what looks like an escape.
-        staying = {"tab\t.raw", "line\nfeed.raw", "bell\a.raw", "run/\x7f.raw", "\\#011.raw"}
+        staying = {"tab\t.raw", "line\nfeed.raw", "bell\a.raw", "run/\x1f.raw", "\\#011.raw"}
         bed.simulator.burst([*sorted(staying), "a.raw", "run/b.raw"])
         bed.start()
         bed.finish(staying)
