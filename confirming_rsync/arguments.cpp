@@ -13,8 +13,8 @@ bool beginsWith(std::string_view text, std::string_view beginning) {
     return text.substr(0, beginning.size()) == beginning;
 }
 
-// If arguments[at] is `option`, with its value behind "=" or as the next argument, stores the value
-// and returns true.
+/// If arguments[at] is `option`, with its value behind "=" or as the next argument, stores the
+/// value and returns true.
 bool readOption(const std::vector<std::string>& arguments, std::size_t at, std::string_view option,
                 std::string& value) {
     const std::string_view argument = arguments[at];

@@ -6,7 +6,7 @@
 
 namespace confirming {
 
-// The command line, taken apart. All arguments are without the program's own name.
+/// The command line, taken apart. All arguments are without the program's own name.
 struct Arguments {
     bool confirming = false;               // --confirm-files was among them
     std::vector<std::string> rsync;        // what stock rsync is to be started with
@@ -17,15 +17,15 @@ struct Arguments {
     std::vector<std::string> access;       // options that a further call needs to be let in
 };
 
-// Reads the command line. Without --confirm-files, stock rsync gets the same and --8-bit-output.
-// With it, that option is dropped, what a report takes is added, and the owner of the received
-// files is set from `uid` and `gid`, each a number or a name, or empty for "leave it". The added
-// options come first, so that the caller's own win.
+/// Reads the command line. Without --confirm-files, stock rsync gets the same and --8-bit-output.
+/// With it, that option is dropped, what a report takes is added, and the owner of the received
+/// files is set from `uid` and `gid`, each a number or a name, or empty for "leave it". The added
+/// options come first, so that the caller's own win.
 Arguments readArguments(const std::vector<std::string>& arguments, const std::string& uid,
                         const std::string& gid);
 
-// The environment for stock rsync, as "NAME=value": the given one, plus a PATH if there is none,
-// and LC_ALL=C, because its messages are read.
+/// The environment for stock rsync, as "NAME=value": the given one, plus a PATH if there is none,
+/// and LC_ALL=C, because its messages are read.
 std::vector<std::string> childEnvironment(std::vector<std::string> environment);
 
 } // namespace confirming

@@ -12,7 +12,7 @@ namespace confirming {
 
 namespace {
 
-// All that the new process needs between fork and execve, where nothing may be allocated.
+/// All that the new process needs between fork and execve, where nothing may be allocated.
 struct Launch {
     const char* path;
     char* const* arguments;
@@ -42,7 +42,7 @@ struct Launch {
     ::_exit(127);
 }
 
-// The errno value that the child reported, or 0 if its execve has closed the pipe.
+/// The errno value that the child reported, or 0 if its execve has closed the pipe.
 int readFailure(int descriptor) {
     int error = 0;
     ssize_t count = 0;

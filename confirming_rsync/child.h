@@ -12,24 +12,24 @@
 
 namespace confirming {
 
-// What to start: the absolute path of the program (not searched for), its arguments without its own
-// name, and its environment as "NAME=value".
+/// What to start: the absolute path of the program (not searched for), its arguments without its
+/// own name, and its environment as "NAME=value".
 struct ProgramCall {
     std::string path;
     std::vector<std::string> arguments;
     std::vector<std::string> environment;
 };
 
-// A child process in a process group of its own, with nothing open but its standard input, output
-// and error output. It gets SIGTERM when the program that started it ends, however that ends. Does
-// not read, wait or decide by itself; whoever owns it does.
+/// A child process in a process group of its own, with nothing open but its standard input, output
+/// and error output. It gets SIGTERM when the program that started it ends, however that ends. Does
+/// not read, wait or decide by itself; whoever owns it does.
 class Child {
 public:
-    // Starts the program; `input` becomes its standard input. If it can't be started, hasStarted()
-    // is false and startError() says why.
+    /// Starts the program; `input` becomes its standard input. If it can't be started, hasStarted()
+    /// is false and startError() says why.
     Child(const ProgramCall& call, const Descriptor& input, const Signals& signals);
 
-    // Ends what is left of the child, and does not wait for it.
+    /// Ends what is left of the child, and does not wait for it.
     ~Child();
     Child(const Child&) = delete;
     Child& operator=(const Child&) = delete;
@@ -39,21 +39,21 @@ public:
     bool hasStarted() const { return startError_ == 0; }
     int startError() const { return startError_; } // an errno value
 
-    // Read ends of the child's output and error output; the reader closes them at their end.
+    /// Read ends of the child's output and error output; the reader closes them at their end.
     Descriptor output;
     Descriptor errorOutput;
 
-    // Sends a signal to the child itself; does nothing once it was waited for.
+    /// Sends a signal to the child itself; does nothing once it was waited for.
     void signal(int number) const;
 
-    // Ends the child and what it has started, with SIGKILL.
+    /// Ends the child and what it has started, with SIGKILL.
     void kill() const;
 
-    // Looks whether the child has ended, without waiting. True from then on.
+    /// Looks whether the child has ended, without waiting. True from then on.
     bool hasEnded();
 
-    // How it ended, as a shell would say: its exit status, or 128 and the number of the signal that
-    // ended it. As if by SIGKILL while hasEnded() is not true.
+    /// How it ended, as a shell would say: its exit status, or 128 and the number of the signal
+    /// that ended it. As if by SIGKILL while hasEnded() is not true.
     int exitStatus() const { return exitStatus_; }
 
 private:
@@ -65,8 +65,8 @@ private:
     int exitStatus_ = 128 + SIGKILL;
 };
 
-// Pointers to the strings, ended by a null pointer, as execve takes them. They point into
-// `strings`.
+/// Pointers to the strings, ended by a null pointer, as execve takes them. They point into
+/// `strings`.
 std::vector<char*> pointersTo(std::vector<std::string>& strings);
 
 } // namespace confirming

@@ -20,10 +20,10 @@ namespace {
 constexpr const char* ownName = "rsync_orbelin: ";
 constexpr int notStarted = 127;
 
-// Far beyond any honest answer.
+/// Far beyond any honest answer.
 constexpr std::size_t longestAnswer = std::size_t{64} * 1024 * 1024;
 
-// The text as a file to be read from its beginning; empty if that can't be had.
+/// The text as a file to be read from its beginning; empty if that can't be had.
 Descriptor fileWith(const std::string& text) {
     Descriptor file(::memfd_create("names", MFD_CLOEXEC));
     std::size_t written = 0;
@@ -95,7 +95,7 @@ int CopyRun::copy() {
     return rsync.exitStatus();
 }
 
-// The end of every run, however rsync ended.
+/// The end of every run, however rsync ended.
 void CopyRun::conclude(int status) {
     filter_.finish();
     send();
@@ -136,9 +136,9 @@ void CopyRun::finishReport() {
     }
 }
 
-// The names with a file in place whose removal was not reported: they were sent, or rsync saw them
-// at the source and neither sent nor complained about them, so that the file was up to date. Only
-// names of the list, since only these are known to be relative to the source.
+/// The names with a file in place whose removal was not reported: they were sent, or rsync saw them
+/// at the source and neither sent nor complained about them, so that the file was up to date. Only
+/// names of the list, since only these are known to be relative to the source.
 std::vector<std::string> CopyRun::openNames(int status) const {
     const bool sawSource = isAnswered(status) || filter_.sawFileList();
     const auto share = parseShare(arguments_.source);
@@ -176,7 +176,7 @@ void CopyRun::ask(const std::vector<std::string>& names) {
     }
 }
 
-// Puts the question and takes in the answer. Returns why there is none, or nothing.
+/// Puts the question and takes in the answer. Returns why there is none, or nothing.
 std::string CopyRun::readAnswer(const std::vector<std::string>& names, std::string& output,
                                 std::string& errorOutput) {
     Child rsync(
@@ -243,7 +243,7 @@ void CopyRun::attend(Child& child, const Sinks& sinks) {
     }
 }
 
-// All that goes to the reader passes here.
+/// All that goes to the reader passes here.
 void CopyRun::send() {
     writer_.add(filter_.takeReport());
 }

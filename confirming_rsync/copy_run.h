@@ -14,30 +14,30 @@
 
 namespace confirming {
 
-// How long things may take.
+/// How long things may take.
 struct Limits {
-    // A run without a single confirmation lasts at least this long: a caller that repeats at once
-    // what can't succeed shall not spin.
+    /// A run without a single confirmation lasts at least this long: a caller that repeats at once
+    /// what can't succeed shall not spin.
     std::chrono::milliseconds shortestIdleRun{1000};
-    // What rsync may still say after it was told to end.
+    /// What rsync may still say after it was told to end.
     std::chrono::milliseconds farewell{5000};
-    // What may hold rsync's output open after it has ended, or after it was killed.
+    /// What may hold rsync's output open after it has ended, or after it was killed.
     std::chrono::milliseconds leftovers{2000};
-    // After a broken run the share's side may still be busy with what it was told last.
+    /// After a broken run the share's side may still be busy with what it was told last.
     std::chrono::milliseconds settling{500};
-    // The whole question to the share; and when the program was told to end.
+    /// The whole question to the share; and when the program was told to end.
     std::chrono::milliseconds question{30000};
     std::chrono::milliseconds hurriedQuestion{10000};
 };
 
-// Runs once. Writes the report to standard output; needs 0, 1 and 2 to be open.
+/// Runs once. Writes the report to standard output; needs 0, 1 and 2 to be open.
 class CopyRun {
 public:
     CopyRun(std::string stockRsync, Arguments arguments, std::vector<std::string> environment,
             const Limits& limits);
 
-    // Returns the exit status for the program: stock rsync's own, or 127 if that can't be started.
-    // Does not return if a signal, or a reader that went away, ends the program.
+    /// Returns the exit status for the program: stock rsync's own, or 127 if that can't be started.
+    /// Does not return if a signal, or a reader that went away, ends the program.
     int run();
 
 private:
@@ -50,8 +50,8 @@ private:
     std::string readAnswer(const std::vector<std::string>& names, std::string& output,
                            std::string& errorOutput);
 
-    // Reads the child until it and its output have ended, or all patience has. Telling it to end
-    // and ending it are part of that.
+    /// Reads the child until it and its output have ended, or all patience has. Telling it to end
+    /// and ending it are part of that.
     void attend(Child& child, const Sinks& sinks);
 
     void send();

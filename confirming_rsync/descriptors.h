@@ -5,7 +5,7 @@
 
 namespace confirming {
 
-// Owns one descriptor, or none (-1), and closes it. Not for use by several threads.
+/// Owns one descriptor, or none (-1), and closes it. Not for use by several threads.
 class Descriptor {
 public:
     Descriptor() = default;
@@ -24,19 +24,19 @@ private:
     int descriptor_ = -1;
 };
 
-// A pipe, both ends close-on-exec. Both are empty if the system gave none (errno says why).
+/// A pipe, both ends close-on-exec. Both are empty if the system gave none (errno says why).
 struct Pipe {
     Descriptor readEnd;
     Descriptor writeEnd;
 };
 Pipe makePipe();
 
-// Opens /dev/null on each of 0, 1 and 2 that is closed, so that no descriptor opened later is taken
-// for standard input, output or error output. To be called before any other descriptor is opened.
-// False if one stays closed.
+/// Opens /dev/null on each of 0, 1 and 2 that is closed, so that no descriptor opened later is
+/// taken for standard input, output or error output. To be called before any other descriptor is
+/// opened. False if one stays closed.
 bool fillStandardDescriptors();
 
-// Closes what the caller left open beyond 0, 1 and 2.
+/// Closes what the caller left open beyond 0, 1 and 2.
 void closeInheritedDescriptors();
 
 } // namespace confirming

@@ -16,7 +16,7 @@ namespace confirming {
 
 namespace {
 
-// The name as rsync uses it: relative, without what does not change the file it means.
+/// The name as rsync uses it: relative, without what does not change the file it means.
 std::string_view trimmed(std::string_view name) {
     for (;;) {
         if (name.substr(0, 1) == "/") {

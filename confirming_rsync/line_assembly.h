@@ -8,23 +8,23 @@
 
 namespace confirming {
 
-// One piece of a stream. Most pieces are a whole line: they begin and end it.
+/// One piece of a stream. Most pieces are a whole line: they begin and end it.
 struct LinePiece {
     std::string text;   // without the line feed
     bool begins = true; // the line's first byte is the piece's first
     bool ends = true;   // a line feed followed
 };
 
-// Cuts a stream into lines. A line that grows beyond the limit comes in pieces of exactly `limit`
-// bytes, so that memory stays bounded and the result does not depend on how the bytes arrived.
+/// Cuts a stream into lines. A line that grows beyond the limit comes in pieces of exactly `limit`
+/// bytes, so that memory stays bounded and the result does not depend on how the bytes arrived.
 class LineAssembly {
 public:
     static constexpr std::size_t limit = 64 * 1024;
 
-    // Takes the next bytes of the stream; appends to `pieces` what is complete by now.
+    /// Takes the next bytes of the stream; appends to `pieces` what is complete by now.
     void take(std::string_view bytes, std::vector<LinePiece>& pieces);
 
-    // The stream has ended: appends what is left without a line feed, if anything.
+    /// The stream has ended: appends what is left without a line feed, if anything.
     void finish(std::vector<LinePiece>& pieces);
 
 private:

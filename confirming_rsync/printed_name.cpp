@@ -17,7 +17,7 @@ bool isOctalDigit(char character) {
     return character >= '0' && character <= '7';
 }
 
-// True where rsync escapes a backslash, so that what it prints can be read back.
+/// True where rsync escapes a backslash, so that what it prints can be read back.
 bool looksLikeEscape(std::string_view text) {
     return text.size() >= escapeLength && text[0] == '\\' && text[1] == '#' && isDigit(text[2]) &&
            isDigit(text[3]) && isDigit(text[4]);

@@ -6,11 +6,11 @@
 
 namespace confirming {
 
-// The name as rsync prints it with --8-bit-output: control characters but the tab, and a backslash
-// that would read as the start of such an escape, become \#ooo (octal); all other bytes stay.
+/// The name as rsync prints it with --8-bit-output: control characters but the tab, and a backslash
+/// that would read as the start of such an escape, become \#ooo (octal); all other bytes stay.
 std::string printedName(std::string_view name);
 
-// The name that rsync printed: every \#ooo is taken back. The result may hold any byte.
+/// The name that rsync printed: every \#ooo is taken back. The result may hold any byte.
 std::string unprintedName(std::string_view printed);
 
 } // namespace confirming

@@ -37,7 +37,7 @@ std::string valueOf(const std::vector<std::string>& environment, const std::stri
     return {};
 }
 
-// Returns only if that fails: with the exit status, the reason said.
+/// Returns only if that fails: with the exit status, the reason said.
 int becomeStockRsync(const std::string& stockRsync, const std::vector<std::string>& arguments,
                      char** environment) {
     std::vector<std::string> vector{stockRsync};

@@ -5,9 +5,9 @@
 
 namespace confirming {
 
-// Does what the command line asks, with the stock rsync at the given absolute path. `argv` and
-// `environment` are as main gets them. Returns the exit status; does not return where stock rsync
-// takes the program's place, or where a signal ends it.
+/// Does what the command line asks, with the stock rsync at the given absolute path. `argv` and
+/// `environment` are as main gets them. Returns the exit status; does not return where stock rsync
+/// takes the program's place, or where a signal ends it.
 int runProgram(const std::string& stockRsync, int argc, char** argv, char** environment);
 
 } // namespace confirming

@@ -13,10 +13,10 @@ namespace confirming {
 
 namespace {
 
-// While more than this waits for the reader, the child is not read from.
+/// While more than this waits for the reader, the child is not read from.
 constexpr std::size_t fullReport = 64 * 1024;
 
-// No wait is longer, so that an event that came unnoticed is noticed.
+/// No wait is longer, so that an event that came unnoticed is noticed.
 constexpr std::chrono::milliseconds longestWait{1000};
 
 int millisecondsUntil(Clock::time_point time) {
@@ -31,7 +31,7 @@ int millisecondsUntil(Clock::time_point time) {
     return static_cast<int>(left.count()) + 1;
 }
 
-// Hands on what is there to read; closes the descriptor at the end of the stream.
+/// Hands on what is there to read; closes the descriptor at the end of the stream.
 void readSome(Descriptor& from, const std::function<void(std::string_view)>& sink) {
     std::array<char, 32 * 1024> buffer{};
     const ssize_t count = ::read(from.get(), buffer.data(), buffer.size());

@@ -13,31 +13,31 @@ namespace confirming {
 
 using Clock = std::chrono::steady_clock;
 
-// A point in time that never comes.
+/// A point in time that never comes.
 constexpr Clock::time_point never = Clock::time_point::max();
 
-// Takes what a child prints.
+/// Takes what a child prints.
 struct Sinks {
     std::function<void(std::string_view)> output;
     std::function<void(std::string_view)> errorOutput;
 };
 
-// Moves bytes: from a child to the sinks, from the report to its reader; and keeps in mind whether
-// a signal has come. Each call waits for one round of events at most. The second signal that asks
-// the program to end ends it there and then; its child is told by its parent's death.
+/// Moves bytes: from a child to the sinks, from the report to its reader; and keeps in mind whether
+/// a signal has come. Each call waits for one round of events at most. The second signal that asks
+/// the program to end ends it there and then; its child is told by its parent's death.
 class Relay {
 public:
     Relay(Signals& signals, ReportWriter& writer) : signals_(signals), writer_(writer) {}
 
-    // Waits until something happens or the time has come, and deals with it. A child is read from
-    // only while the report that waits for its reader is short, so that a slow reader slows it
-    // down.
+    /// Waits until something happens or the time has come, and deals with it. A child is read from
+    /// only while the report that waits for its reader is short, so that a slow reader slows it
+    /// down.
     void step(Child& child, const Sinks& sinks, Clock::time_point until);
 
-    // The same without a child.
+    /// The same without a child.
     void step(Clock::time_point until);
 
-    // The first signal that asked the program to end; 0 as long as none did.
+    /// The first signal that asked the program to end; 0 as long as none did.
     int stopSignal() const { return stopSignal_; }
 
     bool readerIsGone() const { return writer_.hasGivenUp(); }

@@ -16,7 +16,7 @@ bool beginsWith(std::string_view text, std::string_view beginning) {
     return text.substr(0, beginning.size()) == beginning;
 }
 
-// The line's first word, as a reader sees it that splits at white space and stops at a NUL byte.
+/// The line's first word, as a reader sees it that splits at white space and stops at a NUL byte.
 std::string_view firstWord(std::string_view line) {
     const std::size_t begin = line.find_first_not_of(blanks);
     if (begin == std::string_view::npos) {
@@ -147,10 +147,10 @@ void ReportFilter::handleRemoved(const std::string& name) {
     confirm(name);
 }
 
-// Keeps what is needed to tell names that rsync could not handle from names that it left alone:
-//   rsync: [sender] link_stat "/NAME" (in MODULE) failed: No such file or directory (2)
-//   file has vanished: "/NAME" (in MODULE)
-//   ERROR: NAME failed verification -- update discarded.
+/// Keeps what is needed to tell names that rsync could not handle from names that it left alone:
+///   rsync: [sender] link_stat "/NAME" (in MODULE) failed: No such file or directory (2)
+///   file has vanished: "/NAME" (in MODULE)
+///   ERROR: NAME failed verification -- update discarded.
 void ReportFilter::rememberComplaint(std::string_view line) {
     constexpr std::string_view error = "ERROR: ";
     constexpr std::string_view failedVerification = " failed verification -- update ";
@@ -167,7 +167,7 @@ void ReportFilter::rememberComplaint(std::string_view line) {
     }
 }
 
-// Every confirmation leaves here.
+/// Every confirmation leaves here.
 void ReportFilter::putConfirmation(const std::string& name) {
     confirmed_ = true;
     putLine("CONFIRMED: removed " + name);

@@ -12,42 +12,42 @@
 
 namespace confirming {
 
-// Reads the standard output and the error output of one stock rsync that was started with
-// --out-format='SENT: %n', --info=remove1 and --8-bit-output, and writes the report:
-//
-//   SENT: NAME                as it came; not for directories (NAME ends in a slash)
-//   CONFIRMED: removed NAME   in place of "sender removed NAME", once a name, after its SENT line
-//   any other line            as it came
-//
-// A line of rsync's that would read as a confirmation without being one gets "rsync: " in front.
-// A line of more than LineAssembly::limit bytes is passed on in pieces, and ended early where a
-// line of another origin must go between.
-//
-// Entirely passive: no system calls, no clock. Names are kept and reported as rsync prints them.
+/// Reads the standard output and the error output of one stock rsync that was started with
+/// --out-format='SENT: %n', --info=remove1 and --8-bit-output, and writes the report:
+///
+///   SENT: NAME                as it came; not for directories (NAME ends in a slash)
+///   CONFIRMED: removed NAME   in place of "sender removed NAME", once a name, after its SENT line
+///   any other line            as it came
+///
+/// A line of rsync's that would read as a confirmation without being one gets "rsync: " in front.
+/// A line of more than LineAssembly::limit bytes is passed on in pieces, and ended early where a
+/// line of another origin must go between.
+///
+/// Entirely passive: no system calls, no clock. Names are kept and reported as rsync prints them.
 class ReportFilter {
 public:
-    // Says whether the SENT line of a name that was reported as removed may still come. Asked only
-    // for names without a SENT line so far.
+    /// Says whether the SENT line of a name that was reported as removed may still come. Asked only
+    /// for names without a SENT line so far.
     using SentLineMayFollow = std::function<bool(const std::string& name)>;
 
     explicit ReportFilter(SentLineMayFollow sentLineMayFollow);
 
-    // The next bytes of rsync's standard output, of its error output. Any bytes, any portions.
+    /// The next bytes of rsync's standard output, of its error output. Any bytes, any portions.
     void takeOutput(std::string_view bytes);
     void takeErrorOutput(std::string_view bytes);
 
-    // Both streams have ended: passes on what had no line feed (as a line, and never as a
-    // confirmation: it may have been cut off) and every confirmation that was still held back.
+    /// Both streams have ended: passes on what had no line feed (as a line, and never as a
+    /// confirmation: it may have been cut off) and every confirmation that was still held back.
     void finish();
 
-    // The file is known to be deleted at its source from elsewhere than rsync's output. Reported
-    // unless it already was.
+    /// The file is known to be deleted at its source from elsewhere than rsync's output. Reported
+    /// unless it already was.
     void confirm(const std::string& name);
 
-    // A line of the program's own, without line feed.
+    /// A line of the program's own, without line feed.
     void remark(std::string_view text);
 
-    // The report since the last call: whole lines, but for pieces of over-long ones.
+    /// The report since the last call: whole lines, but for pieces of over-long ones.
     std::string takeReport();
 
     bool hasConfirmed() const { return confirmed_; }
@@ -55,15 +55,15 @@ public:
     bool wasSent(const std::string& name) const;
     bool wasConfirmed(const std::string& name) const;
 
-    // True if rsync gave up on the received file: nothing was put in place under this name.
+    /// True if rsync gave up on the received file: nothing was put in place under this name.
     bool wasDiscarded(const std::string& name) const { return discarded_.count(name) != 0; }
 
-    // True if rsync said that it has received the list of what there is at the source. What it
-    // complained about until then is not there.
+    /// True if rsync said that it has received the list of what there is at the source. What it
+    /// complained about until then is not there.
     bool sawFileList() const { return sawFileList_; }
 
-    // True if rsync complained about this path of the share. The path is as rsync prints it,
-    // module left out: "/data/NAME".
+    /// True if rsync complained about this path of the share. The path is as rsync prints it,
+    /// module left out: "/data/NAME".
     bool wasComplainedAbout(const std::string& path) const { return complaints_.count(path) != 0; }
 
 private:

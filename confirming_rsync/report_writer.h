@@ -7,25 +7,25 @@
 
 namespace confirming {
 
-// Holds report text until the reader takes it. Never waits: whoever owns it polls the descriptor
-// and calls write() when there is room. SIGPIPE has to be ignored.
+/// Holds report text until the reader takes it. Never waits: whoever owns it polls the descriptor
+/// and calls write() when there is room. SIGPIPE has to be ignored.
 class ReportWriter {
 public:
-    // Does not own the descriptor, whose flags stay as they are.
+    /// Does not own the descriptor, whose flags stay as they are.
     explicit ReportWriter(int descriptor) : descriptor_(descriptor) {}
 
     int descriptor() const { return descriptor_; }
 
     void add(std::string_view text);
 
-    // Bytes that wait.
+    /// Bytes that wait.
     std::size_t pending() const { return text_.size() - written_; }
 
-    // Writes the next bytes; to be called when the descriptor is ready for writing, else it may
-    // wait for the reader.
+    /// Writes the next bytes; to be called when the descriptor is ready for writing, else it may
+    /// wait for the reader.
     void write();
 
-    // The reader is gone: everything that waits or comes is thrown away.
+    /// The reader is gone: everything that waits or comes is thrown away.
     void giveUp();
     bool hasGivenUp() const { return givenUp_; }
 

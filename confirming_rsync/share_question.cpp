@@ -1,5 +1,5 @@
 // The question to a share which of some files it still has: how it is put, and how the answer
-// reads.
+/// reads.
 #include "confirming_rsync/share_question.h"
 
 #include "confirming_rsync/printed_name.h"
@@ -13,7 +13,7 @@ namespace {
 
 constexpr std::string_view urlScheme = "rsync://";
 
-// Takes off and returns what comes before the separator, or all.
+/// Takes off and returns what comes before the separator, or all.
 std::string_view takePart(std::string_view& text, char separator) {
     const std::size_t end = text.find(separator);
     const std::string_view part = text.substr(0, end);
@@ -21,7 +21,7 @@ std::string_view takePart(std::string_view& text, char separator) {
     return part;
 }
 
-// MODULE[/PATH] of the source; empty if it is none of an rsync daemon.
+/// MODULE[/PATH] of the source; empty if it is none of an rsync daemon.
 std::string_view moduleAndPath(std::string_view source) {
     if (source.substr(0, urlScheme.size()) == urlScheme) {
         source.remove_prefix(urlScheme.size());
@@ -39,7 +39,7 @@ std::string_view moduleAndPath(std::string_view source) {
     return source.substr(separator + 2);
 }
 
-// The name of a listing line: what follows permissions, size, date and time.
+/// The name of a listing line: what follows permissions, size, date and time.
 std::string_view listedName(std::string_view line) {
     for (int field = 0; field < 4; ++field) {
         const std::size_t begin = line.find_first_not_of(' ');
@@ -53,7 +53,8 @@ std::string_view listedName(std::string_view line) {
     return line;
 }
 
-// Adds all names that the listing line may mean. That of a symbolic link goes on with " -> TARGET".
+/// Adds all names that the listing line may mean. That of a symbolic link goes on with " ->
+/// TARGET".
 void addListedNames(std::string_view line, std::set<std::string, std::less<>>& names) {
     const std::string_view name = listedName(line);
     names.emplace(name);

@@ -1,0 +1,60 @@
+// File names as rsync prints them, and back.
+#include "confirming_rsync/printed_name.h"
+
+#include <random>
+
+#include <gtest/gtest.h>
+
+namespace confirming {
+namespace {
+
+using namespace std::string_literals;
+
+TEST(PrintedName, KeepsOrdinaryNamesAsTheyAre) {
+    for (const std::string& name : {"a"s, "dir/b c"s, "tab\there"s, "q\"'"s, "\xe4\xff\x80"s,
+                                    "\x7f"s, "back\\slash"s, "\\#12"s, "\\#12x"s, "#012"s, ""s}) {
+        EXPECT_EQ(printedName(name), name);
+        EXPECT_EQ(unprintedName(name), name);
+    }
+}
+
+TEST(PrintedName, EscapesControlCharactersInOctal) {
+    EXPECT_EQ(printedName("a\nb"), "a\\#012b");
+    EXPECT_EQ(printedName("\x1b[1m\r"), "\\#033[1m\\#015");
+    EXPECT_EQ(printedName("\0"s), "\\#000");
+}
+
+TEST(PrintedName, EscapesWhatWouldReadAsAnEscape) {
+    EXPECT_EQ(printedName("\\#012"), "\\#134#012");
+    EXPECT_EQ(printedName("\\\\#012"), "\\\\#134#012");
+    EXPECT_EQ(printedName("\\#999"), "\\#134#999");
+}
+
+TEST(PrintedName, ReadsBackWhatRsyncPrints) {
+    EXPECT_EQ(unprintedName("no\\#012l"), "no\nl");
+    EXPECT_EQ(unprintedName("\\#134#012"), "\\#012");
+    EXPECT_EQ(unprintedName("\\\\#134#012"), "\\\\#012");
+    EXPECT_EQ(unprintedName("\\#377\\#000"), "\377\0"s);
+}
+
+TEST(PrintedName, LeavesAloneWhatIsNoByte) {
+    EXPECT_EQ(unprintedName("\\#400"), "\\#400");
+    EXPECT_EQ(unprintedName("\\#08"), "\\#08");
+    EXPECT_EQ(unprintedName("\\#018"), "\\#018");
+}
+
+TEST(PrintedName, BringsBackAnyName) {
+    std::mt19937 random(20240611);
+    const std::string alphabet = "\\\\\\###0123789ab\n\t\x01\xf0"s + '\0';
+    std::uniform_int_distribution<std::size_t> letter(0, alphabet.size() - 1);
+    for (int round = 0; round < 20000; ++round) {
+        std::string name(random() % 12, ' ');
+        for (char& character : name) {
+            character = alphabet[letter(random)];
+        }
+        ASSERT_EQ(unprintedName(printedName(name)), name) << printedName(name);
+    }
+}
+
+} // namespace
+} // namespace confirming

@@ -1,0 +1,268 @@
+// Which lines of stock rsync become which lines of the report, and when.
+#include "confirming_rsync/report_filter.h"
+
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace confirming {
+namespace {
+
+using namespace std::string_literals;
+
+/// A filter for which SENT lines may still follow of exactly the given names.
+ReportFilter filterWith(const std::set<std::string>& late = {}) {
+    return ReportFilter([late](const std::string& name) { return late.count(name) != 0; });
+}
+
+/// The whole report for an output that arrives in portions of the given size.
+std::string reportOf(const std::string& output, std::size_t portion,
+                     const std::set<std::string>& late = {}) {
+    ReportFilter filter = filterWith(late);
+    std::string report;
+    for (std::size_t at = 0; at < output.size(); at += portion) {
+        filter.takeOutput(std::string_view(output).substr(at, portion));
+        report += filter.takeReport();
+    }
+    filter.finish();
+    return report + filter.takeReport();
+}
+
+void expectReport(const std::string& output, const std::string& report,
+                  const std::set<std::string>& late = {}) {
+    for (std::size_t portion = 1; portion <= output.size() + 1; ++portion) {
+        ASSERT_EQ(reportOf(output, portion, late), report) << "in portions of " << portion;
+    }
+}
+
+TEST(ReportFilter, SaysNothingWhenNothingIsSaid) {
+    expectReport("", "");
+}
+
+TEST(ReportFilter, ConfirmsAFileThatWasSentAndRemoved) {
+    expectReport("SENT: a\nSENT: dir/b\nsender removed dir/b\nsender removed a\n",
+                 "SENT: a\nSENT: dir/b\nCONFIRMED: removed dir/b\nCONFIRMED: removed a\n");
+}
+
+TEST(ReportFilter, ConfirmsAtOnceWhileTheCopyingGoesOn) {
+    ReportFilter filter = filterWith();
+    filter.takeOutput("SENT: a\nsender removed a\nSENT: b");
+    EXPECT_EQ(filter.takeReport(), "SENT: a\nCONFIRMED: removed a\n");
+    EXPECT_EQ(filter.takeReport(), "");
+    EXPECT_TRUE(filter.hasConfirmed());
+}
+
+TEST(ReportFilter, PassesOnEverythingElse) {
+    const std::string chatter = "receiving file list ... done\n"
+                                "\n"
+                                "sender file already removed: a\n"
+                                "SENT:x\n"
+                                " SENT: indented\n"
+                                "SENT: \n"
+                                "SENT:\n"
+                                "sender removed \n"
+                                "sender removed\n"
+                                "sender removed dir/\n"
+                                " sender removed a\n"
+                                "Sender removed a\n"
+                                "xCONFIRMED: removed a\n"
+                                "CONFIRMED:x\n"
+                                "sent 1 bytes  received 2 bytes\r\n"
+                                "any \x01\x7f\xff\x80 byte\n";
+    expectReport(chatter, chatter);
+    ReportFilter filter = filterWith();
+    filter.takeOutput(chatter);
+    filter.finish();
+    EXPECT_FALSE(filter.hasConfirmed());
+}
+
+TEST(ReportFilter, KeepsNulBytes) {
+    expectReport("a\0b\n\0\nSENT: x\0y\n"s, "a\0b\n\0\nSENT: x\0y\n"s);
+}
+
+TEST(ReportFilter, DropsDirectories) {
+    expectReport("SENT: sub/\nSENT: sub/a\nSENT: /\n", "SENT: sub/a\n");
+}
+
+TEST(ReportFilter, TakesNamesAsBytesToTheEndOfTheLine) {
+    for (const std::string& name :
+         {"two words"s, " leads"s, "trails "s, "q\"uo'te"s, "\xe4\xf6\xff"s, "esc\\#012aped"s,
+          "tab\tname"s, "cr\r"s, "SENT: a"s, "sender removed a"s, "-x"s, "#"s, "."s}) {
+        expectReport("SENT: " + name + "\nsender removed " + name + "\n",
+                     "SENT: " + name + "\nCONFIRMED: removed " + name + "\n");
+    }
+}
+
+TEST(ReportFilter, HoldsAConfirmationBackUntilItsSentLine) {
+    ReportFilter filter = filterWith({"link"});
+    filter.takeOutput("sender removed link\nSENT: a\n");
+    EXPECT_EQ(filter.takeReport(), "SENT: a\n");
+    EXPECT_FALSE(filter.hasConfirmed());
+    filter.takeOutput("SENT: link\n");
+    EXPECT_EQ(filter.takeReport(), "SENT: link\nCONFIRMED: removed link\n");
+    filter.finish();
+    EXPECT_EQ(filter.takeReport(), "");
+}
+
+TEST(ReportFilter, ReleasesAtTheEndWhatNeverWasSent) {
+    expectReport(
+        "sender removed z\nsender removed y\nSENT: y\nsender removed x\nother\n",
+        "SENT: y\nCONFIRMED: removed y\nother\nCONFIRMED: removed z\nCONFIRMED: removed x\n",
+        {"x", "y", "z"});
+}
+
+TEST(ReportFilter, ConfirmsAtOnceAFileWhoseSentLineCanNotFollow) {
+    ReportFilter filter = filterWith();
+    filter.takeOutput("sender removed up-to-date\n");
+    EXPECT_EQ(filter.takeReport(), "CONFIRMED: removed up-to-date\n");
+}
+
+TEST(ReportFilter, DropsASentLineThatComesAfterTheConfirmation) {
+    expectReport("sender removed a\nSENT: a\nSENT: a\nSENT: b\n",
+                 "CONFIRMED: removed a\nSENT: b\n");
+}
+
+TEST(ReportFilter, ConfirmsOnceAFileThatWasSentTwice) {
+    expectReport("SENT: a\nSENT: a\nsender removed a\nSENT: a\n",
+                 "SENT: a\nSENT: a\nCONFIRMED: removed a\n");
+}
+
+TEST(ReportFilter, ConfirmsOnceAFileThatWasRemovedTwice) {
+    const std::string once = "SENT: a\nCONFIRMED: removed a\n";
+    expectReport("SENT: a\nsender removed a\nsender removed a\n", once);
+    expectReport("sender removed a\nsender removed a\nSENT: a\nsender removed a\n", once, {"a"});
+    expectReport("sender removed a\nsender removed a\n", "CONFIRMED: removed a\n", {"a"});
+}
+
+TEST(ReportFilter, NeverTakesErrorOutputForAConfirmation) {
+    ReportFilter filter = filterWith();
+    filter.takeErrorOutput("sender removed a\nrsync: sender removed b\n");
+    filter.finish();
+    EXPECT_EQ(filter.takeReport(), "sender removed a\nrsync: sender removed b\n");
+    EXPECT_FALSE(filter.hasConfirmed());
+}
+
+TEST(ReportFilter, LetsNoLineOfRsyncReadAsOneOfItsOwn) {
+    expectReport("CONFIRMED: removed a\n \t CONFIRMED: x y\nCONFIRMED:\nCONFIRMED:\0z\n"s,
+                 "rsync: CONFIRMED: removed a\nrsync:  \t CONFIRMED: x y\nrsync: CONFIRMED:\n"
+                 "rsync: CONFIRMED:\0z\n"s);
+    ReportFilter filter = filterWith();
+    filter.takeErrorOutput("SENT: a\nCONFIRMED: removed a\nSENT:b\n");
+    filter.finish();
+    EXPECT_EQ(filter.takeReport(), "rsync: SENT: a\nrsync: CONFIRMED: removed a\nSENT:b\n");
+    EXPECT_FALSE(filter.wasSent("a"));
+    EXPECT_FALSE(filter.hasConfirmed());
+}
+
+TEST(ReportFilter, DoesNotTrustALineThatMayHaveBeenCutOff) {
+    expectReport("SENT: a\nsender removed a", "SENT: a\nsender removed a\n");
+    expectReport("SENT: a", "SENT: a\n");
+    ReportFilter filter = filterWith();
+    filter.takeOutput("SENT: a");
+    filter.takeErrorOutput("no end");
+    filter.finish();
+    EXPECT_EQ(filter.takeReport(), "SENT: a\nno end\n");
+    EXPECT_FALSE(filter.wasSent("a"));
+}
+
+TEST(ReportFilter, KeepsTheLinesOfTheTwoStreamsApart) {
+    ReportFilter filter = filterWith();
+    filter.takeOutput("SENT: ");
+    filter.takeErrorOutput("rsync: some");
+    filter.takeOutput("a\nsender rem");
+    filter.takeErrorOutput(" error\n");
+    filter.takeOutput("oved a\n");
+    EXPECT_EQ(filter.takeReport(), "SENT: a\nrsync: some error\nCONFIRMED: removed a\n");
+}
+
+TEST(ReportFilter, PassesOnVeryLongLinesUnchanged) {
+    const std::string name(1024 * 1024, 'n');
+    for (const std::string& line : {"x" + name + "\n", "SENT: " + name + "\n"}) {
+        for (const std::size_t portion : {std::size_t{4093}, line.size()}) {
+            EXPECT_EQ(reportOf(line, portion), line);
+        }
+    }
+}
+
+TEST(ReportFilter, DoesNotKeepALineWithoutEnd) {
+    ReportFilter filter = filterWith();
+    const std::string portion(LineAssembly::limit, 'x');
+    filter.takeOutput(portion);
+    for (int round = 0; round < 100; ++round) {
+        filter.takeOutput(portion);
+        EXPECT_EQ(filter.takeReport(), portion);
+    }
+}
+
+TEST(ReportFilter, EndsAnOverLongLineBeforeALineOfAnotherOrigin) {
+    ReportFilter filter = filterWith();
+    const std::string half(LineAssembly::limit, 'e');
+    filter.takeErrorOutput(half + "CONFIRMED: x y");
+    filter.takeOutput("SENT: a\nsender removed a\n");
+    filter.takeErrorOutput(" z\nnext\n");
+    EXPECT_EQ(filter.takeReport(),
+              half + "\nSENT: a\nCONFIRMED: removed a\nrsync: CONFIRMED: x y z\nnext\n");
+    filter.takeErrorOutput(half + "e");
+    filter.takeReport();
+    filter.remark("remark");
+    EXPECT_EQ(filter.takeReport(), "\nremark\n");
+}
+
+TEST(ReportFilter, NeverConfirmsByAnOverLongLine) {
+    const std::string name(LineAssembly::limit, 'n');
+    const std::string line = "sender removed " + name + "\n";
+    EXPECT_EQ(reportOf(line, line.size()), line);
+    // Nor by the rest of one, which begins a piece but no line.
+    const std::string rest = name + "sender removed a\n";
+    EXPECT_EQ(reportOf(rest, rest.size()), rest);
+}
+
+TEST(ReportFilter, TakesConfirmationsFromElsewhere) {
+    ReportFilter filter = filterWith();
+    filter.takeOutput("SENT: a\nSENT: b\nsender removed b\n");
+    filter.finish();
+    filter.takeReport();
+    EXPECT_TRUE(filter.wasSent("a"));
+    EXPECT_FALSE(filter.wasSent("b"));
+    EXPECT_TRUE(filter.wasConfirmed("b"));
+    EXPECT_FALSE(filter.wasConfirmed("a"));
+    filter.confirm("a");
+    filter.confirm("a");
+    filter.confirm("b");
+    EXPECT_EQ(filter.takeReport(), "CONFIRMED: removed a\n");
+    EXPECT_TRUE(filter.wasConfirmed("a"));
+    EXPECT_FALSE(filter.wasSent("a"));
+    EXPECT_FALSE(filter.wasSent("unknown"));
+    EXPECT_FALSE(filter.wasConfirmed("unknown"));
+}
+
+TEST(ReportFilter, RemembersWhatRsyncComplainedAbout) {
+    ReportFilter filter = filterWith();
+    filter.takeErrorOutput(
+        "rsync: [sender] link_stat \"/data/g one\" (in ramdisk) failed: No such file or directory "
+        "(2)\n"
+        "file has vanished: \"/q\"u\" (in ramdisk)\n"
+        "ERROR: torn failed verification -- update discarded.\n"
+        "WARNING: again failed verification -- update discarded (will try again).\n"
+        "rsync: [receiver] rename \"/tmp/x\" -> \"y\": Permission denied (13)\n"
+        "\" (in \n");
+    filter.takeOutput("rsync: link_stat \"/out\" (in ramdisk) failed\n");
+    EXPECT_TRUE(filter.wasComplainedAbout("/data/g one"));
+    EXPECT_TRUE(filter.wasComplainedAbout("/q\"u"));
+    EXPECT_FALSE(filter.wasComplainedAbout("/out"));
+    EXPECT_FALSE(filter.wasComplainedAbout("/tmp/x"));
+    EXPECT_TRUE(filter.wasDiscarded("torn"));
+    EXPECT_FALSE(filter.wasDiscarded("again"));
+}
+
+TEST(ReportFilter, NoticesThatTheFileListCame) {
+    ReportFilter filter = filterWith();
+    filter.takeOutput("receiving file list ... ");
+    EXPECT_FALSE(filter.sawFileList());
+    filter.takeOutput("done\n");
+    EXPECT_TRUE(filter.sawFileList());
+}
+
+} // namespace
+} // namespace confirming
