@@ -34,7 +34,7 @@ def parse_arguments() -> argparse.Namespace:
     parser.add_argument("--detectors", type=int, default=2, help="how many detectors (1 to 100)")
     parser.add_argument("--files", type=int, default=2000, help="files that each one produces")
     parser.add_argument("--size", type=int, default=20000, help="bytes of each file")
-    parser.add_argument("--rate", type=float, default=120, help="files per second of each one")
+    parser.add_argument("--rate", type=float, default=100, help="files per second of each one")
     parser.add_argument("--only-check-options", action="store_true", help=argparse.SUPPRESS)
     for hidden in ("--skarn", "--copy-program", "--log"):
         parser.add_argument(hidden, type=Path, help=argparse.SUPPRESS)

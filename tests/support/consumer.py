@@ -30,10 +30,14 @@ class Consumer:
 
     It keeps a writing end of its own open, so that it never sees an end of file between two
     writers, and never leaves the pipe without a reader until it is stopped.
+
+    With a `nap` it rests that many seconds after each read, so that it takes many records at a
+    time and little of the processor; the pipe holds what comes meanwhile.
     """
 
-    def __init__(self, path: Path = FIFO) -> None:
+    def __init__(self, path: Path = FIFO, nap: float = 0) -> None:
         self.path = path
+        self._nap = nap
         self._records: list[Record] = []
         self._announced = 0
         self._changed = threading.Condition()
@@ -126,6 +130,8 @@ class Consumer:
                 ready = [key.fd for key, _ in selector.select()]
                 stopping = stop in ready
                 rest = self._drain(rest)
+                if self._nap and not stopping:
+                    time.sleep(self._nap)
         os.close(stop)
 
     def _drain(self, rest: bytes) -> bytes:
