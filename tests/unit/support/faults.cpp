@@ -1,0 +1,151 @@
+// The stand-ins for system calls, and their switches.
+#include "tests/unit/support/faults.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <ctime>
+
+#include <pthread.h>
+#include <sys/types.h>
+
+namespace FAULTS {
+
+Fault fork;
+Fault setsid;
+Fault chdir;
+Fault pipe2;
+Fault popen;
+Fault pthreadCreate;
+
+void Fault::failAfter(int callsToPass, int error) {
+    errorNumber = error;
+    callsLeft = callsToPass;
+}
+
+void Fault::clear() {
+    callsLeft = -1;
+}
+
+int Fault::next() {
+    // Only one call sees the count at 0: it goes on below it and stays there.
+    if (callsLeft < 0) {
+        return 0;
+    }
+    return callsLeft.fetch_sub(1) == 0 ? errorNumber.load() : 0;
+}
+
+void clear() {
+    for (Fault* const fault : {&fork, &setsid, &chdir, &pipe2, &popen, &pthreadCreate}) {
+        fault->clear();
+    }
+}
+
+namespace {
+
+thread_local bool recording = false;
+thread_local bool reallySleeping = true;
+thread_local std::vector<Sleep> recorded;
+
+void startRecording(bool reallySleep) {
+    recorded.clear();
+    recording = true;
+    reallySleeping = reallySleep;
+}
+
+void stopRecording() {
+    recorded.clear();
+    recording = false;
+    reallySleeping = true;
+}
+
+/// Sets errno if this call is to fail.
+bool fails(Fault& fault) {
+    const int error = fault.next();
+    if (error != 0) {
+        errno = error;
+    }
+    return error != 0;
+}
+
+} // namespace
+
+SleepRecorder::SleepRecorder() {
+    startRecording(false);
+}
+
+SleepRecorder::~SleepRecorder() {
+    stopRecording();
+}
+
+const std::vector<Sleep>& SleepRecorder::sleeps() const {
+    return recorded;
+}
+
+SleepWatcher::SleepWatcher() {
+    startRecording(true);
+}
+
+SleepWatcher::~SleepWatcher() {
+    stopRecording();
+}
+
+const std::vector<Sleep>& SleepWatcher::sleeps() const {
+    return recorded;
+}
+
+} // namespace FAULTS
+
+// The linker sends the calls of the code under test to the __wrap_ names, and gives the functions
+// themselves the __real_ names.
+using ThreadBody = void* (*)(void*);
+
+pid_t realFork() __asm__("__real_fork");
+pid_t realSetsid() __asm__("__real_setsid");
+int realChdir(const char* path) __asm__("__real_chdir");
+int realPipe2(int* ends, int flags) __asm__("__real_pipe2");
+FILE* realPopen(const char* command, const char* mode) __asm__("__real_popen");
+int realPthreadCreate(pthread_t* handle, const pthread_attr_t* attributes, ThreadBody body,
+                      void* argument) __asm__("__real_pthread_create");
+int realNanosleep(const timespec* request, timespec* remaining) __asm__("__real_nanosleep");
+
+pid_t standInFork() __asm__("__wrap_fork");
+pid_t standInSetsid() __asm__("__wrap_setsid");
+int standInChdir(const char* path) __asm__("__wrap_chdir");
+int standInPipe2(int* ends, int flags) __asm__("__wrap_pipe2");
+FILE* standInPopen(const char* command, const char* mode) __asm__("__wrap_popen");
+int standInPthreadCreate(pthread_t* handle, const pthread_attr_t* attributes, ThreadBody body,
+                         void* argument) __asm__("__wrap_pthread_create");
+int standInNanosleep(const timespec* request, timespec* remaining) __asm__("__wrap_nanosleep");
+
+pid_t standInFork() {
+    return FAULTS::fails(FAULTS::fork) ? -1 : realFork();
+}
+
+pid_t standInSetsid() {
+    return FAULTS::fails(FAULTS::setsid) ? -1 : realSetsid();
+}
+
+int standInChdir(const char* path) {
+    return FAULTS::fails(FAULTS::chdir) ? -1 : realChdir(path);
+}
+
+int standInPipe2(int* ends, int flags) {
+    return FAULTS::fails(FAULTS::pipe2) ? -1 : realPipe2(ends, flags);
+}
+
+FILE* standInPopen(const char* command, const char* mode) {
+    return FAULTS::fails(FAULTS::popen) ? nullptr : realPopen(command, mode);
+}
+
+int standInPthreadCreate(pthread_t* handle, const pthread_attr_t* attributes, ThreadBody body,
+                         void* argument) {
+    const int error = FAULTS::pthreadCreate.next();
+    return error != 0 ? error : realPthreadCreate(handle, attributes, body, argument);
+}
+
+int standInNanosleep(const timespec* request, timespec* remaining) {
+    if (FAULTS::recording) {
+        FAULTS::recorded.push_back({request->tv_sec, request->tv_nsec});
+    }
+    return FAULTS::reallySleeping ? realNanosleep(request, remaining) : 0;
+}

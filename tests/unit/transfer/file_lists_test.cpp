@@ -1,0 +1,180 @@
+// How many copy processes a cycle gets, and the file lists they read.
+#include "tests/unit/support/settings_test.h"
+#include "transfer/file_lists.h"
+
+#include <algorithm>
+#include <climits>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using testing::ElementsAre;
+
+namespace {
+
+class FileLists : public SettingsTest {
+protected:
+    const std::string path = scratch / "list";
+};
+
+/// The paths of the lists, each with its content once it is closed; the files are removed.
+std::vector<std::string> contentsOf(std::vector<FileList>& lists) {
+    std::vector<std::string> contents;
+    for (FileList& list : lists) {
+        list.close();
+        contents.push_back(readFile(list.name()));
+        unlink(list.name().c_str());
+    }
+    return contents;
+}
+
+} // namespace
+
+TEST(CopyProcessCount, IsOneForEach101NamesBegun) {
+    EXPECT_EQ(copyProcessCount(1, 8), 1);
+    EXPECT_EQ(copyProcessCount(100, 4), 1);
+    EXPECT_EQ(copyProcessCount(101, 4), 2);
+    EXPECT_EQ(copyProcessCount(201, 4), 2);
+    EXPECT_EQ(copyProcessCount(202, 4), 3);
+    EXPECT_EQ(copyProcessCount(707, 8), 8);
+}
+
+TEST(CopyProcessCount, IsAtMostTheSetting) {
+    EXPECT_EQ(copyProcessCount(1000, 4), 4);
+    EXPECT_EQ(copyProcessCount(1000, 1), 1);
+    EXPECT_EQ(copyProcessCount(100000, 8), 8);
+    EXPECT_EQ(copyProcessCount(1000, INT_MAX), 10);
+}
+
+TEST(CopyProcessCount, TakesASettingOfZeroAsOne) {
+    EXPECT_EQ(copyProcessCount(1, 0), 1);
+    EXPECT_EQ(copyProcessCount(1000, 0), 1);
+}
+
+TEST(CopyProcessCount, TakesANegativeSettingAsNoLimit) {
+    EXPECT_EQ(copyProcessCount(10100, -1), 101);
+    EXPECT_EQ(copyProcessCount(10100, INT_MIN), 101);
+}
+
+TEST(FileListName, HoldsTheProcessTheThreadAndTheIndex) {
+    const auto thread = static_cast<int>(static_cast<unsigned int>(pthread_self()));
+    EXPECT_EQ(fileListName(0),
+              "/tmp/file_list_" + std::to_string(getpid()) + "_" + std::to_string(thread) + "_0");
+    EXPECT_EQ(fileListName(12),
+              "/tmp/file_list_" + std::to_string(getpid()) + "_" + std::to_string(thread) + "_12");
+}
+
+TEST(FileListName, DiffersBetweenThreads) {
+    const std::string own = fileListName(0);
+    std::string others;
+    std::thread other([&others] { others = fileListName(0); });
+    other.join();
+    EXPECT_NE(own, others);
+}
+
+TEST_F(FileLists, HoldANameInEachLine) {
+    FileList list(path);
+    EXPECT_EQ(list.name(), path);
+    list.add("a");
+    list.add("dir/b");
+    list.close();
+    EXPECT_EQ(readFile(path), "a\ndir/b\n");
+}
+
+TEST_F(FileLists, AreCreatedEmptyAtOnce) {
+    const FileList list(path);
+    EXPECT_TRUE(exists(path));
+    EXPECT_EQ(readFile(path), "");
+}
+
+TEST_F(FileLists, HoldEverythingHoweverMuchItIs) {
+    FileList list(path);
+    std::string expected;
+    for (int i = 0; i < 20000; ++i) {
+        const std::string name = "directory/frame_" + std::to_string(i) + ".cbf";
+        list.add(name);
+        expected += name + "\n";
+    }
+    list.close();
+    EXPECT_EQ(readFile(path), expected);
+}
+
+TEST_F(FileLists, CanBeClosedTwice) {
+    FileList list(path);
+    list.add("a");
+    list.close();
+    list.close();
+    EXPECT_EQ(readFile(path), "a\n");
+}
+
+TEST_F(FileLists, BelongToTheDaemonAlone) {
+    const mode_t before = umask(0);
+    const FileList list(path);
+    umask(before);
+    EXPECT_EQ(permissions(path), 0600U);
+}
+
+TEST_F(FileLists, ReplaceAnOldFileOfTheirName) {
+    writeFile(path, "old content that is longer\n");
+    FileList list(path);
+    list.add("new");
+    list.close();
+    EXPECT_EQ(readFile(path), "new\n");
+}
+
+TEST_F(FileLists, DoNotFollowALinkOfTheirName) {
+    const std::string victim = scratch / "victim";
+    writeFile(victim, "untouched");
+    ASSERT_EQ(symlink(victim.c_str(), path.c_str()), 0);
+    FileList list(path);
+    list.add("new");
+    list.close();
+    EXPECT_EQ(readFile(victim), "untouched");
+    EXPECT_EQ(readFile(path), "new\n");
+    EXPECT_EQ(permissions(path), 0600U);
+}
+
+TEST_F(FileLists, LoseTheNamesInSilenceWhenTheyCannotBeCreated) {
+    ASSERT_EQ(mkdir(path.c_str(), 0755), 0);
+    FileList list(path);
+    for (int i = 0; i < 20000; ++i) {
+        list.add("name" + std::to_string(i));
+    }
+    list.close();
+    EXPECT_TRUE(namesIn(path).empty());
+}
+
+TEST_F(FileLists, AreDealtTheNamesInTurn) {
+    std::vector<FileList> lists = dealNames({"a", "b", "c", "d", "e"}, 3);
+    EXPECT_THAT(contentsOf(lists), ElementsAre("a\nd\n", "b\ne\n", "c\n"));
+}
+
+TEST_F(FileLists, AreNamedByTheirIndex) {
+    std::vector<FileList> lists = dealNames({"a", "b"}, 2);
+    ASSERT_EQ(lists.size(), 2U);
+    EXPECT_EQ(lists[0].name(), fileListName(0));
+    EXPECT_EQ(lists[1].name(), fileListName(1));
+    contentsOf(lists);
+}
+
+TEST_F(FileLists, StayEmptyWhenThereAreFewerNames) {
+    std::vector<FileList> lists = dealNames({"a"}, 2);
+    EXPECT_THAT(contentsOf(lists), ElementsAre("a\n", ""));
+}
+
+TEST_F(FileLists, AreKeptFromCopyProcesses) {
+    const std::vector<int> before = openDescriptors();
+    const FileList list(path);
+    for (const int descriptor : openDescriptors()) {
+        if (std::find(before.begin(), before.end(), descriptor) == before.end()) {
+            EXPECT_NE(fcntl(descriptor, F_GETFD) & FD_CLOEXEC, 0);
+        }
+    }
+}
