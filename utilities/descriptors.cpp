@@ -73,9 +73,8 @@ bool writeAll(int descriptor, std::string_view text) {
 StandardDescriptorsShield::StandardDescriptorsShield(pthread_mutex_t* guardingMutex)
     : mutex(guardingMutex) {
     const MutexGuard guard(mutex);
-    if (shieldCount++ > 0) {
-        return;
-    }
+    ++shieldCount;
+    // Not for the first shield alone: a number that was in use for a moment then may be free now.
     // A new descriptor is the lowest free number, so the first one above the three says that none
     // of them is free.
     for (;;) {
