@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import os
+import signal
 import stat
 from collections.abc import Iterator
 from pathlib import Path
@@ -22,6 +23,10 @@ def pytest_configure(config: pytest.Config) -> None:
             "these tests use the daemon's fixed places (/etc, /var/run, /tmp, /usr/local): run them "
             "with tests/support/sandbox COMMAND, as ctest does"
         )
+    # A shell starts what runs in its background with these ignored, and so would the daemon be.
+    for number in (signal.SIGINT, signal.SIGQUIT):
+        if signal.getsignal(number) == signal.SIG_IGN:
+            signal.signal(number, signal.SIG_DFL)
 
 
 @pytest.fixture(autouse=True)

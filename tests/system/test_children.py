@@ -276,11 +276,12 @@ def test_complaints_about_a_target_land_nowhere(daemon: Daemon) -> None:
         calls = scripted.calls(name)
         assert len(calls) > len(detectors) * cycles
         for call in calls:
-            # What another thread has open for a moment may show above, if it can do no harm.
+            # What another thread is just opening may show elsewhere, where it does no harm; a
+            # writing end of a report would withhold its end.
             assert not {1, 2} & set(call.descriptors), call.descriptors
             for place, flags in call.descriptors.values():
                 reading = flags & os.O_ACCMODE == os.O_RDONLY
-                assert place == str(LOG_FILE) or (PIPE.fullmatch(place) and reading)
+                assert reading or not PIPE.fullmatch(place), call.descriptors
 
 
 def test_processes_start_apart_by_the_pause(daemon: Daemon) -> None:

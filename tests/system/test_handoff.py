@@ -302,6 +302,7 @@ def test_a_reader_that_goes_away_while_records_are_written_ends_the_daemon(
     go_on = scripted.gate("go-on")
     scripted.add_copy([out("CONFIRMED: x a\n"), f"wait {go_on}", out("CONFIRMED: x b\n")])
     daemon.start()
+    scripted.wait_for_calls("listing", 1)  # the line of the start has found no reader
     reader = os.open(FIFO, os.O_RDONLY)
     received = os.read(reader, 100)
     assert received == b"/srv/t/./a\n"
