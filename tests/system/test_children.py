@@ -195,8 +195,8 @@ def test_the_target_is_made_and_its_owner_set_in_each_cycle(daemon: Daemon) -> N
         target = "/srv/images/./u1000"
         status = os.stat(target)
         assert (status.st_uid, status.st_gid) == (1000, 100)
-        made, owned = scripted.calls("mkdir"), scripted.calls("chown")
         daemon.end()
+        owned, made = scripted.calls("chown"), scripted.calls("mkdir")
         assert all(call.arguments == ["mkdir", "-p", target] for call in made)
         assert all(call.arguments == ["chown", "1000:100", target] for call in owned)
         assert 0 <= len(made) - len(owned) <= 1
