@@ -4,13 +4,11 @@
 Called by scripts/bench-drain.sh, in the sandbox. How it is measured:
 
 - Source, target and everything else are in memory, client and server on loopback. One rsync
-  server, the same for both ways. Its share is filled while nobody looks: a folder with the files
-  is renamed onto it, so that all of them appear at one moment.
-- skarn: it runs idle (minpause 10 ms) before the files appear. The time runs from the moment they
-  appear to the moment the consumer has read the last record from the named pipe. So what skarn
-  needs to notice the files is in it, up to one listing of the empty share and one pause. The
-  consumer reads every 5 ms, not to compete for the processor with what is measured. The moment
-  the last source was gone is reported too.
+  server, the same for both ways, whose share holds all files before the clock starts.
+- skarn: the time runs from its start, right before its first listing, to the moment the consumer
+  has read the last record from the named pipe. The consumer reads every 5 ms, not to compete for
+  the processor with what is measured. The moments of the first record and of the last source's
+  removal are reported too.
 - bare: the time runs from the start of one listing, with skarn's own listing options, over
   dealing the names round-robin onto eight lists, to the end of eight rsync processes started at
   once on them, with skarn's copy options (but for --confirm-files, which stock rsync does not
@@ -30,6 +28,7 @@ import shutil
 import statistics
 import subprocess
 import sys
+import tempfile
 import threading
 import time
 from collections.abc import Callable
@@ -41,9 +40,7 @@ from support.consumer import Consumer
 from support.daemon import PASSWORD_FILE, Daemon
 from support.detector import frame_names
 from support.rsync_server import RSYNC
-from support.waiting import wait_until
 
-STAGE = Path("/srv/stage")
 LISTING_OPTIONS = ["-mrlDHW", "--list-only", "--exclude=**.tmp"]
 COPY_OPTIONS = shlex.split(
     "-vthlDHW --remove-source-files --numeric-ids --out-format='SENT: %n' --sockopts=TCP_NODELAY"
@@ -54,10 +51,11 @@ LIMIT = 120.0
 
 @dataclass
 class Drain:
-    """The seconds until one share was drained."""
+    """The seconds until one share was drained; `first` is when the first file was known to be."""
 
     done: float
     emptied: float
+    first: float = 0
 
 
 def parse_arguments() -> argparse.Namespace:
@@ -80,20 +78,13 @@ def parse_arguments() -> argparse.Namespace:
     return options
 
 
-def fill_stage(names: list[str], size: int) -> None:
-    """Makes the files beside the share; each is a file of its own, with its own content."""
-    STAGE.mkdir()
-    block = random.Random("drain").randbytes(size + len(names))
-    for number, name in enumerate(names):
-        (STAGE / name).write_bytes(block[number : number + size])
-
-
 class EmptyWatch:
     """Notes when a folder in memory has no entries any more: its size says so, at no cost."""
 
-    def __init__(self, folder: Path, empty_size: int) -> None:
+    def __init__(self, folder: Path) -> None:
         self._folder = folder
-        self._empty_size = empty_size
+        with tempfile.TemporaryDirectory(dir=folder.parent) as empty:
+            self._empty_size = os.stat(empty).st_size
         self._emptied = 0.0
         self._stop = threading.Event()
         self._thread = threading.Thread(target=self._watch, daemon=True)
@@ -114,29 +105,24 @@ class EmptyWatch:
 
 
 def drain_by_skarn(options: argparse.Namespace, station: Station, names: list[str]) -> Drain:
-    """One drain by the daemon, which idles when the files appear."""
-    share, empty_size = station.simulator.root, os.stat(station.simulator.root).st_size
+    """One drain by the daemon."""
     with Consumer(nap=0.005) as consumer, Daemon(options.skarn) as daemon:
+        watch = EmptyWatch(station.simulator.root)
+        begin = time.monotonic()
         started = daemon.start()
         assert daemon.detached, started.errors + daemon.log()
-        listings = station.server.connections()
-        wait_until(lambda: station.server.connections() > listings + 2, "the daemon to idle")
-        begin = time.monotonic()
-        os.rename(STAGE, share)
-        watch = EmptyWatch(share, empty_size)
         consumer.wait_for(len(names), LIMIT)
-        end = consumer.records()[-1].arrival
         emptied = watch.emptied()
         daemon.end()
     assert sorted(consumer.names_below(station.announced_target)) == names
-    return Drain(end - begin, emptied - begin)
+    arrivals = [record.arrival for record in consumer.records()]
+    return Drain(arrivals[-1] - begin, emptied - begin, arrivals[1] - begin)
 
 
 def drain_by_rsync(station: Station, names: list[str]) -> Drain:
     """One drain by bare rsync processes."""
-    share, empty_size = station.simulator.root, os.stat(station.simulator.root).st_size
     password = f"--password-file={PASSWORD_FILE}"
-    os.rename(STAGE, share)
+    watch = EmptyWatch(station.simulator.root)
     begin = time.monotonic()
     listing = subprocess.run(
         [RSYNC, *LISTING_OPTIONS, password, station.server.url],
@@ -167,7 +153,6 @@ def drain_by_rsync(station: Station, names: list[str]) -> Drain:
                 stdout=subprocess.DEVNULL,
             )
         )
-    watch = EmptyWatch(share, empty_size)
     statuses = [process.wait(LIMIT) for process in processes]
     end = time.monotonic()
     assert statuses == [0] * PROCESSES, statuses
@@ -176,11 +161,12 @@ def drain_by_rsync(station: Station, names: list[str]) -> Drain:
 
 
 def prepare(station: Station, names: list[str], size: int) -> None:
-    """Empties the target and lays the next files out beside the share."""
+    """Empties the target and fills the share; each file has its own content."""
     shutil.rmtree(station.target, ignore_errors=True)
     station.target.mkdir(parents=True)
-    fill_stage(names, size)
-    os.sync()
+    block = random.Random("drain").randbytes(size + len(names))
+    for number, name in enumerate(names):
+        (station.simulator.root / name).write_bytes(block[number : number + size])
 
 
 def check(station: Station, names: list[str], size: int) -> None:
@@ -192,8 +178,8 @@ def check(station: Station, names: list[str], size: int) -> None:
 
 def measure(options: argparse.Namespace) -> float:
     names = sorted(frame_names(options.files))
-    (station,) = make_stations(1, server_log=True)
-    install(options.copy_program, [station], minpause=10)
+    (station,) = make_stations(1)
+    install(options.copy_program, [station])
     TARGETS.mkdir(parents=True, exist_ok=True)
     ways: dict[str, Callable[[], Drain]] = {
         "skarn": lambda: drain_by_skarn(options, station, names),
@@ -201,7 +187,7 @@ def measure(options: argparse.Namespace) -> float:
     }
     results: dict[str, list[Drain]] = {way: [] for way in ways}
     print(f"{options.files} files of {options.size} bytes; seconds until all is done")
-    print("  round   skarn (sources gone)    bare (sources gone)    ratio")
+    print("    round   skarn (first record, sources gone)   bare (sources gone)   ratio")
     with station.server:
         for round_number in range(options.rounds + 1):
             this: dict[str, Drain] = {}
@@ -209,11 +195,12 @@ def measure(options: argparse.Namespace) -> float:
                 prepare(station, names, options.size)
                 this[way] = ways[way]()
                 check(station, names, options.size)
+            skarn, bare = this["skarn"], this["bare"]
             print(
                 f"  {round_number or 'warm-up':>7}"
-                f"   {this['skarn'].done:5.3f} ({this['skarn'].emptied:5.3f})"
-                f"         {this['bare'].done:5.3f} ({this['bare'].emptied:5.3f})"
-                f"        {this['skarn'].done / this['bare'].done:5.2f}",
+                f"   {skarn.done:5.3f}       ({skarn.first:5.3f}, {skarn.emptied:5.3f})"
+                f"         {bare.done:5.3f}      ({bare.emptied:5.3f})"
+                f"   {skarn.done / bare.done:5.2f}",
                 flush=True,
             )
             if round_number > 0:
