@@ -284,13 +284,20 @@ class Daemon:
             return ""
 
     def archived_log(self) -> str:
-        """The whole log, the archives that rotation made first, the oldest of them at the start."""
+        """The whole log, the archives that rotation made first, the oldest of them at the start.
+
+        While the daemon rotates, a file may be missing from the result or stand in it twice.
+        """
         numbered = []
         for path in self.log_file.parent.glob(self.log_file.name + ".*"):
             if path.suffix[1:].isdigit():
                 numbered.append((int(path.suffix[1:]), path))
-        parts = [path for _, path in sorted(numbered, reverse=True)]
-        content = b"".join(path.read_bytes() for path in parts)
+        content = b""
+        for _, path in sorted(numbered, reverse=True):
+            try:
+                content += path.read_bytes()
+            except FileNotFoundError:
+                continue  # moved on
         return content.decode("utf-8", "surrogateescape") + self.log()
 
     def wait_for_log(self, text: str, count: int = 1, timeout: float = LIMIT) -> str:

@@ -297,6 +297,15 @@ def test_processes_start_apart_by_the_pause(daemon: Daemon) -> None:
     assert calls[2].time - calls[0].time > 200_000_000
 
 
+def test_no_pause_follows_the_last_process(daemon: Daemon) -> None:
+    write_configuration({"logfile": LOG_FILE}, [Detector("1", interrun_pause=60000)])
+    scripted.add_listing(["a"])
+    scripted.add_listing(["b"])
+    daemon.start()
+    # The pause would be longer than the limit of this wait.
+    daemon.wait_for_log("1: Removed file", 2)
+
+
 def test_an_empty_cycle_is_followed_by_the_pause(daemon: Daemon) -> None:
     write_configuration({"logfile": LOG_FILE}, [Detector("1", minpause=100)])
     daemon.start()

@@ -191,9 +191,11 @@ def test_a_value_of_1015_characters_arrives_whole(daemon: Daemon) -> None:
     assert call.arguments[-1] == target + "/./"
 
 
-def test_a_last_line_of_1024_characters_without_a_line_feed(daemon: Daemon) -> None:
-    text = f"{LOG_LINE}logfile_max_number 3\n{padded('#', 1024)}".rstrip("\n")
-    assert run(daemon, text) == (str(LOG_FILE), 10485760, 3)
+@pytest.mark.parametrize("length, number", [(1022, 3), (1023, 3), (1024, 10)])
+def test_a_long_last_line_without_a_line_feed(daemon: Daemon, length: int, number: int) -> None:
+    line = " " * (length - 20) + "logfile_max_number 3"
+    assert len(line) == length
+    assert run(daemon, LOG_LINE + line) == (str(LOG_FILE), 10485760, number)
 
 
 def test_a_blank_and_a_tab_take_the_first_word_of_the_next_line(daemon: Daemon) -> None:

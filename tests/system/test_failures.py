@@ -120,7 +120,6 @@ def test_no_pipe_for_any_process(daemon: Daemon) -> None:
     assert PID_FILE.read_text() == f"{daemon.pid}\n"
     scripted.add_listing(["a"])
     daemon.wait_for_log(expected.block(confirmed=["a"]))
-    assert not processes.children(daemon.pid) or daemon.is_running()
 
 
 def test_no_pipe_for_some_processes(daemon: Daemon) -> None:
@@ -287,7 +286,7 @@ def test_a_copy_process_that_is_killed_is_waited_for_and_its_names_come_again(
     assert expected.ended("1", pid) in log
 
 
-def test_a_full_report_with_no_thread_left_behind(daemon: Daemon) -> None:
+def test_nothing_piles_up(daemon: Daemon) -> None:
     """Hundreds of cycles leave no thread, no descriptor and no child behind."""
     write_configuration({"logfile": LOG_FILE}, [Detector("1", minpause=1)])
     daemon.start()
@@ -304,7 +303,10 @@ def test_a_full_report_with_no_thread_left_behind(daemon: Daemon) -> None:
             lambda: f"no descriptor to be open, but there are {processes.descriptors(daemon.pid)}",
         )
         assert threads(daemon) == idle
-        assert not [each for each in processes.children(daemon.pid) if each.is_zombie]
+        wait_until(
+            lambda: not [each for each in processes.children(daemon.pid) if each.is_zombie],
+            "no child to be left unwaited for",
+        )
         daemon.end()
 
 
