@@ -1,0 +1,223 @@
+"""The copy program as the daemon runs it, and a scripted rsync for it to drive."""
+
+from __future__ import annotations
+
+import json
+import os
+import select
+import signal
+import subprocess
+import time
+from collections.abc import Sequence
+from dataclasses import dataclass
+from pathlib import Path
+from typing import Any
+
+from support import daemon
+from support.rsync_server import MODULE
+from support.waiting import LIMIT, wait_until
+
+TARGET = Path("/srv/target")
+FILE_LIST = Path("/tmp/file_list")
+CALLS = Path("/srv/calls")
+
+OPTIONS = [
+    "-vthlDHW",
+    "--remove-source-files",
+    "--numeric-ids",
+    "--confirm-files",
+    "--out-format=SENT: %n",
+    f"--password-file={daemon.PASSWORD_FILE}",
+    f"--files-from={FILE_LIST}",
+]
+URL = f"rsync://root@127.0.0.1:49371/{MODULE}/"
+
+# What the program hands on of OPTIONS, and what it puts in front.
+ADDED = ["--8-bit-output", "--sockopts=TCP_NODELAY", "--info=remove1"]
+KEPT = [option for option in OPTIONS if option != "--confirm-files"]
+
+DAEMON_ENVIRONMENT = {"RSYNC_UID": "", "RSYNC_GID": ""}
+
+
+def real_binary() -> Path:
+    """The program that drives stock rsync."""
+    return Path(os.environ["CONFIRMING_RSYNC_BINARY"])
+
+
+def scripted_binary() -> Path:
+    """The same program built for the path of the scripted rsync."""
+    return Path(os.environ["CONFIRMING_RSYNC_SCRIPTED_BINARY"])
+
+
+def scripted_rsync() -> Path:
+    """Where the scripted rsync has to be."""
+    return Path(os.environ["SCRIPTED_RSYNC"])
+
+
+PRELUDE = """#!/usr/bin/python3 -IB
+import json, os, signal, sys, time
+fds = {int(n): os.readlink("/proc/self/fd/" + n) for n in os.listdir("/proc/self/fd")
+       if os.path.exists("/proc/self/fd/" + n)}
+environment = dict(e.split("=", 1) for e in open("/proc/self/environ").read().split("\\0") if e)
+asking = "--list-only" in sys.argv
+given = sys.stdin.buffer.read().decode("latin-1") if asking and 0 in fds else ""
+record = {"arguments": sys.argv, "environment": environment, "descriptors": fds, "input": given,
+          "pid": os.getpid(), "group": os.getpgid(0), "time": time.monotonic()}
+folder = "CALLS"
+os.makedirs(folder, exist_ok=True)
+name = folder + "/%d" % len([n for n in os.listdir(folder) if "." not in n])
+with open(name + ".new", "w") as file:
+    json.dump(record, file)
+os.rename(name + ".new", name)
+def out(text):
+    os.write(1, text if isinstance(text, bytes) else text.encode("latin-1"))
+def err(text):
+    os.write(2, text if isinstance(text, bytes) else text.encode("latin-1"))
+def missing(path):
+    err('rsync: [sender] link_stat "%s" (in ramdisk) failed: No such file or directory (2)\\n' % path)
+if not asking:
+"""
+
+
+def script_rsync(copying: str, asked: str = "sys.exit(10)") -> None:
+    """Installs an rsync that records its call and then does what the two pieces of Python say.
+
+    `copying` runs in the copy, `asked` when it is asked what is still there. Both can use out(),
+    err() and missing().
+    """
+    body = PRELUDE.replace("CALLS", str(CALLS))
+    body += "\n".join("    " + line for line in copying.splitlines()) + "\n"
+    body += "    sys.exit(0)\n" + asked + "\n"
+    path = scripted_rsync()
+    path.parent.mkdir(parents=True, exist_ok=True)
+    fresh = path.with_suffix(".new")
+    fresh.write_text(body, encoding="utf-8")
+    fresh.chmod(0o755)
+    fresh.rename(path)
+
+
+def calls() -> list[dict[str, Any]]:
+    """How the scripted rsync was called, in order."""
+    if not CALLS.is_dir():
+        return []
+    found = sorted((path for path in CALLS.iterdir() if not path.suffix), key=lambda p: int(p.name))
+    return [json.loads(path.read_text(encoding="utf-8")) for path in found]
+
+
+def names(*listed: str | bytes) -> None:
+    """Writes the list of names to be copied."""
+    raw = [name if isinstance(name, bytes) else os.fsencode(name) for name in listed]
+    FILE_LIST.write_bytes(b"".join(name + b"\n" for name in raw))
+
+
+@dataclass(frozen=True)
+class Result:
+    """How a run of the program ended."""
+
+    status: int  # negative: the signal that ended it
+    report: bytes
+    seconds: float
+
+    @property
+    def lines(self) -> list[str]:
+        """The report's lines, bytes above 127 as surrogates."""
+        return os.fsdecode(self.report).splitlines()
+
+    @property
+    def sent(self) -> list[str]:
+        """The names of the SENT lines, in order."""
+        return [line[6:] for line in self.lines if line.startswith("SENT: ")]
+
+    @property
+    def confirmed(self) -> list[str]:
+        """The names of the CONFIRMED lines, in order."""
+        beginning = "CONFIRMED: removed "
+        return [line[len(beginning) :] for line in self.lines if line.startswith(beginning)]
+
+
+class Program:
+    """One run: standard output and error on one pipe, standard input closed, a session of its own."""
+
+    def __init__(
+        self,
+        binary: Path,
+        arguments: Sequence[str | bytes] | None = None,
+        *,
+        environment: dict[str, str] | None = None,
+        extra: Sequence[str] = (),
+        closed: Sequence[int] = (0,),
+        inherited: Sequence[int] = (),
+    ) -> None:
+        if arguments is None:
+            arguments = [*OPTIONS, *extra, URL, f"{TARGET}/"]
+        TARGET.mkdir(parents=True, exist_ok=True)
+        read_end, write_end = os.pipe()
+        self._begin = time.monotonic()
+
+        def close() -> None:
+            for number in closed:
+                os.close(number)
+
+        self.process = subprocess.Popen(
+            [binary, *arguments],
+            env=DAEMON_ENVIRONMENT if environment is None else environment,
+            stdin=subprocess.DEVNULL,
+            stdout=write_end,
+            stderr=write_end,
+            start_new_session=True,
+            pass_fds=tuple(inherited),
+            preexec_fn=close,
+        )
+        os.close(write_end)
+        self._pipe: int | None = read_end
+        self._report = bytearray()
+
+    @property
+    def pid(self) -> int:
+        """The program's process id."""
+        return self.process.pid
+
+    def read_until(self, text: str, timeout: float = LIMIT) -> str:
+        """Reads the report until `text` is in it; returns all of it so far."""
+        wait_until(
+            lambda: self._read_some() and os.fsencode(text) in self._report,
+            lambda: f"{text!r} in the report, whose end is {bytes(self._report[-1000:])!r}",
+            timeout,
+        )
+        return os.fsdecode(bytes(self._report))
+
+    def close_report(self) -> None:
+        """Stops being the reader of the report."""
+        if self._pipe is not None:
+            os.close(self._pipe)
+            self._pipe = None
+
+    def signal(self, number: signal.Signals) -> None:
+        """Sends the program a signal."""
+        os.kill(self.pid, number)
+
+    def finish(self, timeout: float = 60) -> Result:
+        """Reads the report to its end and waits for the program's."""
+        if self._pipe is not None:
+            wait_until(lambda: not self._read_some(), "the end of the report", timeout)
+        status = self.process.wait(timeout)
+        seconds = time.monotonic() - self._begin
+        self.close_report()
+        return Result(status, bytes(self._report), seconds)
+
+    def _read_some(self) -> bool:
+        """Takes in some of what is there to read; False at the end of the report."""
+        assert self._pipe is not None
+        for _ in range(100):
+            if not select.select([self._pipe], [], [], 0.02)[0]:
+                break
+            portion = os.read(self._pipe, 65536)
+            if not portion:
+                return False
+            self._report += portion
+        return True
+
+
+def run(binary: Path, *extra: str, environment: dict[str, str] | None = None) -> Result:
+    """A whole run of the copy."""
+    return Program(binary, extra=extra, environment=environment).finish()

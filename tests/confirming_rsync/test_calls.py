@@ -1,0 +1,206 @@
+"""How the program calls stock rsync, and what it makes of how that ends. rsync is scripted."""
+
+from __future__ import annotations
+
+import os
+import signal
+import subprocess
+
+import pytest
+
+from confirming_rsync.program import (
+    ADDED,
+    KEPT,
+    OPTIONS,
+    TARGET,
+    URL,
+    Program,
+    calls,
+    names,
+    run,
+    script_rsync,
+    scripted_binary,
+    scripted_rsync,
+)
+
+LISTING = ["-mrlDHW", "--list-only", "--exclude=**.tmp", "--password-file=/p", URL]
+CONFIRM = 'out("SENT: a\\nsender removed a\\n")'
+
+
+def test_listing_becomes_stock_rsync() -> None:
+    script_rsync("", 'print("listing of", os.getpid(), flush=True); sys.exit(5)')
+    program = Program(scripted_binary(), LISTING, closed=[])
+    result = program.finish()
+    assert result.report.decode() == f"listing of {program.pid}\n"
+    assert result.status == 5
+    (call,) = calls()
+    assert call["arguments"] == [str(scripted_rsync()), "--8-bit-output", *LISTING]
+    assert call["environment"] == {"RSYNC_UID": "", "RSYNC_GID": ""}
+
+
+@pytest.mark.parametrize("closed", [[0], [0, 2], [0, 1, 2], [1]])
+def test_listing_has_standard_descriptors(closed: list[int]) -> None:
+    script_rsync("", "sys.exit(0)")
+    assert Program(scripted_binary(), LISTING, closed=closed).finish().status == 0
+    (call,) = calls()
+    for number in range(3):
+        expected_null = number in closed or number == 0
+        assert (call["descriptors"][str(number)] == "/dev/null") == expected_null
+
+
+def test_copy_gets_what_a_report_takes() -> None:
+    names("a")
+    script_rsync(CONFIRM)
+    result = run(scripted_binary())
+    assert result.lines == ["SENT: a", "CONFIRMED: removed a"]
+    assert result.status == 0
+    (call,) = calls()
+    assert call["arguments"] == [str(scripted_rsync()), *ADDED, *KEPT, URL, f"{TARGET}/"]
+    assert call["environment"] == {
+        "RSYNC_UID": "",
+        "RSYNC_GID": "",
+        "PATH": "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin",
+        "LC_ALL": "C",
+    }
+
+
+def test_copy_keeps_the_environment() -> None:
+    script_rsync(CONFIRM)
+    run(scripted_binary(), environment={"PATH": "/x", "LC_ALL": "de_DE", "OTHER": "a=b"})
+    (call,) = calls()
+    assert call["environment"] == {"PATH": "/x", "LC_ALL": "C", "OTHER": "a=b"}
+
+
+@pytest.mark.parametrize(
+    "uid, gid, expected",
+    [
+        ("1000", "100", ["-og", "--chown=1000:100"]),
+        ("1000", "", ["-og", "--chown=1000"]),
+        ("", "100", ["-og", "--chown=:100"]),
+        ("", "", []),
+    ],
+)
+def test_copy_sets_the_owner(uid: str, gid: str, expected: list[str]) -> None:
+    script_rsync(CONFIRM)
+    run(scripted_binary(), environment={"RSYNC_UID": uid, "RSYNC_GID": gid})
+    (call,) = calls()
+    assert call["arguments"][1:] == [*ADDED, *expected, *KEPT, URL, f"{TARGET}/"]
+
+
+def test_copy_without_environment() -> None:
+    script_rsync(CONFIRM)
+    assert run(scripted_binary(), environment={}).status == 0
+    (call,) = calls()
+    assert call["arguments"][1:4] == ADDED
+    assert call["arguments"][4:] == [*KEPT, URL, f"{TARGET}/"]
+
+
+@pytest.mark.parametrize("closed", [[], [0], [0, 2], [2]])
+def test_copy_has_only_standard_descriptors(closed: list[int]) -> None:
+    script_rsync(CONFIRM)
+    read_end, write_end = os.pipe()
+    high = 77
+    os.dup2(write_end, high)
+    try:
+        program = Program(scripted_binary(), closed=closed, inherited=[write_end, high])
+        assert program.finish().lines == ["SENT: a", "CONFIRMED: removed a"]
+    finally:
+        for number in (read_end, write_end, high):
+            os.close(number)
+    (call,) = calls()
+    descriptors = call["descriptors"]
+    assert sorted(descriptors) == ["0", "1", "2"]
+    assert descriptors["0"] == "/dev/null"
+    assert descriptors["1"].startswith("pipe:")
+    assert descriptors["2"].startswith("pipe:")
+    assert descriptors["1"] != descriptors["2"]
+
+
+def test_copy_works_with_all_standard_descriptors_closed() -> None:
+    names("a")
+    script_rsync(CONFIRM, "sys.exit(0)")
+    result = Program(scripted_binary(), closed=[0, 1, 2]).finish()
+    assert (result.status, result.report) == (0, b"")
+    (call,) = calls()
+    assert sorted(call["descriptors"]) == ["0", "1", "2"]
+
+
+@pytest.mark.parametrize("status", [0, 1, 23, 255])
+def test_status_is_that_of_rsync(status: int) -> None:
+    script_rsync(CONFIRM + f"\nsys.exit({status})")
+    assert run(scripted_binary()).status == status
+
+
+@pytest.mark.parametrize("number", [signal.SIGKILL, signal.SIGTERM, signal.SIGSEGV])
+def test_status_tells_the_signal_that_ended_rsync(number: signal.Signals) -> None:
+    script_rsync(CONFIRM + f"\nos.kill(os.getpid(), {int(number)})")
+    result = run(scripted_binary())
+    assert result.status == 128 + number
+    assert result.confirmed == ["a"]
+
+
+def test_missing_rsync_is_said_once() -> None:
+    names("a")
+    result = run(scripted_binary())
+    expected = f"rsync_orbelin: cannot start {scripted_rsync()}: No such file or directory"
+    assert result.lines == [expected]
+    assert result.status == 127
+    assert result.seconds >= 1
+    listing = Program(scripted_binary(), LISTING).finish()
+    assert listing.lines == [expected]
+    assert listing.status == 127
+
+
+def test_rsync_that_can_not_be_executed_is_said_once() -> None:
+    scripted_rsync().parent.mkdir(parents=True, exist_ok=True)
+    scripted_rsync().write_bytes(b"\x7fELF")
+    scripted_rsync().chmod(0o644)
+    result = run(scripted_binary())
+    assert result.lines == [f"rsync_orbelin: cannot start {scripted_rsync()}: Permission denied"]
+    scripted_rsync().chmod(0o755)
+    result = run(scripted_binary())
+    assert result.lines == [f"rsync_orbelin: cannot start {scripted_rsync()}: Exec format error"]
+    assert result.status == 127
+
+
+@pytest.mark.parametrize(
+    "copying",
+    [
+        "",
+        'out("SENT: a\\n")',
+        'missing("/a"); sys.exit(23)',
+        "sys.exit(5)",
+        "os.kill(os.getpid(), 9)",
+    ],
+)
+def test_run_that_moves_nothing_lasts_a_second(copying: str) -> None:
+    names("a")
+    script_rsync(copying)
+    assert run(scripted_binary()).seconds >= 1
+
+
+def test_run_that_moves_something_is_not_delayed() -> None:
+    script_rsync(CONFIRM)
+    # The machine may be busy now and then, but not each time.
+    assert min(run(scripted_binary()).seconds for _ in range(10)) < 0.9
+
+
+def test_no_variable_chooses_the_program() -> None:
+    script_rsync(CONFIRM)
+    environment = {name: "/bin/false" for name in ("STOCK_RSYNC", "RSYNC", "SCRIPTED_RSYNC")}
+    environment["PATH"] = "/nonexistent"
+    assert run(scripted_binary(), environment=environment).confirmed == ["a"]
+
+
+def test_is_installed_only_as_its_own_component() -> None:
+    build = scripted_binary().parent
+    while not (build / "CMakeCache.txt").exists():
+        build = build.parent
+    subprocess.run(
+        ["cmake", "--install", build, "--component", "confirming_rsync", "--prefix", "/srv/one"],
+        check=True,
+        stdout=subprocess.DEVNULL,
+    )
+    installed = [path for path in os.popen("find /srv/one -type f").read().split()]
+    assert installed == ["/srv/one/orbelin/bin/rsync_orbelin"]
+    assert os.access(installed[0], os.X_OK)
