@@ -10,7 +10,8 @@ import time
 from pathlib import Path
 from types import TracebackType
 
-from support.processes import children
+from support.processes import children, processes
+from support.waiting import wait_until
 
 RSYNC = "/usr/bin/rsync"
 PORT = 49371
@@ -165,12 +166,11 @@ class RsyncServer:
         process, self._process = self._process, None
         if process is None:
             return
-        try:
-            os.killpg(process.pid, number)
-        except ProcessLookupError:
-            pass
-        try:
-            process.wait(timeout=10)
-        except subprocess.TimeoutExpired:
-            os.killpg(process.pid, signal.SIGKILL)
-            process.wait(timeout=10)
+        group = process.pid
+        os.killpg(group, number)
+        # A connection's process that is still dying may hold the port.
+        wait_until(
+            lambda: not any(p.group == group and not p.is_zombie for p in processes()),
+            f"the rsync server at {self.address} to end",
+        )
+        process.wait(timeout=10)
