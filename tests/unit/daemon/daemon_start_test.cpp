@@ -8,6 +8,7 @@
 #include "tests/unit/support/waiting.h"
 #include "transfer/worker.h"
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -56,6 +57,8 @@ protected:
                 Daemon daemon;
                 prepare(daemon);
                 daemon.start();
+                // Whatever is not given back here would count as a leak.
+                deleteWorkers();
                 return look();
             },
             &daemons);
@@ -338,11 +341,13 @@ TEST_F(DaemonStart, RunsTheConfiguredWorkersUntilASignalEndsIt) {
     configure({"detectorID 1", "remoteIP 10.0.0.1", "target " + (scratch / "t1"), "minpause 1",
                "detectorID 2", "remoteIP 10.0.0.2", "target " + (scratch / "t2")});
     start();
-    ASSERT_FALSE(daemons.empty());
-    const std::string daemonPid = std::to_string(daemons[0].pid);
-    EXPECT_EQ(readFile(pidPath), daemonPid + "\n");
-    EXPECT_TRUE(WIFSIGNALED(daemons[0].waitStatus));
-    EXPECT_EQ(WTERMSIG(daemons[0].waitStatus), SIGTERM);
+    // What it left of its listings has ended too.
+    const auto daemon = std::find_if(daemons.begin(), daemons.end(), [](const Orphan& orphan) {
+        return readFile(pidPath) == std::to_string(orphan.pid) + "\n";
+    });
+    ASSERT_NE(daemon, daemons.end());
+    ASSERT_TRUE(WIFSIGNALED(daemon->waitStatus));
+    EXPECT_EQ(WTERMSIG(daemon->waitStatus), SIGTERM);
     EXPECT_EQ(logWithoutDate(), startText() + "++ Starting copy thread for detector 1\n"
                                               "++ Starting copy thread for detector 2\n");
     EXPECT_THAT(readFile(scratch / "listed"), HasSubstr("rsync://root@10.0.0.1:49371/ramdisk/\n"));

@@ -39,7 +39,8 @@ TEST_F(Global, HasItsDefaultOptionsToTheByte) {
 }
 
 TEST_F(Global, KnowsWhenTheProgramStarted) {
-    EXPECT_GT(GLOBAL::skarnStartTime, time(nullptr) - 24 * 60 * 60);
+    constexpr time_t day = 86400;
+    EXPECT_GT(GLOBAL::skarnStartTime, time(nullptr) - day);
     EXPECT_LE(GLOBAL::skarnStartTime, time(nullptr));
 }
 

@@ -11,6 +11,7 @@
 #include <sstream>
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -59,6 +60,16 @@ void recordExit(int value, void* descriptor) {
 /// In the child: where recordExit writes.
 int exitsDescriptor = -1;
 
+/// Fails the test when a process called exit with one value and ended with another: a sanitizer
+/// that finds something at the end of a process says so by its status.
+void expectStatusAsGiven(const ChildOutcome& outcome, pid_t pid, int waitStatus) {
+    for (const ChildOutcome::Exit& each : outcome.exits) {
+        if (each.pid == pid && WIFEXITED(waitStatus)) {
+            EXPECT_EQ(WEXITSTATUS(waitStatus), each.value & 0xff) << outcome.errorOutput;
+        }
+    }
+}
+
 } // namespace
 
 ChildOutcome runForResult(const std::function<std::string()>& body, std::vector<Orphan>* left) {
@@ -103,6 +114,12 @@ ChildOutcome runForResult(const std::function<std::string()>& body, std::vector<
     std::istringstream recorded(exits.content());
     for (ChildOutcome::Exit each = {}; recorded >> each.pid >> each.value;) {
         outcome.exits.push_back(each);
+    }
+    expectStatusAsGiven(outcome, outcome.pid, outcome.waitStatus);
+    if (left != nullptr) {
+        for (const Orphan& orphan : *left) {
+            expectStatusAsGiven(outcome, orphan.pid, orphan.waitStatus);
+        }
     }
     return outcome;
 }

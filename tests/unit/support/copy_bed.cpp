@@ -114,6 +114,7 @@ bool CopyBed::awaitRemovedLists(std::size_t count) const {
 
 std::vector<std::string> CopyBed::numbered(const std::string& prefix, int n) {
     std::vector<std::string> names;
+    names.reserve(static_cast<std::size_t>(n));
     for (int i = 0; i < n; ++i) {
         names.push_back(prefix + std::to_string(i));
     }

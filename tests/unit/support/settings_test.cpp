@@ -55,11 +55,15 @@ void SettingsTest::SetUp() {
 
 void SettingsTest::TearDown() {
     FAULTS::clear();
-    while (!Worker::workers.empty()) {
-        delete *Worker::workers.begin();
-    }
+    deleteWorkers();
     removeFixedFiles();
     if (checksDescriptors) {
         EXPECT_EQ(openDescriptors(), descriptorsBefore) << "the test left descriptors open";
+    }
+}
+
+void SettingsTest::deleteWorkers() {
+    while (!Worker::workers.empty()) {
+        delete *Worker::workers.begin();
     }
 }

@@ -22,6 +22,9 @@ protected:
     /// The test leaves descriptors open by design; it is not checked for them.
     void leavesDescriptorsOpen() { checksDescriptors = false; }
 
+    /// Deletes every worker of the registry.
+    static void deleteWorkers();
+
     ScratchDirectory scratch;
 
 private:

@@ -227,14 +227,14 @@ TEST_F(HandoffPipeTest, EndsTheProgramWhenTheReaderHasGone) {
 TEST_F(HandoffPipeTest, KeepsTheRecordsOfSeveralWritersWhole) {
     makeFifo(fifoPath);
     FifoReader reader(fifoPath);
-    constexpr int records = 300;
+    constexpr std::size_t records = 300;
     const std::string target = "/" + std::string(900, 't');
     const auto write = [&](const std::string& name) {
         LogFile own(nullptr);
         own.open(logPath);
         HandoffPipe pipe(own, target);
         pipe.open();
-        for (int i = 0; i < records; ++i) {
+        for (std::size_t i = 0; i < records; ++i) {
             pipe.pass(name);
         }
     };
@@ -244,8 +244,8 @@ TEST_F(HandoffPipeTest, KeepsTheRecordsOfSeveralWritersWhole) {
     EXPECT_TRUE(waitUntil([&] { return reader.text().size() >= expected; }));
     first.join();
     second.join();
-    EXPECT_EQ(countOf(reader.text(), target + "/a\n"), 0U + records);
-    EXPECT_EQ(countOf(reader.text(), target + "/b\n"), 0U + records);
+    EXPECT_EQ(countOf(reader.text(), target + "/a\n"), records);
+    EXPECT_EQ(countOf(reader.text(), target + "/b\n"), records);
     EXPECT_EQ(reader.text().size(), expected);
 }
 

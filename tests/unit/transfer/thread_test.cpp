@@ -39,17 +39,17 @@ public:
 static_assert(std::is_abstract_v<Thread>, "the body is the derived class's");
 static_assert(std::has_virtual_destructor_v<Thread>, "threads are deleted through their base");
 
-/// True if another thread could take the lock at this moment.
-bool lockIsFree() {
-    bool isFree = false;
-    std::thread other([&isFree] {
-        isFree = pthread_mutex_trylock(Thread::mainMutex) == 0;
-        if (isFree) {
-            pthread_mutex_unlock(Thread::mainMutex);
+/// True if another thread could take the mutex at this moment.
+bool isFree(pthread_mutex_t* mutex) {
+    bool taken = false;
+    std::thread other([mutex, &taken] {
+        taken = pthread_mutex_trylock(mutex) == 0;
+        if (taken) {
+            pthread_mutex_unlock(mutex);
         }
     });
     other.join();
-    return isFree;
+    return taken;
 }
 
 class ThreadTest : public SettingsTest {};
@@ -89,11 +89,11 @@ TEST_F(ThreadTest, MayLockAgainWhatItHoldsAndFreesItWithTheLastUnlock) {
     NotingThread thread;
     thread.lock();
     thread.lock();
-    EXPECT_FALSE(lockIsFree());
+    EXPECT_FALSE(isFree(Thread::mainMutex));
     thread.unlock();
-    EXPECT_FALSE(lockIsFree());
+    EXPECT_FALSE(isFree(Thread::mainMutex));
     thread.unlock();
-    EXPECT_TRUE(lockIsFree());
+    EXPECT_TRUE(isFree(Thread::mainMutex));
 }
 
 TEST_F(ThreadTest, BlocksAnotherThreadsLockUntilTheSecondUnlock) {
@@ -116,8 +116,9 @@ TEST_F(ThreadTest, CreatesRecursiveMutexes) {
     EXPECT_EQ(pthread_mutex_lock(mutex), 0);
     EXPECT_EQ(pthread_mutex_trylock(mutex), 0);
     EXPECT_EQ(pthread_mutex_unlock(mutex), 0);
+    EXPECT_FALSE(isFree(mutex));
     EXPECT_EQ(pthread_mutex_unlock(mutex), 0);
-    EXPECT_NE(pthread_mutex_unlock(mutex), 0);
+    EXPECT_TRUE(isFree(mutex));
     pthread_mutex_destroy(mutex);
     delete mutex;
 }

@@ -145,10 +145,14 @@ TEST_F(MoveAboveStandard, ClosesTheOriginalWhenNoOtherCanBeHad) {
     const ChildOutcome outcome = runInChild([] {
         close(STDIN_FILENO);
         const int low = open("/dev/null", O_RDONLY);
-        rlimit limit = {3, 3};
+        rlimit before = {};
+        getrlimit(RLIMIT_NOFILE, &before);
+        const rlimit limit = {3, before.rlim_max};
         setrlimit(RLIMIT_NOFILE, &limit);
         const int moved = moveAboveStandard(low);
         const int error = errno;
+        // The end of a process may need some (a sanitizer's does).
+        setrlimit(RLIMIT_NOFILE, &before);
         return std::to_string(moved) + (isOpen(low) ? " open" : " closed") +
                (error == EMFILE || error == EINVAL ? " limit" : " other");
     });
@@ -190,10 +194,13 @@ TEST_F(WriteAll, ContinuesBehindAShortWrite) {
     const ChildOutcome outcome = runInChild([&path] {
         signal(SIGXFSZ, SIG_IGN);
         const Descriptor file(open(path.c_str(), O_WRONLY | O_CREAT, 0600));
-        rlimit limit = {1000, 1000};
+        rlimit before = {};
+        getrlimit(RLIMIT_FSIZE, &before);
+        const rlimit limit = {1000, before.rlim_max};
         setrlimit(RLIMIT_FSIZE, &limit);
         const bool written = writeAll(file.get(), std::string(1500, 'x'));
         const int error = errno;
+        setrlimit(RLIMIT_FSIZE, &before);
         return std::string(written ? "written" : "failed") + (error == EFBIG ? " EFBIG" : "");
     });
     EXPECT_EQ(outcome.result, "failed EFBIG");

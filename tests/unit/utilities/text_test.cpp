@@ -210,6 +210,7 @@ TEST(ParseSizeVar, WrapsAtThirtyTwoBits) {
 
 TEST(ParseSizeVar, TakesTheLargestLongForDigitsWithoutEnd) {
     // Its low 32 bits are all set.
+    EXPECT_EQ(sizeOf("9223372036854775808"), "true -1");
     EXPECT_EQ(sizeOf("99999999999999999999999999"), "true -1");
 }
 
