@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that a purpose needs and that are missing: the one place that knows them.
 #
-#   install-packages.sh PURPOSE...      PURPOSE: build, demo, tests, checks
+#   install-packages.sh PURPOSE...      PURPOSE: build, demo, tests, coverage, checks
 #
 # Says what it is going to install before it does. Does nothing, and needs no rights, when all is there.
 set -euo pipefail
@@ -11,10 +11,11 @@ build=(cmake g++ ninja-build)
 # The sandbox (mount, unshare, ip), the other end of the transfers, and what drives them.
 demo=("${build[@]}" iproute2 mount python3 rsync util-linux)
 tests=("${demo[@]}" libgmock-dev libgtest-dev python3-pytest)
+coverage=("${tests[@]}" gcovr)
 checks=("${tests[@]}" clang clang-format clang-tidy git mypy shellcheck)
 
 usage() {
-    printf 'usage: install-packages.sh PURPOSE...   (build, demo, tests, checks)\n' >&2
+    printf 'usage: install-packages.sh PURPOSE...   (build, demo, tests, coverage, checks)\n' >&2
     exit 2
 }
 
@@ -25,6 +26,7 @@ for purpose in "$@"; do
         build) wanted+=("${build[@]}") ;;
         demo) wanted+=("${demo[@]}") ;;
         tests) wanted+=("${tests[@]}") ;;
+        coverage) wanted+=("${coverage[@]}") ;;
         checks) wanted+=("${checks[@]}") ;;
         *) usage ;;
     esac
