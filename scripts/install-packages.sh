@@ -52,9 +52,16 @@ if [ "$(id -u)" -ne 0 ]; then
     printf 'Missing packages. As root, install them with:\n  apt-get install %s\n' "${missing[*]}" >&2
     exit 1
 fi
-printf 'Installing with apt-get what is missing: %s\n' "${missing[*]}"
+printf 'Installing with apt-get what is missing (this takes a while): %s\n' "${missing[*]}"
 export DEBIAN_FRONTEND=noninteractive
-options=(--quiet --quiet --option DPkg::Lock::Timeout=300 --option Dpkg::Use-Pty=0)
+# What it has to say is long and interests nobody unless it fails.
+output=$(mktemp)
+trap 'rm -f "$output"' EXIT
+options=(--quiet --option DPkg::Lock::Timeout=300 --option Dpkg::Use-Pty=0)
 # Without a network the lists that are there may still do.
-apt-get "${options[@]}" update </dev/null || printf 'The package lists could not be renewed.\n' >&2
-apt-get "${options[@]}" install --yes --no-install-recommends "${missing[@]}" </dev/null
+apt-get "${options[@]}" update </dev/null >"$output" 2>&1 ||
+    printf 'The package lists could not be renewed:\n%s\n' "$(tail -n 5 "$output")" >&2
+if ! apt-get "${options[@]}" install --yes --no-install-recommends "${missing[@]}" </dev/null >"$output" 2>&1; then
+    cat "$output" >&2
+    exit 1
+fi
