@@ -255,6 +255,15 @@ def test_an_empty_block(daemon: Daemon) -> None:
     assert "\n Starting 1 copy processes\n: rsync call: " in log
 
 
+def test_no_word_is_passed_on_to_the_next_block(daemon: Daemon) -> None:
+    text = LOG_LINE + "\n".join(Detector("1", source="/data/").lines()) + "\ndetectorID 2\n"
+    calls = first_calls(daemon, text, 2)
+    assert {(call.url, call.arguments[-1]) for call in calls} == {
+        (expected.url(source="/data/"), "/srv/images/./"),
+        (expected.url(""), "/./"),
+    }
+
+
 def test_the_last_block_of_an_id_counts(daemon: Daemon) -> None:
     blocks = [
         Detector("1", "127.0.0.1", "/old", "/srv/old"),
