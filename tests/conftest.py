@@ -20,8 +20,8 @@ def pytest_configure(config: pytest.Config) -> None:
     """Refuses to run outside the sandbox: the tests write to the daemon's fixed places."""
     if not processes.in_sandbox():
         raise pytest.UsageError(
-            "these tests use the daemon's fixed places (/etc, /var/run, /tmp, /usr/local): run them "
-            "with tests/support/sandbox COMMAND, as ctest does"
+            "these tests use the daemon's fixed places (/etc, /var/run, /tmp, /usr/local): "
+            "run them with tests/support/sandbox COMMAND, as ctest does"
         )
     # A shell starts what runs in its background with these ignored, and so would the daemon be.
     for number in (signal.SIGINT, signal.SIGQUIT):

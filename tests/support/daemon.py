@@ -1,4 +1,4 @@
-"""The real daemon under test: its fixed places, its configuration, its start, its files and its end.
+"""The real daemon under test: its fixed places, configuration, start, files and end.
 
 Everything here touches the daemon's own fixed paths, so it is used inside tests/support/sandbox.
 
@@ -327,7 +327,9 @@ class Daemon:
             return pids if len(pids) == count else []
 
         return wait_until(
-            wanted, lambda: f"{count} pids in the PID file, which has {self.pids_in_file()}", timeout
+            wanted,
+            lambda: f"{count} pids in the PID file, which has {self.pids_in_file()}",
+            timeout,
         )
 
     def _wait_for_log(

@@ -1,4 +1,4 @@
-"""The processes of a test: what they are, who their parent is, and how they are ended by their id."""
+"""The processes of a test: what they are, whose children, and how they are ended by their id."""
 
 from __future__ import annotations
 

@@ -219,7 +219,8 @@ def test_global_keys_stand_anywhere(daemon: Daemon) -> None:
 
 
 def test_detector_keys_before_the_first_block_are_ignored(daemon: Daemon) -> None:
-    text = LOG_LINE + "remoteIP 127.0.0.9\nsource /no\ntarget /srv/no\ndetectorID 1\ntarget /srv/t\n"
+    before = "remoteIP 127.0.0.9\nsource /no\ntarget /srv/no\n"
+    text = LOG_LINE + before + "detectorID 1\ntarget /srv/t\n"
     call = first_calls(daemon, text)[0]
     assert call.url == expected.url("", "/")
     assert call.arguments[-1] == "/srv/t/./"
