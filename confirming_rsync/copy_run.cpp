@@ -107,10 +107,7 @@ void CopyRun::conclude(int status) {
         return;
     }
     if (!isAnswered(status) || isStopping()) {
-        const auto settled = Clock::now() + limits_.settling;
-        while (Clock::now() < settled) {
-            relay_.step(settled);
-        }
+        pause(limits_.settling);
     }
     ask(names);
     send();
@@ -158,16 +155,24 @@ std::vector<std::string> CopyRun::openNames(int status) const {
 
 void CopyRun::ask(const std::vector<std::string>& names) {
     const auto share = parseShare(arguments_.source);
-    std::string output;
-    std::string errorOutput;
-    const std::string failure =
-        share ? readAnswer(names, output, errorOutput) : "it is not a share of an rsync daemon";
+    std::string failure = "it is not a share of an rsync daemon";
+    Answer answer;
+    if (share) {
+        const auto end = Clock::now() + limits_.question;
+        failure = readAnswer(names, end, answer);
+        // Nobody asks again later, so that a break just now is given a chance to pass.
+        for (int again = 0; again < 2 && !failure.empty() && !isStopping() && Clock::now() < end;
+             ++again) {
+            pause(limits_.betweenQuestions);
+            failure = readAnswer(names, end, answer);
+        }
+    }
     if (!failure.empty()) {
         filter_.remark(ownName + ("cannot ask the source what is still there: " + failure + "; ") +
                        count(names.size(), "file") + " left unconfirmed");
         return;
     }
-    for (const std::string& name : namesGone(*share, names, output, errorOutput)) {
+    for (const std::string& name : namesGone(*share, names, answer.output, answer.errorOutput)) {
         // Received files stay where they are until they are announced. One that is not there now
         // was not received, whoever deleted its source.
         if (destination_.hasFile(name)) {
@@ -176,9 +181,10 @@ void CopyRun::ask(const std::vector<std::string>& names) {
     }
 }
 
-/// Puts the question and takes in the answer. Returns why there is none, or nothing.
-std::string CopyRun::readAnswer(const std::vector<std::string>& names, std::string& output,
-                                std::string& errorOutput) {
+/// Puts the question once and takes in the answer. Returns why there is none, or nothing.
+std::string CopyRun::readAnswer(const std::vector<std::string>& names, Clock::time_point end,
+                                Answer& answer) {
+    answer = Answer();
     Child rsync(
         {stockRsync_, questionArguments(arguments_.access, arguments_.source), environment_},
         fileWith(questionInput(names)), signals_);
@@ -190,17 +196,13 @@ std::string CopyRun::readAnswer(const std::vector<std::string>& names, std::stri
             text += bytes.substr(0, longestAnswer - std::min(longestAnswer, text.size()));
         };
     };
-    const Sinks sinks{keep(output), keep(errorOutput)};
-    const auto begin = Clock::now();
-    Clock::time_point stopped = never;
+    const Sinks sinks{keep(answer.output), keep(answer.errorOutput)};
+    bool hurried = false;
     while (rsync.output || rsync.errorOutput || !rsync.hasEnded()) {
         const auto now = Clock::now();
-        if (isStopping() && stopped == never) {
-            stopped = now;
-        }
-        auto end = begin + limits_.question;
-        if (stopped != never) {
-            end = std::min(end, stopped + limits_.hurriedQuestion);
+        if (isStopping() && !hurried) {
+            hurried = true;
+            end = std::min(end, now + limits_.hurriedQuestion);
         }
         if (now >= end || relay_.readerIsGone()) {
             return "no answer in time";
@@ -211,6 +213,14 @@ std::string CopyRun::readAnswer(const std::vector<std::string>& names, std::stri
         return "rsync ended with status " + std::to_string(rsync.exitStatus());
     }
     return {};
+}
+
+/// Lets time pass, the report flow and signals come.
+void CopyRun::pause(std::chrono::milliseconds duration) {
+    const auto end = Clock::now() + duration;
+    while (Clock::now() < end && !relay_.readerIsGone()) {
+        relay_.step(end);
+    }
 }
 
 void CopyRun::attend(Child& child, const Sinks& sinks) {

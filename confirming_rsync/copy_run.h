@@ -25,8 +25,10 @@ struct Limits {
     std::chrono::milliseconds leftovers{2000};
     /// After a broken run the share's side may still be busy with what it was told last.
     std::chrono::milliseconds settling{500};
-    /// The whole question to the share; and when the program was told to end.
+    /// The whole question to the share, put again if need be after such a pause; and when the
+    /// program was told to end.
     std::chrono::milliseconds question{30000};
+    std::chrono::milliseconds betweenQuestions{1000};
     std::chrono::milliseconds hurriedQuestion{10000};
 };
 
@@ -46,9 +48,14 @@ private:
     void finishReport();
 
     std::vector<std::string> openNames(int status) const;
+    struct Answer {
+        std::string output;
+        std::string errorOutput;
+    };
     void ask(const std::vector<std::string>& names);
-    std::string readAnswer(const std::vector<std::string>& names, std::string& output,
-                           std::string& errorOutput);
+    std::string readAnswer(const std::vector<std::string>& names, Clock::time_point end,
+                           Answer& answer);
+    void pause(std::chrono::milliseconds duration);
 
     /// Reads the child until it and its output have ended, or all patience has. Telling it to end
     /// and ending it are part of that.

@@ -57,7 +57,7 @@ std::string readFileList(const std::string& path) {
         return {};
     }
     std::string text;
-    std::array<char, 64 * 1024> buffer{};
+    std::array<char, 65536> buffer{};
     for (;;) {
         const ssize_t count = ::read(file.get(), buffer.data(), buffer.size());
         if (count > 0) {

@@ -19,7 +19,7 @@ struct LinePiece {
 /// bytes, so that memory stays bounded and the result does not depend on how the bytes arrived.
 class LineAssembly {
 public:
-    static constexpr std::size_t limit = 64 * 1024;
+    static constexpr std::size_t limit = 65536;
 
     /// Takes the next bytes of the stream; appends to `pieces` what is complete by now.
     void take(std::string_view bytes, std::vector<LinePiece>& pieces);

@@ -14,7 +14,7 @@ namespace confirming {
 namespace {
 
 /// While more than this waits for the reader, the child is not read from.
-constexpr std::size_t fullReport = 64 * 1024;
+constexpr std::size_t fullReport = 65536;
 
 /// No wait is longer, so that an event that came unnoticed is noticed.
 constexpr std::chrono::milliseconds longestWait{1000};
@@ -33,7 +33,7 @@ int millisecondsUntil(Clock::time_point time) {
 
 /// Hands on what is there to read; closes the descriptor at the end of the stream.
 void readSome(Descriptor& from, const std::function<void(std::string_view)>& sink) {
-    std::array<char, 32 * 1024> buffer{};
+    std::array<char, 32768> buffer{};
     const ssize_t count = ::read(from.get(), buffer.data(), buffer.size());
     if (count > 0) {
         sink(std::string_view(buffer.data(), static_cast<std::size_t>(count)));
@@ -74,10 +74,10 @@ void Relay::step(Child* child, const Sinks* sinks, Clock::time_point until) {
     } else if (polled[1].revents != 0) {
         writer_.write();
     }
-    if (polled[2].revents != 0) {
+    if (reading && polled[2].revents != 0) {
         readSome(child->output, sinks->output);
     }
-    if (polled[3].revents != 0) {
+    if (reading && polled[3].revents != 0) {
         readSome(child->errorOutput, sinks->errorOutput);
     }
 }

@@ -74,7 +74,8 @@ def out(text):
 def err(text):
     os.write(2, text if isinstance(text, bytes) else text.encode("latin-1"))
 def missing(path):
-    err('rsync: [sender] link_stat "%s" (in ramdisk) failed: No such file or directory (2)\\n' % path)
+    err('rsync: [sender] link_stat "%s" (in ramdisk) failed: ' % path)
+    err("No such file or directory (2)\\n")
 if not asking:
 """
 
@@ -136,7 +137,7 @@ class Result:
 
 
 class Program:
-    """One run: standard output and error on one pipe, standard input closed, a session of its own."""
+    """One run in a session of its own: one pipe for both outputs, standard input closed."""
 
     def __init__(
         self,

@@ -89,8 +89,9 @@ TEST(ReportFilter, TakesNamesAsBytesToTheEndOfTheLine) {
     for (const std::string& name :
          {"two words"s, " leads"s, "trails "s, "q\"uo'te"s, "\xe4\xf6\xff"s, "esc\\#012aped"s,
           "tab\tname"s, "cr\r"s, "SENT: a"s, "sender removed a"s, "-x"s, "#"s, "."s}) {
-        expectReport("SENT: " + name + "\nsender removed " + name + "\n",
-                     "SENT: " + name + "\nCONFIRMED: removed " + name + "\n");
+        const std::string sent = std::string("SENT: ").append(name).append("\n");
+        expectReport(std::string(sent).append("sender removed ").append(name).append("\n"),
+                     std::string(sent).append("CONFIRMED: removed ").append(name).append("\n"));
     }
 }
 
@@ -177,7 +178,7 @@ TEST(ReportFilter, KeepsTheLinesOfTheTwoStreamsApart) {
 }
 
 TEST(ReportFilter, PassesOnVeryLongLinesUnchanged) {
-    const std::string name(1024 * 1024, 'n');
+    const std::string name(1048576, 'n');
     for (const std::string& line : {"x" + name + "\n", "SENT: " + name + "\n"}) {
         for (const std::size_t portion : {std::size_t{4093}, line.size()}) {
             EXPECT_EQ(reportOf(line, portion), line);
