@@ -13,6 +13,8 @@ Called by scripts/bench-drain.sh, in the sandbox. How it is measured:
   dealing the names round-robin onto eight lists, to the end of eight rsync processes started at
   once on them, with skarn's copy options (but for --confirm-files, which stock rsync does not
   know) and --sockopts=TCP_NODELAY, their output thrown away.
+- The processor time is that of all clients and servers of one drain. Where other programs compete
+  for the machine it is the steadier number.
 - Both are repeated in turn, bare first in every other round, after one round that is not counted.
   Medians are compared. The target is emptied before each, outside the measured time, and each
   result is checked: all files there, none left.
@@ -35,11 +37,12 @@ from collections.abc import Callable
 from dataclasses import dataclass
 from pathlib import Path
 
-from support.bed import STATE, TARGETS, Station, install, make_stations
+from support.bed import STATE, Station, install, make_stations
 from support.consumer import Consumer
-from support.daemon import PASSWORD_FILE, Daemon
+from support.daemon import PASSWORD_FILE, Daemon, file_lists
 from support.detector import frame_names
 from support.rsync_server import RSYNC
+from support.waiting import wait_until
 
 LISTING_OPTIONS = ["-mrlDHW", "--list-only", "--exclude=**.tmp"]
 COPY_OPTIONS = shlex.split(
@@ -51,11 +54,14 @@ LIMIT = 120.0
 
 @dataclass
 class Drain:
-    """The seconds until one share was drained; `first` is when the first file was known to be."""
+    """The seconds until one share was drained, its sources were gone, the first file was announced
+    (skarn only), and the processor time that clients and server took for it.
+    """
 
     done: float
     emptied: float
     first: float = 0
+    processor: float = 0
 
 
 def parse_arguments() -> argparse.Namespace:
@@ -113,6 +119,8 @@ def drain_by_skarn(options: argparse.Namespace, station: Station, names: list[st
         assert daemon.detached, started.errors + daemon.log()
         consumer.wait_for(len(names), LIMIT)
         emptied = watch.emptied()
+        # The processor time of a copy process counts once the daemon has taken its status.
+        wait_until(lambda: not file_lists(), "the end of the cycle")
         daemon.end()
     assert sorted(consumer.names_below(station.announced_target)) == names
     arrivals = [record.arrival for record in consumer.records()]
@@ -164,6 +172,8 @@ def prepare(station: Station, names: list[str], size: int) -> None:
     """Empties the target and fills the share; each file has its own content."""
     shutil.rmtree(station.target, ignore_errors=True)
     station.target.mkdir(parents=True)
+    station.simulator.root.mkdir(parents=True, exist_ok=True)
+    STATE.mkdir(parents=True, exist_ok=True)
     block = random.Random("drain").randbytes(size + len(names))
     for number, name in enumerate(names):
         (station.simulator.root / name).write_bytes(block[number : number + size])
@@ -176,41 +186,59 @@ def check(station: Station, names: list[str], size: int) -> None:
     assert not os.listdir(station.simulator.root), "files are left at the source"
 
 
+def drain(
+    way: Callable[[], Drain], station: Station, names: list[str], options: argparse.Namespace
+) -> Drain:
+    """One drain in one of the ways, from the preparation to the check."""
+    prepare(station, names, options.size)
+    before = os.times()
+    with station.server:
+        result = way()
+        station.server.stop()  # only what has ended is accounted for
+    after = os.times()
+    result.processor = (
+        after.children_user + after.children_system - before.children_user - before.children_system
+    )
+    check(station, names, options.size)
+    return result
+
+
 def measure(options: argparse.Namespace) -> float:
     names = sorted(frame_names(options.files))
     (station,) = make_stations(1)
     install(options.copy_program, [station])
-    TARGETS.mkdir(parents=True, exist_ok=True)
     ways: dict[str, Callable[[], Drain]] = {
         "skarn": lambda: drain_by_skarn(options, station, names),
         "bare": lambda: drain_by_rsync(station, names),
     }
     results: dict[str, list[Drain]] = {way: [] for way in ways}
     print(f"{options.files} files of {options.size} bytes; seconds until all is done")
-    print("    round   skarn (first record, sources gone)   bare (sources gone)   ratio")
-    with station.server:
-        for round_number in range(options.rounds + 1):
-            this: dict[str, Drain] = {}
-            for way in sorted(ways, reverse=round_number % 2 == 1):
-                prepare(station, names, options.size)
-                this[way] = ways[way]()
-                check(station, names, options.size)
-            skarn, bare = this["skarn"], this["bare"]
-            print(
-                f"  {round_number or 'warm-up':>7}"
-                f"   {skarn.done:5.3f}       ({skarn.first:5.3f}, {skarn.emptied:5.3f})"
-                f"         {bare.done:5.3f}      ({bare.emptied:5.3f})"
-                f"   {skarn.done / bare.done:5.2f}",
-                flush=True,
-            )
-            if round_number > 0:
-                for way, drain in this.items():
-                    results[way].append(drain)
+    print("            --------------- skarn ---------------    ---------- bare ----------")
+    print("    round    done   first    gone  processor          done    gone  processor   ratio")
+    for round_number in range(options.rounds + 1):
+        this = {
+            way: drain(ways[way], station, names, options)
+            for way in sorted(ways, reverse=round_number % 2 == 1)
+        }
+        skarn, bare = this["skarn"], this["bare"]
+        print(
+            f"  {round_number or 'warm-up':>7}"
+            f"   {skarn.done:5.3f}   {skarn.first:5.3f}   {skarn.emptied:5.3f}      "
+            f"{skarn.processor:5.2f}         {bare.done:5.3f}   {bare.emptied:5.3f}      "
+            f"{bare.processor:5.2f}    {skarn.done / bare.done:5.2f}",
+            flush=True,
+        )
+        if round_number > 0:
+            for way, result in this.items():
+                results[way].append(result)
     medians = {way: statistics.median(d.done for d in drains) for way, drains in results.items()}
+    processor = {
+        way: statistics.median(d.processor for d in drains) for way, drains in results.items()
+    }
     ratio = medians["skarn"] / medians["bare"]
     print(
-        f"medians: skarn {medians['skarn']:.3f} s, bare {medians['bare']:.3f} s, "
-        f"ratio {ratio:.2f}"
+        f"medians: skarn {medians['skarn']:.3f} s, bare {medians['bare']:.3f} s, ratio {ratio:.2f}; "
+        f"processor time {processor['skarn']:.2f} s and {processor['bare']:.2f} s"
     )
     return ratio
 
