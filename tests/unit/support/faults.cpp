@@ -6,6 +6,7 @@
 #include <ctime>
 
 #include <pthread.h>
+#include <sys/syscall.h>
 #include <sys/types.h>
 
 namespace FAULTS {
@@ -16,6 +17,7 @@ Fault chdir;
 Fault pipe2;
 Fault popen;
 Fault pthreadCreate;
+Fault syscall;
 
 void Fault::failAfter(int callsToPass, int error) {
     errorNumber = error;
@@ -35,7 +37,7 @@ int Fault::next() {
 }
 
 void clear() {
-    for (Fault* const fault : {&fork, &setsid, &chdir, &pipe2, &popen, &pthreadCreate}) {
+    for (Fault* const fault : {&fork, &setsid, &chdir, &pipe2, &popen, &pthreadCreate, &syscall}) {
         fault->clear();
     }
 }
@@ -107,6 +109,8 @@ FILE* realPopen(const char* command, const char* mode) __asm__("__real_popen");
 int realPthreadCreate(pthread_t* handle, const pthread_attr_t* attributes, ThreadBody body,
                       void* argument) __asm__("__real_pthread_create");
 int realNanosleep(const timespec* request, timespec* remaining) __asm__("__real_nanosleep");
+long realSyscall(long number, long first, long second, long third, long fourth, long fifth,
+                 long sixth) __asm__("__real_syscall");
 
 pid_t standInFork() __asm__("__wrap_fork");
 pid_t standInSetsid() __asm__("__wrap_setsid");
@@ -116,6 +120,8 @@ FILE* standInPopen(const char* command, const char* mode) __asm__("__wrap_popen"
 int standInPthreadCreate(pthread_t* handle, const pthread_attr_t* attributes, ThreadBody body,
                          void* argument) __asm__("__wrap_pthread_create");
 int standInNanosleep(const timespec* request, timespec* remaining) __asm__("__wrap_nanosleep");
+long standInSyscall(long number, long first, long second, long third, long fourth, long fifth,
+                    long sixth) __asm__("__wrap_syscall");
 
 pid_t standInFork() {
     return FAULTS::fails(FAULTS::fork) ? -1 : realFork();
@@ -148,4 +154,12 @@ int standInNanosleep(const timespec* request, timespec* remaining) {
         FAULTS::recorded.push_back({request->tv_sec, request->tv_nsec});
     }
     return FAULTS::reallySleeping ? realNanosleep(request, remaining) : 0;
+}
+
+long standInSyscall(long number, long first, long second, long third, long fourth, long fifth,
+                    long sixth) {
+    if (number == SYS_close_range && FAULTS::fails(FAULTS::syscall)) {
+        return -1;
+    }
+    return realSyscall(number, first, second, third, fourth, fifth, sixth);
 }

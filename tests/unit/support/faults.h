@@ -34,6 +34,7 @@ extern Fault chdir;
 extern Fault pipe2;
 extern Fault popen;
 extern Fault pthreadCreate;
+extern Fault syscall; // of close_range alone
 
 /// Lets every call succeed again, and forgets the recorded sleeps.
 void clear();

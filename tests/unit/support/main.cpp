@@ -35,6 +35,19 @@ bool insideSandbox() {
     return true;
 }
 
+const pid_t testProcess = getpid();
+bool allTestsRan = false;
+
+/// Called by exit. Much of the code under test ends its process, with values of which a parent sees
+/// 0: in the process of the tests that must not pass for success.
+void failIfEndedEarly(int value, void* /*unused*/) {
+    if (getpid() == testProcess && !allTestsRan) {
+        fprintf(stderr, "The code under test called exit(%d) in the process of the tests.\n",
+                value);
+        _exit(1);
+    }
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -46,5 +59,8 @@ int main(int argc, char** argv) {
                 argv[0]);
         return 2;
     }
-    return RUN_ALL_TESTS();
+    on_exit(failIfEndedEarly, nullptr);
+    const int result = RUN_ALL_TESTS();
+    allTestsRan = true;
+    return result;
 }

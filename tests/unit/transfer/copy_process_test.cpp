@@ -6,11 +6,13 @@
 #include "transfer/copy_process.h"
 
 #include <cerrno>
+#include <cstdlib>
 #include <sstream>
 #include <string>
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -84,6 +86,26 @@ TEST_F(ReportPipeTest, TellsAFailure) {
     EXPECT_LT(report.writeEnd.get(), 0);
 }
 
+TEST_F(ReportPipeTest, LeavesNothingOpenWhenItCannotBeMovedAboveTheStandardDescriptors) {
+    const ChildOutcome outcome = runInChild([] {
+        close(STDIN_FILENO);
+        close(STDOUT_FILENO);
+        rlimit before = {};
+        getrlimit(RLIMIT_NOFILE, &before);
+        const rlimit limit = {3, before.rlim_max};
+        setrlimit(RLIMIT_NOFILE, &limit);
+        ReportPipe report;
+        const bool opened = report.open();
+        const int error = errno;
+        setrlimit(RLIMIT_NOFILE, &before);
+        return std::string(opened ? "opened" : "failed") +
+               (error == EMFILE || error == EINVAL ? " limit" : " other") +
+               (fcntl(STDIN_FILENO, F_GETFD) == -1 ? " free" : " taken") +
+               (fcntl(STDOUT_FILENO, F_GETFD) == -1 ? " free" : " taken");
+    });
+    EXPECT_EQ(outcome.result, "failed limit free free");
+}
+
 TEST_F(CopyProcess, SendsOutputAndErrorOutputIntoThePipe) {
     writeScript(scratch / "copy", "echo out\necho err >&2\nexit 3\n");
     EXPECT_EQ(outputOf(scratch / "copy", "copy"), "out\nerr\n");
@@ -136,6 +158,14 @@ TEST_F(CopyProcess, HasNoDescriptorButItsOutput) {
     close(inherited);
 }
 
+TEST_F(CopyProcess, HasNoDescriptorButItsOutputOnAKernelThatCannotCloseARange) {
+    const int inherited = open("/dev/null", O_RDONLY);
+    ASSERT_GE(inherited, 0);
+    FAULTS::syscall.failAfter(0, ENOSYS);
+    EXPECT_EQ(outputOf("/bin/ls", "ls /proc/self/fd"), "0\n1\n2\n");
+    close(inherited);
+}
+
 TEST_F(CopyProcess, HasItsOutputWhicheverNumbersThePipeGot) {
     for (const std::string_view toClose : {"0", "1", "2", "01", "12", "02", "012"}) {
         const ChildOutcome outcome = runInChild([&] {
@@ -162,12 +192,14 @@ TEST_F(CopyProcess, IsNotLookedForInTheSearchPath) {
 }
 
 TEST_F(CopyProcess, RunsNothingOfThisProgramWhenItCannotBeExecuted) {
-    // No destructor, no function registered for exit, no buffer of the parent's.
     const ChildOutcome outcome = runInChild([this] {
-        fputs("buffered", stdout);
-        return outputOf(scratch / "missing", "missing");
+        // It would write into the report.
+        atexit([] { writeUnchecked(STDOUT_FILENO, "at exit"); });
+        const std::string report = outputOf(scratch / "missing", "missing");
+        return "report: " + report + ", status " + std::to_string(waitStatus);
     });
-    EXPECT_EQ(outcome.output, "buffered");
+    EXPECT_EQ(outcome.result, "report: , status 256");
+    EXPECT_EQ(outcome.output, "at exit");
     EXPECT_EQ(outcome.exits.size(), 1U);
 }
 

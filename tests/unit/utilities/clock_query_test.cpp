@@ -1,7 +1,9 @@
 // The dry-run date query.
+#include "tests/unit/support/faults.h"
 #include "tests/unit/support/settings_test.h"
 #include "utilities/clock_query.h"
 
+#include <cerrno>
 #include <cstdlib>
 #include <string>
 
@@ -95,6 +97,12 @@ TEST_F(ClockQuery, TakesALongLineInPieces) {
 
 TEST_F(ClockQuery, FailsWhenTheProgramIsMissing) {
     leavesDescriptorsOpen();
+    EXPECT_EQ(query(), -1);
+    EXPECT_EQ(transcript, commandLine);
+}
+
+TEST_F(ClockQuery, FailsWhenTheProgramCannotBeStarted) {
+    FAULTS::popen.failAfter(0, EMFILE);
     EXPECT_EQ(query(), -1);
     EXPECT_EQ(transcript, commandLine);
 }

@@ -246,6 +246,21 @@ TEST_F(StandardDescriptorsShieldTest, LetsThemGoWithTheLastOfSeveralShields) {
     EXPECT_EQ(outcome.result, "012/");
 }
 
+TEST_F(StandardDescriptorsShieldTest, FillsWhatHasBecomeFreeSinceTheFirstShieldCame) {
+    const ChildOutcome outcome = runInChild([this] {
+        close(STDOUT_FILENO);
+        std::string seen;
+        {
+            const StandardDescriptorsShield outer(&mutex);
+            close(STDERR_FILENO);
+            const StandardDescriptorsShield inner(&mutex);
+            seen = openStandardDescriptors();
+        }
+        return seen + "/" + openStandardDescriptors();
+    });
+    EXPECT_EQ(outcome.result, "012/0");
+}
+
 TEST_F(StandardDescriptorsShieldTest, FillsOnlyWhatIsFree) {
     const ChildOutcome outcome = runInChild([this] {
         close(STDOUT_FILENO);
