@@ -5,7 +5,8 @@
 #   coverage.sh [CTEST-OPTION...]      for example: coverage.sh -R '^unit$'
 #
 # A page for each file, with the lines that were not run, is left in build/coverage/report. The status is that of the
-# tests. A daemon that a test ends by a signal leaves no record of its lines.
+# tests. No record is left of the lines of a daemon that a test ends by a signal, nor of those that a copy process runs
+# before it becomes the copy program.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
