@@ -16,6 +16,10 @@ namespace {
 /// While more than this waits for the reader, the child is not read from.
 constexpr std::size_t fullReport = 65536;
 
+/// How long a child is left alone after it was read from, unless there was more. Rsync writes each
+/// line on its own; waking up for each, here and at the reader's, would cost more than the line.
+constexpr std::chrono::milliseconds rest{5};
+
 /// No wait is longer, so that an event that came unnoticed is noticed.
 constexpr std::chrono::milliseconds longestWait{1000};
 
@@ -31,8 +35,9 @@ int millisecondsUntil(Clock::time_point time) {
     return static_cast<int>(left.count()) + 1;
 }
 
-/// Hands on what is there to read; closes the descriptor at the end of the stream.
-void readSome(Descriptor& from, const std::function<void(std::string_view)>& sink) {
+/// Hands on what is there to read; closes the descriptor at the end of the stream. True if more may
+/// be there.
+bool readSome(Descriptor& from, const std::function<void(std::string_view)>& sink) {
     std::array<char, 32768> buffer{};
     const ssize_t count = ::read(from.get(), buffer.data(), buffer.size());
     if (count > 0) {
@@ -40,6 +45,7 @@ void readSome(Descriptor& from, const std::function<void(std::string_view)>& sin
     } else if (count == 0 || errno != EINTR) {
         from.close();
     }
+    return count == static_cast<ssize_t>(buffer.size());
 }
 
 } // namespace
@@ -53,7 +59,8 @@ void Relay::step(Clock::time_point until) {
 }
 
 void Relay::step(Child* child, const Sinks* sinks, Clock::time_point until) {
-    const bool reading = child != nullptr && writer_.pending() < fullReport;
+    const bool resting = child != nullptr && Clock::now() < restsUntil_;
+    const bool reading = child != nullptr && !resting && writer_.pending() < fullReport;
     const bool writing = writer_.pending() > 0;
     // poll passes over a negative descriptor; without events asked for, it still tells of errors.
     std::array<struct pollfd, 4> polled{{
@@ -63,7 +70,8 @@ void Relay::step(Child* child, const Sinks* sinks, Clock::time_point until) {
         {reading ? child->output.get() : -1, POLLIN, 0},
         {reading ? child->errorOutput.get() : -1, POLLIN, 0},
     }};
-    if (::poll(polled.data(), polled.size(), millisecondsUntil(until)) <= 0) {
+    const auto wakeUp = resting ? std::min(until, restsUntil_) : until;
+    if (::poll(polled.data(), polled.size(), millisecondsUntil(wakeUp)) <= 0) {
         return;
     }
     if (polled[0].revents != 0) {
@@ -74,11 +82,18 @@ void Relay::step(Child* child, const Sinks* sinks, Clock::time_point until) {
     } else if (polled[1].revents != 0) {
         writer_.write();
     }
-    if (reading && polled[2].revents != 0) {
-        readSome(child->output, sinks->output);
+    if (!reading || (polled[2].revents == 0 && polled[3].revents == 0)) {
+        return;
     }
-    if (reading && polled[3].revents != 0) {
-        readSome(child->errorOutput, sinks->errorOutput);
+    bool more = false;
+    if (polled[2].revents != 0) {
+        more = readSome(child->output, sinks->output);
+    }
+    if (polled[3].revents != 0) {
+        more = readSome(child->errorOutput, sinks->errorOutput) || more;
+    }
+    if (!more) {
+        restsUntil_ = Clock::now() + rest;
     }
 }
 

@@ -31,7 +31,7 @@ public:
 
     /// Waits until something happens or the time has come, and deals with it. A child is read from
     /// only while the report that waits for its reader is short, so that a slow reader slows it
-    /// down.
+    /// down; and some milliseconds after it was last read from, so that many lines come at once.
     void step(Child& child, const Sinks& sinks, Clock::time_point until);
 
     /// The same without a child.
@@ -49,6 +49,7 @@ private:
     Signals& signals_;
     ReportWriter& writer_;
     int stopSignal_ = 0;
+    Clock::time_point restsUntil_; ///< until then a child is not read from
 };
 
 } // namespace confirming
