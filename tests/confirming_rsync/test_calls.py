@@ -3,8 +3,10 @@
 from __future__ import annotations
 
 import os
+import shutil
 import signal
 import subprocess
+from pathlib import Path
 
 import pytest
 
@@ -196,11 +198,20 @@ def test_is_installed_only_as_its_own_component() -> None:
     build = scripted_binary().parent
     while not (build / "CMakeCache.txt").exists():
         build = build.parent
-    subprocess.run(
-        ["cmake", "--install", build, "--component", "confirming_rsync", "--prefix", "/srv/one"],
-        check=True,
-        stdout=subprocess.DEVNULL,
-    )
-    installed = [path for path in os.popen("find /srv/one -type f").read().split()]
-    assert installed == ["/srv/one/orbelin/bin/rsync_orbelin"]
-    assert os.access(installed[0], os.X_OK)
+
+    def installed(*component: str) -> list[Path]:
+        prefix = Path("/srv/prefix", *component[1:])
+        subprocess.run(
+            ["cmake", "--install", build, *component, "--prefix", prefix],
+            check=True,
+            stdout=subprocess.DEVNULL,
+        )
+        return [path.relative_to(prefix) for path in prefix.rglob("*") if path.is_file()]
+
+    name = Path("orbelin/bin/rsync_orbelin")
+    assert installed("--component", "confirming_rsync") == [name]
+    program = Path("/srv/prefix/confirming_rsync") / name
+    assert os.access(program, os.X_OK)
+    shutil.rmtree("/srv/prefix")
+    everything = installed()
+    assert everything and name not in everything
