@@ -184,7 +184,8 @@ class Daemon:
         """
         processes.adopt_orphans()
         before = {each.pid for each in processes.children()}
-        command = [*wrapper, str(self.binary), *arguments]
+        binary = self.binary if user is None else self._binary_for_everybody()
+        command = [*wrapper, str(binary), *arguments]
         if closed:
             shell = 'exec "$0" "$@"' + "".join(f" {number}>&-" for number in closed)
             command = ["/bin/sh", "-c", shell, *command]
@@ -344,6 +345,14 @@ class Daemon:
 
         wait_until(look, lambda: f"{what!r} in the log, which ends:\n{seen[-3000:]}", timeout)
         return seen
+
+    def _binary_for_everybody(self) -> Path:
+        """A copy of the binary that any user can run, wherever the project lies."""
+        copy = Path("/usr/local/sbin") / self.binary.name
+        copy.parent.mkdir(mode=0o755, parents=True, exist_ok=True)
+        shutil.copyfile(self.binary, copy)
+        copy.chmod(0o755)
+        return copy
 
     def _environment(self, wanted: Mapping[str, str], leak_check: bool) -> dict[str, str]:
         environment = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin"}
