@@ -237,7 +237,8 @@ def measure(options: argparse.Namespace) -> float:
     }
     ratio = medians["skarn"] / medians["bare"]
     print(
-        f"medians: skarn {medians['skarn']:.3f} s, bare {medians['bare']:.3f} s, ratio {ratio:.2f}; "
+        f"medians: skarn {medians['skarn']:.3f} s, bare {medians['bare']:.3f} s, "
+        f"ratio {ratio:.2f}; "
         f"processor time {processor['skarn']:.2f} s and {processor['bare']:.2f} s"
     )
     return ratio

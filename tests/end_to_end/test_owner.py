@@ -1,4 +1,4 @@
-"""Whose the copied files are: uid and gid from the configuration and the command line, and usrdir."""
+"""Whose the copied files are: uid and gid, from file and command line, and usrdir."""
 
 from __future__ import annotations
 

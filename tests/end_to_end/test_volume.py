@@ -1,4 +1,4 @@
-"""Many files: in one cycle, while cycles run, from two detectors, with what is at the target already."""
+"""Many files: in one cycle, while cycles run, from two detectors, over what is there already."""
 
 from __future__ import annotations
 
@@ -30,7 +30,8 @@ def test_the_number_of_copy_processes_follows_the_number_of_files() -> None:
         bed.start()
         bed.finish()
         log = bed.daemon.log()
-        assert log.index("1 Starting 1 copy processes\n") < log.index("1 Starting 2 copy processes\n")
+        first, second = (f"1 Starting {number} copy processes\n" for number in (1, 2))
+        assert log.index(first) < log.index(second)
         assert log.count(" copy processes\n") == 2
 
 

@@ -1,4 +1,4 @@
-"""The whole way of a file: simulated detectors, their rsync servers, the daemon and its consumer."""
+"""The whole way of a file: simulated detectors, their rsync servers, the daemon, its consumer."""
 
 from __future__ import annotations
 
@@ -208,7 +208,7 @@ class Bed:
         return self.consumer.names_below(self.stations[0].announced_target)
 
     def wait_announced(self, count: int, timeout: float = LIMIT) -> None:
-        """Waits until `count` files were announced; says what the daemon logged if they were not."""
+        """Waits until `count` files were announced; shows the log if they were not."""
         try:
             self.consumer.wait_for(count, timeout)
         except AssertionError as error:

@@ -1,4 +1,4 @@
-"""A real rsync daemon that exports one detector's directory, for tests, demonstration and benchmark."""
+"""A real rsync daemon that exports one detector's directory."""
 
 from __future__ import annotations
 
