@@ -143,9 +143,16 @@ TEST_F(DaemonStart, WritesTheSettingsItHas) {
     EXPECT_EQ(logWithoutDate(), startText("-2147483648", "-1"));
 }
 
-TEST_F(DaemonStart, WritesTheDateOfTheStart) {
-    const time_t before = time(nullptr);
-    start();
+TEST_F(DaemonStart, WritesTheDateAtWhichItDetached) {
+    time_t before = 0;
+    const ChildOutcome outcome = start(
+        [&before](Daemon&) {
+            // Not in the second in which it was configured.
+            const time_t configured = time(nullptr);
+            waitUntil([configured] { return time(nullptr) > configured; });
+            before = time(nullptr);
+        },
+        [&before] { return std::to_string(before); });
     const time_t after = time(nullptr);
     logWithoutDate();
     tm read = {};
@@ -154,7 +161,7 @@ TEST_F(DaemonStart, WritesTheDateOfTheStart) {
     EXPECT_STREQ(rest, "");
     read.tm_isdst = -1;
     const time_t written = mktime(&read);
-    EXPECT_GE(written, before);
+    EXPECT_GE(written, std::stol(outcome.result));
     EXPECT_LE(written, after);
 }
 

@@ -1,13 +1,17 @@
 // The stand-ins for system calls, and their switches.
 #include "tests/unit/support/faults.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <ctime>
 
+#include <fcntl.h>
 #include <pthread.h>
 #include <sys/syscall.h>
 #include <sys/types.h>
+#include <unistd.h>
 
 namespace FAULTS {
 
@@ -18,6 +22,9 @@ Fault pipe2;
 Fault popen;
 Fault pthreadCreate;
 Fault syscall;
+
+std::atomic<int> lowestFreeAtSystem{INT_MAX};
+std::atomic<int> lowestFreeAtPopen{INT_MAX};
 
 void Fault::failAfter(int callsToPass, int error) {
     errorNumber = error;
@@ -40,6 +47,8 @@ void clear() {
     for (Fault* const fault : {&fork, &setsid, &chdir, &pipe2, &popen, &pthreadCreate, &syscall}) {
         fault->clear();
     }
+    lowestFreeAtSystem = INT_MAX;
+    lowestFreeAtPopen = INT_MAX;
 }
 
 namespace {
@@ -67,6 +76,12 @@ bool fails(Fault& fault) {
         errno = error;
     }
     return error != 0;
+}
+
+void noteLowestFree(std::atomic<int>& lowest) {
+    const int number = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    close(number);
+    lowest = std::min(lowest.load(), number);
 }
 
 } // namespace
@@ -106,6 +121,7 @@ pid_t realSetsid() __asm__("__real_setsid");
 int realChdir(const char* path) __asm__("__real_chdir");
 int realPipe2(int* ends, int flags) __asm__("__real_pipe2");
 FILE* realPopen(const char* command, const char* mode) __asm__("__real_popen");
+int realSystem(const char* command) __asm__("__real_system");
 int realPthreadCreate(pthread_t* handle, const pthread_attr_t* attributes, ThreadBody body,
                       void* argument) __asm__("__real_pthread_create");
 int realNanosleep(const timespec* request, timespec* remaining) __asm__("__real_nanosleep");
@@ -117,6 +133,7 @@ pid_t standInSetsid() __asm__("__wrap_setsid");
 int standInChdir(const char* path) __asm__("__wrap_chdir");
 int standInPipe2(int* ends, int flags) __asm__("__wrap_pipe2");
 FILE* standInPopen(const char* command, const char* mode) __asm__("__wrap_popen");
+int standInSystem(const char* command) __asm__("__wrap_system");
 int standInPthreadCreate(pthread_t* handle, const pthread_attr_t* attributes, ThreadBody body,
                          void* argument) __asm__("__wrap_pthread_create");
 int standInNanosleep(const timespec* request, timespec* remaining) __asm__("__wrap_nanosleep");
@@ -139,7 +156,13 @@ int standInPipe2(int* ends, int flags) {
     return FAULTS::fails(FAULTS::pipe2) ? -1 : realPipe2(ends, flags);
 }
 
+int standInSystem(const char* command) {
+    FAULTS::noteLowestFree(FAULTS::lowestFreeAtSystem);
+    return realSystem(command);
+}
+
 FILE* standInPopen(const char* command, const char* mode) {
+    FAULTS::noteLowestFree(FAULTS::lowestFreeAtPopen);
     return FAULTS::fails(FAULTS::popen) ? nullptr : realPopen(command, mode);
 }
 

@@ -36,7 +36,12 @@ extern Fault popen;
 extern Fault pthreadCreate;
 extern Fault syscall; // of close_range alone
 
-/// Lets every call succeed again, and forgets the recorded sleeps.
+/// The lowest descriptor that was free in any call of system and popen since `clear`: what another
+/// thread opened in that moment would have got it, and the child inherited it.
+extern std::atomic<int> lowestFreeAtSystem;
+extern std::atomic<int> lowestFreeAtPopen;
+
+/// Lets every call succeed again, and forgets what was noted.
 void clear();
 
 /// One call of nanosleep.
