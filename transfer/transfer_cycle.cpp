@@ -173,7 +173,9 @@ void Worker::waitForCopyProcesses() {
                 pids.erase(found);
                 remaining = pids.size();
             }
-        } else if (remaining == 0 || stopRequested) {
+        } else if (remaining == 0 || stopRequested || errno == ECHILD) {
+            // With ECHILD and some remaining, the system has reaped them itself: whoever started
+            // the daemon has SIGCHLD ignored, which is inherited.
             return;
         }
     }

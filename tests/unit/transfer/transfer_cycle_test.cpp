@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <string>
 #include <thread>
 #include <vector>
@@ -516,11 +517,27 @@ TEST_F(TransferCycle, DoesNotReapTheChildrenOfOtherThreads) {
 TEST_F(TransferCycle, LeavesNoChildBehind) {
     OpenWorker& worker = makeWorker();
     serve(numbered("frame", 203));
-    startAndAwait(worker);
-    ASSERT_TRUE(awaitRemovedLists(3));
-    stopAndJoin(worker);
+    // Not until a listing without copies has come and gone.
+    runUntil(worker, [this] {
+        return countOf(logText(), "Removed file") == 3 &&
+               listings() > std::stoul(readFile(scratch / "served_at")) + 1;
+    });
     EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
     EXPECT_EQ(errno, ECHILD);
+}
+
+TEST_F(TransferCycle, EndsItsWaitWhenTheSystemReapsTheCopiesItself) {
+    // That is so when the one who started the daemon ignores SIGCHLD.
+    const ChildOutcome outcome = runInChild([this] {
+        signal(SIGCHLD, SIG_IGN);
+        OpenWorker& worker = makeWorker();
+        serve(numbered("frame", 203));
+        runUntil(worker, [this] { return countOf(logText(), "Removed file") == 3; });
+        return std::string(pidFile() == std::to_string(getpid()) + "\n" ? "done" : pidFile());
+    });
+    EXPECT_TRUE(outcome.ended);
+    EXPECT_EQ(outcome.result, "done");
+    EXPECT_EQ(countOf(logText(), blockBegin), 3U);
 }
 
 TEST_F(TransferCycle, RecordsTheCopiesOfAllWorkersInThePidFile) {
@@ -660,6 +677,19 @@ TEST_F(TransferCycle, HandsEveryConfirmedFileToTheConsumer) {
     }
     EXPECT_EQ(sorted(linesOf(consumer.text())), sorted(expected));
     EXPECT_EQ(countOf(logText(), "No pipe"), 0U);
+}
+
+TEST_F(TransferCycle, HoldsTheStandardDescriptorsWhileItStartsAChildThroughTheShell) {
+    const ChildOutcome outcome = runInChild([this] {
+        close(STDIN_FILENO);
+        close(STDOUT_FILENO);
+        close(STDERR_FILENO);
+        OpenWorker& worker = makeWorker();
+        runUntil(worker, [this] { return listings() >= 1; });
+        return std::string(FAULTS::lowestFreeAtSystem > STDERR_FILENO ? "above" : "below") +
+               (FAULTS::lowestFreeAtPopen > STDERR_FILENO ? " above" : " below");
+    });
+    EXPECT_EQ(outcome.result, "above above");
 }
 
 TEST_F(TransferCycle, WorksWithTheStandardDescriptorsClosed) {
