@@ -37,7 +37,9 @@ LogFile& LogFile::open(const std::string& name) {
 }
 
 void LogFile::probe() {
-    FILE* const file = fopen(fileName.c_str(), "a");
+    // Appending, and closed on exec: no lock is held here, and another worker's "mkdir" must not
+    // get it as its error output.
+    FILE* const file = fopen(fileName.c_str(), "ae");
     if (file == nullptr) {
         openFailed = true;
         return;
