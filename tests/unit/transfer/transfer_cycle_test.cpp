@@ -533,6 +533,7 @@ TEST_F(TransferCycle, EndsItsWaitWhenTheSystemReapsTheCopiesItself) {
         OpenWorker& worker = makeWorker();
         serve(numbered("frame", 203));
         runUntil(worker, [this] { return countOf(logText(), "Removed file") == 3; });
+        deleteWorkers();
         return std::string(pidFile() == std::to_string(getpid()) + "\n" ? "done" : pidFile());
     });
     EXPECT_TRUE(outcome.ended);
@@ -686,6 +687,7 @@ TEST_F(TransferCycle, HoldsTheStandardDescriptorsWhileItStartsAChildThroughTheSh
         close(STDERR_FILENO);
         OpenWorker& worker = makeWorker();
         runUntil(worker, [this] { return listings() >= 1; });
+        deleteWorkers();
         return std::string(FAULTS::lowestFreeAtSystem > STDERR_FILENO ? "above" : "below") +
                (FAULTS::lowestFreeAtPopen > STDERR_FILENO ? " above" : " below");
     });
@@ -710,6 +712,7 @@ TEST_F(TransferCycle, WorksWithTheStandardDescriptorsClosed) {
         worker.setTarget(scratch / "file/below");
         serve({"a", "b"});
         runUntil(worker, [this] { return countOf(logText(), "Removed file") == 1; });
+        deleteWorkers();
         const std::vector<int> left = openDescriptors();
         return std::string(left.empty() || left.front() > STDERR_FILENO ? "free" : "taken");
     });
