@@ -673,6 +673,7 @@ TEST_F(TransferCycle, HandsEveryConfirmedFileToTheConsumer) {
     serve(names);
     runUntil(worker, [this] { return countOf(logText(), "Removed file") == 3; });
     std::vector<std::string> expected;
+    expected.reserve(names.size());
     for (const std::string& name : names) {
         expected.push_back(targetPath + "/./" + name);
     }
