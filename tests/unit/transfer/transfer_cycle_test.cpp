@@ -6,6 +6,7 @@
 #include "tests/unit/support/fifo_reader.h"
 #include "tests/unit/support/waiting.h"
 #include "transfer/file_lists.h"
+#include "utilities/text.h"
 
 #include <algorithm>
 #include <atomic>
@@ -18,6 +19,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -94,6 +96,26 @@ std::vector<std::string> linesWith(const std::string& text, const std::string& p
 std::vector<std::string> sorted(std::vector<std::string> lines) {
     std::sort(lines.begin(), lines.end());
     return lines;
+}
+
+/// Ignores a signal while it exists.
+class IgnoredSignal {
+public:
+    explicit IgnoredSignal(int signalNumber)
+        : number(signalNumber), before(signal(signalNumber, SIG_IGN)) {}
+    ~IgnoredSignal() { signal(number, before); }
+    IgnoredSignal(const IgnoredSignal&) = delete;
+    IgnoredSignal& operator=(const IgnoredSignal&) = delete;
+
+private:
+    int number;
+    void (*before)(int);
+};
+
+/// True while a thread of this process sleeps in this system call.
+bool sleepsIn(pid_t thread, long systemCall) {
+    const std::string call = readFile("/proc/self/task/" + std::to_string(thread) + "/syscall");
+    return UTILITIES::stringBegin(call, std::to_string(systemCall) + " ");
 }
 
 } // namespace
@@ -612,6 +634,36 @@ TEST_F(TransferCycle, MayHaveItsPidsReadAtAnyTimeUnderTheLock) {
     looker.join();
     EXPECT_GT(most, 0U);
     EXPECT_LE(most, 6U);
+}
+
+TEST_F(TransferCycle, RecordsTheEndOfItsCopiesUnderTheLockOnly) {
+    copyBody(noteAndHold);
+    OpenWorker& worker = makeWorker();
+    serve(numbered("frame", 203));
+    std::atomic<pid_t> thread{0};
+    std::thread running([&] {
+        thread = gettid();
+        worker.run();
+    });
+    EXPECT_TRUE(awaitNotedPids(3));
+    EXPECT_TRUE(waitUntil([&] { return sleepsIn(thread, SYS_wait4); }));
+    {
+        // The system reaps the copies itself, so that the worker learns of their end without the
+        // lock, and the second update of the PID file is the next thing that takes it.
+        const IgnoredSignal ignored(SIGCHLD);
+        const std::string recorded = pidFile();
+        worker.lock();
+        writeFile(scratch / "go", "");
+        EXPECT_TRUE(waitUntil([&] { return sleepsIn(thread, SYS_futex); }));
+        EXPECT_EQ(linesOf(recorded).size(), 4U);
+        EXPECT_EQ(pidFile(), recorded);
+        EXPECT_EQ(worker.pidList().size(), 3U);
+        worker.unlock();
+        EXPECT_TRUE(awaitRemovedLists(3));
+    }
+    EXPECT_EQ(pidFile(), self);
+    worker.stop(false);
+    running.join();
 }
 
 TEST_F(TransferCycle, CarriesOnWhenThePidFileCannotBeWritten) {
