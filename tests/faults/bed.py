@@ -1,0 +1,459 @@
+"""The fault bed: a whole installation at work, in which faults are injected, and what it proves.
+
+A seed decides what the detectors produce and which faults strike when. What a fault may use:
+
+    bed.stations                    each: .server, .workload, .ledger, .target, .proxy (or None)
+    bed.consumer                    .come(), .leave(), .nap
+    bed.kill_daemon(number), bed.start_daemon(), bed.daemon
+    bed.copy_processes(), bed.rsync_children(), bed.send(process, number), bed.kill_copy_process(...)
+    bed.wait_idle(), bed.wait_copying()
+
+While faults strike, the source is looked at all the time: a file that is gone there has to be whole
+at the target. The consumer looks at each file when its record arrives. When the last fault is
+healed, `drain` waits until all is moved and announced, and `verify` compares file by file.
+"""
+
+from __future__ import annotations
+
+import os
+import re
+import signal
+import threading
+import time
+from collections.abc import Mapping
+from contextlib import suppress
+from dataclasses import dataclass
+from pathlib import Path
+from random import Random
+from types import TracebackType
+
+from faults.consumer import CheckingConsumer
+from faults.fault import Fault
+from faults.ledger import Ledger
+from faults.proxy import Proxy
+from faults.workload import Workload
+from support import daemon as skarn
+from support.bed import HALF_RECEIVED, SHARES, STATE, TARGETS
+from support.detector import list_files
+from support.processes import Process, processes, status_field
+from support.rsync_server import RsyncServer
+from support.waiting import wait_until
+
+MINPAUSE = 30  # milliseconds, so that a run is short
+LOOK_EVERY = 0.02  # seconds between two looks at the source
+
+
+@dataclass
+class Station:
+    """One detector with all that belongs to it, on both ends of the way."""
+
+    id: str
+    server: RsyncServer
+    proxy: Proxy | None
+    ledger: Ledger
+    workload: Workload
+    target: Path
+
+
+@dataclass
+class Outcome:
+    """What a run came to: the numbers of the table, and what broke the promise in words."""
+
+    injected: int = 0
+    daemon_kills: int = 0
+    copy_kills: int = 0
+    files: int = 0
+    bytes: int = 0
+    lost: int = 0
+    never_announced: int = 0
+    announced_twice: int = 0
+    excused: int = 0
+    withdrawn: int = 0
+    recovered_in: float = 0.0
+    broken: tuple[str, ...] = ()
+
+
+class Bed:
+    """One installation for one run; see the module's description.
+
+    It takes the daemon and the copy program from SKARN_BINARY and CONFIRMING_RSYNC_BINARY, and
+    stands on the sandbox: everything in it is its own.
+    """
+
+    def __init__(
+        self,
+        seed: str,
+        *,
+        stations: int = 1,
+        proxy: bool = False,
+        settings: Mapping[str, object] | None = None,
+    ) -> None:
+        self.seed = seed
+        self.stations = [self._station(number, proxy) for number in range(1, stations + 1)]
+        self.consumer = CheckingConsumer({f"{each.target}/.": each.ledger for each in self.stations})
+        self.daemon = skarn.Daemon()
+        self.daemon_kills = 0
+        self.copy_kills = 0
+        self.settings: dict[str, object] = {
+            "logfile_max_size": "1G",  # one whole log, unless a fault wants it otherwise
+            **(settings or {}),
+        }
+        self._daemon_pids: list[int] = []
+        self._kill_times: list[float] = []
+        self._end = threading.Event()
+        self._watch: threading.Thread | None = None
+        self._own_pids: set[int] = set()
+
+    def _station(self, number: int, proxied: bool) -> Station:
+        name = str(number)
+        seen = f"127.0.0.{number}"
+        address = f"127.0.1.{number}" if proxied else seen
+        share, target = SHARES / name, TARGETS / name
+        ledger = Ledger(share, target)
+        return Station(
+            name,
+            RsyncServer(address, share, STATE, log=True),
+            Proxy(seen, address) if proxied else None,
+            ledger,
+            Workload(share, f"{self.seed} {name}", ledger),
+            target,
+        )
+
+    # What faults use.
+
+    @property
+    def ledger(self) -> Ledger:
+        """The first station's ledger, which also takes complaints that concern no one file."""
+        return self.stations[0].ledger
+
+    def start_daemon(self) -> None:
+        """Starts a daemon; there must be none."""
+        started = self.daemon.start()
+        assert started.status == 0 and self.daemon.detached, started
+        self._daemon_pids.append(self.daemon.pid)
+
+    def kill_daemon(self, number: int = signal.SIGKILL) -> int:
+        """Ends the daemon by a signal and counts it; returns 1, or 0 if none was running."""
+        if not self.daemon.is_running():
+            return 0
+        self.note_kill()
+        self.daemon.end(number)
+        self.daemon_kills += 1
+        return 1
+
+    def note_kill(self) -> None:
+        """Something is about to be killed or cut: a second record of a file may follow."""
+        self._kill_times.append(time.monotonic())
+
+    def copy_processes(self) -> list[Process]:
+        """The copy processes that run now, those of dead daemons included."""
+        name = skarn.COPY_PROGRAM.name[:15]
+        return [
+            each
+            for each in processes()
+            if each.name == name and not each.is_zombie and "--confirm-files" in arguments(each.pid)
+        ]
+
+    def rsync_children(self) -> list[Process]:
+        """The stock rsync processes that copy processes have started, and their children."""
+        everyone = processes()
+        parents = {each.pid for each in self.copy_processes()}
+        found: list[Process] = []
+        for _ in range(2):  # the one that was started, and the one that it forks
+            new = [
+                each
+                for each in everyone
+                if each.parent in parents and each.name == "rsync" and not each.is_zombie
+            ]
+            found += new
+            parents = {each.pid for each in new}
+        return found
+
+    def send(self, process: Process, number: int) -> bool:
+        """Sends a signal, unless the process has ended meanwhile."""
+        try:
+            os.kill(process.pid, number)
+        except ProcessLookupError:
+            return False
+        return True
+
+    def kill_copy_process(self, process: Process, number: int = signal.SIGKILL) -> int:
+        """Ends one copy process by a signal and counts it; returns 1, or 0 if it had ended."""
+        self.note_kill()
+        killed = int(self.send(process, number))
+        self.copy_kills += killed
+        return killed
+
+    def wait_copying(self, timeout: float = 5) -> list[Process]:
+        """The copy processes as soon as there are any; an empty list if there are none in time."""
+        deadline = time.monotonic() + timeout
+        while time.monotonic() < deadline:
+            found = self.copy_processes()
+            if found:
+                return found
+            time.sleep(0.002)
+        return []
+
+    def wait_idle(self, timeout: float = 60) -> None:
+        """Waits until no copy process is left and no record is under way in the daemon."""
+        wait_until(lambda: not self.is_busy(), "the copy processes to end", timeout)
+
+    def is_busy(self) -> bool:
+        """Whether a copy process runs, or the daemon still has to hand off what one reported."""
+        if self.copy_processes():
+            return True
+        if not self.daemon.is_running():
+            return False
+        mine = f"{skarn.FILE_LISTS}{self.daemon.pid}_"
+        return any(path.name.startswith(mine) for path in skarn.file_lists())
+
+    def wait_gone(self, names: set[str], station: Station, timeout: float = 60) -> None:
+        """Waits until these files have left the source of a station."""
+        wait_until(
+            lambda: not names & set(station.ledger.present()),
+            f"{len(names)} files to leave the source",
+            timeout,
+        )
+
+    def left(self) -> int:
+        """How many files are still at the sources that have to leave them."""
+        return sum(each.ledger.look() for each in self.stations)
+
+    # The run.
+
+    def run(self, faults: list[Fault], rounds: int, limit: float) -> Outcome:
+        """Injects `rounds` faults, chosen among `faults`, lets all drain and returns what came of it.
+
+        With several, now and then one that is over at once strikes while another one lasts. No
+        more are begun when `limit` seconds have passed.
+        """
+        rng = Random(f"schedule {self.seed}")
+        for fault in faults:
+            fault.prepare(self)
+        self._install()
+        self.start_daemon()
+        for station in self.stations:
+            station.workload.start()
+        outcome = Outcome()
+        end = time.monotonic() + limit
+        instants = [each for each in faults if each.instant] if len(faults) > 1 else []
+        while outcome.injected < rounds and time.monotonic() < end:
+            fault = rng.choice(faults)
+            self._wait(rng.uniform(*fault.gap))
+            injected = fault.inject(self, rng)
+            if not injected:
+                continue
+            outcome.injected += injected
+            hold = rng.uniform(*fault.hold)
+            if instants and not fault.instant and rng.random() < 0.4:
+                self._wait(hold / 2)
+                hold /= 2
+                second = rng.choice(instants)
+                struck = second.inject(self, rng)
+                if struck:
+                    outcome.injected += struck
+                    second.heal(self)
+            self._wait(hold)
+            fault.heal(self)
+        for station in self.stations:
+            station.workload.stop()
+        outcome.recovered_in = self._drain(max(each.drain for each in faults))
+        self._verify(faults, outcome)
+        return outcome
+
+    def _wait(self, seconds: float) -> None:
+        self._end.wait(seconds)
+
+    def _install(self) -> None:
+        skarn.install_password_file()
+        skarn.install_copy_program(Path(os.environ["CONFIRMING_RSYNC_BINARY"]))
+        skarn.write_configuration(
+            {"logfile": skarn.LOG_FILE, **self.settings},
+            [
+                skarn.Detector(
+                    each.id,
+                    each.proxy.address if each.proxy else each.server.address,
+                    target=str(each.target),
+                    minpause=MINPAUSE,
+                )
+                for each in self.stations
+            ],
+        )
+
+    def _drain(self, limit: float) -> float:
+        """Waits until all is moved and announced, and says how long that took; never fails."""
+        begin = time.monotonic()
+        done = begin
+        while done - begin < limit:
+            if not self.left() and not any(each.ledger.unannounced() for each in self.stations):
+                break
+            self._wait(0.05)
+            done = time.monotonic()
+        return done - begin
+
+    def _verify(self, faults: list[Fault], outcome: Outcome) -> None:
+        """Compares everything with the promise; what breaks it is complained about."""
+        try:
+            self.wait_idle()
+        except AssertionError as error:
+            self.ledger.complain(str(error))
+        for fault in faults:
+            fault.check(self)
+        if self.daemon.is_running():
+            self.daemon.end()
+        else:
+            self.ledger.complain("the daemon ended on its own")
+        self.consumer.leave()
+        kills = any(fault.kills for fault in faults)
+        for station in self.stations:
+            self._verify_station(station, kills, outcome)
+        self._verify_log()
+        self._verify_leftovers()
+        outcome.daemon_kills, outcome.copy_kills = self.daemon_kills, self.copy_kills
+        outcome.broken = tuple(line for each in self.stations for line in each.ledger.broken)
+
+    def _verify_station(self, station: Station, kills: bool, outcome: Outcome) -> None:
+        ledger = station.ledger
+        entries = ledger.entries()
+        outcome.files += len(entries)
+        outcome.bytes += ledger.bytes
+        produced = set()
+        for entry in entries:
+            produced.add(entry.name)
+            at_source = os.path.lexists(entry.source)
+            if entry.withdrawn:
+                outcome.withdrawn += 1
+                if at_source:
+                    ledger.complain(f"{entry.name} was deleted by the detector and is back")
+                continue
+            if entry.stays:
+                if not at_source:
+                    outcome.lost += 1
+                    ledger.complain(f"{entry.name} can't be carried and is gone")
+                continue
+            if at_source:
+                ledger.complain(f"{entry.name} is still at the source")
+            if not at_source and not ledger.is_whole(entry, final=True):
+                outcome.lost += 1
+                ledger.complain(f"{entry.name} is lost: neither at the source nor whole here")
+            if not at_source and not entry.records:
+                if entry.excused:
+                    outcome.excused += 1
+                else:
+                    outcome.never_announced += 1
+                    ledger.complain(f"{entry.name} was never announced")
+            if len(entry.records) > 1:
+                outcome.announced_twice += 1
+                second = entry.records[1]
+                across = any(entry.born <= moment <= second for moment in self._kill_times)
+                if not kills or not across:
+                    ledger.complain(f"{entry.name} was announced twice though nothing died")
+        for place in ledger.places:
+            for name in list_files(place) if place.is_dir() else []:
+                half = HALF_RECEIVED.fullmatch(os.path.basename(name)) is not None
+                if name not in produced and not (half and self._kill_times):
+                    ledger.complain(f"{place / name} is at the target and was never produced")
+
+    def _verify_log(self) -> None:
+        log = self.daemon.archived_log()
+        names = {entry.name for each in self.stations for entry in each.ledger.entries()}
+        for name in re.findall(r"^Error: Lost (.*)$", log, re.MULTILINE):
+            if name not in names:
+                self.ledger.complain(f"the log says that {name!r} is lost, which never was")
+        # What a sanitizer has to say of the copy program comes out where its errors go.
+        for sign in ("Sanitizer", "runtime error:"):
+            if sign in log:
+                start = log.index(sign)
+                self.ledger.complain(f"in the log: {log[max(0, start - 200) : start + 1500]}")
+        reports = skarn.sanitizer_reports()
+        if reports:
+            self.ledger.complain(reports)
+
+    def _verify_leftovers(self) -> None:
+        def ours() -> list[Process]:
+            return [
+                each
+                for each in processes()
+                if each.name in (skarn.COPY_PROGRAM.name[:15], self.daemon.binary.name[:15])
+                and not each.is_zombie
+            ]
+
+        with suppress(AssertionError):
+            wait_until(lambda: not ours(), "the last processes to end", 20)
+        for each in ours():
+            self.ledger.complain(f"a process is left: {each}")
+        dead = tuple(f"{skarn.FILE_LISTS}{pid}_" for pid in self._daemon_pids[:-1])
+        for path in skarn.file_lists():
+            if not path.name.startswith(dead or ("/",)):
+                self.ledger.complain(f"{path} is left")
+
+    # Its beginning and end.
+
+    def __enter__(self) -> Bed:
+        for station in self.stations:
+            station.server.start()
+            if station.proxy:
+                station.proxy.start()
+        self.consumer.come()
+        threading.excepthook = self._thread_failed
+        self._watch = threading.Thread(target=self._look, daemon=True)
+        self._watch.start()
+        return self
+
+    def __exit__(
+        self,
+        kind: type[BaseException] | None,
+        error: BaseException | None,
+        trace: TracebackType | None,
+    ) -> None:
+        for station in self.stations:
+            station.workload.stop()
+        if self.daemon.is_running():
+            self.daemon.end(signal.SIGKILL)
+        self.consumer.leave()
+        self._end.set()
+        if self._watch is not None:
+            self._watch.join(60)
+        for station in self.stations:
+            if station.proxy:
+                station.proxy.stop()
+            station.server.kill()
+
+    def _thread_failed(self, failure: threading.ExceptHookArgs) -> None:
+        """A thread of the bed itself that fails must not let the run look good."""
+        threading.__excepthook__(failure)
+        self.ledger.complain(f"the bed itself failed: {failure.exc_value!r}")
+
+    def _look(self) -> None:
+        """Looks at the sources, and takes the status of orphans as a machine's first process does."""
+        while not self._end.is_set():
+            self.left()
+            reap_orphans()
+            self._end.wait(LOOK_EVERY)
+
+
+def arguments(pid: int) -> list[str]:
+    """The command line of a process; empty if it has ended."""
+    try:
+        words = Path(f"/proc/{pid}/cmdline").read_bytes().split(b"\0")
+    except OSError:
+        return []
+    return [os.fsdecode(word) for word in words]
+
+
+def is_stopped(pid: int) -> bool:
+    """Whether a process is stopped by a signal."""
+    try:
+        return status_field(pid, "State").startswith("T")
+    except (OSError, AssertionError):
+        return False
+
+
+def reap_orphans() -> None:
+    """Takes the status of copy processes, and of what they started, whose parent is dead."""
+    names = (skarn.COPY_PROGRAM.name[:15], "sh", "mkdir", "chown")
+    me = os.getpid()
+    for each in processes():
+        if each.parent == me and each.is_zombie and each.name in names:
+            with suppress(ChildProcessError):
+                os.waitpid(each.pid, os.WNOHANG)

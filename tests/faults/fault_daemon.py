@@ -1,0 +1,64 @@
+"""The daemon dies at any moment and is started again over the same share and target."""
+
+from __future__ import annotations
+
+import signal
+from random import Random
+
+from faults.bed import Bed
+from faults.fault import Fault, register
+
+
+class DaemonEnded(Fault):
+    """Ends the daemon by a signal; whoever watches over it starts another one at once."""
+
+    kills = True
+    instant = True
+    number = signal.SIGKILL
+    gap = (0.0, 0.5)
+
+    def inject(self, bed: Bed, rng: Random) -> int:
+        # As often in the middle of copying as at any other time.
+        if rng.random() < 0.5:
+            bed.wait_copying(1)
+        return bed.kill_daemon(self.number)
+
+    def heal(self, bed: Bed) -> None:
+        bed.start_daemon()
+
+
+@register
+class DaemonKilled(DaemonEnded):
+    """SIGKILL."""
+
+    name = "daemon-killed"
+    title = "daemon killed (SIGKILL) and started again"
+    rounds = 220
+
+
+@register
+class DaemonTerminated(DaemonEnded):
+    """SIGTERM."""
+
+    name = "daemon-terminated"
+    title = "daemon ended (SIGTERM) and started again"
+    number = signal.SIGTERM
+
+
+@register
+class DaemonStopped(Fault):
+    """SIGSTOP, and after a while SIGCONT: its copy processes go on and fill their pipes."""
+
+    name = "daemon-stopped"
+    title = "daemon stopped (SIGSTOP) and continued"
+    hold = (0.1, 1.0)
+
+    def inject(self, bed: Bed, rng: Random) -> int:
+        if not bed.daemon.is_running():
+            return 0
+        bed.daemon.send_signal(signal.SIGSTOP)
+        return 1
+
+    def heal(self, bed: Bed) -> None:
+        if bed.daemon.is_running():
+            bed.daemon.send_signal(signal.SIGCONT)

@@ -1,0 +1,116 @@
+"""One run of the fault bed from the command line; scripts/faults.sh calls it inside the sandbox.
+
+    run.py --list
+    run.py --fault NAME --seed N [--rounds N] [--limit SECONDS] [--result FILE] [--log FILE]
+
+NAME is a fault, or "mixed" for all that can be mixed. Appends one line of JSON to --result and
+prints it. The status is 0 if the promise held; 1 if not, and then the log's place is told.
+"""
+
+from __future__ import annotations
+
+import argparse
+import json
+import os
+import shlex
+import sys
+from dataclasses import asdict
+from pathlib import Path
+
+from faults.bed import Bed, Outcome
+from faults.fault import Fault, load
+from support import processes
+
+MIXED = "mixed"
+MIXED_TITLE = "all of these mixed, two detectors"
+MIXED_ROUNDS = 150
+
+
+def chosen(name: str) -> list[Fault]:
+    """The faults of a run; mixed ones in the order of their names, so that a seed means the same."""
+    kinds = load()
+    if name == MIXED:
+        return [kind() for kind in kinds.values() if kind.mixes]
+    if name not in kinds:
+        sys.exit(f"there is no fault {name!r}; run.py --list names them")
+    return [kinds[name]()]
+
+
+def run(name: str, seed: int, rounds: int | None, limit: float, log: Path | None) -> Outcome:
+    """One run in an empty sandbox; keeps a copy of the daemon's log if a place is given."""
+    faults = chosen(name)
+    mixed = name == MIXED
+    wanted = rounds or (MIXED_ROUNDS if mixed else faults[0].rounds)
+    settings: dict[str, object] = {}
+    for fault in faults:
+        settings.update(fault.settings())
+    with Bed(
+        f"{name} {seed}",
+        stations=2 if mixed else 1,
+        proxy=any(fault.proxy for fault in faults),
+        settings=settings,
+    ) as bed:
+        try:
+            return bed.run(faults, wanted, limit)
+        finally:
+            if log is not None:
+                log.parent.mkdir(parents=True, exist_ok=True)
+                log.write_bytes(bed.daemon.archived_log().encode("utf-8", "surrogateescape"))
+
+
+def command(name: str, seed: int, rounds: int | None) -> str:
+    """What makes the same run again."""
+    words = ["scripts/faults.sh", "--fault", name, "--seed", str(seed)]
+    if rounds is not None:
+        words += ["--rounds", str(rounds)]
+    return shlex.join(words)
+
+
+def row(name: str, seed: int, outcome: Outcome, again: str) -> dict[str, object]:
+    """The run as one line of the results file."""
+    titles = {kind.name: kind.title for kind in load().values()}
+    values = asdict(outcome)
+    values["recovered_in"] = round(outcome.recovered_in, 2)
+    values["broken"] = list(outcome.broken[:20])
+    title = titles.get(name, MIXED_TITLE)
+    return {"fault": name, "title": title, "seed": seed, **values, "command": again}
+
+
+def main() -> int:
+    """Returns the exit status."""
+    parser = argparse.ArgumentParser(description="One run of the fault bed.")
+    parser.add_argument("--list", action="store_true", help="names all faults and ends")
+    parser.add_argument("--fault")
+    parser.add_argument("--seed", type=int)
+    parser.add_argument("--rounds", type=int)
+    parser.add_argument("--limit", type=float, default=600.0)
+    parser.add_argument("--result", type=Path)
+    parser.add_argument("--log", type=Path)
+    options = parser.parse_args()
+    if options.list:
+        for kind in load().values():
+            print(f"{kind.name:28} {kind.title}")
+        print(f"{MIXED:28} {MIXED_TITLE}")
+        return 0
+    if options.fault is None or options.seed is None:
+        parser.error("--fault and --seed are needed")
+    if not processes.in_sandbox():
+        parser.error("it uses the daemon's fixed places: run it with tests/support/sandbox")
+    os.umask(0o022)
+    again = command(options.fault, options.seed, options.rounds)
+    print(f"{again} ...", flush=True)
+    outcome = run(options.fault, options.seed, options.rounds, options.limit, options.log)
+    line = json.dumps(row(options.fault, options.seed, outcome, again), ensure_ascii=False)
+    print(line, flush=True)
+    if options.result is not None:
+        with options.result.open("a", encoding="utf-8") as results:
+            results.write(line + "\n")
+    for sentence in outcome.broken[:20]:
+        print(f"  broken: {sentence}", flush=True)
+    if outcome.broken and options.log is not None:
+        print(f"  the daemon's log: {options.log}", flush=True)
+    return 1 if outcome.broken else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
