@@ -214,3 +214,98 @@ def test_no_line_is_lost_under_load(daemon: Daemon) -> None:
     archives = [path for path in LOG_FILE.parent.iterdir() if path != LOG_FILE]
     assert len(archives) > 5
     assert all(path.stat().st_size > 3000 for path in archives)
+
+
+def log_files() -> list[Path]:
+    """The files of the log, the oldest first."""
+    numbers = [int(path.suffix[1:]) for path in LOG_FILE.parent.glob("*.log.*")]
+    archives = [archive(number) for number in sorted(numbers, reverse=True)]
+    return archives + ([LOG_FILE] if LOG_FILE.exists() else [])
+
+
+def test_blocks_stay_whole_when_every_cycle_rotates(daemon: Daemon) -> None:
+    """Each evaluator's block stands whole in one file, and each worker's lines in their order."""
+    detectors = [
+        Detector(f"d{number}", f"127.0.0.{number}", target=f"/srv/t{number}", minpause=0)
+        for number in range(1, 5)
+    ]
+    configure(0, 3000, *detectors)
+    cycles, sizes = 20, (1, 120, 250)
+    remark = "".join(f"remark {number}\n" for number in range(30))
+    scripted.set_default_copy(
+        [
+            scripted.out(remark),
+            scripted.out("SENT: one-that-is-lost\n"),
+            "confirm-all",
+            scripted.err("complaint\n"),
+        ]
+    )
+    for detector in detectors:
+        for cycle in range(cycles):
+            count = sizes[cycle % len(sizes)]
+            names = [f"{detector.id}-{cycle:02d}-{number:03d}" for number in range(count)]
+            scripted.add_listing(names, detector)
+    processes_of = [sizes[cycle % len(sizes)] // 101 + 1 for cycle in range(cycles)]
+    wanted = len(detectors) * sum(processes_of)
+    daemon.start()
+
+    def removed() -> int:
+        return daemon.archived_log().count(": Removed file")
+
+    # While a rotation goes on, a file may be seen twice: nothing more must come.
+    wait_until(lambda: removed() >= wanted, lambda: f"{wanted} removals; there are {removed()}")
+    idle = len(scripted.calls("listing"))
+    scripted.wait_for_calls("listing", idle + 5 * len(detectors))
+    wait_until(lambda: removed() == wanted, lambda: f"{wanted} removals; there are {removed()}")
+    daemon.end()
+
+    texts = [path.read_text() for path in log_files()]
+    assert len(texts) > len(detectors) * cycles / 2, "too few rotations to prove anything"
+    assert all(texts), "an empty log was rotated"
+    calls = scripted.calls("copy")
+    assert len(calls) == wanted
+    for call in calls:
+        block = expected.block(remark + "complaint\n", call.names or [], ["one-that-is-lost"])
+        holding = [number for number, text in enumerate(texts) if "\n" + block in "\n" + text]
+        assert len(holding) == 1, f"{len(holding)} files hold the block of {call.names}"
+        texts[holding[0]] = texts[holding[0]].replace(block, "", 1)
+
+    rest = "".join(texts)
+    assert rest.count(expected.NO_FIFO) == wanted
+    start = expected.banner(expected.date_in(rest)) + expected.settings(max_size=0, max_number=3000)
+    assert rest.startswith(start)
+    body = rest[len(start) :].replace(expected.NO_FIFO, "").replace(expected.SEPARATOR, "")
+    lines = body.splitlines(keepends=True)
+    for detector in detectors:
+        identity = str(detector.id)
+        lines.remove(expected.starting_thread(identity))
+        share = expected.url(str(detector.address))
+        own_calls = [call for call in calls if call.url == share]
+        own = [line for line in lines if line.startswith(identity)]
+        lines = [line for line in lines if not line.startswith(identity)]
+        for cycle, number in enumerate(processes_of):
+            of_cycle = [
+                call
+                for call in own_calls
+                if (call.names or [""])[0].startswith(f"{identity}-{cycle:02d}-")
+            ]
+            of_cycle.sort(key=lambda call: call.slot)
+            assert len(of_cycle) == number
+            part, own = own[: 1 + 3 * number], own[1 + 3 * number :]
+            commands = [
+                expected.copy_command(call.list_name, share, f"{detector.target}/.")
+                for call in of_cycle
+            ]
+            assert part[: 1 + number] == [
+                expected.starting(identity, number),
+                *(expected.rsync_call(identity, command) for command in commands),
+            ]
+            # The copy processes end in any order.
+            assert sorted(part[1 + number : 1 + 2 * number]) == sorted(
+                expected.ended(identity, call.pid) for call in of_cycle
+            )
+            assert part[1 + 2 * number :] == [
+                expected.removed(identity, call.list_name) for call in of_cycle
+            ]
+        assert own == []
+    assert lines == []
