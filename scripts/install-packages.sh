@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that a purpose needs and that are missing: the one place that knows them.
 #
-#   install-packages.sh PURPOSE...      PURPOSE: build, demo, tests, coverage, checks
+#   install-packages.sh PURPOSE...      PURPOSE: build, demo, tests, coverage, checks, fuzz
 #
 # Says what it is going to install before it does. Does nothing, and needs no rights, when all is there.
 set -euo pipefail
@@ -13,9 +13,11 @@ demo=("${build[@]}" iproute2 mount python3 rsync util-linux)
 tests=("${demo[@]}" libgmock-dev libgtest-dev python3-pytest)
 coverage=("${tests[@]}" gcovr)
 checks=("${tests[@]}" clang clang-format clang-tidy git mypy shellcheck)
+# The library that drives the fuzzers is part of the compiler's run-time library, which clang only recommends.
+fuzz=("${build[@]}" clang git libclang-rt-dev)
 
 usage() {
-    printf 'usage: install-packages.sh PURPOSE...   (build, demo, tests, coverage, checks)\n' >&2
+    printf 'usage: install-packages.sh PURPOSE...   (build, demo, tests, coverage, checks, fuzz)\n' >&2
     exit 2
 }
 
@@ -28,6 +30,7 @@ for purpose in "$@"; do
         tests) wanted+=("${tests[@]}") ;;
         coverage) wanted+=("${coverage[@]}") ;;
         checks) wanted+=("${checks[@]}") ;;
+        fuzz) wanted+=("${fuzz[@]}") ;;
         *) usage ;;
     esac
 done

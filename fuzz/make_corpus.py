@@ -1,0 +1,124 @@
+#!/usr/bin/python3
+"""Writes the fuzzers' seeds, small inputs from which they start, into corpus/FUZZER/.
+
+    make_corpus.py
+
+Run it after a change of the seeds below, and commit what it writes. A seed that is gone from here
+is removed there. Inputs that the fuzzers find themselves are kept in the build folder instead.
+"""
+
+from __future__ import annotations
+
+from pathlib import Path
+
+CORPUS = Path(__file__).resolve().parent / "corpus"
+
+
+def line(path: str, kind: str = "-rw-r--r--") -> str:
+    """One line of a listing."""
+    return f"{kind} {'20,000':>14} 2024/05/06 07:08:09 {path}\n"
+
+
+def gone(path: str, side: str = "[sender] ") -> str:
+    """The complaint about a file that is not there."""
+    return f'rsync: {side}link_stat "{path}" (in ramdisk) failed: No such file or directory (2)\n'
+
+
+def question(source: str, names: str, listed: str, complaints: str) -> bytes:
+    """An input of the fuzzer share_question."""
+    return b"\xff".join(part.encode() for part in (source, names, listed, complaints))
+
+
+def seeds() -> dict[str, dict[str, str | bytes]]:
+    """The seeds by fuzzer and name."""
+    detector = "detectorID 1\nremoteIP 10.0.0.1\nsource /data\ntarget /images\nminpause 500\n"
+    return {
+        "config_text": {
+            "global_keys": "logfile /var/log/x\nlogfile_max_number 5\nlogfile_max_size 20M\n"
+            "uid 500\ngid 500\nusrdir u\n",
+            "detectors": detector + "interrun_pause 20\n" + detector.replace("ID 1", "ID 2"),
+            "comments": "# logfile /a\n  # b\n\t\n  logfile   /c # d\nuid\n",
+            "sizes": "logfile_max_size - 3 M\n",
+            "size_overflow": "logfile_max_size 99999999999999999999G\n",
+            "size_sign_alone": "logfile_max_size +\n",
+            "number_overflow": "logfile_max_number 99999999999\n",
+            "value_on_next_line": "usrdir \t\nuid 500\n",
+            "id_inside_a_line": "source /a detectorID 2 target /b",
+            "crlf_and_zero": b"logfile /x\r\nuid 5\x00\x006\ngid\x007\n",
+            "long_line": "uid 1\n" + "x" * 1023 + "\n" + "y" * 1024 + "\ngid 1\n",
+        },
+        "tokenize": {
+            "copy_command": "/bin/rsync -vt  --out-format='SENT: %n' --files-from=/tmp/l rsync://h/m/ /t/./",
+            "colons": "2:/data:/images::",
+            "nested": "a\"b'c\" 'd\"e' ''\"\"",
+            "open": "a 'b c",
+        },
+        "listing": {
+            "files": line(".", "drwxr-xr-x") + line("a.raw") + line("b.raw"),
+            "folders": line("d", "drwxr-xr-x") + line("d/a") + line("d/b") + line("e", "drwxr-xr-x"),
+            "links": line("l -> /etc/passwd", "lrwxrwxrwx") + line("my file.dat"),
+            "hidden": line(".x") + line("../x") + line("a/../../x") + line("\t.x"),
+            "shell": line("$(touch") + line("`id`") + line("-e") + line("--rsh=sh") + line("';|&"),
+            "escaped": line("line\\#012feed") + line("tab\there"),
+            "zero": b"-rw-r--r-- 1 2 3 a\x00b c d e f\nx y z w v",
+            "long_line": line("n" * 1500) + line("b"),
+            "short": "one two three four\n\n   \n a b c d e\n",
+        },
+        "report": {
+            "good": "receiving file list ... done\nSENT: a\nCONFIRMED: removed a\n\nsent 1 bytes\n",
+            "lost": "SENT: b\nSENT: a\nSENT: b\nCONFIRMED: removed c\n",
+            "incomplete": "CONFIRMED:\nCONFIRMED: x\nSENT:\nSENT: \n \t CONFIRMED:  y  z w",
+            "zero": b"\x00SENT: a\nSENT: b\x00c\nCONFIRMED: \x00 a\n",
+            "long_line": "SENT: " + "n" * 1500 + " CONFIRMED: x y\nCONFIRMED: removed b\n",
+        },
+        "report_filter": {
+            "good": "receiving file list ... done\nSENT: a\nsender removed a\nSENT: d/\n\nsent 1 bytes\n",
+            "link_first": "sender removed a\nSENT: a\nsender removed bb\nSENT: bb\nsender removed c\n",
+            "forged": b"CONFIRMED: removed a\n CONFIRMED: x y\n\xffeSENT: b\nsender removed c\n",
+            "complaints": b"\xffersync: [sender] link_stat \"/a\" (in ramdisk) failed: No such file (2)\n"
+            b"ERROR: b failed verification -- update discarded.\nfile has vanished: \"/c\" (in ramdisk)\n",
+            "mixed": b"SENT: a\nsend\xffeoh\xffoer removed a\xff\xffe no\n\xffo\nSENT: b\xffcb\xffmremark",
+            "asked": b"SENT: a\nSENT: b\n\xfff\xffca\xffca\xffmcannot ask\xffcb",
+            "cut_off": b"SENT: a\nsender removed a",
+            "overlong": b"sender removed \xffnaaaaaaaaaaaaaaaaaaaaaaaa\n\xffeCONFIRMED: x\nSENT: a\n",
+            "at_the_limit": b"\xffnxxxxxxxxxxxxxxxx\nSENT: a\n",
+            "behind_the_limit": b"\xffe\xffnxxxxxxxxxxxxxxxxCONFIRMED: x y\n",
+        },
+        "share_question": {
+            "all_gone": question("rsync://root@10.0.0.1:49371/ramdisk/", "a\nb", "", gone("/a") + gone("/b")),
+            "one_left": question("rsync://h/ramdisk/data/", "a\nb", line("a"), gone("/data/b")),
+            "older": question("h::ramdisk", "a", line(".", "drwxr-xr-x"), gone("/a", "")),
+            "link": question("rsync://h/ramdisk/", "a\nb", line("a -> b", "lrwxrwxrwx"), gone("/a")),
+            "arrow": question("[::1]::ramdisk/", "a -> b", line("a -> b -> c", "lrwxrwxrwx"), gone("/a -> b")),
+            "escapes": question("rsync://h/ramdisk/x/../y", "a\\#012\nb\\#134", line("a\\#012"), gone("/b\\#134")),
+            "other_complaint": question(
+                "rsync://h/ramdisk/", "a", "", gone("/a").replace("No such file or directory (2)", "Denied (13)")
+            ),
+        },
+        "printed_name": {
+            "plain": "dir/a.raw",
+            "controls": b"line\nfeed\r\x00\x1b\t\x7f",
+            "escapes": "\\#012 \\#134#012 \\#999 \\#01",
+            "latin": b"\xe9\xff\\#\xe9",
+        },
+        "file_list": {
+            "lines": "a\nd/b\r\n\n./c/\n///d\n",
+            "zeroes": b"a\x00b\nc\x00./\x00",
+            "odd": "#a\n;b\n-c\n/./\n.\n..\n../x\na//b/../c\\#012\n",
+        },
+    }
+
+
+def main() -> None:
+    for fuzzer, inputs in seeds().items():
+        folder = CORPUS / fuzzer
+        folder.mkdir(parents=True, exist_ok=True)
+        for name, content in inputs.items():
+            (folder / name).write_bytes(content if isinstance(content, bytes) else content.encode())
+        for path in folder.iterdir():
+            if path.name not in inputs:
+                path.unlink()
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,25 @@
+// Fuzzes the two directions between a file's name and what rsync prints for it.
+#include "confirming_rsync/printed_name.h"
+#include "fuzz/input.h"
+
+using confirming::printedName;
+using confirming::unprintedName;
+using fuzz::require;
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    const std::string name = fuzz::text(data, size);
+    const std::string printed = printedName(name);
+    require(unprintedName(printed) == name, "what is printed can be read back");
+    for (const char character : printed) {
+        const auto byte = static_cast<unsigned char>(character);
+        require(byte >= ' ' || byte == '\t', "nothing printed is a control character but the tab");
+    }
+    require(printed.size() >= name.size() && printed.size() <= 5 * name.size(),
+            "a byte takes one to five");
+
+    // The input as something that rsync, or anyone, may have printed.
+    const std::string read = unprintedName(name);
+    require(read.size() <= name.size(), "reading makes nothing longer");
+    require(unprintedName(printedName(read)) == read, "what was read can be printed");
+    return 0;
+}
