@@ -14,6 +14,9 @@ namespace {
 
 constexpr mode_t logFileMode = 0644;
 
+/// What an emptied buffer may keep for the next text.
+constexpr std::size_t keptCapacity = 65536;
+
 } // namespace
 
 LogFile::LogFile(pthread_mutex_t* fileMutex) : mutex(fileMutex) {
@@ -82,6 +85,10 @@ void LogFile::append(const std::string& text) const {
 void LogFile::writeOut() {
     append(buffer);
     buffer.clear();
+    // An idle worker collects separators for days; that memory is not held for ever after.
+    if (buffer.capacity() > keptCapacity) {
+        buffer.shrink_to_fit();
+    }
 }
 
 LogFile& endl(LogFile& logFile) {

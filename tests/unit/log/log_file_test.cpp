@@ -350,6 +350,20 @@ TEST_F(LogFileTest, DoesNotCopyWhatIsCollectedAtEachInsertion) {
     EXPECT_EQ(content().size(), insertions * (separator.size() + 1));
 }
 
+TEST_F(LogFileTest, GivesTheMemoryOfALongTextBackWhenItIsWrittenOut) {
+    const std::string text(100000, 'x');
+    LogFile log(nullptr);
+    log.open(path);
+    for (int i = 0; i < 10; ++i) {
+        log << text;
+    }
+    log << flush;
+    EXPECT_EQ(content().size(), 10 * text.size());
+    const std::size_t before = bytesAllocated();
+    log << text;
+    EXPECT_GE(bytesAllocated() - before, text.size());
+}
+
 TEST_F(LogFileTest, DoesNotCopyWhatIsCollectedWhateverKindOfValueIsInserted) {
     const char* const text = "text";
     LogFile log(nullptr);
