@@ -6,7 +6,7 @@ A seed decides what the detectors produce and which faults strike when. What a f
     bed.consumer                    .come(), .leave(), .nap
     bed.kill_daemon(number), bed.start_daemon(), bed.daemon
     bed.copy_processes(), bed.rsync_children(), bed.send(process, number), bed.kill_copy_process(...)
-    bed.wait_idle(), bed.wait_copying()
+    bed.wait_idle(), bed.wait_copying(), bed.standing_still()
 
 While faults strike, the source is looked at all the time: a file that is gone there has to be whole
 at the target. The consumer looks at each file when its record arrives. When the last fault is
@@ -20,8 +20,9 @@ import re
 import signal
 import threading
 import time
-from collections.abc import Mapping
-from contextlib import suppress
+import traceback
+from collections.abc import Iterator, Mapping
+from contextlib import contextmanager, suppress
 from dataclasses import dataclass
 from pathlib import Path
 from random import Random
@@ -207,6 +208,32 @@ class Bed:
         mine = f"{skarn.FILE_LISTS}{self.daemon.pid}_"
         return any(path.name.startswith(mine) for path in skarn.file_lists())
 
+    @contextmanager
+    def standing_still(self, timeout: float = 30) -> Iterator[bool]:
+        """Stops the daemon between two cycles, when no record is under way, for as long as the
+        block lasts. Gives False, and stops nothing, if there is no such moment in time.
+        """
+        still = self._stop_between_cycles(timeout)
+        try:
+            yield still
+        finally:
+            if still and self.daemon.is_running():
+                self.daemon.send_signal(signal.SIGCONT)
+
+    def _stop_between_cycles(self, timeout: float) -> bool:
+        end = time.monotonic() + timeout
+        while time.monotonic() < end and self.daemon.is_running():
+            if not self.is_busy():
+                self.daemon.send_signal(signal.SIGSTOP)
+                wait_until(lambda: is_stopped(self.daemon.pid), "the daemon to stand still")
+                # File lists are there from before the first copy process starts until the last
+                # record is written.
+                if not self.is_busy():
+                    return True
+                self.daemon.send_signal(signal.SIGCONT)
+            time.sleep(0.003)
+        return False
+
     def wait_gone(self, names: set[str], station: Station, timeout: float = 60) -> None:
         """Waits until these files have left the source of a station."""
         wait_until(
@@ -245,7 +272,7 @@ class Bed:
                 continue
             outcome.injected += injected
             hold = rng.uniform(*fault.hold)
-            if instants and not fault.instant and rng.random() < 0.4:
+            if instants and not (fault.instant or fault.alone) and rng.random() < 0.4:
                 self._wait(hold / 2)
                 hold /= 2
                 second = rng.choice(instants)
@@ -421,7 +448,7 @@ class Bed:
 
     def _thread_failed(self, failure: threading.ExceptHookArgs) -> None:
         """A thread of the bed itself that fails must not let the run look good."""
-        threading.__excepthook__(failure)
+        traceback.print_exception(failure.exc_value)
         self.ledger.complain(f"the bed itself failed: {failure.exc_value!r}")
 
     def _look(self) -> None:

@@ -47,6 +47,8 @@ class Fault:
     proxy = False  # whether it needs the proxy between the daemon and the servers
     mixes = True  # whether it can be one of many in the mixed run
     instant = False  # whether it is over at once, so that it can strike while another one lasts
+    alone = False  # whether nothing else may strike while it lasts, for instance because no daemon
+    # could be started again then
     rounds = 20  # how many faults a run of the long form injects
     gap = (0.05, 0.6)  # seconds between two faults, from and to
     hold = (0.0, 0.0)  # seconds between injecting and healing, from and to

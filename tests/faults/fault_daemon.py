@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import signal
+import time
 from random import Random
 
 from faults.bed import Bed
@@ -62,3 +63,22 @@ class DaemonStopped(Fault):
     def heal(self, bed: Bed) -> None:
         if bed.daemon.is_running():
             bed.daemon.send_signal(signal.SIGCONT)
+
+
+@register
+class AllKilled(DaemonEnded):
+    """The daemon, its copy processes and their rsync die in the same moment."""
+
+    name = "all-killed"
+    title = "daemon, copy processes and rsync killed at once"
+    rounds = 60
+
+    def inject(self, bed: Bed, rng: Random) -> int:
+        bed.wait_copying(2)
+        time.sleep(rng.uniform(0, 0.1))
+        children = bed.rsync_children()
+        for each in bed.copy_processes():
+            bed.kill_copy_process(each)
+        for each in children:
+            bed.send(each, signal.SIGKILL)
+        return bed.kill_daemon()

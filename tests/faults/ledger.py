@@ -41,6 +41,7 @@ class Ledger:
         self.places = [target]
         self.broken: list[str] = []
         self.bytes = 0
+        self.made_up: set[str] = set()  # names that a fault itself announces; they don't count
         self._entries: dict[str, Entry] = {}
         self._present: dict[str, Entry] = {}
         self._lock = threading.RLock()
@@ -92,8 +93,8 @@ class Ledger:
             with self._lock:
                 entry.gone = time.monotonic()
                 del self._present[entry.name]
-            if entry.stays:
-                self.complain(f"{entry.name} left the source though it can't be carried")
+            if entry.stays and not entry.withdrawn:
+                self.complain(f"{entry.name!r} left the source though it can't be carried")
             elif not entry.withdrawn and not self.is_whole(entry):
                 self.complain(f"{entry.name} left the source and is not whole at the target")
         return left
@@ -104,6 +105,8 @@ class Ledger:
             entry = self._entries.get(name)
             if entry is not None:
                 entry.records.append(time.monotonic())
+        if entry is None and name in self.made_up:
+            return
         if entry is None:
             self.complain(f"{name!r} was announced and never produced")
         elif not self.is_whole(entry):

@@ -1,10 +1,10 @@
 """One run of the fault bed from the command line; scripts/faults.sh calls it inside the sandbox.
 
-    run.py --list
-    run.py --fault NAME --seed N [--rounds N] [--limit SECONDS] [--result FILE] [--log FILE]
+    run.py --list | --names
+    run.py --fault NAME --seed N [--rounds N] [--limit SECONDS] [--log FILE]
 
-NAME is a fault, or "mixed" for all that can be mixed. Appends one line of JSON to --result and
-prints it. The status is 0 if the promise held; 1 if not, and then the log's place is told.
+NAME is a fault, or "mixed" for all that can be mixed. Prints what the run came to, and its numbers as
+one line of JSON. The status is 0 if the promise held, 1 if not.
 """
 
 from __future__ import annotations
@@ -71,22 +71,34 @@ def row(name: str, seed: int, outcome: Outcome, again: str) -> dict[str, object]
     titles = {kind.name: kind.title for kind in load().values()}
     values = asdict(outcome)
     values["recovered_in"] = round(outcome.recovered_in, 2)
-    values["broken"] = list(outcome.broken[:20])
+    values["broken"] = list(outcome.broken[:10])
     title = titles.get(name, MIXED_TITLE)
     return {"fault": name, "title": title, "seed": seed, **values, "command": again}
+
+
+def summary(outcome: Outcome) -> str:
+    """What a run came to, in one line for people."""
+    return (
+        f"  {outcome.injected} faults, {outcome.files} files: {outcome.lost} lost, "
+        f"{outcome.never_announced} never announced, {outcome.announced_twice} announced twice, "
+        f"all right {outcome.recovered_in:.1f} s after the last fault"
+    )
 
 
 def main() -> int:
     """Returns the exit status."""
     parser = argparse.ArgumentParser(description="One run of the fault bed.")
     parser.add_argument("--list", action="store_true", help="names all faults and ends")
+    parser.add_argument("--names", action="store_true", help="their names alone")
     parser.add_argument("--fault")
     parser.add_argument("--seed", type=int)
     parser.add_argument("--rounds", type=int)
     parser.add_argument("--limit", type=float, default=600.0)
-    parser.add_argument("--result", type=Path)
     parser.add_argument("--log", type=Path)
     options = parser.parse_args()
+    if options.names:
+        print("\n".join([*load(), MIXED]))
+        return 0
     if options.list:
         for kind in load().values():
             print(f"{kind.name:28} {kind.title}")
@@ -100,15 +112,13 @@ def main() -> int:
     again = command(options.fault, options.seed, options.rounds)
     print(f"{again} ...", flush=True)
     outcome = run(options.fault, options.seed, options.rounds, options.limit, options.log)
-    line = json.dumps(row(options.fault, options.seed, outcome, again), ensure_ascii=False)
-    print(line, flush=True)
-    if options.result is not None:
-        with options.result.open("a", encoding="utf-8") as results:
-            results.write(line + "\n")
-    for sentence in outcome.broken[:20]:
-        print(f"  broken: {sentence}", flush=True)
-    if outcome.broken and options.log is not None:
-        print(f"  the daemon's log: {options.log}", flush=True)
+    print(summary(outcome))
+    for sentence in outcome.broken[:10]:
+        print(f"  broken: {sentence!r}")
+    if outcome.broken:
+        print(f"  and more: {len(outcome.broken)} in all; the daemon's log: {options.log}")
+    line = row(options.fault, options.seed, outcome, again)
+    print(json.dumps(line, ensure_ascii=False), flush=True)
     return 1 if outcome.broken else 0
 
 

@@ -1,0 +1,140 @@
+"""The detector does what it should not: files vanish, grow, or have names that can't be carried."""
+
+from __future__ import annotations
+
+import os
+import shutil
+import time
+from pathlib import Path
+from random import Random
+
+from faults.bed import Bed, Station
+from faults.fault import Fault, register
+from support.detector import digest_of
+
+
+@register
+class FilesVanish(Fault):
+    """Files that were listed are deleted by the detector before or while they are copied."""
+
+    name = "files-vanish"
+    title = "files deleted by the detector during the transfer"
+    instant = True
+    rounds = 60
+
+    def inject(self, bed: Bed, rng: Random) -> int:
+        station = rng.choice(bed.stations)
+        bed.wait_copying(5)
+        present = sorted(station.ledger.present())
+        deleted = 0
+        for name in rng.sample(present, min(len(present), rng.randint(1, 5))):
+            station.ledger.will_withdraw(name)
+            try:
+                (station.workload.root / name).unlink()
+                deleted += 1
+            except FileNotFoundError:
+                continue  # it has just been moved
+        return deleted
+
+
+@register
+class FoldersVanish(Fault):
+    """A folder is deleted with all that is in it."""
+
+    name = "folders-vanish"
+    title = "folders deleted by the detector during the transfer"
+    instant = True
+    number = 0
+
+    def inject(self, bed: Bed, rng: Random) -> int:
+        station = rng.choice(bed.stations)
+        self.number += 1
+        folder = f"doomed_{self.number}"
+        names = [f"{folder}/{rng.randrange(9)}/{index}.raw" for index in range(30)]
+        for name in names:
+            station.workload.write(name, rng.randbytes(20_000))
+        bed.wait_copying(5)
+        time.sleep(rng.uniform(0, 0.1))
+        for name in names:
+            station.ledger.will_withdraw(name)
+        shutil.rmtree(station.workload.root / folder, ignore_errors=True)
+        return 1
+
+
+@register
+class FilesGrow(Fault):
+    """A file is written to while it is copied, as by a detector that does not rename when done.
+
+    Appending to it fails once it has left, so the detector knows; what it could append has to
+    arrive, or else it is counted as lost.
+    """
+
+    name = "files-grow"
+    title = "files growing while they are copied"
+    mixes = False
+    rounds = 60
+    gap = (0.0, 0.1)
+    number = 0
+    early = 0
+
+    def inject(self, bed: Bed, rng: Random) -> int:
+        station = rng.choice(bed.stations)
+        self.number += 1
+        name = f"growing_{self.number}.raw"
+        chunks = [rng.randbytes(rng.randint(1, 300_000)) for _ in range(rng.randint(2, 30))]
+        content = chunks[0]
+        station.workload.write(name, content)
+        for chunk in chunks[1:]:
+            time.sleep(rng.uniform(0, 0.02))
+            if not append(station.workload.root / name, chunk, station, name, content):
+                self.early += 1
+                break
+            content += chunk
+        return 1
+
+    def check(self, bed: Bed) -> None:
+        print(f"  {self.early} of {self.number} growing files were taken before their end")
+
+
+def append(path: Path, chunk: bytes, station: Station, name: str, content: bytes) -> bool:
+    """Appends to a file that is still there; false if it has left."""
+    try:
+        file = os.open(path, os.O_WRONLY | os.O_APPEND)
+    except FileNotFoundError:
+        return False
+    try:
+        station.ledger.will_change(name, digest_of(content + chunk))
+        os.write(file, chunk)
+    finally:
+        os.close(file)
+    return True
+
+
+@register
+class NamesWithBlanks(Fault):
+    """Names that can't be carried stay as they are and stop nothing else."""
+
+    name = "names-with-blanks"
+    title = "names that can't be carried"
+    hold = (0.5, 1.5)
+    rounds = 10
+    number = 0
+    written: list[tuple[Station, str, bytes]] = []
+
+    def inject(self, bed: Bed, rng: Random) -> int:
+        self.written = []
+        for station in bed.stations:
+            for shape in ("blank {}.raw", "fold er/{}.raw", "line\nfeed {}.raw", "tab\t{}.raw"):
+                self.number += 1
+                name, content = shape.format(self.number), rng.randbytes(2000)
+                station.workload.write(name, content, stays=True)
+                self.written.append((station, name, content))
+        return len(self.written)
+
+    def heal(self, bed: Bed) -> None:
+        for station, name, content in self.written:
+            path = station.workload.root / name
+            if not path.exists() or path.read_bytes() != content:
+                station.ledger.complain(f"{name!r} did not stay as it was")
+            station.ledger.will_withdraw(name)
+            path.unlink(missing_ok=True)
