@@ -37,7 +37,7 @@ FileList::FileList(std::string nameOfFile) : fileName(std::move(nameOfFile)) {
         open(fileName.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, fileListMode)));
 }
 
-void FileList::add(const std::string& entry) {
+void FileList::add(std::string_view entry) {
     pending += entry;
     pending += '\n';
     if (pending.size() >= writeSize) {
@@ -52,14 +52,15 @@ void FileList::close() {
     file.reset();
 }
 
-std::vector<FileList> dealNames(const std::vector<std::string>& names, int n) {
+std::vector<FileList> dealNames(const NameList& names, int n) {
     std::vector<FileList> lists;
     lists.reserve(static_cast<std::size_t>(n));
     for (int i = 0; i < n; ++i) {
         lists.emplace_back(fileListName(i));
     }
-    for (std::size_t k = 0; k < names.size(); ++k) {
-        lists[k % lists.size()].add(names[k]);
+    std::size_t k = 0;
+    for (const std::string_view name : names) {
+        lists[k++ % lists.size()].add(name);
     }
     return lists;
 }

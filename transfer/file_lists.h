@@ -1,9 +1,11 @@
 // How many copy processes a cycle gets, and the file lists they read.
 #pragma once
 
+#include "transfer/name_list.h"
 #include "utilities/descriptors.h"
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 /// Number of copy processes for `count` names: one for each 101 names begun, at most `setting`. The
@@ -26,7 +28,7 @@ public:
     const std::string& name() const { return fileName; }
 
     /// Adds a name.
-    void add(const std::string& entry);
+    void add(std::string_view entry);
 
     /// Writes out what was added and closes the file.
     void close();
@@ -39,4 +41,4 @@ private:
 
 /// Creates `n` file lists for the calling thread and deals the names to them round-robin. All is
 /// written and still open for the caller to close.
-std::vector<FileList> dealNames(const std::vector<std::string>& names, int n);
+std::vector<FileList> dealNames(const NameList& names, int n);

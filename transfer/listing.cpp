@@ -1,8 +1,6 @@
 // Parsing a listing.
 #include "transfer/listing.h"
 
-#include "utilities/text.h"
-
 #include <algorithm>
 #include <utility>
 
@@ -34,6 +32,12 @@ std::string_view firstWord(std::string_view text) {
     return text.substr(0, text.find_first_of(whiteSpace));
 }
 
+/// True if the entry lies below the directory of that name.
+bool isBelow(std::string_view name, std::string_view directory) {
+    return name.size() > directory.size() && name.substr(0, directory.size()) == directory &&
+           name[directory.size()] == '/';
+}
+
 } // namespace
 
 void ListingParser::addLine(std::string_view line) {
@@ -41,18 +45,17 @@ void ListingParser::addLine(std::string_view line) {
     if (path.empty() || path.front() == '.') {
         return;
     }
-    std::string name(firstWord(path));
+    const std::string_view name = firstWord(path);
     if (name.empty()) {
         return;
     }
-    if (!transferList.empty() && UTILITIES::stringBegin(name, previousName + "/")) {
-        transferList.pop_back();
+    // The last line that was kept is always the last name: one that takes it out stands there then.
+    if (!transferList.empty() && isBelow(name, transferList.last())) {
+        transferList.removeLast();
     }
-    previousName = name;
-    transferList.push_back(std::move(name));
+    transferList.add(name);
 }
 
-std::vector<std::string> ListingParser::takeNames() {
-    previousName.clear();
+NameList ListingParser::takeNames() {
     return std::exchange(transferList, {});
 }

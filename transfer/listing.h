@@ -1,9 +1,9 @@
 // From the lines of a share's listing to the transfer list.
 #pragma once
 
-#include <string>
+#include "transfer/name_list.h"
+
 #include <string_view>
-#include <vector>
 
 /// Reads a listing line by line (permissions, size, date, time, path) and keeps the names to
 /// transfer, in listing order: entries whose path begins with "." are dropped, and a directory is
@@ -15,13 +15,9 @@ public:
     /// Takes one line, or a piece of a longer one, with or without its line feed.
     void addLine(std::string_view line);
 
-    const std::vector<std::string>& names() const { return transferList; }
-
     /// Hands the transfer list over and starts a new listing.
-    std::vector<std::string> takeNames();
+    NameList takeNames();
 
 private:
-    std::vector<std::string> transferList;
-    std::string previousName; // name of the last line that was kept, also when a later line removed
-                              // it from the list
+    NameList transferList;
 };

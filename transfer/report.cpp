@@ -42,7 +42,10 @@ void TransferAccount::addConfirmed(std::string_view name) {
     if (name.empty()) {
         return;
     }
-    confirmedNames.emplace_back(name);
+    if (copiedCount == 0) {
+        firstConfirmed = name;
+    }
+    lastConfirmed = name;
     ++copiedCount;
     const auto sent = sentNames.find(name);
     if (sent != sentNames.end()) {
@@ -61,10 +64,9 @@ std::string TransferAccount::summary() const {
     }
     text += "++ RSYNC OUTPUT BEGIN ++++++++++++++++++\n";
     text += rsyncOutput;
-    if (!confirmedNames.empty()) {
+    if (copiedCount != 0) {
         text += "Copied " + std::to_string(copiedCount) +
-                " files in the range of: " + confirmedNames.front() + " ... " +
-                confirmedNames.back() + "\n";
+                " files in the range of: " + firstConfirmed + " ... " + lastConfirmed + "\n";
     }
     text += "++ RSYNC OUTPUT END ++++++++++++++++++++\n";
     return text;

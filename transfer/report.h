@@ -4,7 +4,6 @@
 #include <set>
 #include <string>
 #include <string_view>
-#include <vector>
 
 /// One line of a report, or one piece of a line that did not fit the reader's buffer.
 struct ReportLine {
@@ -43,7 +42,8 @@ public:
 
 private:
     std::set<std::string, std::less<>> sentNames; // announced and not yet confirmed
-    std::vector<std::string> confirmedNames;      // in order of arrival, repeated ones too
+    std::string firstConfirmed;                   // empty until there is one
+    std::string lastConfirmed;                    // likewise
     int copiedCount = 0;
     std::string rsyncOutput;
 };

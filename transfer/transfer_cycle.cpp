@@ -61,14 +61,11 @@ void Worker::cycle(const std::string& url) {
     log << "++++++++++++++++++++++++++++++++++++++++++++++++++++++++++++\n"
         << " ++++\n";
 
-    const std::vector<std::string> names = listShare(url);
-    if (names.empty()) {
+    std::vector<FileList> fileLists = writeFileLists(listShare(url));
+    if (fileLists.empty()) {
         UTILITIES::sleepMilliSeconds(minPause);
         return;
     }
-    const int n = copyProcessCount(names.size(), GLOBAL::numberOfProcesses);
-    log << detectorId << " Starting " << n << " copy processes" << endl;
-    std::vector<FileList> fileLists = dealNames(names, n);
     startCopyProcesses(fileLists, url);
     recordStartedProcesses();
     waitForCopyProcesses();
@@ -84,7 +81,7 @@ void Worker::prepareTarget() const {
     }
 }
 
-std::vector<std::string> Worker::listShare(const std::string& url) {
+NameList Worker::listShare(const std::string& url) {
     FILE* const listing = openListing(listingCommand(url));
     if (listing == nullptr) {
         log << detectorId << ": Error: Listing failed" << endl;
@@ -97,6 +94,15 @@ std::vector<std::string> Worker::listShare(const std::string& url) {
     }
     pclose(listing);
     return parser.takeNames();
+}
+
+std::vector<FileList> Worker::writeFileLists(const NameList& names) {
+    if (names.empty()) {
+        return {};
+    }
+    const int n = copyProcessCount(names.size(), GLOBAL::numberOfProcesses);
+    log << detectorId << " Starting " << n << " copy processes" << endl;
+    return dealNames(names, n);
 }
 
 void Worker::startCopyProcesses(std::vector<FileList>& fileLists, const std::string& url) {

@@ -72,7 +72,11 @@ private:
     void prepareTarget() const;
 
     /// The transfer list; empty also when the listing failed.
-    std::vector<std::string> listShare(const std::string& url);
+    NameList listShare(const std::string& url);
+
+    /// One list for each copy process; none if there is nothing to transfer. A caller that hands
+    /// over a temporary is rid of the names, which may be many, before anything is copied.
+    std::vector<FileList> writeFileLists(const NameList& names);
 
     void startCopyProcesses(std::vector<FileList>& fileLists, const std::string& url);
 

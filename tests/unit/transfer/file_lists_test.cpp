@@ -35,6 +35,15 @@ std::vector<std::string> contentsOf(std::vector<FileList>& lists) {
     return contents;
 }
 
+/// These names as a cycle has them.
+NameList listOf(const std::vector<std::string>& names) {
+    NameList list;
+    for (const std::string& name : names) {
+        list.add(name);
+    }
+    return list;
+}
+
 } // namespace
 
 TEST(CopyProcessCount, IsOneForEach101NamesBegun) {
@@ -152,12 +161,12 @@ TEST_F(FileLists, LoseTheNamesInSilenceWhenTheyCannotBeCreated) {
 }
 
 TEST_F(FileLists, AreDealtTheNamesInTurn) {
-    std::vector<FileList> lists = dealNames({"a", "b", "c", "d", "e"}, 3);
+    std::vector<FileList> lists = dealNames(listOf({"a", "b", "c", "d", "e"}), 3);
     EXPECT_THAT(contentsOf(lists), ElementsAre("a\nd\n", "b\ne\n", "c\n"));
 }
 
 TEST_F(FileLists, AreNamedByTheirIndex) {
-    std::vector<FileList> lists = dealNames({"a", "b"}, 2);
+    std::vector<FileList> lists = dealNames(listOf({"a", "b"}), 2);
     ASSERT_EQ(lists.size(), 2U);
     EXPECT_EQ(lists[0].name(), fileListName(0));
     EXPECT_EQ(lists[1].name(), fileListName(1));
@@ -165,7 +174,7 @@ TEST_F(FileLists, AreNamedByTheirIndex) {
 }
 
 TEST_F(FileLists, StayEmptyWhenThereAreFewerNames) {
-    std::vector<FileList> lists = dealNames({"a"}, 2);
+    std::vector<FileList> lists = dealNames(listOf({"a"}), 2);
     EXPECT_THAT(contentsOf(lists), ElementsAre("a\n", ""));
 }
 
