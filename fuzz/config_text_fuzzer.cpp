@@ -91,10 +91,11 @@ void checkNumber(const std::string& text, const char* key) {
         ++at;
     }
     bool digits = false;
+    constexpr long tooLarge = 1'000'000'000'000;
     long value = 0;
     for (; *at >= '0' && *at <= '9'; ++at) {
         digits = true;
-        value = value > INT_MAX ? value : value * 10 + (*at - '0');
+        value = value > tooLarge ? value : value * 10 + (*at - '0');
     }
     value = negative ? -value : value;
     const bool fits = digits && value >= INT_MIN && value <= INT_MAX;

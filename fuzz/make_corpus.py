@@ -12,6 +12,8 @@ from __future__ import annotations
 from pathlib import Path
 
 CORPUS = Path(__file__).resolve().parent / "corpus"
+DIRECTORY = "drwxr-xr-x"
+LINK = "lrwxrwxrwx"
 
 
 def line(path: str, kind: str = "-rw-r--r--") -> str:
@@ -42,21 +44,22 @@ def seeds() -> dict[str, dict[str, str | bytes]]:
             "size_overflow": "logfile_max_size 99999999999999999999G\n",
             "size_sign_alone": "logfile_max_size +\n",
             "number_overflow": "logfile_max_number 99999999999\n",
+            "number_underflow": "logfile_max_number -21474836480\n",
             "value_on_next_line": "usrdir \t\nuid 500\n",
             "id_inside_a_line": "source /a detectorID 2 target /b",
             "crlf_and_zero": b"logfile /x\r\nuid 5\x00\x006\ngid\x007\n",
             "long_line": "uid 1\n" + "x" * 1023 + "\n" + "y" * 1024 + "\ngid 1\n",
         },
         "tokenize": {
-            "copy_command": "/bin/rsync -vt  --out-format='SENT: %n' --files-from=/tmp/l rsync://h/m/ /t/./",
+            "copy_command": "/bin/rsync -vt  --out-format='SENT: %n' --files-from=/tmp/l /t/./",
             "colons": "2:/data:/images::",
             "nested": "a\"b'c\" 'd\"e' ''\"\"",
             "open": "a 'b c",
         },
         "listing": {
-            "files": line(".", "drwxr-xr-x") + line("a.raw") + line("b.raw"),
-            "folders": line("d", "drwxr-xr-x") + line("d/a") + line("d/b") + line("e", "drwxr-xr-x"),
-            "links": line("l -> /etc/passwd", "lrwxrwxrwx") + line("my file.dat"),
+            "files": line(".", DIRECTORY) + line("a.raw") + line("b.raw"),
+            "folders": line("d", DIRECTORY) + line("d/a") + line("d/b") + line("e", DIRECTORY),
+            "links": line("l -> /etc/passwd", LINK) + line("my file.dat"),
             "hidden": line(".x") + line("../x") + line("a/../../x") + line("\t.x"),
             "shell": line("$(touch") + line("`id`") + line("-e") + line("--rsh=sh") + line("';|&"),
             "escaped": line("line\\#012feed") + line("tab\there"),
@@ -72,27 +75,30 @@ def seeds() -> dict[str, dict[str, str | bytes]]:
             "long_line": "SENT: " + "n" * 1500 + " CONFIRMED: x y\nCONFIRMED: removed b\n",
         },
         "report_filter": {
-            "good": "receiving file list ... done\nSENT: a\nsender removed a\nSENT: d/\n\nsent 1 bytes\n",
-            "link_first": "sender removed a\nSENT: a\nsender removed bb\nSENT: bb\nsender removed c\n",
+            "good": "receiving file list ... done\nSENT: a\nsender removed a\nSENT: d/\n\nsent 1\n",
+            "link_first": "sender removed a\nSENT: a\nsender removed bb\nSENT: bb\n",
             "forged": b"CONFIRMED: removed a\n CONFIRMED: x y\n\xffeSENT: b\nsender removed c\n",
-            "complaints": b"\xffersync: [sender] link_stat \"/a\" (in ramdisk) failed: No such file (2)\n"
-            b"ERROR: b failed verification -- update discarded.\nfile has vanished: \"/c\" (in ramdisk)\n",
-            "mixed": b"SENT: a\nsend\xffeoh\xffoer removed a\xff\xffe no\n\xffo\nSENT: b\xffcb\xffmremark",
+            "complaints": b"\xffersync: [sender] link_stat \"/a\" (in ramdisk) failed: Denied (13)\n"
+            b"ERROR: b failed verification -- update discarded.\n"
+            b"file has vanished: \"/c\" (in ramdisk)\n",
+            "mixed": b"SENT: a\nsend\xffeoh\xffoer removed a\xff\xffe no\n\xffo\nSENT: b\xffcb\xffmhm",
             "asked": b"SENT: a\nSENT: b\n\xfff\xffca\xffca\xffmcannot ask\xffcb",
             "cut_off": b"SENT: a\nsender removed a",
-            "overlong": b"sender removed \xffnaaaaaaaaaaaaaaaaaaaaaaaa\n\xffeCONFIRMED: x\nSENT: a\n",
+            "overlong": b"sender removed \xffnaaaaaaaaaaaaaaaaaaa\n\xffeCONFIRMED: x\nSENT: a\n",
             "at_the_limit": b"\xffnxxxxxxxxxxxxxxxx\nSENT: a\n",
             "behind_the_limit": b"\xffe\xffnxxxxxxxxxxxxxxxxCONFIRMED: x y\n",
         },
         "share_question": {
-            "all_gone": question("rsync://root@10.0.0.1:49371/ramdisk/", "a\nb", "", gone("/a") + gone("/b")),
+            "all_gone": question("rsync://r@h:1/ramdisk/", "a\nb", "", gone("/a") + gone("/b")),
             "one_left": question("rsync://h/ramdisk/data/", "a\nb", line("a"), gone("/data/b")),
-            "older": question("h::ramdisk", "a", line(".", "drwxr-xr-x"), gone("/a", "")),
-            "link": question("rsync://h/ramdisk/", "a\nb", line("a -> b", "lrwxrwxrwx"), gone("/a")),
-            "arrow": question("[::1]::ramdisk/", "a -> b", line("a -> b -> c", "lrwxrwxrwx"), gone("/a -> b")),
-            "escapes": question("rsync://h/ramdisk/x/../y", "a\\#012\nb\\#134", line("a\\#012"), gone("/b\\#134")),
+            "older": question("h::ramdisk", "a", line(".", DIRECTORY), gone("/a", "")),
+            "link": question("rsync://h/ramdisk/", "a\nb", line("a -> b", LINK), gone("/a")),
+            "arrow": question("[::1]::ramdisk", "a -> b", line("a -> b -> c", LINK), gone("/a -> b")),
+            "escapes": question(
+                "rsync://h/ramdisk/x/../y", "a\\#012\nb\\#134", line("a\\#012"), gone("/b\\#134")
+            ),
             "other_complaint": question(
-                "rsync://h/ramdisk/", "a", "", gone("/a").replace("No such file or directory (2)", "Denied (13)")
+                "rsync://h/ramdisk/", "a", "", gone("/a").replace("No such file", "No such thing")
             ),
         },
         "printed_name": {

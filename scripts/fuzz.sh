@@ -89,7 +89,7 @@ for fuzzer in "${fuzzers[@]}"; do
         failed=$((failed + 1)) found=1
         printf '%-16s failed after %d executions, status %d; the end of %s:\n' "$fuzzer" "$executions" "$status" "$log"
         grep -E -A 20 '^Not true|ERROR:|runtime error:' "$log" | head -n 40 || tail -n 20 "$log"
-        grep -o "$findings/[^ ]*" "$log" | sort -u | sed 's/^/The input is kept: /' || true
+        grep -oE "$findings/[a-z]+-[0-9a-f]+" "$log" | sort -u | sed 's/^/The input is kept: /' || true
     fi
     [ -z "$record" ] || keep "$fuzzer" "$executions" "$took" "$found"
 done
