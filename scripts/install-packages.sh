@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that a purpose needs and that are missing: the one place that knows them.
 #
-#   install-packages.sh PURPOSE...      PURPOSE: build, demo, tests, coverage, checks, fuzz
+#   install-packages.sh PURPOSE...      PURPOSE: build, demo, tests, soak, races, coverage, checks, fuzz
 #
 # Says what it is going to install before it does. Does nothing, and needs no rights, when all is there.
 set -euo pipefail
@@ -11,13 +11,15 @@ build=(cmake g++ ninja-build)
 # The sandbox (mount, unshare, ip), the other end of the transfers, and what drives them.
 demo=("${build[@]}" iproute2 mount python3 rsync util-linux)
 tests=("${demo[@]}" libgmock-dev libgtest-dev python3-pytest)
+soak=("${demo[@]}" gnuplot-nox)
+races=("${tests[@]}" valgrind)
 coverage=("${tests[@]}" gcovr)
 checks=("${tests[@]}" clang clang-format clang-tidy git mypy shellcheck)
 # The library that drives the fuzzers is part of the compiler's run-time library, which clang only recommends.
 fuzz=("${build[@]}" clang git libclang-rt-dev)
 
 usage() {
-    printf 'usage: install-packages.sh PURPOSE...   (build, demo, tests, coverage, checks, fuzz)\n' >&2
+    printf 'usage: install-packages.sh PURPOSE...   (build, demo, tests, soak, races, coverage, checks, fuzz)\n' >&2
     exit 2
 }
 
@@ -28,6 +30,8 @@ for purpose in "$@"; do
         build) wanted+=("${build[@]}") ;;
         demo) wanted+=("${demo[@]}") ;;
         tests) wanted+=("${tests[@]}") ;;
+        soak) wanted+=("${soak[@]}") ;;
+        races) wanted+=("${races[@]}") ;;
         coverage) wanted+=("${coverage[@]}") ;;
         checks) wanted+=("${checks[@]}") ;;
         fuzz) wanted+=("${fuzz[@]}") ;;

@@ -104,6 +104,11 @@ class Consumer:
                     )
                 self._changed.wait(remaining)
 
+    def forget(self) -> None:
+        """Drops the lines read so far; they stay counted."""
+        with self._changed:
+            self._records.clear()
+
     def repeated(self) -> list[str]:
         """The paths that were handed off more than once."""
         return sorted(path for path, times in Counter(self.announced()).items() if times > 1)
