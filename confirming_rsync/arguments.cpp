@@ -48,6 +48,7 @@ Arguments readArguments(const std::vector<std::string>& arguments, const std::st
                         const std::string& gid) {
     Arguments result;
     bool options = true;
+    bool listing = false;
     std::vector<std::string> kept;
     for (std::size_t at = 0; at < arguments.size(); ++at) {
         const std::string& argument = arguments[at];
@@ -57,6 +58,8 @@ Arguments readArguments(const std::vector<std::string>& arguments, const std::st
         } else if (options && argument == "--confirm-files") {
             result.confirming = true;
             continue;
+        } else if (options && argument == "--list-only") {
+            listing = true;
         } else if (options && readOption(arguments, at, "--files-from", value)) {
             result.fileList = value;
         } else if (options && (argument == "--from0" || argument == "-0")) {
@@ -69,6 +72,9 @@ Arguments readArguments(const std::vector<std::string>& arguments, const std::st
     if (kept.size() >= 2) {
         result.source = kept[kept.size() - 2];
         result.destination = kept.back();
+    }
+    if (listing) {
+        result.listedSource = kept.back();
     }
     result.rsync =
         result.confirming ? optionsForReport(uid, gid) : std::vector<std::string>{"--8-bit-output"};

@@ -12,6 +12,7 @@ struct Arguments {
     std::vector<std::string> rsync;        // what stock rsync is to be started with
     std::string source;                    // the last but one; empty if there are fewer than two
     std::string destination;               // the last; empty likewise
+    std::string listedSource;              // the last, if --list-only was among them
     std::string fileList;                  // value of --files-from; empty without that option
     bool fileListEndsNamesWithNul = false; // --from0
     std::vector<std::string> access;       // options that a further call needs to be let in

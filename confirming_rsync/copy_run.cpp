@@ -1,7 +1,10 @@
 // One copy: stock rsync is run, its report goes out, and what it left open is asked of the share.
 #include "confirming_rsync/copy_run.h"
 
-#include "confirming_rsync/file_list.h"
+#include "confirming_rsync/journal_folder.h"
+#include "confirming_rsync/open_names.h"
+#include "confirming_rsync/printed_name.h"
+#include "confirming_rsync/reminder.h"
 #include "confirming_rsync/share_question.h"
 
 #include <algorithm>
@@ -47,9 +50,9 @@ std::string count(std::size_t number, const char* noun) {
 
 } // namespace
 
-CopyRun::CopyRun(std::string stockRsync, Arguments arguments, std::vector<std::string> environment,
+CopyRun::CopyRun(Places places, Arguments arguments, std::vector<std::string> environment,
                  const Limits& limits)
-    : stockRsync_(std::move(stockRsync)), arguments_(std::move(arguments)),
+    : places_(std::move(places)), arguments_(std::move(arguments)),
       environment_(childEnvironment(std::move(environment))), limits_(limits), begin_(Clock::now()),
       destination_(arguments_.destination), writer_(STDOUT_FILENO), relay_(signals_, writer_),
       filter_([this](const std::string& name) { return destination_.sentLineMayFollow(name); }) {
@@ -57,12 +60,18 @@ CopyRun::CopyRun(std::string stockRsync, Arguments arguments, std::vector<std::s
 
 int CopyRun::run() {
     if (!arguments_.fileList.empty()) {
-        listed_ =
-            listedNames(readFileList(arguments_.fileList), arguments_.fileListEndsNamesWithNul);
+        const FileList list = readFileList(arguments_.fileList);
+        isReminded_ = isReminder(list.text);
+        if (!isReminded_) {
+            listed_ = listedNames(list.text, arguments_.fileListEndsNamesWithNul);
+        }
+        beginJournal(list);
     }
-    const int status = copy();
-    conclude(status);
+    accountForEarlierRuns();
+    const int status = isReminded_ ? 0 : copy();
+    const bool done = conclude(status);
     finishReport();
+    endJournal(done);
     if (relay_.stopSignal() != 0) {
         endBySignal(relay_.stopSignal());
         return 128 + relay_.stopSignal();
@@ -74,11 +83,133 @@ int CopyRun::run() {
     return status;
 }
 
+/// Writes down what is going to be copied, before anything is.
+void CopyRun::beginJournal(const FileList& list) {
+    if (places_.journalFolder.empty() || list.text.empty() || !parseShare(arguments_.source)) {
+        return;
+    }
+    daemon_ = identityOf(::getppid());
+    // Only now: if the reader is still there, its process is the one that was just looked at, and
+    // not one that has taken over the orphans of a dead daemon.
+    step(Clock::now());
+    if (relay_.readerIsGone()) {
+        return;
+    }
+    std::string failure = "the system does not tell who started this program";
+    Descriptor folder;
+    if (daemon_) {
+        folder = openJournalFolder(places_.journalFolder, arguments_.source, arguments_.destination,
+                                   failure);
+    }
+    if (folder) {
+        const JournalHead head{*daemon_, nanosecondsSinceBoot(), list.identity, arguments_.source,
+                               arguments_.destination};
+        journal_ = Journal(std::move(folder), head, listed_);
+        failure = journal_.failure();
+    }
+    if (!failure.empty()) {
+        filter_.remark(ownName + ("cannot keep a journal in " + places_.journalFolder + ": ") +
+                       failure);
+        send();
+    }
+}
+
+/// Writes down what the reader's pipe has taken: it is handed off as long as the reader lives.
+void CopyRun::recordConfirmations() {
+    std::string lines;
+    while (!unrecorded_.empty() && unrecorded_.front().end <= writer_.written()) {
+        lines += confirmedLine(unrecorded_.front().name);
+        unrecorded_.pop_front();
+    }
+    const bool couldBeWritten = journal_.failure().empty();
+    journal_.write(lines);
+    if (couldBeWritten && !journal_.failure().empty()) {
+        filter_.remark(ownName + ("cannot go on with the journal: " + journal_.failure()));
+        send();
+    }
+}
+
+/// Announces what earlier runs have received and nobody has announced.
+void CopyRun::accountForEarlierRuns() {
+    if (!journal_.folder() || !journal_.failure().empty()) {
+        return;
+    }
+    EarlierRuns earlier(journal_.folder(), {&*daemon_, &arguments_.source, &arguments_.destination},
+                        journal_.name());
+    if (!earlier.leaveNamesOpen() || decideAboutEarlierRuns(earlier)) {
+        earlier.remove();
+        forgetReminders(journal_.folder());
+    }
+    for (const std::string& remark : earlier.remarks()) {
+        filter_.remark(ownName + remark);
+    }
+    send();
+}
+
+/// False if nothing could be decided: it is for a later run to do.
+bool CopyRun::decideAboutEarlierRuns(EarlierRuns& earlier) {
+    const std::vector<ReadJournal> journals = earlier.read();
+    std::vector<JournalEntry> open = openNames(journals, earlier.readGoingOn(*daemon_), *daemon_);
+    // What is not in place was not received, or is no longer there to be handed off.
+    open.erase(std::remove_if(
+                   open.begin(), open.end(),
+                   [this](const JournalEntry& entry) { return !destination_.hasFile(entry.name); }),
+               open.end());
+    if (open.empty()) {
+        return true;
+    }
+    std::vector<std::string> names;
+    for (const JournalEntry& entry : open) {
+        names.push_back(entry.name);
+    }
+    pause(limits_.settling);
+    const Answer answer = askWhichAreGone(names, 1);
+    if (!answer.failure.empty() || isStopping()) {
+        filter_.remark(ownName + ("cannot ask the source about " + count(names.size(), "file")) +
+                       " of an earlier run: " + answer.failure + "; a later run will");
+        return false;
+    }
+    const Decision decision =
+        decide(open, answer.gone, earlier.readGoingOn(*daemon_), listed_, *daemon_);
+    // In this run's journal before they leave the others.
+    std::string lines;
+    for (const auto* entries : {&decision.announced, &decision.inherited}) {
+        for (const JournalEntry& entry : *entries) {
+            lines += inheritedLine(entry);
+        }
+    }
+    journal_.write(lines);
+    if (!journal_.failure().empty()) {
+        filter_.remark(ownName + ("cannot go on with the journal: " + journal_.failure()));
+        return false;
+    }
+    inheritsOpenNames_ = !decision.inherited.empty();
+    for (const JournalEntry& entry : decision.announced) {
+        filter_.confirmRecovered(entry.name);
+    }
+    return true;
+}
+
+/// The last line of the journal: what a later run has to take care of.
+void CopyRun::endJournal(bool ownNamesDone) {
+    if (!ownNamesDone || writer_.pending() > 0 || relay_.readerIsGone()) {
+        return;
+    }
+    journal_.write(inheritsOpenNames_ ? ownDoneLine() : allDoneLine());
+    if (!journal_.failure().empty() && !inheritsOpenNames_) {
+        // Half a journal would have names announced twice.
+        journal_.remove();
+    }
+}
+
 int CopyRun::copy() {
     const Descriptor nothing(::open("/dev/null", O_RDONLY | O_CLOEXEC));
-    Child rsync({stockRsync_, arguments_.rsync, environment_}, nothing, signals_);
+    if (isStopping()) {
+        return 128 + SIGTERM;
+    }
+    Child rsync({places_.stockRsync, arguments_.rsync, environment_}, nothing, signals_);
     if (!rsync.hasStarted()) {
-        filter_.remark(ownName + ("cannot start " + stockRsync_ + ": ") +
+        filter_.remark(ownName + ("cannot start " + places_.stockRsync + ": ") +
                        std::strerror(rsync.startError()));
         send();
         return notStarted;
@@ -95,22 +226,25 @@ int CopyRun::copy() {
     return rsync.exitStatus();
 }
 
-/// The end of every run, however rsync ended.
-void CopyRun::conclude(int status) {
+/// The end of every run, however rsync ended. False if a name of the list may have been received
+/// and removed at the source without being confirmed.
+bool CopyRun::conclude(int status) {
     filter_.finish();
     send();
     if (relay_.readerIsGone()) {
-        return;
+        return false;
     }
-    std::vector<std::string> names = openNames(status);
+    const bool complete = isAnswered(status) && !isStopping();
+    const std::vector<std::string> names = unconfirmedNames(status);
     if (names.empty()) {
-        return;
+        return complete || status == notStarted;
     }
-    if (!isAnswered(status) || isStopping()) {
+    if (!complete) {
         pause(limits_.settling);
     }
-    ask(names);
+    const bool answered = ask(names);
     send();
+    return complete && answered;
 }
 
 void CopyRun::finishReport() {
@@ -129,19 +263,19 @@ void CopyRun::finishReport() {
         if ((writer_.pending() == 0 && !waiting) || now >= patience) {
             return;
         }
-        relay_.step(waiting ? std::min(end, patience) : patience);
+        step(waiting ? std::min(end, patience) : patience);
     }
 }
 
 /// The names with a file in place whose removal was not reported: they were sent, or rsync saw them
 /// at the source and neither sent nor complained about them, so that the file was up to date. Only
 /// names of the list, since only these are known to be relative to the source.
-std::vector<std::string> CopyRun::openNames(int status) const {
+std::vector<std::string> CopyRun::unconfirmedNames(int status) const {
     const bool sawSource = isAnswered(status) || filter_.sawFileList();
     const auto share = parseShare(arguments_.source);
     std::vector<std::string> names;
     for (const std::string& name : listed_) {
-        if (filter_.wasConfirmed(name) || filter_.wasDiscarded(name)) {
+        if (filter_.wasConfirmed(name) || filter_.wasDiscarded(name) || !staysBelow(name)) {
             continue;
         }
         const bool complained = share && filter_.wasComplainedAbout(share->pathOf(name));
@@ -153,50 +287,58 @@ std::vector<std::string> CopyRun::openNames(int status) const {
     return names;
 }
 
-void CopyRun::ask(const std::vector<std::string>& names) {
-    const auto share = parseShare(arguments_.source);
-    std::string failure = "it is not a share of an rsync daemon";
-    Answer answer;
-    if (share) {
-        const auto end = Clock::now() + limits_.question;
-        failure = readAnswer(names, end, answer);
-        // Nobody asks again later, so that a break just now is given a chance to pass.
-        for (int again = 0; again < 2 && !failure.empty() && !isStopping() && Clock::now() < end;
-             ++again) {
-            pause(limits_.betweenQuestions);
-            failure = readAnswer(names, end, answer);
-        }
-    }
-    if (!failure.empty()) {
-        filter_.remark(ownName + ("cannot ask the source what is still there: " + failure + "; ") +
+/// Confirms those of the names whose source is gone. False if there was no answer.
+bool CopyRun::ask(const std::vector<std::string>& names) {
+    // Nobody asks again soon, so that a break just now is given a chance to pass.
+    const Answer answer = askWhichAreGone(names, 3);
+    if (!answer.failure.empty()) {
+        filter_.remark(ownName +
+                       ("cannot ask the source what is still there: " + answer.failure + "; ") +
                        count(names.size(), "file") + " left unconfirmed");
-        return;
+        return false;
     }
-    for (const std::string& name : namesGone(*share, names, answer.output, answer.errorOutput)) {
+    for (const std::string& name : names) {
         // Received files stay where they are until they are announced. One that is not there now
         // was not received, whoever deleted its source.
-        if (destination_.hasFile(name)) {
+        if (answer.gone.count(name) != 0 && destination_.hasFile(name)) {
             filter_.confirm(name);
         }
     }
+    return true;
 }
 
-/// Puts the question once and takes in the answer. Returns why there is none, or nothing.
-std::string CopyRun::readAnswer(const std::vector<std::string>& names, Clock::time_point end,
-                                Answer& answer) {
-    answer = Answer();
+CopyRun::Answer CopyRun::askWhichAreGone(const std::vector<std::string>& names, int attempts) {
+    if (!parseShare(arguments_.source)) {
+        return {{}, "it is not a share of an rsync daemon"};
+    }
+    const auto end = Clock::now() + limits_.question;
+    Answer answer = readAnswer(names, end);
+    for (int again = 1;
+         again < attempts && !answer.failure.empty() && !isStopping() && Clock::now() < end;
+         ++again) {
+        pause(limits_.betweenQuestions);
+        answer = readAnswer(names, end);
+    }
+    return answer;
+}
+
+/// Puts the question once and takes in the answer.
+CopyRun::Answer CopyRun::readAnswer(const std::vector<std::string>& names, Clock::time_point end) {
     Child rsync(
-        {stockRsync_, questionArguments(arguments_.access, arguments_.source), environment_},
+        {places_.stockRsync, questionArguments(arguments_.access, arguments_.source), environment_},
         fileWith(questionInput(names)), signals_);
     if (!rsync.hasStarted()) {
-        return "cannot start " + stockRsync_ + ": " + std::strerror(rsync.startError());
+        return {{},
+                "cannot start " + places_.stockRsync + ": " + std::strerror(rsync.startError())};
     }
     const auto keep = [](std::string& text) {
         return [&text](std::string_view bytes) {
             text += bytes.substr(0, longestAnswer - std::min(longestAnswer, text.size()));
         };
     };
-    const Sinks sinks{keep(answer.output), keep(answer.errorOutput)};
+    std::string output;
+    std::string errorOutput;
+    const Sinks sinks{keep(output), keep(errorOutput)};
     bool hurried = false;
     while (rsync.output || rsync.errorOutput || !rsync.hasEnded()) {
         const auto now = Clock::now();
@@ -205,21 +347,23 @@ std::string CopyRun::readAnswer(const std::vector<std::string>& names, Clock::ti
             end = std::min(end, now + limits_.hurriedQuestion);
         }
         if (now >= end || relay_.readerIsGone()) {
-            return "no answer in time";
+            return {{}, "no answer in time"};
         }
-        relay_.step(rsync, sinks, end);
+        step(rsync, sinks, end);
     }
     if (!isAnswered(rsync.exitStatus())) {
-        return "rsync ended with status " + std::to_string(rsync.exitStatus());
+        return {{}, "rsync ended with status " + std::to_string(rsync.exitStatus())};
     }
-    return {};
+    const std::vector<std::string> gone =
+        namesGone(*parseShare(arguments_.source), names, output, errorOutput);
+    return {{gone.begin(), gone.end()}, {}};
 }
 
 /// Lets time pass, the report flow and signals come.
 void CopyRun::pause(std::chrono::milliseconds duration) {
     const auto end = Clock::now() + duration;
     while (Clock::now() < end && !relay_.readerIsGone()) {
-        relay_.step(end);
+        step(end);
     }
 }
 
@@ -249,13 +393,26 @@ void CopyRun::attend(Child& child, const Sinks& sinks) {
             child.kill();
             end = now + limits_.leftovers;
         }
-        relay_.step(child, sinks, end);
+        step(child, sinks, end);
     }
+}
+
+void CopyRun::step(Clock::time_point until) {
+    relay_.step(until);
+    recordConfirmations();
+}
+
+void CopyRun::step(Child& child, const Sinks& sinks, Clock::time_point until) {
+    relay_.step(child, sinks, until);
+    recordConfirmations();
 }
 
 /// All that goes to the reader passes here.
 void CopyRun::send() {
     writer_.add(filter_.takeReport());
+    for (ReportFilter::Confirmation& confirmation : filter_.takeConfirmations()) {
+        unrecorded_.push_back(std::move(confirmation));
+    }
 }
 
 } // namespace confirming

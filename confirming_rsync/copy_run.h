@@ -3,12 +3,18 @@
 
 #include "confirming_rsync/arguments.h"
 #include "confirming_rsync/destination.h"
+#include "confirming_rsync/earlier_runs.h"
+#include "confirming_rsync/file_list.h"
+#include "confirming_rsync/journal.h"
 #include "confirming_rsync/relay.h"
 #include "confirming_rsync/report_filter.h"
 #include "confirming_rsync/report_writer.h"
 #include "confirming_rsync/signals.h"
 
 #include <chrono>
+#include <deque>
+#include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -32,10 +38,16 @@ struct Limits {
     std::chrono::milliseconds hurriedQuestion{10000};
 };
 
+/// What was set when the program was built.
+struct Places {
+    std::string stockRsync;    // absolute path
+    std::string journalFolder; // absolute path; empty for no journal
+};
+
 /// Runs once. Writes the report to standard output; needs 0, 1 and 2 to be open.
 class CopyRun {
 public:
-    CopyRun(std::string stockRsync, Arguments arguments, std::vector<std::string> environment,
+    CopyRun(Places places, Arguments arguments, std::vector<std::string> environment,
             const Limits& limits);
 
     /// Returns the exit status for the program: stock rsync's own, or 127 if that can't be started.
@@ -43,28 +55,38 @@ public:
     int run();
 
 private:
+    void beginJournal(const FileList& list);
+    void recordConfirmations();
+    void accountForEarlierRuns();
+    bool decideAboutEarlierRuns(EarlierRuns& earlier);
+    void endJournal(bool ownNamesDone);
+
     int copy();
-    void conclude(int status);
+    bool conclude(int status);
     void finishReport();
 
-    std::vector<std::string> openNames(int status) const;
+    std::vector<std::string> unconfirmedNames(int status) const;
+    bool ask(const std::vector<std::string>& names);
     struct Answer {
-        std::string output;
-        std::string errorOutput;
+        std::set<std::string> gone; // those of the names that the source does not have
+        std::string failure;        // why there is no answer; empty if there is one
     };
-    void ask(const std::vector<std::string>& names);
-    std::string readAnswer(const std::vector<std::string>& names, Clock::time_point end,
-                           Answer& answer);
+    Answer askWhichAreGone(const std::vector<std::string>& names, int attempts);
+    Answer readAnswer(const std::vector<std::string>& names, Clock::time_point end);
     void pause(std::chrono::milliseconds duration);
 
     /// Reads the child until it and its output have ended, or all patience has. Telling it to end
     /// and ending it are part of that.
     void attend(Child& child, const Sinks& sinks);
 
+    /// Every wait is one of these.
+    void step(Clock::time_point until);
+    void step(Child& child, const Sinks& sinks, Clock::time_point until);
+
     void send();
     bool isStopping() const { return relay_.stopSignal() != 0 || relay_.readerIsGone(); }
 
-    const std::string stockRsync_;
+    const Places places_;
     const Arguments arguments_;
     const std::vector<std::string> environment_;
     const Limits limits_;
@@ -75,6 +97,11 @@ private:
     Relay relay_;
     ReportFilter filter_;
     std::vector<std::string> listed_; // the names to be copied, as rsync prints them
+    bool isReminded_ = false;         // started for what earlier runs left, and for nothing else
+    std::optional<ProcessIdentity> daemon_;
+    Journal journal_;
+    bool inheritsOpenNames_ = false;
+    std::deque<ReportFilter::Confirmation> unrecorded_; // not in the journal so far
 };
 
 } // namespace confirming

@@ -3,10 +3,10 @@
 
 #include "confirming_rsync/descriptors.h"
 #include "confirming_rsync/printed_name.h"
+#include "confirming_rsync/text_files.h"
 
-#include <array>
-#include <cerrno>
 #include <cstddef>
+#include <cstdint>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -33,6 +33,12 @@ std::string_view trimmed(std::string_view name) {
     return name;
 }
 
+FileIdentity identityFrom(const struct stat& status, const std::string& path) {
+    constexpr std::int64_t nanosecondsPerSecond = 1'000'000'000;
+    return {status.st_dev, status.st_ino,
+            status.st_mtim.tv_sec * nanosecondsPerSecond + status.st_mtim.tv_nsec, path};
+}
+
 } // namespace
 
 std::vector<std::string> listedNames(std::string_view text, bool endedByNul) {
@@ -50,22 +56,22 @@ std::vector<std::string> listedNames(std::string_view text, bool endedByNul) {
     return names;
 }
 
-std::string readFileList(const std::string& path) {
+FileList readFileList(const std::string& path) {
     const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
     struct stat status {};
     if (!file || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
         return {};
     }
-    std::string text;
-    std::array<char, 65536> buffer{};
-    for (;;) {
-        const ssize_t count = ::read(file.get(), buffer.data(), buffer.size());
-        if (count > 0) {
-            text.append(buffer.data(), static_cast<std::size_t>(count));
-        } else if (count == 0 || errno != EINTR) {
-            return count == 0 ? text : std::string();
-        }
+    return {readText(file), identityFrom(status, path)};
+}
+
+bool isStillThere(const FileIdentity& list) {
+    struct stat status {};
+    if (::lstat(list.path.c_str(), &status) != 0) {
+        return false;
     }
+    const FileIdentity now = identityFrom(status, list.path);
+    return now.device == list.device && now.inode == list.inode && now.modified == list.modified;
 }
 
 } // namespace confirming

@@ -1,8 +1,8 @@
-// The confirming copy program: drives the stock rsync whose path was set when it was built.
+// The confirming copy program, with what was set when it was built.
 #include "confirming_rsync/program.h"
 
 #include <unistd.h>
 
 int main(int argc, char** argv) {
-    return confirming::runProgram(STOCK_RSYNC, argc, argv, environ);
+    return confirming::runProgram({STOCK_RSYNC, JOURNAL_FOLDER}, argc, argv, environ);
 }

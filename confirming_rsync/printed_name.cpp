@@ -67,4 +67,18 @@ std::string unprintedName(std::string_view printed) {
     return name;
 }
 
+bool staysBelow(std::string_view name) {
+    if (name.empty() || name.front() == '/') {
+        return false;
+    }
+    while (!name.empty()) {
+        const std::size_t end = name.find('/');
+        if (name.substr(0, end) == "..") {
+            return false;
+        }
+        name.remove_prefix(end == std::string_view::npos ? name.size() : end + 1);
+    }
+    return true;
+}
+
 } // namespace confirming

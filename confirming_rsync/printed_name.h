@@ -13,4 +13,8 @@ std::string printedName(std::string_view name);
 /// The name that rsync printed: every \#ooo is taken back. The result may hold any byte.
 std::string unprintedName(std::string_view printed);
 
+/// True if the name, printed or not, means something below the directory that it is relative to:
+/// it is not empty or absolute, and no part of it is "..".
+bool staysBelow(std::string_view name);
+
 } // namespace confirming

@@ -5,6 +5,8 @@
 #include "confirming_rsync/child.h"
 #include "confirming_rsync/copy_run.h"
 #include "confirming_rsync/descriptors.h"
+#include "confirming_rsync/reminder.h"
+#include "confirming_rsync/share_listing.h"
 
 #include <cerrno>
 #include <cstring>
@@ -51,7 +53,7 @@ int becomeStockRsync(const std::string& stockRsync, const std::vector<std::strin
 
 } // namespace
 
-int runProgram(const std::string& stockRsync, int argc, char** argv, char** environment) {
+int runProgram(const Places& places, int argc, char** argv, char** environment) {
     if (!fillStandardDescriptors()) {
         return notStarted;
     }
@@ -60,10 +62,15 @@ int runProgram(const std::string& stockRsync, int argc, char** argv, char** envi
         readArguments(stringsFrom(argc > 0 ? argv + 1 : nullptr), valueOf(variables, "RSYNC_UID"),
                       valueOf(variables, "RSYNC_GID"));
     if (!arguments.confirming) {
-        return becomeStockRsync(stockRsync, arguments.rsync, environment);
+        if (arguments.listedSource.empty() ||
+            !isReminderDue(places.journalFolder, arguments.listedSource)) {
+            return becomeStockRsync(places.stockRsync, arguments.rsync, environment);
+        }
+        closeInheritedDescriptors();
+        return ShareListing(places, arguments, variables).run();
     }
     closeInheritedDescriptors();
-    return CopyRun(stockRsync, std::move(arguments), variables, Limits{}).run();
+    return CopyRun(places, std::move(arguments), variables, Limits{}).run();
 }
 
 } // namespace confirming

@@ -1,6 +1,8 @@
 // Turns what stock rsync says into the report: which files were sent, which are confirmed.
 #include "confirming_rsync/report_filter.h"
 
+#include "confirming_rsync/printed_name.h"
+
 #include <cstddef>
 #include <utility>
 
@@ -70,8 +72,12 @@ void ReportFilter::confirm(const std::string& name) {
     State& state = files_[name];
     if (state != State::confirmed) {
         state = State::confirmed;
-        putConfirmation(name);
+        putConfirmation("removed", name);
     }
+}
+
+void ReportFilter::confirmRecovered(const std::string& name) {
+    putConfirmation("recovered", name);
 }
 
 void ReportFilter::remark(std::string_view text) {
@@ -79,6 +85,7 @@ void ReportFilter::remark(std::string_view text) {
 }
 
 std::string ReportFilter::takeReport() {
+    taken_ += report_.size();
     return std::exchange(report_, {});
 }
 
@@ -99,8 +106,8 @@ void ReportFilter::handleOutput(const LinePiece& piece) {
             handleSent(std::string(line.substr(sentPrefix.size())), line);
             return;
         }
-        if (beginsWith(line, removedPrefix) && line.size() > removedPrefix.size() &&
-            line.back() != '/') {
+        if (beginsWith(line, removedPrefix) && line.back() != '/' &&
+            staysBelow(line.substr(removedPrefix.size()))) {
             handleRemoved(std::string(line.substr(removedPrefix.size())));
             return;
         }
@@ -130,7 +137,7 @@ void ReportFilter::handleSent(const std::string& name, std::string_view line) {
     putLine(line);
     if (!isNew && file->second == State::heldBack) {
         file->second = State::confirmed;
-        putConfirmation(name);
+        putConfirmation("removed", name);
     }
 }
 
@@ -168,9 +175,10 @@ void ReportFilter::rememberComplaint(std::string_view line) {
 }
 
 /// Every confirmation leaves here.
-void ReportFilter::putConfirmation(const std::string& name) {
+void ReportFilter::putConfirmation(const char* how, const std::string& name) {
     confirmed_ = true;
-    putLine("CONFIRMED: removed " + name);
+    putLine(std::string("CONFIRMED: ") + how + " " + name);
+    confirmations_.push_back({name, taken_ + report_.size()});
 }
 
 void ReportFilter::putLine(std::string_view text) {

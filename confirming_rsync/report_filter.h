@@ -3,11 +3,13 @@
 
 #include "confirming_rsync/line_assembly.h"
 
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <set>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace confirming {
@@ -16,7 +18,8 @@ namespace confirming {
 /// --out-format='SENT: %n', --info=remove1 and --8-bit-output, and writes the report:
 ///
 ///   SENT: NAME                as it came; not for directories (NAME ends in a slash)
-///   CONFIRMED: removed NAME   in place of "sender removed NAME", once a name, after its SENT line
+///   CONFIRMED: removed NAME   in place of "sender removed NAME", once a name, after its SENT line;
+///                             not for a NAME that leads out of the destination
 ///   any other line            as it came
 ///
 /// A line of rsync's that would read as a confirmation without being one gets "rsync: " in front.
@@ -44,11 +47,23 @@ public:
     /// unless it already was.
     void confirm(const std::string& name);
 
+    /// The same for a file that an earlier run has received: reported as "CONFIRMED: recovered
+    /// NAME".
+    void confirmRecovered(const std::string& name);
+
     /// A line of the program's own, without line feed.
     void remark(std::string_view text);
 
     /// The report since the last call: whole lines, but for pieces of over-long ones.
     std::string takeReport();
+
+    /// The names confirmed since the last call, each with the size that the report, from its very
+    /// beginning, has at the end of that line.
+    struct Confirmation {
+        std::string name;
+        std::uint64_t end = 0;
+    };
+    std::vector<Confirmation> takeConfirmations() { return std::exchange(confirmations_, {}); }
 
     bool hasConfirmed() const { return confirmed_; }
 
@@ -75,7 +90,7 @@ private:
     void handleSent(const std::string& name, std::string_view line);
     void handleRemoved(const std::string& name);
     void rememberComplaint(std::string_view line);
-    void putConfirmation(const std::string& name);
+    void putConfirmation(const char* how, const std::string& name);
     void putLine(std::string_view text);
     void putPiece(const LinePiece& piece, Origin origin);
     void endOpenLine();
@@ -88,6 +103,8 @@ private:
     std::set<std::string> complaints_;
     std::set<std::string> discarded_;
     std::string report_;
+    std::uint64_t taken_ = 0; // bytes of the report that were taken
+    std::vector<Confirmation> confirmations_;
     Origin openLine_ = Origin::nobody; // whose over-long line the report is in the middle of
     bool confirmed_ = false;
     bool sawFileList_ = false;

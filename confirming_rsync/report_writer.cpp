@@ -1,7 +1,6 @@
 // The report's way out: what waits to be written to one descriptor.
 #include "confirming_rsync/report_writer.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <climits>
 
@@ -16,10 +15,12 @@ void ReportWriter::add(std::string_view text) {
 }
 
 void ReportWriter::write() {
-    // A pipe that is ready takes this much without making its writer wait.
-    constexpr std::size_t portion = PIPE_BUF;
-    const ssize_t count =
-        ::write(descriptor_, text_.data() + written_, std::min(portion, pending()));
+    // A pipe that is ready takes this much at once.
+    const std::string_view waiting =
+        std::string_view(text_).substr(written_, std::size_t{PIPE_BUF});
+    const std::size_t lineEnd = waiting.rfind('\n');
+    const std::size_t portion = lineEnd == std::string_view::npos ? waiting.size() : lineEnd + 1;
+    const ssize_t count = ::write(descriptor_, waiting.data(), portion);
     if (count < 0) {
         if (errno != EINTR && errno != EAGAIN && errno != EWOULDBLOCK) {
             giveUp();
@@ -27,6 +28,7 @@ void ReportWriter::write() {
         return;
     }
     written_ += static_cast<std::size_t>(count);
+    total_ += static_cast<std::uint64_t>(count);
     if (written_ == text_.size()) {
         text_.clear();
         written_ = 0;

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -21,8 +22,12 @@ public:
     /// Bytes that wait.
     std::size_t pending() const { return text_.size() - written_; }
 
-    /// Writes the next bytes; to be called when the descriptor is ready for writing, else it may
-    /// wait for the reader.
+    /// Bytes that the reader's pipe has taken so far.
+    std::uint64_t written() const { return total_; }
+
+    /// Writes the next bytes: whole lines, as many as a pipe takes at once, so that an end of the
+    /// program never leaves half a line there. A line that is longer than that goes in pieces. To
+    /// be called when the descriptor is ready for writing, else it may wait for the reader.
     void write();
 
     /// The reader is gone: everything that waits or comes is thrown away.
@@ -32,7 +37,8 @@ public:
 private:
     int descriptor_;
     std::string text_;
-    std::size_t written_ = 0;
+    std::size_t written_ = 0; // of text_
+    std::uint64_t total_ = 0;
     bool givenUp_ = false;
 };
 

@@ -13,7 +13,10 @@ import pytest
 from support import daemon, processes
 
 # Emptied between tests. Below /etc only the daemon's own files go.
-EMPTIED = ("/tmp", "/run", "/srv", "/usr/local/orbelin", str(daemon.REPORTS))
+EMPTIED = (
+    *("/tmp", "/run", "/srv", "/usr/local/orbelin", "/var/lib/skarn"),
+    str(daemon.REPORTS),
+)
 
 
 def pytest_configure(config: pytest.Config) -> None:

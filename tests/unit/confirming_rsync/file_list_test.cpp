@@ -55,20 +55,20 @@ protected:
 TEST_F(FileListOnDisk, IsReadWhole) {
     const std::string text(300000, 'x');
     std::ofstream(path) << text << '\n';
-    EXPECT_EQ(readFileList(path), text + "\n");
+    EXPECT_EQ(readFileList(path).text, text + "\n");
 }
 
 TEST_F(FileListOnDisk, IsEmptyIfItCanNotBeRead) {
-    EXPECT_EQ(readFileList(path), "");
-    EXPECT_EQ(readFileList(directory), "");
-    EXPECT_EQ(readFileList(""), "");
+    EXPECT_EQ(readFileList(path).text, "");
+    EXPECT_EQ(readFileList(directory).text, "");
+    EXPECT_EQ(readFileList("").text, "");
 }
 
 TEST_F(FileListOnDisk, IsLeftToRsyncIfItIsAPipe) {
     ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
     const int both = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
     ASSERT_EQ(::write(both, "a\n", 2), 2);
-    EXPECT_EQ(readFileList(path), "");
+    EXPECT_EQ(readFileList(path).text, "");
     char left[3] = {};
     EXPECT_EQ(::read(both, left, sizeof left), 2);
     ::close(both);

@@ -61,5 +61,14 @@ TEST(PrintedName, BringsBackAnyName) {
     }
 }
 
+TEST(StaysBelow, HoldsForWhatIsBelow) {
+    for (const char* name : {"a", "a/b", ".", "a/./b", "..a", "a..", "...", "a/..b/c", "-e", " "}) {
+        EXPECT_TRUE(staysBelow(name)) << name;
+    }
+    for (const char* name : {"", "/", "/a", "..", "../a", "a/..", "a/../b", "a/../../b"}) {
+        EXPECT_FALSE(staysBelow(name)) << name;
+    }
+}
+
 } // namespace
 } // namespace confirming

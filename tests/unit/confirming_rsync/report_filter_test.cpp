@@ -53,6 +53,39 @@ TEST(ReportFilter, ConfirmsAtOnceWhileTheCopyingGoesOn) {
     EXPECT_TRUE(filter.hasConfirmed());
 }
 
+TEST(ReportFilter, TellsWhereEachConfirmationEnds) {
+    ReportFilter filter = filterWith();
+    std::string report;
+    std::vector<ReportFilter::Confirmation> confirmations;
+    const auto take = [&] {
+        report += filter.takeReport();
+        for (ReportFilter::Confirmation& confirmation : filter.takeConfirmations()) {
+            confirmations.push_back(std::move(confirmation));
+        }
+    };
+    filter.takeOutput("SENT: a\nsender removed a\nSENT: b\nsender removed b\nnoise\n");
+    take();
+    filter.confirm("c");
+    filter.confirmRecovered("d");
+    take();
+    const std::vector<std::string> lines{"CONFIRMED: removed a\n", "CONFIRMED: removed b\n",
+                                         "CONFIRMED: removed c\n", "CONFIRMED: recovered d\n"};
+    ASSERT_EQ(confirmations.size(), lines.size());
+    for (std::size_t i = 0; i < lines.size(); ++i) {
+        EXPECT_EQ(report.substr(confirmations[i].end - lines[i].size(), lines[i].size()), lines[i]);
+        EXPECT_EQ(confirmations[i].name + "\n", lines[i].substr(lines[i].rfind(' ') + 1));
+    }
+}
+
+TEST(ReportFilter, ConfirmsNothingOutsideTheDestination) {
+    for (const char* name : {"../a", "a/../../b", "/etc/passwd", "..", "a/.."}) {
+        const std::string line = "sender removed " + std::string(name) + "\n";
+        expectReport("SENT: " + std::string(name) + "\n" + line,
+                     "SENT: " + std::string(name) + "\n" + line);
+    }
+    expectReport("SENT: a/..b\nsender removed a/..b\n", "SENT: a/..b\nCONFIRMED: removed a/..b\n");
+}
+
 TEST(ReportFilter, PassesOnEverythingElse) {
     const std::string chatter = "receiving file list ... done\n"
                                 "\n"

@@ -50,6 +50,28 @@ TEST_F(ReportWriterTest, NeverWritesMoreThanAReadyPipeTakes) {
     EXPECT_EQ(writer.pending(), 100000U - 4096U);
 }
 
+TEST_F(ReportWriterTest, WritesWholeLinesAtATime) {
+    for (int i = 0; i < 3; ++i) {
+        writer.add(std::string(1999, 'x') + "\n");
+    }
+    EXPECT_EQ(writer.written(), 0U);
+    writer.write();
+    EXPECT_EQ(readSome(100000).size(), 4000U);
+    EXPECT_EQ(writer.written(), 4000U);
+    writer.write();
+    EXPECT_EQ(readSome(100000).size(), 2000U);
+    EXPECT_EQ(writer.written(), 6000U);
+    EXPECT_EQ(writer.pending(), 0U);
+}
+
+TEST_F(ReportWriterTest, WritesLinesThatFitExactly) {
+    writer.add(std::string(4095, 'x') + "\ny\n");
+    writer.write();
+    EXPECT_EQ(readSome(100000).size(), 4096U);
+    writer.write();
+    EXPECT_EQ(readSome(100000), "y\n");
+}
+
 TEST_F(ReportWriterTest, TriesAgainWhenThePipeIsFull) {
     ASSERT_EQ(::fcntl(pipe.writeEnd.get(), F_SETFL, O_NONBLOCK), 0);
     writer.add(std::string(1000000, 'x'));

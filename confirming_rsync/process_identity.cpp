@@ -1,0 +1,86 @@
+// Telling one process from every other, also from a later one with the same number.
+#include "confirming_rsync/process_identity.h"
+
+#include "confirming_rsync/text_files.h"
+
+#include <charconv>
+#include <cstddef>
+#include <ctime>
+
+namespace confirming {
+
+namespace {
+
+constexpr std::string_view blanks = " \n";
+
+/// The id of this boot; empty if the system does not tell.
+std::string currentBoot() {
+    std::string text = readTextFile("/proc/sys/kernel/random/boot_id");
+    text.erase(text.find_last_not_of(blanks) + 1);
+    return text;
+}
+
+std::optional<ProcessStatus> statusOf(pid_t pid) {
+    return parseProcessStatus(readTextFile("/proc/" + std::to_string(pid) + "/stat"));
+}
+
+} // namespace
+
+bool operator==(const ProcessIdentity& left, const ProcessIdentity& right) {
+    return left.boot == right.boot && left.pid == right.pid && left.start == right.start;
+}
+
+std::optional<ProcessIdentity> identityOf(pid_t pid) {
+    const auto status = statusOf(pid);
+    std::string boot = currentBoot();
+    if (!status || boot.empty()) {
+        return std::nullopt;
+    }
+    return ProcessIdentity{std::move(boot), pid, status->start};
+}
+
+bool isAlive(const ProcessIdentity& process) {
+    const auto status = statusOf(process.pid);
+    const bool runs = status && status->state != 'Z' && status->state != 'X';
+    return runs && status->start == process.start && process.boot == currentBoot();
+}
+
+std::optional<ProcessStatus> parseProcessStatus(std::string_view text) {
+    // PID (NAME) STATE and then numbers, of which the start is the 20th field behind the name.
+    constexpr int startField = 20;
+    const std::size_t name = text.rfind(')');
+    if (name == std::string_view::npos) {
+        return std::nullopt;
+    }
+    text.remove_prefix(name + 1);
+    ProcessStatus status;
+    for (int field = 1;; ++field) {
+        const std::size_t begin = text.find_first_not_of(blanks);
+        if (begin == std::string_view::npos) {
+            return std::nullopt;
+        }
+        text.remove_prefix(begin);
+        const std::string_view word = text.substr(0, text.find_first_of(blanks));
+        if (field == 1) {
+            status.state = word.front();
+        }
+        if (field == startField) {
+            const auto read = std::from_chars(word.data(), word.data() + word.size(), status.start);
+            if (read.ec != std::errc() || read.ptr != word.data() + word.size()) {
+                return std::nullopt;
+            }
+            return status;
+        }
+        text.remove_prefix(word.size());
+    }
+}
+
+std::uint64_t nanosecondsSinceBoot() {
+    constexpr std::uint64_t nanosecondsPerSecond = 1'000'000'000;
+    struct timespec now {};
+    ::clock_gettime(CLOCK_BOOTTIME, &now);
+    return static_cast<std::uint64_t>(now.tv_sec) * nanosecondsPerSecond +
+           static_cast<std::uint64_t>(now.tv_nsec);
+}
+
+} // namespace confirming

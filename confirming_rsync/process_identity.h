@@ -1,0 +1,45 @@
+// Telling one process from every other, also from a later one with the same number.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include <sys/types.h>
+
+namespace confirming {
+
+/// A process of this machine, for ever: its number is given again to others, all three together are
+/// not.
+struct ProcessIdentity {
+    std::string boot;        // the kernel's id of the boot it ran under
+    pid_t pid = 0;           //
+    std::uint64_t start = 0; // when it started, in the kernel's ticks since that boot
+};
+
+bool operator==(const ProcessIdentity& left, const ProcessIdentity& right);
+inline bool operator!=(const ProcessIdentity& left, const ProcessIdentity& right) {
+    return !(left == right);
+}
+
+/// The process that has this number now. Nothing if there is none, or the system does not tell.
+std::optional<ProcessIdentity> identityOf(pid_t pid);
+
+/// True while that very process runs. One that has ended and was not yet waited for is dead.
+bool isAlive(const ProcessIdentity& process);
+
+/// What the kernel tells of a process in /proc/PID/stat.
+struct ProcessStatus {
+    char state = '?';
+    std::uint64_t start = 0;
+};
+
+/// Reads that text. Nothing if it is not in the kernel's form. The program's name, which may hold
+/// any byte, does not mislead it.
+std::optional<ProcessStatus> parseProcessStatus(std::string_view text);
+
+/// Nanoseconds since the boot, asleep or not. Grows from one call to a later one in any process.
+std::uint64_t nanosecondsSinceBoot();
+
+} // namespace confirming

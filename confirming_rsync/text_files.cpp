@@ -1,0 +1,43 @@
+// Reading and appending whole texts.
+#include "confirming_rsync/text_files.h"
+
+#include <array>
+#include <cerrno>
+#include <cstddef>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace confirming {
+
+std::string readText(const Descriptor& file) {
+    std::string text;
+    std::array<char, 65536> buffer{};
+    for (;;) {
+        const ssize_t count = ::read(file.get(), buffer.data(), buffer.size());
+        if (count > 0) {
+            text.append(buffer.data(), static_cast<std::size_t>(count));
+        } else if (count == 0 || errno != EINTR) {
+            return count == 0 ? text : std::string();
+        }
+    }
+}
+
+std::string readTextFile(const std::string& path) {
+    const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
+    return file ? readText(file) : std::string();
+}
+
+bool writeText(const Descriptor& file, std::string_view text) {
+    while (!text.empty()) {
+        const ssize_t count = ::write(file.get(), text.data(), text.size());
+        if (count > 0) {
+            text.remove_prefix(static_cast<std::size_t>(count));
+        } else if (count == 0 || errno != EINTR) {
+            return false;
+        }
+    }
+    return true;
+}
+
+} // namespace confirming

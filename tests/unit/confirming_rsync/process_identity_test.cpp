@@ -1,0 +1,78 @@
+// How a process is told from others, dead ones and later ones with its number.
+#include "confirming_rsync/process_identity.h"
+
+#include <csignal>
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace confirming {
+namespace {
+
+TEST(ProcessStatus, IsReadBehindAnyName) {
+    const std::string numbers = " S 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 8675309 20 21\n";
+    for (const char* name : {"(skarn)", "(a b)", "(:-) S 1)", "())", "(new\nline)"}) {
+        const auto status = parseProcessStatus("42 " + std::string(name) + numbers);
+        ASSERT_TRUE(status) << name;
+        EXPECT_EQ(status->state, 'S') << name;
+        EXPECT_EQ(status->start, 8675309U) << name;
+    }
+}
+
+TEST(ProcessStatus, IsNoneInAnyOtherForm) {
+    for (const char* text : {"", "42", "42 (x", "42 (x)", "42 (x) S", "42 (x) S 1 2 3 4 5 6 7 8 9",
+                             "42 (x) S 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 x9 20",
+                             "42 (x) S 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 9x 20"}) {
+        EXPECT_FALSE(parseProcessStatus(text)) << text;
+    }
+}
+
+TEST(ProcessIdentity, IsThatOfALivingProcess) {
+    const auto self = identityOf(::getpid());
+    ASSERT_TRUE(self);
+    EXPECT_EQ(self->pid, ::getpid());
+    EXPECT_GT(self->boot.size(), 10U);
+    EXPECT_TRUE(isAlive(*self));
+}
+
+TEST(ProcessIdentity, IsNotThatOfALaterProcessWithTheSameNumber) {
+    auto self = identityOf(::getpid());
+    ASSERT_TRUE(self);
+    ProcessIdentity earlier = *self;
+    --earlier.start;
+    EXPECT_FALSE(isAlive(earlier));
+    EXPECT_NE(earlier, *self);
+    ProcessIdentity ofAnotherBoot = *self;
+    ofAnotherBoot.boot += "x";
+    EXPECT_FALSE(isAlive(ofAnotherBoot));
+    EXPECT_NE(ofAnotherBoot, *self);
+}
+
+TEST(ProcessIdentity, IsDeadOnceTheProcessHasEnded) {
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::pause();
+        ::_exit(0);
+    }
+    const auto identity = identityOf(child);
+    ASSERT_TRUE(identity);
+    EXPECT_TRUE(isAlive(*identity));
+    ::kill(child, SIGKILL);
+    // Ended, and nobody has waited for it.
+    siginfo_t info{};
+    ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOWAIT), 0);
+    EXPECT_FALSE(isAlive(*identity));
+    ASSERT_EQ(::waitpid(child, nullptr, 0), child);
+    EXPECT_FALSE(isAlive(*identity));
+    EXPECT_FALSE(identityOf(child));
+}
+
+TEST(NanosecondsSinceBoot, Grow) {
+    const std::uint64_t before = nanosecondsSinceBoot();
+    EXPECT_GT(before, 0U);
+    EXPECT_GE(nanosecondsSinceBoot(), before);
+}
+
+} // namespace
+} // namespace confirming
