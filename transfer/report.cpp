@@ -2,6 +2,7 @@
 #include "transfer/report.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace {
 
@@ -33,9 +34,12 @@ ReportLine parseReportLine(std::string_view piece) {
 }
 
 void TransferAccount::addSent(std::string_view name) {
-    if (!name.empty()) {
-        sentNames.emplace(name);
+    if (name.empty() || sentNames.find(name) != sentNames.end()) {
+        return;
     }
+    auto copy = std::make_unique<char[]>(name.size() + 1); // all of it NUL at first
+    std::copy(name.begin(), name.end(), copy.get());
+    sentNames.insert(std::move(copy));
 }
 
 void TransferAccount::addConfirmed(std::string_view name) {
@@ -58,16 +62,24 @@ void TransferAccount::addOutput(std::string_view piece) {
 }
 
 std::string TransferAccount::summary() const {
-    std::string text;
-    for (const std::string& name : sentNames) {
-        text += "Error: Lost " + name + "\n";
-    }
-    text += "++ RSYNC OUTPUT BEGIN ++++++++++++++++++\n";
-    text += rsyncOutput;
+    const std::string_view lost = "Error: Lost ";
+    const std::string begin = "++ RSYNC OUTPUT BEGIN ++++++++++++++++++\n";
+    std::string end;
     if (copiedCount != 0) {
-        text += "Copied " + std::to_string(copiedCount) +
-                " files in the range of: " + firstConfirmed + " ... " + lastConfirmed + "\n";
+        end = "Copied " + std::to_string(copiedCount) +
+              " files in the range of: " + firstConfirmed + " ... " + lastConfirmed + "\n";
     }
-    text += "++ RSYNC OUTPUT END ++++++++++++++++++++\n";
-    return text;
+    end += "++ RSYNC OUTPUT END ++++++++++++++++++++\n";
+
+    // It may be long, and growing step by step takes twice the memory.
+    std::size_t size = begin.size() + rsyncOutput.size() + end.size();
+    for (const Name& name : sentNames) {
+        size += lost.size() + ByBytes::text(name).size() + 1;
+    }
+    std::string text;
+    text.reserve(size);
+    for (const Name& name : sentNames) {
+        text.append(lost).append(name.get()).append("\n");
+    }
+    return text.append(begin).append(rsyncOutput).append(end);
 }

@@ -1,6 +1,7 @@
 // What a copy process reports: reading its lines, and the account of its files.
 #pragma once
 
+#include <memory>
 #include <set>
 #include <string>
 #include <string_view>
@@ -27,7 +28,8 @@ ReportLine parseReportLine(std::string_view piece);
 /// printed.
 class TransferAccount {
 public:
-    /// A file was announced. A name that is empty or already open changes nothing.
+    /// A file was announced. A name that is empty or already open changes nothing. It must not hold
+    /// a NUL byte, which no line can be read with.
     void addSent(std::string_view name);
 
     /// A file was confirmed: it counts, announced or not, each time. An empty name changes nothing.
@@ -41,9 +43,23 @@ public:
     std::string summary() const;
 
 private:
-    std::set<std::string, std::less<>> sentNames; // announced and not yet confirmed
-    std::string firstConfirmed;                   // empty until there is one
-    std::string lastConfirmed;                    // likewise
+    /// A name in as little memory as it takes: a report may have very many open ones.
+    using Name = std::unique_ptr<const char[]>;
+
+    /// Orders names by their bytes.
+    struct ByBytes {
+        using is_transparent = void;
+        template<typename Left, typename Right>
+        bool operator()(const Left& left, const Right& right) const {
+            return text(left) < text(right);
+        }
+        static std::string_view text(std::string_view name) { return name; }
+        static std::string_view text(const Name& name) { return name.get(); }
+    };
+
+    std::set<Name, ByBytes> sentNames; // announced and not yet confirmed
+    std::string firstConfirmed;        // empty until there is one
+    std::string lastConfirmed;         // likewise
     int copiedCount = 0;
     std::string rsyncOutput;
 };
