@@ -18,6 +18,8 @@
 //   file PATH               write a file's content to the output
 //   confirm-all             for each name of the file list a SENT: and a CONFIRMED: line
 //   confirm-from N          the same for the names from the N-th (from 0) on
+//   sent-all                for each name of the file list a SENT: line
+//   confirmed-all           for each name of the file list a CONFIRMED: line
 //   touch PATH              create a file
 //   wait PATH               go on when the file exists
 //   sleep MILLISECONDS
@@ -322,6 +324,17 @@ void confirm(const std::string& listName, long from) {
     writeAll(STDOUT_FILENO, report);
 }
 
+// One line for each name: `beginning` and the name.
+void printNames(const std::string& listName, const std::string& beginning) {
+    std::istringstream list(contentOf(listName).value_or(""));
+    std::string report;
+    std::string name;
+    while (std::getline(list, name)) {
+        report.append(beginning).append(name).append("\n");
+    }
+    writeAll(STDOUT_FILENO, report);
+}
+
 void linger(const std::string& path) {
     if (fork() == 0) {
         waitFor(path);
@@ -345,6 +358,10 @@ void perform(const std::string& step, const std::string& listName) {
         confirm(listName, 0);
     } else if (verb == "confirm-from") {
         confirm(listName, number);
+    } else if (verb == "sent-all") {
+        printNames(listName, "SENT: ");
+    } else if (verb == "confirmed-all") {
+        printNames(listName, "CONFIRMED: removed ");
     } else if (verb == "touch") {
         touch(argument);
     } else if (verb == "wait") {
