@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 #include <type_traits>
+#include <utility>
 
 #include <pthread.h>
 
@@ -60,6 +61,17 @@ public:
             std::ostringstream stream;
             stream << value;
             buffer.append(stream.str());
+        }
+        return *this;
+    }
+
+    /// The same for a text that its owner gives away: a long one is not copied if nothing was
+    /// collected before.
+    LogFile& operator<<(std::string&& text) {
+        if (buffer.empty()) {
+            buffer = std::move(text);
+        } else {
+            buffer.append(text);
         }
         return *this;
     }

@@ -8,6 +8,7 @@
 #include <string>
 #include <thread>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -362,6 +363,24 @@ TEST_F(LogFileTest, GivesTheMemoryOfALongTextBackWhenItIsWrittenOut) {
     const std::size_t before = bytesAllocated();
     log << text;
     EXPECT_GE(bytesAllocated() - before, text.size());
+}
+
+TEST_F(LogFileTest, DoesNotCopyALongTextThatIsGivenAway) {
+    std::string text(300000, 'x');
+    LogFile log(nullptr);
+    log.open(path);
+    const std::size_t before = bytesAllocated();
+    log << std::move(text);
+    EXPECT_LT(bytesAllocated() - before, 1000U);
+    log << "y" << flush;
+    EXPECT_EQ(content(), std::string(300000, 'x') + "y");
+}
+
+TEST_F(LogFileTest, AppendsATextThatIsGivenAwayToWhatIsCollected) {
+    LogFile log(nullptr);
+    log.open(path);
+    log << "a" << std::string("b") << std::string() << std::string("c\0d", 3) << flush;
+    EXPECT_EQ(content(), std::string("abc\0d", 5));
 }
 
 TEST_F(LogFileTest, DoesNotCopyWhatIsCollectedWhateverKindOfValueIsInserted) {
