@@ -41,6 +41,7 @@ from support.rsync_server import RsyncServer
 from support.waiting import wait_until
 
 MINPAUSE = 30  # milliseconds, so that a run is short
+MOST_IN_VAIN = 50  # faults in a row that found nothing to break
 LOOK_EVERY = 0.02  # seconds between two looks at the source
 
 
@@ -264,12 +265,15 @@ class Bed:
         outcome = Outcome()
         end = time.monotonic() + limit
         instants = [each for each in faults if each.instant] if len(faults) > 1 else []
-        while outcome.injected < rounds and time.monotonic() < end:
+        vain = 0
+        while outcome.injected < rounds and time.monotonic() < end and vain < MOST_IN_VAIN:
             fault = rng.choice(faults)
             self._wait(rng.uniform(*fault.gap))
             injected = fault.inject(self, rng)
             if not injected:
+                vain += 1
                 continue
+            vain = 0
             outcome.injected += injected
             hold = rng.uniform(*fault.hold)
             if instants and not (fault.instant or fault.alone) and rng.random() < 0.4:
@@ -284,6 +288,8 @@ class Bed:
             fault.heal(self)
         for station in self.stations:
             station.workload.stop()
+        if not outcome.injected:
+            self.ledger.complain("no fault could be injected")
         outcome.recovered_in = self._drain(max(each.drain for each in faults))
         self._verify(faults, outcome)
         return outcome

@@ -17,11 +17,11 @@ class CopyProcessesEnded(Fault):
     kills = True
     instant = True
     number = signal.SIGKILL
-    gap = (0.0, 0.2)
+    gap = (0.0, 0.3)
 
     def inject(self, bed: Bed, rng: Random) -> int:
         bed.wait_copying(5)
-        time.sleep(rng.uniform(0, 0.1))  # at its beginning, in its middle, at its end
+        time.sleep(rng.uniform(0, 0.3))  # at its beginning, in its middle, at its end
         found = bed.copy_processes()
         if found and rng.random() < 0.7:
             found = [rng.choice(found)]

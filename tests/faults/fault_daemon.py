@@ -19,9 +19,10 @@ class DaemonEnded(Fault):
     gap = (0.0, 0.5)
 
     def inject(self, bed: Bed, rng: Random) -> int:
-        # As often in the middle of copying as at any other time.
-        if rng.random() < 0.5:
+        # Mostly in the middle of copying, where it hurts; else at any time.
+        if rng.random() < 0.7:
             bed.wait_copying(1)
+            time.sleep(rng.uniform(0, 0.3))
         return bed.kill_daemon(self.number)
 
     def heal(self, bed: Bed) -> None:
@@ -75,7 +76,7 @@ class AllKilled(DaemonEnded):
 
     def inject(self, bed: Bed, rng: Random) -> int:
         bed.wait_copying(2)
-        time.sleep(rng.uniform(0, 0.1))
+        time.sleep(rng.uniform(0, 0.3))
         children = bed.rsync_children()
         for each in bed.copy_processes():
             bed.kill_copy_process(each)
