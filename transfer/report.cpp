@@ -81,5 +81,6 @@ std::string TransferAccount::summary() const {
     for (const Name& name : sentNames) {
         text.append(lost).append(name.get()).append("\n");
     }
-    return text.append(begin).append(rsyncOutput).append(end);
+    text.append(begin).append(rsyncOutput).append(end);
+    return text;
 }
