@@ -1,6 +1,8 @@
 // What the caller asked for, and the argument vectors and environment that stock rsync gets for it.
 #include "confirming_rsync/arguments.h"
 
+#include "confirming_rsync/share_question.h"
+
 #include <algorithm>
 #include <cstddef>
 #include <string_view>
@@ -32,14 +34,24 @@ bool readOption(const std::vector<std::string>& arguments, std::size_t at, std::
     return false;
 }
 
-std::vector<std::string> optionsForReport(const std::string& uid, const std::string& gid) {
+/// A share's host that went away without a word would be waited for as long as the kernel does.
+std::vector<std::string> optionsForAnyCall(bool ofAShare) {
+    std::vector<std::string> options{"--8-bit-output"};
+    if (ofAShare) {
+        options.emplace_back("--contimeout=30");
+    }
+    return options;
+}
+
+void addOptionsForReport(const std::string& uid, const std::string& gid,
+                         std::vector<std::string>& options) {
     // Without TCP_NODELAY each removal waits for the peer's delayed acknowledgement.
-    std::vector<std::string> options{"--8-bit-output", "--sockopts=TCP_NODELAY", "--info=remove1"};
+    options.emplace_back("--sockopts=TCP_NODELAY");
+    options.emplace_back("--info=remove1");
     if (!uid.empty() || !gid.empty()) {
         options.emplace_back("-og");
         options.push_back("--chown=" + uid + (gid.empty() ? "" : ":" + gid));
     }
-    return options;
 }
 
 } // namespace
@@ -76,8 +88,14 @@ Arguments readArguments(const std::vector<std::string>& arguments, const std::st
     if (listing) {
         result.listedSource = kept.back();
     }
-    result.rsync =
-        result.confirming ? optionsForReport(uid, gid) : std::vector<std::string>{"--8-bit-output"};
+    const std::string& source = result.confirming ? result.source : result.listedSource;
+    const bool ofAShare = parseShare(source).has_value();
+    result.rsync = optionsForAnyCall(ofAShare);
+    if (result.confirming) {
+        addOptionsForReport(uid, gid, result.rsync);
+    } else if (ofAShare) {
+        result.rsync.emplace_back("--timeout=60");
+    }
     result.rsync.insert(result.rsync.end(), kept.begin(), kept.end());
     return result;
 }

@@ -18,10 +18,13 @@ struct Arguments {
     std::vector<std::string> access;       // options that a further call needs to be let in
 };
 
-/// Reads the command line. Without --confirm-files, stock rsync gets the same and --8-bit-output.
-/// With it, that option is dropped, what a report takes is added, and the owner of the received
-/// files is set from `uid` and `gid`, each a number or a name, or empty for "leave it". The added
-/// options come first, so that the caller's own win.
+/// Reads the command line. Without --confirm-files, stock rsync gets the same and --8-bit-output,
+/// and limits to its waits if it lists a share. With it, that option is dropped, what a report
+/// takes is added, and the owner of the received files is set from `uid` and `gid`, each a number
+/// or a name, or empty for "leave it". The added options come first, so that the caller's own win.
+///
+/// A copy gets no limit but for the connecting: rsync's own would keep both sides talking while
+/// neither does anything, which could then not be noticed.
 Arguments readArguments(const std::vector<std::string>& arguments, const std::string& uid,
                         const std::string& gid);
 

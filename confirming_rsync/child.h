@@ -39,6 +39,9 @@ public:
     bool hasStarted() const { return startError_ == 0; }
     int startError() const { return startError_; } // an errno value
 
+    /// Its process group, in which what it starts is, too.
+    pid_t group() const { return pid_; }
+
     /// Read ends of the child's output and error output; the reader closes them at their end.
     Descriptor output;
     Descriptor errorOutput;

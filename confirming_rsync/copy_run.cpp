@@ -55,7 +55,8 @@ CopyRun::CopyRun(Places places, Arguments arguments, std::vector<std::string> en
     : places_(std::move(places)), arguments_(std::move(arguments)),
       environment_(childEnvironment(std::move(environment))), limits_(limits), begin_(Clock::now()),
       destination_(arguments_.destination), writer_(STDOUT_FILENO), relay_(signals_, writer_),
-      filter_([this](const std::string& name) { return destination_.sentLineMayFollow(name); }) {
+      filter_([this](const std::string& name) { return destination_.sentLineMayFollow(name); },
+              [this](const std::string& name) { return isListed(name); }) {
 }
 
 int CopyRun::run() {
@@ -64,6 +65,7 @@ int CopyRun::run() {
         isReminded_ = isReminder(list.text);
         if (!isReminded_) {
             listed_ = listedNames(list.text, arguments_.fileListEndsNamesWithNul);
+            listedSet_.insert(listed_.begin(), listed_.end());
         }
         beginJournal(list);
     }
@@ -371,6 +373,15 @@ void CopyRun::attend(Child& child, const Sinks& sinks) {
     Clock::time_point end = never;
     bool told = false;
     bool killed = false;
+    Standstill standstill(child.group());
+    const Sinks watched{[&](std::string_view bytes) {
+                            standstill.noteLife();
+                            sinks.output(bytes);
+                        },
+                        [&](std::string_view bytes) {
+                            standstill.noteLife();
+                            sinks.errorOutput(bytes);
+                        }};
     for (;;) {
         const bool ended = child.hasEnded();
         if ((ended && !child.output && !child.errorOutput)) {
@@ -380,6 +391,11 @@ void CopyRun::attend(Child& child, const Sinks& sinks) {
         if (isStopping() && !told) {
             told = true;
             child.signal(relay_.readerIsGone() ? SIGTERM : relay_.stopSignal());
+            end = now + limits_.farewell;
+        }
+        if (!ended && !told && hasComeToAStandstill(standstill)) {
+            told = true;
+            child.signal(SIGTERM);
             end = now + limits_.farewell;
         }
         if (ended && end == never) {
@@ -393,8 +409,41 @@ void CopyRun::attend(Child& child, const Sinks& sinks) {
             child.kill();
             end = now + limits_.leftovers;
         }
-        step(child, sinks, end);
+        step(child, watched, end);
     }
+}
+
+/// Says so in the report, too.
+bool CopyRun::hasComeToAStandstill(Standstill& standstill) {
+    if (!relay_.isReading()) {
+        // It waits for us, as we do for our reader.
+        standstill.noteLife();
+    }
+    // So many files that could not be created, and no fewer, can bring stock rsync there.
+    constexpr std::size_t failuresToWaitFor = 10;
+    const bool failing = filter_.receiverFailures() >= failuresToWaitFor;
+    const auto limit = failing ? limits_.standstillAfterFailures : limits_.standstill;
+    if (!standstill.hasLasted(limit)) {
+        return false;
+    }
+    filter_.remark(ownName + ("rsync has come to a standstill and is ended after " +
+                              count(static_cast<std::size_t>(limit.count() / 1000), "second")));
+    send();
+    return true;
+}
+
+/// True for what is in the list, or below something that is.
+bool CopyRun::isListed(std::string_view name) const {
+    if (listedSet_.empty() || listedSet_.count(name) != 0 || listedSet_.count(".") != 0) {
+        return true;
+    }
+    for (std::size_t end = name.find('/'); end != std::string_view::npos;
+         end = name.find('/', end + 1)) {
+        if (listedSet_.count(name.substr(0, end)) != 0) {
+            return true;
+        }
+    }
+    return false;
 }
 
 void CopyRun::step(Clock::time_point until) {

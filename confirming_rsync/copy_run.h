@@ -10,12 +10,15 @@
 #include "confirming_rsync/report_filter.h"
 #include "confirming_rsync/report_writer.h"
 #include "confirming_rsync/signals.h"
+#include "confirming_rsync/standstill.h"
 
 #include <chrono>
 #include <deque>
 #include <optional>
 #include <set>
 #include <string>
+#include <string_view>
+#include <unordered_set>
 #include <vector>
 
 namespace confirming {
@@ -25,6 +28,12 @@ struct Limits {
     /// A run without a single confirmation lasts at least this long: a caller that repeats at once
     /// what can't succeed shall not spin.
     std::chrono::milliseconds shortestIdleRun{1000};
+    /// How long rsync may move no byte while its report is read: the connection is dead without a
+    /// word.
+    std::chrono::milliseconds standstill{60000};
+    /// The same once so many files could not be created here that rsync may wait for ever for
+    /// their completion.
+    std::chrono::milliseconds standstillAfterFailures{2000};
     /// What rsync may still say after it was told to end.
     std::chrono::milliseconds farewell{5000};
     /// What may hold rsync's output open after it has ended, or after it was killed.
@@ -78,6 +87,8 @@ private:
     /// Reads the child until it and its output have ended, or all patience has. Telling it to end
     /// and ending it are part of that.
     void attend(Child& child, const Sinks& sinks);
+    bool hasComeToAStandstill(Standstill& standstill);
+    bool isListed(std::string_view name) const;
 
     /// Every wait is one of these.
     void step(Clock::time_point until);
@@ -96,8 +107,9 @@ private:
     ReportWriter writer_;
     Relay relay_;
     ReportFilter filter_;
-    std::vector<std::string> listed_; // the names to be copied, as rsync prints them
-    bool isReminded_ = false;         // started for what earlier runs left, and for nothing else
+    std::vector<std::string> listed_;                // the names to be copied, as rsync prints them
+    std::unordered_set<std::string_view> listedSet_; // the same; empty if the list is not known
+    bool isReminded_ = false; // started for what earlier runs left, and for nothing else
     std::optional<ProcessIdentity> daemon_;
     Journal journal_;
     bool inheritsOpenNames_ = false;

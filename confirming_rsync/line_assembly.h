@@ -19,7 +19,10 @@ struct LinePiece {
 /// bytes, so that memory stays bounded and the result does not depend on how the bytes arrived.
 class LineAssembly {
 public:
-    static constexpr std::size_t limit = 65536;
+    /// The daemon reads its copy program's report in lines of up to 1,023 bytes, and takes what is
+    /// beyond for lines of their own. A piece fits, a few bytes before it and the line feed
+    /// included. Names that the daemon deals with are shorter still: it cuts listings likewise.
+    static constexpr std::size_t limit = 1015;
 
     /// Takes the next bytes of the stream; appends to `pieces` what is complete by now.
     void take(std::string_view bytes, std::vector<LinePiece>& pieces);

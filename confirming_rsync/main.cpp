@@ -1,8 +1,12 @@
 // The confirming copy program, with what was set when it was built.
 #include "confirming_rsync/program.h"
 
+#include <chrono>
+
 #include <unistd.h>
 
 int main(int argc, char** argv) {
-    return confirming::runProgram({STOCK_RSYNC, JOURNAL_FOLDER}, argc, argv, environ);
+    confirming::Limits limits;
+    limits.standstill = std::chrono::seconds(STANDSTILL_SECONDS);
+    return confirming::runProgram({STOCK_RSYNC, JOURNAL_FOLDER}, limits, argc, argv, environ);
 }

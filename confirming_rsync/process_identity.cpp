@@ -24,6 +24,13 @@ std::optional<ProcessStatus> statusOf(pid_t pid) {
     return parseProcessStatus(readTextFile("/proc/" + std::to_string(pid) + "/stat"));
 }
 
+template<typename Number>
+bool readNumber(std::string_view word, Number& number) {
+    const char* const end = word.data() + word.size();
+    const auto read = std::from_chars(word.data(), end, number);
+    return read.ec == std::errc() && read.ptr == end;
+}
+
 } // namespace
 
 bool operator==(const ProcessIdentity& left, const ProcessIdentity& right) {
@@ -41,12 +48,18 @@ std::optional<ProcessIdentity> identityOf(pid_t pid) {
 
 bool isAlive(const ProcessIdentity& process) {
     const auto status = statusOf(process.pid);
-    const bool runs = status && status->state != 'Z' && status->state != 'X';
-    return runs && status->start == process.start && process.boot == currentBoot();
+    return status && isRunning(*status) && status->start == process.start &&
+           process.boot == currentBoot();
+}
+
+bool isRunning(const ProcessStatus& status) {
+    return status.state != 'Z' && status.state != 'X';
 }
 
 std::optional<ProcessStatus> parseProcessStatus(std::string_view text) {
-    // PID (NAME) STATE and then numbers, of which the start is the 20th field behind the name.
+    // PID (NAME) STATE and then numbers.
+    constexpr int stateField = 1;
+    constexpr int groupField = 3;
     constexpr int startField = 20;
     const std::size_t name = text.rfind(')');
     if (name == std::string_view::npos) {
@@ -61,15 +74,12 @@ std::optional<ProcessStatus> parseProcessStatus(std::string_view text) {
         }
         text.remove_prefix(begin);
         const std::string_view word = text.substr(0, text.find_first_of(blanks));
-        if (field == 1) {
+        if (field == stateField) {
             status.state = word.front();
-        }
-        if (field == startField) {
-            const auto read = std::from_chars(word.data(), word.data() + word.size(), status.start);
-            if (read.ec != std::errc() || read.ptr != word.data() + word.size()) {
-                return std::nullopt;
-            }
-            return status;
+        } else if (field == groupField && !readNumber(word, status.group)) {
+            return std::nullopt;
+        } else if (field == startField) {
+            return readNumber(word, status.start) ? std::optional(status) : std::nullopt;
         }
         text.remove_prefix(word.size());
     }

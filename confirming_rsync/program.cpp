@@ -53,7 +53,8 @@ int becomeStockRsync(const std::string& stockRsync, const std::vector<std::strin
 
 } // namespace
 
-int runProgram(const Places& places, int argc, char** argv, char** environment) {
+int runProgram(const Places& places, const Limits& limits, int argc, char** argv,
+               char** environment) {
     if (!fillStandardDescriptors()) {
         return notStarted;
     }
@@ -70,7 +71,7 @@ int runProgram(const Places& places, int argc, char** argv, char** environment) 
         return ShareListing(places, arguments, variables).run();
     }
     closeInheritedDescriptors();
-    return CopyRun(places, std::move(arguments), variables, Limits{}).run();
+    return CopyRun(places, std::move(arguments), variables, limits).run();
 }
 
 } // namespace confirming

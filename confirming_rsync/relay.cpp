@@ -58,9 +58,13 @@ void Relay::step(Clock::time_point until) {
     step(nullptr, nullptr, until);
 }
 
+bool Relay::isReading() const {
+    return writer_.pending() < fullReport;
+}
+
 void Relay::step(Child* child, const Sinks* sinks, Clock::time_point until) {
     const bool resting = child != nullptr && Clock::now() < restsUntil_;
-    const bool reading = child != nullptr && !resting && writer_.pending() < fullReport;
+    const bool reading = child != nullptr && !resting && isReading();
     const bool writing = writer_.pending() > 0;
     // poll passes over a negative descriptor; without events asked for, it still tells of errors.
     std::array<struct pollfd, 4> polled{{

@@ -40,6 +40,9 @@ public:
     /// The first signal that asked the program to end; 0 as long as none did.
     int stopSignal() const { return stopSignal_; }
 
+    /// False while so much waits for the reader that the child is not read from.
+    bool isReading() const;
+
     bool readerIsGone() const { return writer_.hasGivenUp(); }
 
 private:

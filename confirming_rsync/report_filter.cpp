@@ -31,8 +31,8 @@ std::string_view firstWord(std::string_view line) {
 
 } // namespace
 
-ReportFilter::ReportFilter(SentLineMayFollow sentLineMayFollow)
-    : sentLineMayFollow_(std::move(sentLineMayFollow)) {
+ReportFilter::ReportFilter(SentLineMayFollow sentLineMayFollow, MayBeRemoved mayBeRemoved)
+    : sentLineMayFollow_(std::move(sentLineMayFollow)), mayBeRemoved_(std::move(mayBeRemoved)) {
 }
 
 void ReportFilter::takeOutput(std::string_view bytes) {
@@ -62,7 +62,6 @@ void ReportFilter::finish() {
     for (const LinePiece& piece : pieces) {
         putPiece(piece, Origin::errorOutput);
     }
-    endOpenLine();
     for (const std::string& name : std::exchange(heldBack_, {})) {
         confirm(name);
     }
@@ -70,14 +69,16 @@ void ReportFilter::finish() {
 
 void ReportFilter::confirm(const std::string& name) {
     State& state = files_[name];
-    if (state != State::confirmed) {
+    if (state != State::confirmed && name.size() <= longestName) {
         state = State::confirmed;
         putConfirmation("removed", name);
     }
 }
 
 void ReportFilter::confirmRecovered(const std::string& name) {
-    putConfirmation("recovered", name);
+    if (name.size() <= longestName) {
+        putConfirmation("recovered", name);
+    }
 }
 
 void ReportFilter::remark(std::string_view text) {
@@ -106,10 +107,12 @@ void ReportFilter::handleOutput(const LinePiece& piece) {
             handleSent(std::string(line.substr(sentPrefix.size())), line);
             return;
         }
-        if (beginsWith(line, removedPrefix) && line.back() != '/' &&
-            staysBelow(line.substr(removedPrefix.size()))) {
-            handleRemoved(std::string(line.substr(removedPrefix.size())));
-            return;
+        if (beginsWith(line, removedPrefix) && line.back() != '/') {
+            const std::string name(line.substr(removedPrefix.size()));
+            if (staysBelow(name) && mayBeRemoved_(name)) {
+                handleRemoved(name);
+                return;
+            }
         }
         if (beginsWith(line, "receiving file list ... done")) {
             sawFileList_ = true;
@@ -158,6 +161,7 @@ void ReportFilter::handleRemoved(const std::string& name) {
 ///   rsync: [sender] link_stat "/NAME" (in MODULE) failed: No such file or directory (2)
 ///   file has vanished: "/NAME" (in MODULE)
 ///   ERROR: NAME failed verification -- update discarded.
+///   rsync: [receiver] mkstemp "PATH" failed: Read-only file system (30)
 void ReportFilter::rememberComplaint(std::string_view line) {
     constexpr std::string_view error = "ERROR: ";
     constexpr std::string_view failedVerification = " failed verification -- update ";
@@ -166,6 +170,10 @@ void ReportFilter::rememberComplaint(std::string_view line) {
         if (end != std::string_view::npos && end > error.size()) {
             discarded_.emplace(line.substr(error.size(), end - error.size()));
         }
+    }
+    // Versions before 3.2 don't say which side complains.
+    if (beginsWith(line, "rsync: [receiver] mkstemp ") || beginsWith(line, "rsync: mkstemp ")) {
+        ++receiverFailures_;
     }
     const std::size_t begin = line.find('"');
     const std::size_t end = line.rfind("\" (in ");
@@ -182,31 +190,17 @@ void ReportFilter::putConfirmation(const char* how, const std::string& name) {
 }
 
 void ReportFilter::putLine(std::string_view text) {
-    endOpenLine();
     report_ += text;
     report_ += '\n';
 }
 
 void ReportFilter::putPiece(const LinePiece& piece, Origin origin) {
-    if (openLine_ != origin) {
-        endOpenLine();
-        const std::string_view word = firstWord(piece.text);
-        if (word == "CONFIRMED:" || (word == "SENT:" && origin == Origin::errorOutput)) {
-            report_ += "rsync: ";
-        }
+    const std::string_view word = firstWord(piece.text);
+    const bool mayBeSent = origin == Origin::output && piece.begins && piece.ends;
+    if (word == "CONFIRMED:" || (word == "SENT:" && !mayBeSent)) {
+        report_ += "rsync: ";
     }
-    report_ += piece.text;
-    openLine_ = origin;
-    if (piece.ends) {
-        endOpenLine();
-    }
-}
-
-void ReportFilter::endOpenLine() {
-    if (openLine_ != Origin::nobody) {
-        report_ += '\n';
-        openLine_ = Origin::nobody;
-    }
+    putLine(piece.text);
 }
 
 } // namespace confirming

@@ -3,6 +3,7 @@
 
 #include "confirming_rsync/line_assembly.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -23,8 +24,8 @@ namespace confirming {
 ///   any other line            as it came
 ///
 /// A line of rsync's that would read as a confirmation without being one gets "rsync: " in front.
-/// A line of more than LineAssembly::limit bytes is passed on in pieces, and ended early where a
-/// line of another origin must go between.
+/// A line of more than LineAssembly::limit bytes is passed on as several lines, none of which sends
+/// or confirms anything.
 ///
 /// Entirely passive: no system calls, no clock. Names are kept and reported as rsync prints them.
 class ReportFilter {
@@ -33,7 +34,14 @@ public:
     /// for names without a SENT line so far.
     using SentLineMayFollow = std::function<bool(const std::string& name)>;
 
-    explicit ReportFilter(SentLineMayFollow sentLineMayFollow);
+    /// Says whether a removal that rsync reports can be true: false for a name that was not to be
+    /// copied. What rsync reports of it is text from another machine.
+    using MayBeRemoved = std::function<bool(const std::string& name)>;
+
+    ReportFilter(SentLineMayFollow sentLineMayFollow, MayBeRemoved mayBeRemoved);
+
+    /// Of a longer name, the daemon would take the beginning for the whole.
+    static constexpr std::size_t longestName = 1000;
 
     /// The next bytes of rsync's standard output, of its error output. Any bytes, any portions.
     void takeOutput(std::string_view bytes);
@@ -44,7 +52,7 @@ public:
     void finish();
 
     /// The file is known to be deleted at its source from elsewhere than rsync's output. Reported
-    /// unless it already was.
+    /// unless it already was, or its name is longer than `longestName`.
     void confirm(const std::string& name);
 
     /// The same for a file that an earlier run has received: reported as "CONFIRMED: recovered
@@ -54,7 +62,7 @@ public:
     /// A line of the program's own, without line feed.
     void remark(std::string_view text);
 
-    /// The report since the last call: whole lines, but for pieces of over-long ones.
+    /// The report since the last call, in whole lines.
     std::string takeReport();
 
     /// The names confirmed since the last call, each with the size that the report, from its very
@@ -77,13 +85,16 @@ public:
     /// complained about until then is not there.
     bool sawFileList() const { return sawFileList_; }
 
+    /// How many files rsync could not create here.
+    std::size_t receiverFailures() const { return receiverFailures_; }
+
     /// True if rsync complained about this path of the share. The path is as rsync prints it,
     /// module left out: "/data/NAME".
     bool wasComplainedAbout(const std::string& path) const { return complaints_.count(path) != 0; }
 
 private:
     enum class State { sent, heldBack, confirmed };
-    enum class Origin { nobody, output, errorOutput };
+    enum class Origin { output, errorOutput };
 
     void handleOutput(const LinePiece& piece);
     void handleErrorOutput(const LinePiece& piece);
@@ -93,9 +104,9 @@ private:
     void putConfirmation(const char* how, const std::string& name);
     void putLine(std::string_view text);
     void putPiece(const LinePiece& piece, Origin origin);
-    void endOpenLine();
 
     SentLineMayFollow sentLineMayFollow_;
+    MayBeRemoved mayBeRemoved_;
     LineAssembly output_;
     LineAssembly errorOutput_;
     std::map<std::string, State> files_;
@@ -105,7 +116,7 @@ private:
     std::string report_;
     std::uint64_t taken_ = 0; // bytes of the report that were taken
     std::vector<Confirmation> confirmations_;
-    Origin openLine_ = Origin::nobody; // whose over-long line the report is in the middle of
+    std::size_t receiverFailures_ = 0;
     bool confirmed_ = false;
     bool sawFileList_ = false;
 };

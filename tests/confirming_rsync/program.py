@@ -33,7 +33,7 @@ OPTIONS = [
 URL = f"rsync://root@127.0.0.1:49371/{MODULE}/"
 
 # What the program hands on of OPTIONS, and what it puts in front.
-ADDED = ["--8-bit-output", "--sockopts=TCP_NODELAY", "--info=remove1"]
+ADDED = ["--8-bit-output", "--contimeout=30", "--sockopts=TCP_NODELAY", "--info=remove1"]
 KEPT = [option for option in OPTIONS if option != "--confirm-files"]
 
 DAEMON_ENVIRONMENT = {"RSYNC_UID": "", "RSYNC_GID": ""}

@@ -36,7 +36,8 @@ def test_listing_becomes_stock_rsync() -> None:
     assert result.report.decode() == f"listing of {program.pid}\n"
     assert result.status == 5
     (call,) = calls()
-    assert call["arguments"] == [str(scripted_rsync()), "--8-bit-output", *LISTING]
+    added = ["--8-bit-output", "--contimeout=30", "--timeout=60"]
+    assert call["arguments"] == [str(scripted_rsync()), *added, *LISTING]
     assert call["environment"] == {"RSYNC_UID": "", "RSYNC_GID": ""}
 
 
@@ -93,8 +94,7 @@ def test_copy_without_environment() -> None:
     script_rsync(CONFIRM)
     assert run(scripted_binary(), environment={}).status == 0
     (call,) = calls()
-    assert call["arguments"][1:4] == ADDED
-    assert call["arguments"][4:] == [*KEPT, URL, f"{TARGET}/"]
+    assert call["arguments"][1:] == [*ADDED, *KEPT, URL, f"{TARGET}/"]
 
 
 @pytest.mark.parametrize("closed", [[], [0], [0, 2], [2]])

@@ -116,7 +116,8 @@ def test_output_without_line_end_is_passed_on_and_not_kept() -> None:
     program = Program(scripted_binary())
     program.read_until("x" * 1000)
     result = program.finish()
-    assert result.report == b"x" * (2000 * 65536) + b"\nSENT: a\n"
+    assert result.report.replace(b"\n", b"") == b"x" * (2000 * 65536) + b"SENT: a"
+    assert max(map(len, result.report.split(b"\n"))) <= 1023
 
 
 def test_any_byte_passes() -> None:

@@ -15,12 +15,22 @@ Strings joined(Strings first, const Strings& second) {
     return first;
 }
 
-TEST(Arguments, OfAListingStayAsTheyAre) {
+TEST(Arguments, OfAListingOfAShareGetLimitsToTheWaiting) {
     const Strings given{"-mrlDHW", "--list-only", "--exclude=**.tmp",
                         "rsync://root@10.0.0.1:49371/ramdisk/"};
     const Arguments arguments = readArguments(given, "5", "6");
     EXPECT_FALSE(arguments.confirming);
-    EXPECT_EQ(arguments.rsync, joined({"--8-bit-output"}, given));
+    EXPECT_EQ(arguments.rsync,
+              joined({"--8-bit-output", "--contimeout=30", "--timeout=60"}, given));
+    EXPECT_EQ(arguments.listedSource, given.back());
+}
+
+TEST(Arguments, OfAnyOtherCallStayAsTheyAre) {
+    for (const Strings& given :
+         {Strings{"-r", "--list-only", "/local/"}, Strings{"--list-only", "host:path"},
+          Strings{"-n", "rsync://host/module/", "/tmp"}, Strings{"--version"}}) {
+        EXPECT_EQ(readArguments(given, "5", "6").rsync, joined({"--8-bit-output"}, given));
+    }
 }
 
 TEST(Arguments, OfACopyAreTakenApart) {
@@ -30,11 +40,12 @@ TEST(Arguments, OfACopyAreTakenApart) {
                        "rsync://root@10.0.0.1:49371/ramdisk/data/", "/images/./"},
                       "", "");
     EXPECT_TRUE(arguments.confirming);
-    EXPECT_EQ(arguments.rsync,
-              joined(ofTheReport,
-                     {"-vthlDHW", "--remove-source-files", "--numeric-ids", "--out-format=SENT: %n",
-                      "--password-file=/p/w", "--files-from=/tmp/list",
-                      "rsync://root@10.0.0.1:49371/ramdisk/data/", "/images/./"}));
+    EXPECT_EQ(
+        arguments.rsync,
+        joined({"--8-bit-output", "--contimeout=30", "--sockopts=TCP_NODELAY", "--info=remove1"},
+               {"-vthlDHW", "--remove-source-files", "--numeric-ids", "--out-format=SENT: %n",
+                "--password-file=/p/w", "--files-from=/tmp/list",
+                "rsync://root@10.0.0.1:49371/ramdisk/data/", "/images/./"}));
     EXPECT_EQ(arguments.source, "rsync://root@10.0.0.1:49371/ramdisk/data/");
     EXPECT_EQ(arguments.destination, "/images/./");
     EXPECT_EQ(arguments.fileList, "/tmp/list");

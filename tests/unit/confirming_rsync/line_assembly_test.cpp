@@ -53,19 +53,22 @@ TEST(LineAssembly, GivesNothingBeforeALineIsComplete) {
     EXPECT_EQ(shown(pieces), Shown{"<abc>"});
 }
 
+const std::string size = std::to_string(LineAssembly::limit);
+
 TEST(LineAssembly, PassesOnALineThatIsJustAtTheLimit) {
     const std::string text = std::string(LineAssembly::limit, 'x') + "\ny\n";
     for (const std::size_t portion : {std::size_t{1}, std::size_t{1000}, text.size()}) {
-        EXPECT_EQ(assemble(text, portion), (Shown{"<65536x>", "<y>"})) << portion;
+        EXPECT_EQ(assemble(text, portion), (Shown{"<" + size + "x>", "<y>"})) << portion;
     }
 }
 
 TEST(LineAssembly, CutsALongerLineIntoPiecesThatDoNotDependOnTheArrival) {
     const std::string text = std::string(2 * LineAssembly::limit, 'x') + "rest\n" +
                              std::string(LineAssembly::limit + 1, 'z');
-    const Shown expected{"<65536x.", ".65536x.", ".rest>", "<65536z.", ".z."};
+    const Shown expected{"<" + size + "x.", "." + size + "x.", ".rest>", "<" + size + "z.", ".z."};
     for (const std::size_t portion :
-         {std::size_t{1}, std::size_t{7}, std::size_t{65536}, std::size_t{65537}, text.size()}) {
+         {std::size_t{1}, std::size_t{7}, std::size_t{LineAssembly::limit}, LineAssembly::limit + 1,
+          text.size()}) {
         EXPECT_EQ(assemble(text, portion), expected) << portion;
     }
 }

@@ -16,6 +16,7 @@ TEST(ProcessStatus, IsReadBehindAnyName) {
         const auto status = parseProcessStatus("42 " + std::string(name) + numbers);
         ASSERT_TRUE(status) << name;
         EXPECT_EQ(status->state, 'S') << name;
+        EXPECT_EQ(status->group, 2) << name;
         EXPECT_EQ(status->start, 8675309U) << name;
     }
 }

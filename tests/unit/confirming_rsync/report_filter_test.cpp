@@ -1,6 +1,7 @@
 // Which lines of stock rsync become which lines of the report, and when.
 #include "confirming_rsync/report_filter.h"
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -13,7 +14,8 @@ using namespace std::string_literals;
 
 /// A filter for which SENT lines may still follow of exactly the given names.
 ReportFilter filterWith(const std::set<std::string>& late = {}) {
-    return ReportFilter([late](const std::string& name) { return late.count(name) != 0; });
+    return ReportFilter([late](const std::string& name) { return late.count(name) != 0; },
+                        [](const std::string& /*name*/) { return true; });
 }
 
 /// The whole report for an output that arrives in portions of the given size.
@@ -191,12 +193,12 @@ TEST(ReportFilter, LetsNoLineOfRsyncReadAsOneOfItsOwn) {
 
 TEST(ReportFilter, DoesNotTrustALineThatMayHaveBeenCutOff) {
     expectReport("SENT: a\nsender removed a", "SENT: a\nsender removed a\n");
-    expectReport("SENT: a", "SENT: a\n");
+    expectReport("SENT: a", "rsync: SENT: a\n");
     ReportFilter filter = filterWith();
     filter.takeOutput("SENT: a");
     filter.takeErrorOutput("no end");
     filter.finish();
-    EXPECT_EQ(filter.takeReport(), "SENT: a\nno end\n");
+    EXPECT_EQ(filter.takeReport(), "rsync: SENT: a\nno end\n");
     EXPECT_FALSE(filter.wasSent("a"));
 }
 
@@ -210,12 +212,12 @@ TEST(ReportFilter, KeepsTheLinesOfTheTwoStreamsApart) {
     EXPECT_EQ(filter.takeReport(), "SENT: a\nrsync: some error\nCONFIRMED: removed a\n");
 }
 
-TEST(ReportFilter, PassesOnVeryLongLinesUnchanged) {
-    const std::string name(1048576, 'n');
-    for (const std::string& line : {"x" + name + "\n", "SENT: " + name + "\n"}) {
-        for (const std::size_t portion : {std::size_t{4093}, line.size()}) {
-            EXPECT_EQ(reportOf(line, portion), line);
-        }
+TEST(ReportFilter, BreaksLongLines) {
+    constexpr std::size_t limit = LineAssembly::limit;
+    const std::string x(limit, 'x');
+    expectReport(x + "\n", x + "\n");
+    for (const std::size_t portion : {std::size_t{1}, std::size_t{999}, std::size_t{100000}}) {
+        EXPECT_EQ(reportOf(x + x + "rest\n", portion), x + "\n" + x + "\nrest\n");
     }
 }
 
@@ -225,31 +227,64 @@ TEST(ReportFilter, DoesNotKeepALineWithoutEnd) {
     filter.takeOutput(portion);
     for (int round = 0; round < 100; ++round) {
         filter.takeOutput(portion);
-        EXPECT_EQ(filter.takeReport(), portion);
+        EXPECT_EQ(filter.takeReport(), portion + "\n");
     }
 }
 
-TEST(ReportFilter, EndsAnOverLongLineBeforeALineOfAnotherOrigin) {
-    ReportFilter filter = filterWith();
-    const std::string half(LineAssembly::limit, 'e');
-    filter.takeErrorOutput(half + "CONFIRMED: x y");
-    filter.takeOutput("SENT: a\nsender removed a\n");
-    filter.takeErrorOutput(" z\nnext\n");
-    EXPECT_EQ(filter.takeReport(),
-              half + "\nSENT: a\nCONFIRMED: removed a\nrsync: CONFIRMED: x y z\nnext\n");
-    filter.takeErrorOutput(half + "e");
-    filter.takeReport();
-    filter.remark("remark");
-    EXPECT_EQ(filter.takeReport(), "\nremark\n");
+TEST(ReportFilter, NeverSendsOrConfirmsByALongLine) {
+    constexpr std::size_t limit = LineAssembly::limit;
+    const std::string name(limit, 'n');
+    // Each piece is a line for the reader: at its beginning, in the middle, on either output.
+    for (const std::string& text :
+         {"sender removed " + name, "SENT: " + name, "CONFIRMED: removed " + name,
+          name + "sender removed a", name + "SENT: a", name + "CONFIRMED: removed a",
+          name + name + "  CONFIRMED: x a", std::string(limit - 1, ' ') + "CONFIRMED: x a"}) {
+        ReportFilter filter = filterWith();
+        filter.takeOutput(text + "\n");
+        filter.takeErrorOutput(text + "\n");
+        filter.finish();
+        const std::string report = filter.takeReport();
+        std::size_t begin = 0;
+        for (std::size_t end = report.find('\n'); end != std::string::npos;
+             begin = end + 1, end = report.find('\n', begin)) {
+            const std::string line = report.substr(begin, end - begin);
+            EXPECT_LE(line.size(), 1022U);
+            const std::string word =
+                line.substr(std::min(line.size(), line.find_first_not_of(' ')));
+            EXPECT_NE(word.substr(0, 5), "SENT:") << text.substr(0, 20);
+            EXPECT_NE(word.substr(0, 10), "CONFIRMED:") << text.substr(0, 20);
+        }
+        EXPECT_FALSE(filter.hasConfirmed());
+    }
 }
 
-TEST(ReportFilter, NeverConfirmsByAnOverLongLine) {
-    const std::string name(LineAssembly::limit, 'n');
-    const std::string line = "sender removed " + name + "\n";
-    EXPECT_EQ(reportOf(line, line.size()), line);
-    // Nor by the rest of one, which begins a piece but no line.
-    const std::string rest = name + "sender removed a\n";
-    EXPECT_EQ(reportOf(rest, rest.size()), rest);
+TEST(ReportFilter, ConfirmsNoNameThatTheReaderWouldCut) {
+    ReportFilter filter = filterWith();
+    const std::string fits(ReportFilter::longestName, 'n');
+    filter.confirm(fits + "x");
+    filter.confirmRecovered(fits + "x");
+    EXPECT_EQ(filter.takeReport(), "");
+    filter.confirm(fits);
+    filter.confirmRecovered(fits);
+    EXPECT_EQ(filter.takeReport(),
+              "CONFIRMED: removed " + fits + "\nCONFIRMED: recovered " + fits + "\n");
+}
+
+TEST(ReportFilter, ConfirmsNothingThatWasNotToBeCopied) {
+    ReportFilter filter([](const std::string& /*name*/) { return false; },
+                        [](const std::string& name) { return name == "asked"; });
+    filter.takeOutput("sender removed other\nsender removed asked\n");
+    EXPECT_EQ(filter.takeReport(), "sender removed other\nCONFIRMED: removed asked\n");
+}
+
+TEST(ReportFilter, CountsTheFilesThatCouldNotBeCreated) {
+    ReportFilter filter = filterWith();
+    filter.takeErrorOutput(
+        "rsync: [receiver] mkstemp \"/x/.a.R4\" failed: Read-only file system (30)\n"
+        "rsync: mkstemp \"/x/.a.R4\" failed: Permission denied (13)\n"
+        "rsync: [sender] mkstemp\n");
+    filter.takeOutput("rsync: [receiver] mkstemp \"/x\"\n");
+    EXPECT_EQ(filter.receiverFailures(), 2U);
 }
 
 TEST(ReportFilter, TakesConfirmationsFromElsewhere) {
