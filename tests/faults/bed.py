@@ -6,7 +6,7 @@ A seed decides what the detectors produce and which faults strike when. What a f
     bed.consumer                    .come(), .leave(), .nap
     bed.kill_daemon(number), bed.start_daemon(), bed.daemon
     bed.copy_processes(), bed.rsync_children(), bed.send(process, number), bed.kill_copy_process(...)
-    bed.wait_idle(), bed.wait_copying(), bed.standing_still()
+    bed.wait_idle(), bed.wait_copying(), bed.wait_moment(rng), bed.standing_still()
 
 While faults strike, the source is looked at all the time: a file that is gone there has to be whole
 at the target. The consumer looks at each file when its record arrives. When the last fault is
@@ -195,6 +195,24 @@ class Bed:
                 return found
             time.sleep(0.002)
         return []
+
+    def wait_moment(self, rng: Random) -> list[Process]:
+        """Waits for a moment to strike, and returns the copy processes of that moment: mostly while
+        files leave the source, else at the beginning of a copy or at any time.
+        """
+        kind = rng.random()
+        if kind < 0.9:
+            self.wait_copying()
+        if kind < 0.6:
+            moved = self.moved()
+            with suppress(AssertionError):
+                wait_until(lambda: self.moved() > moved, "files to leave the source", 3)
+        self._wait(rng.uniform(0, 0.05 if kind < 0.6 else 0.4))
+        return self.copy_processes()
+
+    def moved(self) -> int:
+        """How many files have left the sources so far."""
+        return sum(each.ledger.moved for each in self.stations)
 
     def wait_idle(self, timeout: float = 60) -> None:
         """Waits until no copy process is left and no record is under way in the daemon."""

@@ -2,7 +2,6 @@
 
 from __future__ import annotations
 
-import time
 from random import Random
 
 from faults.bed import Bed
@@ -25,8 +24,7 @@ class ConnectionFault(Fault):
     def inject(self, bed: Bed, rng: Random) -> int:
         proxy = rng.choice(bed.stations).proxy
         assert proxy is not None
-        bed.wait_copying(5)
-        time.sleep(rng.uniform(0, 0.1))
+        bed.wait_moment(rng)
         bed.note_kill()
         return self.spoil(proxy, rng)
 

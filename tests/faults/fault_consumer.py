@@ -85,8 +85,7 @@ class ConsumerDies(Fault):
         # Without an end of its own in the daemon, the pipe would forget what was not read.
         if os.path.realpath(skarn.FIFO) not in descriptors(bed.daemon.pid).values():
             return 0
-        bed.wait_copying(5)
-        time.sleep(rng.uniform(0, 0.1))
+        bed.wait_moment(rng)
         bed.note_kill()
         bed.consumer.leave()
         end = time.monotonic() + 1

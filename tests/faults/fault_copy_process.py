@@ -3,7 +3,6 @@
 from __future__ import annotations
 
 import signal
-import time
 from random import Random
 
 from faults.bed import Bed
@@ -17,12 +16,10 @@ class CopyProcessesEnded(Fault):
     kills = True
     instant = True
     number = signal.SIGKILL
-    gap = (0.0, 0.3)
+    gap = (0.0, 0.2)
 
     def inject(self, bed: Bed, rng: Random) -> int:
-        bed.wait_copying(5)
-        time.sleep(rng.uniform(0, 0.3))  # at its beginning, in its middle, at its end
-        found = bed.copy_processes()
+        found = bed.wait_moment(rng)
         if found and rng.random() < 0.7:
             found = [rng.choice(found)]
         return sum(bed.kill_copy_process(each, self.number) for each in found)
@@ -58,7 +55,7 @@ class CopyProcessStopped(Fault):
 
     def inject(self, bed: Bed, rng: Random) -> int:
         self.stopped = [
-            each for each in bed.wait_copying(5) if bed.send(each, signal.SIGSTOP)
+            each for each in bed.wait_moment(rng) if bed.send(each, signal.SIGSTOP)
         ]
         return len(self.stopped)
 
@@ -79,7 +76,7 @@ class StockRsyncKilled(Fault):
     rounds = 40
 
     def inject(self, bed: Bed, rng: Random) -> int:
-        bed.wait_copying(5)
+        bed.wait_moment(rng)
         found = bed.rsync_children()
         if not found:
             return 0

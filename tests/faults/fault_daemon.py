@@ -3,7 +3,6 @@
 from __future__ import annotations
 
 import signal
-import time
 from random import Random
 
 from faults.bed import Bed
@@ -16,13 +15,10 @@ class DaemonEnded(Fault):
     kills = True
     instant = True
     number = signal.SIGKILL
-    gap = (0.0, 0.5)
+    gap = (0.0, 0.2)
 
     def inject(self, bed: Bed, rng: Random) -> int:
-        # Mostly in the middle of copying, where it hurts; else at any time.
-        if rng.random() < 0.7:
-            bed.wait_copying(1)
-            time.sleep(rng.uniform(0, 0.3))
+        bed.wait_moment(rng)
         return bed.kill_daemon(self.number)
 
     def heal(self, bed: Bed) -> None:
@@ -75,8 +71,7 @@ class AllKilled(DaemonEnded):
     rounds = 60
 
     def inject(self, bed: Bed, rng: Random) -> int:
-        bed.wait_copying(2)
-        time.sleep(rng.uniform(0, 0.3))
+        bed.wait_moment(rng)
         children = bed.rsync_children()
         for each in bed.copy_processes():
             bed.kill_copy_process(each)

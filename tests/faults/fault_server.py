@@ -20,13 +20,13 @@ class ServerEnded(Fault):
     rounds = 30
     station: Station
 
-    def wait(self, bed: Bed) -> bool:
+    def wait(self, bed: Bed, rng: Random) -> bool:
         """Waits for the moment to strike; false if it did not come."""
         raise NotImplementedError
 
     def inject(self, bed: Bed, rng: Random) -> int:
         self.station = rng.choice(bed.stations)
-        if not self.wait(bed):
+        if not self.wait(bed, rng):
             return 0
         bed.note_kill()
         if rng.random() < 0.7:
@@ -46,8 +46,8 @@ class ServerEndedInCopy(ServerEnded):
     name = "server-killed-in-copy"
     title = "rsync server killed in copy and restarted"
 
-    def wait(self, bed: Bed) -> bool:
-        return bool(bed.wait_copying(5))
+    def wait(self, bed: Bed, rng: Random) -> bool:
+        return bool(bed.wait_moment(rng))
 
 
 @register
@@ -57,7 +57,7 @@ class ServerEndedInListing(ServerEnded):
     name = "server-killed-in-listing"
     title = "rsync server killed in listing and restarted"
 
-    def wait(self, bed: Bed) -> bool:
+    def wait(self, bed: Bed, rng: Random) -> bool:
         end = time.monotonic() + 5
         while time.monotonic() < end:
             for each in processes():
@@ -131,7 +131,7 @@ class ServerConnectionKilled(Fault):
 
     def inject(self, bed: Bed, rng: Random) -> int:
         station = rng.choice(bed.stations)
-        bed.wait_copying(5)
+        bed.wait_moment(rng)
         killed = 0
         bed.note_kill()
         for pid in station.server.connection_pids():

@@ -41,6 +41,7 @@ class Ledger:
         self.places = [target]
         self.broken: list[str] = []
         self.bytes = 0
+        self.moved = 0  # files that have left the source
         self.made_up: set[str] = set()  # names that a fault itself announces; they don't count
         self._entries: dict[str, Entry] = {}
         self._present: dict[str, Entry] = {}
@@ -93,6 +94,7 @@ class Ledger:
             with self._lock:
                 entry.gone = time.monotonic()
                 del self._present[entry.name]
+                self.moved += 1
             if entry.stays and not entry.withdrawn:
                 self.complain(f"{entry.name!r} left the source though it can't be carried")
             elif not entry.withdrawn and not self.is_whole(entry):

@@ -27,8 +27,8 @@ class Workload:
         root: Path,
         seed: str,
         ledger: Ledger,
-        batch: tuple[int, int] = (5, 60),
-        refill: int = 30,
+        batch: tuple[int, int] = (5, 150),
+        refill: int = 40,
         most: int = 200_000,
     ) -> None:
         self.root = root
@@ -99,4 +99,4 @@ class Workload:
             return self._rng.randint(1, 4_000)
         if kind < 0.97:
             return self._rng.randint(4_000, 100_000)
-        return self._rng.randint(100_000, 3_000_000)
+        return self._rng.randint(100_000, 1_000_000)
