@@ -15,6 +15,13 @@ constexpr std::size_t namesPerProcess = 101;
 constexpr std::size_t writeSize = 65536;
 constexpr mode_t fileListMode = 0600;
 
+/// How many of the first `count` bytes of `lines` are whole lines.
+std::size_t wholeLines(std::string_view lines, off_t count) {
+    const auto begun = lines.substr(0, static_cast<std::size_t>(std::max<off_t>(count, 0)));
+    const std::size_t end = begun.rfind('\n');
+    return end == std::string_view::npos ? 0 : end + 1;
+}
+
 } // namespace
 
 int copyProcessCount(std::size_t count, int setting) {
@@ -41,15 +48,27 @@ void FileList::add(std::string_view entry) {
     pending += entry;
     pending += '\n';
     if (pending.size() >= writeSize) {
-        writeAll(file.get(), pending);
-        pending.clear();
+        writePending();
     }
 }
 
 void FileList::close() {
-    writeAll(file.get(), pending);
-    pending.clear();
+    writePending();
     file.reset();
+}
+
+void FileList::writePending() {
+    const off_t begin = lseek(file.get(), 0, SEEK_CUR);
+    if (!writeAll(file.get(), pending)) {
+        // The half of a name that fitted in, or had a later one glued to it when there is room
+        // again, would be the name of something else.
+        const off_t written = lseek(file.get(), 0, SEEK_CUR) - begin;
+        const std::size_t whole = wholeLines(pending, written);
+        const int result = ftruncate(file.get(), begin + static_cast<off_t>(whole));
+        static_cast<void>(result); // to be made shorter, a file needs no room
+        file.reset();
+    }
+    pending.clear();
 }
 
 std::vector<FileList> dealNames(const NameList& names, int n) {

@@ -27,13 +27,16 @@ public:
 
     const std::string& name() const { return fileName; }
 
-    /// Adds a name.
+    /// Adds a name. Where the file can't take it, this name and all later ones are lost for this
+    /// cycle; the file holds whole names only.
     void add(std::string_view entry);
 
     /// Writes out what was added and closes the file.
     void close();
 
 private:
+    void writePending();
+
     std::string fileName;
     Descriptor file;
     std::string pending; // names not written to the file yet

@@ -5,6 +5,7 @@
 #include "log/log_file.h"
 #include "transfer/thread.h"
 #include "utilities/descriptors.h"
+#include "utilities/sleep.h"
 
 #include <cerrno>
 #include <climits>
@@ -12,6 +13,12 @@
 
 #include <fcntl.h>
 #include <unistd.h>
+
+namespace {
+
+constexpr long pauseForDescriptors = 50; // milliseconds
+
+} // namespace
 
 HandoffPipe::HandoffPipe(LogFile& evaluatorLog, const std::string& targetDirectory)
     : log(evaluatorLog), target(targetDirectory) {
@@ -24,11 +31,23 @@ void HandoffPipe::open() {
         pipeDescriptor = 0;
         return;
     }
+    // The copy process has begun: all that it confirms without a pipe stays unannounced for ever.
+    // A report that nobody reads yet stops it, as it does while there is no reader.
+    int error = openOnce(path);
+    while (error == EMFILE || error == ENFILE) {
+        UTILITIES::sleepMilliSeconds(pauseForDescriptors);
+        error = openOnce(path);
+    }
+}
+
+/// Returns 0, or why it failed.
+int HandoffPipe::openOnce(const char* path) {
     // Its number is taken before the wait for a reader begins, which may be long. The shield keeps
     // it above 2 from the first moment, so that no child that another worker starts meanwhile can
     // write into it.
     const StandardDescriptorsShield shield(Thread::mainMutex);
     pipeDescriptor = moveAboveStandard(::open(path, O_WRONLY));
+    return pipeDescriptor < 0 ? errno : 0;
 }
 
 void HandoffPipe::pass(std::string_view name) {

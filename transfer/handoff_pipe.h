@@ -20,8 +20,8 @@ public:
     HandoffPipe& operator=(const HandoffPipe&) = delete;
 
     /// Opens the pipe for writing and waits until the consumer has it open for reading. When it is
-    /// absent, that is logged and every later record is dropped. When it can't be opened, every
-    /// later record fails.
+    /// absent, that is logged and every later record is dropped. While no descriptor is to be had,
+    /// it waits for one. When it can't be opened for another reason, every later record fails.
     void open();
 
     /// Writes the record of one file: the target directory, "/", the name and a line feed.
@@ -31,6 +31,8 @@ public:
     void close();
 
 private:
+    int openOnce(const char* path);
+
     LogFile& log;
     const std::string& target;
     int pipeDescriptor = 0; // 0 stands for no pipe; a real one is always above 2

@@ -47,7 +47,8 @@ int moveAboveStandard(int descriptor) {
         return descriptor;
     }
     const int moved = fcntl(descriptor, F_DUPFD_CLOEXEC, firstOwnDescriptor);
-    const int error = errno;
+    // The limit may lie so low that no number above 2 is allowed at all, which counts as invalid.
+    const int error = moved < 0 && errno == EINVAL ? EMFILE : errno;
     close(descriptor);
     errno = error;
     return moved;

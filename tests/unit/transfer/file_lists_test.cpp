@@ -1,9 +1,11 @@
 // How many copy processes a cycle gets, and the file lists they read.
+#include "tests/unit/support/child_process.h"
 #include "tests/unit/support/settings_test.h"
 #include "transfer/file_lists.h"
 
 #include <algorithm>
 #include <climits>
+#include <csignal>
 #include <string>
 #include <thread>
 #include <vector>
@@ -12,6 +14,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -113,6 +116,53 @@ TEST_F(FileLists, HoldEverythingHoweverMuchItIs) {
     }
     list.close();
     EXPECT_EQ(readFile(path), expected);
+}
+
+/// What a list holds of these names, and of one more that is added when there is room again, where
+/// the file system takes no more than `room` bytes of it.
+std::string contentWithRoomFor(rlim_t room, const std::string& path,
+                               const std::vector<std::string>& names) {
+    const ChildOutcome outcome = runInChild([&] {
+        signal(SIGXFSZ, SIG_IGN);
+        rlimit before = {};
+        getrlimit(RLIMIT_FSIZE, &before);
+        const rlimit limit = {room, before.rlim_max};
+        setrlimit(RLIMIT_FSIZE, &limit);
+        FileList list(path);
+        for (const std::string& name : names) {
+            list.add(name);
+        }
+        if (names.size() == 1) {
+            list.close();
+        }
+        setrlimit(RLIMIT_FSIZE, &before);
+        list.add("later");
+        list.close();
+        return readFile(path);
+    });
+    return outcome.result;
+}
+
+TEST_F(FileLists, HoldWholeNamesOnlyWhereThereIsNoRoomForAll) {
+    // More than is written at once: the file system is found full while names are still added.
+    std::vector<std::string> names;
+    for (int i = 0; i < 20000; ++i) {
+        names.push_back("frame_" + std::to_string(100000 + i));
+    }
+    const std::string content = contentWithRoomFor(70000, path, names);
+    std::string expected;
+    for (std::size_t i = 0; expected.size() + names[i].size() < 70000; ++i) {
+        expected += names[i] + "\n";
+    }
+    // Half of the next name would be another name, and so would one glued to it.
+    EXPECT_TRUE(content == expected)
+        << content.size() << " bytes, ending in \"" << content.substr(content.size() - 30) << '"';
+}
+
+TEST_F(FileLists, AreEmptyWhereThereIsNoRoomForTheFirstName) {
+    EXPECT_EQ(contentWithRoomFor(5, path, {"frame_1"}), "");
+    unlink(path.c_str());
+    EXPECT_EQ(contentWithRoomFor(0, path, {"frame_1"}), "");
 }
 
 TEST_F(FileLists, CanBeClosedTwice) {

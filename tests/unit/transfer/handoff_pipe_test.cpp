@@ -9,6 +9,7 @@
 
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <csignal>
 #include <string>
 #include <thread>
@@ -16,6 +17,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -64,6 +66,36 @@ TEST_F(HandoffPipeTest, WarnsOnceWhenThePipeIsAbsentAndDropsEveryRecord) {
     pipe.close();
     EXPECT_EQ(logText(), "++ Warning: No pipe to VANTREL\n");
     EXPECT_FALSE(exists(fifoPath));
+}
+
+TEST_F(HandoffPipeTest, WaitsForADescriptorWhenTheDaemonHasNone) {
+    makeFifo(fifoPath);
+    FifoReader reader(fifoPath);
+    const std::string target = "/images/.";
+    HandoffPipe pipe(log, target);
+    rlimit before = {};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+    std::atomic<bool> limited{false};
+    std::atomic<bool> begun{false};
+    std::atomic<bool> opened{false};
+    std::thread evaluator([&] {
+        waitUntil([&] { return limited.load(); });
+        begun = true;
+        pipe.open();
+        opened = true;
+    });
+    const rlimit none = {0, before.rlim_max};
+    EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    limited = true;
+    EXPECT_TRUE(waitUntil([&] { return begun.load(); }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_FALSE(opened);
+    EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+    evaluator.join();
+    pipe.pass("a");
+    pipe.close();
+    EXPECT_EQ(reader.text(), "/images/./a\n");
+    EXPECT_EQ(logText(), "");
 }
 
 TEST_F(HandoffPipeTest, WritesTargetSlashNameAndLineFeed) {
