@@ -10,7 +10,7 @@ A seed decides what the detectors produce and which faults strike when. What a f
 
 While faults strike, the source is looked at all the time: a file that is gone there has to be whole
 at the target. The consumer looks at each file when its record arrives. When the last fault is
-healed, `drain` waits until all is moved and announced, and `verify` compares file by file.
+healed, the bed waits until all is moved and announced, and `judge` compares file by file.
 """
 
 from __future__ import annotations
@@ -284,8 +284,11 @@ class Bed:
         end = time.monotonic() + limit
         instants = [each for each in faults if each.instant] if len(faults) > 1 else []
         vain = 0
+        deck: list[Fault] = []
         while outcome.injected < rounds and time.monotonic() < end and vain < MOST_IN_VAIN:
-            fault = rng.choice(faults)
+            if not deck:
+                deck = rng.sample(faults, len(faults))  # each once before one comes again
+            fault = deck.pop()
             self._wait(rng.uniform(*fault.gap))
             injected = fault.inject(self, rng)
             if not injected:
@@ -309,7 +312,8 @@ class Bed:
         if not outcome.injected:
             self.ledger.complain("no fault could be injected")
         outcome.recovered_in = self._drain(max(each.drain for each in faults))
-        self._verify(faults, outcome)
+        self._end_daemon(faults)
+        self.judge(faults, outcome)
         return outcome
 
     def _wait(self, seconds: float) -> None:
@@ -342,8 +346,8 @@ class Bed:
             done = time.monotonic()
         return done - begin
 
-    def _verify(self, faults: list[Fault], outcome: Outcome) -> None:
-        """Compares everything with the promise; what breaks it is complained about."""
+    def _end_daemon(self, faults: list[Fault]) -> None:
+        """Ends what a run started, when all is quiet."""
         try:
             self.wait_idle()
         except AssertionError as error:
@@ -355,15 +359,18 @@ class Bed:
         else:
             self.ledger.complain("the daemon ended on its own")
         self.consumer.leave()
+
+    def judge(self, faults: list[Fault], outcome: Outcome) -> None:
+        """Compares all that is there with the promise, file by file; nothing may run any more."""
         kills = any(fault.kills for fault in faults)
         for station in self.stations:
-            self._verify_station(station, kills, outcome)
-        self._verify_log()
-        self._verify_leftovers()
+            self._judge_station(station, kills, outcome)
+        self._judge_log()
+        self._judge_leftovers()
         outcome.daemon_kills, outcome.copy_kills = self.daemon_kills, self.copy_kills
         outcome.broken = tuple(line for each in self.stations for line in each.ledger.broken)
 
-    def _verify_station(self, station: Station, kills: bool, outcome: Outcome) -> None:
+    def _judge_station(self, station: Station, kills: bool, outcome: Outcome) -> None:
         ledger = station.ledger
         entries = ledger.entries()
         outcome.files += len(entries)
@@ -405,7 +412,7 @@ class Bed:
                 if name not in produced and not (half and self._kill_times):
                     ledger.complain(f"{place / name} is at the target and was never produced")
 
-    def _verify_log(self) -> None:
+    def _judge_log(self) -> None:
         log = self.daemon.archived_log()
         names = {entry.name for each in self.stations for entry in each.ledger.entries()}
         for name in re.findall(r"^Error: Lost (.*)$", log, re.MULTILINE):
@@ -420,7 +427,7 @@ class Bed:
         if reports:
             self.ledger.complain(reports)
 
-    def _verify_leftovers(self) -> None:
+    def _judge_leftovers(self) -> None:
         def ours() -> list[Process]:
             return [
                 each

@@ -1,0 +1,41 @@
+"""The short form of the fault runs: all faults mixed, and for themselves those that can't be.
+
+scripts/faults.sh is the long form. A run that fails prints the seed and the command to repeat it.
+"""
+
+from __future__ import annotations
+
+import os
+import random
+from pathlib import Path
+
+import pytest
+
+from faults.fault import load
+from faults.run import MIXED, command, run, summary
+from support.daemon import sanitizer_of
+
+INSTRUMENTED = sanitizer_of(Path(os.environ["SKARN_BINARY"])) is not None
+# Slow to recover from, by nature: the long form has them.
+LONG = {"connections-lost", "target-read-only", "target-no-inodes"}
+ALONE = [name for name, kind in load().items() if not kind.mixes and name not in LONG]
+FRESH = random.SystemRandom().randrange(10**6)
+# Which fault, its seed, and how many of it. An instrumented build is slow and gets the first alone.
+CASES: list[tuple[str, int, int]] = [(MIXED, 1, 20)] if INSTRUMENTED else [
+    (MIXED, 1, 55),
+    (MIXED, FRESH, 30),
+    *((name, 1, 2) for name in ALONE),
+]
+
+
+@pytest.mark.parametrize(("name", "seed", "rounds"), CASES)
+def test_the_promise_holds(
+    name: str, seed: int, rounds: int, capsys: pytest.CaptureFixture[str]
+) -> None:
+    again = command(name, seed, rounds)
+    with capsys.disabled():
+        print(f"\n{again}", flush=True)
+        outcome = run(name, seed, rounds, limit=70, log=None)
+        print(summary(outcome), flush=True)
+    assert not outcome.broken, f"{again}\n" + "\n".join(outcome.broken[:20])
+    assert outcome.injected > 0 and outcome.files > 0
