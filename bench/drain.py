@@ -49,6 +49,7 @@ COPY_OPTIONS = shlex.split(
     "-vthlDHW --remove-source-files --numeric-ids --out-format='SENT: %n' --sockopts=TCP_NODELAY"
 )
 PROCESSES = 8
+JOURNALS = Path("/var/lib/skarn/journal")
 LIMIT = 120.0
 
 
@@ -169,8 +170,13 @@ def drain_by_rsync(station: Station, names: list[str]) -> Drain:
 
 
 def prepare(station: Station, names: list[str], size: int) -> None:
-    """Empties the target and fills the share; each file has its own content."""
+    """Empties the target and fills the share; each file has its own content.
+
+    The copy program finds no journals: those of the round before are of a dead daemon, and to
+    decide about them is no part of a drain.
+    """
     shutil.rmtree(station.target, ignore_errors=True)
+    shutil.rmtree(JOURNALS, ignore_errors=True)
     station.target.mkdir(parents=True)
     station.simulator.root.mkdir(parents=True, exist_ok=True)
     STATE.mkdir(parents=True, exist_ok=True)

@@ -54,7 +54,7 @@ shell_scripts() {
 python_types() {
     local list=()
     mapfile -t list < <(git ls-files '*.py')
-    [ ${#list[@]} -gt 0 ] && MYPYPATH=tests mypy --strict --explicit-package-bases "${list[@]}"
+    [ ${#list[@]} -gt 0 ] && MYPYPATH=tests:bench mypy --strict --explicit-package-bases "${list[@]}"
 }
 
 # tree_free_of PATTERN, log_free_of PATTERN: fail and show the lines when a tracked file or a commit message matches.
