@@ -15,6 +15,7 @@ from __future__ import annotations
 
 import os
 import re
+import shlex
 import shutil
 import signal
 import subprocess
@@ -138,6 +139,7 @@ def sanitizer_reports() -> str:
     return "".join(
         f"{path.name}:\n{path.read_text(encoding='utf-8', errors='replace')}\n"
         for path in sorted(REPORTS.iterdir())
+        if path.stat().st_size > 0
     )
 
 
@@ -185,7 +187,9 @@ class Daemon:
         processes.adopt_orphans()
         before = {each.pid for each in processes.children()}
         binary = self.binary if user is None else self._binary_for_everybody()
-        command = [*wrapper, str(binary), *arguments]
+        # Whatever watches the daemon (scripts/helgrind.sh) does so closest to it.
+        watcher = shlex.split(os.environ.get("SKARN_WRAPPER", ""))
+        command = [*wrapper, *watcher, str(binary), *arguments]
         if closed:
             shell = 'exec "$0" "$@"' + "".join(f" {number}>&-" for number in closed)
             command = ["/bin/sh", "-c", shell, *command]
@@ -212,7 +216,7 @@ class Daemon:
         adopted = [
             each.pid
             for each in processes.children()
-            if each.pid not in before and each.name == self.binary.name[:15]
+            if each.pid not in before and (watcher or each.name == self.binary.name[:15])
         ]
         assert len(adopted) <= 1, f"one start left {len(adopted)} daemons"
         if adopted:
@@ -356,7 +360,7 @@ class Daemon:
 
     def _environment(self, wanted: Mapping[str, str], leak_check: bool) -> dict[str, str]:
         environment = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin"}
-        if self.sanitizer is not None:
+        if self.sanitizer is not None or "SKARN_WRAPPER" in os.environ:
             REPORTS.mkdir(mode=0o777, parents=True, exist_ok=True)
             REPORTS.chmod(0o777)
             options = f"log_path={REPORTS}/report:exitcode=99"
