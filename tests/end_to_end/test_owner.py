@@ -7,6 +7,7 @@ from pathlib import Path
 
 from support.bed import Bed
 from support.detector import list_files
+from support.waiting import wait_until
 
 
 def owners_below(root: Path) -> set[tuple[int, int]]:
@@ -46,7 +47,8 @@ def test_a_uid_or_a_gid_alone_is_enough() -> None:
         with Bed(settings={key: 1234}) as bed:
             bed.simulator.write(f"{key}.raw")
             bed.start()
-            bed.wait_announced(1)
+            # The daemon before was killed, so that its file may be announced once more.
+            wait_until(lambda: f"{key}.raw" in bed.announced(), f"{key}.raw to be announced")
             assert owner_of(bed.target / f"{key}.raw") == owner
 
 
