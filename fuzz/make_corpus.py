@@ -78,22 +78,24 @@ def seeds() -> dict[str, dict[str, str | bytes]]:
             "good": "receiving file list ... done\nSENT: a\nsender removed a\nSENT: d/\n\nsent 1\n",
             "link_first": "sender removed a\nSENT: a\nsender removed bb\nSENT: bb\n",
             "forged": b"CONFIRMED: removed a\n CONFIRMED: x y\n\xffeSENT: b\nsender removed c\n",
-            "complaints": b"\xffersync: [sender] link_stat \"/a\" (in ramdisk) failed: Denied (13)\n"
+            "complaints": b"\xffersync: [sender] link_stat \"/a\" (in ramdisk) failed: Oh (13)\n"
             b"ERROR: b failed verification -- update discarded.\n"
             b"file has vanished: \"/c\" (in ramdisk)\n",
-            "mixed": b"SENT: a\nsend\xffeoh\xffoer removed a\xff\xffe no\n\xffo\nSENT: b\xffcb\xffmhm",
+            "mixed": b"SENT: a\nsend\xffeoh\xffoer removed a\xff\xffe\n\xffo\nSENT: b\xffcb\xffmm",
             "asked": b"SENT: a\nSENT: b\n\xfff\xffca\xffca\xffmcannot ask\xffcb",
             "cut_off": b"SENT: a\nsender removed a",
             "overlong": b"sender removed \xffnaaaaaaaaaaaaaaaaaaa\n\xffeCONFIRMED: x\nSENT: a\n",
             "at_the_limit": b"\xffnxxxxxxxxxxxxxxxx\nSENT: a\n",
             "behind_the_limit": b"\xffe\xffnxxxxxxxxxxxxxxxxCONFIRMED: x y\n",
+            "behind_two_limits": b"SENT: \xffnaaaaaaaaaa\xffnxxxxxxxxxxxxxxxxSENT: b\xffeno",
+            "not_credible": "sender removed ../a\nsender removed /b\nsender removed x\n",
         },
         "share_question": {
             "all_gone": question("rsync://r@h:1/ramdisk/", "a\nb", "", gone("/a") + gone("/b")),
             "one_left": question("rsync://h/ramdisk/data/", "a\nb", line("a"), gone("/data/b")),
             "older": question("h::ramdisk", "a", line(".", DIRECTORY), gone("/a", "")),
             "link": question("rsync://h/ramdisk/", "a\nb", line("a -> b", LINK), gone("/a")),
-            "arrow": question("[::1]::ramdisk", "a -> b", line("a -> b -> c", LINK), gone("/a -> b")),
+            "arrow": question("[::1]::r", "a -> b", line("a -> b -> c", LINK), gone("/a -> b")),
             "escapes": question(
                 "rsync://h/ramdisk/x/../y", "a\\#012\nb\\#134", line("a\\#012"), gone("/b\\#134")
             ),
