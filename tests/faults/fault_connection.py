@@ -92,6 +92,7 @@ class ConnectionsLost(ConnectionFault):
     mixes = False
     rounds = 3
     hold = (1.0, 1.0)
+    drain = 150.0
 
     def spoil(self, proxy: Proxy, rng: Random) -> int:
         return proxy.black_hole()
