@@ -49,12 +49,16 @@ class BadCopyProgram(Fault):
         raise NotImplementedError
 
     def inject(self, bed: Bed, rng: Random) -> int:
-        head = LISTS_WELL.format(good=shlex.quote(str(good_program())))
-        put_in_place(head + self.script(rng))
+        put_in_place(lists_well(self.script(rng)))
         return int(bool(bed.wait_copying(5)))
 
     def heal(self, bed: Bed) -> None:
         install_copy_program(good_program())
+
+
+def lists_well(copying: str) -> str:
+    """A script that lists as the good program does, and for copying runs these commands."""
+    return LISTS_WELL.format(good=shlex.quote(str(good_program()))) + copying
 
 
 def put_in_place(text: str, mode: int = 0o755) -> None:

@@ -13,7 +13,8 @@ from random import Random
 
 from faults.bed import Bed
 from faults.fault import Fault, register
-from support.daemon import file_lists
+from faults.fault_copy_program import good_program, lists_well, put_in_place
+from support.daemon import file_lists, install_copy_program
 from support.processes import processes, status_field
 
 PID_MAX = Path("/proc/sys/kernel/pid_max")
@@ -86,27 +87,37 @@ class DescriptorsExhausted(DaemonLimit):
 
 @register
 class MemoryTight(DaemonLimit):
-    """The daemon's address space may not grow, or by little.
+    """The daemon's address space, or what it can write to of it, may not grow, or by little. Now and
+    then a report is long.
 
     A daemon that can't have the memory that it needs ends, and is started again.
     """
 
     name = "memory-tight"
     title = "memory tight; a daemon that ends of it is started again"
-    kind = resource.RLIMIT_AS
     kills = True
     alone = True
 
     def inject(self, bed: Bed, rng: Random) -> int:
+        talks = rng.random() < 0.5
+        if talks:
+            put_in_place(lists_well("exec yes 'no end' | head -c 20000000\n"))
         self.wait_for_start(bed, rng)
         if not bed.daemon.is_running():
             return 0
         bed.note_kill()
-        size = int(status_field(bed.daemon.pid, "VmSize").split()[0]) * 1024
-        more = rng.choice((0, 0, 4096, 200_000, 9_000_000, 20_000_000))
+        # It may end by SIGABRT, of which no trace has to be kept.
+        hard = resource.prlimit(bed.daemon.pid, resource.RLIMIT_CORE)[1]
+        resource.prlimit(bed.daemon.pid, resource.RLIMIT_CORE, (0, hard))
+        self.kind, field = rng.choice(
+            ((resource.RLIMIT_AS, "VmSize"), (resource.RLIMIT_DATA, "VmData"))
+        )
+        size = int(status_field(bed.daemon.pid, field).split()[0]) * 1024
+        more = rng.choice((0, 4096, 200_000, 1_000_000) if talks else (0, 200_000, 9_000_000))
         return int(self.lower(bed, size + more))
 
     def heal(self, bed: Bed) -> None:
+        install_copy_program(good_program())
         super().heal(bed)
         if not bed.daemon.is_running():
             status = bed.daemon.wait_ended()
