@@ -1,4 +1,5 @@
 // Fuzzes the reading of a share's listing.
+#include "confirming_rsync/share_listing.h"
 #include "fuzz/input.h"
 #include "transfer/listing.h"
 
@@ -47,6 +48,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     ListingParser parser;
     for (const std::string& piece : pieces) {
         parser.addLine(piece);
+        ListingParser alone;
+        alone.addLine(piece);
+        require(alone.takeNames().empty() ||
+                    confirming::namesSomething(piece.substr(0, piece.find('\n'))),
+                "the copy program knows each line that gives the daemon a name");
     }
     const auto taken = parser.takeNames();
     const std::vector<std::string> names(taken.begin(), taken.end());

@@ -31,6 +31,12 @@ def question(source: str, names: str, listed: str, complaints: str) -> bytes:
     return b"\xff".join(part.encode() for part in (source, names, listed, complaints))
 
 
+HEAD = (
+    "skarn journal 1\ndaemon 0123-ab 4711 123456\nbegun 987654321\nlist 2 42 1700 /tmp/list_1\n"
+    "source rsync://root@10.0.0.1:49371/ramdisk/\ndestination /images/./\nnames\n"
+)
+
+
 def seeds() -> dict[str, dict[str, str | bytes]]:
     """The seeds by fuzzer and name."""
     detector = "detectorID 1\nremoteIP 10.0.0.1\nsource /data\ntarget /images\nminpause 500\n"
@@ -102,6 +108,15 @@ def seeds() -> dict[str, dict[str, str | bytes]]:
             "other_complaint": question(
                 "rsync://h/ramdisk/", "a", "", gone("/a").replace("No such file", "No such thing")
             ),
+        },
+        "journal": {
+            "going_on": HEAD + "n a\nn d/b\nc a\n",
+            "inherited": HEAD + "n a\ni 1234 0 b\ni 99 3 d/c\\#012\nc b\ndone: own names\n",
+            "done": HEAD + "n a\nc a\ndone: all names\n",
+            "cut_off": HEAD + "n a\nn b",
+            "leads_out": HEAD + "n ../a\n",
+            "body": "n a\ni 1 2 b\nc a\ndone: own names\n",
+            "process": "4711 (a) b) S 1 4711 4711 0 -1 4194304 1 0 0 0 1 2 0 0 20 0 1 0 12345 8\n",
         },
         "printed_name": {
             "plain": "dir/a.raw",

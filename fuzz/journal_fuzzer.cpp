@@ -1,0 +1,106 @@
+// Fuzzes the reading of a journal, which an earlier run, or anyone, may have left in any state.
+#include "confirming_rsync/journal_text.h"
+#include "confirming_rsync/printed_name.h"
+#include "fuzz/input.h"
+
+#include <algorithm>
+
+using confirming::JournalBody;
+using confirming::JournalEntry;
+using confirming::JournalHead;
+using fuzz::require;
+
+namespace {
+
+bool same(const JournalHead& left, const JournalHead& right) {
+    return left.daemon == right.daemon && left.begun == right.begun &&
+           left.list.device == right.list.device && left.list.inode == right.list.inode &&
+           left.list.modified == right.list.modified && left.list.path == right.list.path &&
+           left.source == right.source && left.destination == right.destination;
+}
+
+bool sameEntry(const JournalEntry& left, const JournalEntry& right) {
+    return left.name == right.name && left.since == right.since && left.rounds == right.rounds;
+}
+
+void checkName(const std::string& name) {
+    require(confirming::staysBelow(name), "a name stays below the destination");
+    require(name.find('\n') == std::string::npos, "a name is in one line");
+}
+
+/// The body written anew.
+std::string textOf(const JournalBody& body) {
+    std::string text;
+    for (const std::string& name : body.intended) {
+        text += confirming::intendedLine(name);
+    }
+    for (const JournalEntry& entry : body.inherited) {
+        text += confirming::inheritedLine(entry);
+    }
+    for (const std::string& name : body.confirmed) {
+        text += confirming::confirmedLine(name);
+    }
+    if (body.ownDone) {
+        text += confirming::ownDoneLine();
+    }
+    return text;
+}
+
+/// True if `whole` goes on where `part` ends.
+bool isBeginning(const JournalBody& part, const JournalBody& whole) {
+    return part.intended.size() <= whole.intended.size() &&
+           part.inherited.size() <= whole.inherited.size() &&
+           std::equal(part.intended.begin(), part.intended.end(), whole.intended.begin()) &&
+           std::equal(part.inherited.begin(), part.inherited.end(), whole.inherited.begin(),
+                      sameEntry) &&
+           std::includes(whole.confirmed.begin(), whole.confirmed.end(), part.confirmed.begin(),
+                         part.confirmed.end()) &&
+           (whole.ownDone || !part.ownDone);
+}
+
+void checkBody(std::string_view text) {
+    const auto body = confirming::readBody(text);
+    if (!body) {
+        return;
+    }
+    for (const std::string& name : body->intended) {
+        checkName(name);
+    }
+    for (const JournalEntry& entry : body->inherited) {
+        checkName(entry.name);
+    }
+    for (const std::string& name : body->confirmed) {
+        checkName(name);
+    }
+    require(body->ownDone || !confirming::isAllDone("\n" + std::string(text)),
+            "a run that is through with all names is through with its own");
+    const auto again = confirming::readBody(textOf(*body));
+    require(again && isBeginning(*again, *body) && isBeginning(*body, *again),
+            "what was read can be written and read again");
+    // The writer may have been ended at any byte.
+    const std::size_t step = text.size() / 16 + 1;
+    for (std::size_t size = 0; size < text.size(); size += step) {
+        const auto cut = confirming::readBody(text.substr(0, size));
+        require(cut && isBeginning(*cut, *body), "a journal that breaks off says what it said");
+    }
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    const std::string text = fuzz::text(data, size);
+    std::string_view rest = text;
+    const auto head = confirming::takeHead(rest);
+    if (head) {
+        const std::string written = confirming::headText(*head);
+        std::string_view unread = written;
+        const auto again = confirming::takeHead(unread);
+        require(again && same(*again, *head) && unread.empty(),
+                "a head can be written and read again");
+        checkBody(rest);
+    }
+    checkBody(text);
+    confirming::isAllDone(text);
+    confirming::parseProcessStatus(text);
+    return 0;
+}
