@@ -100,6 +100,22 @@ Arguments readArguments(const std::vector<std::string>& arguments, const std::st
     return result;
 }
 
+std::vector<std::string> withListOnInput(const Arguments& arguments) {
+    std::vector<std::string> rsync{"--from0"};
+    bool options = true;
+    for (std::size_t at = 0; at < arguments.rsync.size(); ++at) {
+        std::string value;
+        options = options && arguments.rsync[at] != "--";
+        if (options && readOption(arguments.rsync, at, "--files-from", value)) {
+            rsync.emplace_back("--files-from=-");
+            at += arguments.rsync[at] == "--files-from" ? 1 : 0;
+        } else {
+            rsync.push_back(arguments.rsync[at]);
+        }
+    }
+    return rsync;
+}
+
 std::vector<std::string> childEnvironment(std::vector<std::string> environment) {
     const auto isSet = [&environment](std::string_view name) {
         return std::any_of(environment.begin(), environment.end(),

@@ -28,6 +28,10 @@ struct Arguments {
 Arguments readArguments(const std::vector<std::string>& arguments, const std::string& uid,
                         const std::string& gid);
 
+/// The arguments for stock rsync, with a list on its standard input instead of the caller's: names
+/// that are each ended by a NUL byte.
+std::vector<std::string> withListOnInput(const Arguments& arguments);
+
 /// The environment for stock rsync, as "NAME=value": the given one, plus a PATH if there is none,
 /// and LC_ALL=C, because its messages are read.
 std::vector<std::string> childEnvironment(std::vector<std::string> environment);

@@ -44,8 +44,12 @@ Descriptor fileWith(const std::string& text) {
     return file;
 }
 
-std::string count(std::size_t number, const char* noun) {
-    return std::to_string(number) + " " + noun + (number == 1 ? "" : "s");
+std::string count(std::size_t number, const std::string& noun, const std::string& plural) {
+    return std::to_string(number) + " " + (number == 1 ? noun : plural);
+}
+
+std::string count(std::size_t number, const std::string& noun) {
+    return count(number, noun, noun + "s");
 }
 
 } // namespace
@@ -60,17 +64,14 @@ CopyRun::CopyRun(Places places, Arguments arguments, std::vector<std::string> en
 }
 
 int CopyRun::run() {
+    bool hasNames = true;
     if (!arguments_.fileList.empty()) {
         const FileList list = readFileList(arguments_.fileList);
-        isReminded_ = isReminder(list.text);
-        if (!isReminded_) {
-            listed_ = listedNames(list.text, arguments_.fileListEndsNamesWithNul);
-            listedSet_.insert(listed_.begin(), listed_.end());
-        }
+        hasNames = takeList(list);
         beginJournal(list);
     }
     accountForEarlierRuns();
-    const int status = isReminded_ ? 0 : copy();
+    const int status = hasNames ? copy() : 0;
     const bool done = conclude(status);
     finishReport();
     endJournal(done);
@@ -83,6 +84,24 @@ int CopyRun::run() {
         return 128 + SIGPIPE;
     }
     return status;
+}
+
+/// False if the list, which could be read, names nothing to copy.
+bool CopyRun::takeList(const FileList& list) {
+    if (isReminder(list.text)) {
+        return false;
+    }
+    ListedNames listed = listedNames(list.text, arguments_.fileListEndsNamesWithNul);
+    listed_ = std::move(listed.names);
+    listedSet_.insert(listed_.begin(), listed_.end());
+    hasOthers_ = !listed.others.empty();
+    if (hasOthers_) {
+        filter_.remark(ownName + count(listed.others.size(), "entry", "entries") +
+                       " of the list left out, no file below the source: " + listed.others.front() +
+                       (listed.others.size() > 1 ? " ..." : ""));
+        send();
+    }
+    return !listed_.empty() || !hasOthers_;
 }
 
 /// Writes down what is going to be copied, before anything is.
@@ -205,11 +224,14 @@ void CopyRun::endJournal(bool ownNamesDone) {
 }
 
 int CopyRun::copy() {
-    const Descriptor nothing(::open("/dev/null", O_RDONLY | O_CLOEXEC));
     if (isStopping()) {
         return 128 + SIGTERM;
     }
-    Child rsync({places_.stockRsync, arguments_.rsync, environment_}, nothing, signals_);
+    const Descriptor input = hasOthers_ ? fileWith(questionInput(listed_))
+                                        : Descriptor(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+    Child rsync({places_.stockRsync, hasOthers_ ? withListOnInput(arguments_) : arguments_.rsync,
+                 environment_},
+                input, signals_);
     if (!rsync.hasStarted()) {
         filter_.remark(ownName + ("cannot start " + places_.stockRsync + ": ") +
                        std::strerror(rsync.startError()));

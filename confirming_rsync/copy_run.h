@@ -71,6 +71,7 @@ private:
     void endJournal(bool ownNamesDone);
 
     int copy();
+    bool takeList(const FileList& list);
     bool conclude(int status);
     void finishReport();
 
@@ -109,7 +110,7 @@ private:
     ReportFilter filter_;
     std::vector<std::string> listed_;                // the names to be copied, as rsync prints them
     std::unordered_set<std::string_view> listedSet_; // the same; empty if the list is not known
-    bool isReminded_ = false; // started for what earlier runs left, and for nothing else
+    bool hasOthers_ = false; // the list has entries that rsync shall not see
     std::optional<ProcessIdentity> daemon_;
     Journal journal_;
     bool inheritsOpenNames_ = false;

@@ -16,7 +16,7 @@ namespace confirming {
 
 namespace {
 
-/// The name as rsync uses it: relative, without what does not change the file it means.
+/// The name without what does not change the file it means.
 std::string_view trimmed(std::string_view name) {
     for (;;) {
         if (name.substr(0, 1) == "/") {
@@ -24,13 +24,24 @@ std::string_view trimmed(std::string_view name) {
         } else if (name.substr(0, 2) == "./") {
             name.remove_prefix(2);
         } else {
-            break;
+            return name;
         }
     }
-    while (!name.empty() && name.back() == '/') {
-        name.remove_suffix(1);
+}
+
+/// True if no part of the name is empty, "." or "..".
+bool isPlain(std::string_view name) {
+    for (;;) {
+        const std::size_t end = name.find('/');
+        const std::string_view part = name.substr(0, end);
+        if (part.empty() || part == "." || part == "..") {
+            return false;
+        }
+        if (end == std::string_view::npos) {
+            return true;
+        }
+        name.remove_prefix(end + 1);
     }
-    return name;
 }
 
 FileIdentity identityFrom(const struct stat& status, const std::string& path) {
@@ -41,19 +52,21 @@ FileIdentity identityFrom(const struct stat& status, const std::string& path) {
 
 } // namespace
 
-std::vector<std::string> listedNames(std::string_view text, bool endedByNul) {
+ListedNames listedNames(std::string_view text, bool endedByNul) {
     using namespace std::string_view_literals;
     const std::string_view ends = endedByNul ? "\0"sv : "\n\r"sv;
-    std::vector<std::string> names;
+    ListedNames listed;
     while (!text.empty()) {
         const std::size_t end = text.find_first_of(ends);
-        const std::string_view name = trimmed(text.substr(0, end));
-        if (!name.empty()) {
-            names.push_back(printedName(name));
+        const std::string_view name = text.substr(0, end);
+        if (isPlain(trimmed(name))) {
+            listed.names.push_back(printedName(trimmed(name)));
+        } else if (!name.empty()) {
+            listed.others.push_back(printedName(name));
         }
         text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
     }
-    return names;
+    return listed;
 }
 
 FileList readFileList(const std::string& path) {

@@ -9,9 +9,20 @@
 
 namespace confirming {
 
-/// The names in a list's text as rsync will print them, in the list's order: one a line, or each
-/// ended by a NUL byte. Leading "./" and "/" and trailing slashes, which rsync drops, are dropped.
-std::vector<std::string> listedNames(std::string_view text, bool endedByNul);
+/// The names of a list, in its order, as rsync prints them.
+struct ListedNames {
+    /// Those that name one thing below the source. Leading "./" and "/", which rsync drops, are
+    /// dropped.
+    std::vector<std::string> names;
+
+    /// The others: with a part ".." or ".", or a slash at the end. Rsync takes some of them for
+    /// everything in a folder, unfinished files included, and refuses a whole list because of
+    /// others.
+    std::vector<std::string> others;
+};
+
+/// Reads the text of a list: one name a line, or each ended by a NUL byte.
+ListedNames listedNames(std::string_view text, bool endedByNul);
 
 /// A list as it was found.
 struct FileList {

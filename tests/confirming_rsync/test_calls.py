@@ -90,6 +90,30 @@ def test_copy_sets_the_owner(uid: str, gid: str, expected: list[str]) -> None:
     assert call["arguments"][1:] == [*ADDED, *expected, *KEPT, URL, f"{TARGET}/"]
 
 
+def test_entries_of_the_list_that_are_no_file_below_the_source_are_left_out() -> None:
+    names("d/", "a", "sub/x/../../../b", "b c")
+    script_rsync('out("SENT: %s\\n" % sys.stdin.buffer.read())')
+    result = run(scripted_binary())
+    assert result.lines[0] == (
+        "rsync_orbelin: 2 entries of the list left out, no file below the source: d/ ..."
+    )
+    assert "SENT: b'a\\x00b c\\x00'" in result.lines
+    (call,) = calls()
+    kept = ["--files-from=-" if "--files-from" in option else option for option in KEPT]
+    assert call["arguments"][1:] == ["--from0", *ADDED, *kept, URL, f"{TARGET}/"]
+
+
+def test_a_list_of_nothing_else_starts_no_rsync() -> None:
+    names("d/")
+    script_rsync(CONFIRM)
+    result = run(scripted_binary())
+    assert result.lines == [
+        "rsync_orbelin: 1 entry of the list left out, no file below the source: d/"
+    ]
+    assert result.status == 0 and calls() == []
+    assert result.seconds >= 1
+
+
 def test_copy_without_environment() -> None:
     script_rsync(CONFIRM)
     assert run(scripted_binary(), environment={}).status == 0

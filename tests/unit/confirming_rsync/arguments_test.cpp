@@ -63,6 +63,20 @@ TEST(Arguments, MayHaveTheirValuesApart) {
               joined(ofTheReport, {"--password-file", "/p", "--files-from", "/l", "-0", "s", "d"}));
 }
 
+TEST(Arguments, CanTakeTheListFromTheInput) {
+    const auto changed = [](const Strings& given) {
+        Arguments arguments;
+        arguments.rsync = given;
+        return withListOnInput(arguments);
+    };
+    EXPECT_EQ(changed({"-v", "--files-from=/l", "-0", "s", "d"}),
+              (Strings{"--from0", "-v", "--files-from=-", "-0", "s", "d"}));
+    EXPECT_EQ(changed({"--files-from", "/l", "s", "d"}),
+              (Strings{"--from0", "--files-from=-", "s", "d"}));
+    EXPECT_EQ(changed({"--", "--files-from=/l", "d"}),
+              (Strings{"--from0", "--", "--files-from=/l", "d"}));
+}
+
 TEST(Arguments, AreOptionsOnlyBeforeTheDoubleDash) {
     const Arguments arguments = readArguments({"--", "--confirm-files", "--files-from=x"}, "", "");
     EXPECT_FALSE(arguments.confirming);

@@ -16,23 +16,32 @@ using namespace std::string_literals;
 using Strings = std::vector<std::string>;
 
 TEST(FileList, HoldsANameALine) {
-    EXPECT_EQ(listedNames("a\nsub/b c\n\n#x\n;y\r\n-z\nlast", false),
+    EXPECT_EQ(listedNames("a\nsub/b c\n\n#x\n;y\r\n-z\nlast", false).names,
               (Strings{"a", "sub/b c", "#x", ";y", "-z", "last"}));
-    EXPECT_EQ(listedNames("", false), Strings{});
-    EXPECT_EQ(listedNames("\n\n", false), Strings{});
+    EXPECT_EQ(listedNames("", false).names, Strings{});
+    EXPECT_EQ(listedNames("\n\n", false).names, Strings{});
+    EXPECT_EQ(listedNames("a\n\n\n", false).others, Strings{});
 }
 
 TEST(FileList, MayEndItsNamesWithNul) {
-    EXPECT_EQ(listedNames("a\0n\nl\0\0b"s, true), (Strings{"a", "n\\#012l", "b"}));
+    EXPECT_EQ(listedNames("a\0n\nl\0\0b"s, true).names, (Strings{"a", "n\\#012l", "b"}));
 }
 
 TEST(FileList, NamesAreRelative) {
-    EXPECT_EQ(listedNames("/a\n./b\n.//./c\ndir/\n.x\n/\n./\n..x\n", false),
-              (Strings{"a", "b", "c", "dir", ".x", "..x"}));
+    EXPECT_EQ(listedNames("/a\n./b\n.//./c\n.x\n..x\nx..\n...\n", false).names,
+              (Strings{"a", "b", "c", ".x", "..x", "x..", "..."}));
+}
+
+TEST(FileList, NamesThatAreNoFileBelowTheSourceStandApart) {
+    const ListedNames listed =
+        listedNames("d/\na\n..\n../a\na/..\na/../../x\n.\n./\n/\nd/.\na/./b\na//b\nd/ \n", false);
+    EXPECT_EQ(listed.names, (Strings{"a", "d/ "}));
+    EXPECT_EQ(listed.others, (Strings{"d/", "..", "../a", "a/..", "a/../../x", ".", "./", "/",
+                                      "d/.", "a/./b", "a//b"}));
 }
 
 TEST(FileList, NamesAreAsRsyncPrintsThem) {
-    EXPECT_EQ(listedNames("t\tab\x01\n\\#012\n\xe4\n", false),
+    EXPECT_EQ(listedNames("t\tab\x01\n\\#012\n\xe4\n", false).names,
               (Strings{"t\tab\\#001", "\\#134#012", "\xe4"}));
 }
 
