@@ -15,25 +15,30 @@ bool beginsWith(const std::string& text, const char* beginning) {
 }
 
 void check(const std::string& text, bool endedByNul) {
-    const std::vector<std::string> names = listedNames(text, endedByNul);
+    const confirming::ListedNames listed = listedNames(text, endedByNul);
+    const std::vector<std::string>& names = listed.names;
     const auto isEnd = [endedByNul](char character) {
         return endedByNul ? character == '\0' : character == '\n' || character == '\r';
     };
     const auto ends = std::count_if(text.begin(), text.end(), isEnd);
-    require(names.size() <= static_cast<std::size_t>(ends) + 1, "a line gives one name at most");
+    require(names.size() + listed.others.size() <= static_cast<std::size_t>(ends) + 1,
+            "a line gives one name at most");
     // Read once more from a list of what was read, nothing changes.
     std::string again;
     for (const std::string& name : names) {
         require(!name.empty(), "no name is empty");
         require(!beginsWith(name, "/") && !beginsWith(name, "./") && name.back() != '/',
                 "names are relative and bare");
+        require(confirming::staysBelow(name), "names lead nowhere else");
         require(name.find('\n') == std::string::npos && name.find('\0') == std::string::npos,
                 "names are printable");
         const std::string raw = confirming::unprintedName(name);
         require(text.find(raw) != std::string::npos, "a name stands in the list");
         again += raw + (endedByNul ? '\0' : '\n');
     }
-    require(listedNames(again, endedByNul) == names, "a list of what was read reads the same");
+    const confirming::ListedNames reread = listedNames(again, endedByNul);
+    require(reread.names == names && reread.others.empty(),
+            "a list of what was read reads the same");
 }
 
 } // namespace
