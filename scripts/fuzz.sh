@@ -42,7 +42,11 @@ for fuzzer in "${fuzzers[@]}"; do
     fi
 done
 
-# number_of LINES NAME: one of the numbers that a fuzzer prints at its end; 0 if it did not come that far.
+# What is fuzzed: the commit, marked if the tree differs from it. The record itself does not count.
+revision=$(git rev-parse --short HEAD)
+git diff --quiet HEAD -- . ':(exclude)docs' || revision+=-changed
+
+# number_of LOG NAME: one of the numbers that a fuzzer prints at its end; 0 if it did not come that far.
 number_of() {
     local found
     found=$(sed -n "s/^stat::$2: *//p" "$1" | tail -n 1)
@@ -60,7 +64,7 @@ keep() {
             if [ -f "$record" ]; then
                 awk -F '\t' -v fuzzer="$1" 'NR > 1 && $1 != fuzzer' "$record"
             fi
-            printf '%s\t%s\t%s\t%s\t%s\n' "$1" "$2" "$3" "$4" "$(git describe --always --dirty)"
+            printf '%s\t%s\t%s\t%s\t%s\n' "$1" "$2" "$3" "$4" "$revision"
         } | LC_ALL=C sort
     } >"$fresh"
     cat "$fresh" >"$record"
