@@ -2,8 +2,15 @@
 
 from __future__ import annotations
 
+import os
+from pathlib import Path
+
+from support import daemon as skarn
 from support.bed import Bed
 from support.detector import frame_names
+from support.waiting import wait_until
+
+MARK = Path("/srv/mark")  # made by any command that a name smuggles in
 
 
 def test_a_name_that_begins_with_a_blank_does_not_move_what_is_unfinished() -> None:
@@ -20,3 +27,115 @@ def test_a_folder_that_leads_up_does_not_stop_the_others() -> None:
         bed.simulator.burst([*sorted(staying), *frame_names(150)])
         bed.start()
         bed.finish(staying)
+
+
+def test_names_that_a_shell_or_an_option_parser_would_obey_are_files() -> None:
+    with Bed() as bed:
+        bed.simulator.burst(
+            [
+                "$(touch${IFS}$HOME..mark)",
+                "`touch${IFS}mark`",
+                ";touch${IFS}mark;",
+                "|touch${IFS}mark",
+                "x>mark",
+                "';touch${IFS}mark;'",
+                '";touch${IFS}mark;"',
+                "sub/$(touch${IFS}mark)/`id`",
+                "-e",
+                "--rsh=touch",
+                "--rsync-path=touch",
+                "--files-from=x",
+                "--remove-source-files",
+                "--",
+                "@x",
+                "*",
+                "sub/--delete",
+                "[a-z]?",
+                "host::module",
+                "host:file",
+            ]
+        )
+        bed.start()
+        bed.finish()
+
+
+def test_paths_longer_than_the_daemon_reads_stay_and_harm_no_other() -> None:
+    with Bed() as bed:
+        # The last name is cut within a folder's name, the one before right behind it.
+        deep = ["/".join(["d" * 99] * 9 + ["e" * length, "f.raw"]) for length in (76, 77, 150)]
+        staying = {name for name in deep if len(name) > 1023 - 46}
+        assert staying
+        bed.simulator.burst([*deep, "d" * 99 + "/near.raw", "ok.raw"])
+        bed.start()
+        bed.finish(staying)
+
+
+# Lists what a detector claims to have; all else is done by the real copy program.
+LIAR = """#!/bin/sh
+case " $* " in
+*" --confirm-files "*) exec /usr/local/orbelin/bin/honest "$@" ;;
+esac
+cat /usr/local/orbelin/lies
+"""
+
+
+def everything_below(*places: str) -> dict[str, float]:
+    """All paths below these places that no test is expected to change, and when they changed."""
+    found: dict[str, float] = {}
+    for place in places:
+        for folder, _, names in os.walk(place):
+            for name in names:
+                path = os.path.join(folder, name)
+                found[path] = os.lstat(path).st_mtime
+    return found
+
+
+def test_a_detector_that_lies_in_its_listing_gets_nothing_out_of_the_target() -> None:
+    claimed = [
+        "../outside.raw",
+        "a/../../outside.raw",
+        "x/../../../../../../etc/passwd",
+        "/etc/passwd",
+        "..",
+        "a/..",
+        "a/",
+        "/",
+        "-e",
+        "--rsh=touch${IFS}/srv/mark",
+        "$(touch${IFS}/srv/mark)",
+        "`touch${IFS}/srv/mark`",
+        "never-there.raw",
+        "line\\#012feed",
+        "n" * 1500,
+        "\udce9\udcff",
+        "good.raw",
+        "a/good.raw",
+    ]
+    with Bed() as bed:
+        for name in ("honest", "rsync_orbelin"):
+            program = skarn.COPY_PROGRAM.with_name(name)
+            if name == "honest":
+                skarn.COPY_PROGRAM.rename(program)
+            else:
+                program.write_text(LIAR, encoding="ascii")
+                program.chmod(0o755)
+        lies = Path("/usr/local/orbelin/lies")
+        lines = [b"-rw-r--r-- 9 2024/05/06 07:08:09 " + os.fsencode(name) for name in claimed]
+        lies.write_bytes(b"\n".join(lines) + b"\nno end \0\xff")
+        staying = {"a/unfinished.raw.tmp", "unfinished.raw.tmp", "unclaimed.raw"}
+        bed.simulator.burst([*sorted(staying), "good.raw", "a/good.raw", "etc/passwd"])
+        outside = bed.simulator.root.parent / "outside.raw"
+        outside.write_text("not in the share", encoding="ascii")
+        before = everything_below("/etc", "/usr/local", "/root", "/srv/shares/1/a")
+        bed.start()
+        bed.wait_announced(3)
+        wait_until(lambda: bed.daemon.log().count(" copy processes\n") >= 2, "a further cycle")
+        bed.daemon.end()
+        bed.check(staying)
+        # "/etc/passwd" is the share's own file of that name: nothing leads out of the share.
+        assert sorted(bed.announced()) == ["a/good.raw", "etc/passwd", "good.raw"]
+        assert outside.read_text(encoding="ascii") == "not in the share"
+        assert not MARK.exists()
+        after = everything_below("/etc", "/usr/local", "/root", "/srv/shares/1/a")
+        del before["/srv/shares/1/a/good.raw"]
+        assert after == before
