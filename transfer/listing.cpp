@@ -1,13 +1,14 @@
 // Parsing a listing.
 #include "transfer/listing.h"
 
+#include "utilities/text.h"
+
 #include <algorithm>
 #include <utility>
 
 namespace {
 
 constexpr int fieldsBeforePath = 4;
-constexpr std::string_view whiteSpace = " \t\n\v\f\r";
 
 /// `text` without its leading blanks; only the blank character counts.
 std::string_view skipBlanks(std::string_view text) {
@@ -26,12 +27,6 @@ std::string_view pathOf(std::string_view line) {
     return line;
 }
 
-/// The first word of `text`, delimited by white space of any kind; empty if there is none.
-std::string_view firstWord(std::string_view text) {
-    text.remove_prefix(std::min(text.find_first_not_of(whiteSpace), text.size()));
-    return text.substr(0, text.find_first_of(whiteSpace));
-}
-
 /// True if the entry lies below the directory of that name.
 bool isBelow(std::string_view name, std::string_view directory) {
     return name.size() > directory.size() && name.substr(0, directory.size()) == directory &&
@@ -41,11 +36,11 @@ bool isBelow(std::string_view name, std::string_view directory) {
 } // namespace
 
 void ListingParser::addLine(std::string_view line) {
-    const std::string_view path = pathOf(line);
+    std::string_view path = pathOf(line);
     if (path.empty() || path.front() == '.') {
         return;
     }
-    const std::string_view name = firstWord(path);
+    const std::string_view name = UTILITIES::takeWord(path);
     if (name.empty()) {
         return;
     }

@@ -1,34 +1,22 @@
 // Parsing report lines and keeping the account.
 #include "transfer/report.h"
 
+#include "utilities/text.h"
+
 #include <algorithm>
 #include <utility>
-
-namespace {
-
-/// Takes the first word, delimited by white space, off the front of `text`; empty when there is
-/// none.
-std::string_view takeWord(std::string_view& text) {
-    constexpr std::string_view whiteSpace = " \t\n\v\f\r";
-    text.remove_prefix(std::min(text.find_first_not_of(whiteSpace), text.size()));
-    const std::string_view word = text.substr(0, text.find_first_of(whiteSpace));
-    text.remove_prefix(word.size());
-    return word;
-}
-
-} // namespace
 
 ReportLine parseReportLine(std::string_view piece) {
     if (piece.empty() || piece.front() == '\0') {
         return {ReportLine::Kind::skipped, {}};
     }
-    const std::string_view word = takeWord(piece);
+    const std::string_view word = UTILITIES::takeWord(piece);
     if (word == "CONFIRMED:") {
-        takeWord(piece); // says how it was confirmed, which does not matter here
-        return {ReportLine::Kind::confirmed, takeWord(piece)};
+        UTILITIES::takeWord(piece); // says how it was confirmed, which does not matter here
+        return {ReportLine::Kind::confirmed, UTILITIES::takeWord(piece)};
     }
     if (word == "SENT:") {
-        return {ReportLine::Kind::sent, takeWord(piece)};
+        return {ReportLine::Kind::sent, UTILITIES::takeWord(piece)};
     }
     return {ReportLine::Kind::output, {}};
 }

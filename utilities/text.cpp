@@ -72,6 +72,14 @@ bool UTILITIES::stringBegin(const std::string& text, const std::string& prefix) 
     return text.compare(0, prefix.size(), prefix) == 0;
 }
 
+std::string_view UTILITIES::takeWord(std::string_view& text) {
+    constexpr std::string_view whiteSpace = " \t\n\v\f\r";
+    text.remove_prefix(std::min(text.find_first_not_of(whiteSpace), text.size()));
+    const std::string_view word = text.substr(0, text.find_first_of(whiteSpace));
+    text.remove_prefix(word.size());
+    return word;
+}
+
 std::vector<char*> UTILITIES::tokenize(const std::string& text, char separator) {
     std::vector<char*> words;
     std::string word;

@@ -3,6 +3,7 @@
 
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace UTILITIES {
@@ -43,6 +44,10 @@ bool parseSizeVar(const std::string& text, const std::string& key, int& variable
 
 /// True when `text` begins with `prefix`, byte for byte.
 bool stringBegin(const std::string& text, const std::string& prefix);
+
+/// Takes the first word, delimited by white space, off the front of `text`, and what is before it;
+/// empty when there is none.
+std::string_view takeWord(std::string_view& text);
 
 /// Splits `text` at `separator` outside single and double quotation marks. The marks are removed,
 /// one kind inside the other is an ordinary character, an open one runs to the end; there is no

@@ -50,6 +50,16 @@ std::string sizeOf(const std::string& value) {
     return (found ? "true " : "false ") + std::to_string(variable);
 }
 
+TEST(TakeWord, TakesOneWordAfterTheOther) {
+    std::string_view text = " \tone\ftwo \v three\r\n";
+    EXPECT_EQ(UTILITIES::takeWord(text), "one");
+    EXPECT_EQ(UTILITIES::takeWord(text), "two");
+    EXPECT_EQ(UTILITIES::takeWord(text), "three");
+    EXPECT_EQ(UTILITIES::takeWord(text), "");
+    EXPECT_EQ(text, "");
+    EXPECT_EQ(UTILITIES::takeWord(text), "");
+}
+
 } // namespace
 
 TEST(ReadVar, TakesTheWordBehindAKeyThatBeginsALine) {
