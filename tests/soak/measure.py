@@ -145,7 +145,7 @@ class Meter:
             threads=len(os.listdir(f"/proc/{self._pid}/task")),
             zombies=sum(each.is_zombie for each in processes.children(self._pid)),
             tmp_files=len(os.listdir("/tmp")),
-            journal_files=len(os.listdir(JOURNAL)) if JOURNAL.is_dir() else 0,
+            journal_files=sum(len(files) for _, _, files in os.walk(JOURNAL)),
         )
 
     def _look_at_cycles(self) -> int:

@@ -78,8 +78,8 @@ def test_memory_that_jumps_fails() -> None:
             lambda number, each: replace(each, resident=each.resident + by * (number == at))
         )
 
-    assert jump(COUNT - 50, EXCESS_LIMIT - 10) == []
-    assert jump(COUNT - 50, EXCESS_LIMIT + 10) == ["resident memory"]
+    assert jump(COUNT - 40, EXCESS_LIMIT - 10) == []
+    assert jump(COUNT - 40, EXCESS_LIMIT + 10) == ["resident memory"]
     assert jump(50, 10 * EXCESS_LIMIT) == []  # before the second half
 
 
@@ -92,9 +92,10 @@ def test_the_waiting_separators_are_not_counted_as_memory() -> None:
     assert changed(lambda n, each: replace(pile_up(n, each), separators=0)) == ["resident memory"]
 
 
-def test_a_quarter_without_idle_moments_is_no_verdict() -> None:
-    with pytest.raises(AssertionError, match="idle"):
-        changed(lambda _, each: replace(each, phase="full"))
+@pytest.mark.parametrize("phase, missing", [("full", "idle"), ("idle", "busy")])
+def test_a_time_without_idle_or_busy_moments_is_no_verdict(phase: str, missing: str) -> None:
+    with pytest.raises(AssertionError, match=f"{missing} moment"):
+        changed(lambda _, each: replace(each, phase=phase))
 
 
 def test_separators_are_counted_across_rotations() -> None:

@@ -69,8 +69,10 @@ void workAsWorker(Writer& self) {
         const std::string start = self.next();
         log << start << "++++\n" << start << " ++++\n";
         log << start << "starting " << round << " copy processes" << endl;
-        self.remember(start + "++++\n" + start + " ++++\n" + start + "starting " +
-                      std::to_string(round) + " copy processes\n");
+        std::string begun;
+        begun.append(start).append("++++\n").append(start).append(" ++++\n").append(start);
+        begun.append("starting ").append(std::to_string(round)).append(" copy processes\n");
+        self.remember(begun);
 
         const std::string call = self.next();
         log << call << "rsync call: " << std::string(200, '-') << endl << flush;
