@@ -31,6 +31,7 @@ from types import TracebackType
 from faults.consumer import CheckingConsumer
 from faults.fault import Fault
 from faults.ledger import Ledger
+from faults.mounts import unmount_all
 from faults.proxy import Proxy
 from faults.workload import Workload
 from support import daemon as skarn
@@ -476,6 +477,7 @@ class Bed:
             if station.proxy:
                 station.proxy.stop()
             station.server.kill()
+        unmount_all()
 
     def _thread_failed(self, failure: threading.ExceptHookArgs) -> None:
         """A thread of the bed itself that fails must not let the run look good."""

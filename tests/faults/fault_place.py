@@ -24,6 +24,7 @@ from support.waiting import wait_until
 
 TMP = Path("/tmp")
 RUN = Path("/run")
+JOURNAL = Path("/var/lib/skarn/journal")
 
 
 def let_one_more_through(bed: Bed) -> None:
@@ -371,3 +372,94 @@ class RunReadOnly(Fault):
 
     def heal(self, bed: Bed) -> None:
         allow_writing(RUN)
+
+
+class JournalFault(Fault):
+    """The copy program's journal can't be kept; copying goes on, and the report says why.
+
+    A file that leaves the source meanwhile is protected against no death, so nothing else strikes
+    until the last copy process without a journal has ended.
+    """
+
+    alone = True
+    hold = (0.2, 1.5)
+
+    def prepare(self, bed: Bed) -> None:
+        mount_memory(JOURNAL.parent)
+
+    def heal(self, bed: Bed) -> None:
+        self.put_back()
+        bed.wait_idle()
+
+    def put_back(self) -> None:
+        """Lets journals be kept again."""
+        raise NotImplementedError
+
+    def check(self, bed: Bed) -> None:
+        log = bed.daemon.archived_log()
+        if "cannot keep a journal" not in log and "cannot go on with the journal" not in log:
+            bed.ledger.complain("no report said that there was no journal")
+
+
+@register
+class JournalReadOnly(JournalFault):
+    """Its file system refuses every change."""
+
+    name = "journal-read-only"
+    title = "copy program's journal folder read-only"
+
+    def inject(self, bed: Bed, rng: Random) -> int:
+        return int(forbid_writing(JOURNAL.parent))
+
+    def put_back(self) -> None:
+        allow_writing(JOURNAL.parent)
+
+
+@register
+class JournalFull(JournalFault):
+    """No space is left on its file system, or next to none, or no further file can be made."""
+
+    name = "journal-full"
+    title = "copy program's journal folder full"
+
+    def inject(self, bed: Bed, rng: Random) -> int:
+        use_up = rng.choice((use_up_space, use_up_inodes))
+        return int(use_up(JOURNAL.parent, rng.choice((0, 0, 1))))
+
+    def put_back(self) -> None:
+        give_back(JOURNAL.parent)
+
+
+@register
+class JournalReplaced(JournalFault):
+    """Something else stands in its place: a file, a link, or a folder that others may write to."""
+
+    name = "journal-is-no-folder"
+    title = "copy program's journal folder replaced by a file or a link"
+    away = JOURNAL.with_name("journal_put_away")
+
+    def inject(self, bed: Bed, rng: Random) -> int:
+        for _ in range(1000):
+            with suppress(OSError):  # a copy process was quicker and made it anew
+                if JOURNAL.is_dir() and not self.away.exists():
+                    JOURNAL.rename(self.away)
+                kind = rng.choice(("file", "link", "open folder"))
+                if kind == "file":
+                    JOURNAL.touch(exist_ok=False)
+                elif kind == "link":
+                    JOURNAL.symlink_to(self.away)
+                else:
+                    fresh = JOURNAL.with_name("open_folder")  # open from the first moment on
+                    fresh.mkdir(exist_ok=True)
+                    fresh.chmod(0o777)
+                    fresh.rename(JOURNAL)
+                return 1
+        return 0
+
+    def put_back(self) -> None:
+        if JOURNAL.is_dir() and not JOURNAL.is_symlink():
+            JOURNAL.rmdir()
+        else:
+            JOURNAL.unlink()
+        if self.away.exists():
+            self.away.rename(JOURNAL)

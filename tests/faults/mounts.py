@@ -16,12 +16,27 @@ PAGE = os.sysconf("SC_PAGE_SIZE")
 _libc = ctypes.CDLL(None, use_errno=True)
 
 
+_mounted: list[Path] = []
+
+
 def mount_memory(place: Path, mode: int = 0o755) -> None:
-    """Mounts an empty file system in memory at `place`, which is made if need be; once."""
+    """Mounts an empty file system in memory at `place`, which is made if need be; once, until
+    `unmount_all`.
+    """
+    if place in _mounted:
+        return
     place.mkdir(mode=mode, parents=True, exist_ok=True)
-    if not place.is_mount():
-        options = f"mode={mode:o}"
-        command = ["mount", "-n", "-t", "tmpfs", "-o", options, "tmpfs", str(place)]
+    options = f"mode={mode:o}"
+    command = ["mount", "-n", "-t", "tmpfs", "-o", options, "tmpfs", str(place)]
+    subprocess.run(command, check=True, timeout=30)
+    _mounted.append(place)
+
+
+def unmount_all() -> None:
+    """Takes away what `mount_memory` mounted, so that another run finds everything empty."""
+    while _mounted:
+        # Whatever still has a file open on it keeps it, out of sight, until it ends.
+        command = ["umount", "-n", "-l", str(_mounted.pop())]
         subprocess.run(command, check=True, timeout=30)
 
 
