@@ -72,6 +72,7 @@ class Outcome:
     announced_twice: int = 0
     excused: int = 0
     withdrawn: int = 0
+    cut: int = 0  # moved whole, as they were before the detector changed them again
     recovered_in: float = 0.0
     broken: tuple[str, ...] = ()
 
@@ -396,9 +397,11 @@ class Bed:
                 continue
             if at_source:
                 ledger.complain(f"{entry.name} is still at the source")
-            if not at_source and not ledger.is_whole(entry, final=True):
+            if not at_source and not ledger.is_whole(entry):
                 outcome.lost += 1
                 ledger.complain(f"{entry.name} is lost: neither at the source nor whole here")
+            elif not at_source and not ledger.is_whole(entry, final=True):
+                outcome.cut += 1
             if not at_source and not entry.records:
                 if entry.excused:
                     outcome.excused += 1

@@ -3,12 +3,13 @@
 from __future__ import annotations
 
 import os
+import signal
 import time
 from contextlib import suppress
 from pathlib import Path
 from random import Random
 
-from faults.bed import Bed, Station
+from faults.bed import Bed, Station, arguments, is_stopped
 from faults.fault import Fault, register
 from faults.mounts import (
     allow_writing,
@@ -215,13 +216,19 @@ class TmpReadOnly(TmpFault):
 
     def heal(self, bed: Bed) -> None:
         allow_writing(TMP)
-
-    def check(self, bed: Bed) -> None:
-        # What could not be removed then stays. The log has a line for each.
+        # What could not be removed meanwhile stays. The log has a line for each, and an operator
+        # can remove them; the daemon stands still so that none of them is in use again.
+        if not bed.daemon.is_running():
+            return
+        bed.daemon.send_signal(signal.SIGSTOP)
+        wait_until(lambda: is_stopped(bed.daemon.pid), "the daemon to stand still")
+        used = {word for each in bed.copy_processes() for word in arguments(each.pid)}
         log = bed.daemon.archived_log()
         for path in file_lists():
-            if f"Error: could not remove {path}\n   Read-only file system\n" in log:
+            said = f"Error: could not remove {path}\n   Read-only file system\n" in log
+            if said and f"--files-from={path}" not in used:
                 path.unlink()
+        bed.daemon.send_signal(signal.SIGCONT)
 
 
 @register

@@ -99,12 +99,12 @@ class MemoryTight(DaemonLimit):
     alone = True
 
     def inject(self, bed: Bed, rng: Random) -> int:
+        if not bed.daemon.is_running() or bed.daemon.sanitizer is not None:
+            return 0  # a sanitizer's memory knows no such limit
         talks = rng.random() < 0.5
         if talks:
             put_in_place(lists_well("exec yes 'no end' | head -c 20000000\n"))
         self.wait_for_start(bed, rng)
-        if not bed.daemon.is_running() or bed.daemon.sanitizer is not None:
-            return 0  # a sanitizer's memory knows no such limit
         bed.note_kill()
         # It may end by SIGABRT, of which no trace has to be kept.
         hard = resource.prlimit(bed.daemon.pid, resource.RLIMIT_CORE)[1]

@@ -18,8 +18,8 @@ class Entry:
 
     name: str
     born: float
-    digests: set[str]  # of each state that it had under its name; the last one is the final one
-    final: str
+    digests: set[str]  # of each state that it had under its name
+    final: str  # of the last one
     source: Path
     withdrawn: bool = False  # the detector itself took it away, or may have
     stays: bool = False  # can't be carried: has to stay at the source as it is
@@ -64,7 +64,7 @@ class Ledger:
             self._present[name] = self._entries[name]
 
     def will_change(self, name: str, digest: str) -> None:
-        """The file is about to get another content; until it has left, it may arrive with either."""
+        """The file is about to get another content: it may be taken with the one or the other."""
         with self._lock:
             self._entries[name].digests.add(digest)
             self._entries[name].final = digest
