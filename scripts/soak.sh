@@ -56,7 +56,11 @@ if [ -e "$results/samples.csv" ]; then
     gnuplot -c tests/soak/picture.gnuplot "$results/samples.csv" "$results/soak.png"
     printf 'The picture: %s\n' "$results/soak.png"
     if [ -n "$summary" ]; then
-        { printf '<!-- Made by scripts/soak.sh. -->\n' && cat "$results/summary.md"; } >"$summary"
+        # shellcheck disable=SC2016 # the backquotes are the page's
+        printf '# Soak\n\nMeasured by\n`scripts/soak.sh%s`,\nwhich writes this page; %s\n\n' \
+            "${arguments[*]:+ ${arguments[*]}} --summary $summary" \
+            'the test `soak_short` repeats half a minute of it.' >"$summary"
+        cat "$results/summary.md" >>"$summary"
     fi
 fi
 # Once more, for whoever reads the last line.

@@ -12,6 +12,7 @@ import argparse
 import csv
 import random
 import sys
+import textwrap
 import threading
 import time
 from collections.abc import Sequence
@@ -228,18 +229,25 @@ def summary(
             f"| {verdict.numbers} |"
             for verdict in verdicts
         ),
-        "",
-        f"{options.detectors} detectors, {last.time / 60:.1f} minutes, {len(samples)} samples "
-        f"({idle} while idle), {last.cycles} cycles, {last.files} files. At most "
-        f"{most.separators} separators ({most.separators_kb:.0f} kB) waited in memory for the next "
-        "line of the log.",
-        "",
-        "Flat means, for memory: while the daemon is busy in the second half of the run, so that "
-        f"next to no separators wait, the fitted line rises by at most {RISE_LIMIT} kB and no "
-        f"sample is more than {EXCESS_LIMIT} kB above the median; for everything counted: its "
-        "median while idle is not higher in the last quarter than in the second.",
+        *paragraph(
+            f"{options.detectors} detectors, {last.time / 60:.1f} minutes, {len(samples)} samples "
+            f"({idle} while idle), {last.cycles} cycles, {last.files} files. At most "
+            f"{most.separators} separators ({most.separators_kb:.0f} kB) waited in memory for the "
+            "next line of the log. Idle, the journal's folder has one file for each detector."
+        ),
+        *paragraph(
+            "Flat means, for memory: while the daemon is busy in the second half of the run, so "
+            f"that next to no separators wait, the fitted line rises by at most {RISE_LIMIT} kB "
+            f"and no sample is more than {EXCESS_LIMIT} kB above the median; for everything "
+            "counted: its median while idle is not higher in the last quarter than in the second."
+        ),
     ]
     return "\n".join(lines) + "\n"
+
+
+def paragraph(text: str) -> list[str]:
+    """An empty line and the text in lines of the usual length."""
+    return ["", *textwrap.wrap(text, 100)]
 
 
 def main() -> int:
