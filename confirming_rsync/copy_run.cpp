@@ -180,6 +180,7 @@ bool CopyRun::decideAboutEarlierRuns(EarlierRuns& earlier) {
         return true;
     }
     std::vector<std::string> names;
+    names.reserve(open.size());
     for (const JournalEntry& entry : open) {
         names.push_back(entry.name);
     }
@@ -253,7 +254,7 @@ int CopyRun::copy() {
 /// The end of every run, however rsync ended. False if a name of the list may have been received
 /// and removed at the source without being confirmed.
 bool CopyRun::conclude(int status) {
-    filter_.finish();
+    filter_.finish([this](const std::string& name) { return destination_.hasFile(name); });
     send();
     if (relay_.readerIsGone()) {
         return false;

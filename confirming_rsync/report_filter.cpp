@@ -51,7 +51,7 @@ void ReportFilter::takeErrorOutput(std::string_view bytes) {
     }
 }
 
-void ReportFilter::finish() {
+void ReportFilter::finish(const IsInPlace& isInPlace) {
     std::vector<LinePiece> pieces;
     output_.finish(pieces);
     for (const LinePiece& piece : pieces) {
@@ -63,7 +63,11 @@ void ReportFilter::finish() {
         putPiece(piece, Origin::errorOutput);
     }
     for (const std::string& name : std::exchange(heldBack_, {})) {
-        confirm(name);
+        if (wasConfirmed(name) || isInPlace(name)) {
+            confirm(name);
+        } else {
+            putLine(std::string(removedPrefix) + name);
+        }
     }
 }
 

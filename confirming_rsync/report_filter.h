@@ -48,8 +48,10 @@ public:
     void takeErrorOutput(std::string_view bytes);
 
     /// Both streams have ended: passes on what had no line feed (as a line, and never as a
-    /// confirmation: it may have been cut off) and every confirmation that was still held back.
-    void finish();
+    /// confirmation: it may have been cut off) and every confirmation that was still held back. Of
+    /// a name that is not in place by now, rsync's line goes out as it came.
+    using IsInPlace = std::function<bool(const std::string& name)>;
+    void finish(const IsInPlace& isInPlace);
 
     /// The file is known to be deleted at its source from elsewhere than rsync's output. Reported
     /// unless it already was, or its name is longer than `longestName`.

@@ -18,6 +18,10 @@ ReportFilter filterWith(const std::set<std::string>& late = {}) {
                         [](const std::string& /*name*/) { return true; });
 }
 
+bool isInPlace(const std::string& name) {
+    return name.rfind("nowhere", 0) != 0;
+}
+
 /// The whole report for an output that arrives in portions of the given size.
 std::string reportOf(const std::string& output, std::size_t portion,
                      const std::set<std::string>& late = {}) {
@@ -27,7 +31,7 @@ std::string reportOf(const std::string& output, std::size_t portion,
         filter.takeOutput(std::string_view(output).substr(at, portion));
         report += filter.takeReport();
     }
-    filter.finish();
+    filter.finish(isInPlace);
     return report + filter.takeReport();
 }
 
@@ -79,6 +83,11 @@ TEST(ReportFilter, TellsWhereEachConfirmationEnds) {
     }
 }
 
+TEST(ReportFilter, ConfirmsNothingThatWasNeitherSentNorIsInPlace) {
+    expectReport("sender removed nowhere\nsender removed a\n",
+                 "sender removed nowhere\nCONFIRMED: removed a\n", {"nowhere", "a"});
+}
+
 TEST(ReportFilter, ConfirmsNothingOutsideTheDestination) {
     for (const char* name : {"../a", "a/../../b", "/etc/passwd", "..", "a/.."}) {
         const std::string line = "sender removed " + std::string(name) + "\n";
@@ -108,7 +117,7 @@ TEST(ReportFilter, PassesOnEverythingElse) {
     expectReport(chatter, chatter);
     ReportFilter filter = filterWith();
     filter.takeOutput(chatter);
-    filter.finish();
+    filter.finish(isInPlace);
     EXPECT_FALSE(filter.hasConfirmed());
 }
 
@@ -137,7 +146,7 @@ TEST(ReportFilter, HoldsAConfirmationBackUntilItsSentLine) {
     EXPECT_FALSE(filter.hasConfirmed());
     filter.takeOutput("SENT: link\n");
     EXPECT_EQ(filter.takeReport(), "SENT: link\nCONFIRMED: removed link\n");
-    filter.finish();
+    filter.finish(isInPlace);
     EXPECT_EQ(filter.takeReport(), "");
 }
 
@@ -174,7 +183,7 @@ TEST(ReportFilter, ConfirmsOnceAFileThatWasRemovedTwice) {
 TEST(ReportFilter, NeverTakesErrorOutputForAConfirmation) {
     ReportFilter filter = filterWith();
     filter.takeErrorOutput("sender removed a\nrsync: sender removed b\n");
-    filter.finish();
+    filter.finish(isInPlace);
     EXPECT_EQ(filter.takeReport(), "sender removed a\nrsync: sender removed b\n");
     EXPECT_FALSE(filter.hasConfirmed());
 }
@@ -185,7 +194,7 @@ TEST(ReportFilter, LetsNoLineOfRsyncReadAsOneOfItsOwn) {
                  "rsync: CONFIRMED:\0z\n"s);
     ReportFilter filter = filterWith();
     filter.takeErrorOutput("SENT: a\nCONFIRMED: removed a\nSENT:b\n");
-    filter.finish();
+    filter.finish(isInPlace);
     EXPECT_EQ(filter.takeReport(), "rsync: SENT: a\nrsync: CONFIRMED: removed a\nSENT:b\n");
     EXPECT_FALSE(filter.wasSent("a"));
     EXPECT_FALSE(filter.hasConfirmed());
@@ -197,7 +206,7 @@ TEST(ReportFilter, DoesNotTrustALineThatMayHaveBeenCutOff) {
     ReportFilter filter = filterWith();
     filter.takeOutput("SENT: a");
     filter.takeErrorOutput("no end");
-    filter.finish();
+    filter.finish(isInPlace);
     EXPECT_EQ(filter.takeReport(), "rsync: SENT: a\nno end\n");
     EXPECT_FALSE(filter.wasSent("a"));
 }
@@ -215,9 +224,10 @@ TEST(ReportFilter, KeepsTheLinesOfTheTwoStreamsApart) {
 TEST(ReportFilter, BreaksLongLines) {
     constexpr std::size_t limit = LineAssembly::limit;
     const std::string x(limit, 'x');
+    const std::string twice(2 * limit, 'x');
     expectReport(x + "\n", x + "\n");
     for (const std::size_t portion : {std::size_t{1}, std::size_t{999}, std::size_t{100000}}) {
-        EXPECT_EQ(reportOf(x + x + "rest\n", portion), x + "\n" + x + "\nrest\n");
+        EXPECT_EQ(reportOf(twice + "rest\n", portion), x + "\n" + x + "\nrest\n");
     }
 }
 
@@ -242,7 +252,7 @@ TEST(ReportFilter, NeverSendsOrConfirmsByALongLine) {
         ReportFilter filter = filterWith();
         filter.takeOutput(text + "\n");
         filter.takeErrorOutput(text + "\n");
-        filter.finish();
+        filter.finish(isInPlace);
         const std::string report = filter.takeReport();
         std::size_t begin = 0;
         for (std::size_t end = report.find('\n'); end != std::string::npos;
@@ -290,7 +300,7 @@ TEST(ReportFilter, CountsTheFilesThatCouldNotBeCreated) {
 TEST(ReportFilter, TakesConfirmationsFromElsewhere) {
     ReportFilter filter = filterWith();
     filter.takeOutput("SENT: a\nSENT: b\nsender removed b\n");
-    filter.finish();
+    filter.finish(isInPlace);
     filter.takeReport();
     EXPECT_TRUE(filter.wasSent("a"));
     EXPECT_FALSE(filter.wasSent("b"));
