@@ -14,8 +14,8 @@ tests=("${demo[@]}" libgmock-dev libgtest-dev python3-pytest)
 soak=("${demo[@]}" gnuplot-nox)
 races=("${tests[@]}" valgrind)
 coverage=("${tests[@]}" gcovr)
-checks=("${tests[@]}" clang clang-format clang-tidy git mypy shellcheck)
 # The library that drives the fuzzers is part of the compiler's run-time library, which clang only recommends.
+checks=("${tests[@]}" clang clang-format clang-tidy git libclang-rt-dev mypy shellcheck)
 fuzz=("${build[@]}" clang git libclang-rt-dev)
 
 usage() {
