@@ -43,6 +43,7 @@ from support.waiting import wait_until
 
 MINPAUSE = 30  # milliseconds, so that a run is short
 MOST_IN_VAIN = 50  # faults in a row that found nothing to break
+ORPHANS = (skarn.COPY_PROGRAM.name[:15], "rsync", "sh", "mkdir", "chown")
 LOOK_EVERY = 0.02  # seconds between two looks at the source
 
 
@@ -349,7 +350,20 @@ class Bed:
                 break
             self._wait(0.05)
             done = time.monotonic()
+        else:
+            self.ledger.complain(f"not all was moved and announced; {self.describe()}")
         return done - begin
+
+    def describe(self) -> str:
+        """What is there and runs at this moment, for whoever has to find out why it stands still."""
+        lines = [f"{self.left()} files are left; {self.consumer.records} records were read; these run:"]
+        for each in processes():
+            if not each.is_zombie:
+                where = {each.pid: each.name, **threads(each.pid)}
+                words = " ".join(arguments(each.pid))
+                lines.append(f"{each.pid} of {each.parent}, {each.state}: {words} {where}")
+        lines += [f"{path}: {path.stat().st_size} bytes" for path in skarn.file_lists()]
+        return "\n".join(lines)
 
     def _end_daemon(self, faults: list[Fault]) -> None:
         """Ends what a run started, when all is quiet."""
@@ -508,6 +522,16 @@ def arguments(pid: int) -> list[str]:
     return [os.fsdecode(word) for word in words]
 
 
+def threads(pid: int) -> dict[int, str]:
+    """What each thread of a process is waiting in, as the kernel names it."""
+    found: dict[int, str] = {}
+    with suppress(OSError):
+        for task in Path(f"/proc/{pid}/task").iterdir():
+            with suppress(OSError):
+                found[int(task.name)] = (task / "wchan").read_text(encoding="ascii")
+    return found
+
+
 def is_stopped(pid: int) -> bool:
     """Whether a process is stopped by a signal."""
     try:
@@ -517,10 +541,14 @@ def is_stopped(pid: int) -> bool:
 
 
 def reap_orphans() -> None:
-    """Takes the status of copy processes, and of what they started, whose parent is dead."""
-    names = (skarn.COPY_PROGRAM.name[:15], "sh", "mkdir", "chown")
+    """Takes the status of what ended when its parent was dead.
+
+    The servers are this process's own: their sessions' leaders are waited for elsewhere.
+    """
     me = os.getpid()
     for each in processes():
-        if each.parent == me and each.is_zombie and each.name in names:
+        if each.parent != me or not each.is_zombie or each.name not in ORPHANS:
+            continue
+        if each.name != "rsync" or each.session != each.pid:
             with suppress(ChildProcessError):
                 os.waitpid(each.pid, os.WNOHANG)

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import os
+import re
 import signal
 import time
 from pathlib import Path
@@ -180,10 +181,10 @@ class PipeIsFolder(PipeReplaced):
     def check(self, bed: Bed) -> None:
         super().check(bed)
         log = bed.daemon.archived_log()
+        said = set(re.findall(re.escape(self.sign) + r"(.*) to VANTREL\n", log))
         for station in bed.stations:
             for entry in station.ledger.entries():
-                said = f"{self.sign}{entry.name} to VANTREL\n" in log
-                if entry.excused and not entry.records and not said:
+                if entry.excused and not entry.records and entry.name not in said:
                     station.ledger.complain(f"{entry.name}: the log has no failed hand-off")
 
 
