@@ -405,7 +405,12 @@ class JournalFault(Fault):
         with suppress(AssertionError):  # a run that starts meanwhile; the check at the end tells
             wait_until(lambda: self.is_reported(bed), "a report without a journal", 10)
         self.put_back()
-        bed.wait_idle()
+        without = {each.pid for each in bed.copy_processes()}
+        wait_until(
+            lambda: not without & {each.pid for each in bed.copy_processes()},
+            "the copy processes without a journal to end",
+            60,
+        )
 
     def is_reported(self, bed: Bed) -> bool:
         """Whether some report has said that there was no journal."""
