@@ -151,6 +151,11 @@ class Bed:
         """Something is about to be killed or cut: a second record of a file may follow."""
         self._kill_times.append(time.monotonic())
 
+    @property
+    def kills(self) -> int:
+        """How often something was killed or cut so far."""
+        return len(self._kill_times)
+
     def copy_processes(self) -> list[Process]:
         """The copy processes that run now, those of dead daemons included."""
         name = skarn.COPY_PROGRAM.name[:15]
