@@ -100,6 +100,7 @@ def seeds() -> dict[str, dict[str, str | bytes]]:
             "all_gone": question("rsync://r@h:1/ramdisk/", "a\nb", "", gone("/a") + gone("/b")),
             "one_left": question("rsync://h/ramdisk/data/", "a\nb", line("a"), gone("/data/b")),
             "older": question("h::ramdisk", "a", line(".", DIRECTORY), gone("/a", "")),
+            "listed_and_gone": question("h::ramdisk", "a.raw", line("a.raw"), gone("/a.raw", "")),
             "link": question("rsync://h/ramdisk/", "a\nb", line("a -> b", LINK), gone("/a")),
             "arrow": question("[::1]::r", "a -> b", line("a -> b -> c", LINK), gone("/a -> b")),
             "escapes": question(

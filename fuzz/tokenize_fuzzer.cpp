@@ -2,18 +2,29 @@
 #include "fuzz/input.h"
 #include "utilities/text.h"
 
+#include <algorithm>
 #include <cstring>
 
 using fuzz::require;
 
 namespace {
 
-/// Splits without quotation marks, the simple way.
-std::vector<std::string> plainWords(const std::string& text, char separator) {
+/// The words, with what stands between two marks taken as a whole.
+std::vector<std::string> expectedWords(const std::string& text, char separator) {
     std::vector<std::string> words;
-    for (const std::string& part : fuzz::split(text, separator)) {
-        if (!part.empty()) {
-            words.push_back(part);
+    std::string word;
+    for (std::size_t at = 0; at < text.size(); ++at) {
+        if (text[at] == '\'' || text[at] == '"') {
+            const std::size_t end = std::min(text.find(text[at], at + 1), text.size());
+            word += text.substr(at + 1, end - at - 1);
+            at = end;
+        } else if (text[at] != separator) {
+            word += text[at];
+        }
+        const bool ends = at + 1 >= text.size() || text[at] == separator;
+        if (ends && !word.empty()) {
+            words.push_back(word);
+            word.clear();
         }
     }
     return words;
@@ -54,10 +65,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         }
         require(areParts(words, text, separator),
                 "words are parts of the text, and nothing else is left out");
-        if (text.find_first_of("'\"") == std::string::npos) {
-            require(words == plainWords(text, separator),
-                    "without quotation marks each separator separates");
-        }
+        require(words == expectedWords(text, separator), "separators outside of marks separate");
         // A word in marks that it does not hold itself comes back whole.
         for (const std::string& word : words) {
             const char mark = word.find('\'') == std::string::npos ? '\'' : '"';
