@@ -87,8 +87,8 @@ class DescriptorsExhausted(DaemonLimit):
 
 @register
 class MemoryTight(DaemonLimit):
-    """The daemon's address space, or what it can write to of it, may not grow, or by little. Now and
-    then a report is long.
+    """The daemon's address space, or what it can write to of it, may not grow, or by little; now
+    and then a report is long.
 
     A daemon that can't have the memory that it needs ends, and is started again.
     """
