@@ -152,7 +152,7 @@ class Bed:
         self._kill_times.append(time.monotonic())
 
     @property
-    def kills(self) -> int:
+    def deaths(self) -> int:
         """How often something was killed or cut so far."""
         return len(self._kill_times)
 

@@ -116,7 +116,7 @@ class PipeReplaced(Fault):
     sign = ""  # what the log says
 
     def __init__(self) -> None:
-        self.kills = 0
+        self.deaths = 0
         self.silent: list[tuple[Ledger, str]] = []  # moved meanwhile, while nothing died
 
     def put(self) -> None:
@@ -130,7 +130,7 @@ class PipeReplaced(Fault):
     def inject(self, bed: Bed, rng: Random) -> int:
         with bed.standing_still() as still:
             if still:
-                self.kills = bed.kills
+                self.deaths = bed.deaths
                 skarn.FIFO.rename(ASIDE)
                 self.put()
             return int(still)
@@ -141,7 +141,7 @@ class PipeReplaced(Fault):
                 station.ledger.look()
                 names = station.ledger.unannounced()
                 station.ledger.excuse(names)
-                if bed.kills == self.kills:
+                if bed.deaths == self.deaths:
                     self.silent += [(station.ledger, name) for name in names]
             self.take()
             ASIDE.rename(skarn.FIFO)
