@@ -76,7 +76,10 @@ class ConnectionsStalled(Fault):
         proxy = rng.choice(bed.stations).proxy
         assert proxy is not None
         self.stalled = proxy
-        return proxy.hold()
+        held = proxy.hold()
+        if not held:
+            proxy.release()
+        return held
 
     def heal(self, bed: Bed) -> None:
         self.stalled.release()
