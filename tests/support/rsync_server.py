@@ -102,7 +102,9 @@ class RsyncServer:
         return self.log_text().count(" allowed access on module ")
 
     def connection_pids(self) -> list[int]:
-        """The processes that serve a client now."""
+        """The processes that serve a client now; none while the server does not run."""
+        if self._process is None:
+            return []
         return [each.pid for each in children(self.pid) if not each.is_zombie]
 
     def __enter__(self) -> RsyncServer:
