@@ -143,6 +143,17 @@ def sanitizer_reports() -> str:
     )
 
 
+def runs(binary: Path, one: processes.Process) -> bool:
+    """Whether a process that was adopted runs this binary, by itself or within what watches it.
+
+    A program that watches has a name of its own. What else may be adopted are the children of an
+    earlier daemon that was killed.
+    """
+    if "SKARN_WRAPPER" in os.environ:
+        return one.name not in ("sh", "rsync", COPY_PROGRAM.name)
+    return one.name == binary.name[:15]
+
+
 class Daemon:
     """One daemon, from the command that starts it to its exit status.
 
@@ -216,7 +227,7 @@ class Daemon:
         adopted = [
             each.pid
             for each in processes.children()
-            if each.pid not in before and (watcher or each.name == self.binary.name[:15])
+            if each.pid not in before and runs(binary, each)
         ]
         assert len(adopted) <= 1, f"one start left {len(adopted)} daemons"
         if adopted:
