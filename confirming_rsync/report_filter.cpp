@@ -86,7 +86,8 @@ void ReportFilter::confirmRecovered(const std::string& name) {
 }
 
 void ReportFilter::remark(std::string_view text) {
-    putLine(text);
+    // It may quote a name of any length.
+    putLine(text.substr(0, LineAssembly::limit));
 }
 
 std::string ReportFilter::takeReport() {

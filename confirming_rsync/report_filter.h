@@ -61,7 +61,8 @@ public:
     /// NAME".
     void confirmRecovered(const std::string& name);
 
-    /// A line of the program's own, without line feed.
+    /// A line of the program's own, without line feed. What its reader would take for another line
+    /// is cut off.
     void remark(std::string_view text);
 
     /// The report since the last call, in whole lines.

@@ -16,6 +16,7 @@
 
 #include <algorithm>
 #include <set>
+#include <utility>
 
 using confirming::LineAssembly;
 using confirming::ReportFilter;
@@ -99,6 +100,11 @@ bool mayBeRemoved(const std::string& name) {
     return name.front() != 'x';
 }
 
+/// Likewise.
+bool isInPlace(const std::string& name) {
+    return name.size() % 3 != 0;
+}
+
 bool isShort(const std::string& name) {
     return name.size() <= ReportFilter::longestName;
 }
@@ -128,7 +134,7 @@ std::string reportOf(const std::vector<Event>& events, bool byteByByte) {
             filter.remark(event.text);
             break;
         case Event::Kind::finish:
-            filter.finish([](const std::string& /*name*/) { return true; });
+            filter.finish(isInPlace);
             break;
         }
         report += filter.takeReport();
@@ -158,7 +164,7 @@ public:
             confirm(event.text);
             break;
         case Event::Kind::remark:
-            result.report += event.text + "\n";
+            result.report += event.text.substr(0, LineAssembly::limit) + "\n";
             break;
         case Event::Kind::finish:
             for (const Line* each : {&output, &errorOutput}) {
@@ -166,8 +172,12 @@ public:
                     pass(each->text, false);
                 }
             }
-            for (const std::string& name : held) {
-                confirm(name);
+            for (const std::string& name : std::exchange(held, {})) {
+                if (result.confirmed.count(name) == 0 && !isInPlace(name)) {
+                    result.report += "sender removed " + name + "\n";
+                } else {
+                    confirm(name);
+                }
             }
             break;
         }
@@ -206,6 +216,9 @@ private:
         } else if (text.size() > removedWords.size() && text.rfind(removedWords, 0) == 0 &&
                    isCredible(text.substr(removedWords.size()))) {
             const std::string name = text.substr(removedWords.size());
+            if (std::find(held.begin(), held.end(), name) != held.end()) {
+                return;
+            }
             if (sent.count(name) == 0 && sentLineMayFollow(name)) {
                 held.push_back(name);
             } else {

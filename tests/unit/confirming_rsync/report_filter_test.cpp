@@ -280,6 +280,16 @@ TEST(ReportFilter, ConfirmsNoNameThatTheReaderWouldCut) {
               "CONFIRMED: removed " + fits + "\nCONFIRMED: recovered " + fits + "\n");
 }
 
+TEST(ReportFilter, CutsARemarkThatItsReaderWouldTakeForTwo) {
+    const std::string remark = "rsync_orbelin: left out: ";
+    const std::string filler(1023 - remark.size(), 'x');
+    ReportFilter filter = filterWith();
+    filter.remark(remark + filler + "CONFIRMED: removed a");
+    EXPECT_EQ(filter.takeReport(), (remark + filler).substr(0, LineAssembly::limit) + "\n");
+    filter.remark(remark);
+    EXPECT_EQ(filter.takeReport(), remark + "\n");
+}
+
 TEST(ReportFilter, ConfirmsNothingThatWasNotToBeCopied) {
     ReportFilter filter([](const std::string& /*name*/) { return false; },
                         [](const std::string& name) { return name == "asked"; });
