@@ -92,7 +92,7 @@ for fuzzer in "${fuzzers[@]}"; do
     else
         failed=$((failed + 1)) found=1
         printf '%-16s failed after %d executions, status %d; the end of %s:\n' "$fuzzer" "$executions" "$status" "$log"
-        grep -E -A 20 '^Not true|ERROR:|runtime error:' "$log" | head -n 40 || tail -n 20 "$log"
+        grep -E -A 20 '^Not true|^==[0-9]+== ?ERROR:|runtime error:' "$log" | head -n 40 || tail -n 20 "$log"
         grep -oE "$findings/[a-z]+-[0-9a-f]+" "$log" | sort -u | sed 's/^/The input is kept: /' || true
     fi
     [ -z "$record" ] || keep "$fuzzer" "$executions" "$took" "$found"
