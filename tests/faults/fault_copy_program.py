@@ -144,9 +144,10 @@ class CopyProgramTalksNonsense(BadCopyProgram):
 
     def script(self, rng: Random) -> str:
         none_of_them = [
-            "printf 'CONFIRMED:x %s\\n' \"$first\"",
+            # Two fields before the name, or one: whichever a careless reader would pass over.
+            "printf 'CONFIRMED:x x %s\\nCONFIRMED:x %s\\n' \"$first\" \"$first\"",
             "printf 'xCONFIRMED: x %s\\n' \"$first\"",
-            "printf 'CONFIRMED : x %s\\n' \"$second\"",
+            "printf 'CONFIRMED : x %s\\nCONFIRMED x %s\\n' \"$second\" \"$second\"",
             "printf 'confirmed: x %s\\n' \"$second\"",
             "printf 'CONFIRMED\\n: x %s\\n' \"$first\"",
             "printf 'CONFIRMED:\\0 x %s\\n' \"$first\"",
