@@ -11,7 +11,7 @@ from random import Random
 
 from faults.bed import Bed
 from faults.fault import Fault, register
-from faults.ledger import Ledger
+from faults.ledger import Entry, Ledger
 from support import daemon as skarn
 from support.processes import descriptors
 
@@ -117,7 +117,7 @@ class PipeReplaced(Fault):
 
     def __init__(self) -> None:
         self.deaths = 0
-        self.silent: list[tuple[Ledger, str]] = []  # moved meanwhile, while nothing died
+        self.silent: list[tuple[Ledger, Entry]] = []  # moved meanwhile, while nothing died
 
     def put(self) -> None:
         """Puts the other thing there."""
@@ -139,17 +139,19 @@ class PipeReplaced(Fault):
         with bed.standing_still() as still:
             for station in bed.stations:
                 station.ledger.look()
-                names = station.ledger.unannounced()
+                names = set(station.ledger.unannounced())
                 station.ledger.excuse(names)
                 if bed.deaths == self.deaths:
-                    self.silent += [(station.ledger, name) for name in names]
+                    entries = station.ledger.entries()
+                    self.silent += [(station.ledger, e) for e in entries if e.name in names]
             self.take()
             ASIDE.rename(skarn.FIFO)
         if not still:
             bed.ledger.complain("the daemon did not come to an end of a cycle without its pipe")
 
     def check(self, bed: Bed) -> None:
-        if self.sign and self.silent and self.sign not in bed.daemon.archived_log():
+        silent = any(not entry.records for _, entry in self.silent)
+        if self.sign and silent and self.sign not in bed.daemon.archived_log():
             bed.ledger.complain(f"files were not announced, and the log has no {self.sign!r}")
 
 
@@ -185,9 +187,10 @@ class PipeIsFolder(PipeReplaced):
     def check(self, bed: Bed) -> None:
         log = bed.daemon.archived_log()
         said = set(re.findall(re.escape(self.sign) + r"(.*) to VANTREL\n", log))
-        for ledger, name in self.silent:
-            if name not in said:
-                ledger.complain(f"{name}: the log has no failed hand-off")
+        for ledger, entry in self.silent:
+            # What an earlier death had left open may have been announced later.
+            if not entry.records and entry.name not in said:
+                ledger.complain(f"{entry.name}: the log has no failed hand-off")
 
 
 @register
