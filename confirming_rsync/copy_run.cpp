@@ -86,9 +86,17 @@ int CopyRun::run() {
     return status;
 }
 
-/// False if the list, which could be read, names nothing to copy.
+/// False if the list names nothing to copy, or shall not be believed.
 bool CopyRun::takeList(const FileList& list) {
     if (isReminder(list.text)) {
+        return false;
+    }
+    if (list.isForeign) {
+        // The daemon names its lists foreseeably, below /tmp.
+        filter_.remark(ownName +
+                       ("the list " + arguments_.fileList +
+                        " is not used: it is a link, or others than its user may write to it"));
+        send();
         return false;
     }
     ListedNames listed = listedNames(list.text, arguments_.fileListEndsNamesWithNul);

@@ -44,6 +44,12 @@ bool isPlain(std::string_view name) {
     }
 }
 
+/// True if others than this user and root can have written the file.
+bool isOthers(const struct stat& status) {
+    return (status.st_uid != ::geteuid() && status.st_uid != 0) ||
+           (status.st_mode & (S_IWGRP | S_IWOTH)) != 0;
+}
+
 FileIdentity identityFrom(const struct stat& status, const std::string& path) {
     constexpr std::int64_t nanosecondsPerSecond = 1'000'000'000;
     return {status.st_dev, status.st_ino,
@@ -70,12 +76,19 @@ ListedNames listedNames(std::string_view text, bool endedByNul) {
 }
 
 FileList readFileList(const std::string& path) {
-    const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    const Descriptor file(
+        ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
     struct stat status {};
+    const bool isLink = !file && ::lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
+    if (isLink || (file && ::fstat(file.get(), &status) == 0 && isOthers(status))) {
+        FileList foreign;
+        foreign.isForeign = true;
+        return foreign;
+    }
     if (!file || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
         return {};
     }
-    return {readText(file), identityFrom(status, path)};
+    return {readText(file), identityFrom(status, path), false};
 }
 
 bool isStillThere(const FileIdentity& list) {

@@ -28,10 +28,11 @@ ListedNames listedNames(std::string_view text, bool endedByNul);
 struct FileList {
     std::string text;
     FileIdentity identity;
+    bool isForeign = false; // another user may have written it, or it is a link to something else
 };
 
-/// Reads a list. Empty if there is no such regular file or it can't be read; reading anything else
-/// (a pipe) would take the names away from rsync.
+/// Reads a list. Empty if there is no such regular file, it can't be read, or it is foreign;
+/// reading anything else (a pipe) would take the names away from rsync.
 FileList readFileList(const std::string& path);
 
 /// True while the very list stands where it stood, not written to since.

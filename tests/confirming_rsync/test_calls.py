@@ -12,6 +12,7 @@ import pytest
 
 from confirming_rsync.program import (
     ADDED,
+    FILE_LIST,
     KEPT,
     OPTIONS,
     TARGET,
@@ -109,6 +110,26 @@ def test_a_list_of_nothing_else_starts_no_rsync() -> None:
     result = run(scripted_binary())
     assert result.lines == [
         "rsync_orbelin: 1 entry of the list left out, no file below the source: d/"
+    ]
+    assert result.status == 0 and calls() == []
+    assert result.seconds >= 1
+
+
+@pytest.mark.parametrize("how", ["owner", "mode", "link", "link to a secret"])
+def test_a_list_that_others_may_have_written_is_not_used(how: str) -> None:
+    names("a")
+    if how == "owner":
+        os.chown(FILE_LIST, 1, 1)
+    elif how == "mode":
+        FILE_LIST.chmod(0o622)
+    else:
+        shutil.move(FILE_LIST, "/srv/elsewhere")
+        FILE_LIST.symlink_to("/srv/elsewhere" if how == "link" else "/etc/shadow")
+    script_rsync(CONFIRM)
+    result = run(scripted_binary())
+    assert result.lines == [
+        f"rsync_orbelin: the list {FILE_LIST} is not used: it is a link, or others than its user "
+        "may write to it"
     ]
     assert result.status == 0 and calls() == []
     assert result.seconds >= 1

@@ -145,7 +145,7 @@ def test_only_what_is_gone_at_the_source_and_in_place_is_announced() -> None:
     (TARGET / "nowhere").unlink()
     next_cycle("c")
     answer = 'missing("/gone"); missing("/also/gone"); out("-rw-r--r-- 0 1/1/1 0:0:0 here\\n")'
-    script_rsync('out("sender removed c\\n")', f"{answer}\nsys.exit(23)")
+    script_rsync(RECEIVED + 'out("sender removed c\\n")', f"{answer}\nsys.exit(23)")
     result = run(scripted_binary())
     assert recovered(result) == ["gone", "also/gone"]
     assert "nowhere" not in calls()[-2]["input"] + calls()[-1]["input"]
@@ -157,7 +157,7 @@ def test_what_the_same_daemon_has_been_told_is_not_announced_again() -> None:
     text = journals()[0].read_text("utf-8")
     assert "\nc a\n" in text and "\nc b\n" not in text
     next_cycle("c")
-    script_rsync('out("sender removed c\\n")', ALL_GONE)
+    script_rsync(RECEIVED + 'out("sender removed c\\n")', ALL_GONE)
     assert recovered(run(scripted_binary())) == ["b"]
 
 
@@ -168,11 +168,11 @@ def test_what_another_daemon_was_told_is_announced_again() -> None:
     other.wait_for_run()
     # While that daemon lives, its runs are its own affair.
     next_cycle("c")
-    script_rsync('out("sender removed c\\n")', ALL_GONE)
+    script_rsync(RECEIVED + 'out("sender removed c\\n")', ALL_GONE)
     assert recovered(run(scripted_binary())) == []
     other.die()
     next_cycle("d")
-    script_rsync('out("sender removed d\\n")', ALL_GONE)
+    script_rsync(RECEIVED + 'out("sender removed d\\n")', ALL_GONE)
     assert recovered(run(scripted_binary())) == ["a", "b"]
 
 
@@ -197,11 +197,11 @@ def test_a_run_that_goes_on_is_left_alone() -> None:
     going_on = Program(scripted_binary())
     going_on.read_until("SENT: a")
     next_cycle("b")
-    script_rsync('out("sender removed b\\n")', ALL_GONE)
+    script_rsync(RECEIVED + 'out("sender removed b\\n")', ALL_GONE)
     assert recovered(run(scripted_binary())) == []
     kill(going_on)
     next_cycle("c")
-    script_rsync('out("sender removed c\\n")', ALL_GONE)
+    script_rsync(RECEIVED + 'out("sender removed c\\n")', ALL_GONE)
     assert recovered(run(scripted_binary())) == ["a"]
 
 
@@ -231,21 +231,21 @@ def test_a_name_that_another_run_takes_care_of_is_left_to_it(confirms: bool) -> 
     slow.read_until("SENT: a")
     kill(killed)
     next_cycle("c")
-    script_rsync('out("sender removed c\\n")', ALL_GONE)
+    script_rsync(RECEIVED + 'out("sender removed c\\n")', ALL_GONE)
     assert recovered(run(scripted_binary())) == ["b"]
     if confirms:
         assert slow.finish().confirmed == ["a"]
     else:
         kill(slow)
     next_cycle("d")
-    script_rsync('out("sender removed d\\n")', ALL_GONE)
+    script_rsync(RECEIVED + 'out("sender removed d\\n")', ALL_GONE)
     assert recovered(run(scripted_binary())) == ([] if confirms else ["a"])
 
 
 def test_a_question_without_an_answer_leaves_the_decision_to_a_later_run() -> None:
     broken_run("a", "b")
     next_cycle("c")
-    script_rsync('out("sender removed c\\n")', "sys.exit(10)")
+    script_rsync(RECEIVED + 'out("sender removed c\\n")', "sys.exit(10)")
     result = run(scripted_binary())
     assert recovered(result) == [] and result.confirmed == ["c"]
     complaint = "rsync_orbelin: cannot ask the source about 2 files of an earlier run: "
@@ -253,7 +253,7 @@ def test_a_question_without_an_answer_leaves_the_decision_to_a_later_run() -> No
         complaint + "rsync ended with status 10; a later run will"
     ]
     next_cycle("d")
-    script_rsync('out("sender removed d\\n")', ALL_GONE)
+    script_rsync(RECEIVED + 'out("sender removed d\\n")', ALL_GONE)
     assert recovered(run(scripted_binary())) == ["a", "b"]
 
 
@@ -262,7 +262,7 @@ def test_open_names_of_a_run_without_an_answer_are_asked_about_by_the_next() -> 
     script_rsync(RECEIVED + "sys.exit(12)", "sys.exit(10)")
     assert run(scripted_binary()).confirmed == []
     next_cycle("b")
-    script_rsync('out("sender removed b\\n")', ALL_GONE)
+    script_rsync(RECEIVED + 'out("sender removed b\\n")', ALL_GONE)
     assert recovered(run(scripted_binary())) == ["a"]
 
 
@@ -274,15 +274,15 @@ def test_names_that_stay_at_the_source_are_not_asked_about_for_ever() -> None:
         assert recovered(run(scripted_binary())) == []
     next_cycle("c")
     asked = len([call for call in calls() if call["input"]])
-    script_rsync('out("sender removed c\\n")', ALL_THERE)
+    script_rsync(RECEIVED + 'out("sender removed c\\n")', ALL_THERE)
     run(scripted_binary())
     assert len([call for call in calls() if call["input"]]) == asked
 
 
 def test_journals_are_this_users_alone() -> None:
+    names("a")
     old = os.umask(0)
     try:
-        names("a")
         script_rsync(RECEIVED + 'out("sender removed a\\n")')
         run(scripted_binary())
     finally:
@@ -336,7 +336,7 @@ def test_a_journal_that_fills_the_disk_ends_and_the_copying_does_not() -> None:
         assert len(complaints) == 1 and complaints[0].endswith("No space left on device")
         # What is left of it does not have files announced twice.
         next_cycle("x")
-        script_rsync('out("sender removed x\\n")', ALL_GONE)
+        script_rsync(RECEIVED + 'out("sender removed x\\n")', ALL_GONE)
         assert recovered(run(scripted_binary())) == []
     finally:
         subprocess.run(["umount", JOURNALS.parent], check=True)
@@ -376,7 +376,7 @@ def test_a_journal_that_is_not_sound_is_set_aside(how: str) -> None:
     journal = journals()[0]
     damage(journal, how)
     next_cycle("c")
-    script_rsync('out("sender removed c\\n")', ALL_GONE)
+    script_rsync(RECEIVED + 'out("sender removed c\\n")', ALL_GONE)
     result = run(scripted_binary())
     assert result.confirmed == ["c"] and recovered(result) == [] and result.status == 0
     beginning = f"rsync_orbelin: the journal {journal.name} is not used: "
@@ -387,13 +387,13 @@ def test_a_journal_that_is_not_sound_is_set_aside(how: str) -> None:
     assert os.path.lexists(journal.with_name(f"damaged-{journal.name}"))
     # Said once.
     next_cycle("d")
-    script_rsync('out("sender removed d\\n")', ALL_GONE)
+    script_rsync(RECEIVED + 'out("sender removed d\\n")', ALL_GONE)
     assert not [line for line in run(scripted_binary()).lines if line.startswith("rsync_orbelin")]
 
 
 def test_a_journal_that_was_being_begun_is_cleared_away() -> None:
     names("a")
-    script_rsync('out("sender removed a\\n")')
+    script_rsync(RECEIVED + 'out("sender removed a\\n")')
     run(scripted_binary())
     begun = journals()[0].with_name("new-1-2")
     begun.write_text("skarn journal 1\n", "ascii")
@@ -489,13 +489,13 @@ def test_a_reminder_that_nobody_follows_is_not_repeated_for_ever() -> None:
     assert [reminders(list_share()) for _ in range(5)] == [1, 1, 1, 0, 0]
     # The next file brings it back to mind.
     next_cycle("b")
-    script_rsync('out("sender removed b\\n")', ALL_GONE)
+    script_rsync(RECEIVED + 'out("sender removed b\\n")', ALL_GONE)
     assert recovered(run(scripted_binary())) == ["a"]
 
 
 def test_nothing_is_kept_for_a_source_that_is_no_share() -> None:
     names("a")
-    script_rsync('out("sender removed a\\n")')
+    script_rsync(RECEIVED + 'out("sender removed a\\n")')
     program = Program(scripted_binary(), [*OPTIONS, "/srv/share/", f"{TARGET}/"])
     assert program.finish().confirmed == ["a"]
     assert not JOURNALS.exists()
