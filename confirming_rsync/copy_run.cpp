@@ -72,9 +72,9 @@ int CopyRun::run() {
     }
     accountForEarlierRuns();
     const int status = hasNames ? copy() : 0;
-    const bool done = conclude(status);
+    const auto open = conclude(status);
     finishReport();
-    endJournal(done);
+    endJournal(open);
     if (relay_.stopSignal() != 0) {
         endBySignal(relay_.stopSignal());
         return 128 + relay_.stopSignal();
@@ -131,7 +131,8 @@ void CopyRun::beginJournal(const FileList& list) {
                                    failure);
     }
     if (folder) {
-        const JournalHead head{*daemon_, nanosecondsSinceBoot(), list.identity, arguments_.source,
+        begun_ = nanosecondsSinceBoot();
+        const JournalHead head{*daemon_, begun_, list.identity, arguments_.source,
                                arguments_.destination};
         journal_ = Journal(std::move(folder), head, listed_);
         failure = journal_.failure();
@@ -220,13 +221,19 @@ bool CopyRun::decideAboutEarlierRuns(EarlierRuns& earlier) {
     return true;
 }
 
-/// The last line of the journal: what a later run has to take care of.
-void CopyRun::endJournal(bool ownNamesDone) {
-    if (!ownNamesDone || writer_.pending() > 0 || relay_.readerIsGone()) {
+/// The last lines of the journal: what a later run has to take care of. Without `open`, that is
+/// every name without a confirmation.
+void CopyRun::endJournal(const std::optional<std::vector<std::string>>& open) {
+    if (!open || writer_.pending() > 0 || relay_.readerIsGone()) {
         return;
     }
-    journal_.write(inheritsOpenNames_ ? ownDoneLine() : allDoneLine());
-    if (!journal_.failure().empty() && !inheritsOpenNames_) {
+    std::string lines;
+    for (const std::string& name : *open) {
+        lines += inheritedLine({name, begun_, 0});
+    }
+    const bool allDone = !inheritsOpenNames_ && open->empty();
+    journal_.write(lines.append(allDone ? allDoneLine() : ownDoneLine()));
+    if (!journal_.failure().empty() && allDone) {
         // Half a journal would have names announced twice.
         journal_.remove();
     }
@@ -259,25 +266,42 @@ int CopyRun::copy() {
     return rsync.exitStatus();
 }
 
-/// The end of every run, however rsync ended. False if a name of the list may have been received
-/// and removed at the source without being confirmed.
-bool CopyRun::conclude(int status) {
+/// The end of every run, however rsync ended. Returns the names that may yet turn out to be
+/// received and removed at the source; nothing if that may be any name of the list.
+std::optional<std::vector<std::string>> CopyRun::conclude(int status) {
+    using Names = std::vector<std::string>;
     filter_.finish([this](const std::string& name) { return destination_.hasFile(name); });
     send();
     if (relay_.readerIsGone()) {
-        return false;
+        return std::nullopt;
     }
     const bool complete = isAnswered(status) && !isStopping();
-    const std::vector<std::string> names = unconfirmedNames(status);
-    if (names.empty()) {
-        return complete || status == notStarted;
+    const Names names = unconfirmedNames(status);
+    bool answered = true;
+    if (!names.empty()) {
+        if (!complete) {
+            pause(limits_.settling);
+        }
+        answered = ask(names);
+        send();
     }
-    if (!complete) {
-        pause(limits_.settling);
+    if (isStopping()) {
+        return std::nullopt;
     }
-    const bool answered = ask(names);
-    send();
-    return complete && answered;
+    const bool decided = (complete && answered) || status == notStarted;
+    return decided ? Names() : receivedAndUnconfirmed();
+}
+
+/// A file that is not in place by now was not received by this run. Another one may still be
+/// removed by a server that has not noticed yet that its connection broke.
+std::vector<std::string> CopyRun::receivedAndUnconfirmed() const {
+    std::vector<std::string> names;
+    for (const std::string& name : listed_) {
+        if (!filter_.wasConfirmed(name) && staysBelow(name) && destination_.hasFile(name)) {
+            names.push_back(name);
+        }
+    }
+    return names;
 }
 
 void CopyRun::finishReport() {

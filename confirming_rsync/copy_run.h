@@ -13,6 +13,7 @@
 #include "confirming_rsync/standstill.h"
 
 #include <chrono>
+#include <cstdint>
 #include <deque>
 #include <optional>
 #include <set>
@@ -68,14 +69,15 @@ private:
     void recordConfirmations();
     void accountForEarlierRuns();
     bool decideAboutEarlierRuns(EarlierRuns& earlier);
-    void endJournal(bool ownNamesDone);
+    void endJournal(const std::optional<std::vector<std::string>>& open);
 
     int copy();
     bool takeList(const FileList& list);
-    bool conclude(int status);
+    std::optional<std::vector<std::string>> conclude(int status);
     void finishReport();
 
     std::vector<std::string> unconfirmedNames(int status) const;
+    std::vector<std::string> receivedAndUnconfirmed() const;
     bool ask(const std::vector<std::string>& names);
     struct Answer {
         std::set<std::string> gone; // those of the names that the source does not have
@@ -113,6 +115,7 @@ private:
     bool hasOthers_ = false; // the list has entries that rsync shall not see
     std::optional<ProcessIdentity> daemon_;
     Journal journal_;
+    std::uint64_t begun_ = 0; // when the journal was
     bool inheritsOpenNames_ = false;
     std::deque<ReportFilter::Confirmation> unrecorded_; // not in the journal so far
 };

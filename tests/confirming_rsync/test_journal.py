@@ -266,6 +266,21 @@ def test_open_names_of_a_run_without_an_answer_are_asked_about_by_the_next() -> 
     assert recovered(run(scripted_binary())) == ["a"]
 
 
+def test_only_what_a_broken_run_has_received_stays_open() -> None:
+    next_cycle("a", "b", "c")
+    received = RECEIVED.replace(".split()", ".split()[:2]")
+    script_rsync(received + 'out("sender removed a\\n")\nsys.exit(11)', ALL_THERE)
+    assert run(scripted_binary()).confirmed == ["a"]
+    text = journals()[0].read_text("utf-8")
+    assert text.endswith("done: own names\n")
+    assert [line.split()[3] for line in text.splitlines() if line.startswith("i ")] == ["b"]
+    # By the next cycle, "b" has been removed late; "c" was not received before it was.
+    (TARGET / "c").touch()
+    next_cycle("d")
+    script_rsync(RECEIVED + 'out("sender removed d\\n")', ALL_GONE)
+    assert recovered(run(scripted_binary())) == ["b"]
+
+
 def test_names_that_stay_at_the_source_are_not_asked_about_for_ever() -> None:
     broken_run("stays")
     for _ in range(5):
