@@ -133,6 +133,8 @@ class Bed:
 
     def start_daemon(self) -> None:
         """Starts a daemon; there must be none."""
+        if self._daemon_pids:
+            self.note_kill()  # the last one died between what was noted before and now
         # It never ends by itself, and where no process can be had the leak check fails on its own.
         started = self.daemon.start(leak_check=False)
         assert started.status == 0 and self.daemon.detached, started
@@ -432,7 +434,11 @@ class Bed:
                 second = entry.records[1]
                 across = any(entry.born <= moment <= second for moment in self._kill_times)
                 if not kills or not across:
-                    ledger.complain(f"{entry.name} was announced twice though nothing died")
+                    after = [f"{moment - entry.born:.3f}" for moment in entry.records]
+                    ledger.complain(
+                        f"{entry.name} was announced twice though nothing died: "
+                        f"{', '.join(after)} s after it was written"
+                    )
         for place in ledger.places:
             for name in list_files(place) if place.is_dir() else []:
                 half = HALF_RECEIVED.fullmatch(os.path.basename(name)) is not None
