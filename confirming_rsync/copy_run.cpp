@@ -195,7 +195,10 @@ bool CopyRun::decideAboutEarlierRuns(EarlierRuns& earlier) {
     }
     pause(limits_.settling);
     const Answer answer = askWhichAreGone(names, 1);
-    if (!answer.failure.empty() || isStopping()) {
+    if (isStopping()) {
+        return false;
+    }
+    if (!answer.failure.empty()) {
         filter_.remark(ownName + ("cannot ask the source about " + count(names.size(), "file")) +
                        " of an earlier run: " + answer.failure + "; a later run will");
         return false;

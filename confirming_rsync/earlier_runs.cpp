@@ -74,7 +74,8 @@ EarlierRuns::EarlierRuns(const Descriptor& folder, const Wanted& wanted, const s
 
 void EarlierRuns::look(const std::string& name, const Wanted& wanted) {
     Descriptor file = openFile(folder_, name);
-    if (!file && errno == ENOENT) {
+    if (!file && errno != ELOOP && errno != ENXIO && errno != EACCES) {
+        // Gone by now, or there is no descriptor to be had: nothing that speaks against it.
         return;
     }
     if (!file || !isOwnFile(file)) {

@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import os
 import signal
+import socket
 import stat
 import subprocess
 from pathlib import Path
@@ -378,12 +379,19 @@ def damage(journal: Path, how: str) -> None:
     elif how == "fifo":
         journal.unlink()
         os.mkfifo(journal, 0o600)
+    elif how == "socket":
+        journal.unlink()
+        with socket.socket(socket.AF_UNIX) as server:
+            os.chdir(journal.parent)  # its path is longer than an address may be
+            server.bind(journal.name)
+            os.chdir("/")
     elif how == "share":
         journal.write_bytes(journal.read_bytes().replace(b"/ramdisk/", b"/other/"))
 
 
 @pytest.mark.parametrize(
-    "how", ["text", "empty", "leads out", "owner", "mode", "link", "folder", "fifo", "share"]
+    "how",
+    ["text", "empty", "leads out", "owner", "mode", "link", "folder", "fifo", "socket", "share"],
 )
 def test_a_journal_that_is_not_sound_is_set_aside(how: str) -> None:
     broken_run("a")
@@ -404,6 +412,28 @@ def test_a_journal_that_is_not_sound_is_set_aside(how: str) -> None:
     next_cycle("d")
     script_rsync(RECEIVED + 'out("sender removed d\\n")', ALL_GONE)
     assert not [line for line in run(scripted_binary()).lines if line.startswith("rsync_orbelin")]
+
+
+def test_a_journal_that_cannot_be_opened_now_is_kept() -> None:
+    broken_run("a")
+    next_cycle("c")
+    script_rsync(RECEIVED + 'out("sender removed c\\n")', ALL_GONE)
+    # Enough descriptors for the report, the folder and the turn, and none for what others left.
+    found: list[bytes | str] = []
+    for limit in range(4, 16):
+        program = subprocess.run(
+            ["prlimit", f"--nofile={limit}", scripted_binary(), *OPTIONS, URL, f"{TARGET}/"],
+            env=DAEMON_ENVIRONMENT,
+            stdin=subprocess.DEVNULL,
+            stdout=subprocess.PIPE,
+            timeout=60,
+            check=False,
+        )
+        assert b"damaged" not in program.stdout and b"not used" not in program.stdout
+        found += [line for line in program.stdout.splitlines() if b"recovered a" in line]
+        next_cycle("c")
+    assert found + recovered(run(scripted_binary())) in (["a"], [b"CONFIRMED: recovered a"])
+    assert not list(JOURNALS.glob("*/damaged-*"))
 
 
 def test_a_journal_that_was_being_begun_is_cleared_away() -> None:
