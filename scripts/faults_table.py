@@ -59,33 +59,39 @@ class Row:
 
 
 def table(runs: list[dict[str, Any]]) -> str:
-    """The table, and a sentence on the kills in it and on what could not be announced."""
+    """The table, and what else the results say."""
     rows: dict[str, Row] = {}
     total = Row("**all**", "")
     for run in runs:
         rows.setdefault(run["fault"], Row(run["title"], run["fault"])).add(run)
         total.add(run)
-    daemons, copies, excused = (
-        sum(run[key] for run in runs) for key in ("daemon_kills", "copy_kills", "excused")
+    daemons, copies, excused, cut = (
+        sum(run[key] for run in runs) for key in ("daemon_kills", "copy_kills", "excused", "cut")
     )
-    lines = [HEAD, "|---|---|" + "---:|" * 7, *map(str, rows.values()), str(total)]
-    return (
-        "\n".join(lines) + "\n\n"
-        f"Among these faults are {daemons:,} deaths of the daemon and {copies:,} of copy "
-        "processes. \"Recovered in\" is the\nlongest time from the end of the last fault until "
-        "everything was moved and announced. The log names or counts\n"
-        f"{excused:,} files that were moved while there was no pipe to announce them in (the "
-        "three rows on the named pipe\nand the mixed one); they are not in the table's "
-        "\"never announced\".\n"
-    )
+    lines = [
+        HEAD,
+        "|---|---|" + "---:|" * 7,
+        *map(str, rows.values()),
+        str(total),
+        "",
+        f"- {daemons:,} deaths of the daemon and {copies:,} of copy processes are among them.",
+        '- "Recovered in" is the longest time from the end of the last fault of a run until all',
+        "  was moved and announced.",
+        f"- {excused:,} files were moved while there was no pipe to announce them in, or were taken",
+        "  away from the target, after a death, before they could be announced. They are not",
+        '  counted as "never announced".',
+        f"- {cut:,} of the growing files were taken as they were while the detector paused, and it",
+        "  wanted to go on writing afterwards.",
+    ]
+    return "\n".join(lines) + "\n"
 
 
 def main() -> int:
     """Returns the exit status."""
     parser = argparse.ArgumentParser(description="Renders the results of fault runs.")
     parser.add_argument("--check", action="store_true")
-    parser.add_argument("results", nargs="?", type=Path,
-                        default=ROOT / "docs/reliability/results.jsonl")
+    results = ROOT / "docs/reliability/results.jsonl"
+    parser.add_argument("results", nargs="?", type=Path, default=results)
     parser.add_argument("document", nargs="?", type=Path, default=ROOT / "docs/reliability.md")
     options = parser.parse_args()
     text = options.results.read_text(encoding="utf-8")

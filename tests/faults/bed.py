@@ -5,7 +5,8 @@ A seed decides what the detectors produce and which faults strike when. What a f
     bed.stations                    each: .server, .workload, .ledger, .target, .proxy (or None)
     bed.consumer                    .come(), .leave(), .nap
     bed.kill_daemon(number), bed.start_daemon(), bed.daemon
-    bed.copy_processes(), bed.rsync_children(), bed.send(process, number), bed.kill_copy_process(...)
+    bed.copy_processes(), bed.rsync_children()
+    bed.send(process, number), bed.kill_copy_process(process, number)
     bed.wait_idle(), bed.wait_copying(), bed.wait_moment(rng), bed.standing_still()
 
 While faults strike, the source is looked at all the time: a file that is gone there has to be whole
@@ -44,6 +45,7 @@ from support.waiting import wait_until
 MINPAUSE = 30  # milliseconds, so that a run is short
 MOST_IN_VAIN = 50  # faults in a row that found nothing to break
 ORPHANS = (skarn.COPY_PROGRAM.name[:15], "rsync", "sh", "mkdir", "chown")
+JOURNALS = Path("/var/lib/skarn/journal")
 LOOK_EVERY = 0.02  # seconds between two looks at the source
 
 
@@ -95,7 +97,9 @@ class Bed:
     ) -> None:
         self.seed = seed
         self.stations = [self._station(number, proxy) for number in range(1, stations + 1)]
-        self.consumer = CheckingConsumer({f"{each.target}/.": each.ledger for each in self.stations})
+        self.consumer = CheckingConsumer(
+            {f"{each.target}/.": each.ledger for each in self.stations}
+        )
         self.daemon = skarn.Daemon()
         self.daemon_kills = 0
         self.copy_kills = 0
@@ -152,6 +156,8 @@ class Bed:
     def note_kill(self) -> None:
         """Something is about to be killed or cut: a second record of a file may follow."""
         self._kill_times.append(time.monotonic())
+        for station in self.stations:
+            station.ledger.something_died = True
 
     @property
     def deaths(self) -> int:
@@ -279,7 +285,7 @@ class Bed:
     # The run.
 
     def run(self, faults: list[Fault], rounds: int, limit: float) -> Outcome:
-        """Injects `rounds` faults, chosen among `faults`, lets all drain and returns what came of it.
+        """Injects `rounds` faults, chosen among `faults`, lets all drain, and judges.
 
         With several, now and then one that is over at once strikes while another one lasts. No
         more are begun when `limit` seconds have passed.
@@ -362,14 +368,17 @@ class Bed:
         return done - begin
 
     def describe(self) -> str:
-        """What is there and runs at this moment, for whoever has to find out why it stands still."""
-        lines = [f"{self.left()} files are left; {self.consumer.records} records were read; these run:"]
+        """What is there and runs at this moment, for whoever asks why it stands still."""
+        lines = [f"{self.left()} files left; {self.consumer.records} records read; what runs:"]
         for each in processes():
             if not each.is_zombie:
                 where = {each.pid: each.name, **threads(each.pid)}
                 words = " ".join(arguments(each.pid))
                 lines.append(f"{each.pid} of {each.parent}, {each.state}: {words} {where}")
         lines += [f"{path}: {path.stat().st_size} bytes" for path in skarn.file_lists()]
+        for path in sorted(JOURNALS.rglob("*")):
+            with suppress(OSError):
+                lines.append(f"{path}:\n{path.read_text(encoding='utf-8', errors='replace')[:500]}")
         return "\n".join(lines)
 
     def _end_daemon(self, faults: list[Fault]) -> None:
@@ -517,7 +526,7 @@ class Bed:
         self.ledger.complain(f"the bed itself failed: {failure.exc_value!r}")
 
     def _look(self) -> None:
-        """Looks at the sources, and takes the status of orphans as a machine's first process does."""
+        """Looks at the sources, and takes the status of orphans, as init would."""
         while not self._end.is_set():
             self.left()
             reap_orphans()

@@ -69,7 +69,7 @@ class Fault:
         """Makes good again what `inject` broke."""
 
     def check(self, bed: Bed) -> None:
-        """Called once after the drain, if it struck: complains to the ledger about what only it knows."""
+        """Called once after the drain, if it struck: complains about what only it knows."""
 
 
 FAULTS: dict[str, type[Fault]] = {}

@@ -42,6 +42,7 @@ class Ledger:
         self.broken: list[str] = []
         self.bytes = 0
         self.moved = 0  # files that have left the source
+        self.something_died = False
         self.made_up: set[str] = set()  # names that a fault itself announces; they don't count
         self._entries: dict[str, Entry] = {}
         self._present: dict[str, Entry] = {}
@@ -138,14 +139,23 @@ class Ledger:
             return list(self._present)
 
     def unannounced(self) -> list[str]:
-        """The names of the files that left the source, need a record and have none."""
+        """The names of the files that left the source, need a record and have none.
+
+        When something has died, a file that a fault has taken away from the target since needs
+        none: what a death left open is announced only if it is still there.
+        """
         with self._lock:
-            return [
-                entry.name
+            open_entries = [
+                entry
                 for entry in self._entries.values()
                 if entry.gone is not None
                 and not (entry.records or entry.excused or entry.withdrawn or entry.stays)
             ]
+        if self.something_died and len(self.places) > 1:
+            for entry in open_entries:
+                found = self.find(entry.name)
+                entry.excused = found not in (None, self.places[0] / entry.name)
+        return [entry.name for entry in open_entries if not entry.excused]
 
     def find(self, name: str) -> Path | None:
         """Where the file has arrived, or None."""

@@ -3,8 +3,8 @@
     run.py --list | --names
     run.py --fault NAME --seed N [--rounds N] [--limit SECONDS] [--log FILE]
 
-NAME is a fault, or "mixed" for all that can be mixed. Prints what the run came to, and its numbers as
-one line of JSON. The status is 0 if the promise held, 1 if not.
+NAME is a fault, or "mixed" for all that can be mixed. Prints what the run came to, and its
+numbers as one line of JSON. The status is 0 if the promise held, 1 if not.
 """
 
 from __future__ import annotations
@@ -27,7 +27,7 @@ MIXED_ROUNDS = 150
 
 
 def chosen(name: str) -> list[Fault]:
-    """The faults of a run; mixed ones in the order of their names, so that a seed means the same."""
+    """The faults of a run; mixed ones in the order of their names, as the seed wants."""
     kinds = load()
     if name == MIXED:
         return [kind() for kind in kinds.values() if kind.mixes]
