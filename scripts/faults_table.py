@@ -77,7 +77,7 @@ def table(runs: list[dict[str, Any]]) -> str:
         f"- {daemons:,} deaths of the daemon and {copies:,} of copy processes are among them.",
         '- "Recovered in" is the longest time from the end of the last fault of a run until all',
         "  was moved and announced.",
-        f"- {excused:,} files were moved while there was no pipe to announce them in, or were taken",
+        f"- {excused:,} files were moved while there was no pipe to announce them in, or taken",
         "  away from the target, after a death, before they could be announced. They are not",
         '  counted as "never announced".',
         f"- {cut:,} of the growing files were taken as they were while the detector paused, and it",
