@@ -18,7 +18,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 usage() {
-    sed -n 's/^# \{0,1\}//; 2,/^$/p' "$0" | head -n 16 >&2
+    sed -n '2,/^set /{s/^# \{0,1\}//p}' "$0" >&2
     exit 2
 }
 
