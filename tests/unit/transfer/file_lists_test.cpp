@@ -145,8 +145,10 @@ std::string contentWithRoomFor(rlim_t room, const std::string& path,
 
 TEST_F(FileLists, HoldWholeNamesOnlyWhereThereIsNoRoomForAll) {
     // More than is written at once: the file system is found full while names are still added.
+    constexpr std::size_t count = 20000;
     std::vector<std::string> names;
-    for (int i = 0; i < 20000; ++i) {
+    names.reserve(count);
+    for (std::size_t i = 0; i < count; ++i) {
         names.push_back("frame_" + std::to_string(100000 + i));
     }
     const std::string content = contentWithRoomFor(70000, path, names);
