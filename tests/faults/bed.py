@@ -149,7 +149,10 @@ class Bed:
         if not self.daemon.is_running():
             return 0
         self.note_kill()
-        self.daemon.end(number)
+        self.daemon.send_signal(number)
+        with suppress(ProcessLookupError):
+            os.kill(self.daemon.pid, signal.SIGCONT)  # it may be stopped, and heed nothing else
+        self.daemon.wait_ended()
         self.daemon_kills += 1
         return 1
 
