@@ -12,6 +12,9 @@
 
 namespace confirming {
 
+/// The program's exit status if stock rsync can't be started.
+constexpr int notStarted = 127;
+
 /// What to start: the absolute path of the program (not searched for), its arguments without its
 /// own name, and its environment as "NAME=value".
 struct ProgramCall {

@@ -5,7 +5,7 @@
 #include "confirming_rsync/open_names.h"
 #include "confirming_rsync/printed_name.h"
 #include "confirming_rsync/reminder.h"
-#include "confirming_rsync/share_question.h"
+#include "confirming_rsync/text_files.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -21,7 +21,6 @@ namespace confirming {
 namespace {
 
 constexpr const char* ownName = "rsync_orbelin: ";
-constexpr int notStarted = 127;
 
 /// Far beyond any honest answer.
 constexpr std::size_t longestAnswer = std::size_t{64} * 1024 * 1024;
@@ -29,16 +28,7 @@ constexpr std::size_t longestAnswer = std::size_t{64} * 1024 * 1024;
 /// The text as a file to be read from its beginning; empty if that can't be had.
 Descriptor fileWith(const std::string& text) {
     Descriptor file(::memfd_create("names", MFD_CLOEXEC));
-    std::size_t written = 0;
-    while (file && written < text.size()) {
-        const ssize_t count = ::write(file.get(), text.data() + written, text.size() - written);
-        if (count > 0) {
-            written += static_cast<std::size_t>(count);
-        } else if (errno != EINTR) {
-            file.close();
-        }
-    }
-    if (file && ::lseek(file.get(), 0, SEEK_SET) != 0) {
+    if (file && (!writeText(file, text) || ::lseek(file.get(), 0, SEEK_SET) != 0)) {
         file.close();
     }
     return file;
@@ -57,8 +47,9 @@ std::string count(std::size_t number, const std::string& noun) {
 CopyRun::CopyRun(Places places, Arguments arguments, std::vector<std::string> environment,
                  const Limits& limits)
     : places_(std::move(places)), arguments_(std::move(arguments)),
-      environment_(childEnvironment(std::move(environment))), limits_(limits), begin_(Clock::now()),
-      destination_(arguments_.destination), writer_(STDOUT_FILENO), relay_(signals_, writer_),
+      share_(parseShare(arguments_.source)), environment_(childEnvironment(std::move(environment))),
+      limits_(limits), begin_(Clock::now()), destination_(arguments_.destination),
+      writer_(STDOUT_FILENO), relay_(signals_, writer_),
       filter_([this](const std::string& name) { return destination_.sentLineMayFollow(name); },
               [this](const std::string& name) { return isListed(name); }) {
 }
@@ -114,7 +105,7 @@ bool CopyRun::takeList(const FileList& list) {
 
 /// Writes down what is going to be copied, before anything is.
 void CopyRun::beginJournal(const FileList& list) {
-    if (places_.journalFolder.empty() || list.text.empty() || !parseShare(arguments_.source)) {
+    if (places_.journalFolder.empty() || list.text.empty() || !share_) {
         return;
     }
     daemon_ = identityOf(::getppid());
@@ -151,12 +142,21 @@ void CopyRun::recordConfirmations() {
         lines += confirmedLine(unrecorded_.front().name);
         unrecorded_.pop_front();
     }
-    const bool couldBeWritten = journal_.failure().empty();
-    journal_.write(lines);
-    if (couldBeWritten && !journal_.failure().empty()) {
-        filter_.remark(ownName + ("cannot go on with the journal: " + journal_.failure()));
-        send();
+    writeJournal(lines);
+}
+
+/// False if it can't be written; says so once.
+bool CopyRun::writeJournal(std::string_view lines) {
+    if (!journal_.failure().empty()) {
+        return false;
     }
+    journal_.write(lines);
+    if (journal_.failure().empty()) {
+        return true;
+    }
+    filter_.remark(ownName + ("cannot go on with the journal: " + journal_.failure()));
+    send();
+    return false;
 }
 
 /// Announces what earlier runs have received and nobody has announced.
@@ -212,9 +212,7 @@ bool CopyRun::decideAboutEarlierRuns(EarlierRuns& earlier) {
             lines += inheritedLine(entry);
         }
     }
-    journal_.write(lines);
-    if (!journal_.failure().empty()) {
-        filter_.remark(ownName + ("cannot go on with the journal: " + journal_.failure()));
+    if (!writeJournal(lines)) {
         return false;
     }
     inheritsOpenNames_ = !decision.inherited.empty();
@@ -332,13 +330,12 @@ void CopyRun::finishReport() {
 /// names of the list, since only these are known to be relative to the source.
 std::vector<std::string> CopyRun::unconfirmedNames(int status) const {
     const bool sawSource = isAnswered(status) || filter_.sawFileList();
-    const auto share = parseShare(arguments_.source);
     std::vector<std::string> names;
     for (const std::string& name : listed_) {
         if (filter_.wasConfirmed(name) || filter_.wasDiscarded(name) || !staysBelow(name)) {
             continue;
         }
-        const bool complained = share && filter_.wasComplainedAbout(share->pathOf(name));
+        const bool complained = share_ && filter_.wasComplainedAbout(share_->pathOf(name));
         const bool upToDate = sawSource && !complained;
         if ((filter_.wasSent(name) || upToDate) && destination_.hasFile(name)) {
             names.push_back(name);
@@ -368,7 +365,7 @@ bool CopyRun::ask(const std::vector<std::string>& names) {
 }
 
 CopyRun::Answer CopyRun::askWhichAreGone(const std::vector<std::string>& names, int attempts) {
-    if (!parseShare(arguments_.source)) {
+    if (!share_) {
         return {{}, "it is not a share of an rsync daemon"};
     }
     const auto end = Clock::now() + limits_.question;
@@ -414,8 +411,7 @@ CopyRun::Answer CopyRun::readAnswer(const std::vector<std::string>& names, Clock
     if (!isAnswered(rsync.exitStatus())) {
         return {{}, "rsync ended with status " + std::to_string(rsync.exitStatus())};
     }
-    const std::vector<std::string> gone =
-        namesGone(*parseShare(arguments_.source), names, output, errorOutput);
+    const std::vector<std::string> gone = namesGone(*share_, names, output, errorOutput);
     return {{gone.begin(), gone.end()}, {}};
 }
 

@@ -9,6 +9,7 @@
 #include "confirming_rsync/relay.h"
 #include "confirming_rsync/report_filter.h"
 #include "confirming_rsync/report_writer.h"
+#include "confirming_rsync/share_question.h"
 #include "confirming_rsync/signals.h"
 #include "confirming_rsync/standstill.h"
 
@@ -67,6 +68,7 @@ public:
 private:
     void beginJournal(const FileList& list);
     void recordConfirmations();
+    bool writeJournal(std::string_view lines);
     void accountForEarlierRuns();
     bool decideAboutEarlierRuns(EarlierRuns& earlier);
     void endJournal(const std::optional<std::vector<std::string>>& open);
@@ -102,6 +104,7 @@ private:
 
     const Places places_;
     const Arguments arguments_;
+    const std::optional<Share> share_; // the source; nothing if it is none of an rsync daemon
     const std::vector<std::string> environment_;
     const Limits limits_;
     const Clock::time_point begin_;

@@ -19,8 +19,6 @@ namespace confirming {
 
 namespace {
 
-constexpr int notStarted = 127;
-
 std::vector<std::string> stringsFrom(char** pointers) {
     std::vector<std::string> strings;
     for (; pointers != nullptr && *pointers != nullptr; ++pointers) {

@@ -18,12 +18,6 @@
 
 namespace confirming {
 
-namespace {
-
-constexpr int notStarted = 127;
-
-} // namespace
-
 ShareListing::ShareListing(Places places, Arguments arguments, std::vector<std::string> environment)
     : places_(std::move(places)), arguments_(std::move(arguments)),
       environment_(std::move(environment)) {

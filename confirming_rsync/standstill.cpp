@@ -62,9 +62,6 @@ std::optional<std::uint64_t> bytesMovedBy(pid_t group) {
     return moved;
 }
 
-Standstill::Standstill(pid_t group) : group_(group), moved_(bytesMovedBy(group)) {
-}
-
 bool Standstill::hasLasted(std::chrono::milliseconds time) {
     const auto now = Clock::now();
     if (now - lastLife_ < time / looks || now - lastLook_ < time / looks) {

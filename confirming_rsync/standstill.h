@@ -19,7 +19,7 @@ std::optional<std::uint64_t> bytesMovedBy(pid_t group);
 /// group that can't be looked into never does. Not for use by several threads.
 class Standstill {
 public:
-    explicit Standstill(pid_t group);
+    explicit Standstill(pid_t group) : group_(group) {}
 
     /// The group was seen to do something, or is being kept from it.
     void noteLife() { lastLife_ = Clock::now(); }
@@ -30,7 +30,7 @@ public:
 
 private:
     pid_t group_;
-    std::optional<std::uint64_t> moved_;
+    std::optional<std::uint64_t> moved_; // at the last look; nothing before the first
     Clock::time_point lastLife_ = Clock::now();
     Clock::time_point lastLook_ = Clock::now();
 };
