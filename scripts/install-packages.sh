@@ -1,16 +1,18 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that a purpose needs and that are missing: the one place that knows them.
 #
-#   install-packages.sh PURPOSE...      PURPOSE: build, demo, tests, soak, races, coverage, checks, fuzz
+#   install-packages.sh PURPOSE...      PURPOSE: build, control, demo, tests, soak, races, coverage, checks, fuzz
 #
 # Says what it is going to install before it does. Does nothing, and needs no rights, when all is there.
 set -euo pipefail
 
 # The daemon and the copy program themselves need no more than these (ninja is what the presets build with).
 build=(cmake g++ ninja-build)
+# What skarnctl is built with, beside these.
+control=(libcli11-dev libncurses-dev nlohmann-json3-dev prometheus-cpp-dev)
 # The sandbox (mount, unshare, ip), the other end of the transfers, and what drives them.
 demo=("${build[@]}" iproute2 mount python3 rsync util-linux)
-tests=("${demo[@]}" libgmock-dev libgtest-dev python3-pytest)
+tests=("${demo[@]}" "${control[@]}" libgmock-dev libgtest-dev python3-pytest)
 soak=("${demo[@]}" gnuplot-nox)
 races=("${tests[@]}" valgrind)
 coverage=("${tests[@]}" gcovr)
@@ -19,7 +21,7 @@ checks=("${tests[@]}" clang clang-format clang-tidy git libclang-rt-dev mypy she
 fuzz=("${build[@]}" clang git libclang-rt-dev)
 
 usage() {
-    printf 'usage: install-packages.sh PURPOSE...   (build, demo, tests, soak, races, coverage, checks, fuzz)\n' >&2
+    printf 'usage: install-packages.sh PURPOSE...   (build, control, demo, tests, soak, races, coverage, checks, fuzz)\n' >&2
     exit 2
 }
 
@@ -28,6 +30,7 @@ wanted=()
 for purpose in "$@"; do
     case $purpose in
         build) wanted+=("${build[@]}") ;;
+        control) wanted+=("${build[@]}" "${control[@]}") ;;
         demo) wanted+=("${demo[@]}") ;;
         tests) wanted+=("${tests[@]}") ;;
         soak) wanted+=("${soak[@]}") ;;

@@ -1,0 +1,26 @@
+// What every subcommand of skarnctl agrees on: how it is added, its exit statuses, its complaints.
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <string>
+
+namespace control {
+
+/// Exit statuses that all subcommands share; `status` and `check` have theirs beside them.
+enum ExitStatus : int {
+    succeeded = 0,
+    failed = 1,     // what was asked for could not be done
+    badUsage = 2,   // the command line is wrong
+    notAllowed = 4, // needs other rights, usually root's
+};
+
+/// What stands before a subcommand: options that all of them know.
+struct CommonOptions {
+    std::string daemonPath; // of the daemon's executable
+};
+
+/// Writes "skarnctl: " and the text, in one line (control characters in it are shown as \ooo), to
+/// standard error.
+void complain(const std::string& text);
+
+} // namespace control

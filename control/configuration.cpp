@@ -1,0 +1,169 @@
+// The configuration as the daemon takes it: read with the daemon's own code, completed in its
+// order.
+#include "control/configuration.h"
+
+#include "config/config_text.h"
+#include "daemon/global.h"
+#include "transfer/copy_command.h"
+#include "transfer/worker.h"
+#include "utilities/text.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <map>
+#include <memory>
+
+namespace control {
+
+namespace {
+
+/// A worker that is never started: it knows the rules for source and target.
+class PlannedWorker : public Worker {
+public:
+    using Worker::Worker;
+
+    Detector detector() const {
+        Detector planned;
+        planned.id = detectorId;
+        planned.remoteIp = remoteIp;
+        planned.shareUrl = ::shareUrl(remoteIp, sourcePath);
+        planned.target = targetPath;
+        planned.minPause = minPause;
+        planned.interrunPause = interrunPause;
+        return planned;
+    }
+};
+
+using Workers = std::map<std::string, std::unique_ptr<PlannedWorker>>;
+
+Workers makeWorkers(const std::string& text) {
+    Workers workers;
+    int minPause = 0;
+    int interrunPause = 0;
+    for (const std::string& block : cutDetectorBlocks(text)) {
+        std::string id;
+        std::string remoteIp;
+        std::string source;
+        std::string target;
+        UTILITIES::readVar(block, "detectorID", id);
+        UTILITIES::readVar(block, "remoteIP", remoteIp);
+        UTILITIES::readVar(block, "source", source);
+        UTILITIES::readVar(block, "target", target);
+        UTILITIES::readVar(block, "minpause", minPause);
+        UTILITIES::readVar(block, "interrun_pause", interrunPause);
+        workers[id] =
+            std::make_unique<PlannedWorker>(id, remoteIp, source, target, minPause, interrunPause);
+    }
+    return workers;
+}
+
+/// Applies the start options; returns what the daemon would complain about, or an empty text.
+std::string applyStartOptions(const std::vector<std::string>& words, Configuration& configuration,
+                              Workers& workers) {
+    for (std::size_t i = 0; i < words.size(); i += 2) {
+        const std::string& option = words[i];
+        const bool isUser = option == "-u" || option == "--user";
+        if (!isUser && option != "-d" && option != "--detector") {
+            return "Unknown option " + option;
+        }
+        std::vector<std::string> fields;
+        if (i + 1 < words.size()) {
+            fields = UTILITIES::splitWords(words[i + 1], ':');
+        }
+        if (isUser) {
+            if (fields.size() != 2) {
+                return option + " needs UID:GID";
+            }
+            configuration.uid = fields[0];
+            configuration.gid = fields[1];
+            continue;
+        }
+        if (fields.size() != 3) {
+            return option + " needs DETECTOR_ID:SOURCE:TARGET";
+        }
+        const auto worker = workers.find(fields[0]);
+        if (worker == workers.end()) {
+            return "No detectorID " + fields[0] + " found in config file";
+        }
+        worker->second->setSource(fields[1]);
+        worker->second->setTarget(fields[2]);
+    }
+    return {};
+}
+
+void replaceFirst(std::string& text, const std::string& word, const std::string& replacement) {
+    const std::size_t position = text.find(word);
+    if (position != std::string::npos) {
+        text.replace(position, word.size(), replacement);
+    }
+}
+
+} // namespace
+
+Configuration::Configuration()
+    : logFileName(GLOBAL::logFileName), logFileMaxSize(GLOBAL::logFileMaxSize),
+      logFileMaxNumber(GLOBAL::logFileMaxNumber), uid(GLOBAL::uid), gid(GLOBAL::gid),
+      usrdir(GLOBAL::usrdir) {
+}
+
+std::string Detector::destination() const {
+    return target + "/";
+}
+
+const std::vector<std::string>& configFilePaths() {
+    static const std::vector<std::string> paths = {"/etc/skarn_orbelin.conf",
+                                                   "/etc/skarn_orbelin/skarn_orbelin.conf"};
+    return paths;
+}
+
+std::optional<std::string> findConfigFile() {
+    for (const std::string& path : configFilePaths()) {
+        if (std::ifstream(path)) {
+            return path;
+        }
+    }
+    return std::nullopt;
+}
+
+LoadedConfiguration loadConfiguration(const std::string& path,
+                                      const std::vector<std::string>& startOptions) {
+    std::ifstream file(path);
+    if (!file) {
+        return {std::nullopt, "cannot read " + path + ": " + std::strerror(errno)};
+    }
+    return makeConfiguration(readConfigText(file), startOptions);
+}
+
+LoadedConfiguration makeConfiguration(const std::string& text,
+                                      const std::vector<std::string>& startOptions) {
+    Configuration configuration;
+    UTILITIES::readVar(text, "logfile", configuration.logFileName);
+    UTILITIES::readVar(text, "logfile_max_number", configuration.logFileMaxNumber);
+    UTILITIES::parseSizeVar(text, "logfile_max_size", configuration.logFileMaxSize);
+    UTILITIES::readVar(text, "uid", configuration.uid);
+    UTILITIES::readVar(text, "gid", configuration.gid);
+    UTILITIES::readVar(text, "usrdir", configuration.usrdir);
+
+    Workers workers = makeWorkers(text);
+    const std::string problem = applyStartOptions(startOptions, configuration, workers);
+    if (!problem.empty()) {
+        return {std::nullopt, problem};
+    }
+
+    replaceFirst(configuration.usrdir, "$UID", configuration.uid);
+    replaceFirst(configuration.usrdir, "$GID", configuration.gid);
+    for (const auto& [id, worker] : workers) {
+        if (!configuration.usrdir.empty()) {
+            std::string target = worker->target();
+            if (target.empty() || target.back() != '/') {
+                target += '/';
+            }
+            worker->setTarget(target + configuration.usrdir);
+        }
+        configuration.detectors.push_back(worker->detector());
+    }
+    return {std::move(configuration), {}};
+}
+
+} // namespace control

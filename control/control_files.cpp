@@ -1,0 +1,127 @@
+// The two files in which the daemon tells of itself: the PID file and the status file.
+#include "control/control_files.h"
+
+#include "daemon/global.h"
+#include "utilities/sleep.h"
+
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <system_error>
+
+#include <sys/stat.h>
+
+namespace control {
+
+namespace {
+
+/// Reads a decimal number that is the whole of `word`, without a sign or a leading zero.
+template<typename Number>
+std::optional<Number> wholeNumber(std::string_view word) {
+    Number number = 0;
+    const char* const end = word.data() + word.size();
+    const auto read = std::from_chars(word.data(), end, number);
+    if (read.ec != std::errc() || read.ptr != end || word.front() == '-' || word.front() == '0') {
+        return std::nullopt;
+    }
+    return number;
+}
+
+PidFile damaged(std::string problem) {
+    PidFile file;
+    file.state = PidFile::State::damaged;
+    file.problem = std::move(problem);
+    return file;
+}
+
+PidFile readPidFileOnce() {
+    const std::string path = pidFilePath();
+    struct stat status = {};
+    if (stat(path.c_str(), &status) != 0 && errno == ENOENT) {
+        return {};
+    }
+    // A pipe or a device must not make the reader wait.
+    std::ifstream file;
+    if (S_ISREG(status.st_mode)) {
+        file.open(path, std::ios::binary);
+    }
+    if (!file.is_open()) {
+        PidFile unreadable;
+        unreadable.state = PidFile::State::unreadable;
+        unreadable.problem =
+            path + " cannot be read: " +
+            (S_ISREG(status.st_mode) ? std::strerror(errno) : "not a regular file");
+        return unreadable;
+    }
+    const std::string text{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+    PidFile read = parsePidFile(text);
+    read.written = static_cast<double>(status.st_mtim.tv_sec) +
+                   static_cast<double>(status.st_mtim.tv_nsec) / 1e9;
+    return read;
+}
+
+} // namespace
+
+std::string pidFilePath() {
+    return "/var/run/" + GLOBAL::progName + "_orbelin.pid";
+}
+
+std::string statusFilePath() {
+    return "/var/run/" + GLOBAL::progName + "_orbelin.stat";
+}
+
+PidFile parsePidFile(std::string_view text) {
+    if (text.empty()) {
+        return damaged("it is empty");
+    }
+    if (text.back() != '\n') {
+        return damaged("its last line is cut off");
+    }
+    PidFile file;
+    file.state = PidFile::State::whole;
+    for (int line = 1; !text.empty(); ++line) {
+        const std::size_t end = text.find('\n');
+        const std::optional<pid_t> pid =
+            end == 0 ? std::nullopt : wholeNumber<pid_t>(text.substr(0, end));
+        // 1 is the system's first process, never the daemon or one of its copy processes.
+        if (!pid || *pid < 2) {
+            return damaged("line " + std::to_string(line) + " is no process ID");
+        }
+        if (line == 1) {
+            file.daemon = *pid;
+        } else {
+            file.copyProcesses.push_back(*pid);
+        }
+        text.remove_prefix(end + 1);
+    }
+    return file;
+}
+
+PidFile readPidFile() {
+    PidFile file = readPidFileOnce();
+    for (int attempt = 0; attempt < 25 && file.state == PidFile::State::damaged; ++attempt) {
+        UTILITIES::sleepMilliSeconds(10);
+        file = readPidFileOnce();
+    }
+    return file;
+}
+
+std::optional<int> parseStatusFile(std::string_view text) {
+    constexpr std::string_view key = "njobs ";
+    if (text.size() < key.size() + 2 || text.substr(0, key.size()) != key || text.back() != '\n') {
+        return std::nullopt;
+    }
+    text.remove_prefix(key.size());
+    text.remove_suffix(1);
+    return wholeNumber<int>(text);
+}
+
+std::optional<int> readStatusFile() {
+    std::ifstream file(statusFilePath(), std::ios::binary);
+    const std::string text{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+    return parseStatusFile(text);
+}
+
+} // namespace control

@@ -1,0 +1,55 @@
+// What the kernel tells of one process in /proc.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <sys/types.h>
+
+namespace control {
+
+/// A process as it was when it was looked at. `pid` and `startTicks` together name one process for
+/// as long as the machine runs; the pid alone is given to others when it has ended.
+struct Process {
+    pid_t pid = 0;
+    pid_t parent = 0;
+    pid_t group = 0;
+    pid_t session = 0;
+    char state = '?';             // Z and X have ended
+    std::uint64_t startTicks = 0; // since the boot, in the kernel's ticks (see startTime)
+    std::string name;             // of the program, at most 15 bytes
+};
+
+/// Reads the text of /proc/PID/stat. Nothing if it is not in the kernel's form. The program's name,
+/// which may hold any byte, does not mislead it.
+std::optional<Process> parseProcess(std::string_view text);
+
+/// The process that has this number now; nothing if there is none. One that has ended and was not
+/// waited for yet is found, with state 'Z'.
+std::optional<Process> readProcess(pid_t pid);
+
+/// True unless it has ended.
+bool isRunning(const Process& process);
+
+/// Seconds since 1970 by the system's present clock, with fractions: a clock that was set since
+/// shifts them. Negative when the system does not tell.
+double startTime(const Process& process);
+
+/// The words of its command line; empty for a kernel thread, one that has ended, or one that may
+/// not be looked at.
+std::vector<std::string> commandLine(pid_t pid);
+
+/// The path of its executable as the kernel shows it: " (deleted)" follows when the file was
+/// replaced or removed since. Empty when it may not be looked at.
+std::string executable(pid_t pid);
+
+/// The numbers of all processes, ascending.
+std::vector<pid_t> allProcesses();
+
+/// The numbers of the children of this process, of all its threads, ascending.
+std::vector<pid_t> childrenOf(pid_t pid);
+
+} // namespace control
