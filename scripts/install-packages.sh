@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that a purpose needs and that are missing: the one place that knows them.
 #
-#   install-packages.sh PURPOSE...      PURPOSE: build, control, demo, tests, soak, races, coverage, checks, fuzz
+#   install-packages.sh PURPOSE...      PURPOSE: build, control, demo, tests, soak, races, coverage, packages,
+#                                               package-tree, checks, fuzz
 #
 # Says what it is going to install before it does. Does nothing, and needs no rights, when all is there.
 set -euo pipefail
@@ -16,12 +17,15 @@ tests=("${demo[@]}" "${control[@]}" libgmock-dev libgtest-dev python3-pytest)
 soak=("${demo[@]}" gnuplot-nox)
 races=("${tests[@]}" valgrind)
 coverage=("${tests[@]}" gcovr)
+# What builds Debian packages and looks at them, and what makes a tree to install them into.
+packages=("${build[@]}" "${control[@]}" bash-completion debhelper dpkg-dev fakeroot git lintian pkgconf)
+package_tree=("${demo[@]}" "${packages[@]}" debootstrap systemd)
 # The library that drives the fuzzers is part of the compiler's run-time library, which clang only recommends.
 checks=("${tests[@]}" clang clang-format clang-tidy git libclang-rt-dev mypy shellcheck)
 fuzz=("${build[@]}" clang git libclang-rt-dev)
 
 usage() {
-    printf 'usage: install-packages.sh PURPOSE...   (build, control, demo, tests, soak, races, coverage, checks, fuzz)\n' >&2
+    printf 'usage: install-packages.sh PURPOSE...   (build, control, demo, tests, soak, races, coverage, packages, package-tree, checks, fuzz)\n' >&2
     exit 2
 }
 
@@ -36,6 +40,8 @@ for purpose in "$@"; do
         soak) wanted+=("${soak[@]}") ;;
         races) wanted+=("${races[@]}") ;;
         coverage) wanted+=("${coverage[@]}") ;;
+        packages) wanted+=("${packages[@]}") ;;
+        package-tree) wanted+=("${package_tree[@]}") ;;
         checks) wanted+=("${checks[@]}") ;;
         fuzz) wanted+=("${fuzz[@]}") ;;
         *) usage ;;
