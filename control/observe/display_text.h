@@ -1,0 +1,50 @@
+// Text of unknown origin made fit for a terminal: no byte of it steers the terminal, and its width
+// is known.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace control {
+
+/// One character of a UTF-8 text.
+struct Character {
+    char32_t code = 0;
+    std::size_t bytes = 0; // 0: what stands there is no UTF-8
+};
+
+/// The first character of a text that is not empty. Overlong forms, surrogates and codes beyond
+/// U+10FFFF are no UTF-8.
+Character firstCharacter(std::string_view text);
+
+/// The text with every byte that is not part of a visible character written as \ooo: control
+/// characters, what is no UTF-8, and characters without a width of their own (such as those that
+/// turn the direction of writing). Without `unicode`, for a terminal that only knows ASCII, every
+/// byte above 0x7e too. With it the process's locale must be a UTF-8 one, for wcwidth().
+std::string displayable(std::string_view text, bool unicode);
+
+/// The columns that a displayable text takes.
+int displayWidth(std::string_view text);
+
+/// A displayable text cut to a number of columns; where something is missing at the end stands
+/// "…", or ".." without `unicode`.
+std::string cutEnd(std::string_view text, int columns, bool unicode);
+
+/// The same with what is missing taken out of the middle: names differ at both ends.
+std::string cutMiddle(std::string_view text, int columns, bool unicode);
+
+/// "1,234,567"
+std::string grouped(std::uint64_t number);
+
+/// "17 B", "1.2 KiB", "340 GiB": three digits or so, in steps of 1,024.
+std::string byteText(std::uint64_t bytes);
+
+/// "45 s", "12 min", "3 h 20 min", "4 d 3 h": what matters of a duration in seconds.
+std::string durationText(double seconds);
+
+/// A rate as "0", "0.4", "12" or "1,234"; without a unit.
+std::string rateText(double perSecond);
+
+} // namespace control
