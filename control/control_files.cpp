@@ -2,16 +2,17 @@
 #include "control/control_files.h"
 
 #include "daemon/global.h"
+#include "utilities/descriptors.h"
 #include "utilities/sleep.h"
 
 #include <cerrno>
 #include <charconv>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <system_error>
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace control {
 
@@ -36,30 +37,67 @@ PidFile damaged(std::string problem) {
     return file;
 }
 
+PidFile unreadable(const std::string& reason) {
+    PidFile file;
+    file.state = PidFile::State::unreadable;
+    file.problem = pidFilePath() + " cannot be read: " + reason;
+    return file;
+}
+
+/// The beginning of a file, one byte more than `limit` at most; nothing when reading fails.
+std::optional<std::string> readBeginning(int descriptor, std::size_t limit) {
+    std::string text(limit + 1, '\0');
+    std::size_t filled = 0;
+    while (filled < text.size()) {
+        const ssize_t count = read(descriptor, text.data() + filled, text.size() - filled);
+        if (count < 0 && errno == EINTR) {
+            continue;
+        }
+        if (count < 0) {
+            return std::nullopt;
+        }
+        if (count == 0) {
+            break;
+        }
+        filled += static_cast<std::size_t>(count);
+    }
+    text.resize(filled);
+    return text;
+}
+
+double seconds(const timespec& time) {
+    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
+}
+
 PidFile readPidFileOnce() {
-    const std::string path = pidFilePath();
-    struct stat status = {};
-    if (stat(path.c_str(), &status) != 0 && errno == ENOENT) {
-        return {};
+    // A named pipe or a device must not make the reader wait.
+    const Descriptor descriptor(
+        open(pidFilePath().c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW));
+    if (descriptor.get() < 0) {
+        if (errno == ENOENT) {
+            return {};
+        }
+        return unreadable(errno == ELOOP ? "it is a symbolic link" : std::strerror(errno));
     }
-    // A pipe or a device must not make the reader wait.
-    std::ifstream file;
-    if (S_ISREG(status.st_mode)) {
-        file.open(path, std::ios::binary);
+    struct stat before = {};
+    struct stat after = {};
+    if (fstat(descriptor.get(), &before) != 0) {
+        return unreadable(std::strerror(errno));
     }
-    if (!file.is_open()) {
-        PidFile unreadable;
-        unreadable.state = PidFile::State::unreadable;
-        unreadable.problem =
-            path + " cannot be read: " +
-            (S_ISREG(status.st_mode) ? std::strerror(errno) : "not a regular file");
-        return unreadable;
+    if (!S_ISREG(before.st_mode)) {
+        return unreadable("it is not a regular file");
     }
-    const std::string text{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-    PidFile read = parsePidFile(text);
-    read.written = static_cast<double>(status.st_mtim.tv_sec) +
-                   static_cast<double>(status.st_mtim.tv_nsec) / 1e9;
-    return read;
+    const std::optional<std::string> text = readBeginning(descriptor.get(), pidFileLimit);
+    if (!text || fstat(descriptor.get(), &after) != 0) {
+        return unreadable(std::strerror(errno));
+    }
+    PidFile file = parsePidFile(*text);
+    // Its text and its time belong together only if nothing was written in between.
+    if (seconds(before.st_mtim) != seconds(after.st_mtim) || before.st_size != after.st_size) {
+        file = damaged("it is being written");
+    }
+    file.written = seconds(after.st_mtim);
+    return file;
 }
 
 } // namespace
@@ -75,6 +113,9 @@ std::string statusFilePath() {
 PidFile parsePidFile(std::string_view text) {
     if (text.empty()) {
         return damaged("it is empty");
+    }
+    if (text.size() > pidFileLimit) {
+        return damaged("it is longer than " + std::to_string(pidFileLimit) + " bytes");
     }
     if (text.back() != '\n') {
         return damaged("its last line is cut off");
@@ -119,9 +160,13 @@ std::optional<int> parseStatusFile(std::string_view text) {
 }
 
 std::optional<int> readStatusFile() {
-    std::ifstream file(statusFilePath(), std::ios::binary);
-    const std::string text{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
-    return parseStatusFile(text);
+    const Descriptor descriptor(
+        open(statusFilePath().c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    if (descriptor.get() < 0) {
+        return std::nullopt;
+    }
+    constexpr std::size_t longest = 64;
+    return parseStatusFile(readBeginning(descriptor.get(), longest).value_or(""));
 }
 
 } // namespace control

@@ -1,6 +1,7 @@
 // The two files in which the daemon tells of itself: the PID file and the status file.
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -21,7 +22,7 @@ std::string statusFilePath();
 struct PidFile {
     enum class State {
         absent,     // there is none
-        unreadable, // there is one that can't be read; `problem` says why
+        unreadable, // no regular file, or it can't be read; `problem` says why
         damaged, // not as the daemon writes it: empty, cut off, or other text; `problem` says how
         whole,
     };
@@ -31,6 +32,9 @@ struct PidFile {
     std::vector<pid_t> copyProcesses; // only when whole
     double written = 0;               // seconds since 1970; the file's modification time
 };
+
+/// A longer PID file is damaged: no daemon has some thousands of copy processes.
+constexpr std::size_t pidFileLimit = 65536;
 
 /// Reads the text of a PID file: decimal numbers from 2 on, one per line, each ended by a line feed
 /// and nothing else. Gives `whole` or `damaged`.

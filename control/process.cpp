@@ -10,6 +10,7 @@
 #include <sstream>
 #include <system_error>
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace control {
@@ -115,6 +116,35 @@ std::string executable(pid_t pid) {
     return error ? std::string() : path.string();
 }
 
+std::optional<FileId> fileIdOf(const std::string& path) {
+    struct stat status = {};
+    if (stat(path.c_str(), &status) != 0) {
+        return std::nullopt;
+    }
+    return FileId{status.st_dev, status.st_ino};
+}
+
+std::optional<uid_t> userOf(pid_t pid) {
+    // The owner of the folder would be root for a process that may not be dumped.
+    std::istringstream text(readAll(folderOf(pid) + "/status"));
+    std::string line;
+    while (std::getline(text, line)) {
+        uid_t real = 0;
+        uid_t effective = 0;
+        std::string key;
+        std::istringstream fields(line);
+        if (fields >> key >> real >> effective && key == "Uid:") {
+            return effective;
+        }
+    }
+    return std::nullopt;
+}
+
+bool sharesPidNamespace(pid_t pid) {
+    const std::optional<FileId> theirs = fileIdOf(folderOf(pid) + "/ns/pid");
+    return !theirs || theirs == fileIdOf("/proc/self/ns/pid");
+}
+
 std::vector<pid_t> allProcesses() {
     return numbersIn("/proc");
 }
@@ -125,6 +155,15 @@ std::vector<pid_t> childrenOf(pid_t pid) {
     for (const pid_t thread : numbersIn(threads)) {
         std::istringstream text(readAll(threads + "/" + std::to_string(thread) + "/children"));
         children.insert(children.end(), std::istream_iterator<pid_t>(text), {});
+    }
+    // Not every kernel keeps those lists.
+    if (children.empty() && access("/proc/thread-self/children", F_OK) != 0) {
+        for (const pid_t each : allProcesses()) {
+            const std::optional<Process> process = readProcess(each);
+            if (process && process->parent == pid) {
+                children.push_back(each);
+            }
+        }
     }
     std::sort(children.begin(), children.end());
     return children;

@@ -46,10 +46,31 @@ std::vector<std::string> commandLine(pid_t pid);
 /// replaced or removed since. Empty when it may not be looked at.
 std::string executable(pid_t pid);
 
+/// Which file something is, whatever it is called.
+struct FileId {
+    dev_t device = 0;
+    ino_t number = 0;
+
+    bool operator==(const FileId& other) const {
+        return device == other.device && number == other.number;
+    }
+};
+
+/// Of the file at this path, symbolic links followed; nothing when there is none or it may not be
+/// looked at. "/proc/812/exe" gives the file that a process runs, also when that was removed.
+std::optional<FileId> fileIdOf(const std::string& path);
+
+/// The user that the process runs as; nothing if there is none of this number.
+std::optional<uid_t> userOf(pid_t pid);
+
+/// False if the process is known to live in another pid namespace than this one: a container's.
+bool sharesPidNamespace(pid_t pid);
+
 /// The numbers of all processes, ascending.
 std::vector<pid_t> allProcesses();
 
-/// The numbers of the children of this process, of all its threads, ascending.
+/// The numbers of the children of this process, of all its threads, ascending. One that is there
+/// may be missing when another ends at the same moment.
 std::vector<pid_t> childrenOf(pid_t pid);
 
 } // namespace control
