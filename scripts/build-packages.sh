@@ -33,7 +33,7 @@ rm -f ../skarn*_"$version"_*
 log=$packages/build.log
 # The build of a package is long and interests nobody unless it fails.
 if ! dpkg-buildpackage --build=binary --no-sign >"$log" 2>&1; then
-    tail -n 40 "$log" >&2
+    tail -n 40 "$log" | cut -c 1-500 >&2
     printf 'The packages could not be built; all of it is in %s\n' "$log" >&2
     exit 1
 fi
@@ -41,5 +41,5 @@ cd "$packages"
 rm -rf "$source"
 ls ./skarn*_"$version"_*.deb
 printf 'lintian:\n'
-lintian --allow-root --fail-on error,warning,info --tag-display-limit 0 ./skarn_"$version"_*.changes
+lintian --allow-root --display-info --pedantic --fail-on error,warning,info,pedantic ./skarn_"$version"_*.changes
 printf 'nothing to say\n'

@@ -19,7 +19,7 @@ races=("${tests[@]}" valgrind)
 coverage=("${tests[@]}" gcovr)
 # What builds Debian packages and looks at them, and what makes a tree to install them into.
 packages=("${build[@]}" "${control[@]}" bash-completion debhelper dpkg-dev fakeroot git lintian pkgconf)
-package_tree=("${demo[@]}" "${packages[@]}" debootstrap systemd)
+package_tree=("${demo[@]}" "${packages[@]}" debootstrap python3-pytest systemd systemd-container)
 # The library that drives the fuzzers is part of the compiler's run-time library, which clang only recommends.
 checks=("${tests[@]}" clang clang-format clang-tidy git libclang-rt-dev mypy shellcheck)
 fuzz=("${build[@]}" clang git libclang-rt-dev)

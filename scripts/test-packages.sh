@@ -1,0 +1,69 @@
+#!/usr/bin/env bash
+# Builds the Debian packages, and tries them on a fresh Debian machine: installs, checks, starts, moves files, watches,
+# scrapes, crashes, upgrades and removes them. The machine is a folder (build/package-tree), made with debootstrap and
+# booted with systemd-nspawn in namespaces of its own.
+#
+#   test-packages.sh [PYTEST OPTION...]
+#
+# The last line counts: "N passed, N failed, N skipped".
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+scripts/install-packages.sh package-tree
+scripts/build-packages.sh
+
+place=$PWD/build/package-tree
+base=$place/base
+log=$place/debootstrap.log
+results=$place/results
+rm -rf "$place"
+mkdir -p "$results"
+
+# quietly COMMAND...: what it says is long and interests nobody unless it fails.
+quietly() {
+    "$@" >>"$log" 2>&1 || {
+        tail -n 20 "$log" >&2
+        printf '%s failed; all of it is in %s\n' "$1" "$log" >&2
+        exit 1
+    }
+}
+
+# The mirror and the way to it are this machine's own.
+# shellcheck disable=SC2016 # apt-get expands these
+sources=$(apt-get indextargets --format '$(ORIGIN) $(REPO_URI) $(RELEASE) $(COMPONENT)' 'Created-By: Packages' |
+    sort -u | awk '$1 == "Debian" { print "deb", $2, $3, $4 }')
+mirror=$(awk '$3 == "bookworm" { print $2; exit }' <<<"$sources")
+[ -n "$mirror" ] || {
+    printf 'apt knows no mirror of Debian 12 (bookworm) here\n' >&2
+    exit 1
+}
+printf 'Making a fresh Debian machine in %s ...\n' "$base"
+quietly debootstrap --variant=minbase --include=systemd,systemd-sysv,dbus bookworm "$base" "$mirror"
+printf '%s\n' "$sources" >"$base/etc/apt/sources.list"
+apt-config dump Acquire >"$base/etc/apt/apt.conf.d/00way"
+cp --dereference /etc/resolv.conf "$base/etc/resolv.conf"
+
+# The same packages under a later version, for the upgrade.
+mkdir "$place/packages"
+cp build/packages/skarn_*.deb build/packages/skarn-confirming-rsync_*.deb "$place/packages"
+first=("$place"/packages/*.deb)
+for package in "${first[@]}"; do
+    dpkg-deb --raw-extract "$package" "$place/later"
+    sed -i -e '/^Version: /s/$/+later/' -e '/^Recommends: /s/)/+later)/' "$place/later/DEBIAN/control"
+    quietly dpkg-deb --root-owner-group --build "$place/later" "${package/_/_later_}"
+    rm -rf "$place/later"
+done
+cp -r "$place/packages" "$base/root/packages"
+# What they depend on is fetched now: the machine has no network once it runs.
+quietly chroot "$base" apt-get -q update
+quietly chroot "$base" apt-get -q -y --no-install-recommends --download-only install \
+    "${first[@]/#$place//root}"
+
+status=0
+PACKAGE_TREE=$base PYTHONDONTWRITEBYTECODE=1 /usr/bin/python3 -m pytest -q -p no:cacheprovider --rootdir=packaging/tests \
+    --junitxml="$results/ctest.xml" packaging/tests "$@" || status=$?
+# Gigabytes, and made anew each time.
+rm -rf "$base" "$place/machine"
+printf '\nResults of the packages, in %s:\n' "$results"
+/usr/bin/python3 scripts/count_tests.py "$results" || exit
+exit "$status"
