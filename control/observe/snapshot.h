@@ -94,6 +94,21 @@ struct Rates {
     std::vector<double> history; // one value for each of the last 60 seconds at most, oldest first
 };
 
+/// How the totals moved while this program watched (see RecentChanges). Seconds since something was
+/// last counted; nothing if it was not since watching began.
+struct Recent {
+    double watched = 0; // seconds since watching began; 0 in a single look
+    std::optional<double> file;
+    std::optional<double> lost;
+    std::optional<double> failedHandoff;
+    std::optional<double> complaint;
+
+    /// For how long copy processes have been started or running without a file being counted;
+    /// nothing when there are none, or files come.
+    std::optional<double> fruitless;
+    std::uint64_t fruitlessReports = 0; // copy processes that ended in that time
+};
+
 struct Snapshot {
     double time = 0; // seconds since 1970
 
@@ -114,6 +129,7 @@ struct Snapshot {
     std::string lastFile;                    // of the newest block that copied something
     std::string lastComplaint; // newest line that a copy process printed beside its files
     Rates rates;
+    Recent recent;
     PipeSnapshot pipe;
     LogSnapshot log;
 };
