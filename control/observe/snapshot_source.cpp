@@ -8,6 +8,8 @@
 #include "control/observe/log_follower.h"
 #include "control/observe/log_model.h"
 #include "control/observe/rate_history.h"
+#include "control/observe/recent_changes.h"
+#include "control/observe/recent_changes.h"
 #include "control/process.h"
 #include "control/service/daemon_processes.h"
 #include "daemon/global.h"
@@ -212,6 +214,8 @@ private:
     std::string logPath;
     int logNumber = 0;
 
+    RecentChanges changes;
+    RecentChanges changes;
     GrowingTotal copied;
     History files;
     FreeSpace space;
@@ -233,6 +237,7 @@ Snapshot SnapshotSource::State::take() {
     takeSpace(snapshot);
     takeRates(snapshot);
     takePipe(snapshot);
+    changes.note(snapshot);
     return snapshot;
 }
 
