@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Runs the static checks: formatting, a build with clang++, clang-tidy, shellcheck, mypy, and words that must not land.
+# Runs the static checks: formatting, a build with clang++, clang-tidy, shellcheck, mypy, the manuals, and words that must
+# not land.
 #
 #   check.sh
 #
@@ -54,7 +55,20 @@ shell_scripts() {
 python_types() {
     local list=()
     mapfile -t list < <(git ls-files '*.py')
-    [ ${#list[@]} -gt 0 ] && MYPYPATH=tests:bench mypy --strict --explicit-package-bases "${list[@]}"
+    [ ${#list[@]} -gt 0 ] && MYPYPATH=tests:bench:packaging/tests mypy --strict --explicit-package-bases "${list[@]}"
+}
+
+# The manuals, by mandoc's own rules; that a manual refers to one which this machine lacks is no mistake of it.
+manuals() {
+    local complaints page
+    complaints=$(mandoc -T lint docs/man/* 2>&1 | grep -v -e 'referenced manual not found' -e 'outdated mandoc.db') || true
+    for page in skarn.8 skarnctl.8 skarn_orbelin.conf.5 confirming-rsync.8; do
+        [ -f "docs/man/$page" ] || complaints+="$page is missing"
+    done
+    [ -z "$complaints" ] || {
+        printf '%s\n' "$complaints"
+        return 1
+    }
 }
 
 # tree_free_of PATTERN, log_free_of PATTERN: fail and show the lines when a tracked file or a commit message matches.
@@ -82,6 +96,7 @@ check 'clang++ builds it without a warning' clang_build
 check 'clang-tidy' tidy
 check 'shellcheck' shell_scripts
 check 'mypy --strict' python_types
+check 'manuals' manuals
 check 'no word that must not land' tree_free_of "$words"
 check 'no such word in the history' log_free_of "$words"
 check 'nothing unfinished or switched off' tree_free_of "$markers"

@@ -1,0 +1,292 @@
+"""The packages on a fresh machine, as a new user would try them: one story, told in this order.
+
+PACKAGE_TREE names the folder of the machine, which no package was installed on yet; the packages
+lie in its /root/packages.
+"""
+
+from __future__ import annotations
+
+import json
+import os
+import re
+from collections.abc import Iterator
+from pathlib import Path
+
+import pytest
+
+from machine import Machine, fresh_copy, wait_until
+
+PIPE = "/run/vantrel_orbelin_files"
+LOG = "/var/log/skarn.log"
+LINK = "/usr/local/orbelin/bin/rsync_orbelin"
+EXAMPLE = "/usr/share/doc/skarn/examples/skarn_orbelin.conf"
+METRICS = "127.0.0.1:9751"
+
+CONFIGURATION = f"""\
+logfile {LOG}
+logfile_max_size 10M
+logfile_max_number 10
+
+detectorID 1
+remoteIP 127.0.0.1
+source /
+target /data/detector1
+minpause 200
+interrun_pause 0
+"""
+
+DETECTOR = """\
+port = 49371
+use chroot = yes
+[ramdisk]
+path = /ramdisk
+read only = no
+uid = root
+auth users = root
+secrets file = /etc/detector.secrets
+max verbosity = 2
+"""
+
+
+@pytest.fixture(scope="module")
+def machine() -> Iterator[Machine]:
+    """The machine of the whole story."""
+    tree = Path(os.environ["PACKAGE_TREE"])
+    root = tree.with_name("machine")
+    fresh_copy(tree, root)
+    with Machine(root) as booted:
+        yield booted
+
+
+def install(machine: Machine, *packages: str, later: bool = False) -> str:
+    """Installs packages of ours with apt, from the folder and from what it fetched before."""
+    names = [
+        f"/root/packages/{path.name}"
+        for path in sorted(machine.path("/root/packages").glob("*.deb"))
+        if path.name.partition("_")[0] in packages and ("_later_" in path.name) == later
+    ]
+    assert len(names) == len(packages), names
+    return machine.succeed(
+        "DEBIAN_FRONTEND=noninteractive apt-get -q -y --no-install-recommends --no-download "
+        f"install {' '.join(names)}",
+        timeout=300,
+    )
+
+
+def pid_of_daemon(machine: Machine) -> int:
+    """What `skarnctl status` says."""
+    return int(json.loads(machine.succeed("skarnctl status --json"))["pid"])
+
+
+def programs(machine: Machine) -> set[str]:
+    """The names of all programs that run in the machine."""
+    return set(machine.succeed("cat /proc/[0-9]*/comm 2>/dev/null; true").split())
+
+
+def records(machine: Machine) -> list[str]:
+    """The lines that the consumer has got."""
+    path = machine.path("/root/records")
+    return path.read_text(encoding="utf-8").splitlines() if path.exists() else []
+
+
+def start_consumer(machine: Machine) -> None:
+    """A consumer that keeps to the rule: the pipe is open for reading and writing."""
+    machine.start("vantrel", f"exec 3<>{PIPE}; exec cat <&3 >>/root/records")
+
+
+def write_files(machine: Machine, folder: str, count: int, size: int) -> set[str]:
+    """Lets the detector write `count` files, each renamed into place when it is whole."""
+    machine.succeed(
+        f"mkdir -p /ramdisk/{folder} && cd /ramdisk/{folder} && for i in $(seq {count}); do "
+        f"head -c {size} /dev/zero >f$i.tmp && mv f$i.tmp f$i.dat; done",
+        timeout=300,
+    )
+    return {f"/data/detector1/./{folder}/f{i}.dat" for i in range(1, count + 1)}
+
+
+def arrived(machine: Machine, names: set[str]) -> bool:
+    """Whether all these were announced, and each of them is there."""
+    if not names <= set(records(machine)):
+        return False
+    assert all(machine.path(name).is_file() for name in names), "announced, but not there"
+    return True
+
+
+def test_installing_starts_nothing_and_makes_no_configuration(machine: Machine) -> None:
+    install(machine, "skarn", "skarn-confirming-rsync")
+    assert machine.run("systemctl is-active skarn skarn-metrics").stdout.split() == ["inactive"] * 2
+    assert machine.run("systemctl is-enabled skarn skarn-metrics").stdout.split() == ["disabled"] * 2
+    assert not list(machine.path("/etc").glob("skarn_orbelin*"))
+    assert os.readlink(machine.path(LINK)) == "/usr/lib/skarn/rsync_orbelin"
+    assert machine.run("skarnctl status").returncode == 3
+    assert machine.succeed("skarn --version").startswith("SKARN version 3.7.1\n")
+
+
+def test_the_units_are_sound(machine: Machine) -> None:
+    # man is not on so small a machine; everything else that verify looks at is.
+    complaints = machine.run("systemd-analyze verify skarn.service skarn-metrics.service").stdout
+    assert [line for line in complaints.splitlines() if "Command 'man " not in line] == []
+    for unit in ("skarn", "skarn-metrics"):
+        text = machine.succeed(f"systemd-analyze security --offline=true {unit}.service")
+        score = re.search(r"exposure level for \S+: ([0-9.]+)", text)
+        assert score, text
+        print(f"{unit}.service: {score[1]}")
+        assert float(score[1]) < 3, text
+
+
+def test_start_without_a_configuration_says_so(machine: Machine) -> None:
+    done = machine.run("skarnctl start")
+    assert done.returncode == 1
+    assert "no configuration" in done.stdout
+    assert done.stdout.count("\n") == 1, done.stdout
+    # The unit's condition is not met: nothing is started, and nothing has failed.
+    machine.succeed("systemctl start skarn")
+    assert machine.run("systemctl is-active skarn").stdout == "inactive\n"
+
+
+def test_the_example_is_right_but_for_what_the_host_lacks(machine: Machine) -> None:
+    machine.succeed(f"cp {EXAMPLE} /etc/skarn_orbelin.conf")
+    done = machine.run("skarnctl check --json")
+    found = json.loads(done.stdout)["findings"]
+    assert {finding["code"] for finding in found} == {"password-file-missing", "fifo-absent"}
+    assert done.returncode == 2
+    machine.write("/usr/local/orbelin/etc/rsyncd.secrets_remote", "of this machine only\n", 0o600)
+    machine.succeed(f"mkfifo -m 0600 {PIPE}")
+    start_consumer(machine)
+    wait_until(lambda: machine.run("skarnctl check").returncode == 0, "the example is right", 10)
+
+
+def test_a_drain_as_the_manual_tells_it(machine: Machine) -> None:
+    machine.write("/etc/skarn_orbelin.conf", CONFIGURATION)
+    machine.write("/etc/detector.conf", DETECTOR)
+    machine.write("/etc/detector.secrets", "root:of this machine only\n", 0o600)
+    machine.path("/ramdisk").mkdir()
+    machine.start("detector", "exec rsync --daemon --no-detach --config=/etc/detector.conf")
+    machine.succeed("skarnctl check")
+
+    machine.succeed("systemctl start skarn skarn-metrics")
+    assert machine.run("systemctl is-active skarn").stdout == "active\n"
+    assert "usershift:  " in records(machine)
+    assert machine.succeed("skarnctl status").startswith("skarn is running")
+    again = machine.run("skarnctl start")
+    assert again.returncode != 0
+    assert str(pid_of_daemon(machine)) in again.stdout
+
+    names = write_files(machine, "run1", 3000, 2000)
+    wait_until(lambda: arrived(machine, names), "3,000 files are announced", 120)
+    assert len(records(machine)) == len(set(records(machine))), "announced twice"
+    assert list(machine.path("/ramdisk/run1").iterdir()) == []
+
+
+def test_watch_and_metrics_tell_the_same(machine: Machine) -> None:
+    def files() -> int:
+        return int(json.loads(machine.succeed("skarnctl watch --json"))["total"]["files"])
+
+    wait_until(lambda: files() == 3000, "watch has seen all files", 30)
+    text = machine.succeed("skarnctl watch --once")
+    assert "3000" in text.replace(",", "").replace("'", "")
+
+    reply = machine.succeed(
+        f"bash -c 'exec 3<>/dev/tcp/{METRICS.replace(':', '/')}; "
+        'printf "GET /metrics HTTP/1.0\\r\\n\\r\\n" >&3; timeout 10 cat <&3; true\''
+    )
+    assert re.search(r"^skarn_up 1$", reply, re.MULTILINE), reply
+    copied = re.findall(r"^skarn_files_copied_total(?:{[^}]*})? (\S+)$", reply, re.MULTILINE)
+    assert sum(float(value) for value in copied) == 3000, reply
+
+
+def test_the_daemon_has_a_tmp_of_its_own(machine: Machine) -> None:
+    pid = pid_of_daemon(machine)
+    assert not machine.path("/tmp/skarn_error.log").exists()
+    machine.succeed(f"test -e /proc/{pid}/root/tmp/skarn_error.log")
+
+
+def test_a_consumer_that_closes_the_pipe_costs_no_announcement(machine: Machine) -> None:
+    # Ignored, as systemd would have it, SIGPIPE would leave records unsent instead.
+    before = pid_of_daemon(machine)
+    assert "SIGPIPE" not in machine.succeed(
+        f"grep SigIgn /proc/{before}/status | grep -q '0000000000000000' || echo SIGPIPE ignored"
+    )
+    machine.succeed("systemctl stop vantrel")
+    # This one leaves in the middle of the records.
+    machine.start("hasty", f"exec 3<{PIPE}; head -c 2000 <&3 >>/root/records; exec 3<&-")
+    names = write_files(machine, "run2", 2000, 100)
+    wait_until(lambda: machine.run("systemctl is-active hasty").returncode != 0, "hasty left", 60)
+    start_consumer(machine)
+    wait_until(lambda: arrived(machine, names), "all files are announced", 120)
+
+
+def test_a_killed_daemon_is_started_again(machine: Machine) -> None:
+    before = pid_of_daemon(machine)
+    machine.succeed(f"kill -KILL {before}")
+
+    def is_back() -> bool:
+        status = machine.run("skarnctl status --json")
+        return status.returncode == 0 and json.loads(status.stdout)["pid"] != before
+
+    wait_until(is_back, "systemd has started it again", 30)
+    names = write_files(machine, "run3", 200, 1000)
+    wait_until(lambda: arrived(machine, names), "it copies", 60)
+
+
+def test_stopping_is_no_failure_and_leaves_nothing_behind(machine: Machine) -> None:
+    machine.succeed("systemctl stop skarn")
+    assert machine.run("systemctl is-failed skarn").stdout == "inactive\n"
+    assert not programs(machine) & {"skarn", "rsync_orbelin"}
+    assert machine.run("skarnctl status").returncode in (1, 3)
+
+
+def test_start_and_stop_without_systemd(machine: Machine) -> None:
+    machine.succeed("skarnctl start")
+    pid = pid_of_daemon(machine)
+    names = write_files(machine, "run4", 300, 1000)
+    wait_until(lambda: arrived(machine, names), "it copies", 60)
+    # A crash, and a second start over what it left.
+    machine.succeed(f"kill -KILL {pid}")
+    assert machine.run("skarnctl status").returncode == 1
+    machine.succeed("skarnctl start")
+    machine.succeed("skarnctl restart")
+    machine.succeed("skarnctl stop --when-idle=30")
+    assert machine.run("skarnctl status").returncode in (1, 3)
+    machine.succeed("skarnctl stop")
+
+
+def test_an_upgrade_lets_the_daemon_run(machine: Machine) -> None:
+    machine.succeed("systemctl start skarn")
+    before = pid_of_daemon(machine)
+    install(machine, "skarn", "skarn-confirming-rsync", later=True)
+    assert machine.succeed("dpkg-query -W -f '${Version}' skarn").endswith("+later")
+    assert pid_of_daemon(machine) == before
+    assert machine.run("systemctl is-active skarn").stdout == "active\n"
+    assert os.readlink(machine.path(LINK)) == "/usr/lib/skarn/rsync_orbelin"
+    names = write_files(machine, "run5", 300, 1000)
+    wait_until(lambda: arrived(machine, names), "the old daemon goes on", 60)
+    machine.succeed("systemctl restart skarn")
+    assert pid_of_daemon(machine) != before
+
+
+def test_removing_ends_the_daemon_and_keeps_what_is_the_user_s(machine: Machine) -> None:
+    machine.succeed("apt-get -q -y remove skarn skarn-confirming-rsync", timeout=300)
+    assert not programs(machine) & {"skarn", "skarnctl", "rsync_orbelin"}
+    assert not machine.path(LINK).is_symlink()
+    assert machine.path("/etc/skarn_orbelin.conf").is_file()
+    assert machine.path("/etc/default/skarn").is_file()
+    assert machine.path("/var/lib/skarn/journal").is_dir()
+    assert machine.path("/usr/local/orbelin/etc/rsyncd.secrets_remote").is_file()
+
+
+def test_purging_takes_the_rest_but_not_the_files(machine: Machine) -> None:
+    machine.succeed("apt-get -q -y purge skarn skarn-confirming-rsync", timeout=300)
+    assert not machine.path("/etc/default/skarn").exists()
+    assert not machine.path("/var/lib/skarn").exists()
+    assert machine.path("/etc/skarn_orbelin.conf").is_file()
+    assert machine.path("/data/detector1/run1/f1.dat").is_file()
+
+
+def test_a_dedicated_client_is_left_alone(machine: Machine) -> None:
+    machine.write(LINK, "#!/bin/sh\nexit 0\n", 0o755)
+    said = install(machine, "skarn", "skarn-confirming-rsync")
+    assert "is kept" in said
+    assert machine.path(LINK).read_text(encoding="utf-8") == "#!/bin/sh\nexit 0\n"
+    machine.succeed("apt-get -q -y purge skarn-confirming-rsync", timeout=300)
+    assert machine.path(LINK).read_text(encoding="utf-8") == "#!/bin/sh\nexit 0\n"
