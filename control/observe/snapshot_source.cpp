@@ -9,7 +9,6 @@
 #include "control/observe/log_model.h"
 #include "control/observe/rate_history.h"
 #include "control/observe/recent_changes.h"
-#include "control/observe/recent_changes.h"
 #include "control/process.h"
 #include "control/service/daemon_processes.h"
 #include "daemon/global.h"
