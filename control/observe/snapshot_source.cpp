@@ -214,7 +214,6 @@ private:
     int logNumber = 0;
 
     RecentChanges changes;
-    RecentChanges changes;
     GrowingTotal copied;
     History files;
     FreeSpace space;
