@@ -1,0 +1,13 @@
+// skarnctl metrics: the daemon's figures for Prometheus, over HTTP or once.
+#pragma once
+
+#include "control/command.h"
+
+namespace control {
+
+/// Adds the subcommand. Its callback serves until it gets SIGTERM or SIGINT (--listen), or prints
+/// the figures (--once), and sets the exit status. `common` and `exitStatus` must outlive the
+/// parsing.
+void addMetricsCommand(CLI::App& app, const CommonOptions& common, int& exitStatus);
+
+} // namespace control
