@@ -1,5 +1,6 @@
 // skarnctl: the command line, and the way to the subcommand that it names.
 #include "control/command.h"
+#include "control/metrics/metrics_command.h"
 #include "control/observe/watch_command.h"
 #include "daemon/daemon.h"
 #include "daemon/global.h"
@@ -32,6 +33,7 @@ int run(int argc, char** argv) {
 
     int exitStatus = control::succeeded;
     control::addWatchCommand(app, common, exitStatus);
+    control::addMetricsCommand(app, common, exitStatus);
 
     try {
         app.parse(argc, argv);
