@@ -2,6 +2,7 @@
 // order.
 #pragma once
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <vector>
@@ -43,6 +44,21 @@ std::optional<std::string> findConfigFile();
 /// The two places, in the order in which the daemon looks.
 const std::vector<std::string>& configFilePaths();
 
+/// Either the text of a file, or one sentence that says why there is none.
+struct FileText {
+    std::optional<std::string> text;
+    std::string problem;
+};
+
+/// Reads a configuration file as it stands. Whatever is not a regular file is refused without being
+/// opened, since that could block, or change what a device or a pipe does; so is one above
+/// `largestConfigFile`.
+FileText readConfigFile(const std::string& path);
+
+/// Bytes of a configuration file that are read at most. The daemon has no limit, but no
+/// configuration that is meant to be one comes near it.
+constexpr std::size_t largestConfigFile = 1024UL * 1024;
+
 /// Either a configuration, or one sentence that says why there is none.
 struct LoadedConfiguration {
     std::optional<Configuration> configuration;
@@ -50,7 +66,8 @@ struct LoadedConfiguration {
 };
 
 /// Reads a configuration file and applies the start options ("-u", "1:2", ...) over it, as the
-/// daemon does. Fails when the file can't be opened, and where the daemon would refuse the options.
+/// daemon does. Fails when the file can't be read (see readConfigFile), and where the daemon would
+/// refuse the options.
 LoadedConfiguration loadConfiguration(const std::string& path,
                                       const std::vector<std::string>& startOptions);
 
