@@ -1,4 +1,5 @@
 // skarnctl: the command line, and the way to the subcommand that it names.
+#include "control/check/check_command.h"
 #include "control/command.h"
 #include "control/metrics/metrics_command.h"
 #include "control/observe/watch_command.h"
@@ -32,6 +33,7 @@ int run(int argc, char** argv) {
         ->capture_default_str();
 
     int exitStatus = control::succeeded;
+    control::addCheckCommand(app, common, exitStatus);
     control::addWatchCommand(app, common, exitStatus);
     control::addMetricsCommand(app, common, exitStatus);
 
