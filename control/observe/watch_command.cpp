@@ -3,6 +3,7 @@
 
 #include "control/observe/snapshot_json.h"
 #include "control/observe/snapshot_source.h"
+#include "control/observe/watch_screen.h"
 #include "control/observe/watch_text.h"
 #include "utilities/descriptors.h"
 
@@ -157,8 +158,10 @@ void addWatchCommand(CLI::App& app, const CommonOptions& common, int& exitStatus
         SnapshotSource source({options->configFile, common.daemonPath});
         if (options->json && interval->count() > 0) {
             exitStatus = reportLines(source, options->interval);
-        } else {
+        } else if (options->json || options->once) {
             exitStatus = reportOnce(source, options->json);
+        } else {
+            exitStatus = runWatchScreen(source, options->interval);
         }
     });
 }
