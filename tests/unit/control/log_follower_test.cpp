@@ -1,0 +1,370 @@
+// The log is read whole and in order, whatever happens to its files meanwhile.
+#include "control/observe/log_follower.h"
+#include "log/log_file.h"
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace control {
+
+namespace {
+
+namespace fs = std::filesystem;
+using testing::HasSubstr;
+
+/// Keeps what was read, with "GAP" where lines may be missing.
+class Collector : public LogSink {
+public:
+    void takeLines(std::string_view lines) override {
+        EXPECT_FALSE(lines.empty());
+        EXPECT_EQ(lines.back(), '\n');
+        text += lines;
+    }
+    void takeGap() override {
+        text += "GAP\n";
+        ++gaps;
+    }
+
+    std::string text;
+    int gaps = 0;
+};
+
+class LogFollowerTest : public testing::Test {
+protected:
+    LogFollowerTest() {
+        std::string pattern = (fs::temp_directory_path() / "follower.XXXXXX").string();
+        folder = mkdtemp(pattern.data());
+        path = folder + "/skarn.log";
+    }
+    ~LogFollowerTest() override { fs::remove_all(folder); }
+
+    void write(const std::string& text) const {
+        std::ofstream(path, std::ios::binary | std::ios::app) << text;
+    }
+
+    std::string archive(int number) const { return path + "." + std::to_string(number); }
+
+    /// As the daemon does it.
+    void rotate(int highest) const {
+        LogFile log(nullptr);
+        log.open(path);
+        log.rotate(highest);
+    }
+
+    std::string folder;
+    std::string path;
+};
+
+TEST_F(LogFollowerTest, HandsOnWhatComes) {
+    LogFollower follower(path, 2);
+    Collector read;
+    write("one\ntwo\n");
+    follower.poll(read);
+    EXPECT_EQ(read.text, "one\ntwo\n");
+    follower.poll(read);
+    write("three\n");
+    follower.poll(read);
+    EXPECT_EQ(read.text, "one\ntwo\nthree\n");
+    EXPECT_EQ(follower.problem(), "");
+    EXPECT_EQ(read.gaps, 0);
+}
+
+TEST_F(LogFollowerTest, WaitsForTheEndOfALine) {
+    LogFollower follower(path, 2);
+    Collector read;
+    write("one\ntw");
+    follower.poll(read);
+    EXPECT_EQ(read.text, "one\n");
+    write("o");
+    follower.poll(read);
+    EXPECT_EQ(read.text, "one\n");
+    write("\nthree\nfo");
+    follower.poll(read);
+    EXPECT_EQ(read.text, "one\ntwo\nthree\n");
+}
+
+TEST_F(LogFollowerTest, BeginsWithTheOldestArchive) {
+    for (int i = 0; i < 4; ++i) {
+        write("file " + std::to_string(i) + "\n");
+        if (i < 3) {
+            rotate(2);
+        }
+    }
+    LogFollower follower(path, 2);
+    Collector read;
+    follower.poll(read);
+    EXPECT_EQ(read.text, "file 0\nfile 1\nfile 2\nfile 3\n");
+    EXPECT_EQ(follower.rotations(), 0U) << "these were before its time";
+    EXPECT_EQ(countArchives(path, 2), 3);
+}
+
+TEST_F(LogFollowerTest, ReadsArchivesThoughNothingWasWrittenSinceTheRotation) {
+    write("old\n");
+    rotate(2);
+    LogFollower follower(path, 2);
+    Collector read;
+    follower.poll(read);
+    EXPECT_EQ(read.text, "old\n");
+    EXPECT_EQ(follower.problem(), "");
+    write("new\n");
+    follower.poll(read);
+    EXPECT_EQ(read.text, "old\nnew\n");
+    EXPECT_EQ(read.gaps, 0);
+}
+
+TEST_F(LogFollowerTest, FollowsThroughOneRotationAndThroughMany) {
+    LogFollower follower(path, 5);
+    Collector read;
+    std::string written;
+    const auto add = [&](const std::string& line) {
+        write(line + "\n");
+        written += line + "\n";
+    };
+    add("a");
+    follower.poll(read);
+    add("b"); // still unread when it is moved away
+    rotate(5);
+    add("c");
+    follower.poll(read);
+    EXPECT_EQ(read.text, written);
+    EXPECT_EQ(follower.rotations(), 1U);
+    for (int i = 0; i < 4; ++i) {
+        add("d" + std::to_string(i));
+        rotate(5);
+    }
+    follower.poll(read);
+    EXPECT_EQ(read.text, written) << "nothing was written since the last rotation";
+    add("e");
+    follower.poll(read);
+    EXPECT_EQ(read.text, written);
+    EXPECT_EQ(follower.rotations(), 5U);
+    EXPECT_EQ(read.gaps, 0);
+}
+
+TEST_F(LogFollowerTest, SaysWhenItsFileFellOffTheEnd) {
+    LogFollower follower(path, 1);
+    Collector read;
+    write("a\n");
+    follower.poll(read);
+    for (int i = 0; i < 4; ++i) {
+        write("b" + std::to_string(i) + "\n");
+        // The date of a file says what is newer than what.
+        std::this_thread::sleep_for(std::chrono::milliseconds(15));
+        rotate(1);
+    }
+    write("c\n");
+    follower.poll(read);
+    EXPECT_EQ(read.text, "a\nb0\nGAP\nb2\nb3\nc\n");
+    EXPECT_EQ(read.gaps, 1);
+}
+
+TEST_F(LogFollowerTest, KeepsOneArchiveWhereNoneIsConfigured) {
+    LogFollower follower(path, -3);
+    Collector read;
+    write("a\n");
+    follower.poll(read);
+    write("b\n");
+    rotate(0);
+    write("c\n");
+    follower.poll(read);
+    EXPECT_EQ(read.text, "a\nb\nc\n");
+}
+
+TEST_F(LogFollowerTest, BeginsAgainWithAFileThatWasEmptied) {
+    LogFollower follower(path, 2);
+    Collector read;
+    write("one\ntwo\nhalf a li");
+    follower.poll(read);
+    fs::resize_file(path, 0);
+    write("three\n");
+    follower.poll(read);
+    EXPECT_EQ(read.text, "one\ntwo\nGAP\nthree\n");
+}
+
+TEST_F(LogFollowerTest, GoesOnWithTheFileThatReplacesARemovedOne) {
+    LogFollower follower(path, 2);
+    Collector read;
+    write("zero\n");
+    rotate(2);
+    write("one\n");
+    follower.poll(read);
+    write("two\n");
+    fs::remove(path);
+    follower.poll(read);
+    write("three\n");
+    follower.poll(read);
+    EXPECT_EQ(read.text, "zero\none\ntwo\nthree\n");
+    EXPECT_EQ(read.gaps, 0) << "what was in the removed file was read all the same";
+}
+
+TEST_F(LogFollowerTest, GoesOnWhereAnArchiveWasRemoved) {
+    for (int i = 0; i < 3; ++i) {
+        write("file " + std::to_string(i) + "\n");
+        rotate(5);
+    }
+    write("file 3\n");
+    fs::remove(archive(1));
+    LogFollower follower(path, 5);
+    Collector read;
+    follower.poll(read);
+    EXPECT_EQ(read.text, "file 0\nGAP\nfile 2\nfile 3\n");
+}
+
+TEST_F(LogFollowerTest, LeavesOutArchivesThatTheDaemonDoesNotKeep) {
+    write("forgotten\n");
+    rename(path.c_str(), archive(7).c_str());
+    write("new\n");
+    LogFollower follower(path, 2);
+    Collector read;
+    follower.poll(read);
+    EXPECT_EQ(read.text, "new\n");
+}
+
+TEST_F(LogFollowerTest, EndsALineWhoseEndWasNeverWritten) {
+    LogFollower follower(path, 2);
+    Collector read;
+    write("one\ncut o");
+    follower.poll(read);
+    rotate(2);
+    write("two\n");
+    follower.poll(read);
+    EXPECT_EQ(read.text, "one\ncut o\ntwo\n");
+}
+
+TEST_F(LogFollowerTest, KeepsBothEndsOfALineWithoutEnd) {
+    LogFollower follower(path, 2);
+    Collector read;
+    write("first" + std::string(1 << 20, 'x'));
+    follower.poll(read);
+    write(std::string(1 << 20, 'y') + "last\nnext\n");
+    follower.poll(read);
+    EXPECT_LT(read.text.size(), 200000U);
+    EXPECT_EQ(read.text.substr(0, 6), "firstx");
+    EXPECT_EQ(read.text.substr(read.text.size() - 11), "ylast\nnext\n");
+}
+
+TEST_F(LogFollowerTest, SaysWhyALogCannotBeRead) {
+    Collector read;
+    LogFollower missing(path, 2);
+    missing.poll(read);
+    EXPECT_EQ(missing.problem(), "there is no " + path);
+
+    LogFollower nothing("/dev/null", 2);
+    nothing.poll(read);
+    EXPECT_THAT(nothing.problem(), HasSubstr("/dev/null is a device"));
+
+    LogFollower directory(folder, 2);
+    directory.poll(read);
+    EXPECT_THAT(directory.problem(), HasSubstr("is a folder"));
+
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    LogFollower fifo(path, 2); // an open would wait for a writer
+    fifo.poll(read);
+    EXPECT_THAT(fifo.problem(), HasSubstr("is a named pipe"));
+    EXPECT_EQ(read.text, "");
+}
+
+TEST_F(LogFollowerTest, FindsALogThatAppearsLater) {
+    LogFollower follower(path, 2);
+    Collector read;
+    follower.poll(read);
+    write("one\n");
+    follower.poll(read);
+    EXPECT_EQ(read.text, "one\n");
+    EXPECT_EQ(follower.problem(), "");
+}
+
+/// What a writer writes, how often it rotates and when the follower looks, in any order.
+TEST_F(LogFollowerTest, ReadsAllOfItInAnyOrderOfEvents) {
+    for (std::uint32_t seed = 0; seed < 300; ++seed) {
+        std::mt19937 random(seed);
+        const auto draw = [&random](int below) {
+            return std::uniform_int_distribution<int>(0, below - 1)(random);
+        };
+        const int highest = 1 + draw(6);
+        const fs::path own = fs::path(folder) / std::to_string(seed);
+        fs::create_directory(own);
+        path = (own / "log").string();
+        std::string written;
+        Collector read;
+        LogFollower follower(path, highest);
+        int number = 0;
+        int rotationsSinceLook = 0;
+        for (int event = 0; event < 60; ++event) {
+            const int kind = draw(10);
+            if (kind < 5) {
+                const std::string line = "line " + std::to_string(number++) + "\n";
+                write(line);
+                written += line;
+            } else if (kind < 8 && rotationsSinceLook < highest && fs::exists(path)) {
+                rotate(highest);
+                ++rotationsSinceLook;
+            } else if (kind >= 8) {
+                follower.poll(read);
+                rotationsSinceLook = 0;
+                ASSERT_EQ(read.text, written) << "seed " << seed << " event " << event;
+            }
+        }
+        follower.poll(read);
+        ASSERT_EQ(read.text, written) << "seed " << seed;
+        ASSERT_EQ(read.gaps, 0) << "seed " << seed;
+    }
+}
+
+/// The follower looks while the daemon's own code writes and rotates on another thread.
+TEST_F(LogFollowerTest, ReadsAllOfItWhileItIsRotated) {
+    constexpr int lines = 20000;
+    constexpr int highest = 12;
+    constexpr int linesOfAFile = 20;
+    std::atomic<int> looks(0);
+    std::atomic<bool> done(false);
+    std::string written;
+    std::thread writer([&] {
+        pthread_mutex_t mutex = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
+        LogFile log(&mutex);
+        log.open(path);
+        for (int i = 0; i < lines; ++i) {
+            log << "line " << i << endl;
+            written += "line " + std::to_string(i) + "\n";
+            if (i % linesOfAFile == 0) {
+                log.tryRotate(10, highest);
+            }
+            // Not more rotations between two looks than there are archives.
+            if (i % (linesOfAFile * (highest - 4)) == 0) {
+                const int before = looks;
+                for (int wait = 0; looks < before + 2 && wait < 10000; ++wait) {
+                    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+                }
+            }
+        }
+        done = true;
+    });
+    LogFollower follower(path, highest);
+    Collector read;
+    while (!done) {
+        follower.poll(read);
+        ++looks;
+    }
+    writer.join();
+    follower.poll(read);
+    EXPECT_EQ(read.gaps, 0);
+    EXPECT_TRUE(read.text == written) << read.text.size() << " of " << written.size() << " bytes";
+    EXPECT_GT(follower.rotations(), 900U);
+}
+
+} // namespace
+
+} // namespace control
