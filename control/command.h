@@ -3,6 +3,7 @@
 
 #include <CLI/CLI.hpp>
 #include <string>
+#include <vector>
 
 namespace control {
 
@@ -17,6 +18,9 @@ enum ExitStatus : int {
 /// What stands before a subcommand: options that all of them know.
 struct CommonOptions {
     std::string daemonPath; // of the daemon's executable
+
+    /// The words behind `start` or `restart`, which are the daemon's own.
+    std::vector<std::string> startOptions;
 };
 
 /// Writes "skarnctl: " and the text, in one line (control characters in it are shown as \ooo), to

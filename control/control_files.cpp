@@ -97,6 +97,7 @@ PidFile readPidFileOnce() {
         file = damaged("it is being written");
     }
     file.written = seconds(after.st_mtim);
+    file.owner = after.st_uid;
     return file;
 }
 

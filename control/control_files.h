@@ -31,6 +31,7 @@ struct PidFile {
     pid_t daemon = 0;                 // only when whole
     std::vector<pid_t> copyProcesses; // only when whole
     double written = 0;               // seconds since 1970; the file's modification time
+    uid_t owner = 0;                  // of the file, when it could be read
 };
 
 /// A longer PID file is damaged: no daemon has some thousands of copy processes.

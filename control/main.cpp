@@ -3,6 +3,7 @@
 #include "control/command.h"
 #include "control/metrics/metrics_command.h"
 #include "control/observe/watch_command.h"
+#include "control/service/service_commands.h"
 #include "daemon/daemon.h"
 #include "daemon/global.h"
 
@@ -33,12 +34,16 @@ int run(int argc, char** argv) {
         ->capture_default_str();
 
     int exitStatus = control::succeeded;
+    control::addServiceCommands(app, common, exitStatus);
     control::addCheckCommand(app, common, exitStatus);
     control::addWatchCommand(app, common, exitStatus);
     control::addMetricsCommand(app, common, exitStatus);
 
+    const int end = control::firstStartOption(argc, argv);
+    common.startOptions.assign(argv + end, argv + argc);
+
     try {
-        app.parse(argc, argv);
+        app.parse(end, argv);
     } catch (const CLI::Success& success) {
         return app.exit(success); // help or version, on standard output
     } catch (const CLI::ParseError& error) {

@@ -124,6 +124,15 @@ std::optional<FileId> fileIdOf(const std::string& path) {
     return FileId{status.st_dev, status.st_ino};
 }
 
+std::optional<double> modificationTime(const std::string& path) {
+    struct stat status = {};
+    if (lstat(path.c_str(), &status) != 0) {
+        return std::nullopt;
+    }
+    return static_cast<double>(status.st_mtim.tv_sec) +
+           static_cast<double>(status.st_mtim.tv_nsec) / 1e9;
+}
+
 std::optional<uid_t> userOf(pid_t pid) {
     // The owner of the folder would be root for a process that may not be dumped.
     std::istringstream text(readAll(folderOf(pid) + "/status"));
@@ -143,6 +152,23 @@ std::optional<uid_t> userOf(pid_t pid) {
 bool sharesPidNamespace(pid_t pid) {
     const std::optional<FileId> theirs = fileIdOf(folderOf(pid) + "/ns/pid");
     return !theirs || theirs == fileIdOf("/proc/self/ns/pid");
+}
+
+int threadCount(pid_t pid) {
+    return static_cast<int>(numbersIn(folderOf(pid) + "/task").size());
+}
+
+std::string threadStates(pid_t pid) {
+    const std::string threads = folderOf(pid) + "/task";
+    std::string states;
+    for (const pid_t thread : numbersIn(threads)) {
+        const std::optional<Process> state =
+            parseProcess(readAll(threads + "/" + std::to_string(thread) + "/stat"));
+        if (state) {
+            states += state->state;
+        }
+    }
+    return states;
 }
 
 std::vector<pid_t> allProcesses() {

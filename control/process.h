@@ -60,11 +60,20 @@ struct FileId {
 /// looked at. "/proc/812/exe" gives the file that a process runs, also when that was removed.
 std::optional<FileId> fileIdOf(const std::string& path);
 
+/// When a file was last written to, in seconds since 1970; of a symbolic link, the link itself.
+std::optional<double> modificationTime(const std::string& path);
+
 /// The user that the process runs as; nothing if there is none of this number.
 std::optional<uid_t> userOf(pid_t pid);
 
 /// False if the process is known to live in another pid namespace than this one: a container's.
 bool sharesPidNamespace(pid_t pid);
+
+/// How many threads it has; 0 if there is no such process.
+int threadCount(pid_t pid);
+
+/// Where each of its threads stands, as in Process::state; empty if there is no such process.
+std::string threadStates(pid_t pid);
 
 /// The numbers of all processes, ascending.
 std::vector<pid_t> allProcesses();

@@ -58,15 +58,12 @@ bool isInterpreterOf(const Evidence& evidence, const std::string& script) {
 }
 
 /// What the daemon and its copy processes have in common.
-Judgement judgeCommon(const Evidence& evidence, uid_t user) {
+Judgement judgeCommon(const Evidence& evidence) {
     if (!isRunning(evidence.process)) {
         return no("has ended");
     }
     if (!evidence.sameNamespace) {
         return no("belongs to another pid namespace");
-    }
-    if (evidence.user != 0 && evidence.user != user) {
-        return no("is run by another user");
     }
     if (!leadsItsSession(evidence.process)) {
         return no("leads no session of its own");
@@ -94,7 +91,7 @@ std::vector<Process> findNamedOrphans(const PidFile& file) {
     daemon.ended = file.written;
     for (const pid_t pid : file.copyProcesses) {
         const std::optional<Evidence> evidence = gatherEvidence(pid);
-        if (evidence && judgeOrphan(*evidence, program, geteuid(), daemon)) {
+        if (evidence && judgeOrphan(*evidence, program, daemon)) {
             found.push_back(evidence->process);
         }
     }
@@ -119,17 +116,20 @@ struct SearchResult {
     std::vector<Process> hidden; // of its name, but this user may not look at them
 };
 
-SearchResult search(const Program& program) {
+/// Looks among root's processes, this user's and those of the PID file's owner: any other user can
+/// run the daemon's program, but not as a daemon that could write that file.
+SearchResult search(const Program& program, const PidFile& file) {
     // The kernel keeps 15 bytes of a name.
     const std::string name = fs::path(program.path).filename().string().substr(0, 15);
     SearchResult result;
     std::vector<Process> candidates;
     for (const pid_t pid : allProcesses()) {
         const std::optional<Evidence> evidence = gatherEvidence(pid);
-        if (!evidence) {
+        if (!evidence ||
+            (evidence->user != 0 && evidence->user != geteuid() && evidence->user != file.owner)) {
             continue;
         }
-        const Judgement judgement = judgeDaemonProgram(*evidence, program, geteuid());
+        const Judgement judgement = judgeDaemonProgram(*evidence, program);
         if (judgement) {
             candidates.push_back(evidence->process);
         } else if (judgement.kind == Judgement::Kind::hidden && evidence->process.name == name) {
@@ -172,7 +172,7 @@ Claim examine(const PidFile& file, const Program& program) {
     }
     std::optional<Evidence> evidence = gatherEvidence(file.daemon);
     const Judgement judgement =
-        evidence ? judgeDaemon(*evidence, program, geteuid(), file.written) : no("has ended");
+        evidence ? judgeDaemon(*evidence, program, file.written) : no("has ended");
     if (judgement) {
         claim.daemon = std::move(evidence);
         return claim;
@@ -269,8 +269,8 @@ std::optional<Evidence> gatherEvidence(pid_t pid) {
     return evidence;
 }
 
-Judgement judgeDaemonProgram(const Evidence& evidence, const Program& daemon, uid_t user) {
-    const Judgement common = judgeCommon(evidence, user);
+Judgement judgeDaemonProgram(const Evidence& evidence, const Program& daemon) {
+    const Judgement common = judgeCommon(evidence);
     if (!common) {
         return common;
     }
@@ -288,8 +288,8 @@ Judgement judgeDaemonProgram(const Evidence& evidence, const Program& daemon, ui
     return no("runs another program (" + evidence.executable + ")");
 }
 
-Judgement judgeDaemon(const Evidence& evidence, const Program& daemon, uid_t user, double written) {
-    const Judgement program = judgeDaemonProgram(evidence, daemon, user);
+Judgement judgeDaemon(const Evidence& evidence, const Program& daemon, double written) {
+    const Judgement program = judgeDaemonProgram(evidence, daemon);
     if (program && evidence.started > written + forgivenSeconds) {
         return no("started after the PID file was written");
     }
@@ -312,9 +312,9 @@ Judgement judgeChild(const Evidence& evidence, const Evidence& daemon) {
     return yes();
 }
 
-Judgement judgeOrphan(const Evidence& evidence, const Program& copyProgram, uid_t user,
+Judgement judgeOrphan(const Evidence& evidence, const Program& copyProgram,
                       const EndedDaemon& daemon) {
-    const Judgement common = judgeCommon(evidence, user);
+    const Judgement common = judgeCommon(evidence);
     if (!common) {
         return common;
     }
@@ -350,7 +350,7 @@ Judgement judgeOrphan(const Evidence& evidence, const Program& copyProgram, uid_
 }
 
 std::vector<Process> findDaemonPrograms(const std::string& daemonPath) {
-    return search(programAt(daemonPath)).found;
+    return search(programAt(daemonPath), readPidFile()).found;
 }
 
 std::vector<Process> findOrphans(const EndedDaemon& daemon) {
@@ -358,7 +358,7 @@ std::vector<Process> findOrphans(const EndedDaemon& daemon) {
     std::vector<Process> found;
     for (const pid_t pid : allProcesses()) {
         const std::optional<Evidence> evidence = gatherEvidence(pid);
-        if (evidence && judgeOrphan(*evidence, program, geteuid(), daemon)) {
+        if (evidence && judgeOrphan(*evidence, program, daemon)) {
             found.push_back(evidence->process);
         }
     }
@@ -395,7 +395,7 @@ DaemonProcesses findDaemon(const std::string& daemonPath) {
     if (result.pidFile.state == PidFile::State::whole) {
         result.copyProcesses = findNamedOrphans(result.pidFile);
     }
-    const SearchResult others = search(program);
+    const SearchResult others = search(program, result.pidFile);
     result.unvouched = others.found;
     describeNotRunning(claim, others, program, result);
     return result;

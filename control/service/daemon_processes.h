@@ -6,7 +6,6 @@
 // |              | the daemon                            | a copy process                         |
 // |--------------|---------------------------------------|----------------------------------------|
 // | running      | not a zombie, this pid namespace      | the same                               |
-// | run by       | root, or this program's user          | the same                               |
 // | session      | leader of its own: it detached itself | the same, so that it is no listing     |
 // | executable   | the daemon's: path (also one that was | not asked of a child; else the copy    |
 // |              | replaced since) or device and inode   | program, or a script of that name      |
@@ -70,12 +69,11 @@ struct Judgement {
     explicit operator bool() const { return kind == Kind::confirmed; }
 };
 
-/// Whether the process runs a daemon of this program, named by a PID file or not. `user` is the
-/// one who asks.
-Judgement judgeDaemonProgram(const Evidence& evidence, const Program& daemon, uid_t user);
+/// Whether the process runs a daemon of this program, named by a PID file or not.
+Judgement judgeDaemonProgram(const Evidence& evidence, const Program& daemon);
 
 /// Whether the process is the daemon that wrote a PID file at this time (seconds since 1970).
-Judgement judgeDaemon(const Evidence& evidence, const Program& daemon, uid_t user, double written);
+Judgement judgeDaemon(const Evidence& evidence, const Program& daemon, double written);
 
 /// Whether the process is a copy process of the living daemon.
 Judgement judgeChild(const Evidence& evidence, const Evidence& daemon);
@@ -88,7 +86,7 @@ struct EndedDaemon {
 };
 
 /// Whether the process is a copy process that a daemon has left behind.
-Judgement judgeOrphan(const Evidence& evidence, const Program& copyProgram, uid_t user,
+Judgement judgeOrphan(const Evidence& evidence, const Program& copyProgram,
                       const EndedDaemon& daemon);
 
 /// What was found out about the daemon at one moment.

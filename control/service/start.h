@@ -1,0 +1,13 @@
+// Starting the daemon, and finding out whether it really came up.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace control {
+
+/// Starts the daemon with these words, unless one runs. Prints one line with its number, or
+/// complains in one; returns the exit status for it. The caller holds the ServiceLock.
+int startDaemon(const std::string& daemonPath, const std::vector<std::string>& startOptions);
+
+} // namespace control

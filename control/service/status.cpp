@@ -1,0 +1,120 @@
+// What is told of the daemon to people and to scripts.
+#include "control/service/status.h"
+
+#include "control/observe/display_text.h"
+
+#include <cmath>
+#include <nlohmann/json.hpp>
+
+namespace control {
+
+namespace {
+
+std::string pidFileState(PidFile::State state) {
+    switch (state) {
+    case PidFile::State::absent:
+        return "absent";
+    case PidFile::State::unreadable:
+        return "unreadable";
+    case PidFile::State::damaged:
+        return "damaged";
+    case PidFile::State::whole:
+        break;
+    }
+    return "whole";
+}
+
+/// Times as whole seconds: their fractions are not certain.
+std::int64_t wholeSeconds(double time) {
+    return static_cast<std::int64_t>(std::floor(time));
+}
+
+/// A word as a shell would want it, so that where one ends can be seen.
+std::string shellWord(const std::string& word) {
+    const bool isPlain =
+        !word.empty() && word.find_first_not_of("abcdefghijklmnopqrstuvwxyz"
+                                                "ABCDEFGHIJKLMNOPQRSTUVWXYZ"
+                                                "0123456789_-+=:,./@%") == std::string::npos;
+    if (isPlain) {
+        return word;
+    }
+    std::string quoted = "'";
+    for (const char character : word) {
+        quoted += character == '\'' ? std::string("'\\''") : std::string(1, character);
+    }
+    return quoted + "'";
+}
+
+} // namespace
+
+int statusCode(DaemonProcesses::State state) {
+    switch (state) {
+    case DaemonProcesses::State::running:
+        return 0;
+    case DaemonProcesses::State::dead:
+        return 1;
+    case DaemonProcesses::State::notRunning:
+        return 3;
+    case DaemonProcesses::State::unknown:
+        break;
+    }
+    return 4;
+}
+
+std::string stateName(DaemonProcesses::State state) {
+    switch (state) {
+    case DaemonProcesses::State::running:
+        return "running";
+    case DaemonProcesses::State::dead:
+        return "dead";
+    case DaemonProcesses::State::notRunning:
+        return "notRunning";
+    case DaemonProcesses::State::unknown:
+        break;
+    }
+    return "unknown";
+}
+
+std::string statusText(const DaemonProcesses& found) {
+    std::string text = displayable(found.text, false) + "\n";
+    if (!found.startOptions.empty()) {
+        text += "start options:";
+        for (const std::string& word : found.startOptions) {
+            text += " " + displayable(shellWord(word), false);
+        }
+        text += "\n";
+    }
+    return text;
+}
+
+std::string statusJson(const DaemonProcesses& found, const std::optional<int>& processLimit) {
+    using nlohmann::json;
+    json copies = json::array();
+    for (const Process& process : found.copyProcesses) {
+        copies.push_back({{"pid", process.pid}, {"since", wholeSeconds(startTime(process))}});
+    }
+    json unvouched = json::array();
+    for (const Process& process : found.unvouched) {
+        unvouched.push_back(process.pid);
+    }
+    const bool runs = found.state == DaemonProcesses::State::running;
+    const json status = {
+        {"state", stateName(found.state)},
+        {"exitStatus", statusCode(found.state)},
+        {"text", found.text},
+        {"pid", runs ? json(found.pid()) : json()},
+        {"since", found.upSince ? json(wholeSeconds(*found.upSince)) : json()},
+        {"startOptions", found.startOptions},
+        {"copyProcesses", copies},
+        {"copyProcessLimit", runs && processLimit ? json(*processLimit) : json()},
+        {"unvouchedProcesses", unvouched},
+        {"pidFile",
+         {{"path", pidFilePath()},
+          {"state", pidFileState(found.pidFile.state)},
+          {"problem", found.pidFile.problem}}},
+    };
+    // Start options may hold any byte; what is no UTF-8 is shown as U+FFFD.
+    return status.dump(2, ' ', false, json::error_handler_t::replace) + "\n";
+}
+
+} // namespace control

@@ -1,0 +1,289 @@
+// Ending the daemon and what it has started.
+#include "control/service/stop.h"
+
+#include "control/command.h"
+#include "control/control_files.h"
+#include "control/service/daemon_processes.h"
+#include "control/service/idle_moment.h"
+#include "control/service/process_handle.h"
+#include "daemon/global.h"
+#include "utilities/sleep.h"
+
+#include <algorithm>
+#include <csignal>
+#include <cstdio>
+#include <ctime>
+#include <utility>
+#include <vector>
+
+#include <unistd.h>
+
+namespace control {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Milliseconds = std::chrono::milliseconds;
+
+/// What is killed ends at once, unless it hangs in the kernel.
+constexpr Milliseconds killLimit{5000};
+
+/// Milliseconds after which a child that was forked is sure to be another program.
+constexpr long forkToExec = 20;
+
+void say(const std::string& text) {
+    std::printf("%s\n", text.c_str());
+    std::fflush(stdout); // what comes next may take its time
+}
+
+std::string counted(const std::vector<pid_t>& pids, const std::string& kind) {
+    std::string list;
+    for (const pid_t pid : pids) {
+        list += (list.empty() ? "" : ", ") + std::to_string(pid);
+    }
+    return std::to_string(pids.size()) + " " + kind + (pids.size() == 1 ? "" : "es") + " (" + list +
+           ")";
+}
+
+/// Some processes of one kind on their way out, and how each of them went.
+class Ending {
+public:
+    explicit Ending(std::string kindOfProcess) : kind(std::move(kindOfProcess)) {}
+
+    /// Adds a process and sends it SIGTERM, unless it was added before.
+    void add(const Process& process) {
+        if (std::any_of(all.begin(), all.end(),
+                        [&](const One& one) { return one.handle.pid() == process.pid; })) {
+            return;
+        }
+        if (std::optional<ProcessHandle> handle = ProcessHandle::hold(process)) {
+            const ProcessHandle::Sent sent = handle->send(SIGTERM);
+            all.push_back({std::move(*handle), sent, false});
+        }
+    }
+
+    bool isOver() const {
+        return std::none_of(all.begin(), all.end(), [](const One& one) {
+            return one.sent != ProcessHandle::Sent::notAllowed && one.handle.isRunning();
+        });
+    }
+
+    void killTheRest() {
+        for (One& one : all) {
+            if (one.handle.isRunning()) {
+                one.killed = true;
+                one.handle.send(SIGKILL);
+            }
+        }
+    }
+
+    std::vector<Process> members() const {
+        std::vector<Process> found;
+        for (const One& one : all) {
+            found.push_back(one.handle.process());
+        }
+        return found;
+    }
+
+    /// Says how they went; returns the exit status for it.
+    int report() const {
+        std::vector<pid_t> byTerm;
+        std::vector<pid_t> byKill;
+        std::vector<pid_t> byThemselves;
+        std::vector<pid_t> forbidden;
+        std::vector<pid_t> left;
+        for (const One& one : all) {
+            const bool runs = one.handle.isRunning();
+            std::vector<pid_t>& list = one.sent == ProcessHandle::Sent::notAllowed ? forbidden
+                                       : runs                                      ? left
+                                       : one.killed                                ? byKill
+                                       : one.sent == ProcessHandle::Sent::ended    ? byThemselves
+                                                                                   : byTerm;
+            list.push_back(one.handle.pid());
+        }
+        std::string line;
+        const auto tell = [&](const std::vector<pid_t>& pids, const std::string& how) {
+            if (!pids.empty()) {
+                line += (line.empty() ? "" : "; ") + counted(pids, kind) + " " + how;
+            }
+        };
+        tell(byThemselves, "had ended");
+        tell(byTerm, "ended by SIGTERM");
+        tell(byKill, "ended by SIGKILL, not having heeded SIGTERM");
+        if (!line.empty()) {
+            say(line);
+        }
+        if (!left.empty()) {
+            complain(counted(left, kind) + " would not end, not even by SIGKILL");
+        }
+        if (!forbidden.empty()) {
+            complain(counted(forbidden, kind) + " may not be signalled without root's rights");
+            return notAllowed;
+        }
+        return left.empty() ? succeeded : failed;
+    }
+
+private:
+    struct One {
+        ProcessHandle handle;
+        ProcessHandle::Sent sent; // of SIGTERM
+        bool killed;
+    };
+    std::string kind;
+    std::vector<One> all;
+};
+
+/// Waits for them to go, and kills those that do not in time.
+void finish(Ending& ending, Milliseconds patience) {
+    if (!waitFor([&ending] { return ending.isOver(); }, patience)) {
+        ending.killTheRest();
+        waitFor([&ending] { return ending.isOver(); }, killLimit);
+    }
+}
+
+/// What the sessions of these still hold once they themselves have ended.
+std::vector<Process> leftInSessions(const std::vector<Process>& leaders) {
+    std::vector<Process> found;
+    for (const Process& leader : leaders) {
+        for (const Process& member : findSessionMembers(leader)) {
+            found.push_back(member);
+        }
+    }
+    return found;
+}
+
+/// Ends copy processes that have lost their daemon, then the rest of their sessions and its own.
+int endLeftBehind(const EndedDaemon& daemon, const std::vector<Process>& known,
+                  const std::optional<Process>& daemonItself, Milliseconds patience) {
+    Ending copies("copy process");
+    for (const Process& each : known) {
+        copies.add(each);
+    }
+    // One that had just been forked becomes recognisable only a moment later.
+    const auto addOrphans = [&] {
+        for (const Process& each : findOrphans(daemon)) {
+            copies.add(each);
+        }
+    };
+    if (daemonItself) {
+        addOrphans();
+        UTILITIES::sleepMilliSeconds(forkToExec);
+        addOrphans();
+    }
+    finish(copies, patience);
+
+    // Only those whose leader has ended: it would have seen to them by itself.
+    Ending rest("further process");
+    std::vector<Process> leaders = copies.members();
+    if (daemonItself) {
+        leaders.push_back(*daemonItself);
+    }
+    leaders.erase(std::remove_if(leaders.begin(), leaders.end(),
+                                 [](const Process& leader) {
+                                     return ProcessHandle::hold(leader).has_value();
+                                 }),
+                  leaders.end());
+    // They start no sessions, but may start processes: look a second time.
+    for (int round = 0; round < 2; ++round) {
+        for (const Process& each : leftInSessions(leaders)) {
+            rest.add(each);
+        }
+        finish(rest, patience);
+    }
+    return std::max(copies.report(), rest.report());
+}
+
+/// Takes away the PID file, if it still is the one that names this daemon (or is as damaged as it
+/// was). A daemon that was started meanwhile, without this program, keeps its own.
+void removePidFile(const PidFile& seen) {
+    const PidFile now = readPidFile();
+    if (now.state == seen.state && now.daemon == seen.daemon &&
+        (now.state == PidFile::State::whole || now.written == seen.written)) {
+        unlink(pidFilePath().c_str());
+    }
+}
+
+int stopDead(const DaemonProcesses& found, const StopOptions& options) {
+    say(found.text);
+    int status = succeeded;
+    if (!found.copyProcesses.empty()) {
+        EndedDaemon daemon;
+        daemon.pid = found.pidFile.daemon;
+        daemon.ended = found.pidFile.written;
+        status = endLeftBehind(daemon, found.copyProcesses, std::nullopt, options.timeout);
+    }
+    if (status == succeeded) {
+        removePidFile(found.pidFile);
+    }
+    return status;
+}
+
+/// Ends the daemon itself. The status is `succeeded` when it has ended.
+int endDaemon(const ProcessHandle& daemon, const StopOptions& options) {
+    const std::string name = GLOBAL::progName + ", process " + std::to_string(daemon.pid()) + ",";
+    if (!options.whenIdle) {
+        Ending ending("daemon process");
+        ending.add(daemon.process());
+        finish(ending, options.timeout);
+        return ending.report();
+    }
+    const auto begin = Clock::now();
+    switch (endWhenIdle(daemon, *options.whenIdle)) {
+    case IdleEnd::ended:
+        say(name + " ended by SIGKILL in a moment without copy processes, after " +
+            std::to_string(
+                std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - begin).count()) +
+            " s");
+        return succeeded;
+    case IdleEnd::gone:
+        say(name + " had ended");
+        return succeeded;
+    case IdleEnd::cantTell:
+        complain(name + " may be looked at and signalled only with root's rights; it goes on");
+        return notAllowed;
+    case IdleEnd::busy:
+        break;
+    }
+    complain(name + " always had copy processes or their reports to deal with for " +
+             std::to_string(options.whenIdle->count()) + " s; it goes on");
+    return failed;
+}
+
+int stopRunning(const DaemonProcesses& found, const StopOptions& options) {
+    const std::optional<ProcessHandle> daemon = ProcessHandle::hold(found.daemon);
+    if (daemon) {
+        if (const int status = endDaemon(*daemon, options); status != succeeded) {
+            return status;
+        }
+    }
+    EndedDaemon ended;
+    ended.pid = found.daemon.pid;
+    ended.started = found.upSince.value_or(0);
+    ended.ended = static_cast<double>(std::time(nullptr)) + 1;
+    const int status = endLeftBehind(ended, found.copyProcesses, found.daemon, options.timeout);
+    if (status == succeeded) {
+        removePidFile(found.pidFile);
+    }
+    return status;
+}
+
+} // namespace
+
+int stopDaemon(const std::string& daemonPath, const StopOptions& options) {
+    const DaemonProcesses found = findDaemon(daemonPath);
+    switch (found.state) {
+    case DaemonProcesses::State::running:
+        return stopRunning(found, options);
+    case DaemonProcesses::State::dead:
+        return stopDead(found, options);
+    case DaemonProcesses::State::notRunning:
+        say(found.text);
+        return succeeded;
+    case DaemonProcesses::State::unknown:
+        break;
+    }
+    complain("nothing was stopped: " + found.text);
+    return failed;
+}
+
+} // namespace control
