@@ -50,7 +50,13 @@ std::optional<FileIdentity> identify(const std::string& path) {
 
 std::string readAll(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+    std::string text;
+    std::array<char, 4096> block{};
+    // Not by the iterators of the buffer: they throw when the process ends in the middle of it.
+    while (file.read(block.data(), block.size()) || file.gcount() > 0) {
+        text.append(block.data(), static_cast<std::size_t>(file.gcount()));
+    }
+    return text;
 }
 
 /// The names in a folder; nothing if it may not be looked at. One that has gone is empty.

@@ -2,6 +2,7 @@
 #include "control/process.h"
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <ctime>
 #include <filesystem>
@@ -25,7 +26,13 @@ std::string folderOf(pid_t pid) {
 
 std::string readAll(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+    std::string text;
+    std::array<char, 4096> block{};
+    // Not by the iterators of the buffer: they throw when the process ends in the middle of it.
+    while (file.read(block.data(), block.size()) || file.gcount() > 0) {
+        text.append(block.data(), static_cast<std::size_t>(file.gcount()));
+    }
+    return text;
 }
 
 /// The number that is the whole of a text; 0 if it is none.
