@@ -3,6 +3,7 @@
 
 #include "control/check/finding.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <map>
 
@@ -14,7 +15,10 @@ const char* const sameTargetAdvice = "give each detector a target of its own";
 const char* const nestedTargetAdvice = "use targets that lie beside each other";
 
 std::string targetFolder(const std::string& target) {
-    const fs::path folder = fs::path("/" + target).lexically_normal();
+    // Two slashes in front may mean something of their own to others.
+    const std::string relative =
+        target.substr(std::min(target.find_first_not_of('/'), target.size()));
+    const fs::path folder = fs::path("/" + relative).lexically_normal();
     return (folder.has_filename() ? folder : folder.parent_path()).string();
 }
 
