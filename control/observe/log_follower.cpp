@@ -25,7 +25,8 @@ constexpr std::size_t keptTail = 32768;
 /// A rotation in progress leaves one archive missing, and whoever cleans up by hand may leave more.
 constexpr int missingInARow = 8;
 
-/// How often a step is tried again because a rotation was going on.
+/// How often a step is tried again because a rotation was going on, each time after twice the
+/// pause: a quarter of a second in all.
 constexpr int patience = 8;
 
 /// More than any daemon can rotate through between two looks, or keep.
@@ -68,8 +69,8 @@ std::string kindOf(mode_t mode) {
     return "no regular file";
 }
 
-void waitALittle() {
-    timespec pause = {0, 1000000};
+void waitALittle(int attempt) {
+    timespec pause = {0, 1000000L << attempt};
     nanosleep(&pause, nullptr);
 }
 
@@ -96,20 +97,19 @@ void LogFollower::poll(LogSink& sink) {
     if (file.get() < 0 && !openOldest()) {
         return;
     }
-    int attempts = 0;
-    for (int steps = 0; steps < mostSteps; ++steps) {
+    int attempt = 0;
+    for (int steps = 0; steps < mostSteps && attempt <= patience; ++steps) {
         readNew(sink);
-        const Step step = advance(sink);
+        const Step step = advance(sink, attempt == patience);
         if (step == Step::caughtUp) {
             caughtUpOnce = true;
             return;
         }
         if (step == Step::moved) {
-            attempts = 0;
-        } else if (++attempts > patience) {
-            return; // a rotation that does not end; the next poll goes on from here
+            attempt = 0;
         } else {
-            waitALittle();
+            waitALittle(attempt);
+            ++attempt;
         }
     }
 }
@@ -234,7 +234,7 @@ void LogFollower::heedTruncation(LogSink& sink) {
 }
 
 /// Goes from the file that was read to the next newer one, if there is one.
-LogFollower::Step LogFollower::advance(LogSink& sink) {
+LogFollower::Step LogFollower::advance(LogSink& sink, bool isLastTry) {
     heedTruncation(sink);
     struct stat status = {};
     if (stat(path.c_str(), &status) == 0) {
@@ -247,7 +247,7 @@ LogFollower::Step LogFollower::advance(LogSink& sink) {
     const int number = numberOf(current);
     // Whatever was written before it was renamed is there by now.
     readNew(sink);
-    return number < 0 ? skipAhead(sink, oldestArchive() + 1) : advanceFrom(number, sink);
+    return number < 0 ? skipAhead(sink, oldestArchive() + 1) : advanceFrom(number, sink, isLastTry);
 }
 
 /// The number of the archive that is this file; -1 if none is. Archives only move to higher
@@ -273,7 +273,7 @@ int LogFollower::numberOf(const Place& place) {
 
 /// `file` is the archive of this number: the one below it, or the log, came after it. Only while
 /// `file` still has that number after the other was opened: renames begin at the highest.
-LogFollower::Step LogFollower::advanceFrom(int number, LogSink& sink) {
+LogFollower::Step LogFollower::advanceFrom(int number, LogSink& sink, bool isLastTry) {
     const std::string next = number == 0 ? path : archive(number - 1);
     Descriptor opened;
     Place place;
@@ -298,8 +298,8 @@ LogFollower::Step LogFollower::advanceFrom(int number, LogSink& sink) {
         }
         return Step::caughtUp;
     }
-    // Not a rotation in progress: that would have moved `file`, too.
-    return skipAhead(sink, number - 1);
+    // A rotation has moved `file` and is about to move the next one, or somebody has removed it.
+    return isMissing && !isLastTry ? Step::again : skipAhead(sink, number - 1);
 }
 
 /// The oldest archive that was written to after `file`; -1 if there is none. When in doubt it is

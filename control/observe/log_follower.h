@@ -66,8 +66,8 @@ private:
     void readNew(LogSink& sink);
     void takePiece(std::string_view piece, LogSink& sink);
     void heedTruncation(LogSink& sink);
-    Step advance(LogSink& sink);
-    Step advanceFrom(int number, LogSink& sink);
+    Step advance(LogSink& sink, bool isLastTry);
+    Step advanceFrom(int number, LogSink& sink, bool isLastTry);
     Step skipAhead(LogSink& sink, int below);
     void moveTo(Descriptor opened, const Place& place, LogSink& sink);
 
