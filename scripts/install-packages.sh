@@ -13,7 +13,8 @@ build=(cmake g++ ninja-build)
 control=(libcli11-dev libncurses-dev nlohmann-json3-dev prometheus-cpp-dev)
 # The sandbox (mount, unshare, ip), the other end of the transfers, and what drives them.
 demo=("${build[@]}" iproute2 mount python3 rsync util-linux)
-tests=("${demo[@]}" "${control[@]}" libgmock-dev libgtest-dev python3-pytest)
+# Of prometheus only promtool is wanted, which checks metrics and alerts; no smaller package has it.
+tests=("${demo[@]}" "${control[@]}" libgmock-dev libgtest-dev prometheus python3-pytest tmux)
 soak=("${demo[@]}" gnuplot-nox)
 races=("${tests[@]}" valgrind)
 coverage=("${tests[@]}" gcovr)
@@ -70,6 +71,10 @@ if [ "$(id -u)" -ne 0 ]; then
 fi
 printf 'Installing with apt-get what is missing (this takes a while): %s\n' "${missing[*]}"
 export DEBIAN_FRONTEND=noninteractive
+if [[ " ${missing[*]} " == *" prometheus "* ]] && [ -d /run/systemd/system ]; then
+    printf 'Masking prometheus.service, so that the package does not start a server that nobody asked for.\n'
+    systemctl mask --quiet prometheus.service
+fi
 # What it has to say is long and interests nobody unless it fails.
 output=$(mktemp)
 trap 'rm -f "$output"' EXIT
