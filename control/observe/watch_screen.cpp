@@ -279,6 +279,7 @@ private:
         case '?':
             view.help = !view.help;
             std::swap(view.scroll, otherScroll);
+            maxScroll = std::max(maxScroll, view.scroll); // known when it has been laid out
             break;
         case 27: // Escape
             if (view.help) {
@@ -316,8 +317,7 @@ private:
         default:
             break;
         }
-        view.scroll = std::clamp(view.scroll, 0, std::max(maxScroll, view.scroll));
-        view.scroll = std::min(view.scroll, 1000000);
+        view.scroll = std::clamp(view.scroll, 0, maxScroll);
     }
 
     SnapshotSource& source;
