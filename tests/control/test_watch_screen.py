@@ -163,19 +163,19 @@ def test_losses_and_complaints_are_shown_without_steering_the_terminal() -> None
 
 def test_help_comes_and_goes() -> None:
     with scripted_daemon(), watching(80, 24) as terminal:
-        terminal.type("h")
+        terminal.press("h")
         screen = terminal.wait_for("^Keys$")
         assert screen[0] == "Keys"
         terminal.wait_for("j more")
-        terminal.type("NPage", "NPage", "NPage", "NPage")
+        terminal.press("NPage", "NPage", "NPage", "NPage")
         terminal.wait_for("k back up")
-        terminal.type("?")
+        terminal.press("?")
         terminal.wait_for("^DETECTOR")
-        terminal.type("h")
+        terminal.press("h")
         terminal.wait_for("k back up")  # where one was
-        terminal.type("Home")
+        terminal.press("Home")
         terminal.wait_for("^Keys$")
-        terminal.type("Escape")
+        terminal.press("Escape")
         terminal.wait_for("^DETECTOR")
 
 
@@ -185,16 +185,16 @@ def test_detectors_scroll() -> None:
         assert any(line.startswith("D01 ") for line in screen)
         assert not any(line.startswith("D12 ") for line in screen)
         for keys in (["j"], ["Down"]):
-            terminal.type(*keys)
+            terminal.press(*keys)
         screen = terminal.wait_for(r" 3-\d+ of 12")
         assert not any(line.startswith("D02 ") for line in screen)
-        terminal.type("k", "Up", "Up", "Up")
+        terminal.press("k", "Up", "Up", "Up")
         terminal.wait_for(r" 1-\d+ of 12")
-        terminal.type("End")
+        terminal.press("End")
         terminal.wait_for(r"^D12 ")
-        terminal.type("j", "j", "k")
+        terminal.press("j", "j", "k")
         terminal.wait_for(r"-11 of 12")
-        terminal.type("PPage", "PPage", "PPage")
+        terminal.press("PPage", "PPage", "PPage")
         terminal.wait_for(r" 1-\d+ of 12")
 
 
@@ -214,12 +214,12 @@ def test_any_size_is_used() -> None:
 def test_space_stops_the_screen_and_lets_it_go_on() -> None:
     with scripted_daemon() as daemon, watching() as terminal:
         terminal.wait_for("^KEEPING UP")
-        terminal.type("Space")
+        terminal.press("Space")
         terminal.wait_for(r"^PAUSED at \d\d:\d\d:\d\d")
         daemon.end(signal.SIGKILL)
         time.sleep(1)  # what must not happen has this long to happen
         assert terminal.screen()[0].startswith("KEEPING UP")
-        terminal.type("Space")
+        terminal.press("Space")
         terminal.wait_for("^DOWN: ")
 
 
@@ -231,7 +231,7 @@ def test_every_way_out_restores_the_terminal(how: str | int, status: int) -> Non
     with scripted_daemon() as daemon, watching() as terminal:
         assert terminal.is_on_second_screen() and not terminal.cursor_is_visible()
         if isinstance(how, str):
-            terminal.type(how)
+            terminal.press(how)
         else:
             os.kill(terminal.child("skarnctl"), how)
         assert terminal.wait_status() == status
@@ -246,7 +246,7 @@ def test_it_can_be_stopped_and_continued() -> None:
         pid = terminal.child("skarnctl")
         os.kill(pid, signal.SIGSTOP)
         os.kill(pid, signal.SIGCONT)
-        terminal.type("h")
+        terminal.press("h")
         terminal.wait_for("^Keys$")
 
 

@@ -83,7 +83,7 @@ class Terminal:
         wait_until(found, lambda: f"{pattern!r} on the screen:\n" + "\n".join(seen), timeout)
         return list(seen)
 
-    def type(self, *keys: str) -> None:
+    def press(self, *keys: str) -> None:
         """Types keys by tmux's names: "q", "C-c", "Down", "Space"."""
         self._tmux("send-keys", *keys)
 
