@@ -1,14 +1,22 @@
 // The configuration as the daemon takes it: from its text, with start options, and from files.
 #include "control/configuration.h"
+#include "daemon/daemon.h"
+#include "daemon/global.h"
+#include "transfer/copy_command.h"
+#include "transfer/worker.h"
+#include "utilities/descriptors.h"
 
+#include <cstdio>
 #include <fstream>
-#include <sstream>
+#include <random>
 #include <string>
 #include <vector>
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace control {
@@ -177,6 +185,124 @@ protected:
         rmdir("/etc/skarn_orbelin");
     }
 };
+
+/// What the daemon made of a detector, which it keeps to itself.
+class Revealed : public Worker {
+public:
+    static std::string describe(const std::string& id, const Worker& worker) {
+        return id + "|" + shareUrl(worker.*(&Revealed::remoteIp), worker.*(&Revealed::sourcePath)) +
+               "|" + worker.target() + "|" + std::to_string(worker.*(&Revealed::minPause)) + "|" +
+               std::to_string(worker.*(&Revealed::interrunPause)) + "\n";
+    }
+};
+
+std::string describe(const Configuration& made) {
+    std::string text = made.logFileName + "|" + std::to_string(made.logFileMaxSize) + "|" +
+                       std::to_string(made.logFileMaxNumber) + "|" + made.uid + "|" + made.gid +
+                       "|" + made.usrdir + "\n";
+    for (const Detector& each : made.detectors) {
+        text += each.id + "|" + each.shareUrl + "|" + each.target + "|" +
+                std::to_string(each.minPause) + "|" + std::to_string(each.interrunPause) + "\n";
+    }
+    return text;
+}
+
+/// The same from a daemon that comes up on the configuration in its place; "refused" if it does
+/// not. It lives in a process of its own, whose settings it changes.
+std::string describeDaemon(const Words& options) {
+    int ends[2] = {-1, -1};
+    EXPECT_EQ(pipe(ends), 0);
+    fflush(stdout); // or the child would print it again
+    const pid_t child = fork();
+    if (child == 0) {
+        GLOBAL::passwordFile = "/dev/null";
+        GLOBAL::rsyncCommand = "/bin/sh";
+        Words words = {"skarn"};
+        words.insert(words.end(), options.begin(), options.end());
+        ExecVector arguments(words);
+        GLOBAL::argc = static_cast<int>(words.size());
+        GLOBAL::argv = const_cast<char**>(arguments.get());
+        const Descriptor nowhere(open("/dev/null", O_WRONLY | O_CLOEXEC));
+        dup2(nowhere.get(), STDERR_FILENO); // its complaints are not the test's
+        const Daemon daemon;
+        std::string text = GLOBAL::logFileName + "|" + std::to_string(GLOBAL::logFileMaxSize) +
+                           "|" + std::to_string(GLOBAL::logFileMaxNumber) + "|" + GLOBAL::uid +
+                           "|" + GLOBAL::gid + "|" + GLOBAL::usrdir + "\n";
+        for (const auto& [id, worker] : daemon.detectors) {
+            text += Revealed::describe(id, *worker);
+        }
+        writeUnchecked(ends[1], text);
+        _exit(0);
+    }
+    close(ends[1]);
+    std::string text;
+    char part[4096];
+    ssize_t got = 0;
+    while ((got = read(ends[0], part, sizeof part)) > 0) {
+        text.append(part, static_cast<std::size_t>(got));
+    }
+    close(ends[0]);
+    int status = -1;
+    waitpid(child, &status, 0);
+    return text.empty() ? "refused" : text;
+}
+
+TEST_F(ConfigPlaces, HoldWhatTheDaemonTakesFromThem) {
+    static const Words pieces = {"detectorID ",
+                                 "detectorID\t",
+                                 "\nminpause ",
+                                 "\ninterrun_pause ",
+                                 "\ntarget ",
+                                 "\nsource ",
+                                 "\nremoteIP ",
+                                 "\nuid ",
+                                 "\ngid\n",
+                                 "\nusrdir ",
+                                 "\nlogfile ",
+                                 "\n",
+                                 "\n",
+                                 " ",
+                                 "\t",
+                                 "\r\n",
+                                 "1",
+                                 "-7",
+                                 "99999999999",
+                                 "10M",
+                                 "/a/b",
+                                 "/.",
+                                 "x;b",
+                                 "#",
+                                 "$UID",
+                                 "$GID",
+                                 "x",
+                                 "2",
+                                 "\nlogfile_max_size ",
+                                 "5abc"};
+    static const std::vector<Words> options = {{},
+                                               {"-u", "7:8"},
+                                               {"-d", "1:/s:/t"},
+                                               {"-d", "x:s:t", "-u", "1"},
+                                               {"--user", "a::b", "-d", "2:'q:r':/t/"},
+                                               {"-x"}};
+    std::mt19937 random(19530821); // NOLINT: the same texts each time
+    std::uniform_int_distribution<std::size_t> pick(0, pieces.size() - 1);
+    int refused = 0;
+    for (int i = 0; i < 400; ++i) {
+        std::string text = "logfile /dev/null\n";
+        for (int piece = 0; piece < 60; ++piece) {
+            text += pieces[pick(random)];
+        }
+        const Words& chosen = options[pick(random) % options.size()];
+        std::ofstream(configFilePaths()[0], std::ios::binary) << text;
+        const LoadedConfiguration loaded = loadConfiguration(configFilePaths()[0], chosen);
+        const std::string expected =
+            loaded.configuration ? describe(*loaded.configuration) : "refused";
+        refused += expected == "refused" ? 1 : 0;
+        ASSERT_EQ(describeDaemon(chosen), expected) << text;
+    }
+    EXPECT_GT(refused, 20);
+    EXPECT_LT(refused, 380);
+}
 
 TEST_F(ConfigPlaces, AreLookedAtInOrder) {
     std::ofstream(configFilePaths()[1]) << "";
