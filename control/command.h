@@ -23,8 +23,8 @@ struct CommonOptions {
     std::vector<std::string> startOptions;
 };
 
-/// Writes "skarnctl: " and the text, in one line (control characters in it are shown as \ooo), to
-/// standard error.
+/// Writes "skarnctl: " and the text, in one line, to standard error. Whatever in it could steer a
+/// terminal is shown as \ooo.
 void complain(const std::string& text);
 
 } // namespace control

@@ -3,6 +3,7 @@
 
 #include "control/command.h"
 #include "control/control_files.h"
+#include "control/observe/display_text.h"
 #include "control/service/daemon_processes.h"
 #include "control/service/idle_moment.h"
 #include "control/service/process_handle.h"
@@ -32,14 +33,18 @@ constexpr Milliseconds killLimit{5000};
 constexpr long forkToExec = 20;
 
 void say(const std::string& text) {
-    std::printf("%s\n", text.c_str());
+    std::printf("%s\n", displayable(text, false).c_str());
     std::fflush(stdout); // what comes next may take its time
 }
 
-std::string counted(const std::vector<pid_t>& pids, const std::string& kind) {
+/// "2 copy processes (905, 903)"; without a kind it is the daemon, of which there is one.
+std::string named(const std::vector<pid_t>& pids, const std::string& kind) {
     std::string list;
     for (const pid_t pid : pids) {
         list += (list.empty() ? "" : ", ") + std::to_string(pid);
+    }
+    if (kind.empty()) {
+        return GLOBAL::progName + ", process " + list + ",";
     }
     return std::to_string(pids.size()) + " " + kind + (pids.size() == 1 ? "" : "es") + " (" + list +
            ")";
@@ -104,7 +109,7 @@ public:
         std::string line;
         const auto tell = [&](const std::vector<pid_t>& pids, const std::string& how) {
             if (!pids.empty()) {
-                line += (line.empty() ? "" : "; ") + counted(pids, kind) + " " + how;
+                line += (line.empty() ? "" : "; ") + named(pids, kind) + " " + how;
             }
         };
         tell(byThemselves, "had ended");
@@ -114,10 +119,10 @@ public:
             say(line);
         }
         if (!left.empty()) {
-            complain(counted(left, kind) + " would not end, not even by SIGKILL");
+            complain(named(left, kind) + " would not end, not even by SIGKILL");
         }
         if (!forbidden.empty()) {
-            complain(counted(forbidden, kind) + " may not be signalled without root's rights");
+            complain(named(forbidden, kind) + " may not be signalled without root's rights");
             return notAllowed;
         }
         return left.empty() ? succeeded : failed;
@@ -190,7 +195,8 @@ int endLeftBehind(const EndedDaemon& daemon, const std::vector<Process>& known,
         }
         finish(rest, patience);
     }
-    return std::max(copies.report(), rest.report());
+    const int copiesStatus = copies.report();
+    return std::max(copiesStatus, rest.report());
 }
 
 /// Takes away the PID file, if it still is the one that names this daemon (or is as damaged as it
@@ -222,7 +228,7 @@ int stopDead(const DaemonProcesses& found, const StopOptions& options) {
 int endDaemon(const ProcessHandle& daemon, const StopOptions& options) {
     const std::string name = GLOBAL::progName + ", process " + std::to_string(daemon.pid()) + ",";
     if (!options.whenIdle) {
-        Ending ending("daemon process");
+        Ending ending("");
         ending.add(daemon.process());
         finish(ending, options.timeout);
         return ending.report();
