@@ -16,8 +16,7 @@
 #include "utilities/text.h"
 
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
+#include <cmath>
 #include <ctime>
 #include <map>
 #include <optional>
@@ -247,7 +246,10 @@ void SnapshotSource::State::takeDaemon(Snapshot& snapshot) {
     if (processes.state == Snapshot::DaemonState::running) {
         startOptions = processes.startOptions;
         snapshot.pid = processes.pid();
-        snapshot.upSince = processes.upSince;
+        if (processes.upSince) {
+            // It is as exact as the kernel's ticks; what lies behind that would change each time.
+            snapshot.upSince = std::round(*processes.upSince * 100) / 100;
+        }
         snapshot.startOptions = startOptions;
     }
 }

@@ -158,7 +158,7 @@ void addWatchCommand(CLI::App& app, const CommonOptions& common, int& exitStatus
         SnapshotSource source({options->configFile, common.daemonPath});
         if (options->json && interval->count() > 0) {
             exitStatus = reportLines(source, options->interval);
-        } else if (options->json || options->once) {
+        } else if (options->json || options->once || isatty(STDOUT_FILENO) == 0) {
             exitStatus = reportOnce(source, options->json);
         } else {
             exitStatus = runWatchScreen(source, options->interval);

@@ -4,8 +4,6 @@
 #include "control/observe/display_text.h"
 #include "control/observe/verdict.h"
 
-#include <ctime>
-
 namespace control {
 
 namespace {
@@ -13,16 +11,6 @@ namespace {
 /// "1 file", "2,000 files".
 std::string counted(std::uint64_t number, const std::string& one, const std::string& many) {
     return grouped(number) + " " + (number == 1 ? one : many);
-}
-
-std::string localDate(double seconds) {
-    const auto whole = static_cast<std::time_t>(seconds);
-    std::tm date = {};
-    char text[64] = "";
-    if (localtime_r(&whole, &date) != nullptr) {
-        std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &date);
-    }
-    return text;
 }
 
 /// Puts the report together, line by line.
@@ -45,8 +33,7 @@ private:
 void addDaemon(Report& report, const Snapshot& snapshot) {
     report.line("Daemon: " + report.shown(snapshot.daemonText));
     if (snapshot.upSince) {
-        report.detail("up since " + localDate(*snapshot.upSince) + " (" +
-                      durationText(snapshot.time - *snapshot.upSince) + ")");
+        report.detail("up for " + durationText(snapshot.time - *snapshot.upSince));
     }
     if (!snapshot.startOptions.empty()) {
         std::string options;
@@ -92,6 +79,9 @@ void addLog(Report& report, const Snapshot& snapshot) {
     report.line("Log: " + (log.path.empty() ? "unknown" : report.shown(log.path)));
     if (!log.problem.empty()) {
         report.detail(report.shown(log.problem));
+    }
+    if (log.path.empty()) {
+        return;
     }
     std::string limit = "never rotated";
     if (log.limit >= 0) {

@@ -291,6 +291,15 @@ TEST(LogModel, LeavesOpenWhatCannotBeSettled) {
     EXPECT_EQ(of(model, "1").files, 9U);
 }
 
+TEST(LogModel, LooksOnlyAtTheBlocksOfTheCycleThatEnds) {
+    LogModel model = started({"1", "2"});
+    model.feed(calls("1", 1) + calls("2", 3) + block(3) + block(4) + removed("1"));
+    EXPECT_EQ(model.unattributed().files, 7U);
+    model.feed(calls("1", 1) + block(9) + removed("1"));
+    EXPECT_EQ(of(model, "1").files, 9U);
+    EXPECT_EQ(model.unattributed().files, 7U);
+}
+
 TEST(LogModel, DoesNotCountAFailedStartAsAReportToCome) {
     LogModel model = started({"1", "2"});
     model.feed(calls("1", 1) + "1: Error: Could not fork subprocess\n       Out of memory\n" +
