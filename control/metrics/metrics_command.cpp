@@ -74,6 +74,10 @@ private:
     sigset_t set{};
 };
 
+std::string firstLine(const std::string& text) {
+    return text.substr(0, text.find('\n'));
+}
+
 int printOnce(const Figures& figures) {
     const std::string text = prometheus::TextSerializer().Serialize(figures.Collect());
     if (!writeAll(STDOUT_FILENO, text)) {
@@ -101,7 +105,11 @@ int serve(const std::shared_ptr<Figures>& figures, const std::string& where) {
         exposer = std::make_unique<prometheus::Exposer>(std::vector<std::string>{
             "listening_ports", address.text, "num_threads", "4", "request_timeout_ms", "5000"});
     } catch (const std::exception& error) {
-        complain("cannot listen at " + address.text + ": " + error.what());
+        // The address could be listened at just now.
+        complain("cannot listen at " + address.text + ": " +
+                 (address.isVersion6 ? "the HTTP library here was built without IPv6; use an IPv4 "
+                                       "address, such as 127.0.0.1, and a proxy before it"
+                                     : firstLine(error.what())));
         return failed;
     }
     figures->look();
