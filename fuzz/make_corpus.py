@@ -37,6 +37,33 @@ HEAD = (
 )
 
 
+RULE = "+" * 78
+BANNER = f"\n\n{RULE}\n\n++ skarn 3.7.1 started\n++ on Sat Nov 21 2026\n\n{RULE}\n\n++\n"
+SETTINGS = (
+    "++ settings:\n++ logfile: /l\n++    max size of logfile: 9\n"
+    "++    max # of backuped logfiles: 2\n\n++ current directory: /\n"
+    "++ Starting copy thread for detector 1\n++ Starting copy thread for detector c\n"
+)
+
+
+def block(*lines: str) -> str:
+    """What one copy process leaves in the log."""
+    inside = "".join(line + "\n" for line in lines)
+    return (
+        f"++ RSYNC OUTPUT BEGIN ++++++++++++++++++\n{inside}"
+        "++ RSYNC OUTPUT END ++++++++++++++++++++\n"
+    )
+
+
+def cycle(detector: str, processes: int) -> str:
+    """The beginning of a cycle in the log."""
+    call = f"{detector}: rsync call: /x --files-from=/tmp/f u t\n"
+    return f"{detector} Starting {processes} copy processes\n" + call * processes
+
+
+COPIED = "Copied 3 files in the range of: a ... b"
+
+
 def seeds() -> dict[str, dict[str, str | bytes]]:
     """The seeds by fuzzer and name."""
     detector = "detectorID 1\nremoteIP 10.0.0.1\nsource /data\ntarget /images\nminpause 500\n"
@@ -124,6 +151,17 @@ def seeds() -> dict[str, dict[str, str | bytes]]:
             "controls": b"line\nfeed\r\x00\x1b\t\x7f",
             "escapes": "\\#012 \\#134#012 \\#999 \\#01",
             "latin": b"\xe9\xff\\#\xe9",
+        },
+        "log_model": {
+            "cycle": "\1" + BANNER + SETTINGS + cycle("1", 2) + block("receiving x", COPIED)
+            + "Error: Lost c\n" + block(COPIED) + "1: Removed file /tmp/f\n",
+            "two": "\2" + BANNER + cycle("1", 1) + cycle("11", 1) + block(COPIED)
+            + "11: Removed file f\n" + block(COPIED) + "1: Error: could not remove f\n   no\n",
+            "failures": "\3" + cycle("1", 1) + "1: Error: Could not fork subprocess\n  no\n"
+            + "++ Warning: No pipe to VANTREL\n++ Error: Failed to pass a to VANTREL\n"
+            + '++ Warning: Path to "a" is longer than 4096\n1: Error: Listing failed\n',
+            "nested": "\2" + block("++ RSYNC OUTPUT BEGIN ++++++++++++++++++", BANNER, COPIED),
+            "gap": ("\2" + cycle("1", 1)).encode() + b"\xff\n" + block("x" + COPIED).encode(),
         },
         "file_list": {
             "lines": "a\nd/b\r\n\n./c/\n///d\n",
