@@ -32,6 +32,7 @@ def _remove(path: Path) -> None:
 @pytest.fixture
 def host() -> Iterator[None]:
     """Configuration with one detector, password file and scripted copy program; nothing runs.
+    After an empty listing the daemon rests for the remainder of the test.
 
     Whatever the test starts is ended afterwards, and the control files are taken away.
     """
@@ -39,7 +40,7 @@ def host() -> Iterator[None]:
     shutil.rmtree(scripted.FOLDER, ignore_errors=True)
     install_password_file()
     scripted.install()
-    write_configuration(None, [Detector("1")])
+    write_configuration(None, [Detector("1", minpause=60000)])
     yield
     processes.end_descendants()
     for path in (PID_FILE, STATUS_FILE, CONFIGURATION, LOG_FILE, *file_lists()):

@@ -1,0 +1,209 @@
+// The parts of start, stop and status that need no daemon.
+#include "control/service/idle_moment.h"
+#include "control/service/new_log_text.h"
+#include "control/service/process_handle.h"
+#include "control/service/service_commands.h"
+#include "control/service/status.h"
+
+#include <csignal>
+#include <cstdio>
+#include <fstream>
+#include <nlohmann/json.hpp>
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace control {
+
+namespace {
+
+int firstOf(std::vector<const char*> words) {
+    words.insert(words.begin(), "skarnctl");
+    return firstStartOption(static_cast<int>(words.size()), words.data());
+}
+
+TEST(FirstStartOption, IsBehindTheWordThatStarts) {
+    EXPECT_EQ(firstOf({"start"}), 2);
+    EXPECT_EQ(firstOf({"start", "-u", "1:2"}), 2);
+    EXPECT_EQ(firstOf({"restart", "stop", "--", ""}), 2);
+    EXPECT_EQ(firstOf({"--daemon", "/a/skarn", "start", "start"}), 4);
+    EXPECT_EQ(firstOf({"--daemon=/a/skarn", "restart", "-x"}), 3);
+    EXPECT_EQ(firstOf({"--daemon", "start", "start", "-x"}), 4);
+}
+
+TEST(FirstStartOption, IsTheEndForEverythingElse) {
+    EXPECT_EQ(firstOf({}), 1);
+    EXPECT_EQ(firstOf({"stop", "start"}), 3);
+    EXPECT_EQ(firstOf({"--daemon"}), 2);
+    EXPECT_EQ(firstOf({"--daemon", "start"}), 3);
+    EXPECT_EQ(firstOf({"--version", "start"}), 3);
+    EXPECT_EQ(firstOf({"", "start"}), 3);
+    EXPECT_EQ(firstOf({"check", "-u", "start"}), 4);
+    EXPECT_EQ(firstOf({"--daemonstart", "start"}), 3);
+}
+
+TEST(ParseSeconds, TakesWholeSecondsUpToADay) {
+    EXPECT_EQ(parseSeconds("0"), 0);
+    EXPECT_EQ(parseSeconds("60"), 60);
+    EXPECT_EQ(parseSeconds("86400"), 86400);
+    for (const char* const text :
+         {"", "-0", "-1", "+1", " 1", "1 ", "1.5", "1e3", "0x10", "86401", "99999999999", "a"}) {
+        EXPECT_EQ(parseSeconds(text), std::nullopt) << text;
+    }
+}
+
+TEST(IsFileListOf, KnowsTheListsOfOneDaemon) {
+    EXPECT_TRUE(isFileListOf("file_list_812_-17_0", 812));
+    EXPECT_TRUE(isFileListOf("file_list_812_17_7", 812));
+    EXPECT_FALSE(isFileListOf("file_list_8121_17_7", 812));
+    EXPECT_FALSE(isFileListOf("file_list_81_17_7", 812));
+    EXPECT_FALSE(isFileListOf("my_file_list_812_17_7", 812));
+    EXPECT_FALSE(isFileListOf("file_list_812", 812));
+}
+
+TEST(StatusCode, IsThatOfInitScripts) {
+    using State = DaemonProcesses::State;
+    EXPECT_EQ(statusCode(State::running), 0);
+    EXPECT_EQ(statusCode(State::dead), 1);
+    EXPECT_EQ(statusCode(State::notRunning), 3);
+    EXPECT_EQ(statusCode(State::unknown), 4);
+}
+
+TEST(StatusText, QuotesTheStartOptionsAndSteersNoTerminal) {
+    DaemonProcesses found;
+    found.text = "skarn runs\x1b[2J";
+    EXPECT_EQ(statusText(found), "skarn runs\\033[2J\n");
+    found.startOptions = {"-d", "1:/a b:/c", "", "it's", "a\nb", "\xc2\x9b"};
+    EXPECT_EQ(statusText(found), "skarn runs\\033[2J\nstart options: -d '1:/a b:/c' '' "
+                                 "'it'\\''s' 'a\\012b' '\\302\\233'\n");
+}
+
+TEST(StatusJson, HasTheSameKeysInEveryState) {
+    DaemonProcesses found;
+    found.state = DaemonProcesses::State::running;
+    found.daemon.pid = 812;
+    found.upSince = 1000.7;
+    found.startOptions = {"\xff"};
+    found.copyProcesses.resize(1);
+    found.copyProcesses[0].pid = 905;
+    const auto running = nlohmann::json::parse(statusJson(found, 8));
+    EXPECT_EQ(running["pid"], 812);
+    EXPECT_EQ(running["since"], 1000);
+    EXPECT_EQ(running["copyProcessLimit"], 8);
+    EXPECT_EQ(running["copyProcesses"][0]["pid"], 905);
+    EXPECT_EQ(running["startOptions"][0], "\xef\xbf\xbd");
+
+    const auto unknown = nlohmann::json::parse(statusJson(DaemonProcesses(), 8));
+    EXPECT_EQ(unknown["state"], "unknown");
+    EXPECT_EQ(unknown["exitStatus"], 4);
+    EXPECT_TRUE(unknown["pid"].is_null());
+    EXPECT_TRUE(unknown["copyProcessLimit"].is_null());
+    for (const auto& [key, value] : running.items()) {
+        EXPECT_TRUE(unknown.contains(key)) << key;
+    }
+    EXPECT_EQ(running.size(), unknown.size());
+}
+
+class NewLogTextTest : public testing::Test {
+protected:
+    void SetUp() override { remove(); }
+    void TearDown() override { remove(); }
+
+    static void append(const std::string& text) {
+        std::ofstream(path, std::ios::app | std::ios::binary) << text;
+    }
+    static void remove() {
+        for (const std::string end : {"", ".0", ".1", ".2"}) {
+            unlink((path + end).c_str());
+        }
+    }
+    static void rotate() {
+        rename((path + ".1").c_str(), (path + ".2").c_str());
+        rename((path + ".0").c_str(), (path + ".1").c_str());
+        rename(path.c_str(), (path + ".0").c_str());
+    }
+    static inline const std::string path = "/tmp/new_log_text";
+};
+
+TEST_F(NewLogTextTest, IsWhatWasAdded) {
+    append("old\n");
+    const NewLogText text(path, 2);
+    EXPECT_EQ(text.read(), "");
+    append("new\n");
+    EXPECT_EQ(text.read(), "new\n");
+    EXPECT_TRUE(text.isReadable());
+}
+
+TEST_F(NewLogTextTest, IsFoundInALogThatWasNotThere) {
+    const NewLogText text(path, 2);
+    EXPECT_TRUE(text.isReadable());
+    append("new\n");
+    EXPECT_EQ(text.read(), "new\n");
+}
+
+TEST_F(NewLogTextTest, IsFollowedThroughRotations) {
+    append("old\n");
+    const NewLogText text(path, 2);
+    append("one\n");
+    rotate();
+    append("two\n");
+    rotate();
+    append("three\n");
+    EXPECT_EQ(text.read(), "one\ntwo\nthree\n");
+}
+
+TEST_F(NewLogTextTest, IsReadFromTheBeginningOfALogThatWasEmptied) {
+    append("a long old text\n");
+    const NewLogText text(path, 2);
+    ASSERT_EQ(truncate(path.c_str(), 0), 0);
+    append("new\n");
+    EXPECT_EQ(text.read(), "new\n");
+}
+
+TEST_F(NewLogTextTest, IsBounded) {
+    const NewLogText text(path, 2);
+    append(std::string(1000000, 'x'));
+    EXPECT_EQ(text.read().size(), 65536U);
+}
+
+TEST_F(NewLogTextTest, IsNotSoughtInADevice) {
+    const NewLogText text("/dev/null", 10);
+    EXPECT_FALSE(text.isReadable());
+    EXPECT_EQ(text.read(), "");
+}
+
+TEST(ProcessHandle, HoldsOneProcessAndNoLaterOwnerOfItsNumber) {
+    const pid_t pid = fork();
+    if (pid == 0) {
+        while (true) {
+            pause();
+        }
+    }
+    const auto process = readProcess(pid);
+    ASSERT_TRUE(process);
+    Process earlier = *process;
+    earlier.startTicks -= 1;
+    EXPECT_FALSE(ProcessHandle::hold(earlier)) << "another process had the number then";
+
+    const auto handle = ProcessHandle::hold(*process);
+    ASSERT_TRUE(handle);
+    EXPECT_TRUE(handle->isRunning());
+    EXPECT_EQ(handle->send(SIGKILL), ProcessHandle::Sent::sent);
+    EXPECT_TRUE(waitFor([&] { return !handle->isRunning(); }, std::chrono::seconds(20)));
+    EXPECT_EQ(handle->send(SIGTERM), ProcessHandle::Sent::ended) << "a zombie";
+    waitpid(pid, nullptr, 0);
+    EXPECT_EQ(handle->send(SIGTERM), ProcessHandle::Sent::ended);
+    EXPECT_FALSE(ProcessHandle::hold(*process));
+}
+
+TEST(WaitFor, GivesUpWhenTheTimeHasRunOut) {
+    int looks = 0;
+    EXPECT_FALSE(waitFor([&looks] { return ++looks < 0; }, std::chrono::milliseconds(25)));
+    EXPECT_GE(looks, 2);
+    EXPECT_TRUE(waitFor([] { return true; }, std::chrono::milliseconds(0)));
+}
+
+} // namespace
+
+} // namespace control
