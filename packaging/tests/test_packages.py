@@ -137,7 +137,7 @@ def test_the_units_are_sound(machine: Machine) -> None:
 def test_start_without_a_configuration_says_so(machine: Machine) -> None:
     done = machine.run("skarnctl start")
     assert done.returncode == 1
-    assert "no configuration" in done.stdout
+    assert "there is no configuration file" in done.stdout
     assert done.stdout.count("\n") == 1, done.stdout
     # The unit's condition is not met: nothing is started, and nothing has failed.
     machine.succeed("systemctl start skarn")
@@ -148,7 +148,7 @@ def test_the_example_is_right_but_for_what_the_host_lacks(machine: Machine) -> N
     machine.succeed(f"cp {EXAMPLE} /etc/skarn_orbelin.conf")
     done = machine.run("skarnctl check --json")
     found = json.loads(done.stdout)["findings"]
-    assert {finding["code"] for finding in found} == {"password-file-missing", "fifo-absent"}
+    assert {finding["code"] for finding in found} == {"password-file-missing", "pipe-absent"}
     assert done.returncode == 2
     machine.write("/usr/local/orbelin/etc/rsyncd.secrets_remote", "of this machine only\n", 0o600)
     machine.succeed(f"mkfifo -m 0600 {PIPE}")
