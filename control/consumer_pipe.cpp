@@ -89,9 +89,11 @@ Answer holdsForReading(pid_t pid, const FileIdentity& pipe) {
     if (!descriptors) {
         return Answer::notAllowed;
     }
+    const std::string files = process + "/fd/";
+    const std::string modes = process + "/fdinfo/";
     for (const std::string& descriptor : *descriptors) {
-        const std::optional<FileIdentity> file = identify(process + "/fd/" + descriptor);
-        if (file && *file == pipe && isOpenForReading(readAll(process + "/fdinfo/" + descriptor))) {
+        const std::optional<FileIdentity> file = identify(files + descriptor);
+        if (file && *file == pipe && isOpenForReading(readAll(modes + descriptor))) {
             return Answer::yes;
         }
     }
@@ -117,8 +119,9 @@ Answer waitsForWriter(pid_t pid, const FileIdentity& pipe) {
         return Answer::notAllowed;
     }
     for (const std::string& thread : *threads) {
-        const std::string path = process + "/task/" + thread + "/syscall";
-        const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+        std::string call = process;
+        call.append("/task/").append(thread).append("/syscall");
+        const Descriptor file(open(call.c_str(), O_RDONLY | O_CLOEXEC));
         std::array<char, 256> text = {};
         const ssize_t got = read(file.get(), text.data(), text.size());
         if (got < 0) {
@@ -133,13 +136,16 @@ Answer waitsForWriter(pid_t pid, const FileIdentity& pipe) {
             continue;
         }
         const std::string name = textAt(pid, pending->pathAddress);
-        std::string folder = process + "/root";
-        if (name.empty() || name.front() != '/') {
-            folder =
-                process +
-                (pending->folder == AT_FDCWD ? "/cwd" : "/fd/" + std::to_string(pending->folder));
+        const bool isWhole = !name.empty() && name.front() == '/';
+        std::string path = process;
+        if (isWhole) {
+            path += "/root";
+        } else if (pending->folder == AT_FDCWD) {
+            path += "/cwd/";
+        } else {
+            path.append("/fd/").append(std::to_string(pending->folder)).append("/");
         }
-        const std::optional<FileIdentity> found = identify(folder + "/" + name);
+        const std::optional<FileIdentity> found = identify(path + name);
         if (!name.empty() && found && *found == pipe) {
             return Answer::yes;
         }

@@ -49,13 +49,14 @@ tidy() {
 }
 
 shell_scripts() {
-    scripts_for 'sh|bash' | xargs -r shellcheck
+    # The completion is read by a shell, not run, and so names none in its first line.
+    { scripts_for 'sh|bash'; git ls-files packaging/completion; } | xargs -r shellcheck
 }
 
 python_types() {
     local list=()
     mapfile -t list < <(git ls-files '*.py')
-    [ ${#list[@]} -gt 0 ] && MYPYPATH=tests:bench:packaging/tests mypy --strict --explicit-package-bases "${list[@]}"
+    [ ${#list[@]} -gt 0 ] && MYPYPATH=tests:bench:packaging/tests:scripts/watch_picture mypy --strict --explicit-package-bases "${list[@]}"
 }
 
 # The manuals, by mandoc's own rules; that a manual refers to one which this machine lacks is no mistake of it.

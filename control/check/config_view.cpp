@@ -28,7 +28,8 @@ std::optional<std::string> keptText(const std::string& line) {
 
 /// Whether the daemon's reader takes a line of this length.
 bool fits(const std::string& line) {
-    std::istringstream stream("x" + std::string(line.size() > 0 ? line.size() - 1 : 0, 'x'));
+    // An empty line would be dropped for being empty.
+    std::istringstream stream(std::string(std::max<std::size_t>(line.size(), 1), 'x'));
     return !readConfigText(stream).empty();
 }
 

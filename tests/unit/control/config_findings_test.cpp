@@ -21,7 +21,6 @@ using testing::ElementsAre;
 using testing::ElementsAreArray;
 using testing::HasSubstr;
 using testing::IsEmpty;
-using testing::Not;
 
 using Words = std::vector<std::string>;
 
@@ -483,7 +482,7 @@ TEST(ConfigView, ReadsWhatTheDaemonReads) {
          {std::string(), std::string("\n"), log + block(), log + "\r\n \t\n# c\n" + block() + "x",
           log + std::string(1023, 'a') + "\n" + block(),
           log + std::string(1024, 'a') + "\n" + block(), std::string(1023, ' ') + "\nuid 1",
-          std::string("uid\0 5\n\0\nx", 11)}) {
+          std::string("uid\0 5\n\0\nx", 10)}) {
         std::istringstream stream(text);
         EXPECT_EQ(ConfigView(text).text(), readConfigText(stream)) << text;
     }
