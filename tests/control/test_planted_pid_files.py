@@ -93,7 +93,6 @@ DAMAGED = {
 def test_a_damaged_file_is_believed_in_no_line(name: str, victim: Victim) -> None:
     plant(DAMAGED[name].format(victim=victim.pid, wrapped=victim.pid + 2**32))
     text = PID_FILE.read_bytes()
-    assert skarnctl("status").status == 1
     result = skarnctl("stop")
     assert result.status == 0 and "is damaged" in result.output, result
     assert not PID_FILE.exists()

@@ -330,7 +330,6 @@ def test_an_interrupted_wait_leaves_the_daemon_running(number: signal.Signals) -
 
 def test_an_idle_moment_among_fast_cycles_loses_no_announcement() -> None:
     with Bed() as bed:
-        bed.daemon.binary = Path(os.environ["SKARN_BINARY"])
         bed.start()
         bed.simulator.burst(frame_names(400))
         result = skarnctl("stop", "--when-idle=60")

@@ -10,7 +10,9 @@
 #include <fstream>
 #include <nlohmann/json.hpp>
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -195,6 +197,115 @@ TEST(ProcessHandle, HoldsOneProcessAndNoLaterOwnerOfItsNumber) {
     waitpid(pid, nullptr, 0);
     EXPECT_EQ(handle->send(SIGTERM), ProcessHandle::Sent::ended);
     EXPECT_FALSE(ProcessHandle::hold(*process));
+}
+
+/// A process that stands for the daemon, with a copy process or a file list as the test wants.
+class IdleMoment : public testing::Test {
+protected:
+    void SetUp() override { startDaemon(false); }
+    void TearDown() override {
+        end(daemon);
+        end(copy);
+        unlink(list.c_str());
+    }
+
+    void startDaemon(bool withCopy) {
+        int ends[2];
+        ASSERT_EQ(pipe(ends), 0);
+        daemon = fork();
+        if (daemon == 0) {
+            setsid();
+            pid_t child = 0;
+            if (withCopy) {
+                child = fork();
+                if (child == 0) {
+                    setsid();
+                    child = getpid();
+                }
+            }
+            // The copy process itself tells its number: it has its session by then.
+            if (!withCopy || child == getpid()) {
+                const ssize_t count = write(ends[1], &child, sizeof child);
+                static_cast<void>(count);
+            }
+            while (true) {
+                pause();
+            }
+        }
+        ASSERT_EQ(read(ends[0], &copy, sizeof copy), static_cast<ssize_t>(sizeof copy));
+        close(ends[0]);
+        close(ends[1]);
+        list = "/tmp/file_list_" + std::to_string(daemon) + "_-5_0";
+    }
+    static void end(pid_t& pid) {
+        if (pid > 0) {
+            kill(pid, SIGKILL);
+            waitpid(pid, nullptr, 0);
+        }
+        pid = 0;
+    }
+    IdleEnd attempt() const {
+        const auto handle = ProcessHandle::hold(*readProcess(daemon));
+        return handle ? endWhenIdle(*handle, std::chrono::seconds(0)) : IdleEnd::gone;
+    }
+    /// It neither ended nor was left standing still.
+    bool goesOn() const {
+        return waitFor([this] { return threadStates(daemon).find_first_of("SR") == 0; },
+                       std::chrono::seconds(20));
+    }
+
+    pid_t daemon = 0;
+    pid_t copy = 0;
+    std::string list;
+};
+
+TEST_F(IdleMoment, EndsADaemonThatHasNothingToDo) {
+    EXPECT_EQ(attempt(), IdleEnd::ended);
+    int status = 0;
+    ASSERT_EQ(waitpid(daemon, &status, 0), daemon);
+    EXPECT_TRUE(WIFSIGNALED(status));
+    EXPECT_EQ(WTERMSIG(status), SIGKILL);
+    daemon = 0;
+}
+
+TEST_F(IdleMoment, WaitsForFileLists) {
+    std::ofstream{list} << "a\n";
+    EXPECT_EQ(attempt(), IdleEnd::busy);
+    EXPECT_TRUE(goesOn());
+    unlink(list.c_str());
+    EXPECT_EQ(attempt(), IdleEnd::ended);
+}
+
+TEST_F(IdleMoment, DoesNotWaitForTheListOfAnEarlierProcess) {
+    std::ofstream{list} << "a\n";
+    const timespec times[2] = {{1, 0}, {1, 0}};
+    ASSERT_EQ(utimensat(AT_FDCWD, list.c_str(), times, 0), 0);
+    EXPECT_EQ(attempt(), IdleEnd::ended);
+}
+
+TEST_F(IdleMoment, DoesNotWaitForTheListOfAnotherDaemon) {
+    std::ofstream{"/tmp/file_list_1_-5_0"} << "a\n";
+    EXPECT_EQ(attempt(), IdleEnd::ended);
+    unlink("/tmp/file_list_1_-5_0");
+}
+
+TEST_F(IdleMoment, WaitsForCopyProcessesWithoutAList) {
+    end(daemon);
+    startDaemon(true);
+    ASSERT_GT(copy, 0);
+    EXPECT_EQ(attempt(), IdleEnd::busy);
+    EXPECT_TRUE(goesOn());
+    kill(copy, SIGKILL); // a zombie from now on, since nobody waits for it
+    ASSERT_TRUE(
+        waitFor([this] { return !isRunning(*readProcess(copy)); }, std::chrono::seconds(20)));
+    EXPECT_EQ(attempt(), IdleEnd::ended);
+}
+
+TEST_F(IdleMoment, FindsTheDaemonGone) {
+    const auto handle = ProcessHandle::hold(*readProcess(daemon));
+    ASSERT_TRUE(handle);
+    end(daemon);
+    EXPECT_EQ(endWhenIdle(*handle, std::chrono::seconds(30)), IdleEnd::gone);
 }
 
 TEST(WaitFor, GivesUpWhenTheTimeHasRunOut) {
