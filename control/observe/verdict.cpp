@@ -4,6 +4,7 @@
 #include "control/observe/display_text.h"
 
 #include <algorithm>
+#include <map>
 #include <utility>
 
 namespace control {
@@ -105,15 +106,37 @@ void judgePipe(const Snapshot& snapshot, Reasons& reasons) {
     }
 }
 
-void judgeTargets(const Snapshot& snapshot, bool running, Reasons& reasons) {
+/// The detectors by the size and the free space of their targets: those that have both in common
+/// share a file system, and one reason will do for them.
+std::map<std::pair<std::uint64_t, std::uint64_t>, std::vector<const DetectorSnapshot*>>
+byFileSystem(const Snapshot& snapshot) {
+    std::map<std::pair<std::uint64_t, std::uint64_t>, std::vector<const DetectorSnapshot*>> found;
     for (const DetectorSnapshot& detector : snapshot.detectors) {
-        const std::string target = "the target of detector " + detector.id;
-        if (detector.freeBytes && *detector.freeBytes < nothingLeft) {
+        if (detector.freeBytes) {
+            found[{*detector.freeBytes, detector.totalBytes.value_or(0)}].push_back(&detector);
+        }
+    }
+    return found;
+}
+
+void judgeTargets(const Snapshot& snapshot, bool running, Reasons& reasons) {
+    for (const auto& [space, detectors] : byFileSystem(snapshot)) {
+        std::string target = "the target of detector " + detectors.front()->id;
+        if (detectors.size() > 1) {
+            target += " (and of " + grouped(detectors.size() - 1) + " more)";
+        }
+        std::optional<double> left;
+        for (const DetectorSnapshot* const detector : detectors) {
+            if (detector->secondsUntilFull) {
+                left = std::min(left.value_or(*detector->secondsUntilFull),
+                                *detector->secondsUntilFull);
+            }
+        }
+        if (space.first < nothingLeft) {
             reasons.add(Level::notKeepingUp, target + " is full");
-        } else if (running && detector.secondsUntilFull && *detector.secondsUntilFull <= later) {
-            const bool pressing = *detector.secondsUntilFull <= soon;
-            reasons.add(pressing ? Level::notKeepingUp : Level::attention,
-                        target + " is full in " + durationText(*detector.secondsUntilFull));
+        } else if (running && left && *left <= later) {
+            reasons.add(*left <= soon ? Level::notKeepingUp : Level::attention,
+                        target + " is full in " + durationText(*left));
         }
     }
 }

@@ -223,7 +223,7 @@ private:
             add(rank::verdict, {built.take()});
             return;
         }
-        built.add(style, ": ");
+        built.add(Style::normal, ": ");
         const std::vector<std::string> parts = wrapped(
             displayable(judgement.reasons.front(), view.unicode), built.room(), view.width - 4);
         for (std::size_t index = 0; index < parts.size() && index < 3; ++index) {
@@ -393,8 +393,12 @@ private:
             built.add(Style::bad, "!");
         }
         if (detector.secondsUntilFull) {
-            built.add(*detector.secondsUntilFull < 3600 ? Style::bad : Style::warning,
-                      ", full in " + durationText(*detector.secondsUntilFull));
+            built.add(Style::normal, ", ");
+            const double left = *detector.secondsUntilFull;
+            built.add(left < 3600        ? Style::bad
+                      : left < 24 * 3600 ? Style::warning
+                                         : Style::dim,
+                      "full in " + durationText(left));
         }
     }
 

@@ -81,11 +81,23 @@ INSTANTIATE_TEST_SUITE_P(
               "KEEPING UP, BUT: whether somebody reads the pipe can't be seen"},
         Fault{"full", [](Snapshot& s) { s.detectors[1].freeBytes = 0; },
               "NOT KEEPING UP: the target of detector 2 is full"},
-        Fault{"fullSoon", [](Snapshot& s) { s.detectors[1].secondsUntilFull = 12 * 60 + 5; },
+        Fault{"fullSoon",
+              [](Snapshot& s) {
+                  s.detectors[1].freeBytes = 1ULL << 40;
+                  s.detectors[1].secondsUntilFull = 12 * 60 + 5;
+              },
               "NOT KEEPING UP: the target of detector 2 is full in 12 min"},
-        Fault{"fullLater", [](Snapshot& s) { s.detectors[1].secondsUntilFull = 5 * 3600; },
+        Fault{"fullLater",
+              [](Snapshot& s) {
+                  s.detectors[1].freeBytes = 1ULL << 40;
+                  s.detectors[1].secondsUntilFull = 5 * 3600;
+              },
               "KEEPING UP, BUT: the target of detector 2 is full in 5 h 0 min"},
-        Fault{"fullSomeDay", [](Snapshot& s) { s.detectors[1].secondsUntilFull = 3e6; },
+        Fault{"fullSomeDay",
+              [](Snapshot& s) {
+                  s.detectors[1].freeBytes = 1ULL << 40;
+                  s.detectors[1].secondsUntilFull = 3e6;
+              },
               "KEEPING UP"},
         Fault{"fruitless",
               [](Snapshot& s) {
@@ -182,6 +194,14 @@ TEST(VerdictTest, PutsTheGravestReasonFirst) {
     EXPECT_THAT(found.reasons, ElementsAre(HasSubstr("nobody reads"), HasSubstr("is full"),
                                            HasSubstr("could not be announced"), HasSubstr("no log"),
                                            HasSubstr("3 files were reported lost")));
+}
+
+TEST(VerdictTest, NamesAFileSystemThatSeveralTargetsShareOnce) {
+    Snapshot snapshot = exampleSnapshot();
+    snapshot.detectors[0].secondsUntilFull = 720;
+    snapshot.detectors[1].secondsUntilFull = 700;
+    EXPECT_THAT(verdict(snapshot).reasons,
+                ElementsAre("the target of detector 1 (and of 1 more) is full in 11 min"));
 }
 
 TEST(VerdictTest, BlamesNoPipeForADaemonThatIsDown) {
