@@ -416,10 +416,11 @@ void HostFinder::lookAtLinkedTargets() {
 Findings judgePasswordFile(const struct stat& status, std::string_view content) {
     const std::string& path = GLOBAL::passwordFile;
     Findings findings;
-    const auto add = [&findings, &path](Severity severity, const char* code,
-                                        const std::string& text, const std::string& advice) {
-        findings.push_back(
-            hostFinding(severity, code, path, "the password file " + path + " " + text, advice));
+    const auto add = [&findings](Severity severity, const char* code, const std::string& text,
+                                 const std::string& advice) {
+        findings.push_back(hostFinding(severity, code, GLOBAL::passwordFile,
+                                       "the password file " + GLOBAL::passwordFile + " " + text,
+                                       advice));
     };
     if (!S_ISREG(status.st_mode)) {
         add(Severity::error, "password-file-not-regular", "is no regular file",
@@ -450,10 +451,11 @@ Findings judgePasswordFile(const struct stat& status, std::string_view content) 
 Findings judgeCopyProgram(const struct stat& status, std::string_view content) {
     const std::string& path = GLOBAL::rsyncCommand;
     Findings findings;
-    const auto add = [&findings, &path](Severity severity, const char* code,
-                                        const std::string& text, const std::string& advice) {
-        findings.push_back(
-            hostFinding(severity, code, path, "the copy program " + path + " " + text, advice));
+    const auto add = [&findings](Severity severity, const char* code, const std::string& text,
+                                 const std::string& advice) {
+        findings.push_back(hostFinding(severity, code, GLOBAL::rsyncCommand,
+                                       "the copy program " + GLOBAL::rsyncCommand + " " + text,
+                                       advice));
     };
     if (!S_ISREG(status.st_mode)) {
         add(Severity::error, "copy-program-not-a-file", "is no regular file",
