@@ -24,6 +24,8 @@
 // Last, since ncurses defines macros with common names.
 #define NCURSES_NOMACROS 1
 #include <curses.h>
+#include <term.h>
+#undef lines
 
 namespace control {
 
@@ -83,13 +85,6 @@ public:
     Terminal() {
         screen = newterm(nullptr, stdout, stdin);
         if (screen == nullptr) {
-            return;
-        }
-        const char* const move = tigetstr("cup");
-        if (move == nullptr || move == noSuchString) {
-            endwin();
-            delscreen(screen);
-            screen = nullptr;
             return;
         }
         cbreak();
@@ -174,8 +169,8 @@ private:
     bool colours = false;
 };
 
-/// Whether there is a terminal at all; complains if not.
-bool isThere() {
+/// Whether there is a terminal that can be drawn on; complains if not.
+bool isUsable() {
     if (isatty(STDIN_FILENO) == 0 || isatty(STDOUT_FILENO) == 0) {
         complain("the live view needs a terminal; --once or --json show the same without one");
         return false;
@@ -183,6 +178,21 @@ bool isThere() {
     const char* name = std::getenv("TERM");
     if (name == nullptr || *name == '\0') {
         complain("the variable TERM names no terminal; --once or --json show the same without it");
+        return false;
+    }
+    // Asked before newterm(), which would leave some memory behind where it fails.
+    int found = 0;
+    if (setupterm(name, STDOUT_FILENO, &found) == ERR) {
+        complain("the terminal \"" + std::string(name) +
+                 "\" (variable TERM) is not known here; --once or --json show the same without it");
+        return false;
+    }
+    const char* const move = tigetstr("cup");
+    const bool canMove = move != nullptr && move != noSuchString;
+    del_curterm(cur_term);
+    if (!canMove) {
+        complain("no screen can be drawn on the terminal \"" + std::string(name) +
+                 "\" (variable TERM); --once or --json show the same without one");
         return false;
     }
     return true;
@@ -333,7 +343,7 @@ private:
 
 int runWatchScreen(SnapshotSource& source, double intervalSeconds) {
     std::setlocale(LC_CTYPE, "");
-    if (!isThere()) {
+    if (!isUsable()) {
         return failed;
     }
     int signal = 0;
@@ -346,9 +356,7 @@ int runWatchScreen(SnapshotSource& source, double intervalSeconds) {
         {
             const Terminal terminal;
             if (!terminal.works()) {
-                complain("no screen can be drawn on the terminal \"" +
-                         std::string(std::getenv("TERM")) +
-                         "\" (variable TERM); --once or --json show the same without one");
+                complain("the terminal can't be drawn on; --once or --json show the same");
                 return failed;
             }
             signal = Screen(source, intervalSeconds).run(signals, terminal);

@@ -5,7 +5,6 @@ from __future__ import annotations
 import os
 import re
 import signal
-import subprocess
 import time
 from collections.abc import Iterator
 from contextlib import contextmanager
@@ -283,20 +282,14 @@ def test_a_terminal_that_cannot_be_drawn_on_is_refused(name: str) -> None:
         assert terminal.settings("before") == terminal.settings("after")
 
 
-def test_without_a_terminal_it_says_what_to_do() -> None:
-    ended = subprocess.run(
-        [SKARNCTL, "watch"],
-        check=False,
-        stdin=subprocess.DEVNULL,
-        stdout=subprocess.PIPE,
-        stderr=subprocess.PIPE,
-        text=True,
-        timeout=30,
-    )
-    assert ended.returncode == 1 and ended.stdout == ""
-    assert ended.stderr == (
-        "skarnctl: the live view needs a terminal; --once or --json show the same without one\n"
-    )
+def test_without_a_terminal_to_type_at_it_says_what_to_do() -> None:
+    with Terminal(200, 10) as terminal:
+        terminal.run(["/bin/sh", "-c", f"{SKARNCTL} watch </dev/null"])
+        assert terminal.wait_status() == 1
+        assert (
+            "skarnctl: the live view needs a terminal; --once or --json show the same without one"
+            in terminal.screen()
+        )
 
 
 def test_nothing_at_all_is_there_to_be_watched() -> None:
