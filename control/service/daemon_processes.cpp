@@ -270,7 +270,7 @@ std::optional<Evidence> gatherEvidence(pid_t pid) {
 }
 
 Judgement judgeDaemonProgram(const Evidence& evidence, const Program& daemon) {
-    const Judgement common = judgeCommon(evidence);
+    Judgement common = judgeCommon(evidence);
     if (!common) {
         return common;
     }
@@ -289,7 +289,7 @@ Judgement judgeDaemonProgram(const Evidence& evidence, const Program& daemon) {
 }
 
 Judgement judgeDaemon(const Evidence& evidence, const Program& daemon, double written) {
-    const Judgement program = judgeDaemonProgram(evidence, daemon);
+    Judgement program = judgeDaemonProgram(evidence, daemon);
     if (program && evidence.started > written + forgivenSeconds) {
         return no("started after the PID file was written");
     }
@@ -314,7 +314,7 @@ Judgement judgeChild(const Evidence& evidence, const Evidence& daemon) {
 
 Judgement judgeOrphan(const Evidence& evidence, const Program& copyProgram,
                       const EndedDaemon& daemon) {
-    const Judgement common = judgeCommon(evidence);
+    Judgement common = judgeCommon(evidence);
     if (!common) {
         return common;
     }

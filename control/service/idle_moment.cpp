@@ -39,7 +39,7 @@ Work fileLists(const ProcessHandle& daemon) {
             continue;
         }
         // An earlier process of this number may have left one that nobody will ever remove.
-        const std::optional<double> written = modificationTime(folder + "/" + name);
+        const std::optional<double> written = modificationTime(entry->path().string());
         if (written && *written >= started - 2) {
             return Work::some;
         }

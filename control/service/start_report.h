@@ -11,39 +11,41 @@ namespace control {
 /// What was seen of one start.
 struct StartObservation {
     std::string daemonPath;
-    int limitSeconds = 0; // how long it was waited for
 
     // The start command:
-    int startError = 0;    // errno value: it could not be run
-    bool letGo = true;     // it ended, and its output was closed
-    int starterStatus = 0; // its wait status
     std::string output;    // what it printed
     std::string errors;    // and on standard error
     std::string badOption; // what is wrong with the start options; empty if nothing is
+    int limitSeconds = 0;  // how long it was waited for, and for the daemon again
+    int startError = 0;    // errno value: it could not be run
+    int starterStatus = 0; // its wait status
 
     // The daemon:
-    bool detached = false;           // the start command left one
     int pid = 0;                     // its number, when it detached
     std::optional<int> daemonStatus; // its wait status, when it has ended
-    bool pidFileIsIts = false;       // line 1 of the PID file is its number
     std::string pidFileProblem;      // why it can't be written; empty if nothing is known
 
     // The log:
     std::string logPath;
-    bool logIsReadable = false; // a file, and this user may read it
-    bool hasBanner = false;
     std::string newLogText; // what was added since the start
     std::string logProblem; // why it can't be written; empty if nothing is known
 
     // What it needs:
     std::vector<std::string> configPaths; // where it looks
-    bool hasConfig = false;
     std::string passwordFile;
-    bool hasPasswordFile = true;
     std::string copyProgram;
-    bool hasCopyProgram = true;
-    bool copyProgramIsExecutable = true;      // by its owner
     std::optional<std::size_t> detectorCount; // nothing if the configuration can't be read
+
+    // What was found:
+    bool letGo = true;          // the start command ended, and its output was closed
+    bool detached = false;      // it left a daemon
+    bool pidFileIsIts = false;  // line 1 of the PID file is the daemon's number
+    bool logIsReadable = false; // a file, and this user may read it
+    bool hasBanner = false;     // in the new text of the log
+    bool hasConfig = false;
+    bool hasPasswordFile = true;
+    bool hasCopyProgram = true;
+    bool copyProgramIsExecutable = true; // by its owner
 };
 
 /// Why the daemon did not come up, as one sentence that follows "skarn did not start: ".
