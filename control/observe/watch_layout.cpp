@@ -723,14 +723,14 @@ std::string sparkline(const std::vector<double>& values, int columns, bool unico
     static constexpr std::array<const char*, 9> letters{" ", "_", ".", ":", "-",
                                                         "=", "+", "*", "#"};
     const auto& steps = unicode ? blocks : letters;
-    const std::size_t shown =
-        std::min(values.size(), static_cast<std::size_t>(std::max(0, columns)));
+    const std::size_t room = columns > 0 ? static_cast<std::size_t>(columns) : 0;
+    const std::size_t shown = std::min(values.size(), room);
     const auto begin = values.end() - static_cast<std::ptrdiff_t>(shown);
     double highest = 0;
     for (auto value = begin; value != values.end(); ++value) {
         highest = std::max(highest, *value);
     }
-    std::string row(static_cast<std::size_t>(std::max(0, columns)) - shown, ' ');
+    std::string row(room - shown, ' ');
     for (auto value = begin; value != values.end(); ++value) {
         // A little is not nothing.
         const double height = highest > 0 && *value > 0 ? *value / highest * 8 : 0;

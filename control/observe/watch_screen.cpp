@@ -35,10 +35,6 @@ using Clock = std::chrono::steady_clock;
 
 constexpr int escapeDelay = 25; // milliseconds that tell the key Escape from a key's sequence
 
-/// What tigetstr() gives for a name that stands for no string.
-const char* const noSuchString = reinterpret_cast<const char*>(
-    static_cast<std::intptr_t>(-1)); // NOLINT(performance-no-int-to-ptr)
-
 /// Those that would end the program in the middle of the screen, and the news of a new size.
 constexpr std::array<int, 9> heldSignals{SIGINT,  SIGTERM, SIGHUP,  SIGQUIT, SIGPIPE,
                                          SIGALRM, SIGUSR1, SIGUSR2, SIGWINCH};
@@ -188,7 +184,8 @@ bool isUsable() {
         return false;
     }
     const char* const move = tigetstr("cup");
-    const bool canMove = move != nullptr && move != noSuchString;
+    // -1 stands for a name that tigetstr() does not know.
+    const bool canMove = move != nullptr && reinterpret_cast<std::intptr_t>(move) != -1;
     del_curterm(cur_term);
     if (!canMove) {
         complain("no screen can be drawn on the terminal \"" + std::string(name) +
