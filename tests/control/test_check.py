@@ -24,6 +24,7 @@ from support.daemon import (
     LOG_FILE,
     PASSWORD_FILE,
     PID_FILE,
+    REPORTS,
     SECOND_CONFIGURATION,
     Detector,
     install_copy_program,
@@ -334,11 +335,14 @@ def test_twenty_mistakes_in_one_file() -> None:
 def test_nothing_on_the_host_is_changed() -> None:
     write_raw_configuration(GOOD + "detectorID 2\nremoteIP h\nsource /\ntarget /srv/new/er/2\n"
                                    "detectorID 3\nremoteIP h\nsource /\ntarget /new/one\n")
+    environment()  # makes that place, if there is to be one
     before = state_of_the_host()
     result = skarnctl("check")
     assert_clean(result)
     after = state_of_the_host()
-    assert {path for path in before | after if before.get(path) != after.get(path)} == set()
+    changed = {path for path in before | after if before.get(path) != after.get(path)}
+    # Only an instrumented skarnctl has a place for complaints.
+    assert {path for path in changed if not path.startswith(str(REPORTS))} == set()
     assert not Path("/new").exists()
 
 
