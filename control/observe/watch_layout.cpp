@@ -701,9 +701,8 @@ Layout layOutHelp(const View& view) {
     const int room = std::max(0, view.height - 1);
     layout.maxScroll = std::max(0, static_cast<int>(text.size()) - room);
     const int top = std::clamp(view.scroll, 0, layout.maxScroll);
-    for (int row = 0; row < room && top + row < static_cast<int>(text.size()); ++row) {
-        layout.lines.push_back(text[static_cast<std::size_t>(top + row)]);
-    }
+    const int end = std::min(top + room, static_cast<int>(text.size()));
+    layout.lines.assign(text.begin() + top, text.begin() + end);
     layout.lines.resize(static_cast<std::size_t>(room));
     if (view.height > 0) {
         LineBuilder keys(view.width - 1, view.unicode);

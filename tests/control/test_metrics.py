@@ -101,6 +101,11 @@ def serving(where: str = WHERE) -> Iterator[subprocess.Popen[str]]:
 
             wait_until(answers, "the exporter to answer")
             yield exporter
+            if exporter.poll() is None:
+                exporter.terminate()
+                _, errors = exporter.communicate(timeout=LIMIT)
+                # A sanitizer would have its say here.
+                assert (exporter.returncode, errors) == (0, "")
         finally:
             if exporter.poll() is None:
                 exporter.kill()
