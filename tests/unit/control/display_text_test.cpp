@@ -31,9 +31,7 @@ TEST_F(DisplayText, ShowsControlCharactersInOctal) {
 }
 
 TEST_F(DisplayText, ShowsWhatTurnsTheDirectionOfWritingInOctal) {
-    EXPECT_EQ(displayable("gpj.\xe2\x80\xae"
-                          "exe",
-                          true),
+    EXPECT_EQ(displayable(std::string("gpj.") + '\xe2' + '\x80' + '\xae' + "exe", true),
               "gpj.\\342\\200\\256exe");
 }
 
@@ -90,9 +88,9 @@ TEST(NumberText, NamesBytesInStepsOf1024) {
     EXPECT_EQ(byteText(0), "0 B");
     EXPECT_EQ(byteText(1023), "1023 B");
     EXPECT_EQ(byteText(1024), "1.0 KiB");
-    EXPECT_EQ(byteText(99 * 1024), "99.0 KiB");
-    EXPECT_EQ(byteText(1023 * 1024), "1023 KiB");
-    EXPECT_EQ(byteText(1024 * 1024 - 1), "1.0 MiB");
+    EXPECT_EQ(byteText(99UL * 1024), "99.0 KiB");
+    EXPECT_EQ(byteText(1023UL * 1024), "1023 KiB");
+    EXPECT_EQ(byteText(1024UL * 1024 - 1), "1.0 MiB");
     EXPECT_EQ(byteText(18446744073709551615ULL), "16.0 EiB");
 }
 

@@ -55,8 +55,8 @@ inline Snapshot exampleSnapshot() {
     snapshot.pipe.readers = {"vantrel (411)"};
     snapshot.log.path = "/var/log/skarn.log";
     snapshot.log.coverage = LogCoverage::sinceStart;
-    snapshot.log.bytes = 512 * 1024;
-    snapshot.log.limit = 1024 * 1024;
+    snapshot.log.bytes = 512UL * 1024;
+    snapshot.log.limit = 1024L * 1024;
     snapshot.log.archives = 3;
     snapshot.log.rotations = 2;
     return snapshot;

@@ -16,7 +16,6 @@ namespace control {
 namespace {
 
 using testing::HasSubstr;
-using testing::Not;
 
 /// The samples as they are served, "name{labels}" to value.
 std::map<std::string, std::string> samples(const Snapshot& snapshot) {

@@ -16,9 +16,7 @@ namespace control {
 namespace {
 
 using testing::AllOf;
-using testing::AnyOf;
 using testing::Contains;
-using testing::Each;
 using testing::HasSubstr;
 using testing::Not;
 using testing::StartsWith;
