@@ -198,7 +198,10 @@ void addCounters(const Snapshot& snapshot, Families& families) {
             families.counter(each.name, each.help, detector.counts.*each.count,
                              detectorLabel(detector));
         }
-        families.counter(each.name, each.help, snapshot.unattributed.*each.count);
+        // What is still undecided counts when it is decided: a counter that shrinks would be taken
+        // for one that began anew, and its files would count twice.
+        families.counter(each.name, each.help,
+                         snapshot.unattributed.*each.count - snapshot.undecided.*each.count);
     }
 }
 

@@ -156,6 +156,14 @@ void LogModel::feed(std::string_view lines) {
     }
 }
 
+Counts LogModel::undecided() const {
+    Counts sum;
+    for (const OpenBlock& block : openBlocks) {
+        add(sum, block.counts);
+    }
+    return sum;
+}
+
 void LogModel::lostTrack() {
     gap = true;
     releaseLost();

@@ -69,6 +69,10 @@ public:
     /// What can't be said to be a certain detector's.
     const Counts& unattributed() const { return unattributedCounts; }
 
+    /// Of `unattributed`, the blocks that may still turn out to be a certain detector's. Without
+    /// them it never shrinks while the daemon lives.
+    Counts undecided() const;
+
     /// By ID: the configured ones, those that the daemon named, and no others.
     const std::map<std::string, LoggedDetector, std::less<>>& detectors() const { return known; }
 

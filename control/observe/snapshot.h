@@ -126,7 +126,8 @@ struct Snapshot {
     std::vector<DetectorSnapshot> detectors; // ascending by ID
     Counts total;                            // all detectors and `unattributed`
     Counts unattributed;                     // blocks that several detectors may have left
-    std::string lastFile;                    // of the newest block that copied something
+    Counts undecided;     // of `unattributed`: what may still turn out to be a certain detector's
+    std::string lastFile; // of the newest block that copied something
     std::string lastComplaint; // newest line that a copy process printed beside its files
     Rates rates;
     Recent recent;

@@ -328,6 +328,7 @@ void SnapshotSource::State::readLog(Snapshot& snapshot) {
     }
     snapshot.total = model.total();
     snapshot.unattributed = model.unattributed();
+    snapshot.undecided = model.undecided();
     snapshot.lastFile = model.lastFile();
     snapshot.lastComplaint = model.lastComplaint();
 }

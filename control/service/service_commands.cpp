@@ -7,6 +7,7 @@
 #include "control/service/start.h"
 #include "control/service/status.h"
 #include "control/service/stop.h"
+#include "daemon/global.h"
 
 #include <charconv>
 #include <cstdio>
@@ -92,9 +93,19 @@ void addServiceCommands(CLI::App& app, const CommonOptions& common, int& exitSta
                 [&common] { return startDaemon(common.daemonPath, common.startOptions); });
         });
     app.add_subcommand("restart",
-                       "The same as stop and then start; takes the words that start does")
+                       "The same as stop and then start, unless it is clear that the start would "
+                       "fail; all words behind it are the daemon's: [-u UID:GID] "
+                       "[-d DETECTOR_ID:SOURCE:TARGET]...")
         ->callback([&common, &exitStatus] {
             exitStatus = underLock([&common] {
+                // A daemon that works is not ended for one that can't.
+                const std::string reason =
+                    whyItWouldNotStart(common.daemonPath, common.startOptions);
+                if (!reason.empty()) {
+                    complain("nothing was stopped: " + GLOBAL::progName +
+                             " would not start: " + reason);
+                    return static_cast<int>(failed);
+                }
                 const int stopped = stopDaemon(common.daemonPath, {});
                 return stopped == succeeded ? startDaemon(common.daemonPath, common.startOptions)
                                             : stopped;
@@ -108,7 +119,9 @@ int firstStartOption(int argc, const char* const* argv) {
     for (int i = 1; i < argc; ++i) {
         const std::string_view word = argv[i];
         if (word == "start" || word == "restart") {
-            return i + 1;
+            // Neither is an option of the daemon; alone, they ask for help.
+            const std::string_view last = argv[argc - 1];
+            return i + 2 == argc && (last == "--help" || last == "-h") ? argc : i + 1;
         }
         if (word == "--daemon") {
             ++i;

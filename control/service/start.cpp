@@ -118,6 +118,17 @@ void end(const StartObservation& seen) {
 
 } // namespace
 
+std::string whyItWouldNotStart(const std::string& daemonPath,
+                               const std::vector<std::string>& startOptions) {
+    if (access(daemonPath.c_str(), X_OK) != 0) {
+        return "cannot run " + daemonPath + ": " + std::strerror(errno);
+    }
+    Configuration configuration;
+    StartObservation seen = lookAtPrerequisites(daemonPath, startOptions, configuration);
+    seen.logProblem = whyNotWritable(seen.logPath);
+    return whatIsMissing(seen);
+}
+
 int startDaemon(const std::string& daemonPath, const std::vector<std::string>& startOptions) {
     const DaemonProcesses before = findDaemon(daemonPath);
     if (const std::string reason = whyNotNow(before); !reason.empty()) {

@@ -10,4 +10,9 @@ namespace control {
 /// complains in one; returns the exit status for it. The caller holds the ServiceLock.
 int startDaemon(const std::string& daemonPath, const std::vector<std::string>& startOptions);
 
+/// What would keep the daemon from coming up with these words, as far as that can be told without
+/// a start: one sentence, empty when nothing is known.
+std::string whyItWouldNotStart(const std::string& daemonPath,
+                               const std::vector<std::string>& startOptions);
+
 } // namespace control

@@ -66,6 +66,14 @@ std::string copyProgramNotExecutable(const StartObservation& seen) {
     return "the copy program " + seen.copyProgram + " may not be executed by its owner";
 }
 
+std::string logNotWritable(const std::string& path, const std::string& problem) {
+    return "the log " + path + " can't be written" + because(problem);
+}
+
+std::string badOptions(const std::string& what) {
+    return "the daemon does not understand its start options: " + what;
+}
+
 /// The start command refused before it detached, with a status that says nothing.
 std::string whyRefused(const StartObservation& seen) {
     const std::string complaint = firstLine(seen.errors);
@@ -73,7 +81,7 @@ std::string whyRefused(const StartObservation& seen) {
         return noConfig(seen);
     }
     if (complaint.compare(0, 14, "Cannot access ") == 0) {
-        return "the log " + complaint.substr(14) + " can't be written" + because(seen.logProblem);
+        return logNotWritable(complaint.substr(14), seen.logProblem);
     }
     const std::string logged = errorLine(seen.newLogText);
     const auto says = [&logged](const std::string& path, const std::string& rest) {
@@ -94,18 +102,9 @@ std::string whyRefused(const StartObservation& seen) {
     if (!firstLine(seen.output).empty()) {
         return "the daemon only printed: " + firstLine(seen.output);
     }
-    // Nothing was said where this program can read it. So it is looked for, in the daemon's order.
-    if (!seen.hasConfig) {
-        return noConfig(seen);
-    }
-    if (!seen.hasPasswordFile) {
-        return noPassword(seen);
-    }
-    if (!seen.hasCopyProgram) {
-        return noCopyProgram(seen);
-    }
-    if (!seen.copyProgramIsExecutable) {
-        return copyProgramNotExecutable(seen);
+    // Nothing was said where this program can read it.
+    if (const std::string missing = whatIsMissing(seen); !missing.empty()) {
+        return missing;
     }
     return seen.daemonPath + " ended with status 0 and left no daemon";
 }
@@ -144,6 +143,25 @@ std::string whyIncomplete(const StartObservation& seen) {
 
 } // namespace
 
+std::string whatIsMissing(const StartObservation& seen) {
+    if (!seen.hasConfig) {
+        return noConfig(seen);
+    }
+    if (!seen.badOption.empty()) {
+        return badOptions(seen.badOption);
+    }
+    if (!seen.logProblem.empty()) {
+        return logNotWritable(seen.logPath, seen.logProblem);
+    }
+    if (!seen.hasPasswordFile) {
+        return noPassword(seen);
+    }
+    if (!seen.hasCopyProgram) {
+        return noCopyProgram(seen);
+    }
+    return seen.copyProgramIsExecutable ? std::string() : copyProgramNotExecutable(seen);
+}
+
 std::string whyNotStarted(const StartObservation& seen) {
     if (seen.startError != 0) {
         return "cannot run " + seen.daemonPath + ": " + std::strerror(seen.startError);
@@ -161,10 +179,9 @@ std::string whyNotStarted(const StartObservation& seen) {
     if (endedWith(seen.starterStatus, badCommandLine)) {
         const std::string complaint = firstLine(seen.errors);
         const bool isUsageText = complaint.empty() || complaint == "Usage:";
-        return "the daemon does not understand its start options: " +
-               (!isUsageText             ? complaint
-                : seen.badOption.empty() ? "it printed its usage text"
-                                         : seen.badOption);
+        return badOptions(!isUsageText             ? complaint
+                          : seen.badOption.empty() ? "it printed its usage text"
+                                                   : seen.badOption);
     }
     if (endedWith(seen.starterStatus, noFork)) {
         return "the system has no room for another process (status 8)";

@@ -51,6 +51,10 @@ struct StartObservation {
 /// Why the daemon did not come up, as one sentence that follows "skarn did not start: ".
 std::string whyNotStarted(const StartObservation& seen);
 
+/// What of all that it needs is missing or wrong, in the order in which the daemon looks; empty if
+/// nothing is. Only what was found, and `logProblem`, counts.
+std::string whatIsMissing(const StartObservation& seen);
+
 /// How a process ended, from its wait status: "ended with status 64", "was killed by signal 9
 /// (Killed)".
 std::string howItEnded(int waitStatus);

@@ -25,7 +25,15 @@ from support.control import (
     start_daemon,
 )
 from support.detector import frame_names
-from support.daemon import LOG_FILE, PID_FILE, Detector, file_lists, write_configuration
+from support.daemon import (
+    CONFIGURATION,
+    LOG_FILE,
+    PASSWORD_FILE,
+    PID_FILE,
+    Detector,
+    file_lists,
+    write_configuration,
+)
 from support.waiting import wait_until
 
 pytestmark = pytest.mark.usefixtures("host")
@@ -173,6 +181,33 @@ def test_restart_starts_also_what_did_not_run() -> None:
     result = skarnctl("restart")
     assert result.status == 0
     assert result.output == f"skarn does not run\nskarn started, process {pids_in_file()[0]}\n"
+
+
+def test_restart_lets_a_daemon_run_when_another_would_not_start() -> None:
+    pid = start_daemon()
+    refused = "nothing was stopped: skarn would not start: "
+    result = skarnctl("restart", "-u", "1")
+    assert (result.status, result.output) == (1, "")
+    assert result.complaint == (
+        f"{refused}the daemon does not understand its start options: -u needs UID:GID"
+    )
+    PASSWORD_FILE.unlink()
+    result = skarnctl("restart")
+    assert (result.status, result.output) == (1, "")
+    assert result.complaint == f"{refused}the password file {PASSWORD_FILE} is missing"
+    CONFIGURATION.unlink()
+    assert skarnctl("restart").complaint.startswith(f"{refused}there is no configuration file")
+    assert is_running(pid) and pids_in_file() == [pid]
+
+
+def test_help_for_restart_and_start_does_nothing() -> None:
+    pid = start_daemon()
+    for subcommand in ("restart", "start"):
+        for word in ("--help", "-h"):
+            result = skarnctl(subcommand, word)
+            assert (result.status, result.errors) == (0, "")
+            assert "-u UID:GID" in result.output
+    assert is_running(pid) and pids_in_file() == [pid]
 
 
 def test_restart_does_not_start_when_it_could_not_stop() -> None:

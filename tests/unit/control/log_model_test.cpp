@@ -268,7 +268,9 @@ TEST(LogModel, SettlesWhoseTheyWereWhenACycleEnds) {
     model.feed(calls("1", 2) + calls("2", 1) + block(3) + "++ Warning: No pipe to VANTREL\n" +
                block(4, "last_of_1"));
     EXPECT_EQ(model.unattributed().files, 7U);
+    EXPECT_EQ(model.undecided().files, 7U);
     model.feed(removed("1", 2));
+    EXPECT_EQ(model.undecided().files, 0U);
     EXPECT_EQ(of(model, "1").files, 7U);
     EXPECT_EQ(of(model, "1").reports, 2U);
     EXPECT_EQ(model.detectors().at("1").lastFile, "last_of_1");
@@ -286,6 +288,7 @@ TEST(LogModel, LeavesOpenWhatCannotBeSettled) {
     EXPECT_EQ(of(model, "2").files, 0U);
     EXPECT_EQ(model.unattributed().files, 7U);
     EXPECT_EQ(model.unattributed().reports, 2U);
+    EXPECT_EQ(model.undecided().reports, 0U) << "nobody can claim them any more";
     // Both are done: the next one is clear again.
     model.feed(calls("1", 1) + block(9) + removed("1"));
     EXPECT_EQ(of(model, "1").files, 9U);
@@ -477,6 +480,7 @@ TEST_P(PlayedDaemons, NeverGetWhatIsAnothersAndLoseNothing) {
     for (std::uint32_t seed = 0; seed < 200; ++seed) {
         PlayedDaemon daemon(seed, GetParam());
         LogModel model = started(daemon.ids);
+        std::map<std::string, std::uint64_t> before;
         for (int i = 0; i < 300; ++i) {
             model.feed(daemon.step());
             Counts all;
@@ -485,10 +489,15 @@ TEST_P(PlayedDaemons, NeverGetWhatIsAnothersAndLoseNothing) {
                 ASSERT_LE(counted.files, daemon.truth[id].files) << "seed " << seed;
                 ASSERT_LE(counted.lost, daemon.truth[id].lost) << "seed " << seed;
                 ASSERT_LE(counted.reports, daemon.truth[id].reports) << "seed " << seed;
+                ASSERT_GE(counted.files, before[id]) << "shrunk, seed " << seed;
+                before[id] = counted.files;
                 all.files += daemon.truth[id].files;
                 all.lost += daemon.truth[id].lost;
                 all.reports += daemon.truth[id].reports;
             }
+            const std::uint64_t decided = model.unattributed().files - model.undecided().files;
+            ASSERT_GE(decided, before[""]) << "shrunk, seed " << seed;
+            before[""] = decided;
             ASSERT_EQ(model.total().files, all.files) << "seed " << seed;
             ASSERT_EQ(model.total().lost, all.lost) << "seed " << seed;
             ASSERT_EQ(model.total().reports, all.reports) << "seed " << seed;

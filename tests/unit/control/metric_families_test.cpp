@@ -49,6 +49,13 @@ TEST(MetricFamilies, CountEachDetectorAndWhatIsNobodysInOneFamily) {
     EXPECT_EQ(sample(snapshot, "skarn_files_lost_total"), "2");
 }
 
+TEST(MetricFamilies, CountWhatIsUndecidedOnlyWhenItIsDecided) {
+    Snapshot snapshot = exampleSnapshot();
+    snapshot.unattributed.files = 30;
+    snapshot.undecided.files = 12;
+    EXPECT_EQ(sample(snapshot, "skarn_files_copied_total"), "18");
+}
+
 TEST(MetricFamilies, HaveEachCounterOfADetector) {
     Snapshot snapshot = exampleSnapshot();
     snapshot.detectors.resize(1);
