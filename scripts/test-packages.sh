@@ -60,7 +60,9 @@ quietly chroot "$base" apt-get -q -y --no-install-recommends --download-only ins
     "${first[@]/#$place//root}"
 
 status=0
-PACKAGE_TREE=$base PYTHONDONTWRITEBYTECODE=1 /usr/bin/python3 -m pytest -q -p no:cacheprovider --rootdir=packaging/tests \
+export PACKAGE_TREE=$base PYTHONPATH=$PWD/tests PYTHONDONTWRITEBYTECODE=1
+# What passed is shown, too, for what it printed.
+/usr/bin/python3 -m pytest -q -rP -p no:cacheprovider --rootdir=packaging/tests \
     --junitxml="$results/ctest.xml" packaging/tests "$@" || status=$?
 # Gigabytes, and made anew each time.
 rm -rf "$base" "$place/machine"

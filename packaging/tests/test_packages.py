@@ -15,6 +15,7 @@ from pathlib import Path
 import pytest
 
 from machine import Machine, fresh_copy, wait_until
+from support import twenty_mistakes
 
 PIPE = "/run/vantrel_orbelin_files"
 LOG = "/var/log/skarn.log"
@@ -153,6 +154,14 @@ def test_the_example_is_right_but_for_what_the_host_lacks(machine: Machine) -> N
     machine.succeed(f"mkfifo -m 0600 {PIPE}")
     start_consumer(machine)
     wait_until(lambda: machine.run("skarnctl check").returncode == 0, "the example is right", 10)
+
+
+def test_check_finds_twenty_planted_mistakes(machine: Machine) -> None:
+    machine.write("/root/mistakes.conf", twenty_mistakes.TEXT)
+    done = machine.run("skarnctl check --json /root/mistakes.conf")
+    assert done.returncode == 2
+    found = json.loads(done.stdout)["findings"]
+    assert twenty_mistakes.PLANTED <= {(finding["line"], finding["code"]) for finding in found}
 
 
 def test_a_drain_as_the_manual_tells_it(machine: Machine) -> None:

@@ -32,6 +32,7 @@ from support.daemon import (
     write_configuration,
     write_raw_configuration,
 )
+from support.twenty_mistakes import LINES, PLANTED, TEXT
 from support.waiting import wait_until
 
 PROJECT = Path(__file__).resolve().parents[2]
@@ -280,49 +281,13 @@ def test_each_mistake(text: str, expected: tuple[int | None, str]) -> None:
     assert result.output.count("]\n    ") == len(found)
 
 
-TWENTY = [
-    ("# twenty mistakes", None),
-    ("logfile\t/var/log/skarn.log", "key-followed-by-tab"),
-    ("logfile_max_size 10m", "size-lower-case-unit"),
-    ("logfile_max_number ten", "not-a-number"),
-    ("remoteIP 127.0.0.9", "key-before-first-block"),
-    ("uid=1000", "key-followed-by-equals"),
-    ("gid \t", "value-from-next-line"),
-    ("usrdir u$UID/$UID", "repeated-variable"),
-    ("pasword secret", "unknown-key"),
-    ("", None),
-    ("detectorID 1", "repeated-detector"),
-    ("remoteIP 127.0.0.1", None),
-    ("source /", None),
-    ("target /srv/a", None),
-    ("detectorID 2", "missing-remote-address"),
-    ("source /", None),
-    ("target data", "relative-target"),
-    ("minpause -5", "negative-pause"),
-    ("interrun_pause 5s", "number-with-tail"),
-    ("detectorID 3", None),
-    ("remoteIP 10.0.0.300", "bad-remote-address"),
-    ("source /a # see detectorID 4", "block-inside-line"),
-    ("detectorID 1", None),
-    ("remoteIP 127.0.0.1", None),
-    ("source /my data", "blank-in-path"),
-    ("target /srv/x;y", "shell-characters"),
-    ("minpause 0", "busy-cycle"),
-    ("minpause 500", "repeated-key"),
-    ("#" * 1024, "line-too-long"),
-    ("logfile /var/log/skarn.log", None),
-]
-
-
 def test_twenty_mistakes_in_one_file() -> None:
-    planted = {(number, code) for number, (_, code) in enumerate(TWENTY, 1) if code is not None}
-    assert len(planted) == 20
-    write_raw_configuration("\n".join(line for line, _ in TWENTY) + "\n")
+    write_raw_configuration(TEXT)
     found = findings(status=2)
-    assert planted <= {(finding["line"], finding["code"]) for finding in found}
+    assert PLANTED <= {(finding["line"], finding["code"]) for finding in found}
     # Lines without a mistake are left alone, but for what the others bring about.
     blamed = {finding["line"] for finding in found if finding["line"] is not None}
-    innocent = {number for number, (line, code) in enumerate(TWENTY, 1)
+    innocent = {number for number, (line, code) in enumerate(LINES, 1)
                 if code is None and not line.startswith("detectorID")}
     assert not blamed & innocent, found
     lines = [finding["line"] for finding in found if finding["about"] == "configuration"]
@@ -562,7 +527,7 @@ def assert_shape(value: dict[str, Any], shape: dict[str, Any]) -> None:
 
 
 def test_the_shape_of_the_json() -> None:
-    write_raw_configuration("\n".join(line for line, _ in TWENTY) + "\n")
+    write_raw_configuration(TEXT)
     report = skarnctl("check", "--json", "-u", "1:2").json
     assert report.keys() == KEYS
     assert report["file"] == str(CONFIGURATION)
