@@ -1,0 +1,74 @@
+"""The manuals name every subcommand, option, figure and key that there is."""
+
+from __future__ import annotations
+
+import re
+from pathlib import Path
+
+import pytest
+
+from support.control import skarnctl, start_daemon
+
+PROJECT = Path(__file__).resolve().parents[2]
+
+
+def manual(name: str) -> str:
+    """The source of a manual."""
+    return (PROJECT / "docs/man" / name).read_text(encoding="utf-8")
+
+
+def test_every_subcommand_and_option() -> None:
+    text = manual("skarnctl.8")
+    listed = skarnctl("--help").output.partition("Subcommands:\n")[2]
+    subcommands = re.findall(r"^  (\w+)", listed, re.MULTILINE)
+    assert {"start", "restart", "stop", "status", "check", "watch", "metrics"} == set(subcommands)
+    for subcommand in subcommands:
+        assert re.search(rf"^\.(Cm|It Cm).*\b{subcommand}\b", text, re.MULTILINE), subcommand
+        for option in re.findall(r"(?<![\w-])--([a-z][a-z-]*)", skarnctl(subcommand, "--help").output):
+            assert re.search(rf"Fl [^\n]*-{option}\b", text) or option in ("user", "detector"), option
+
+
+@pytest.mark.usefixtures("host")
+def test_every_figure() -> None:
+    start_daemon()
+    names = set(re.findall(r"^# TYPE (\S+)", skarnctl("metrics", "--once").output, re.MULTILINE))
+    assert len(names) > 15
+    assert not {name for name in names if name not in manual("skarnctl.8")}
+
+
+def test_every_key_of_the_configuration() -> None:
+    text = manual("skarn_orbelin.conf.5")
+    sources = [PROJECT / "config" / name for name in ("config_file.cpp", "detector_definitions.cpp")]
+    keys = {
+        key
+        for source in sources
+        for key in re.findall(r'(?:readVar|parseSizeVar)\(\w+, "(\w+)"', source.read_text())
+    }
+    assert len(keys) == 12
+    for key in keys:
+        assert re.search(rf"^\.It Ic .*\b{key}\b", text, re.MULTILINE), key
+
+
+def test_every_line_of_the_daemon_is_in_the_manual_and_in_the_operator_s_tables() -> None:
+    # As words: the manual's markup and the tables' write the rest of a line in their own ways.
+    lines = [
+        "does not exist or is not executable", "no such file or directory", "does not exist",
+        "Starting copy thread for detector", "Starting N copy processes", "rsync call:",
+        "Child process PID terminated", "Removed file", "could not remove", "Listing failed",
+        "Could not fork subprocess", "RSYNC OUTPUT BEGIN", "RSYNC OUTPUT END",
+        "files in the range of:", "Error: Lost", "No pipe to VANTREL", "Failed to pass",
+        "Pipe to VANTREL has overflown", "is longer than 4096",
+        "Atomicity of pipe operation is not guaranteed", "Error no config file found",
+        "Cannot access", "found in config file", "Unknown option",
+    ]  # fmt: skip
+    folders = ("config", "daemon", "transfer")
+    source = "\n".join(
+        path.read_text() for folder in folders for path in (PROJECT / folder).glob("*.cpp")
+    )
+    operations = (PROJECT / "docs/operations.md").read_text(encoding="utf-8")
+    for line in lines:
+        assert line in manual("skarn.8"), line
+        assert line in operations, line
+        # And each is a line of the daemon still.
+        words = re.split(r" N | PID |4096", line)
+        assert all(word.strip() in source for word in words), line
