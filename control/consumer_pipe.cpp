@@ -48,17 +48,6 @@ std::optional<FileIdentity> identify(const std::string& path) {
     return FileIdentity{status.stx_dev_major, status.stx_dev_minor, status.stx_ino};
 }
 
-std::string readAll(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    std::string text;
-    std::array<char, 4096> block{};
-    // Not by the iterators of the buffer: they throw when the process ends in the middle of it.
-    while (file.read(block.data(), block.size()) || file.gcount() > 0) {
-        text.append(block.data(), static_cast<std::size_t>(file.gcount()));
-    }
-    return text;
-}
-
 /// The names in a folder; nothing if it may not be looked at. One that has gone is empty.
 std::optional<std::vector<std::string>> namesIn(const std::string& folder) {
     std::vector<std::string> names;
@@ -93,7 +82,7 @@ Answer holdsForReading(pid_t pid, const FileIdentity& pipe) {
     const std::string modes = process + "/fdinfo/";
     for (const std::string& descriptor : *descriptors) {
         const std::optional<FileIdentity> file = identify(files + descriptor);
-        if (file && *file == pipe && isOpenForReading(readAll(modes + descriptor))) {
+        if (file && *file == pipe && isOpenForReading(readProcFile(modes + descriptor))) {
             return Answer::yes;
         }
     }

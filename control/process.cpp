@@ -24,17 +24,6 @@ std::string folderOf(pid_t pid) {
     return "/proc/" + std::to_string(pid);
 }
 
-std::string readAll(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    std::string text;
-    std::array<char, 4096> block{};
-    // Not by the iterators of the buffer: they throw when the process ends in the middle of it.
-    while (file.read(block.data(), block.size()) || file.gcount() > 0) {
-        text.append(block.data(), static_cast<std::size_t>(file.gcount()));
-    }
-    return text;
-}
-
 /// The number that is the whole of a text; 0 if it is none.
 pid_t asPid(const std::string& text) {
     pid_t pid = 0;
@@ -59,6 +48,17 @@ std::vector<pid_t> numbersIn(const std::string& folder) {
 }
 
 } // namespace
+
+std::string readProcFile(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    std::string text;
+    std::array<char, 4096> block{};
+    // Not by the iterators of the buffer: they throw when the process ends in the middle of it.
+    while (file.read(block.data(), block.size()) || file.gcount() > 0) {
+        text.append(block.data(), static_cast<std::size_t>(file.gcount()));
+    }
+    return text;
+}
 
 std::optional<Process> parseProcess(std::string_view text) {
     // PID (NAME) STATE and then numbers; the name may hold parentheses and blanks of its own.
@@ -85,7 +85,7 @@ std::optional<Process> parseProcess(std::string_view text) {
 }
 
 std::optional<Process> readProcess(pid_t pid) {
-    return parseProcess(readAll(folderOf(pid) + "/stat"));
+    return parseProcess(readProcFile(folderOf(pid) + "/stat"));
 }
 
 bool isRunning(const Process& process) {
@@ -108,7 +108,7 @@ double startTime(const Process& process) {
 }
 
 std::vector<std::string> commandLine(pid_t pid) {
-    std::istringstream text(readAll(folderOf(pid) + "/cmdline"));
+    std::istringstream text(readProcFile(folderOf(pid) + "/cmdline"));
     std::vector<std::string> words;
     std::string word;
     while (std::getline(text, word, '\0')) {
@@ -142,7 +142,7 @@ std::optional<double> modificationTime(const std::string& path) {
 
 std::optional<uid_t> userOf(pid_t pid) {
     // The owner of the folder would be root for a process that may not be dumped.
-    std::istringstream text(readAll(folderOf(pid) + "/status"));
+    std::istringstream text(readProcFile(folderOf(pid) + "/status"));
     std::string line;
     while (std::getline(text, line)) {
         uid_t real = 0;
@@ -170,7 +170,7 @@ std::string threadStates(pid_t pid) {
     std::string states;
     for (const pid_t thread : numbersIn(threads)) {
         const std::optional<Process> state =
-            parseProcess(readAll(threads + "/" + std::to_string(thread) + "/stat"));
+            parseProcess(readProcFile(threads + "/" + std::to_string(thread) + "/stat"));
         if (state) {
             states += state->state;
         }
@@ -186,7 +186,7 @@ std::vector<pid_t> childrenOf(pid_t pid) {
     std::vector<pid_t> children;
     const std::string threads = folderOf(pid) + "/task";
     for (const pid_t thread : numbersIn(threads)) {
-        std::istringstream text(readAll(threads + "/" + std::to_string(thread) + "/children"));
+        std::istringstream text(readProcFile(threads + "/" + std::to_string(thread) + "/children"));
         children.insert(children.end(), std::istream_iterator<pid_t>(text), {});
     }
     // Not every kernel keeps those lists.

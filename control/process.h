@@ -27,6 +27,10 @@ struct Process {
 /// which may hold any byte, does not mislead it.
 std::optional<Process> parseProcess(std::string_view text);
 
+/// The text of a file in /proc; empty when it can't be read, cut off when its process ends in the
+/// middle of it.
+std::string readProcFile(const std::string& path);
+
 /// The process that has this number now; nothing if there is none. One that has ended and was not
 /// waited for yet is found, with state 'Z'.
 std::optional<Process> readProcess(pid_t pid);

@@ -2,6 +2,7 @@
 #include "control/metrics/metric_families.h"
 
 #include "control/observe/display_text.h"
+#include "control/observe/snapshot_names.h"
 
 #include <algorithm>
 #include <array>
@@ -105,64 +106,6 @@ constexpr std::array<DetectorCounter, 12> detectorCounters{{
     {"skarn_file_list_removal_failures_total", "File lists that could not be removed.",
      &Counts::failedRemovals},
 }};
-
-const char* nameOf(Snapshot::DaemonState state) {
-    switch (state) {
-    case Snapshot::DaemonState::running:
-        return "running";
-    case Snapshot::DaemonState::dead:
-        return "dead";
-    case Snapshot::DaemonState::notRunning:
-        return "not_running";
-    case Snapshot::DaemonState::unknown:
-        break;
-    }
-    return "unknown";
-}
-
-const char* nameOf(DetectorSnapshot::State state) {
-    switch (state) {
-    case DetectorSnapshot::State::listing:
-        return "listing";
-    case DetectorSnapshot::State::copying:
-        return "copying";
-    case DetectorSnapshot::State::idle:
-        return "idle";
-    case DetectorSnapshot::State::notServed:
-        break;
-    }
-    return "not_served";
-}
-
-const char* nameOf(PipeSnapshot::State state) {
-    switch (state) {
-    case PipeSnapshot::State::absent:
-        return "absent";
-    case PipeSnapshot::State::notAPipe:
-        return "not_a_pipe";
-    case PipeSnapshot::State::noReader:
-        return "no_reader";
-    case PipeSnapshot::State::read:
-        return "read";
-    case PipeSnapshot::State::unknown:
-        break;
-    }
-    return "unknown";
-}
-
-const char* nameOf(LogCoverage coverage) {
-    switch (coverage) {
-    case LogCoverage::sinceStart:
-        return "since_start";
-    case LogCoverage::sinceOldest:
-        return "since_oldest";
-    case LogCoverage::withGap:
-        return "with_gap";
-    case LogCoverage::none:
-        break;
-    }
-    return "none";
-}
 
 void addDaemon(const Snapshot& snapshot, Families& families) {
     const bool running = snapshot.daemonState == Snapshot::DaemonState::running;

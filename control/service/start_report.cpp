@@ -159,7 +159,10 @@ std::string whatIsMissing(const StartObservation& seen) {
     if (!seen.hasCopyProgram) {
         return noCopyProgram(seen);
     }
-    return seen.copyProgramIsExecutable ? std::string() : copyProgramNotExecutable(seen);
+    if (!seen.copyProgramIsExecutable) {
+        return copyProgramNotExecutable(seen);
+    }
+    return seen.detectorCount == std::size_t{0} ? "the configuration has no detector" : "";
 }
 
 std::string whyNotStarted(const StartObservation& seen) {

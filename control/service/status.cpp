@@ -2,6 +2,7 @@
 #include "control/service/status.h"
 
 #include "control/observe/display_text.h"
+#include "control/observe/snapshot_names.h"
 
 #include <cmath>
 #include <nlohmann/json.hpp>
@@ -61,20 +62,6 @@ int statusCode(DaemonProcesses::State state) {
     return 4;
 }
 
-std::string stateName(DaemonProcesses::State state) {
-    switch (state) {
-    case DaemonProcesses::State::running:
-        return "running";
-    case DaemonProcesses::State::dead:
-        return "dead";
-    case DaemonProcesses::State::notRunning:
-        return "notRunning";
-    case DaemonProcesses::State::unknown:
-        break;
-    }
-    return "unknown";
-}
-
 std::string statusText(const DaemonProcesses& found) {
     std::string text = displayable(found.text, false) + "\n";
     if (!found.startOptions.empty()) {
@@ -99,16 +86,16 @@ std::string statusJson(const DaemonProcesses& found, const std::optional<int>& p
     }
     const bool runs = found.state == DaemonProcesses::State::running;
     const json status = {
-        {"state", stateName(found.state)},
-        {"exitStatus", statusCode(found.state)},
+        {"state", nameOf(found.state)},
+        {"exit_status", statusCode(found.state)},
         {"text", found.text},
         {"pid", runs ? json(found.pid()) : json()},
         {"since", found.upSince ? json(wholeSeconds(*found.upSince)) : json()},
-        {"startOptions", found.startOptions},
-        {"copyProcesses", copies},
-        {"copyProcessLimit", runs && processLimit ? json(*processLimit) : json()},
-        {"unvouchedProcesses", unvouched},
-        {"pidFile",
+        {"start_options", found.startOptions},
+        {"copy_processes", copies},
+        {"copy_process_limit", runs && processLimit ? json(*processLimit) : json()},
+        {"unvouched_processes", unvouched},
+        {"pid_file",
          {{"path", pidFilePath()},
           {"state", pidFileState(found.pidFile.state)},
           {"problem", found.pidFile.problem}}},

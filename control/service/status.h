@@ -12,9 +12,6 @@ namespace control {
 /// 4 unknown.
 int statusCode(DaemonProcesses::State state);
 
-/// The state as one word: "running", "dead", "notRunning", "unknown".
-std::string stateName(DaemonProcesses::State state);
-
 /// A few lines of text. Start options are shown with what could steer a terminal in octal.
 std::string statusText(const DaemonProcesses& found);
 

@@ -20,15 +20,15 @@ pytestmark = pytest.mark.usefixtures("host")
 
 KEYS = {
     "state",
-    "exitStatus",
+    "exit_status",
     "text",
     "pid",
     "since",
-    "startOptions",
-    "copyProcesses",
-    "copyProcessLimit",
-    "unvouchedProcesses",
-    "pidFile",
+    "start_options",
+    "copy_processes",
+    "copy_process_limit",
+    "unvouched_processes",
+    "pid_file",
 }
 
 
@@ -37,9 +37,9 @@ def test_not_running() -> None:
     assert (result.status, result.output, result.errors) == (3, "skarn does not run\n", "")
     report = skarnctl("status", "--json")
     assert report.status == 3 and report.json.keys() == KEYS
-    assert report.json["state"] == "notRunning" and report.json["exitStatus"] == 3
+    assert report.json["state"] == "not_running" and report.json["exit_status"] == 3
     assert report.json["pid"] is None and report.json["since"] is None
-    assert report.json["pidFile"] == {"path": str(PID_FILE), "state": "absent", "problem": ""}
+    assert report.json["pid_file"] == {"path": str(PID_FILE), "state": "absent", "problem": ""}
 
 
 def test_running() -> None:
@@ -53,9 +53,9 @@ def test_running() -> None:
     )
     assert before - 2 <= time.mktime(started) <= time.time() + 1
     report = skarnctl("status", "--json").json
-    assert report["state"] == "running" and report["exitStatus"] == 0
-    assert report["pid"] == pid and report["startOptions"] == []
-    assert report["copyProcesses"] == [] and report["copyProcessLimit"] == 8
+    assert report["state"] == "running" and report["exit_status"] == 0
+    assert report["pid"] == pid and report["start_options"] == []
+    assert report["copy_processes"] == [] and report["copy_process_limit"] == 8
     assert before - 2 <= report["since"] <= time.time() + 1
 
 
@@ -73,8 +73,8 @@ def test_running_with_options_and_copy_processes() -> None:
     assert first.endswith(f", with 2 copy processes ({copies[0]} and {copies[1]})")
     assert second == "start options: -u 1:2 --detector '1:/i '\\''t:s'\\'':/srv/x\\012y'"
     report = skarnctl("status", "--json").json
-    assert [each["pid"] for each in report["copyProcesses"]] == copies
-    assert report["startOptions"] == ["-u", "1:2", "--detector", "1:/i 't:s':/srv/x\ny"]
+    assert [each["pid"] for each in report["copy_processes"]] == copies
+    assert report["start_options"] == ["-u", "1:2", "--detector", "1:/i 't:s':/srv/x\ny"]
     gate.touch()
 
 
@@ -84,7 +84,7 @@ def test_start_options_that_are_no_text() -> None:
     )
     assert run.returncode == 0
     assert skarnctl("status").output.splitlines()[1] == "start options: -u '\\377\\033:2'"
-    assert skarnctl("status", "--json").json["startOptions"] == ["-u", "\ufffd\x1b:2"]
+    assert skarnctl("status", "--json").json["start_options"] == ["-u", "\ufffd\x1b:2"]
 
 
 def test_dead() -> None:
@@ -94,7 +94,7 @@ def test_dead() -> None:
     assert result.status == 1
     assert result.output == f"skarn is dead: process {pid} of {PID_FILE} has ended\n"
     report = skarnctl("status", "--json").json
-    assert report["state"] == "dead" and report["exitStatus"] == 1 and report["pid"] is None
+    assert report["state"] == "dead" and report["exit_status"] == 1 and report["pid"] is None
 
 
 def test_a_zombie_is_dead() -> None:
@@ -119,8 +119,8 @@ def test_unknown() -> None:
         f"({pid}) runs /"
     )
     report = skarnctl("status", "--json").json
-    assert report["state"] == "unknown" and report["exitStatus"] == 4
-    assert report["unvouchedProcesses"] == [pid] and report["pid"] is None
+    assert report["state"] == "unknown" and report["exit_status"] == 4
+    assert report["unvouched_processes"] == [pid] and report["pid"] is None
 
 
 def test_a_daemon_that_was_upgraded_while_it_ran() -> None:

@@ -173,7 +173,7 @@ def test_restart_takes_new_start_options() -> None:
     assert told(result) == (
         f"skarn, process {first}, ended by SIGTERM\nskarn started, process {second}\n"
     )
-    assert skarnctl("status", "--json").json["startOptions"] == ["-u", "3:4"]
+    assert skarnctl("status", "--json").json["start_options"] == ["-u", "3:4"]
     assert not is_running(first)
 
 
@@ -191,6 +191,10 @@ def test_restart_lets_a_daemon_run_when_another_would_not_start() -> None:
     assert result.complaint == (
         f"{refused}the daemon does not understand its start options: -u needs UID:GID"
     )
+    configuration = CONFIGURATION.read_bytes()
+    CONFIGURATION.write_bytes(configuration.replace(b"detectorID", b"detektorID"))
+    assert skarnctl("restart").complaint == f"{refused}the configuration has no detector"
+    CONFIGURATION.write_bytes(configuration)
     PASSWORD_FILE.unlink()
     result = skarnctl("restart")
     assert (result.status, result.output) == (1, "")

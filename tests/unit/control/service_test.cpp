@@ -92,15 +92,15 @@ TEST(StatusJson, HasTheSameKeysInEveryState) {
     const auto running = nlohmann::json::parse(statusJson(found, 8));
     EXPECT_EQ(running["pid"], 812);
     EXPECT_EQ(running["since"], 1000);
-    EXPECT_EQ(running["copyProcessLimit"], 8);
-    EXPECT_EQ(running["copyProcesses"][0]["pid"], 905);
-    EXPECT_EQ(running["startOptions"][0], "\xef\xbf\xbd");
+    EXPECT_EQ(running["copy_process_limit"], 8);
+    EXPECT_EQ(running["copy_processes"][0]["pid"], 905);
+    EXPECT_EQ(running["start_options"][0], "\xef\xbf\xbd");
 
     const auto unknown = nlohmann::json::parse(statusJson(DaemonProcesses(), 8));
     EXPECT_EQ(unknown["state"], "unknown");
-    EXPECT_EQ(unknown["exitStatus"], 4);
+    EXPECT_EQ(unknown["exit_status"], 4);
     EXPECT_TRUE(unknown["pid"].is_null());
-    EXPECT_TRUE(unknown["copyProcessLimit"].is_null());
+    EXPECT_TRUE(unknown["copy_process_limit"].is_null());
     for (const auto& [key, value] : running.items()) {
         EXPECT_TRUE(unknown.contains(key)) << key;
     }
