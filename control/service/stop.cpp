@@ -7,6 +7,7 @@
 #include "control/service/daemon_processes.h"
 #include "control/service/idle_moment.h"
 #include "control/service/process_handle.h"
+#include "control/service/service_unit.h"
 #include "daemon/global.h"
 #include "utilities/sleep.h"
 
@@ -279,6 +280,11 @@ int stopDaemon(const std::string& daemonPath, const StopOptions& options) {
     const DaemonProcesses found = findDaemon(daemonPath);
     switch (found.state) {
     case DaemonProcesses::State::running:
+        if (const std::string service = managingService(found.pid()); !service.empty()) {
+            complain("nothing was stopped: systemd runs " + GLOBAL::progName + " as " + service +
+                     " and may start it again; use systemctl");
+            return failed;
+        }
         return stopRunning(found, options);
     case DaemonProcesses::State::dead:
         return stopDead(found, options);

@@ -204,6 +204,15 @@ def test_watch_and_metrics_tell_the_same(machine: Machine) -> None:
     assert sum(float(value) for value in copied) == 3000, reply
 
 
+def test_skarnctl_leaves_the_daemon_to_systemd_which_would_start_it_again(machine: Machine) -> None:
+    before = pid_of_daemon(machine)
+    for command in ("stop", "stop --when-idle", "restart"):
+        done = machine.run(f"skarnctl {command}")
+        assert done.returncode == 1
+        assert "systemd runs skarn as skarn.service" in done.stdout
+    assert pid_of_daemon(machine) == before
+
+
 def test_the_daemon_has_a_tmp_of_its_own(machine: Machine) -> None:
     pid = pid_of_daemon(machine)
     assert not machine.path("/tmp/skarn_error.log").exists()
