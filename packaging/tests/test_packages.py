@@ -199,7 +199,15 @@ def test_watch_and_metrics_tell_the_same(machine: Machine) -> None:
         f"bash -c 'exec 3<>/dev/tcp/{METRICS.replace(':', '/')}; "
         'printf "GET /metrics HTTP/1.0\\r\\n\\r\\n" >&3; timeout 10 cat <&3; true\''
     )
-    assert re.search(r"^skarn_up 1$", reply, re.MULTILINE), reply
+    # What the unit's hardening leaves must be enough to see all of this.
+    for sample in (
+        "skarn_up 1",
+        'skarn_pipe_state{state="read"} 1',
+        'skarn_log_coverage{coverage="since_start"} 1',
+        "skarn_config_readable 1",
+    ):
+        assert f"\n{sample}\n" in reply.replace("\r", ""), (sample, reply)
+    assert 'skarn_target_free_bytes{detector="1"} ' in reply
     copied = re.findall(r"^skarn_files_copied_total(?:{[^}]*})? (\S+)$", reply, re.MULTILINE)
     assert sum(float(value) for value in copied) == 3000, reply
 
