@@ -29,6 +29,38 @@ def test_every_subcommand_and_option() -> None:
 
 
 @pytest.mark.usefixtures("host")
+def test_every_json_key_of_status_check_and_watch() -> None:
+    start_daemon()
+    # The settings bear the names that they have in the file.
+    text = set(re.findall(r"[A-Za-z_]+", manual("skarnctl.8") + manual("skarn_orbelin.conf.5")))
+    for words in (["status"], ["check"], ["watch"]):
+        keys = keys_in(skarnctl(*words, "--json").json)
+        assert len(keys) > 8
+        assert not keys - text, words
+
+
+def keys_in(value: object) -> set[str]:
+    """All keys of an object and of what is in it."""
+    if isinstance(value, dict):
+        return set(value) | {key for inner in value.values() for key in keys_in(inner)}
+    if isinstance(value, list):
+        return {key for inner in value for key in keys_in(inner)}
+    return set()
+
+
+def test_every_code_of_a_finding() -> None:
+    sources = (PROJECT / "control/check").glob("*.cpp")
+    source = "\n".join(path.read_text(encoding="utf-8") for path in sources)
+    section = manual("skarnctl.8").partition(".Sh FINDINGS")[2].partition(".Sh ")[0]
+    listed = set(re.findall(r"[a-z]+(?:-[a-z]+)+|unreadable", section))
+    assert len(listed) > 60
+    assert {code for code in listed if f'"{code}"' not in source} == set()
+    # The other way round: what stands where a code does.
+    used = set(re.findall(r'(?:error|warning|add|find)\w*\([^;"]*"([a-z]+(?:-[a-z]+)+)"', source))
+    assert len(used) > 20 and not used - listed
+
+
+@pytest.mark.usefixtures("host")
 def test_every_figure() -> None:
     start_daemon()
     names = set(re.findall(r"^# TYPE (\S+)", skarnctl("metrics", "--once").output, re.MULTILINE))
