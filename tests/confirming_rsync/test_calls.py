@@ -254,9 +254,10 @@ def test_is_installed_only_as_its_own_component() -> None:
         return [path.relative_to(prefix) for path in prefix.rglob("*") if path.is_file()]
 
     name = Path("orbelin/bin/rsync_orbelin")
-    assert installed("--component", "confirming_rsync") == [name]
+    manual = Path("share/man/man8/confirming-rsync.8")
+    assert sorted(installed("--component", "confirming_rsync")) == [name, manual]
     program = Path("/srv/prefix/confirming_rsync") / name
     assert os.access(program, os.X_OK)
     shutil.rmtree("/srv/prefix")
     everything = installed()
-    assert everything and name not in everything
+    assert everything and name not in everything and manual not in everything

@@ -286,6 +286,8 @@ def test_what_each_detector_does_is_shown() -> None:
 
 def test_a_daemon_that_is_killed_and_started_again_counts_anew() -> None:
     scripted.add_listing(["a", "b"])
+    # There from the beginning: a watch that finds no configuration has nothing to show, and ends.
+    write_configuration(None, [Detector("1", minpause=QUIET)])
     with Consumer(), watching() as watcher:
         with scripted_daemon([Detector("1", minpause=QUIET)]) as daemon:
             first = watcher.wait_for(lambda now: bool(now["total"]["files"] == 2), "two files")
