@@ -5,7 +5,6 @@ from __future__ import annotations
 import json
 import os
 import re
-import shutil
 import signal
 import socket
 import subprocess
@@ -41,10 +40,6 @@ WHERE = "127.0.0.1:9751"
 SAMPLE = re.compile(r'(\w+)(?:\{((?:[^"}]|"(?:[^"\\]|\\.)*")*)\})? (\S+)')
 LABEL = re.compile(r'(\w+)="((?:[^"\\]|\\.)*)"')
 METRIC = re.compile(r"\bskarn_\w+")
-
-needs_promtool = pytest.mark.skipif(
-    shutil.which("promtool") is None, reason="promtool (package prometheus) is not installed"
-)
 
 
 class Figures:
@@ -422,7 +417,6 @@ def expressions() -> list[str]:
     return filled
 
 
-@needs_promtool
 def test_promtool_accepts_the_metrics() -> None:
     with scripted_daemon([Detector("1")]):
         ended = once("--once")
@@ -430,13 +424,11 @@ def test_promtool_accepts_the_metrics() -> None:
     promtool("check", "metrics", text=ended.stdout)
 
 
-@needs_promtool
 def test_promtool_accepts_the_alerts() -> None:
     promtool("check", "rules", "--lint=all", "--lint-fatal", str(ALERTS))
     promtool("test", "rules", str(ALERTS.with_name("skarn-alerts-test.yml")))
 
 
-@needs_promtool
 def test_promtool_accepts_the_dashboard(tmp_path: Path) -> None:
     rules = tmp_path / "dashboard.yml"
     records = [
