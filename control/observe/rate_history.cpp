@@ -65,8 +65,9 @@ std::vector<double> History::changes(int count) const {
     }
     const double end = std::floor(samples.back().time);
     const double begin = std::max(std::ceil(samples.front().time), end - count);
-    for (double second = begin; second < end; ++second) {
-        found.push_back(at(second + 1) - at(second));
+    const int seconds = static_cast<int>(end - begin);
+    for (int i = 0; i < seconds; ++i) {
+        found.push_back(at(begin + i + 1) - at(begin + i));
     }
     return found;
 }

@@ -103,7 +103,7 @@ std::string whyRefused(const StartObservation& seen) {
         return "the daemon only printed: " + firstLine(seen.output);
     }
     // Nothing was said where this program can read it.
-    if (const std::string missing = whatIsMissing(seen); !missing.empty()) {
+    if (std::string missing = whatIsMissing(seen); !missing.empty()) {
         return missing;
     }
     return seen.daemonPath + " ended with status 0 and left no daemon";
