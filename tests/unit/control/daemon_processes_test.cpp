@@ -14,8 +14,6 @@ namespace control {
 
 namespace {
 
-using testing::ElementsAre;
-using testing::HasSubstr;
 using testing::IsEmpty;
 using Kind = Judgement::Kind;
 
@@ -276,11 +274,12 @@ TEST(FindSessionMembers, FindsThemWhetherTheLeaderLivesOrNot) {
                 pause();
             }
         }
-        const ssize_t count = write(ends[1], &member, sizeof member);
-        while (count > 0) {
+        if (write(ends[1], &member, sizeof member) < 0) {
+            _exit(1);
+        }
+        while (true) {
             pause();
         }
-        _exit(1);
     }
     pid_t member = 0;
     ASSERT_EQ(read(ends[0], &member, sizeof member), static_cast<ssize_t>(sizeof member));

@@ -174,7 +174,10 @@ TEST(LogModel, TakesASummaryOnlyInItsExactForm) {
           "Copied 99999999999 files in the range of: a ... b", "5 files in the range of: a ... b",
           "Copied 5 files in the range of: a ... b c"}) {
         LogModel model = started({"1"});
-        model.feed(calls("1", 1) + begin + line + "\n" + end);
+        model.feed(calls("1", 1));
+        model.feed(begin);
+        model.feed(line);
+        model.feed(end);
         EXPECT_EQ(of(model, "1").files, 0U) << line;
         EXPECT_EQ(of(model, "1").complaints, 1U) << line;
         EXPECT_EQ(of(model, "1").reports, 1U) << line;

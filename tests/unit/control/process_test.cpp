@@ -36,7 +36,9 @@ TEST(ParseProcess, GivesWhatIsAskedOfAProcess) {
 TEST(ParseProcess, IsNotMisledByAName) {
     for (const std::string name : {"", " ", ")", "(", ") S 1 1 1 1", "a (b) c", ") Z 1 ", "x\ny",
                                    "\xff\x1b[2J", "1 (2) S 3"}) {
-        const auto process = parseProcess("905 (" + name + ") R" + numbers);
+        std::string text = "905 (";
+        text.append(name).append(") R").append(numbers);
+        const auto process = parseProcess(text);
         ASSERT_TRUE(process) << name;
         EXPECT_EQ(process->pid, 905) << name;
         EXPECT_EQ(process->name, name);
