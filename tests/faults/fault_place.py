@@ -403,7 +403,7 @@ class JournalFault(Fault):
 
     def heal(self, bed: Bed) -> None:
         with suppress(AssertionError):  # a run that starts meanwhile; the check at the end tells
-            wait_until(lambda: self.is_reported(bed), "a report without a journal", 10)
+            wait_until(lambda: self.is_reported_at_last(bed), "a report without a journal", 10)
         self.put_back()
         without = {each.pid for each in bed.copy_processes()}
         wait_until(
@@ -411,6 +411,16 @@ class JournalFault(Fault):
             "the copy processes without a journal to end",
             60,
         )
+
+    def is_reported_at_last(self, bed: Bed) -> bool:
+        """The same as `is_reported`; if not, sees to it that the fault has not mended itself."""
+        reported = self.is_reported(bed)
+        if not reported:
+            self.tighten()
+        return reported
+
+    def tighten(self) -> None:
+        """Breaks again what the end of a copy process may have mended."""
 
     def is_reported(self, bed: Bed) -> bool:
         """Whether some report has said that there was no journal."""
@@ -450,6 +460,11 @@ class JournalFull(JournalFault):
     def inject(self, bed: Bed, rng: Random) -> int:
         use_up = rng.choice((use_up_space, use_up_inodes))
         return int(use_up(JOURNAL.parent, rng.choice((0, 0, 1))))
+
+    def tighten(self) -> None:
+        # A journal that has ended makes room for one that begins, and one at a time may be all
+        # that a quick machine needs.
+        use_up_inodes(JOURNAL.parent, 0)
 
     def put_back(self) -> None:
         give_back(JOURNAL.parent)
