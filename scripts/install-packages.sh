@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that a purpose needs and that are missing: the one place that knows them.
 #
-#   install-packages.sh PURPOSE...      PURPOSE: build, control, demo, tests, soak, races, coverage, packages,
-#                                               package-tree, checks, fuzz
+#   install-packages.sh PURPOSE...      PURPOSE: build, control, demo, tests, soak, bench, races, coverage,
+#                                               packages, package-tree, checks, fuzz
 #
 # Says what it is going to install before it does. Does nothing, and needs no rights, when all is there.
 set -euo pipefail
@@ -16,6 +16,7 @@ demo=("${build[@]}" iproute2 mount python3 rsync util-linux)
 # Of prometheus only promtool is wanted, which checks metrics and alerts; no smaller package has it.
 tests=("${demo[@]}" "${control[@]}" libgmock-dev libgtest-dev prometheus python3-pytest tmux)
 soak=("${demo[@]}" gnuplot-nox)
+bench=("${demo[@]}" gnuplot-nox libbenchmark-dev parallel strace)
 races=("${tests[@]}" valgrind)
 coverage=("${tests[@]}" gcovr)
 # What builds Debian packages and looks at them, and what makes a tree to install them into.
@@ -26,7 +27,7 @@ checks=("${tests[@]}" clang clang-format clang-tidy git libclang-rt-dev mandoc m
 fuzz=("${build[@]}" clang git libclang-rt-dev)
 
 usage() {
-    printf 'usage: install-packages.sh PURPOSE...   (build, control, demo, tests, soak, races, coverage, packages, package-tree, checks, fuzz)\n' >&2
+    printf 'usage: install-packages.sh PURPOSE...   (build, control, demo, tests, soak, bench, races, coverage, packages, package-tree, checks, fuzz)\n' >&2
     exit 2
 }
 
@@ -39,6 +40,7 @@ for purpose in "$@"; do
         demo) wanted+=("${demo[@]}") ;;
         tests) wanted+=("${tests[@]}") ;;
         soak) wanted+=("${soak[@]}") ;;
+        bench) wanted+=("${bench[@]}") ;;
         races) wanted+=("${races[@]}") ;;
         coverage) wanted+=("${coverage[@]}") ;;
         packages) wanted+=("${packages[@]}") ;;
