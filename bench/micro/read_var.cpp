@@ -1,0 +1,53 @@
+// Looking a key up in a large configuration text.
+#include "utilities/text.h"
+
+#include <cstring>
+
+#include <benchmark/benchmark.h>
+
+namespace {
+
+constexpr std::size_t textSize = 1 << 20;
+
+const std::string keyLine = "logfile_max_number 42\n";
+
+std::string otherLines() {
+    std::string text;
+    while (text.size() < textSize) {
+        text += "detector_or_other_key some value that is not asked for\n";
+    }
+    return text;
+}
+
+void readVarOf(benchmark::State& state, const std::string& text) {
+    for (auto _ : state) {
+        int value = 0;
+        if (!UTILITIES::readVar(text, "logfile_max_number", value) || value != 42) {
+            state.SkipWithError("not found");
+        }
+    }
+    state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(text.size()));
+}
+
+void readVarLast(benchmark::State& state) {
+    readVarOf(state, otherLines() + keyLine);
+}
+
+void readVarFirst(benchmark::State& state) {
+    readVarOf(state, keyLine + otherLines());
+}
+
+/// One look at every byte, for one that is not there.
+void readVarFloor(benchmark::State& state) {
+    const std::string text = otherLines() + keyLine;
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(std::memchr(text.data(), '\1', text.size()));
+    }
+    state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(text.size()));
+}
+
+BENCHMARK(readVarLast);
+BENCHMARK(readVarFirst);
+BENCHMARK(readVarFloor);
+
+} // namespace
