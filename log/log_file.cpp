@@ -35,7 +35,7 @@ LogFile& LogFile::open(const std::string& name) {
     openFailed = false;
     fileName = name;
     probe();
-    buffer.clear();
+    buffer.clear(keptCapacity);
     return *this;
 }
 
@@ -57,7 +57,7 @@ LogFile& LogFile::operator<<(LogFile& (*manipulator)(LogFile&)) {
 }
 
 LogFile& LogFile::endl() {
-    buffer += '\n';
+    buffer.append("\n");
     writeOut();
     return *this;
 }
@@ -76,19 +76,16 @@ void LogFile::log(const std::string& text) {
     append(text);
 }
 
-void LogFile::append(const std::string& text) const {
+void LogFile::append(std::string_view text) const {
     const MutexGuard guard(mutex);
     const Descriptor file(::open(fileName.c_str(), O_WRONLY | O_CREAT | O_APPEND, logFileMode));
     writeUnchecked(file.get(), text);
 }
 
 void LogFile::writeOut() {
-    append(buffer);
-    buffer.clear();
+    append(buffer.view());
     // An idle worker collects separators for days; that memory is not held for ever after.
-    if (buffer.capacity() > keptCapacity) {
-        buffer.shrink_to_fit();
-    }
+    buffer.clear(keptCapacity);
 }
 
 LogFile& endl(LogFile& logFile) {

@@ -1,12 +1,16 @@
 // The log: text is collected in memory and appended to a file that is never held open.
 #pragma once
 
+#include "utilities/text_buffer.h"
+
+#include <charconv>
 #include <cstdint>
+#include <iterator>
+#include <limits>
 #include <sstream>
 #include <string>
 #include <string_view>
 #include <type_traits>
-#include <utility>
 
 #include <pthread.h>
 
@@ -53,25 +57,16 @@ public:
                 buffer.append(text);
             }
         } else if constexpr (std::is_same_v<T, char>) {
-            buffer.push_back(value);
+            buffer.append({&value, 1});
         } else if constexpr (std::is_same_v<T, int>) {
-            buffer.append(std::to_string(value));
+            char digits[std::numeric_limits<int>::digits10 + 2]; // one more, and a sign
+            const char* const end = std::to_chars(std::begin(digits), std::end(digits), value).ptr;
+            buffer.append({digits, static_cast<std::size_t>(end - digits)});
         } else {
             // A stream of its own for each value: a failed one must not silence those that follow.
             std::ostringstream stream;
             stream << value;
             buffer.append(stream.str());
-        }
-        return *this;
-    }
-
-    /// The same for a text that its owner gives away: a long one is not copied if nothing was
-    /// collected before.
-    LogFile& operator<<(std::string&& text) {
-        if (buffer.empty()) {
-            buffer = std::move(text);
-        } else {
-            buffer.append(text);
         }
         return *this;
     }
@@ -88,7 +83,8 @@ public:
     /// Clears `openFailed` and writes out what is collected. The object stays usable.
     void close();
 
-    /// Appends `text` to the file at once, past the collected text and without a line ending.
+    /// Appends `text` to the file at once, past the collected text and without a line ending. For a
+    /// long text that need not be copied.
     void log(const std::string& text);
 
     /// Size of the file in bytes; 0 when it can't be opened. To be called with the mutex held.
@@ -115,14 +111,14 @@ private:
 
     /// Appends `text` to the file in one write, under the mutex. The descriptor is held for that
     /// write alone.
-    void append(const std::string& text) const;
+    void append(std::string_view text) const;
 
     /// Appends what is collected and forgets it.
     void writeOut();
 
     pthread_mutex_t* mutex;
     std::string fileName;
-    std::string buffer;
+    TextBuffer buffer;
 
 public:
     /// True when the last probe of the file (`open`, two-argument constructor) could not open it
