@@ -21,7 +21,7 @@ constexpr long pauseForDescriptors = 50; // milliseconds
 } // namespace
 
 HandoffPipe::HandoffPipe(LogFile& evaluatorLog, const std::string& targetDirectory)
-    : log(evaluatorLog), target(targetDirectory) {
+    : log(evaluatorLog), record(targetDirectory + "/"), sharedSize(record.size()) {
 }
 
 void HandoffPipe::open() {
@@ -54,8 +54,7 @@ void HandoffPipe::pass(std::string_view name) {
     if (pipeDescriptor == 0) {
         return;
     }
-    std::string record = target;
-    record += '/';
+    record.resize(sharedSize);
     record += name;
     record += '\n';
     if (record.size() > PIPE_BUF) {

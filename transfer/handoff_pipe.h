@@ -13,7 +13,7 @@ class LogFile;
 /// whose reader has gone ends the daemon by SIGPIPE. Used by one thread.
 class HandoffPipe {
 public:
-    /// Opens nothing yet. `evaluatorLog` and `targetDirectory` must outlive this object.
+    /// Opens nothing yet. `evaluatorLog` must outlive this object.
     HandoffPipe(LogFile& evaluatorLog, const std::string& targetDirectory);
     ~HandoffPipe() { close(); }
     HandoffPipe(const HandoffPipe&) = delete;
@@ -34,8 +34,9 @@ private:
     int openOnce(const char* path);
 
     LogFile& log;
-    const std::string& target;
-    int pipeDescriptor = 0; // 0 stands for no pipe; a real one is always above 2
+    std::string record;           // begins with what all records begin with
+    const std::size_t sharedSize; // of that beginning
+    int pipeDescriptor = 0;       // 0 stands for no pipe; a real one is always above 2
 };
 
 /// Writes the usershift line with the configured owner into the pipe, if it is there and being

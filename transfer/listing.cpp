@@ -1,36 +1,43 @@
 // Parsing a listing.
 #include "transfer/listing.h"
 
+#include "utilities/piece_reader.h"
 #include "utilities/text.h"
 
-#include <algorithm>
 #include <utility>
 
 namespace {
 
 constexpr int fieldsBeforePath = 4;
 
-/// `text` without its leading blanks; only the blank character counts.
-std::string_view skipBlanks(std::string_view text) {
-    text.remove_prefix(std::min(text.find_first_not_of(' '), text.size()));
-    return text;
+/// Only the blank character separates fields.
+constexpr bool isBlank(char character) {
+    return character == ' ';
 }
 
-/// The fifth blank-separated field of a listing line and all that follows it; empty if there is
-/// none.
+/// The fifth blank-separated field of a listing line and all that follows it; empty, or the line
+/// feed alone, if there is none.
 std::string_view pathOf(std::string_view line) {
-    line = skipBlanks(line.substr(0, line.find('\n')));
+    const char* position = line.data();
+    const char* const end = position + line.size();
+    // Byte by byte: the fields are too short for a search to be worth its call.
+    const auto skipWhile = [&position, end](auto isSkipped) {
+        while (position != end && isSkipped(*position)) {
+            ++position;
+        }
+    };
+    skipWhile(isBlank);
     for (int i = 0; i < fieldsBeforePath; ++i) {
-        line.remove_prefix(std::min(line.find(' '), line.size()));
-        line = skipBlanks(line);
+        skipWhile([](char character) { return !isBlank(character); });
+        skipWhile(isBlank);
     }
-    return line;
+    return line.substr(static_cast<std::size_t>(position - line.data()));
 }
 
 /// True if the entry lies below the directory of that name.
 bool isBelow(std::string_view name, std::string_view directory) {
-    return name.size() > directory.size() && name.substr(0, directory.size()) == directory &&
-           name[directory.size()] == '/';
+    return name.size() > directory.size() && name[directory.size()] == '/' &&
+           name.substr(0, directory.size()) == directory;
 }
 
 } // namespace
@@ -53,4 +60,14 @@ void ListingParser::addLine(std::string_view line) {
 
 NameList ListingParser::takeNames() {
     return std::exchange(transferList, {});
+}
+
+NameList readListing(int descriptor) {
+    ListingParser parser;
+    PieceReader reader(descriptor);
+    std::string_view line;
+    while (reader.next(line)) {
+        parser.addLine(line);
+    }
+    return parser.takeNames();
 }

@@ -21,3 +21,6 @@ public:
 private:
     NameList transferList;
 };
+
+/// Reads a listing from the descriptor to its end and returns the transfer list.
+NameList readListing(int descriptor);

@@ -51,4 +51,5 @@ public:
 private:
     std::string text; // each name is followed by a line feed
     std::size_t count = 0;
+    std::size_t lastBegin = 0; // of the last name in the text
 };

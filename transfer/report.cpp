@@ -3,8 +3,7 @@
 
 #include "utilities/text.h"
 
-#include <algorithm>
-#include <utility>
+#include <vector>
 
 ReportLine parseReportLine(std::string_view piece) {
     if (piece.empty() || piece.front() == '\0') {
@@ -22,12 +21,9 @@ ReportLine parseReportLine(std::string_view piece) {
 }
 
 void TransferAccount::addSent(std::string_view name) {
-    if (name.empty() || sentNames.find(name) != sentNames.end()) {
-        return;
+    if (!name.empty()) {
+        sentNames.insert(name);
     }
-    auto copy = std::make_unique<char[]>(name.size() + 1); // all of it NUL at first
-    std::copy(name.begin(), name.end(), copy.get());
-    sentNames.insert(std::move(copy));
 }
 
 void TransferAccount::addConfirmed(std::string_view name) {
@@ -39,10 +35,7 @@ void TransferAccount::addConfirmed(std::string_view name) {
     }
     lastConfirmed = name;
     ++copiedCount;
-    const auto sent = sentNames.find(name);
-    if (sent != sentNames.end()) {
-        sentNames.erase(sent);
-    }
+    sentNames.erase(name);
 }
 
 void TransferAccount::addOutput(std::string_view piece) {
@@ -59,15 +52,16 @@ std::string TransferAccount::summary() const {
     }
     end += "++ RSYNC OUTPUT END ++++++++++++++++++++\n";
 
+    const std::vector<std::string_view> lostNames = sentNames.sorted();
     // It may be long, and growing step by step takes twice the memory.
     std::size_t size = begin.size() + rsyncOutput.size() + end.size();
-    for (const Name& name : sentNames) {
-        size += lost.size() + ByBytes::text(name).size() + 1;
+    for (const std::string_view name : lostNames) {
+        size += lost.size() + name.size() + 1;
     }
     std::string text;
     text.reserve(size);
-    for (const Name& name : sentNames) {
-        text.append(lost).append(name.get()).append("\n");
+    for (const std::string_view name : lostNames) {
+        text.append(lost).append(name).append("\n");
     }
     text.append(begin).append(rsyncOutput).append(end);
     return text;

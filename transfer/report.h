@@ -1,8 +1,8 @@
 // What a copy process reports: reading its lines, and the account of its files.
 #pragma once
 
-#include <memory>
-#include <set>
+#include "transfer/name_set.h"
+
 #include <string>
 #include <string_view>
 
@@ -43,23 +43,9 @@ public:
     std::string summary() const;
 
 private:
-    /// A name in as little memory as it takes: a report may have very many open ones.
-    using Name = std::unique_ptr<const char[]>;
-
-    /// Orders names by their bytes.
-    struct ByBytes {
-        using is_transparent = void;
-        template<typename Left, typename Right>
-        bool operator()(const Left& left, const Right& right) const {
-            return text(left) < text(right);
-        }
-        static std::string_view text(std::string_view name) { return name; }
-        static std::string_view text(const Name& name) { return name.get(); }
-    };
-
-    std::set<Name, ByBytes> sentNames; // announced and not yet confirmed
-    std::string firstConfirmed;        // empty until there is one
-    std::string lastConfirmed;         // likewise
+    NameSet sentNames;          // announced and not yet confirmed
+    std::string firstConfirmed; // empty until there is one
+    std::string lastConfirmed;  // likewise
     int copiedCount = 0;
     std::string rsyncOutput;
 };

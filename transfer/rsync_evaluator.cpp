@@ -4,12 +4,12 @@
 #include "daemon/global.h"
 #include "transfer/handoff_pipe.h"
 #include "transfer/report.h"
+#include "utilities/piece_reader.h"
 
 RsyncEvaluator::RsyncEvaluator(int fd, const std::string& targetDirectory)
-    : stream(nullptr), log(nullptr), target(targetDirectory) {
+    : report(fd), log(nullptr), target(targetDirectory) {
     log.setMutex(mutex());
     log.open(GLOBAL::logFileName);
-    stream = fdopen(fd, "r");
 }
 
 void RsyncEvaluator::run() {
@@ -17,8 +17,9 @@ void RsyncEvaluator::run() {
     handoffPipe.open();
 
     TransferAccount account;
-    char piece[1024];
-    while (fgets(piece, sizeof piece, stream) != nullptr) {
+    PieceReader reader(report.get());
+    std::string_view piece;
+    while (reader.next(piece)) {
         const ReportLine line = parseReportLine(piece);
         switch (line.kind) {
         case ReportLine::Kind::confirmed:
@@ -36,7 +37,7 @@ void RsyncEvaluator::run() {
         }
     }
     handoffPipe.close();
-    fclose(stream);
+    report.reset();
 
-    log << account.summary() << flush;
+    log.log(account.summary());
 }

@@ -3,8 +3,8 @@
 
 #include "log/log_file.h"
 #include "transfer/thread.h"
+#include "utilities/descriptors.h"
 
-#include <cstdio>
 #include <string>
 
 /// Reads the report of one copy process until its end, hands every confirmed file to the consumer
@@ -18,7 +18,7 @@ public:
     /// hand-off record.
     RsyncEvaluator(int fd, const std::string& targetDirectory);
 
-    /// Neither joins the thread nor closes the report: `run` has closed it.
+    /// Does not join the thread.
     ~RsyncEvaluator() override = default;
 
     /// The thread's body; ends when the copy process and everything that inherited its output have
@@ -26,7 +26,7 @@ public:
     void run() override;
 
 private:
-    FILE* stream; // owned, closed by run
+    Descriptor report; // its read end, closed by run
     LogFile log;
     std::string target;
 };

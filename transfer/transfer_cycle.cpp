@@ -87,13 +87,9 @@ NameList Worker::listShare(const std::string& url) {
         log << detectorId << ": Error: Listing failed" << endl;
         return {};
     }
-    ListingParser parser;
-    char line[1024];
-    while (fgets(line, sizeof line, listing) != nullptr) {
-        parser.addLine(line);
-    }
+    NameList names = readListing(fileno(listing));
     pclose(listing);
-    return parser.takeNames();
+    return names;
 }
 
 std::vector<FileList> Worker::writeFileLists(const NameList& names) {

@@ -5,6 +5,14 @@
 #include <cstdint>
 #include <cstdlib>
 
+namespace {
+
+constexpr bool isSpace(char character) {
+    return character == ' ' || (character >= '\t' && character <= '\r');
+}
+
+} // namespace
+
 std::size_t UTILITIES::findValue(const std::string& text, const std::string& key) {
     const std::string needle = "\n" + key + " ";
     const std::size_t found = text.find(needle);
@@ -73,10 +81,16 @@ bool UTILITIES::stringBegin(const std::string& text, const std::string& prefix) 
 }
 
 std::string_view UTILITIES::takeWord(std::string_view& text) {
-    constexpr std::string_view whiteSpace = " \t\n\v\f\r";
-    text.remove_prefix(std::min(text.find_first_not_of(whiteSpace), text.size()));
-    const std::string_view word = text.substr(0, text.find_first_of(whiteSpace));
-    text.remove_prefix(word.size());
+    std::size_t begin = 0;
+    while (begin < text.size() && isSpace(text[begin])) {
+        ++begin;
+    }
+    std::size_t end = begin;
+    while (end < text.size() && !isSpace(text[end])) {
+        ++end;
+    }
+    const std::string_view word = text.substr(begin, end - begin);
+    text.remove_prefix(end);
     return word;
 }
 

@@ -8,20 +8,21 @@ namespace {
 
 using Strings = std::vector<std::string>;
 
-const Strings ofTheReport{"--8-bit-output", "--sockopts=TCP_NODELAY", "--info=remove1"};
+const Strings ofTheReport{"--8-bit-output", "--info=remove1"};
 
 Strings joined(Strings first, const Strings& second) {
     first.insert(first.end(), second.begin(), second.end());
     return first;
 }
 
-TEST(Arguments, OfAListingOfAShareGetLimitsToTheWaiting) {
+TEST(Arguments, OfAListingOfAShareGetLimitsToTheWaitingAndNoDelay) {
     const Strings given{"-mrlDHW", "--list-only", "--exclude=**.tmp",
                         "rsync://root@10.0.0.1:49371/ramdisk/"};
     const Arguments arguments = readArguments(given, "5", "6");
     EXPECT_FALSE(arguments.confirming);
     EXPECT_EQ(arguments.rsync,
-              joined({"--8-bit-output", "--contimeout=30", "--timeout=60"}, given));
+              joined({"--8-bit-output", "--contimeout=30", "--sockopts=TCP_NODELAY", "--timeout=60"},
+                     given));
     EXPECT_EQ(arguments.listedSource, given.back());
 }
 

@@ -1,7 +1,9 @@
 // Lines from a stream of bytes that arrives in pieces of any size.
 #include "confirming_rsync/line_assembly.h"
 
-#include <algorithm>
+#include <string>
+#include <string_view>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -10,28 +12,26 @@ namespace {
 
 using namespace std::string_literals;
 
-/// Each piece as its text in brackets of the kind "<" begins a line, ">" ends it, "." neither.
-std::vector<std::string> shown(const std::vector<LinePiece>& pieces) {
-    std::vector<std::string> result;
-    for (const LinePiece& piece : pieces) {
-        std::string text = piece.text.size() > 20
-                               ? std::to_string(piece.text.size()) + piece.text.substr(0, 1)
-                               : piece.text;
-        text.insert(0, piece.begins ? "<" : ".");
-        text += piece.ends ? ">" : ".";
-        result.push_back(std::move(text));
-    }
-    return result;
+/// Takes each piece as its text in brackets of the kind "<" begins a line, ">" ends it, "."
+/// neither.
+LineAssembly::Sink showingIn(std::vector<std::string>& shown) {
+    return [&shown](const LinePiece& piece) {
+        std::string text(piece.text);
+        if (text.size() > 20) {
+            text = std::to_string(text.size()) + text.substr(0, 1);
+        }
+        shown.push_back((piece.begins ? "<" : ".") + text + (piece.ends ? ">" : "."));
+    };
 }
 
 std::vector<std::string> assemble(const std::string& text, std::size_t portion) {
     LineAssembly lines;
-    std::vector<LinePiece> pieces;
+    std::vector<std::string> shown;
     for (std::size_t at = 0; at < text.size(); at += portion) {
-        lines.take(std::string_view(text).substr(at, portion), pieces);
+        lines.take(std::string_view(text).substr(at, portion), showingIn(shown));
     }
-    lines.finish(pieces);
-    return shown(pieces);
+    lines.finish(showingIn(shown));
+    return shown;
 }
 
 using Shown = std::vector<std::string>;
@@ -46,11 +46,11 @@ TEST(LineAssembly, CutsAtLineFeedsWhereverTheyArrive) {
 
 TEST(LineAssembly, GivesNothingBeforeALineIsComplete) {
     LineAssembly lines;
-    std::vector<LinePiece> pieces;
-    lines.take("abc", pieces);
-    EXPECT_TRUE(pieces.empty());
-    lines.take("\n", pieces);
-    EXPECT_EQ(shown(pieces), Shown{"<abc>"});
+    Shown shown;
+    lines.take("abc", showingIn(shown));
+    EXPECT_EQ(shown, Shown{});
+    lines.take("\n", showingIn(shown));
+    EXPECT_EQ(shown, Shown{"<abc>"});
 }
 
 const std::string size = std::to_string(LineAssembly::limit);
@@ -75,11 +75,11 @@ TEST(LineAssembly, CutsALongerLineIntoPiecesThatDoNotDependOnTheArrival) {
 
 TEST(LineAssembly, FinishesNothingTwice) {
     LineAssembly lines;
-    std::vector<LinePiece> pieces;
-    lines.take("x", pieces);
-    lines.finish(pieces);
-    lines.finish(pieces);
-    EXPECT_EQ(shown(pieces), Shown{"<x."});
+    Shown shown;
+    lines.take("x", showingIn(shown));
+    lines.finish(showingIn(shown));
+    lines.finish(showingIn(shown));
+    EXPECT_EQ(shown, Shown{"<x."});
 }
 
 } // namespace

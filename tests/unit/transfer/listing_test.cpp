@@ -1,11 +1,14 @@
 // Parsing a listing.
 #include "transfer/listing.h"
+#include "utilities/descriptors.h"
 
 #include <string>
 #include <vector>
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -140,4 +143,18 @@ TEST(ListingParser, StartsANewListingWhenTheNamesAreTaken) {
     parser.addLine(entry("x"));
     parser.addLine(entry("dir/a"));
     EXPECT_THAT(taken(parser), ElementsAre("x", "dir/a"));
+}
+
+TEST(ReadListing, ReadsToTheEndInLinesAndPieces) {
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+    const Descriptor readEnd(ends[0]);
+    Descriptor writeEnd(ends[1]);
+    const std::string longLine = entry(std::string(1500, 'x'));
+    ASSERT_TRUE(writeAll(writeEnd.get(), entry("dir") + entry("dir/a") + longLine +
+                                             std::string("\0 b c d e\n", 10) + "a b c d last"));
+    writeEnd.reset();
+    const NameList names = readListing(readEnd.get());
+    EXPECT_THAT(std::vector<std::string>(names.begin(), names.end()),
+                ElementsAre("dir/a", longLine.substr(46, 1023 - 46), "last"));
 }

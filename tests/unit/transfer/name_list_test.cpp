@@ -52,6 +52,20 @@ TEST(NameList, TakesOutTheLastName) {
     EXPECT_THAT(contentsOf(list), ElementsAre("third"));
 }
 
+TEST(NameList, TakesOutOneNameAfterTheOther) {
+    NameList list;
+    for (const char* name : {"a", "", "ccc", "dd"}) {
+        list.add(name);
+    }
+    for (const char* name : {"dd", "ccc", "", "a"}) {
+        EXPECT_EQ(list.last(), name);
+        list.removeLast();
+    }
+    EXPECT_TRUE(list.empty());
+    list.add("e");
+    EXPECT_EQ(list.last(), "e");
+}
+
 TEST(NameList, KeepsNamesOfAnyBytes) {
     const std::string zero("a\0b", 3);
     NameList list;

@@ -135,6 +135,39 @@ TEST(TransferAccount, SortsLostNamesByTheirBytesAndNamesEachOnce) {
                                      begin + end);
 }
 
+TEST(TransferAccount, ReportsANameSentAgainAfterItsConfirmationAsLost) {
+    TransferAccount account;
+    account.addSent("a");
+    account.addConfirmed("a");
+    account.addSent("a");
+    EXPECT_EQ(account.summary(),
+              "Error: Lost a\n" + begin + "Copied 1 files in the range of: a ... a\n" + end);
+    account.addConfirmed("a");
+    EXPECT_EQ(account.summary(), begin + "Copied 2 files in the range of: a ... a\n" + end);
+}
+
+TEST(TransferAccount, TakesOneConfirmationForANameThatWasSentTwice) {
+    TransferAccount account;
+    account.addSent("a");
+    account.addSent("a");
+    account.addConfirmed("a");
+    EXPECT_EQ(account.summary(), begin + "Copied 1 files in the range of: a ... a\n" + end);
+}
+
+TEST(TransferAccount, FindsManyNamesConfirmedInAnotherOrderThanSent) {
+    constexpr int count = 5000;
+    TransferAccount account;
+    for (int i = 0; i < count; ++i) {
+        account.addSent("name_" + std::to_string(i));
+    }
+    for (int i = count - 1; i > 0; --i) {
+        account.addConfirmed("name_" + std::to_string(i));
+    }
+    EXPECT_EQ(account.summary(), "Error: Lost name_0\n" + begin +
+                                     "Copied 4999 files in the range of: name_4999 ... name_1\n" +
+                                     end);
+}
+
 TEST(TransferAccount, IgnoresEmptyNames) {
     TransferAccount account;
     account.addSent("");
