@@ -2,6 +2,7 @@
 #include "bench/micro/texts.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
 
 std::string nameOf(int number) {
@@ -10,10 +11,23 @@ std::string nameOf(int number) {
     return name;
 }
 
+std::string listingLineOf(int number) {
+    // Sizes of one to seven digits, as a listing shows them.
+    const int size = static_cast<int>(std::int64_t{number} * 7919 % 10007 * 999 >> number % 20);
+    std::string digits = std::to_string(size);
+    for (std::size_t i = digits.size(); i > 3; i -= 3) {
+        digits.insert(i - 3, ",");
+    }
+    char line[128];
+    std::snprintf(line, sizeof line, "-rw-r--r-- %14s 2026/01/02 03:04:05 %s\n", digits.c_str(),
+                  nameOf(number).c_str());
+    return line;
+}
+
 std::string listingOf(int files) {
     std::string text;
     for (int i = 0; i < files; ++i) {
-        text += "-rw-r--r--         20,000 2026/01/02 03:04:05 " + nameOf(i) + "\n";
+        text += listingLineOf(i);
     }
     return text;
 }

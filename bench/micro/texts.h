@@ -7,6 +7,9 @@
 /// The number-th file's name: 30 characters, in folders of a thousand.
 std::string nameOf(int number);
 
+/// The line with which a copy program lists the number-th file.
+std::string listingLineOf(int number);
+
 /// The lines with which a copy program lists so many files.
 std::string listingOf(int files);
 
