@@ -88,6 +88,12 @@ void listingMemory(benchmark::State& state) {
     }
 }
 
-BENCHMARK(listingMemory)->Arg(100000)->Arg(1000000)->Iterations(1);
+BENCHMARK(listingMemory)
+    ->Arg(10000)
+    ->Arg(30000)
+    ->Arg(100000)
+    ->Arg(300000)
+    ->Arg(1000000)
+    ->Iterations(1);
 
 } // namespace
