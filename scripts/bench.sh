@@ -1,0 +1,65 @@
+#!/usr/bin/env bash
+# Runs the benchmarks: micro (the daemon's own work by the piece), drain (whole shares, beside other ways of pulling
+# them), growth (more files, more detectors), idle (an empty cycle). Installs what is missing, builds first, and measures
+# in the sandbox. All parts together take less than 20 minutes on two cores.
+#
+#   bench.sh [--quick] [PART...]
+#
+# When all parts were run, their numbers are kept in docs/performance/results.jsonl, and the tables of
+# docs/performance.md and its plots are written from them. --quick shows only that all of it works, and keeps nothing.
+# The status is 0 unless a part fails; a target that is missed is told, and no failure.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+all=(micro drain growth idle)
+quick=() parts=()
+for argument in "$@"; do
+    case $argument in
+        --quick) quick=(--quick) ;;
+        micro | drain | growth | idle) parts+=("$argument") ;;
+        -h | --help)
+            sed -n '2,/^set /s/^# \{0,1\}//p' "$0"
+            exit 0
+            ;;
+        *)
+            printf 'usage: bench.sh [--quick] [PART...]   (%s)\n' "${all[*]}" >&2
+            exit 2
+            ;;
+    esac
+done
+[ ${#parts[@]} -gt 0 ] || parts=("${all[@]}")
+
+began=$(date +%s)
+scripts/install-packages.sh bench
+# Inside the project, which the sandbox shows at its own path.
+build=build/bench
+results=$build/results
+printf 'Building the programs in %s ...\n' "$build"
+scripts/build-programs.sh "$build" -DSKARN_BENCH=ON
+if ! output=$(cmake --build "$build" --parallel "$(nproc)" --target skarn_micro_bench 2>&1); then
+    printf '%s\n' "$output" >&2
+    exit 1
+fi
+export PYTHONPATH=$PWD/tests:$PWD/bench PYTHONDONTWRITEBYTECODE=1 SKARN_BINARY=$PWD/$build/skarn \
+    CONFIRMING_RSYNC_BINARY=$PWD/$build/confirming_rsync/confirming_rsync \
+    SKARN_MICRO_BINARY=$PWD/$build/bench/micro/skarn_micro_bench
+
+rm -rf "$results"
+mkdir -p "$results"
+failed=() files=()
+for part in "${parts[@]}"; do
+    printf '\n== %s\n' "$part"
+    tests/support/sandbox /usr/bin/python3 bench/run.py measure "$part" --output "$PWD/$results/$part.json" \
+        "${quick[@]}" || failed+=("$part")
+    files+=("$results/$part.json")
+done
+if [ ${#failed[@]} -gt 0 ]; then
+    printf 'Failed: %s\n' "${failed[*]}" >&2
+    exit 1
+fi
+if [ ${#quick[@]} -eq 0 ] && [ "$(printf '%s\n' "${parts[@]}" | sort -u)" = "$(printf '%s\n' "${all[@]}" | sort)" ]; then
+    /usr/bin/python3 bench/run.py record --build "$build" --began "$began" "${files[@]}"
+    /usr/bin/python3 bench/run.py render
+    printf '\nKept in docs/performance/results.jsonl; docs/performance.md tells it.\n'
+fi
+printf 'It took %d seconds.\n' "$(($(date +%s) - began))"
