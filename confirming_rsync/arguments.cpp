@@ -35,18 +35,19 @@ bool readOption(const std::vector<std::string>& arguments, std::size_t at, std::
 }
 
 /// A share's host that went away without a word would be waited for as long as the kernel does.
+/// Without TCP_NODELAY small messages wait for the peer's delayed acknowledgement: once in a
+/// listing, and for each removal in a copy.
 std::vector<std::string> optionsForAnyCall(bool ofAShare) {
     std::vector<std::string> options{"--8-bit-output"};
     if (ofAShare) {
         options.emplace_back("--contimeout=30");
+        options.emplace_back("--sockopts=TCP_NODELAY");
     }
     return options;
 }
 
 void addOptionsForReport(const std::string& uid, const std::string& gid,
                          std::vector<std::string>& options) {
-    // Without TCP_NODELAY each removal waits for the peer's delayed acknowledgement.
-    options.emplace_back("--sockopts=TCP_NODELAY");
     options.emplace_back("--info=remove1");
     if (!uid.empty() || !gid.empty()) {
         options.emplace_back("-og");

@@ -5,6 +5,7 @@
 #include "confirming_rsync/printed_name.h"
 #include "confirming_rsync/text_files.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 
@@ -59,11 +60,12 @@ FileIdentity identityFrom(const struct stat& status, const std::string& path) {
 } // namespace
 
 ListedNames listedNames(std::string_view text, bool endedByNul) {
-    using namespace std::string_view_literals;
-    const std::string_view ends = endedByNul ? "\0"sv : "\n\r"sv;
     ListedNames listed;
     while (!text.empty()) {
-        const std::size_t end = text.find_first_of(ends);
+        std::size_t end = text.find(endedByNul ? '\0' : '\n');
+        if (!endedByNul) {
+            end = std::min(end, text.substr(0, end).find('\r'));
+        }
         const std::string_view name = text.substr(0, end);
         if (isPlain(trimmed(name))) {
             listed.names.push_back(printedName(trimmed(name)));

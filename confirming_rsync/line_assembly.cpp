@@ -2,37 +2,43 @@
 #include "confirming_rsync/line_assembly.h"
 
 #include <algorithm>
-#include <utility>
 
 namespace confirming {
 
-void LineAssembly::take(std::string_view bytes, std::vector<LinePiece>& pieces) {
+void LineAssembly::take(std::string_view bytes, const Sink& sink) {
     while (!bytes.empty()) {
-        const std::size_t lineFeed = bytes.find('\n');
-        const std::size_t available = std::min(lineFeed, bytes.size());
-        const std::size_t taken = std::min(available, limit - pending_.size());
-        pending_.append(bytes.substr(0, taken));
-        bytes.remove_prefix(taken);
-        if (!bytes.empty() && bytes.front() == '\n') {
-            bytes.remove_prefix(1);
-            put(true, pieces);
-        } else if (!bytes.empty()) {
-            // Full, and at least one more byte of the same line has come.
-            put(false, pieces);
+        const std::size_t available = std::min(bytes.find('\n'), bytes.size());
+        const std::string_view part =
+            bytes.substr(0, std::min(available, limit - pending_.size()));
+        bytes.remove_prefix(part.size());
+        if (bytes.empty()) {
+            pending_.append(part);
+            return;
         }
+        // Otherwise it is full, and at least one more byte of the same line has come.
+        const bool ends = bytes.front() == '\n';
+        if (ends) {
+            bytes.remove_prefix(1);
+        }
+        put(part, ends, sink);
     }
 }
 
-void LineAssembly::finish(std::vector<LinePiece>& pieces) {
+void LineAssembly::finish(const Sink& sink) {
     if (!pending_.empty()) {
-        put(false, pieces);
+        put({}, false, sink);
     }
     begins_ = true;
 }
 
-void LineAssembly::put(bool ends, std::vector<LinePiece>& pieces) {
-    pieces.push_back(LinePiece{std::move(pending_), begins_, ends});
-    pending_.clear();
+void LineAssembly::put(std::string_view part, bool ends, const Sink& sink) {
+    if (pending_.empty()) {
+        sink({part, begins_, ends});
+    } else {
+        pending_.append(part);
+        sink({pending_, begins_, ends});
+        pending_.clear();
+    }
     begins_ = ends;
 }
 

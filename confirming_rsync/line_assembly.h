@@ -2,17 +2,17 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <string>
 #include <string_view>
-#include <vector>
 
 namespace confirming {
 
 /// One piece of a stream. Most pieces are a whole line: they begin and end it.
 struct LinePiece {
-    std::string text;   // without the line feed
-    bool begins = true; // the line's first byte is the piece's first
-    bool ends = true;   // a line feed followed
+    std::string_view text; // without the line feed; valid only while the piece is handed on
+    bool begins = true;    // the line's first byte is the piece's first
+    bool ends = true;      // a line feed followed
 };
 
 /// Cuts a stream into lines. A line that grows beyond the limit comes in pieces of exactly `limit`
@@ -24,14 +24,16 @@ public:
     /// included. Names that the daemon deals with are shorter still: it cuts listings likewise.
     static constexpr std::size_t limit = 1015;
 
-    /// Takes the next bytes of the stream; appends to `pieces` what is complete by now.
-    void take(std::string_view bytes, std::vector<LinePiece>& pieces);
+    using Sink = std::function<void(const LinePiece&)>;
 
-    /// The stream has ended: appends what is left without a line feed, if anything.
-    void finish(std::vector<LinePiece>& pieces);
+    /// Takes the next bytes of the stream; hands on what is complete by now.
+    void take(std::string_view bytes, const Sink& sink);
+
+    /// The stream has ended: hands on what is left without a line feed, if anything.
+    void finish(const Sink& sink);
 
 private:
-    void put(bool ends, std::vector<LinePiece>& pieces);
+    void put(std::string_view part, bool ends, const Sink& sink);
 
     std::string pending_;
     bool begins_ = true;

@@ -1,6 +1,7 @@
 // File names as rsync prints them, and back.
 #include "confirming_rsync/printed_name.h"
 
+#include <algorithm>
 #include <cstddef>
 
 namespace confirming {
@@ -38,6 +39,12 @@ void appendEscape(std::string& text, unsigned char byte) {
 } // namespace
 
 std::string printedName(std::string_view name) {
+    const auto isOrdinary = [](char character) {
+        return static_cast<unsigned char>(character) >= ' ' && character != '\\';
+    };
+    if (std::all_of(name.begin(), name.end(), isOrdinary)) {
+        return std::string(name);
+    }
     std::string printed;
     printed.reserve(name.size());
     for (std::size_t at = 0; at < name.size(); ++at) {

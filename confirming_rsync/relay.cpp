@@ -18,7 +18,10 @@ constexpr std::size_t fullReport = 65536;
 
 /// How long a child is left alone after it was read from, unless there was more. Rsync writes each
 /// line on its own; waking up for each, here and at the reader's, would cost more than the line.
+/// After a portion of some lines it goes on copying, and more of them are waited for.
 constexpr std::chrono::milliseconds rest{5};
+constexpr std::chrono::milliseconds longRest{20};
+constexpr std::size_t longPortion = 256;
 
 /// No wait is longer, so that an event that came unnoticed is noticed.
 constexpr std::chrono::milliseconds longestWait{1000};
@@ -35,17 +38,19 @@ int millisecondsUntil(Clock::time_point time) {
     return static_cast<int>(left.count()) + 1;
 }
 
-/// Hands on what is there to read; closes the descriptor at the end of the stream. True if more may
-/// be there.
-bool readSome(Descriptor& from, const std::function<void(std::string_view)>& sink) {
-    std::array<char, 32768> buffer{};
+constexpr std::size_t mostAtOnce = 8192;
+
+/// Hands on what is there to read, and returns how much that was; closes the descriptor at the end
+/// of the stream.
+std::size_t readSome(Descriptor& from, const std::function<void(std::string_view)>& sink) {
+    std::array<char, mostAtOnce> buffer{};
     const ssize_t count = ::read(from.get(), buffer.data(), buffer.size());
     if (count > 0) {
         sink(std::string_view(buffer.data(), static_cast<std::size_t>(count)));
     } else if (count == 0 || errno != EINTR) {
         from.close();
     }
-    return count == static_cast<ssize_t>(buffer.size());
+    return static_cast<std::size_t>(std::max<ssize_t>(count, 0));
 }
 
 } // namespace
@@ -89,21 +94,22 @@ void Relay::step(Child* child, const Sinks* sinks, Clock::time_point until) {
     if (!reading || (polled[2].revents == 0 && polled[3].revents == 0)) {
         return;
     }
-    bool more = false;
+    std::size_t portion = 0;
     if (polled[2].revents != 0) {
-        more = readSome(child->output, sinks->output);
+        portion = readSome(child->output, sinks->output);
     }
     if (polled[3].revents != 0) {
-        more = readSome(child->errorOutput, sinks->errorOutput) || more;
+        portion = std::max(portion, readSome(child->errorOutput, sinks->errorOutput));
     }
-    if (!more) {
-        restsUntil_ = Clock::now() + rest;
+    if (portion < mostAtOnce) {
+        restsUntil_ = Clock::now() + (portion < longPortion ? rest : longRest);
     }
 }
 
 void Relay::takeSignals() {
     for (int signal = signals_.take(); signal != 0; signal = signals_.take()) {
         if (signal == SIGCHLD) {
+            restsUntil_ = {}; // nothing more is going to come
             continue;
         }
         if (stopSignal_ == 0) {

@@ -36,32 +36,16 @@ ReportFilter::ReportFilter(SentLineMayFollow sentLineMayFollow, MayBeRemoved may
 }
 
 void ReportFilter::takeOutput(std::string_view bytes) {
-    std::vector<LinePiece> pieces;
-    output_.take(bytes, pieces);
-    for (const LinePiece& piece : pieces) {
-        handleOutput(piece);
-    }
+    output_.take(bytes, [this](const LinePiece& piece) { handleOutput(piece); });
 }
 
 void ReportFilter::takeErrorOutput(std::string_view bytes) {
-    std::vector<LinePiece> pieces;
-    errorOutput_.take(bytes, pieces);
-    for (const LinePiece& piece : pieces) {
-        handleErrorOutput(piece);
-    }
+    errorOutput_.take(bytes, [this](const LinePiece& piece) { handleErrorOutput(piece); });
 }
 
 void ReportFilter::finish(const IsInPlace& isInPlace) {
-    std::vector<LinePiece> pieces;
-    output_.finish(pieces);
-    for (const LinePiece& piece : pieces) {
-        putPiece(piece, Origin::output);
-    }
-    pieces.clear();
-    errorOutput_.finish(pieces);
-    for (const LinePiece& piece : pieces) {
-        putPiece(piece, Origin::errorOutput);
-    }
+    output_.finish([this](const LinePiece& piece) { putPiece(piece, Origin::output); });
+    errorOutput_.finish([this](const LinePiece& piece) { putPiece(piece, Origin::errorOutput); });
     for (const std::string& name : std::exchange(heldBack_, {})) {
         if (wasConfirmed(name) || isInPlace(name)) {
             confirm(name);
@@ -190,7 +174,8 @@ void ReportFilter::rememberComplaint(std::string_view line) {
 /// Every confirmation leaves here.
 void ReportFilter::putConfirmation(const char* how, const std::string& name) {
     confirmed_ = true;
-    putLine(std::string("CONFIRMED: ") + how + " " + name);
+    report_.append("CONFIRMED: ").append(how).append(" ");
+    putLine(name);
     confirmations_.push_back({name, taken_ + report_.size()});
 }
 

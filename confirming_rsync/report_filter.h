@@ -6,10 +6,10 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <map>
 #include <set>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -112,7 +112,7 @@ private:
     MayBeRemoved mayBeRemoved_;
     LineAssembly output_;
     LineAssembly errorOutput_;
-    std::map<std::string, State> files_;
+    std::unordered_map<std::string, State> files_;
     std::vector<std::string> heldBack_; // in order of arrival; some may be confirmed by now
     std::set<std::string> complaints_;
     std::set<std::string> discarded_;

@@ -39,11 +39,9 @@ int ShareListing::run() {
     bool listsSomething = false;
     const Sinks sinks{[&](std::string_view bytes) {
                           writer.add(bytes);
-                          std::vector<LinePiece> pieces;
-                          assembly.take(bytes, pieces);
-                          for (const LinePiece& piece : pieces) {
+                          assembly.take(bytes, [&](const LinePiece& piece) {
                               listsSomething = listsSomething || namesSomething(piece.text);
-                          }
+                          });
                       },
                       [&](std::string_view bytes) { writeText(errorOutput, bytes); }};
     const auto isStopping = [&relay] { return relay.stopSignal() != 0 || relay.readerIsGone(); };

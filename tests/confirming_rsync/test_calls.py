@@ -37,7 +37,7 @@ def test_listing_becomes_stock_rsync() -> None:
     assert result.report.decode() == f"listing of {program.pid}\n"
     assert result.status == 5
     (call,) = calls()
-    added = ["--8-bit-output", "--contimeout=30", "--timeout=60"]
+    added = ["--8-bit-output", "--contimeout=30", "--sockopts=TCP_NODELAY", "--timeout=60"]
     assert call["arguments"] == [str(scripted_rsync()), *added, *LISTING]
     assert call["environment"] == {"RSYNC_UID": "", "RSYNC_GID": ""}
 
