@@ -13,6 +13,8 @@ results=$build/results
 
 purposes=(tests)
 [ "$preset" != clang ] || purposes+=(checks)
+# It builds the benchmarks and runs their quick form.
+[ "$preset" != release ] || purposes+=(bench)
 scripts/install-packages.sh "${purposes[@]}"
 cmake --preset "$preset"
 cmake --build --preset "$preset" --parallel "$(nproc)"

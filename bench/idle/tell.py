@@ -15,16 +15,19 @@ WAYS = {
 
 
 def targets(data: Data) -> list[Target]:
-    return [
-        Target(
-            "processor time of an empty cycle against its floor",
-            ratio_of_processor(data, "floor"),
-            MOST,
-        ),
-        Target(
-            "system calls of an empty cycle against its floor", ratio_of_calls(data, "floor"), MOST
-        ),
-    ]
+    found = []
+    for floor, name in (("floor", "its floor"), ("floor with a shell", "that with a second shell")):
+        found += [
+            Target(
+                f"processor time of an empty cycle against {name}",
+                ratio_of_processor(data, floor),
+                MOST,
+            ),
+            Target(
+                f"system calls of an empty cycle against {name}", ratio_of_calls(data, floor), MOST
+            ),
+        ]
+    return found
 
 
 def tables(data: Data) -> dict[str, str]:
