@@ -2,7 +2,7 @@
 """Drains a full share with a copy program that keeps a journal and with one that does not.
 
 Called by scripts/bench-journal.sh, in the sandbox. Each round is a drain with each of the two, as
-bench/drain.py does it, the order changing from round to round; one round is not counted. What is
+bench/drain does it, the order changing from round to round; one round is not counted. What is
 compared are the medians of the rounds' ratios, of the wall time and of the processor time of
 everything: other programs on the machine slow both ways of a round alike. Everything is in memory,
 the journals included.
@@ -11,13 +11,13 @@ the journals included.
 from __future__ import annotations
 
 import argparse
+import os
 import statistics
 import sys
 from pathlib import Path
 
-import drain
-from support.bed import install, make_stations
-from support.detector import frame_names
+from drain.share import Workload, check, empty, fill, make_station
+from drain.ways import Drain, counted, drain_by_daemon
 
 
 def parse_arguments() -> argparse.Namespace:
@@ -34,26 +34,35 @@ def parse_arguments() -> argparse.Namespace:
     return parser.parse_args()
 
 
+def drain_with(copy_program: Path, workload: Workload) -> Drain:
+    """One drain with that copy program, from filling the share to the check."""
+    station = make_station(copy_program, minpause=50)
+    empty(station)
+    fill(station, workload)
+    with counted(station, lambda: drain_by_daemon(station, workload.names())) as result:
+        check(station, workload)
+    return result
+
+
 def main() -> int:
     options = parse_arguments()
-    names = sorted(frame_names(options.files))
-    (station,) = make_stations(1)
+    os.environ["SKARN_BINARY"] = str(options.skarn)
+    workload = Workload(options.files, options.size)
     programs = {"with": options.with_journal, "without": options.without_journal}
     walls, processors = [], []
     print(f"{options.files} files of {options.size} bytes; with the journal and without it")
     for number in range(options.rounds + 1):
-        this = {}
-        for way in sorted(programs, reverse=number % 2 == 1):
-            install(programs[way], [station])
-            this[way] = drain.drain(
-                lambda: drain.drain_by_skarn(options, station, names), station, names, options
-            )
-        wall = this["with"].done / this["without"].done
-        processor = this["with"].processor / this["without"].processor
+        this = {
+            way: drain_with(programs[way], workload)
+            for way in sorted(programs, reverse=number % 2 == 1)
+        }
+        wall = this["with"].wall / this["without"].wall
+        spent = {way: result.clients + result.server for way, result in this.items()}
+        processor = spent["with"] / spent["without"]
         print(
-            f"  {number or 'warm-up':>7}   {this['with'].done:5.3f} s  {this['without'].done:5.3f} s"
-            f"  ratio {wall:5.3f}    processor {this['with'].processor:5.2f} s"
-            f"  {this['without'].processor:5.2f} s  ratio {processor:5.3f}",
+            f"  {number or 'warm-up':>7}   {this['with'].wall:5.3f} s  {this['without'].wall:5.3f} s"
+            f"  ratio {wall:5.3f}    processor {spent['with']:5.2f} s"
+            f"  {spent['without']:5.2f} s  ratio {processor:5.3f}",
             flush=True,
         )
         if number > 0:
