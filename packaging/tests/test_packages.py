@@ -234,8 +234,8 @@ def test_a_consumer_that_closes_the_pipe_costs_no_announcement(machine: Machine)
         f"grep SigIgn /proc/{before}/status | grep -q '0000000000000000' || echo SIGPIPE ignored"
     )
     machine.succeed("systemctl stop vantrel")
-    # This one leaves in the middle of the records.
-    machine.start("hasty", f"exec 3<{PIPE}; head -c 2000 <&3 >>/root/records; exec 3<&-")
+    # This one leaves in the middle of the records, and of a line, which the next one must not go on.
+    machine.start("hasty", f"exec 3<{PIPE}; (head -c 2000 <&3; echo) >>/root/records; exec 3<&-")
     names = write_files(machine, "run2", 2000, 100)
     wait_until(lambda: machine.run("systemctl is-active hasty").returncode != 0, "hasty left", 60)
     start_consumer(machine)
