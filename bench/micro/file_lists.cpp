@@ -21,7 +21,7 @@ void fileLists(benchmark::State& state) {
     for (int i = 0; i < names; ++i) {
         transferList.add(nameOf(i));
     }
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         std::vector<FileList> dealt = dealNames(transferList, lists);
         for (FileList& list : dealt) {
             list.close();
@@ -41,7 +41,7 @@ void fileListsFloor(benchmark::State& state) {
     for (int i = 0; i < names / lists; ++i) {
         text += nameOf(i) + "\n";
     }
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         for (int i = 0; i < lists; ++i) {
             const std::string path = inScratchFolder("list_" + std::to_string(i));
             const Descriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));

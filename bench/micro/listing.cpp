@@ -17,7 +17,7 @@ constexpr int files = 10000;
 template<typename Read>
 void readListings(benchmark::State& state, Peer peer, const Read& read) {
     const std::string text = listingOf(files);
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         state.PauseTiming();
         {
             FedPipe pipe(text, peer);

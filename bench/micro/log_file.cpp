@@ -42,7 +42,7 @@ void logInsertion(benchmark::State& state) {
     int number = 12345;
     benchmark::DoNotOptimize(number);
     LogFile log(nullptr);
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         for (int i = 0; i < linesCollected; ++i) {
             insert(log, number);
         }
@@ -55,7 +55,7 @@ void logInsertion(benchmark::State& state) {
 
 void logInsertionFloor(benchmark::State& state, const std::string& line) {
     std::string collected;
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         for (int i = 0; i < linesCollected; ++i) {
             collected.append(line);
             benchmark::ClobberMemory();
@@ -75,7 +75,7 @@ BENCHMARK_CAPTURE(logInsertionFloor, texts_and_number, textsAndNumber);
 void logWriteOut(benchmark::State& state) {
     const std::string path = inScratchFolder("written.log");
     LogFile log(path, nullptr);
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         log << texts << endl;
     }
     state.SetItemsProcessed(state.iterations());
@@ -87,7 +87,7 @@ void logWriteOutFloor(benchmark::State& state) {
     const std::string path = inScratchFolder("written.log");
     const Descriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
     const std::string line = texts + "\n";
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         writeUnchecked(file.get(), line);
     }
     state.SetItemsProcessed(state.iterations());
@@ -98,7 +98,7 @@ void logWriteOutFloor(benchmark::State& state) {
 void logWriteOutFloorOpened(benchmark::State& state) {
     const std::string path = inScratchFolder("written.log");
     const std::string line = texts + "\n";
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         const Descriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644));
         writeUnchecked(file.get(), line);
     }

@@ -61,7 +61,7 @@ Usage parseListing(int files) {
 
 void listingMemory(benchmark::State& state) {
     const int files = static_cast<int>(state.range(0));
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         int ends[2];
         if (pipe(ends) != 0) {
             state.SkipWithError("no pipe");

@@ -14,7 +14,7 @@ const std::vector<int> pids = {10001, 10002, 10003, 10004, 10005, 10006, 10007, 
 
 void pidFile(benchmark::State& state) {
     const std::string path = inScratchFolder("pid");
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         benchmark::DoNotOptimize(UTILITIES::setPidFile(path, pids));
     }
     state.SetItemsProcessed(state.iterations());
@@ -31,7 +31,7 @@ void writeLines(int descriptor) {
 void pidFileFloor(benchmark::State& state) {
     const std::string path = inScratchFolder("pid");
     const Descriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         writeLines(file.get());
         state.PauseTiming();
         lseek(file.get(), 0, SEEK_SET);
@@ -44,7 +44,7 @@ void pidFileFloor(benchmark::State& state) {
 /// The same, with the file opened and emptied for each.
 void pidFileFloorOpened(benchmark::State& state) {
     const std::string path = inScratchFolder("pid");
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         const Descriptor file(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
         writeLines(file.get());
     }

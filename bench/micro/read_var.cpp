@@ -1,8 +1,6 @@
 // Looking a key up in a large configuration text.
 #include "utilities/text.h"
 
-#include <cstring>
-
 #include <benchmark/benchmark.h>
 
 namespace {
@@ -20,7 +18,7 @@ std::string otherLines() {
 }
 
 void readVarOf(benchmark::State& state, const std::string& text) {
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         int value = 0;
         if (!UTILITIES::readVar(text, "logfile_max_number", value) || value != 42) {
             state.SkipWithError("not found");
@@ -40,8 +38,8 @@ void readVarFirst(benchmark::State& state) {
 /// One look at every byte, for one that is not there.
 void readVarFloor(benchmark::State& state) {
     const std::string text = otherLines() + keyLine;
-    for (auto _ : state) {
-        benchmark::DoNotOptimize(std::memchr(text.data(), '\1', text.size()));
+    for ([[maybe_unused]] auto _ : state) {
+        benchmark::DoNotOptimize(text.find('\1')); // that is memchr
     }
     state.SetItemsProcessed(state.iterations());
 }

@@ -34,7 +34,7 @@ template<typename Evaluate>
 void readReport(benchmark::State& state, int lag, Peer peer, const Evaluate& evaluate) {
     const std::string text = reportOf(files, lag);
     const std::size_t expected = sizeOf(recordsOf(files, target));
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         state.PauseTiming();
         {
             DrainedFifo fifo(inScratchFolder("fifo"), peer);
@@ -88,7 +88,7 @@ BENCHMARK_CAPTURE(reportFloor, busy, usualLag, Peer::busy);
 /// The reader alone, without the hand-off.
 void reportLines(benchmark::State& state) {
     const std::string text = reportOf(files, usualLag);
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         state.PauseTiming();
         FedPipe pipe(text, Peer::still);
         FILE* const stream = fdopen(pipe.takeReadEnd(), "r");
@@ -106,7 +106,7 @@ void reportLines(benchmark::State& state) {
 
 void reportLinesFloor(benchmark::State& state) {
     const std::string text = reportOf(files, usualLag);
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         state.PauseTiming();
         FedPipe pipe(text, Peer::still);
         FILE* const stream = fdopen(pipe.takeReadEnd(), "r");

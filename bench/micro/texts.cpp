@@ -48,6 +48,7 @@ std::string reportOf(int files, int lag) {
 
 std::vector<std::string> recordsOf(int files, const std::string& target) {
     std::vector<std::string> records;
+    records.reserve(static_cast<std::size_t>(files));
     for (int i = 0; i < files; ++i) {
         records.push_back(target + "/" + nameOf(i) + "\n");
     }

@@ -20,7 +20,7 @@ std::string manyWords() {
 
 void tokenize(benchmark::State& state) {
     const std::string text = manyWords();
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         for (const char* const word : UTILITIES::tokenize(text, ' ')) {
             delete[] word;
         }
@@ -31,7 +31,7 @@ void tokenize(benchmark::State& state) {
 /// Finding the blanks.
 void tokenizeFloor(benchmark::State& state) {
     const std::string text = manyWords();
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         const char* position = text.data();
         const char* const end = position + text.size();
         int found = 0;
