@@ -109,16 +109,17 @@ def as_text(part: str, data: Data) -> str:
 
 def record(place: Place, build: Path, began: float, files: list[Path]) -> None:
     """Adds a full run to the ones that are kept; the oldest goes."""
+    parts = {file.stem: json.loads(file.read_text(encoding="utf-8")) for file in files}
+    missing = set(PARTS) - parts.keys()
+    if missing:
+        sys.exit(f"no full run without {', '.join(sorted(missing))}")
     run = {
         "date": datetime.datetime.now(datetime.timezone.utc).strftime("%Y-%m-%d %H:%M UTC"),
         "machine": machine(),
         "versions": versions(build),
         "seconds": round(time.time() - began),
-        "parts": {file.stem: json.loads(file.read_text(encoding="utf-8")) for file in files},
+        "parts": parts,
     }
-    missing = set(PARTS) - run["parts"].keys()  # type: ignore[attr-defined]
-    if missing:
-        sys.exit(f"no full run without {', '.join(sorted(missing))}")
     place.folder.mkdir(parents=True, exist_ok=True)
     runs = [*kept(place), run][-KEPT:]
     place.results.write_text("".join(json.dumps(each) + "\n" for each in runs), encoding="utf-8")
@@ -244,13 +245,18 @@ def machine_table(runs: list[dict[str, Any]]) -> str:
         "duration": [f"{run['seconds'] / 60:.1f} minutes" for run in runs],
     }
     head = [f"| | {' | '.join(run_names(runs))} |", "|---|" + "---|" * len(runs)]
-    return "\n".join([*head, *(f"| {name} | {' | '.join(row)} |" for name, row in rows.items())]) + "\n"
+    lines = [f"| {name} | {' | '.join(row)} |" for name, row in rows.items()]
+    return "\n".join([*head, *lines]) + "\n"
 
 
 def targets_table(runs: list[dict[str, Any]]) -> str:
     """Every target of the last run, with its values in all runs."""
     of_runs = [
-        {(part, t.what): t for part, data in run["parts"].items() for t in teller(part).targets(data)}
+        {
+            (part, target.what): target
+            for part, data in run["parts"].items()
+            for target in teller(part).targets(data)
+        }
         for run in runs
     ]
     lines = [
@@ -306,29 +312,30 @@ def script(plot: Plot, output: Path) -> str:
     """What gnuplot is told."""
     names = [name for name, points in plot.series.items() if points]
     blocks = [
-        f"${'s%d' % index} << EOD\n"
+        f"$s{index} << EOD\n"
         + "".join(f"{x:.9g} {y:.9g}\n" for x, y in plot.series[name])
         + "EOD\n"
         for index, name in enumerate(names)
     ]
     lines = [
-        "set terminal svg size 760,440 font 'DejaVu Sans,13' background rgb 'white' noenhanced",
+        # Each line of the key has room of its own below the picture.
+        f"set terminal svg size 760,{380 + 20 * len(names)} font 'DejaVu Sans,13' "
+        "background rgb 'white' noenhanced",
         f"set output {quoted(output.name)}",
         f"set title {quoted(plot.title)}",
         f"set xlabel {quoted(plot.x_label)}",
         f"set ylabel {quoted(plot.y_label)}",
-        "set key outside bottom center horizontal noopaque",
+        "set key outside bottom center vertical maxcols 1 Left reverse",
         "set grid xtics ytics linecolor rgb '#dddddd'",
         "set border 3",
         "set tics nomirror",
-        "set offsets graph 0.03, graph 0.03, graph 0.05, graph 0.05",
         "set format x '%.6g'" if not plot.x_is_logarithmic else "set format x '%.0f'",
         "set format y '%.6g'",
         "set logscale x 10" if plot.x_is_logarithmic else "",
         "set logscale y 10" if plot.y_is_logarithmic else "set yrange [0:*]",
         *plot.settings,
     ]
-    colours = ["#0b6bb5", "#d1495b", "#2e8540", "#8a5a00", "#6a3d9a", "#444444", "#00868b", "#e08214"]
+    colours = "#0b6bb5 #d1495b #2e8540 #8a5a00 #6a3d9a #444444 #00868b #e08214".split()
     drawn = ", \\\n  ".join(
         f"$s{index} using 1:2 with linespoints linewidth 2 pointtype {index % 7 + 4} pointsize 0.8 "
         f"linecolor rgb '{colours[index % len(colours)]}' title {quoted(name)}"
