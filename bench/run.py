@@ -90,6 +90,8 @@ def measure(part: str, quick: bool, output: Path) -> None:
     data = module.measure(quick)
     output.write_text(json.dumps(data) + "\n", encoding="utf-8")
     print(as_text(part, data))
+    if quick:
+        print("These are figures of the quick form: they say that it works, and nothing else.")
     print(f"{part} took {time.monotonic() - begin:.0f} s", flush=True)
 
 

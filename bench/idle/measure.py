@@ -50,7 +50,7 @@ LISTING_COMMAND = re.compile(r'execve\("/bin/sh", \["sh", "-c", "(.*--list-only.
 
 def measure(quick: bool) -> Data:
     """Every round, and the calls of each program of each way."""
-    rounds, cycles, traced = (1, 20, 3) if quick else (5, 60, 20)
+    rounds, cycles, traced = (1, 20, 3) if quick else (5, 50, 20)
     acknowledge_at_once()
     (station,) = make_stations(1, server_log=True)
     install(Path(os.environ["CONFIRMING_RSYNC_BINARY"]), [station], minpause=MINPAUSE)

@@ -83,7 +83,7 @@ def costs(data: Data) -> str:
             f"| {ratios[0]} | {calls(data, way):.0f} | {ratios[1]} |"
         )
     own = median(each["daemon"]["own"] / each["daemon"]["cycles"] for each in data["rounds"])
-    lines += ["", f"Of the cycle, {own * 1e3:.2f} ms are the daemon's own, the rest its children's."]
+    lines += ["", f"{own * 1e3:.2f} ms of the cycle are the daemon's own, the rest its children's."]
     return "\n".join(lines)
 
 
