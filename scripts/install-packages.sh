@@ -14,7 +14,7 @@ control=(libcli11-dev libncurses-dev nlohmann-json3-dev prometheus-cpp-dev)
 # The sandbox (mount, unshare, ip), the other end of the transfers, and what drives them.
 demo=("${build[@]}" iproute2 mount python3 rsync util-linux)
 # Of prometheus only promtool is wanted, which checks metrics and alerts; no smaller package has it.
-tests=("${demo[@]}" "${control[@]}" libgmock-dev libgtest-dev prometheus python3-pytest tmux)
+tests=("${demo[@]}" "${control[@]}" gnuplot-nox libgmock-dev libgtest-dev prometheus python3-pytest tmux)
 soak=("${demo[@]}" gnuplot-nox)
 bench=("${demo[@]}" gnuplot-nox libbenchmark-dev parallel strace)
 races=("${tests[@]}" valgrind)
