@@ -22,6 +22,11 @@ namespace {
 
 constexpr const char* ownName = "rsync_orbelin: ";
 
+/// No rsync is given more names. It compares each name that the share sends with those that it has
+/// asked for, one after the other: with 10,000 of them, that takes longer than to copy the files if
+/// they are small.
+constexpr std::size_t largestPortion = 1500;
+
 /// Far beyond any honest answer.
 constexpr std::size_t longestAnswer = std::size_t{64} * 1024 * 1024;
 
@@ -62,10 +67,9 @@ int CopyRun::run() {
         beginJournal(list);
     }
     accountForEarlierRuns();
-    const int status = hasNames ? copy() : 0;
-    const auto open = conclude(status);
+    const Outcome outcome = hasNames ? copyAll() : Outcome{0, conclude({}, 0)};
     finishReport();
-    endJournal(open);
+    endJournal(outcome.open);
     if (relay_.stopSignal() != 0) {
         endBySignal(relay_.stopSignal());
         return 128 + relay_.stopSignal();
@@ -74,7 +78,7 @@ int CopyRun::run() {
         endBySignal(SIGPIPE);
         return 128 + SIGPIPE;
     }
-    return status;
+    return outcome.status;
 }
 
 /// False if the list names nothing to copy, or shall not be believed.
@@ -188,7 +192,7 @@ bool CopyRun::decideAboutEarlierRuns(EarlierRuns& earlier) {
     if (open.empty()) {
         return true;
     }
-    std::vector<std::string> names;
+    Names names;
     names.reserve(open.size());
     for (const JournalEntry& entry : open) {
         names.push_back(entry.name);
@@ -224,7 +228,7 @@ bool CopyRun::decideAboutEarlierRuns(EarlierRuns& earlier) {
 
 /// The last lines of the journal: what a later run has to take care of. Without `open`, that is
 /// every name without a confirmation.
-void CopyRun::endJournal(const std::optional<std::vector<std::string>>& open) {
+void CopyRun::endJournal(const std::optional<Names>& open) {
     if (!open || writer_.pending() > 0 || relay_.readerIsGone()) {
         return;
     }
@@ -240,13 +244,44 @@ void CopyRun::endJournal(const std::optional<std::vector<std::string>>& open) {
     }
 }
 
-int CopyRun::copy() {
+/// One rsync after the other, each for a portion of the list, until one of them breaks off.
+CopyRun::Outcome CopyRun::copyAll() {
+    // Without names there is one, too: rsync itself is to say what it makes of that.
+    const std::size_t portions =
+        std::max<std::size_t>((listed_.size() + largestPortion - 1) / largestPortion, 1);
+    const auto begin = [this, portions](std::size_t portion) {
+        return listed_.begin() + static_cast<std::ptrdiff_t>(listed_.size() * portion / portions);
+    };
+    Outcome all{0, Names()};
+    for (std::size_t portion = 0; portion < portions; ++portion) {
+        const Names names(begin(portion), begin(portion + 1));
+        const int status = copy(names, hasOthers_ || portions > 1);
+        const auto open = conclude(names, status);
+        if (status != 0) {
+            all.status = status;
+        }
+        if (!open) {
+            all.open.reset();
+            break;
+        }
+        all.open->insert(all.open->end(), open->begin(), open->end());
+        if (!isAnswered(status)) {
+            break;
+        }
+    }
+    return all;
+}
+
+/// Returns the exit status of rsync, which gets the names on its standard input or takes them from
+/// the list itself.
+int CopyRun::copy(const Names& names, bool onInput) {
     if (isStopping()) {
         return 128 + SIGTERM;
     }
-    const Descriptor input = hasOthers_ ? fileWith(questionInput(listed_))
-                                        : Descriptor(::open("/dev/null", O_RDONLY | O_CLOEXEC));
-    Child rsync({places_.stockRsync, hasOthers_ ? withListOnInput(arguments_) : arguments_.rsync,
+    filter_.beginRun();
+    const Descriptor input = onInput ? fileWith(questionInput(names))
+                                     : Descriptor(::open("/dev/null", O_RDONLY | O_CLOEXEC));
+    Child rsync({places_.stockRsync, onInput ? withListOnInput(arguments_) : arguments_.rsync,
                  environment_},
                 input, signals_);
     if (!rsync.hasStarted()) {
@@ -267,42 +302,41 @@ int CopyRun::copy() {
     return rsync.exitStatus();
 }
 
-/// The end of every run, however rsync ended. Returns the names that may yet turn out to be
+/// The end of every rsync, however it ended. Returns those of its names that may yet turn out to be
 /// received and removed at the source; nothing if that may be any name of the list.
-std::optional<std::vector<std::string>> CopyRun::conclude(int status) {
-    using Names = std::vector<std::string>;
+std::optional<CopyRun::Names> CopyRun::conclude(const Names& names, int status) {
     filter_.finish([this](const std::string& name) { return destination_.hasFile(name); });
     send();
     if (relay_.readerIsGone()) {
         return std::nullopt;
     }
     const bool complete = isAnswered(status) && !isStopping();
-    const Names names = unconfirmedNames(status);
+    const Names unconfirmed = unconfirmedNames(names, status);
     bool answered = true;
-    if (!names.empty()) {
+    if (!unconfirmed.empty()) {
         if (!complete) {
             pause(limits_.settling);
         }
-        answered = ask(names);
+        answered = ask(unconfirmed);
         send();
     }
     if (isStopping()) {
         return std::nullopt;
     }
     const bool decided = (complete && answered) || status == notStarted;
-    return decided ? Names() : receivedAndUnconfirmed();
+    return decided ? Names() : receivedAndUnconfirmed(names);
 }
 
 /// A file that is not in place by now was not received by this run. Another one may still be
 /// removed by a server that has not noticed yet that its connection broke.
-std::vector<std::string> CopyRun::receivedAndUnconfirmed() const {
-    std::vector<std::string> names;
-    for (const std::string& name : listed_) {
+CopyRun::Names CopyRun::receivedAndUnconfirmed(const Names& names) const {
+    Names received;
+    for (const std::string& name : names) {
         if (!filter_.wasConfirmed(name) && staysBelow(name) && destination_.hasFile(name)) {
-            names.push_back(name);
+            received.push_back(name);
         }
     }
-    return names;
+    return received;
 }
 
 void CopyRun::finishReport() {
@@ -328,24 +362,24 @@ void CopyRun::finishReport() {
 /// The names with a file in place whose removal was not reported: they were sent, or rsync saw them
 /// at the source and neither sent nor complained about them, so that the file was up to date. Only
 /// names of the list, since only these are known to be relative to the source.
-std::vector<std::string> CopyRun::unconfirmedNames(int status) const {
+CopyRun::Names CopyRun::unconfirmedNames(const Names& names, int status) const {
     const bool sawSource = isAnswered(status) || filter_.sawFileList();
-    std::vector<std::string> names;
-    for (const std::string& name : listed_) {
+    Names unconfirmed;
+    for (const std::string& name : names) {
         if (filter_.wasConfirmed(name) || filter_.wasDiscarded(name) || !staysBelow(name)) {
             continue;
         }
         const bool complained = share_ && filter_.wasComplainedAbout(share_->pathOf(name));
         const bool upToDate = sawSource && !complained;
         if ((filter_.wasSent(name) || upToDate) && destination_.hasFile(name)) {
-            names.push_back(name);
+            unconfirmed.push_back(name);
         }
     }
-    return names;
+    return unconfirmed;
 }
 
 /// Confirms those of the names whose source is gone. False if there was no answer.
-bool CopyRun::ask(const std::vector<std::string>& names) {
+bool CopyRun::ask(const Names& names) {
     // Nobody asks again soon, so that a break just now is given a chance to pass.
     const Answer answer = askWhichAreGone(names, 3);
     if (!answer.failure.empty()) {
@@ -364,7 +398,7 @@ bool CopyRun::ask(const std::vector<std::string>& names) {
     return true;
 }
 
-CopyRun::Answer CopyRun::askWhichAreGone(const std::vector<std::string>& names, int attempts) {
+CopyRun::Answer CopyRun::askWhichAreGone(const Names& names, int attempts) {
     if (!share_) {
         return {{}, "it is not a share of an rsync daemon"};
     }
@@ -380,7 +414,7 @@ CopyRun::Answer CopyRun::askWhichAreGone(const std::vector<std::string>& names, 
 }
 
 /// Puts the question once and takes in the answer.
-CopyRun::Answer CopyRun::readAnswer(const std::vector<std::string>& names, Clock::time_point end) {
+CopyRun::Answer CopyRun::readAnswer(const Names& names, Clock::time_point end) {
     Child rsync(
         {places_.stockRsync, questionArguments(arguments_.access, arguments_.source), environment_},
         fileWith(questionInput(names)), signals_);
@@ -411,7 +445,7 @@ CopyRun::Answer CopyRun::readAnswer(const std::vector<std::string>& names, Clock
     if (!isAnswered(rsync.exitStatus())) {
         return {{}, "rsync ended with status " + std::to_string(rsync.exitStatus())};
     }
-    const std::vector<std::string> gone = namesGone(*share_, names, output, errorOutput);
+    const Names gone = namesGone(*share_, names, output, errorOutput);
     return {{gone.begin(), gone.end()}, {}};
 }
 

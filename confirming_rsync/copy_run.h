@@ -61,32 +61,40 @@ public:
     CopyRun(Places places, Arguments arguments, std::vector<std::string> environment,
             const Limits& limits);
 
-    /// Returns the exit status for the program: stock rsync's own, or 127 if that can't be started.
+    /// Returns the exit status for the program: that of the last stock rsync that failed, 0 if none
+    /// did, or 127 if it can't be started.
     /// Does not return if a signal, or a reader that went away, ends the program.
     int run();
 
 private:
+    using Names = std::vector<std::string>;
+
     void beginJournal(const FileList& list);
     void recordConfirmations();
     bool writeJournal(std::string_view lines);
     void accountForEarlierRuns();
     bool decideAboutEarlierRuns(EarlierRuns& earlier);
-    void endJournal(const std::optional<std::vector<std::string>>& open);
+    void endJournal(const std::optional<Names>& open);
 
-    int copy();
     bool takeList(const FileList& list);
-    std::optional<std::vector<std::string>> conclude(int status);
+    struct Outcome {
+        int status = 0;            // that of the last rsync that failed; 0 if none did
+        std::optional<Names> open; // what `conclude` returned for all of them
+    };
+    Outcome copyAll();
+    int copy(const Names& names, bool onInput);
+    std::optional<Names> conclude(const Names& names, int status);
     void finishReport();
 
-    std::vector<std::string> unconfirmedNames(int status) const;
-    std::vector<std::string> receivedAndUnconfirmed() const;
-    bool ask(const std::vector<std::string>& names);
+    Names unconfirmedNames(const Names& names, int status) const;
+    Names receivedAndUnconfirmed(const Names& names) const;
+    bool ask(const Names& names);
     struct Answer {
         std::set<std::string> gone; // those of the names that the source does not have
         std::string failure;        // why there is no answer; empty if there is one
     };
-    Answer askWhichAreGone(const std::vector<std::string>& names, int attempts);
-    Answer readAnswer(const std::vector<std::string>& names, Clock::time_point end);
+    Answer askWhichAreGone(const Names& names, int attempts);
+    Answer readAnswer(const Names& names, Clock::time_point end);
     void pause(std::chrono::milliseconds duration);
 
     /// Reads the child until it and its output have ended, or all patience has. Telling it to end
@@ -113,7 +121,7 @@ private:
     ReportWriter writer_;
     Relay relay_;
     ReportFilter filter_;
-    std::vector<std::string> listed_;                // the names to be copied, as rsync prints them
+    Names listed_;                                   // the names to be copied, as rsync prints them
     std::unordered_set<std::string_view> listedSet_; // the same; empty if the list is not known
     bool hasOthers_ = false; // the list has entries that rsync shall not see
     std::optional<ProcessIdentity> daemon_;

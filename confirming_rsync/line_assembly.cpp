@@ -8,8 +8,7 @@ namespace confirming {
 void LineAssembly::take(std::string_view bytes, const Sink& sink) {
     while (!bytes.empty()) {
         const std::size_t available = std::min(bytes.find('\n'), bytes.size());
-        const std::string_view part =
-            bytes.substr(0, std::min(available, limit - pending_.size()));
+        const std::string_view part = bytes.substr(0, std::min(available, limit - pending_.size()));
         bytes.remove_prefix(part.size());
         if (bytes.empty()) {
             pending_.append(part);

@@ -35,6 +35,11 @@ ReportFilter::ReportFilter(SentLineMayFollow sentLineMayFollow, MayBeRemoved may
     : sentLineMayFollow_(std::move(sentLineMayFollow)), mayBeRemoved_(std::move(mayBeRemoved)) {
 }
 
+void ReportFilter::beginRun() {
+    sawFileList_ = false;
+    receiverFailures_ = 0;
+}
+
 void ReportFilter::takeOutput(std::string_view bytes) {
     output_.take(bytes, [this](const LinePiece& piece) { handleOutput(piece); });
 }

@@ -15,7 +15,8 @@
 
 namespace confirming {
 
-/// Reads the standard output and the error output of one stock rsync that was started with
+/// Reads the standard output and the error output of stock rsync, of one or of several that run one
+/// after the other for different names, that were started with
 /// --out-format='SENT: %n', --info=remove1 and --8-bit-output, and writes the report:
 ///
 ///   SENT: NAME                as it came; not for directories (NAME ends in a slash)
@@ -39,6 +40,10 @@ public:
     using MayBeRemoved = std::function<bool(const std::string& name)>;
 
     ReportFilter(SentLineMayFollow sentLineMayFollow, MayBeRemoved mayBeRemoved);
+
+    /// Another rsync is going to be read, whose names are others: what the last one said of its
+    /// file list, and of files that it could not create, counts no more.
+    void beginRun();
 
     /// Of a longer name, the daemon would take the beginning for the whole.
     static constexpr std::size_t longestName = 1000;
@@ -84,11 +89,11 @@ public:
     /// True if rsync gave up on the received file: nothing was put in place under this name.
     bool wasDiscarded(const std::string& name) const { return discarded_.count(name) != 0; }
 
-    /// True if rsync said that it has received the list of what there is at the source. What it
-    /// complained about until then is not there.
+    /// True if the last rsync said that it has received the list of what there is at the source.
+    /// What it complained about until then is not there.
     bool sawFileList() const { return sawFileList_; }
 
-    /// How many files rsync could not create here.
+    /// How many files the last rsync could not create here.
     std::size_t receiverFailures() const { return receiverFailures_; }
 
     /// True if rsync complained about this path of the share. The path is as rsync prints it,

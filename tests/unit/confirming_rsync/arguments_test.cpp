@@ -20,9 +20,9 @@ TEST(Arguments, OfAListingOfAShareGetLimitsToTheWaitingAndNoDelay) {
                         "rsync://root@10.0.0.1:49371/ramdisk/"};
     const Arguments arguments = readArguments(given, "5", "6");
     EXPECT_FALSE(arguments.confirming);
-    EXPECT_EQ(arguments.rsync,
-              joined({"--8-bit-output", "--contimeout=30", "--sockopts=TCP_NODELAY", "--timeout=60"},
-                     given));
+    EXPECT_EQ(arguments.rsync, joined({"--8-bit-output", "--contimeout=30",
+                                       "--sockopts=TCP_NODELAY", "--timeout=60"},
+                                      given));
     EXPECT_EQ(arguments.listedSource, given.back());
 }
 
