@@ -156,7 +156,7 @@ def streams_table(streams: Data) -> str:
         if "bare_rounds" in stream:
             lines.append(
                 f"- With a pause of {stream['pause']:g} s, a cycle had {stream['bare_files']:,} files "
-                f"on the average; one pass of `eight_at_once.sh` over as many takes "
+                f"on the average; one pass of `eight_at_once.sh` over\n  as many takes "
                 f"{statistics.median(stream['bare_rounds']):.3f} s (median of "
                 f"{len(stream['bare_rounds'])})."
             )

@@ -3,7 +3,8 @@
 Real rsync servers, the confirming copy program, files of 1 kB with contents of their own, all in
 memory. The time runs from the daemon's start, right before its first listing, to the moment the
 consumer has read the last record. At the end of the cycle, with the daemon still there, its
-processor time (its children apart), its children's, and the most memory that it ever had are read.
+processor time (its children apart), its children's, its page faults, and the most memory that it
+ever had are read.
 All is checked: every file there as it was, announced once, none left.
 
 The rounds take the sizes in turn; the largest, which is long enough not to be disturbed, has fewer.
@@ -84,6 +85,7 @@ def drain_by_daemon(stations: list[Station], names: list[str]) -> Data:
         result = {
             "daemon": time.clock_gettime((~daemon.pid << 3) | 2),
             "children": children_time(daemon.pid),
+            "faults": int(statistics_of(daemon.pid)[7]),
             "memory": int(status_field(daemon.pid, "VmHWM").split()[0]) * 1024,
         }
         daemon.end()
@@ -95,8 +97,13 @@ def drain_by_daemon(stations: list[Station], names: list[str]) -> Data:
 
 def children_time(pid: int) -> float:
     """Seconds of the children that a process has waited for, and of theirs."""
-    fields = Path(f"/proc/{pid}/stat").read_text(encoding="utf-8").rpartition(")")[2].split()
+    fields = statistics_of(pid)
     return (int(fields[13]) + int(fields[14])) / os.sysconf("SC_CLK_TCK")
+
+
+def statistics_of(pid: int) -> list[str]:
+    """What the kernel counts of a process, from its state on."""
+    return Path(f"/proc/{pid}/stat").read_text(encoding="utf-8").rpartition(")")[2].split()
 
 
 def stop(servers: list[RsyncServer]) -> None:

@@ -16,7 +16,7 @@ from growth import tell as growth
 from idle import tell as idle
 from results import Data, Plot, Target
 
-DRAIN = {"size": 1000, "daemon": 0.01, "children": 0.2, "memory": 3_000_000}
+DRAIN = {"size": 1000, "daemon": 0.01, "children": 0.2, "faults": 900, "memory": 3_000_000}
 GROWTH: Data = {
     "size": 1000,
     "files": [
@@ -77,7 +77,7 @@ def test_growth_is_told_by_medians_a_file() -> None:
     assert values(growth.targets(GROWTH)) == [1.5, 1.0, 50.0, 0.5, 2.0]
     assert [target.is_met for target in growth.targets(GROWTH)] == [False, True, True, True, False]
     table = growth.tables(GROWTH)["more files"]
-    assert "| 10,000 | 3 | 1.20 (1.00, 9.00) | 120 | 30.0 | 3.00 |" in table
+    assert "| 10,000 | 3 | 1.20 (1.00, 9.00) | 120 | 30.0 | 3.00 | 900 |" in table
     assert [plot.name for plot in growth.plots(GROWTH)] == ["growth-files", "growth-detectors"]
 
 
