@@ -331,13 +331,14 @@ def script(plot: Plot, output: Path) -> str:
     ]
     lines = [
         # Each line of the key has room of its own below the picture.
-        f"set terminal svg size 760,{380 + 20 * len(names)} font 'DejaVu Sans,13' "
+        f"set terminal svg size 760,{390 + 20 * len(names)} font 'DejaVu Sans,13' "
         "background rgb 'white' noenhanced",
         f"set output {quoted(output.name)}",
         f"set title {quoted(plot.title)}",
-        f"set xlabel {quoted(plot.x_label)}",
+        f"set xlabel {quoted(plot.x_label)} offset 0,0.4",
         f"set ylabel {quoted(plot.y_label)}",
         "set key outside bottom center vertical maxcols 1 Left reverse",
+        "set rmargin 6",  # for the last number below the axis
         "set grid xtics ytics linecolor rgb '#dddddd'",
         "set border 3",
         "set tics nomirror",
@@ -348,8 +349,9 @@ def script(plot: Plot, output: Path) -> str:
         *plot.settings,
     ]
     colours = "#0b6bb5 #d1495b #2e8540 #8a5a00 #6a3d9a #444444 #00868b #e08214".split()
+    # Those drawn later lie on top, and are thinner, so that both are seen where they are the same.
     drawn = ", \\\n  ".join(
-        f"$s{index} using 1:2 with linespoints linewidth 2 pointtype {index % 7 + 4} pointsize 0.8 "
+        f"$s{index} using 1:2 with linespoints linewidth {max(5 - index, 2)} pointtype {index % 7 + 4} pointsize 0.8 "
         f"linecolor rgb '{colours[index % len(colours)]}' title {quoted(name)}"
         for index, name in enumerate(names)
     )

@@ -168,8 +168,9 @@ def plots(data: Data) -> list[Plot]:
     for name, stream in data["streams"].items():
         way, _, _ = name.partition(" ")
         title = f"{way}, pause {stream['pause']:g} s".replace("_", " ")
+        percentiles = stream["delay_percentiles"]
         series[title] = [
-            (1000 * delay, number + 1) for number, delay in enumerate(stream["delay_percentiles"])
+            (1000 * percentiles[number - 1], number) for number in (1, *range(5, 100, 5), 99)
         ]
     return [
         Plot(
