@@ -150,8 +150,8 @@ def page(
         )
     lines += [
         "",
-        "The seconds are those of the loopback, whose packets hold 64 KB: the server's small messages",
-        "wait longer for acknowledgements there than in an ordinary network.",
+        "The seconds are those of the loopback, whose packets hold 64 KB: the server's small",
+        "messages wait longer for acknowledgements there than in an ordinary network.",
         "[performance.md](../performance.md) has the figures for the packets of one.",
     ]
     return "\n".join(lines) + "\n"
