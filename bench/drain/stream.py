@@ -3,13 +3,14 @@
 from __future__ import annotations
 
 import os
+import signal
 import statistics
 import subprocess
 import threading
 import time
 from bisect import bisect_right
 from collections.abc import Iterator
-from contextlib import contextmanager
+from contextlib import contextmanager, suppress
 from pathlib import Path
 from typing import Any
 
@@ -141,7 +142,8 @@ def running(command: list[str]) -> Iterator[None]:
         yield
         assert process.poll() is None, "the script has ended"
     finally:
-        os.killpg(process.pid, 15)
+        with suppress(ProcessLookupError):  # it had ended, which the assertion says
+            os.killpg(process.pid, signal.SIGTERM)
         process.wait(30)
 
 
