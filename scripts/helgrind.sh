@@ -30,7 +30,7 @@ left_out=(
 )
 
 scripts/install-packages.sh races
-cmake --preset release -B "$build"
+cmake --preset release -B "$build" -DSKARN_BENCH=OFF
 cmake --build "$build" --parallel "$(nproc)" --target skarn confirming_rsync scripted_copy
 
 rm -rf "$results"

@@ -23,7 +23,7 @@ coverage=("${tests[@]}" gcovr)
 packages=("${build[@]}" "${control[@]}" bash-completion debhelper dpkg-dev fakeroot git lintian pkgconf)
 package_tree=("${demo[@]}" "${packages[@]}" debootstrap python3-pytest systemd systemd-container)
 # The library that drives the fuzzers is part of the compiler's run-time library, which clang only recommends.
-checks=("${tests[@]}" clang clang-format clang-tidy git libclang-rt-dev mandoc mypy shellcheck)
+checks=("${tests[@]}" clang clang-format clang-tidy git libbenchmark-dev libclang-rt-dev mandoc mypy shellcheck)
 fuzz=("${build[@]}" clang git libclang-rt-dev)
 
 usage() {
