@@ -351,7 +351,8 @@ def script(plot: Plot, output: Path) -> str:
     colours = "#0b6bb5 #d1495b #2e8540 #8a5a00 #6a3d9a #444444 #00868b #e08214".split()
     # Those drawn later lie on top, and are thinner, so that both are seen where they are the same.
     drawn = ", \\\n  ".join(
-        f"$s{index} using 1:2 with linespoints linewidth {max(5 - index, 2)} pointtype {index % 7 + 4} pointsize 0.8 "
+        f"$s{index} using 1:2 with linespoints linewidth {max(5 - index, 2)} "
+        f"pointtype {index % 7 + 4} pointsize 0.8 "
         f"linecolor rgb '{colours[index % len(colours)]}' title {quoted(name)}"
         for index, name in enumerate(names)
     )

@@ -14,8 +14,9 @@ from contextlib import contextmanager, suppress
 from pathlib import Path
 from typing import Any
 
+import processor_time
 from drain.share import empty
-from drain.ways import LIMIT, processor_time_of, processor_time_of_ended, script_command
+from drain.ways import LIMIT, script_command
 from support.bed import Station
 from support.consumer import Consumer
 from support.daemon import Daemon, file_lists
@@ -27,7 +28,7 @@ STEP = 0.5  # seconds between two counts of the files that are on the way
 
 
 class Producer:
-    """Writes files at a steady rate and notes when each got its name (seconds of the wall clock)."""
+    """Writes files at a steady rate and notes when each got its name (wall clock)."""
 
     def __init__(self, folder: Path, seconds: float) -> None:
         self.appeared: dict[str, float] = {}
@@ -64,19 +65,19 @@ def stream_by_daemon(station: Station, seconds: float) -> dict[str, Any]:
         started = daemon.start()
         assert daemon.detached, started.errors + daemon.log()
         producer = Producer(station.simulator.root, seconds)
-        before, own = processor_time_of_ended(), processor_time_of(daemon.pid)
+        before, own = processor_time.of_ended(), processor_time.of_process(daemon.pid)
         # The consumer's clock is the monotonic one.
         offset = time.time() - time.monotonic()
         producer.start()
         producer.wait(seconds * 1.5 + 10)
         consumer.wait_for(len(producer.appeared), LIMIT)
         wait_until(lambda: not file_lists(), "the end of the cycle")
-        own = processor_time_of(daemon.pid) - own
+        own = processor_time.of_process(daemon.pid) - own
         cycles = daemon.log().count(" copy processes\n")
         daemon.end()
-        clients = processor_time_of_ended() - before
+        clients = processor_time.of_ended() - before
         station.server.stop()
-        server = processor_time_of_ended() - before - clients
+        server = processor_time.of_ended() - before - clients
     prefix = f"{station.announced_target}/"
     arrivals = {
         record.line[len(prefix) :]: record.arrival + offset
@@ -100,14 +101,14 @@ def stream_by_script(station: Station, script: str, pause: float, seconds: float
     empty(station)
     with station.server:
         producer = Producer(station.simulator.root, seconds)
-        before = processor_time_of_ended()
+        before = processor_time.of_ended()
         with running(script_command(script, station, pause, None)):
             producer.start()
             producer.wait(seconds * 1.5 + 10)
             in_time = arrived_within(10, station, len(producer.appeared))
-        clients = processor_time_of_ended() - before
+        clients = processor_time.of_ended() - before
         station.server.stop()
-        server = processor_time_of_ended() - before - clients
+        server = processor_time.of_ended() - before - clients
     arrivals = {
         entry.name: entry.stat().st_ctime
         for entry in os.scandir(station.target)

@@ -69,9 +69,8 @@ def targets(data: Data) -> list[Target]:
             limit = stream["pause"] + 3 * statistics.median(stream["bare_rounds"])
             what = f"stream, {pause}: 99th percentile of the delay"
             found.append(Target(what, stream["delay_percentiles"][98], limit, "s"))
-            found.append(
-                Target(f"stream, {pause}: files on the way at the end / before", growth(stream), 1.2)
-            )
+            what = f"stream, {pause}: files on the way at the end / before"
+            found.append(Target(what, growth(stream), 1.2))
     return found
 
 
@@ -155,8 +154,8 @@ def streams_table(streams: Data) -> str:
     for stream in streams.values():
         if "bare_rounds" in stream:
             lines.append(
-                f"- With a pause of {stream['pause']:g} s, a cycle had {stream['bare_files']:,} files "
-                f"on the average; one pass of `eight_at_once.sh` over\n  as many takes "
+                f"- With a pause of {stream['pause']:g} s, a cycle had {stream['bare_files']:,} "
+                f"files on the average; one pass of `eight_at_once.sh` over\n  as many takes "
                 f"{statistics.median(stream['bare_rounds']):.3f} s (median of "
                 f"{len(stream['bare_rounds'])})."
             )

@@ -2,7 +2,6 @@
 
 from __future__ import annotations
 
-import os
 import subprocess
 import time
 from collections.abc import Callable, Iterator
@@ -10,6 +9,7 @@ from contextlib import contextmanager
 from dataclasses import dataclass
 from pathlib import Path
 
+import processor_time
 from support.bed import Station
 from support.consumer import Consumer
 from support.daemon import PASSWORD_FILE, Daemon, file_lists
@@ -32,17 +32,6 @@ class Drain:
     server: float = 0.0  # that of the rsync server
 
 
-def processor_time_of(pid: int) -> float:
-    """A process's own processor seconds, threads that have ended included, children not."""
-    return time.clock_gettime((~pid << 3) | 2)
-
-
-def processor_time_of_ended() -> float:
-    """The processor seconds of all child processes that have been waited for."""
-    times = os.times()
-    return times.children_user + times.children_system
-
-
 def drain_by_daemon(station: Station, names: list[str]) -> Drain:
     """From the start of the daemon to the last file's line in the pipe."""
     with Consumer(nap=CONSUMER_NAP) as consumer, Daemon() as daemon:
@@ -52,7 +41,7 @@ def drain_by_daemon(station: Station, names: list[str]) -> Drain:
         consumer.wait_for(len(names), LIMIT)
         # The processor time of a copy process counts once the daemon has taken its status.
         wait_until(lambda: not file_lists(), "the end of the cycle")
-        own = processor_time_of(daemon.pid)
+        own = processor_time.of_process(daemon.pid)
         daemon.end()
     assert sorted(consumer.names_below(station.announced_target)) == names
     return Drain(consumer.records()[-1].arrival - begin, own)
@@ -90,10 +79,10 @@ WAYS: dict[str, Callable[[Station, list[str]], Drain]] = {
 def counted(station: Station, drain: Callable[[], Drain]) -> Iterator[Drain]:
     """Runs the station's server, and within it a drain whose processor time is counted."""
     with station.server:
-        before = processor_time_of_ended()
+        before = processor_time.of_ended()
         result = drain()
-        clients = processor_time_of_ended()
+        clients = processor_time.of_ended()
         station.server.stop()  # only what has ended is accounted for
         result.clients = clients - before
-        result.server = processor_time_of_ended() - clients
+        result.server = processor_time.of_ended() - clients
         yield result

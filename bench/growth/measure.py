@@ -18,6 +18,8 @@ import shutil
 import time
 from pathlib import Path
 
+import processor_time
+from drain.share import JOURNALS
 from results import Data
 from support.bed import Station, install, make_stations
 from support.consumer import Consumer
@@ -27,7 +29,6 @@ from support.rsync_server import RsyncServer
 from support.waiting import wait_until
 
 SIZE = 1000
-JOURNALS = Path("/var/lib/skarn/journal")
 LIMIT = 170.0
 BLOCK = random.Random("growth").randbytes(1 << 20)
 
@@ -83,9 +84,9 @@ def drain_by_daemon(stations: list[Station], names: list[str]) -> Data:
         # The processor time of a copy process counts once the daemon has taken its status.
         wait_until(lambda: not file_lists(), "the end of the cycles", LIMIT)
         result = {
-            "daemon": time.clock_gettime((~daemon.pid << 3) | 2),
-            "children": children_time(daemon.pid),
-            "faults": int(statistics_of(daemon.pid)[7]),
+            "daemon": processor_time.of_process(daemon.pid),
+            "children": processor_time.of_children(daemon.pid),
+            "faults": int(processor_time.statistics_of(daemon.pid)[7]),
             "memory": int(status_field(daemon.pid, "VmHWM").split()[0]) * 1024,
         }
         daemon.end()
@@ -93,17 +94,6 @@ def drain_by_daemon(stations: list[Station], names: list[str]) -> Data:
         announced = consumer.names_below(station.announced_target)
         assert sorted(announced) == names, f"{len(announced)} of {len(names)} were announced"
     return {"seconds": consumer.records()[-1].arrival - begin, **result}
-
-
-def children_time(pid: int) -> float:
-    """Seconds of the children that a process has waited for, and of theirs."""
-    fields = statistics_of(pid)
-    return (int(fields[13]) + int(fields[14])) / os.sysconf("SC_CLK_TCK")
-
-
-def statistics_of(pid: int) -> list[str]:
-    """What the kernel counts of a process, from its state on."""
-    return Path(f"/proc/{pid}/stat").read_text(encoding="utf-8").rpartition(")")[2].split()
 
 
 def stop(servers: list[RsyncServer]) -> None:

@@ -26,6 +26,7 @@ from collections import Counter
 from collections.abc import Callable
 from pathlib import Path
 
+import processor_time
 from results import Data
 from support.bed import Station, install, make_stations
 from support.consumer import Consumer
@@ -120,7 +121,11 @@ def asleep(daemon: Daemon, station: Station) -> tuple[float, float, float]:
     def look() -> tuple[float, float, float] | None:
         if has_children(daemon.pid):
             return None
-        seen = processor_time(daemon.pid), children_time(daemon.pid), station.server.connections()
+        seen = (
+            processor_time.of_process(daemon.pid),
+            processor_time.of_children(daemon.pid),
+            station.server.connections(),
+        )
         return None if has_children(daemon.pid) else seen
 
     found = wait_until(look, "a moment in which the daemon sleeps", LIMIT)
@@ -131,17 +136,6 @@ def asleep(daemon: Daemon, station: Station) -> tuple[float, float, float]:
 def has_children(pid: int) -> bool:
     tasks = Path(f"/proc/{pid}/task")
     return any((tasks / task / "children").read_text() for task in os.listdir(tasks))
-
-
-def processor_time(pid: int) -> float:
-    """Seconds of a process itself, ended threads included."""
-    return time.clock_gettime((~pid << 3) | 2)
-
-
-def children_time(pid: int) -> float:
-    """Seconds of the children that a process has waited for, and of theirs."""
-    fields = Path(f"/proc/{pid}/stat").read_text(encoding="utf-8").rpartition(")")[2].split()
-    return (int(fields[13]) + int(fields[14])) / os.sysconf("SC_CLK_TCK")
 
 
 def listing_command(station: Station, program: str) -> str:

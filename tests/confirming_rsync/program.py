@@ -111,6 +111,14 @@ def names(*listed: str | bytes) -> None:
     FILE_LIST.write_bytes(b"".join(name + b"\n" for name in raw))
 
 
+def make_target(*files: str) -> None:
+    """Puts files in place, as rsync would have."""
+    for name in files:
+        path = TARGET / name
+        path.parent.mkdir(parents=True, exist_ok=True)
+        path.write_text("content", encoding="ascii")
+
+
 @dataclass(frozen=True)
 class Result:
     """How a run of the program ended."""

@@ -16,6 +16,7 @@ from confirming_rsync.program import (
     URL,
     Program,
     calls,
+    make_target,
     names,
     real_binary,
     run,
@@ -36,14 +37,6 @@ mine = sys.stdin.buffer.read().decode("latin-1").split("\\0")[:-1]
 out("receiving file list ... done\\n")
 """
 REMOVE = 'for name in mine: out("SENT: %s\\nsender removed %s\\n" % (name, name))\n'
-
-
-def make_target(*made: str) -> None:
-    """Puts files in place."""
-    for name in made:
-        path = TARGET / name
-        path.parent.mkdir(parents=True, exist_ok=True)
-        path.touch()
 
 
 def test_a_long_list_is_copied_in_portions() -> None:

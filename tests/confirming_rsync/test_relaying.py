@@ -15,6 +15,7 @@ from confirming_rsync.program import (
     URL,
     Program,
     calls,
+    make_target,
     names,
     run,
     script_rsync,
@@ -25,14 +26,6 @@ from support import daemon, processes
 from support.waiting import wait_until
 
 GATE = Path("/srv/gate")
-
-
-def make_target(*files: str) -> None:
-    """Puts files in place, as rsync would have."""
-    for name in files:
-        path = TARGET / name
-        path.parent.mkdir(parents=True, exist_ok=True)
-        path.write_text("content", encoding="ascii")
 
 
 def is_gone(pid: int) -> bool:
