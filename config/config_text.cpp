@@ -1,13 +1,11 @@
 // From the bytes of the configuration file to its text, and from the text to detector blocks.
 #include "config/config_text.h"
 
+#include "utilities/text.h"
+
 namespace {
 
 constexpr std::size_t lineBufferSize = 1024;
-
-bool isSpace(char character) {
-    return character == ' ' || (character >= '\t' && character <= '\r');
-}
 
 } // namespace
 
@@ -17,7 +15,7 @@ std::string readConfigText(std::istream& file) {
     // getline fails on a line that does not fit, and that ends the reading.
     while (file.getline(line, sizeof line)) {
         const char* kept = line;
-        while (isSpace(*kept)) {
+        while (UTILITIES::isSpace(*kept)) {
             ++kept;
         }
         if (*kept == '\0' || *kept == '#') {

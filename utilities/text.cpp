@@ -5,14 +5,6 @@
 #include <cstdint>
 #include <cstdlib>
 
-namespace {
-
-constexpr bool isSpace(char character) {
-    return character == ' ' || (character >= '\t' && character <= '\r');
-}
-
-} // namespace
-
 std::size_t UTILITIES::findValue(const std::string& text, const std::string& key) {
     const std::string needle = "\n" + key + " ";
     const std::size_t found = text.find(needle);

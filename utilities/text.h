@@ -45,6 +45,11 @@ bool parseSizeVar(const std::string& text, const std::string& key, int& variable
 /// True when `text` begins with `prefix`, byte for byte.
 bool stringBegin(const std::string& text, const std::string& prefix);
 
+/// White space as the C locale has it, whatever the locale is.
+constexpr bool isSpace(char character) {
+    return character == ' ' || (character >= '\t' && character <= '\r');
+}
+
 /// Takes the first word, delimited by white space, off the front of `text`, and what is before it;
 /// empty when there is none.
 std::string_view takeWord(std::string_view& text);

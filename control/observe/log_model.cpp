@@ -2,6 +2,7 @@
 #include "control/observe/log_model.h"
 
 #include "daemon/global.h"
+#include "utilities/text.h"
 
 #include <algorithm>
 #include <array>
@@ -55,17 +56,13 @@ bool endsWith(std::string_view text, std::string_view ending) {
     return text.size() >= ending.size() && text.substr(text.size() - ending.size()) == ending;
 }
 
-bool isSpace(char character) {
-    return character == ' ' || (character >= '\t' && character <= '\r');
-}
-
 bool isBlank(std::string_view text) {
-    return std::all_of(text.begin(), text.end(), isSpace);
+    return std::all_of(text.begin(), text.end(), UTILITIES::isSpace);
 }
 
 /// Of names: one word, as the daemon takes them out of a report.
 bool isWord(std::string_view text) {
-    return !text.empty() && std::none_of(text.begin(), text.end(), isSpace);
+    return !text.empty() && std::none_of(text.begin(), text.end(), UTILITIES::isSpace);
 }
 
 /// The text between a beginning and an ending; nothing if it has not both.
