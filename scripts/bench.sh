@@ -31,7 +31,6 @@ done
 
 began=$(date +%s)
 scripts/install-packages.sh bench
-# Inside the project, which the sandbox shows at its own path.
 build=build/bench
 results=$build/results
 printf 'Building the programs in %s ...\n' "$build"
@@ -49,7 +48,7 @@ mkdir -p "$results"
 failed=() files=()
 for part in "${parts[@]}"; do
     printf '\n== %s\n' "$part"
-    tests/support/sandbox /usr/bin/python3 bench/run.py measure "$part" --output "$PWD/$results/$part.json" \
+    tests/support/sandbox --writable "$results" /usr/bin/python3 bench/run.py measure "$part" --output "$PWD/$results/$part.json" \
         "${quick[@]}" || failed+=("$part")
     files+=("$results/$part.json")
 done

@@ -24,4 +24,5 @@ done
 
 printf 'Building skarn and its copy program in build/programs ...\n'
 scripts/build-programs.sh
-exec tests/support/sandbox "${show[@]}" "$@"
+mkdir -p build/demo
+exec tests/support/sandbox --writable build/demo "${show[@]}" "$@"

@@ -70,7 +70,7 @@ trap 'rm -f "$output"' EXIT
 passed=0 failed=0 skipped=0
 for fault in "${faults[@]}"; do
     status=0
-    tests/support/sandbox "${run[@]}" --fault "$fault" "${options[@]}" --log "$PWD/$logs/$fault-$seed.log" \
+    tests/support/sandbox --writable "$logs" "${run[@]}" --fault "$fault" "${options[@]}" --log "$PWD/$logs/$fault-$seed.log" \
         </dev/null 2>&1 | tee "$output" || status=$?
     grep '^{' "$output" >>"$results" || true
     case $status in

@@ -19,4 +19,11 @@ fi
 export PYTHONPATH=$PWD/tests PYTHONDONTWRITEBYTECODE=1 SKARN_BINARY=$PWD/$build/skarn \
     CONFIRMING_RSYNC_BINARY=$PWD/$build/confirming_rsync/confirming_rsync \
     SCRIPTED_COPY_BINARY=$PWD/$build/tests/support/scripted_copy
-exec tests/support/sandbox /usr/bin/python3 tests/scale/run.py --output "$PWD/docs/reliability/scale.md" "$@"
+results=$build/results
+mkdir -p "$results"
+rm -f "$results/scale.md"
+status=0
+tests/support/sandbox --writable "$results" /usr/bin/python3 tests/scale/run.py --output "$PWD/$results/scale.md" "$@" ||
+    status=$?
+[ ! -e "$results/scale.md" ] || cp "$results/scale.md" docs/reliability/scale.md
+exit "$status"

@@ -51,7 +51,7 @@ scripts/build-programs.sh
 rm -rf "$results"
 mkdir -p "$results"
 status=0
-tests/support/sandbox "${run[@]}" "${arguments[@]}" 2>&1 | tee "$results/output" || status=$?
+tests/support/sandbox --writable "$results" "${run[@]}" "${arguments[@]}" 2>&1 | tee "$results/output" || status=$?
 if [ -e "$results/samples.csv" ]; then
     gnuplot -c tests/soak/picture.gnuplot "$results/samples.csv" "$results/soak.png"
     printf 'The picture: %s\n' "$results/soak.png"

@@ -20,9 +20,8 @@ printf 'Building skarn, skarnctl and the copy program in build/programs ...\n'
 scripts/build-programs.sh build/programs -DSKARN_CONTROL=ON
 cmake --build build/programs --target skarnctl >/dev/null
 
-# Into the project's own folder, the only one that is seen from inside the sandbox.
-mkdir -p build "$(dirname "$picture")"
-tests/support/sandbox /usr/bin/python3 scripts/watch_picture/take.py --skarn "$PWD/build/programs/skarn" \
-    --skarnctl "$PWD/build/programs/skarnctl" --picture "$PWD/build/watch.svg" \
-    --copy-program "$PWD/build/programs/confirming_rsync/confirming_rsync"
-mv build/watch.svg "$picture"
+mkdir -p build/watch-picture "$(dirname "$picture")"
+tests/support/sandbox --writable build/watch-picture /usr/bin/python3 scripts/watch_picture/take.py \
+    --skarn "$PWD/build/programs/skarn" --skarnctl "$PWD/build/programs/skarnctl" \
+    --picture "$PWD/build/watch-picture/watch.svg" --copy-program "$PWD/build/programs/confirming_rsync/confirming_rsync"
+mv build/watch-picture/watch.svg "$picture"
