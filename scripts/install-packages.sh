@@ -2,7 +2,7 @@
 # Installs the Debian packages that a purpose needs and that are missing: the one place that knows them.
 #
 #   install-packages.sh PURPOSE...      PURPOSE: build, control, demo, tests, soak, bench, races, coverage,
-#                                               packages, package-tree, checks, fuzz
+#                                               packages, package-tree, bare-tree, checks, fuzz
 #
 # Says what it is going to install before it does. Does nothing, and needs no rights, when all is there.
 set -euo pipefail
@@ -14,7 +14,7 @@ control=(libcli11-dev libncurses-dev nlohmann-json3-dev prometheus-cpp-dev)
 # The sandbox (mount, unshare, ip), the other end of the transfers, and what drives them.
 demo=("${build[@]}" iproute2 mount python3 rsync util-linux)
 # Of prometheus only promtool is wanted, which checks metrics and alerts; no smaller package has it.
-tests=("${demo[@]}" "${control[@]}" gnuplot-nox libgmock-dev libgtest-dev prometheus python3-pytest tmux)
+tests=("${demo[@]}" "${control[@]}" bash-completion git gnuplot-nox libgmock-dev libgtest-dev prometheus python3-pytest tmux)
 soak=("${demo[@]}" gnuplot-nox)
 bench=("${demo[@]}" gnuplot-nox libbenchmark-dev parallel strace)
 races=("${tests[@]}" valgrind)
@@ -22,12 +22,13 @@ coverage=("${tests[@]}" gcovr)
 # What builds Debian packages and looks at them, and what makes a tree to install them into.
 packages=("${build[@]}" "${control[@]}" bash-completion debhelper dpkg-dev fakeroot git lintian pkgconf)
 package_tree=("${demo[@]}" "${packages[@]}" debootstrap python3-pytest systemd systemd-container)
+bare_tree=(debootstrap git util-linux)
 # The library that drives the fuzzers is part of the compiler's run-time library, which clang only recommends.
 checks=("${tests[@]}" clang clang-format clang-tidy git libbenchmark-dev libclang-rt-dev mandoc mypy shellcheck)
 fuzz=("${build[@]}" clang git libclang-rt-dev)
 
 usage() {
-    printf 'usage: install-packages.sh PURPOSE...   (build, control, demo, tests, soak, bench, races, coverage, packages, package-tree, checks, fuzz)\n' >&2
+    printf 'usage: install-packages.sh PURPOSE...   (build, control, demo, tests, soak, bench, races, coverage, packages, package-tree, bare-tree, checks, fuzz)\n' >&2
     exit 2
 }
 
@@ -45,6 +46,7 @@ for purpose in "$@"; do
         coverage) wanted+=("${coverage[@]}") ;;
         packages) wanted+=("${packages[@]}") ;;
         package-tree) wanted+=("${package_tree[@]}") ;;
+        bare-tree) wanted+=("${bare_tree[@]}") ;;
         checks) wanted+=("${checks[@]}") ;;
         fuzz) wanted+=("${fuzz[@]}") ;;
         *) usage ;;

@@ -14,7 +14,7 @@ scripts/build-packages.sh
 
 place=$PWD/build/package-tree
 base=$place/base
-log=$place/debootstrap.log
+log=$place/packages.log
 results=$place/results
 rm -rf "$place"
 mkdir -p "$results"
@@ -28,20 +28,8 @@ quietly() {
     }
 }
 
-# The mirror and the way to it are this machine's own.
-# shellcheck disable=SC2016 # apt-get expands these
-sources=$(apt-get indextargets --format '$(ORIGIN) $(REPO_URI) $(RELEASE) $(COMPONENT)' 'Created-By: Packages' |
-    sort -u | awk '$1 == "Debian" { print "deb", $2, $3, $4 }')
-mirror=$(awk '$3 == "bookworm" { print $2; exit }' <<<"$sources")
-[ -n "$mirror" ] || {
-    printf 'apt knows no mirror of Debian 12 (bookworm) here\n' >&2
-    exit 1
-}
 printf 'Making a fresh Debian machine in %s ...\n' "$base"
-quietly debootstrap --variant=minbase --include=systemd,systemd-sysv,dbus bookworm "$base" "$mirror"
-printf '%s\n' "$sources" >"$base/etc/apt/sources.list"
-apt-config dump Acquire >"$base/etc/apt/apt.conf.d/00way"
-cp --dereference /etc/resolv.conf "$base/etc/resolv.conf"
+scripts/make-tree.sh "$base" systemd systemd-sysv dbus
 
 # The same packages under a later version, for the upgrade.
 mkdir "$place/packages"
