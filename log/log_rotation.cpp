@@ -19,9 +19,9 @@ std::uint64_t LogFile::fileSize() const {
 
 void LogFile::rotate(int highestNumber) {
     const auto archive = [this](int number) { return fileName + "." + std::to_string(number); };
-    for (int i = highestNumber - 1; i >= 0; --i) {
+    for (int i = highestNumber; i > 0; --i) {
         // A missing archive makes its rename fail, which is as good as renaming nothing.
-        rename(archive(i).c_str(), archive(i + 1).c_str());
+        rename(archive(i - 1).c_str(), archive(i).c_str());
     }
     rename(fileName.c_str(), archive(0).c_str());
 }

@@ -129,7 +129,7 @@ def test_eleven_archives_by_default(daemon: Daemon) -> None:
     ]
 
 
-@pytest.mark.parametrize("max_number", ["0", "-4"])
+@pytest.mark.parametrize("max_number", ["0", "-4", "-2147483648"])
 def test_without_numbers_there_is_one_archive(daemon: Daemon, max_number: str) -> None:
     configure(0, max_number)
     archive(1).write_text("someone else's\n")

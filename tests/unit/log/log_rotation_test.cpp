@@ -110,7 +110,7 @@ TEST_F(LogRotation, StepsOverAMissingArchive) {
 }
 
 TEST_F(LogRotation, ReplacesNumberZeroOnlyUnderACountOfZeroOrLess) {
-    for (const int count : {0, -1, -100}) {
+    for (const int count : {0, -1, -100, INT_MIN}) {
         writeFile(path, "current");
         writeFile(path + ".0", "zero");
         writeFile(path + ".1", "one");
