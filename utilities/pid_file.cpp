@@ -12,11 +12,14 @@ int UTILITIES::setPidFile(const std::string& path, const std::vector<int>& pids)
     if (file.get() < 0) {
         return 64;
     }
-    writeUnchecked(file.get(), std::to_string(getpid()) + "\n");
+    std::string lines = std::to_string(getpid()) + "\n";
     for (const int pid : pids) {
         if (pid != 0) {
-            writeUnchecked(file.get(), std::to_string(pid) + "\n");
+            lines += std::to_string(pid) + "\n";
         }
     }
+    // Up to the first failure: if a line were lost and there were room again for the next one, a
+    // copy process would stand in line 1 and pass for the daemon.
+    writeAll(file.get(), lines);
     return 0;
 }

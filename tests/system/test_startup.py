@@ -181,9 +181,11 @@ def test_a_pid_file_that_cannot_be_written_ends_the_daemon_silently(daemon: Daem
 def test_without_the_right_to_write_the_pid_file(daemon: Daemon) -> None:
     write_configuration()
     LOG_FILE.parent.chmod(0o777)
+    PID_FILE.write_text("4711\n4712\n")
     assert daemon.start(user=SOMEBODY) == NOTHING_SAID
     assert daemon.wait_ended() == 64
     assert daemon.log() == ""
+    assert PID_FILE.read_text() == "4711\n4712\n"
 
 
 def test_a_status_file_that_cannot_be_written_is_done_without(daemon: Daemon) -> None:

@@ -22,6 +22,7 @@ Fault pipe2;
 Fault popen;
 Fault pthreadCreate;
 Fault syscall;
+Fault write;
 
 std::atomic<int> lowestFreeAtSystem{INT_MAX};
 std::atomic<int> lowestFreeAtPopen{INT_MAX};
@@ -44,7 +45,8 @@ int Fault::next() {
 }
 
 void clear() {
-    for (Fault* const fault : {&fork, &setsid, &chdir, &pipe2, &popen, &pthreadCreate, &syscall}) {
+    for (Fault* const fault :
+         {&fork, &setsid, &chdir, &pipe2, &popen, &pthreadCreate, &syscall, &write}) {
         fault->clear();
     }
     lowestFreeAtSystem = INT_MAX;
@@ -127,6 +129,7 @@ int realPthreadCreate(pthread_t* handle, const pthread_attr_t* attributes, Threa
 int realNanosleep(const timespec* request, timespec* remaining) __asm__("__real_nanosleep");
 long realSyscall(long number, long first, long second, long third, long fourth, long fifth,
                  long sixth) __asm__("__real_syscall");
+ssize_t realWrite(int descriptor, const void* bytes, size_t size) __asm__("__real_write");
 
 pid_t standInFork() __asm__("__wrap_fork");
 pid_t standInSetsid() __asm__("__wrap_setsid");
@@ -139,6 +142,7 @@ int standInPthreadCreate(pthread_t* handle, const pthread_attr_t* attributes, Th
 int standInNanosleep(const timespec* request, timespec* remaining) __asm__("__wrap_nanosleep");
 long standInSyscall(long number, long first, long second, long third, long fourth, long fifth,
                     long sixth) __asm__("__wrap_syscall");
+ssize_t standInWrite(int descriptor, const void* bytes, size_t size) __asm__("__wrap_write");
 
 pid_t standInFork() {
     return FAULTS::fails(FAULTS::fork) ? -1 : realFork();
@@ -185,4 +189,8 @@ long standInSyscall(long number, long first, long second, long third, long fourt
         return -1;
     }
     return realSyscall(number, first, second, third, fourth, fifth, sixth);
+}
+
+ssize_t standInWrite(int descriptor, const void* bytes, size_t size) {
+    return FAULTS::fails(FAULTS::write) ? -1 : realWrite(descriptor, bytes, size);
 }

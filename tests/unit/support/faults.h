@@ -35,6 +35,7 @@ extern Fault pipe2;
 extern Fault popen;
 extern Fault pthreadCreate;
 extern Fault syscall; // of close_range alone
+extern Fault write;
 
 /// The lowest descriptor that was free in any call of system and popen since `clear`: what another
 /// thread opened in that moment would have got it, and the child inherited it.
