@@ -6,6 +6,7 @@
 #include <ctime>
 #include <map>
 #include <string>
+#include <vector>
 
 #include <sys/stat.h>
 
@@ -63,6 +64,9 @@ private:
     static void writeStatusFile();
     void logSettings();
     void runWorkers();
+
+    /// Starts all workers. Returns those that could be started.
+    std::vector<Worker*> startWorkers();
 
     struct stat statBuffer;
     time_t startTime;

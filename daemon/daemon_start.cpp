@@ -79,6 +79,15 @@ void Daemon::logSettings() {
 }
 
 void Daemon::runWorkers() {
+    for (Worker* const worker : startWorkers()) {
+        worker->join();
+    }
+}
+
+std::vector<Worker*> Daemon::startWorkers() {
+    // This log has no mutex: without the shield a worker's "mkdir" could begin while the log is
+    // open as 0, 1 or 2, and complain into it.
+    const StandardDescriptorsShield shield(Thread::mainMutex);
     std::vector<Worker*> started;
     for (const auto& [id, worker] : detectors) {
         logFile << "++ Starting copy thread for detector " << id << endl;
@@ -86,9 +95,7 @@ void Daemon::runWorkers() {
             started.push_back(worker);
         }
     }
-    for (Worker* const worker : started) {
-        worker->join();
-    }
+    return started;
 }
 
 void Daemon::start() {

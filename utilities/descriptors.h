@@ -54,7 +54,8 @@ bool writeAll(int descriptor, std::string_view text);
 /// them back. To be used around every start of a child through `system` or `popen`, which inherits
 /// whatever other threads happen to have open: without it the complaint of a failing "mkdir" could
 /// land in the consumer's pipe, the PID file or a file list. Also used around the opening of the
-/// consumer's pipe, which may block for long.
+/// consumer's pipe, which may block for long, and by the main thread, whose log has no mutex, while
+/// it starts the workers.
 ///
 /// The mutex guards the count of shields and is held while the placeholders are taken and given
 /// back; with the mutex under which the log and the PID file are written, none of these is open at

@@ -306,6 +306,22 @@ TEST_F(DaemonStart, StartsAllWorkersInOrderBeforeItWaitsForAny) {
                                               "++ Starting copy thread for detector C\n");
 }
 
+TEST_F(DaemonStart, LogsAboveTheStandardDescriptorsWhileWorkersStart) {
+    const ChildOutcome outcome = start(
+        [&](Daemon& daemon) {
+            for (const char* id : {"1", "2", "3"}) {
+                daemon.detectors[id] = new BriefWorker(id, [] {});
+            }
+        },
+        [] {
+            const std::vector<int> left = openDescriptors();
+            return std::string(FAULTS::lowestFreeAtThreadStart > STDERR_FILENO ? "above"
+                                                                               : "below") +
+                   (left.empty() || left.front() > STDERR_FILENO ? " given back" : " kept");
+        });
+    EXPECT_EQ(outcome.result, "above given back");
+}
+
 TEST_F(DaemonStart, WaitsForEveryWorker) {
     std::atomic<int> ended{0};
     const auto slowly = [&] {

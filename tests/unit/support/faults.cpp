@@ -26,6 +26,7 @@ Fault write;
 
 std::atomic<int> lowestFreeAtSystem{INT_MAX};
 std::atomic<int> lowestFreeAtPopen{INT_MAX};
+std::atomic<int> lowestFreeAtThreadStart{INT_MAX};
 
 void Fault::failAfter(int callsToPass, int error) {
     errorNumber = error;
@@ -51,6 +52,7 @@ void clear() {
     }
     lowestFreeAtSystem = INT_MAX;
     lowestFreeAtPopen = INT_MAX;
+    lowestFreeAtThreadStart = INT_MAX;
 }
 
 namespace {
@@ -172,6 +174,7 @@ FILE* standInPopen(const char* command, const char* mode) {
 
 int standInPthreadCreate(pthread_t* handle, const pthread_attr_t* attributes, ThreadBody body,
                          void* argument) {
+    FAULTS::noteLowestFree(FAULTS::lowestFreeAtThreadStart);
     const int error = FAULTS::pthreadCreate.next();
     return error != 0 ? error : realPthreadCreate(handle, attributes, body, argument);
 }

@@ -42,6 +42,9 @@ extern Fault write;
 extern std::atomic<int> lowestFreeAtSystem;
 extern std::atomic<int> lowestFreeAtPopen;
 
+/// The same for the starts of threads: what the starting thread opens between two of them gets it.
+extern std::atomic<int> lowestFreeAtThreadStart;
+
 /// Lets every call succeed again, and forgets what was noted.
 void clear();
 
