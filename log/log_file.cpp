@@ -47,9 +47,13 @@ void LogFile::probe() {
         openFailed = true;
         return;
     }
+    // The mode must not depend on the umask, which is the user's at start-up and 0 later. A device
+    // keeps its own: without it /dev/null, the default log, could not be written by users any more.
+    struct stat status {};
+    if (fstat(fileno(file), &status) == 0 && S_ISREG(status.st_mode)) {
+        fchmod(fileno(file), logFileMode);
+    }
     fclose(file);
-    // The mode must not depend on the umask, which is the user's at start-up and 0 later.
-    chmod(fileName.c_str(), logFileMode);
 }
 
 LogFile& LogFile::operator<<(LogFile& (*manipulator)(LogFile&)) {

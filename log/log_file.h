@@ -40,8 +40,8 @@ public:
     /// Replaces the mutex. Not to be called while another thread uses this object.
     void setMutex(pthread_mutex_t* fileMutex);
 
-    /// Names the file, creates it if it is missing, sets its mode to 0644 and discards text
-    /// inserted before. On failure only `openFailed` is set.
+    /// Names the file, creates it if it is missing, sets the mode of a regular file to 0644 and
+    /// discards text inserted before. On failure only `openFailed` is set.
     LogFile& open(const std::string& name);
 
     /// Appends the text form of `value` to what is collected: a character, text up to its
@@ -105,8 +105,8 @@ public:
     void logFromFile(const std::string& path);
 
 private:
-    /// Creates the file if it is missing and sets its mode; sets `openFailed` if that can't be
-    /// done.
+    /// Creates the file if it is missing and sets its mode if it is a regular one; sets
+    /// `openFailed` if that can't be done.
     void probe();
 
     /// Appends `text` to the file in one write, under the mutex. The descriptor is held for that

@@ -230,14 +230,21 @@ def test_a_fork_that_fails(daemon: Daemon) -> None:
     assert not PID_FILE.exists()
 
 
-def test_the_default_log_takes_everything_and_keeps_nothing(daemon: Daemon) -> None:
-    # Not as root: the log's mode is set, and that place is the whole machine's.
+@pytest.mark.parametrize("user", [None, SOMEBODY])
+def test_the_default_log_takes_everything_and_keeps_nothing(
+    daemon: Daemon, user: int | None
+) -> None:
+    null = Path("/dev/null")
+    before = null.stat()
     write_raw_configuration("\n".join(Detector("1", minpause=60000).lines()))
     os.chmod("/run", 0o777)
-    assert daemon.start(user=SOMEBODY) == NOTHING_SAID
+    assert daemon.start(user=user) == NOTHING_SAID
     scripted.wait_for_calls("listing", 1)
     assert PID_FILE.read_text() == f"{daemon.pid}\n"
     assert daemon.is_running()
+    # It is the whole machine's: every user must be able to write to it as before.
+    assert (null.stat().st_mode, null.stat().st_uid) == (before.st_mode, before.st_uid)
+    assert mode_of(null) == 0o666
 
 
 def test_the_detached_daemon(daemon: Daemon) -> None:

@@ -197,6 +197,28 @@ TEST_F(LogFileTest, SetsTheExactModeAtOpenWhateverTheUmask) {
     EXPECT_EQ(permissions(path), 0644U);
 }
 
+TEST_F(LogFileTest, LeavesTheModeOfADeviceAsItIs) {
+    // The sandbox has a null device of its own; were it the machine's, nothing must happen to it.
+    const mode_t before = permissions("/dev/null");
+    LogFile log(nullptr);
+    log.open("/dev/null");
+    EXPECT_FALSE(log.openFailed);
+    log << "nothing keeps this" << endl;
+    const LogFile named("/dev/null", nullptr);
+    EXPECT_FALSE(named.openFailed);
+    EXPECT_EQ(before, 0666U);
+    EXPECT_EQ(permissions("/dev/null"), before);
+}
+
+TEST_F(LogFileTest, FollowsALinkToTheFileOfWhichItSetsTheMode) {
+    writeFile(scratch / "file", "");
+    ASSERT_EQ(chmod((scratch / "file").c_str(), 0600), 0);
+    ASSERT_EQ(symlink((scratch / "file").c_str(), path.c_str()), 0);
+    LogFile log(nullptr);
+    log.open(path);
+    EXPECT_EQ(permissions(scratch / "file"), 0644U);
+}
+
 TEST_F(LogFileTest, ProbesTheFileInTheConstructorThatNamesIt) {
     const mode_t before = umask(077);
     LogFile log(path, nullptr);
