@@ -139,7 +139,11 @@ void Worker::startCopyProcess(std::size_t slot, const std::string& command) {
         evaluators[slot] = evaluator;
     } else {
         // No thread to be had: the report is read here, for unread it would stop the copy process
-        // and lose the hand-off.
+        // and lose the hand-off. That takes as long as the copying, in which the PID file must
+        // name the process.
+        lock();
+        writePidFile();
+        unlock();
         evaluator->run();
         delete evaluator;
     }

@@ -206,10 +206,15 @@ def test_no_process_for_some(daemon: Daemon) -> None:
 def test_no_thread_for_an_evaluator(daemon: Daemon) -> None:
     """The report is read all the same: unread, it would stop the copy process for ever."""
     go_on = start_held_listing(daemon, ["a", "b"], SOMEBODY)
+    scripted.set_default_copy([f"wait {scripted.gate('end')}", "confirm-all"])
     put_back = set_soft_limit(daemon, "nproc", threads(daemon) + 1)
     with Consumer() as consumer:
         os.chmod(consumer.path, 0o666)
         go_on.touch()
+        call = scripted.wait_for_calls("copy", 1)[0]
+        # While the worker itself waits for the report.
+        assert daemon.wait_for_pids(2) == [daemon.pid, call.pid]
+        scripted.gate("end").touch()
         log = daemon.wait_for_log("1: Removed file")
         put_back()
         assert expected.block(confirmed=["a", "b"]) in log

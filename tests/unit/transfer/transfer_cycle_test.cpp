@@ -455,6 +455,20 @@ TEST_F(TransferCycle, ReadsTheReportItselfWhenNoThreadCanBeHad) {
     EXPECT_THAT(worker.evaluators, ElementsAre(nullptr));
 }
 
+TEST_F(TransferCycle, RecordsACopyOfWhichItReadsTheReportItself) {
+    copyBody("i=0; until grep -qx $$ /var/run/skarn_orbelin.pid || [ $i -ge 1000 ]; do\n"
+             "sleep 0.01; i=$((i + 1)); done\n"
+             "if [ ! -e $bed/recorded ]; then echo $$ >$bed/pid\n"
+             "cat /var/run/skarn_orbelin.pid >$bed/recorded; fi\n");
+    OpenWorker& worker = makeWorker();
+    FAULTS::pthreadCreate.failAfter(0, EAGAIN);
+    // The slots of two more are still empty then.
+    serve(numbered("frame", 203));
+    runUntil(worker, [this] { return countOf(logText(), "Removed file") == 3; });
+    EXPECT_EQ(readFile(scratch / "recorded"), self + readFile(scratch / "pid"));
+    EXPECT_EQ(pidFile(), self);
+}
+
 TEST_F(TransferCycle, SeesACopyThatCannotBeExecutedAsOneThatEnds) {
     // The listing takes the program away.
     writeScript(GLOBAL::rsyncCommand, "rm $0\necho listed >>" + scratch.path() +
