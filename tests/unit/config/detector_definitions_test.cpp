@@ -1,5 +1,6 @@
 // Turning the detector blocks of the configuration into workers.
 #include "daemon/daemon.h"
+#include "tests/unit/support/allocations.h"
 #include "tests/unit/support/configured_test.h"
 #include "tests/unit/support/open_worker.h"
 
@@ -46,6 +47,19 @@ TEST_F(DetectorDefinitions, AreOrderedByTheBytesOfTheirIds) {
                              "detectorID 9"}),
                 ElementsAre("10 -> 10||/|/.|0|0", "9 -> 9||/|/.|0|0", "A -> A||/|/.|0|0",
                             "B -> B||/|/.|0|0", "b -> b||/|/.|0|0"));
+}
+
+TEST_F(DetectorDefinitions, BecomeWorkersInTheOrderOfTheFile) {
+    configure({"detectorID B", "detectorID C", "detectorID A"});
+    const BlockRecorder recorder(sizeof(Worker));
+    const Daemon daemon;
+    ASSERT_EQ(daemon.detectors.size(), 3U);
+    const int orderOfB = recorder.orderOf(daemon.detectors.at("B"));
+    const int orderOfC = recorder.orderOf(daemon.detectors.at("C"));
+    const int orderOfA = recorder.orderOf(daemon.detectors.at("A"));
+    EXPECT_GE(orderOfB, 0);
+    EXPECT_LT(orderOfB, orderOfC);
+    EXPECT_LT(orderOfC, orderOfA);
 }
 
 TEST_F(DetectorDefinitions, HandThePausesOfABlockOnToTheNext) {

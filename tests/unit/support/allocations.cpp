@@ -1,12 +1,25 @@
-// How many bytes a piece of code asked the heap for.
+// What a piece of code asked the heap for.
 #include "tests/unit/support/allocations.h"
 
 #include <cstdlib>
+#include <iterator>
 #include <new>
 
 namespace {
 
 thread_local std::size_t allocated = 0;
+
+// Without a container, which would allocate.
+thread_local std::size_t recordedSize = 0; // 0: nothing is recorded
+thread_local const volatile void* recordedBlocks[32];
+thread_local std::size_t recordedCount = 0;
+
+void note(const volatile void* block, std::size_t size) {
+    allocated += size;
+    if (size != 0 && size == recordedSize && recordedCount < std::size(recordedBlocks)) {
+        recordedBlocks[recordedCount++] = block;
+    }
+}
 
 } // namespace
 
@@ -18,20 +31,19 @@ extern "C" int __sanitizer_install_malloc_and_free_hooks( // NOLINT: the sanitiz
 
 namespace {
 
-const int hooksInstalled = __sanitizer_install_malloc_and_free_hooks(
-    [](const volatile void* /*block*/, std::size_t size) { allocated += size; },
-    [](const volatile void* /*block*/) {});
+const int hooksInstalled =
+    __sanitizer_install_malloc_and_free_hooks(note, [](const volatile void* /*block*/) {});
 
 } // namespace
 
 #else
 
 void* operator new(std::size_t size) {
-    allocated += size;
     void* const block = std::malloc(size == 0 ? 1 : size);
     if (block == nullptr) {
         throw std::bad_alloc();
     }
+    note(block, size);
     return block;
 }
 
@@ -47,4 +59,22 @@ void operator delete(void* block, std::size_t /*size*/) noexcept {
 
 std::size_t bytesAllocated() {
     return allocated;
+}
+
+BlockRecorder::BlockRecorder(std::size_t size) {
+    recordedCount = 0;
+    recordedSize = size;
+}
+
+BlockRecorder::~BlockRecorder() {
+    recordedSize = 0;
+}
+
+int BlockRecorder::orderOf(const void* block) const {
+    for (std::size_t i = 0; i < recordedCount; ++i) {
+        if (recordedBlocks[i] == block) {
+            return static_cast<int>(i);
+        }
+    }
+    return -1;
 }
