@@ -39,6 +39,12 @@ void countAlarm(int signalNumber) {
     }
 }
 
+/// True if what was asked for differs from so many milliseconds by less than 20.
+bool isAbout(long milliseconds, const FAULTS::Sleep& sleep) {
+    const long difference = sleep.nanoseconds - milliseconds * millisecond;
+    return difference > -20 * millisecond && difference < 20 * millisecond;
+}
+
 /// Nanoseconds of a clock that never goes back.
 long now() {
     timespec time = {};
@@ -83,27 +89,34 @@ TEST(SleepMilliSeconds, ResumesWithWhatWasLeftAfterASignal) {
     struct sigaction counting = {};
     counting.sa_handler = countAlarm;
     struct sigaction before = {};
-    alarms = 0;
-    ASSERT_EQ(sigaction(SIGALRM, &counting, &before), 0);
-    // One alarm may come before the sleep begins; the second can't miss it.
-    itimerval timer = {};
-    timer.it_value.tv_usec = 100000;
-    timer.it_interval.tv_usec = 100000;
-    ASSERT_EQ(setitimer(ITIMER_REAL, &timer, nullptr), 0);
+    // Where the machine holds this thread up, an alarm comes before the sleep begins, or finds more
+    // of it left. So there are several attempts; what has to hold in each is asserted in each.
+    bool asExpected = false;
+    for (int attempt = 0; attempt < 20 && !asExpected; ++attempt) {
+        alarms = 0;
+        ASSERT_EQ(sigaction(SIGALRM, &counting, attempt == 0 ? &before : nullptr), 0);
+        itimerval timer = {};
+        timer.it_value.tv_usec = 100000;
+        timer.it_interval.tv_usec = 100000;
+        ASSERT_EQ(setitimer(ITIMER_REAL, &timer, nullptr), 0);
 
-    const FAULTS::SleepWatcher watcher;
-    const long start = now();
-    UTILITIES::sleepMilliSeconds(300);
-    const long slept = now() - start;
-    timer = {};
-    setitimer(ITIMER_REAL, &timer, nullptr);
-    sigaction(SIGALRM, &before, nullptr);
+        const FAULTS::SleepWatcher watcher;
+        const long start = now();
+        UTILITIES::sleepMilliSeconds(300);
+        const long slept = now() - start;
+        timer = {};
+        setitimer(ITIMER_REAL, &timer, nullptr);
 
-    EXPECT_GE(slept, 300 * millisecond);
-    ASSERT_GE(watcher.sleeps().size(), 2U);
-    EXPECT_EQ(watcher.sleeps()[0].nanoseconds, 300 * millisecond);
-    for (std::size_t i = 1; i < watcher.sleeps().size(); ++i) {
-        EXPECT_EQ(watcher.sleeps()[i].seconds, 0);
-        EXPECT_LT(watcher.sleeps()[i].nanoseconds, watcher.sleeps()[i - 1].nanoseconds);
+        EXPECT_GE(slept, 300 * millisecond);
+        const std::vector<FAULTS::Sleep>& sleeps = watcher.sleeps();
+        ASSERT_GE(sleeps.size(), 1U);
+        EXPECT_EQ(sleeps[0].nanoseconds, 300 * millisecond);
+        for (std::size_t i = 1; i < sleeps.size(); ++i) {
+            EXPECT_EQ(sleeps[i].seconds, 0);
+            EXPECT_LT(sleeps[i].nanoseconds, sleeps[i - 1].nanoseconds);
+        }
+        asExpected = sleeps.size() == 3 && isAbout(200, sleeps[1]) && isAbout(100, sleeps[2]);
     }
+    sigaction(SIGALRM, &before, nullptr);
+    EXPECT_TRUE(asExpected) << "alarms after 100 and 200 of 300 ms leave 200 and 100";
 }
