@@ -81,5 +81,10 @@ std::vector<FileList> dealNames(const NameList& names, int n) {
     for (const std::string_view name : names) {
         lists[k++ % lists.size()].add(name);
     }
+    // Now, and not when its own copy process starts: until then there may be long pauses, in which
+    // /tmp may fill.
+    for (FileList& list : lists) {
+        list.close();
+    }
     return lists;
 }

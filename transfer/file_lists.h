@@ -42,6 +42,6 @@ private:
     std::string pending; // names not written to the file yet
 };
 
-/// Creates `n` file lists for the calling thread and deals the names to them round-robin. All is
-/// written and still open for the caller to close.
+/// Creates `n` file lists for the calling thread and deals the names to them round-robin. All are
+/// written out and closed.
 std::vector<FileList> dealNames(const NameList& names, int n);

@@ -61,7 +61,7 @@ void Worker::cycle(const std::string& url) {
     log << "++++++++++++++++++++++++++++++++++++++++++++++++++++++++++++\n"
         << " ++++\n";
 
-    std::vector<FileList> fileLists = writeFileLists(listShare(url));
+    const std::vector<FileList> fileLists = writeFileLists(listShare(url));
     if (fileLists.empty()) {
         UTILITIES::sleepMilliSeconds(minPause);
         return;
@@ -101,14 +101,13 @@ std::vector<FileList> Worker::writeFileLists(const NameList& names) {
     return dealNames(names, n);
 }
 
-void Worker::startCopyProcesses(std::vector<FileList>& fileLists, const std::string& url) {
+void Worker::startCopyProcesses(const std::vector<FileList>& fileLists, const std::string& url) {
     lock();
     pids.assign(fileLists.size(), 0);
     unlock();
     evaluators.assign(fileLists.size(), nullptr);
 
     for (std::size_t i = 0; i < fileLists.size(); ++i) {
-        fileLists[i].close();
         const std::string command = copyCommand(fileLists[i].name(), url, targetPath);
         log << detectorId << ": rsync call: " << command << endl << flush;
         startCopyProcess(i, command);

@@ -78,7 +78,7 @@ private:
     /// over a temporary is rid of the names, which may be many, before anything is copied.
     std::vector<FileList> writeFileLists(const NameList& names);
 
-    void startCopyProcesses(std::vector<FileList>& fileLists, const std::string& url);
+    void startCopyProcesses(const std::vector<FileList>& fileLists, const std::string& url);
 
     /// Starts the copy process and the evaluator of one slot; a failure is logged and leaves the
     /// slot empty.

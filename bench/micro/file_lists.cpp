@@ -22,10 +22,7 @@ void fileLists(benchmark::State& state) {
         transferList.add(nameOf(i));
     }
     for ([[maybe_unused]] auto _ : state) {
-        std::vector<FileList> dealt = dealNames(transferList, lists);
-        for (FileList& list : dealt) {
-            list.close();
-        }
+        const std::vector<FileList> dealt = dealNames(transferList, lists);
         state.PauseTiming();
         for (const FileList& list : dealt) {
             unlink(list.name().c_str());

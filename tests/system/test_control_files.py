@@ -160,8 +160,12 @@ def test_every_list_is_written_before_the_first_process_starts(daemon: Daemon) -
     daemon.start()
     first = scripted.wait_for_calls("copy", 1)[0]
     assert first.slot == 0
-    assert len(file_lists()) == 5
+    lists = file_lists()
+    assert [path.name.rpartition("_")[2] for path in lists] == ["0", "1", "2", "3", "4"]
+    for slot, path in enumerate(lists):
+        assert path.read_text() == "".join(f"f{number}\n" for number in range(slot, 500, 5))
     assert first.names == [f"f{number}" for number in range(0, 500, 5)]
+    assert len(scripted.calls("copy")) == 1
 
 
 def test_lists_of_two_detectors_have_different_names(daemon: Daemon) -> None:

@@ -27,11 +27,10 @@ protected:
     const std::string path = scratch / "list";
 };
 
-/// The paths of the lists, each with its content once it is closed; the files are removed.
-std::vector<std::string> contentsOf(std::vector<FileList>& lists) {
+/// What stands in the files of the lists, which are removed.
+std::vector<std::string> contentsOf(const std::vector<FileList>& lists) {
     std::vector<std::string> contents;
-    for (FileList& list : lists) {
-        list.close();
+    for (const FileList& list : lists) {
         contents.push_back(readFile(list.name()));
         unlink(list.name().c_str());
     }
@@ -213,12 +212,21 @@ TEST_F(FileLists, LoseTheNamesInSilenceWhenTheyCannotBeCreated) {
 }
 
 TEST_F(FileLists, AreDealtTheNamesInTurn) {
-    std::vector<FileList> lists = dealNames(listOf({"a", "b", "c", "d", "e"}), 3);
+    const std::vector<FileList> lists = dealNames(listOf({"a", "b", "c", "d", "e"}), 3);
     EXPECT_THAT(contentsOf(lists), ElementsAre("a\nd\n", "b\ne\n", "c\n"));
 }
 
+TEST_F(FileLists, AreWrittenOutWhenTheNamesAreDealt) {
+    const std::vector<int> before = openDescriptors();
+    const std::vector<FileList> lists = dealNames(listOf({"a", "b"}), 2);
+    EXPECT_EQ(readFile(fileListName(0)), "a\n");
+    EXPECT_EQ(readFile(fileListName(1)), "b\n");
+    EXPECT_EQ(openDescriptors(), before);
+    contentsOf(lists);
+}
+
 TEST_F(FileLists, AreNamedByTheirIndex) {
-    std::vector<FileList> lists = dealNames(listOf({"a", "b"}), 2);
+    const std::vector<FileList> lists = dealNames(listOf({"a", "b"}), 2);
     ASSERT_EQ(lists.size(), 2U);
     EXPECT_EQ(lists[0].name(), fileListName(0));
     EXPECT_EQ(lists[1].name(), fileListName(1));
@@ -226,7 +234,7 @@ TEST_F(FileLists, AreNamedByTheirIndex) {
 }
 
 TEST_F(FileLists, StayEmptyWhenThereAreFewerNames) {
-    std::vector<FileList> lists = dealNames(listOf({"a"}), 2);
+    const std::vector<FileList> lists = dealNames(listOf({"a"}), 2);
     EXPECT_THAT(contentsOf(lists), ElementsAre("a\n", ""));
 }
 

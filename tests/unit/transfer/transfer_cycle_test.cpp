@@ -272,17 +272,20 @@ TEST_F(TransferCycle, DealsTheNamesToTheFileListsInTurn) {
 }
 
 TEST_F(TransferCycle, WritesAllListsBeforeTheFirstCopyStarts) {
-    copyBody("if [ ! -e $bed/seen ]; then ls /tmp >$bed/seen; fi\n");
-    OpenWorker& worker = makeWorker();
-    serve(numbered("frame", 203));
-    std::string lists[3];
-    for (int i = 0; i < 3; ++i) {
-        lists[i] = fileListName(i).substr(5) + "\n";
-    }
+    // The pause gives the first one time to look before the second one is started.
+    copyBody("if [ ! -e $bed/seen ]; then cat ${list%_*}_0 ${list%_*}_1 ${list%_*}_2 >$bed/part; "
+             "mv $bed/part $bed/seen; fi\n");
+    OpenWorker& worker = makeWorker("1", "127.0.0.1", 1, 300);
+    const std::vector<std::string> names = numbered("frame", 203);
+    serve(names);
     runUntil(worker, [this] { return countOf(logText(), "Removed file") == 3; });
-    for (const std::string& list : lists) {
-        EXPECT_THAT(readFile(scratch / "seen"), HasSubstr(list));
+    std::string expected;
+    for (std::size_t list = 0; list < 3; ++list) {
+        for (std::size_t k = list; k < names.size(); k += 3) {
+            expected += names[k] + "\n";
+        }
     }
+    EXPECT_EQ(readFile(scratch / "seen"), expected);
 }
 
 TEST_F(TransferCycle, StartsNoMoreCopiesThanTheSettingAllows) {
