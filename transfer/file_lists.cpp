@@ -13,7 +13,7 @@ namespace {
 
 constexpr std::size_t namesPerProcess = 101;
 constexpr std::size_t writeSize = 65536;
-constexpr mode_t fileListMode = 0600;
+constexpr mode_t fileListMode = 0644;
 
 /// How many of the first `count` bytes of `lines` are whole lines.
 std::size_t wholeLines(std::string_view lines, off_t count) {

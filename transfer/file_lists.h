@@ -16,13 +16,14 @@ int copyProcessCount(std::size_t count, int setting);
 /// workers and no two daemons share one.
 std::string fileListName(int index);
 
-/// One copy process's file list: the names it is to copy, a line each, in a private file under
-/// /tmp.
+/// One copy process's file list: the names it is to copy, a line each, in a file under /tmp
+/// that the daemon alone writes.
 class FileList {
 public:
-    /// Creates the file (mode 0600), replacing whatever has its name without following a link. On
-    /// failure the names written to it are lost for this cycle: their files stay in the share and
-    /// are listed again.
+    /// Creates the file, replacing whatever has its name without following a link. Its mode is
+    /// 0644: a copy program may have become another user when it reads the names, which are no
+    /// secret, for the log has them too. On failure the names written to it are lost for this
+    /// cycle: their files stay in the share and are listed again.
     explicit FileList(std::string fileName);
 
     const std::string& name() const { return fileName; }

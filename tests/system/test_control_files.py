@@ -136,7 +136,7 @@ def test_the_status_file_is_written_once(daemon: Daemon) -> None:
 
 
 def test_file_lists(daemon: Daemon) -> None:
-    """Names are dealt in turn; the lists are private, numbered, and gone after the cycle."""
+    """Names are dealt in turn; the lists can be read, are numbered, and gone after the cycle."""
     start_one(daemon, 250)
     calls = sorted(scripted.wait_for_calls("copy", 3), key=lambda call: call.slot)
     stems = {call.list_name.rpartition("_")[0] for call in calls}
@@ -144,7 +144,7 @@ def test_file_lists(daemon: Daemon) -> None:
     assert [str(path) for path in file_lists()] == [call.list_name for call in calls]
     for slot, call in enumerate(calls):
         assert call.slot == slot
-        assert call.list_mode == 0o600
+        assert call.list_mode == 0o644
         assert call.list_text == "".join(f"f{number}\n" for number in range(slot, 250, 3))
         assert Path(call.list_name).read_text() == call.list_text
     scripted.gate("end").touch()
@@ -191,7 +191,7 @@ def test_a_list_left_by_a_dead_daemon_is_replaced(daemon: Daemon) -> None:
     second = scripted.wait_for_calls("copy", 2)[1]
     assert second.list_name == str(name)
     assert second.list_text == "b\n"
-    assert second.list_mode == 0o600
+    assert second.list_mode == 0o644
 
 
 @pytest.mark.parametrize("link", [os.symlink, os.link])

@@ -174,19 +174,21 @@ TEST_F(FileLists, CanBeClosedTwice) {
     EXPECT_EQ(readFile(path), "a\n");
 }
 
-TEST_F(FileLists, BelongToTheDaemonAlone) {
+TEST_F(FileLists, CanBeReadByAllAndWrittenByTheDaemonAlone) {
     const mode_t before = umask(0);
     const FileList list(path);
     umask(before);
-    EXPECT_EQ(permissions(path), 0600U);
+    EXPECT_EQ(permissions(path), 0644U);
 }
 
 TEST_F(FileLists, ReplaceAnOldFileOfTheirName) {
     writeFile(path, "old content that is longer\n");
+    ASSERT_EQ(chmod(path.c_str(), 0666), 0);
     FileList list(path);
     list.add("new");
     list.close();
     EXPECT_EQ(readFile(path), "new\n");
+    EXPECT_EQ(permissions(path), 0644U);
 }
 
 TEST_F(FileLists, DoNotFollowALinkOfTheirName) {
@@ -198,7 +200,7 @@ TEST_F(FileLists, DoNotFollowALinkOfTheirName) {
     list.close();
     EXPECT_EQ(readFile(victim), "untouched");
     EXPECT_EQ(readFile(path), "new\n");
-    EXPECT_EQ(permissions(path), 0600U);
+    EXPECT_EQ(permissions(path), 0644U);
 }
 
 TEST_F(FileLists, LoseTheNamesInSilenceWhenTheyCannotBeCreated) {
