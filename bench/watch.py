@@ -21,7 +21,6 @@ import json
 import os
 import pty
 import select
-import shutil
 import signal
 import statistics
 import struct
@@ -36,6 +35,7 @@ from support.bed import STATE, Station, install, make_stations
 from support.consumer import Consumer
 from support.daemon import LOG_FILE, Daemon
 from support.detector import frame_names
+from support.folders import remove
 from support.waiting import wait_until
 
 JOURNALS = Path("/var/lib/skarn/journal")
@@ -126,12 +126,12 @@ class Watcher:
 
 def prepare(stations: list[Station], names: list[str], size: int) -> None:
     """Empties targets, log and journals, and fills the shares."""
-    shutil.rmtree(JOURNALS, ignore_errors=True)
-    shutil.rmtree(LOG_FILE.parent, ignore_errors=True)
+    remove(JOURNALS)
+    remove(LOG_FILE.parent)
     LOG_FILE.parent.mkdir(parents=True)
     STATE.mkdir(parents=True, exist_ok=True)
     for station in stations:
-        shutil.rmtree(station.target, ignore_errors=True)
+        remove(station.target)
         station.simulator.root.mkdir(parents=True, exist_ok=True)
         content = bytes(size)
         for name in names:

@@ -72,11 +72,11 @@ manuals() {
     }
 }
 
-# tree_free_of PATTERN, log_free_of PATTERN: fail and show the lines when a tracked file or a commit message matches.
-# The patterns below are written so that they do not match themselves.
+# tree_free_of PATTERN [FOLDER...], log_free_of PATTERN: fail and show the lines when a tracked file (of these folders, or
+# of all) or a commit message matches. The patterns below are written so that they do not match themselves.
 tree_free_of() {
     local status=0
-    git grep -nIE "$1" || status=$?
+    git grep -nIE "$1" -- "${@:2}" || status=$?
     [ "$status" -eq 1 ]
 }
 
@@ -101,6 +101,8 @@ check 'manuals' manuals
 check 'no word that must not land' tree_free_of "$words"
 check 'no such word in the history' log_free_of "$words"
 check 'nothing unfinished or switched off' tree_free_of "$markers"
+# What is mounted below a folder may be the project itself: tests remove folders by tests/support/folders.py.
+check 'no test walks into what is mounted' tree_free_of '[r]mtree' tests bench scripts
 
 printf '\nStatic checks:\n%d passed, %d failed, 0 skipped\n' "$passed" "$failed"
 [ "$failed" -eq 0 ]

@@ -4,13 +4,12 @@ from __future__ import annotations
 
 import os
 import signal
-import stat
 from collections.abc import Iterator
-from pathlib import Path
 
 import pytest
 
 from support import daemon, processes
+from support.folders import empty, remove
 
 # Emptied between tests. Below /etc only the daemon's own files go.
 EMPTIED = (
@@ -53,38 +52,8 @@ def empty_places() -> None:
             empty(os.path.realpath(place))
     for name in os.listdir("/etc"):
         if name.startswith("skarn_orbelin"):
-            path = Path("/etc", name)
-            if path.is_dir():
-                empty(str(path))
-                path.rmdir()
-            else:
-                path.unlink()
+            remove(f"/etc/{name}")
     for folder in (daemon.COPY_PROGRAM.parent, daemon.PASSWORD_FILE.parent):
         folder.mkdir(parents=True, exist_ok=True)
     for place, mode in (("/run", 0o755), ("/srv", 0o755), ("/tmp", 0o1777)):
         os.chmod(place, mode)
-
-
-def empty(place: str, within: int | None = None) -> bool:
-    """Removes what is in a folder (named from the folder `within`, if given), at any depth.
-
-    What is mounted below it stays: the project itself may be seen there. Returns whether nothing
-    is left.
-    """
-    folder = os.open(place, os.O_RDONLY | os.O_DIRECTORY | os.O_NOFOLLOW, dir_fd=within)
-    try:
-        device = os.fstat(folder).st_dev
-        nothing_left = True
-        for name in os.listdir(folder):
-            status = os.stat(name, dir_fd=folder, follow_symlinks=False)
-            if status.st_dev != device:
-                nothing_left = False
-            elif not stat.S_ISDIR(status.st_mode):
-                os.unlink(name, dir_fd=folder)
-            elif empty(name, folder):
-                os.rmdir(name, dir_fd=folder)
-            else:
-                nothing_left = False
-        return nothing_left
-    finally:
-        os.close(folder)

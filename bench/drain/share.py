@@ -4,11 +4,11 @@ from __future__ import annotations
 
 import os
 import random
-import shutil
 from dataclasses import dataclass
 from pathlib import Path
 
 from support.bed import STATE, Station, install, make_stations
+from support.folders import remove
 
 JOURNALS = Path("/var/lib/skarn/journal")
 
@@ -36,7 +36,7 @@ def empty(station: Station) -> None:
     of a drain.
     """
     for folder in (station.target, station.simulator.root, JOURNALS):
-        shutil.rmtree(folder, ignore_errors=True)
+        remove(folder)
     for folder in (station.target, station.simulator.root, STATE):
         folder.mkdir(parents=True, exist_ok=True)
 

@@ -14,7 +14,6 @@ from __future__ import annotations
 
 import os
 import random
-import shutil
 import time
 from pathlib import Path
 
@@ -24,6 +23,7 @@ from results import Data
 from support.bed import Station, install, make_stations
 from support.consumer import Consumer
 from support.daemon import Daemon, file_lists
+from support.folders import remove
 from support.processes import status_field
 from support.rsync_server import RsyncServer
 from support.waiting import wait_until
@@ -56,10 +56,10 @@ def drain(detectors: int, files: int) -> Data:
     """One drain of so many files of each detector."""
     stations = make_stations(detectors)
     install(Path(os.environ["CONFIRMING_RSYNC_BINARY"]), stations)
-    shutil.rmtree(JOURNALS, ignore_errors=True)  # those of the drain before are of a dead daemon
+    remove(JOURNALS)  # those of the drain before are of a dead daemon
     names = sorted(names_of(files))
     for station in stations:
-        shutil.rmtree(station.target, ignore_errors=True)
+        remove(station.target)
         fill(station, names)
     servers = [station.server for station in stations]
     try:
@@ -70,7 +70,7 @@ def drain(detectors: int, files: int) -> Data:
         stop(servers)
     for station in stations:
         check(station, names)
-        shutil.rmtree(station.target)
+        remove(station.target)
     return {"detectors": detectors, "files": detectors * files, **result}
 
 
@@ -113,7 +113,7 @@ def content(number: int) -> bytes:
 
 def fill(station: Station, names: list[str]) -> None:
     root = station.simulator.root
-    shutil.rmtree(root, ignore_errors=True)
+    remove(root)
     for folder in {os.path.dirname(name) for name in names}:
         (root / folder).mkdir(parents=True)
     for number, name in enumerate(names):

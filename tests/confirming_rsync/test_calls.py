@@ -25,6 +25,7 @@ from confirming_rsync.program import (
     scripted_binary,
     scripted_rsync,
 )
+from support.folders import remove
 
 LISTING = ["-mrlDHW", "--list-only", "--exclude=**.tmp", "--password-file=/p", URL]
 CONFIRM = 'out("SENT: a\\nsender removed a\\n")'
@@ -258,6 +259,6 @@ def test_is_installed_only_as_its_own_component() -> None:
     assert sorted(installed("--component", "confirming_rsync")) == [name, manual]
     program = Path("/srv/prefix/confirming_rsync") / name
     assert os.access(program, os.X_OK)
-    shutil.rmtree("/srv/prefix")
+    remove("/srv/prefix")
     everything = installed()
     assert everything and name not in everything and manual not in everything

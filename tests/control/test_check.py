@@ -13,7 +13,6 @@ from typing import Any
 
 import pytest
 
-from support import processes
 from support.consumer import Consumer
 from support.control import Result, binary, environment, skarnctl
 from support.daemon import (
@@ -46,28 +45,12 @@ GOOD = LOG + BLOCK
 @pytest.fixture(autouse=True)
 def good_host() -> Iterator[None]:
     """A host that lacks nothing, and a good configuration of one detector."""
-    for path in (CONFIGURATION, SECOND_CONFIGURATION, FIFO, LISTING_ERRORS, LOG_FILE, PID_FILE):
-        remove(path)
-    remove(LOG_FILE.parent)
-    remove(PASSWORD_FILE)
-    remove(COPY_PROGRAM)
     LOG_FILE.parent.mkdir(parents=True)
     install_password_file()
     install_copy_program(Path(os.environ["CONFIRMING_RSYNC_BINARY"]))
     write_raw_configuration(GOOD)
     with Consumer():
         yield
-    processes.end_descendants()
-    for path in Path("/srv").iterdir():
-        remove(path)
-
-
-def remove(path: Path) -> None:
-    """Takes a file, a link or a whole folder away, if it is there."""
-    if path.is_dir() and not path.is_symlink():
-        shutil.rmtree(path)
-    else:
-        path.unlink(missing_ok=True)
 
 
 def findings(*words: str, status: int | None = None) -> list[dict[str, Any]]:
@@ -97,10 +80,14 @@ def of_host(*words: str) -> list[str]:
 
 
 def state_of_the_host() -> dict[str, tuple[int, int, int, int, int]]:
-    """Everything about every file of the daemon's places but when it was read."""
+    """Everything about every file of the daemon's places but when it was read. What is mounted
+    below them is no part of them: it may be the project, where other tests leave their results.
+    """
     found = {}
     for place in PLACES:
         for folder, folders, files in os.walk(place):
+            paths = {each: os.path.join(folder, each) for each in folders}
+            folders[:] = [each for each, path in paths.items() if not os.path.ismount(path)]
             for name in [".", *folders, *files]:
                 path = os.path.join(folder, name)
                 one = os.lstat(path)

@@ -3,7 +3,6 @@
 from __future__ import annotations
 
 import re
-import shutil
 from collections.abc import Iterator
 from pathlib import Path
 from typing import Any
@@ -27,9 +26,7 @@ LOG = f"logfile {LOG_FILE}\n"
 
 @pytest.fixture
 def daemon() -> Iterator[Daemon]:
-    """A daemon, not started, with the scripted copy program and no traces of an earlier one."""
-    shutil.rmtree(scripted.FOLDER, ignore_errors=True)
-    shutil.rmtree("/srv", ignore_errors=True)
+    """A daemon, not started, with the scripted copy program."""
     LOG_FILE.parent.mkdir(parents=True)
     install_password_file()
     scripted.install()

@@ -3,14 +3,15 @@
 from __future__ import annotations
 
 import os
-import shutil
 import time
+from contextlib import suppress
 from pathlib import Path
 from random import Random
 
 from faults.bed import Bed, Station
 from faults.fault import Fault, register
 from support.detector import digest_of
+from support.folders import remove
 
 
 @register
@@ -57,7 +58,8 @@ class FoldersVanish(Fault):
         time.sleep(rng.uniform(0, 0.1))
         for name in names:
             station.ledger.will_withdraw(name)
-        shutil.rmtree(station.workload.root / folder, ignore_errors=True)
+        with suppress(OSError):  # as far as it lets itself be deleted
+            remove(station.workload.root / folder)
         return 1
 
 
