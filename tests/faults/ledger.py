@@ -134,9 +134,11 @@ class Ledger:
             return list(self._entries.values())
 
     def present(self) -> list[str]:
-        """The names of the files that had not left the source at the last look."""
+        """The names of the files that had not left the source at the last look and have to leave:
+        those that can't be carried are not among them.
+        """
         with self._lock:
-            return list(self._present)
+            return [name for name, entry in self._present.items() if not entry.stays]
 
     def unannounced(self) -> list[str]:
         """The names of the files that left the source, need a record and have none.

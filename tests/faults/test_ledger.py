@@ -4,6 +4,9 @@ from __future__ import annotations
 
 import re
 from pathlib import Path
+from random import Random
+
+import pytest
 
 from faults.bed import Bed, Outcome
 from faults.consumer import CheckingConsumer
@@ -114,6 +117,26 @@ def test_the_workload_follows_from_the_seed() -> None:
         workload.write_some(50)
         contents.append([(entry.name, entry.final) for entry in ledger.entries()])
     assert contents[0] == contents[1] != contents[2]
+
+
+class Unlucky(Random):
+    """Deletes as many files at once as a seed may want."""
+
+    def randint(self, a: int, b: int) -> int:
+        return b
+
+
+def test_vanishing_files_are_none_that_have_to_stay(monkeypatch: pytest.MonkeyPatch) -> None:
+    bed = Bed("any")
+    monkeypatch.setattr(bed, "wait_copying", lambda timeout: [])
+    workload, ledger = bed.stations[0].workload, bed.stations[0].ledger
+    names_with_blanks = load()["names-with-blanks"]()
+    assert names_with_blanks.inject(bed, Random(1)) == 4
+    workload.write("a.raw", b"leaves")
+    assert load()["files-vanish"]().inject(bed, Unlucky(1)) == 1
+    assert not (SHARE / "a.raw").exists()
+    names_with_blanks.heal(bed)
+    assert ledger.broken == []
 
 
 def judged(bed: Bed, outcome: Outcome) -> list[str]:
