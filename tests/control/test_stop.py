@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import os
 import re
+import shutil
 import signal
 import subprocess
 import time
@@ -17,6 +18,7 @@ from support.control import (
     Result,
     Victim,
     begin,
+    binary,
     finish,
     is_running,
     kill_daemon,
@@ -330,19 +332,22 @@ def test_file_lists_in_a_private_tmp_are_seen() -> None:
     scripted.add_listing(["a"])
     # It ends at once, but its report stays open: nothing but the list tells.
     scripted.add_copy([f"linger {gate}"])
-    result = skarnctl(
-        "start",
-        wrapper=["unshare", "--mount", "sh", "-c", 'mount -t tmpfs tmpfs /tmp; exec "$0" "$@"'],
-    )
+    # That /tmp hides what stands below the other one, and the programs under test may.
+    Path("/usr/local/sbin").mkdir(exist_ok=True)
+    for program in (binary(), Path(os.environ["SKARN_BINARY"])):
+        shutil.copy(program, "/usr/local/sbin")
+    stop = ("--daemon=/usr/local/sbin/skarn", "stop")
+    begin_there = 'mount -t tmpfs tmpfs /tmp; exec /usr/local/sbin/"${0##*/}" "$@"'
+    result = skarnctl("start", wrapper=["unshare", "--mount", "sh", "-c", begin_there])
     assert result.status == 0, result
     pid = pids_in_file()[0]
     copy = scripted.wait_for_calls("copy", 1)[0].pid
     wait_until(lambda: not is_running(copy), "the copy process to end")
     assert not file_lists()
-    result = skarnctl("stop", "--when-idle=1")
+    result = skarnctl(*stop, "--when-idle=1")
     assert result.status == 1, result
     gate.touch()
-    assert skarnctl("stop", "--when-idle=30").status == 0
+    assert skarnctl(*stop, "--when-idle=30").status == 0
     assert not is_running(pid)
 
 
