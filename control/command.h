@@ -1,9 +1,12 @@
 // What every subcommand of skarnctl agrees on: how it is added, its exit statuses, its complaints.
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <string>
 #include <vector>
+
+namespace CLI {
+class App; // the parser is large: only what defines commands includes it
+}
 
 namespace control {
 

@@ -7,6 +7,7 @@
 #include "daemon/daemon.h"
 #include "daemon/global.h"
 
+#include <CLI/CLI.hpp>
 #include <cstdio>
 #include <exception>
 #include <filesystem>

@@ -6,6 +6,7 @@
 #include "control/check/config_findings.h"
 #include "control/check/host_findings.h"
 
+#include <CLI/CLI.hpp>
 #include <cerrno>
 #include <clocale>
 #include <cstdio>

@@ -6,6 +6,7 @@
 #include "control/observe/snapshot_source.h"
 #include "utilities/descriptors.h"
 
+#include <CLI/CLI.hpp>
 #include <cerrno>
 #include <csignal>
 #include <cstring>

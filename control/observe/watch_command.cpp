@@ -7,6 +7,7 @@
 #include "control/observe/watch_text.h"
 #include "utilities/descriptors.h"
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cerrno>
 #include <clocale>

@@ -9,6 +9,7 @@
 #include "control/service/stop.h"
 #include "daemon/global.h"
 
+#include <CLI/CLI.hpp>
 #include <charconv>
 #include <cstdio>
 #include <functional>
