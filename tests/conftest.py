@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import os
 import signal
+import time
 from collections.abc import Iterator
 
 import pytest
@@ -19,12 +20,19 @@ EMPTIED = (
 
 
 def pytest_configure(config: pytest.Config) -> None:
-    """Refuses to run outside the sandbox: the tests write to the daemon's fixed places."""
+    """Refuses to run outside the sandbox: the tests write to the daemon's fixed places.
+
+    In it they begin alike, whoever calls them and from where.
+    """
     if not processes.in_sandbox():
         raise pytest.UsageError(
             "these tests use the daemon's fixed places (/etc, /var/run, /tmp, /usr/local): "
             "run them with tests/support/sandbox COMMAND, as ctest does"
         )
+    os.umask(0o022)
+    # The daemon is started without this variable: it has the machine's own time zone.
+    os.environ.pop("TZ", None)
+    time.tzset()
     # A shell starts what runs in its background with these ignored, and so would the daemon be.
     for number in (signal.SIGINT, signal.SIGQUIT):
         if signal.getsignal(number) == signal.SIG_IGN:
@@ -55,5 +63,6 @@ def empty_places() -> None:
             remove(f"/etc/{name}")
     for folder in (daemon.COPY_PROGRAM.parent, daemon.PASSWORD_FILE.parent):
         folder.mkdir(parents=True, exist_ok=True)
-    for place, mode in (("/run", 0o755), ("/srv", 0o755), ("/tmp", 0o1777)):
-        os.chmod(place, mode)
+    for place in ("/run", "/srv", "/usr/local/orbelin"):
+        os.chmod(place, 0o755)
+    os.chmod("/tmp", 0o1777)

@@ -12,6 +12,7 @@ from pathlib import Path
 import pytest
 
 from confirming_rsync.program import (
+    DAEMON_ENVIRONMENT,
     FILE_LIST,
     OPTIONS,
     TARGET,
@@ -260,7 +261,10 @@ def test_listing_is_that_of_stock_rsync(reporting: RsyncServer) -> None:
     result = Program(real_binary(), arguments).finish()
     assert result.status == 0
     assert result.report == subprocess.run(
-        ["/usr/bin/rsync", "-8", *arguments], check=True, stdout=subprocess.PIPE
+        ["/usr/bin/rsync", "-8", *arguments],
+        check=True,
+        env=DAEMON_ENVIRONMENT,
+        stdout=subprocess.PIPE,
     ).stdout
     assert b"\xe4\n" in result.report
 
