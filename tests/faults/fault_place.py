@@ -392,7 +392,8 @@ class JournalFault(Fault):
     """The copy program's journal can't be kept; copying goes on, and the report says why.
 
     A file that leaves the source meanwhile is protected against no death, so nothing else strikes
-    until the last copy process without a journal has ended.
+    until the last copy process without a journal has ended, and the daemon has handed off what it
+    reported: its list of names is then gone.
     """
 
     alone = True
@@ -411,6 +412,21 @@ class JournalFault(Fault):
             "the copy processes without a journal to end",
             60,
         )
+        lists = self.lists_of_the_daemon(bed)
+        wait_until(
+            lambda: not lists & self.lists_of_the_daemon(bed), "the end of their cycle", 60
+        )
+
+    @staticmethod
+    def lists_of_the_daemon(bed: Bed) -> set[tuple[Path, int, int]]:
+        """Its lists of this moment; a later cycle's have the same names."""
+        lists = set()
+        for path in file_lists():
+            if path.name.startswith(f"{FILE_LISTS}{bed.daemon.pid}_"):
+                with suppress(FileNotFoundError):
+                    status = path.stat()
+                    lists.add((path, status.st_ino, status.st_mtime_ns))
+        return lists
 
     def is_reported_at_last(self, bed: Bed) -> bool:
         """The same as `is_reported`; if not, sees to it that the fault has not mended itself."""

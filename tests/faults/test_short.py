@@ -33,9 +33,13 @@ def test_the_promise_holds(
     name: str, seed: int, rounds: int, capsys: pytest.CaptureFixture[str]
 ) -> None:
     again = command(name, seed, rounds)
+    # The daemon's log, which tells what led to a failure, stays after one.
+    log = Path(os.environ["SKARN_RESULTS"], f"faults-{name}-{seed}.log")
     with capsys.disabled():
         print(f"\n{again}", flush=True)
-        outcome = run(name, seed, rounds, limit=70, log=None)
+        outcome = run(name, seed, rounds, limit=70, log=log)
         print(summary(outcome), flush=True)
+    if not outcome.broken:
+        log.unlink(missing_ok=True)
     assert not outcome.broken, f"{again}\n" + "\n".join(outcome.broken[:20])
     assert outcome.injected > 0 and outcome.files > 0
