@@ -1,6 +1,7 @@
 // What a piece of code asked the heap for.
 #include "tests/unit/support/allocations.h"
 
+#include <cstdint>
 #include <cstdlib>
 #include <iterator>
 #include <new>
@@ -11,10 +12,11 @@ thread_local std::size_t allocated = 0;
 
 // Without a container, which would allocate.
 thread_local std::size_t recordedSize = 0; // 0: nothing is recorded
-thread_local const volatile void* recordedBlocks[32];
+thread_local std::uintptr_t recordedBlocks[32];
 thread_local std::size_t recordedCount = 0;
 
-void note(const volatile void* block, std::size_t size) {
+// By its address: nothing is in the block yet.
+void note(std::uintptr_t block, std::size_t size) {
     allocated += size;
     if (size != 0 && size == recordedSize && recordedCount < std::size(recordedBlocks)) {
         recordedBlocks[recordedCount++] = block;
@@ -31,8 +33,11 @@ extern "C" int __sanitizer_install_malloc_and_free_hooks( // NOLINT: the sanitiz
 
 namespace {
 
-const int hooksInstalled =
-    __sanitizer_install_malloc_and_free_hooks(note, [](const volatile void* /*block*/) {});
+const int hooksInstalled = __sanitizer_install_malloc_and_free_hooks(
+    [](const volatile void* block, std::size_t size) {
+        note(reinterpret_cast<std::uintptr_t>(block), size);
+    },
+    [](const volatile void* /*block*/) {});
 
 } // namespace
 
@@ -43,7 +48,7 @@ void* operator new(std::size_t size) {
     if (block == nullptr) {
         throw std::bad_alloc();
     }
-    note(block, size);
+    note(reinterpret_cast<std::uintptr_t>(block), size);
     return block;
 }
 
@@ -72,7 +77,7 @@ BlockRecorder::~BlockRecorder() {
 
 int BlockRecorder::orderOf(const void* block) const {
     for (std::size_t i = 0; i < recordedCount; ++i) {
-        if (recordedBlocks[i] == block) {
+        if (recordedBlocks[i] == reinterpret_cast<std::uintptr_t>(block)) {
             return static_cast<int>(i);
         }
     }
