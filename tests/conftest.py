@@ -14,7 +14,7 @@ from support.folders import empty, remove
 
 # Emptied between tests. Below /etc only the daemon's own files go.
 EMPTIED = (
-    *("/tmp", "/run", "/srv", "/usr/local/orbelin", "/var/lib/skarn"),
+    *("/tmp", "/run", "/srv", "/usr/local/orbelin", "/var/lib/skarn", "/var/log"),
     str(daemon.REPORTS),
 )
 

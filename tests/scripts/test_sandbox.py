@@ -14,7 +14,7 @@ from pathlib import Path
 import pytest
 
 SCRIPT = Path(__file__).resolve().parent.parent / "support" / "sandbox"
-COVERED = ("/etc", "/run", "/srv", "/tmp", "/usr/local", "/var/lib")
+COVERED = ("/etc", "/run", "/srv", "/tmp", "/usr/local", "/var/lib", "/var/log")
 # /mnt and /dev/shm stand for everywhere else: where the sandbox makes its places first, and where
 # nothing but the project is made read-only.
 PLACES = (*COVERED, "/mnt", "/opt", "/dev/shm")
@@ -68,7 +68,7 @@ truncate --size=0 "$1/source.cpp"
 mv "$1/source.cpp" "$1/results/moved"
 mv "$1" "$1.old"
 rm -rf "$1"
-rm -rf --no-preserve-root /run /srv /tmp /usr/local /var/lib /etc /mnt /opt /dev/shm
+rm -rf --no-preserve-root /run /srv /tmp /usr/local /var/lib /var/log /etc /mnt /opt /dev/shm
 echo done
 """
 
@@ -93,14 +93,14 @@ def test_a_command_finds_what_it_needs(checkout: Path) -> None:
         cat "$1/source.cpp" source.cpp
         pwd
         echo 5 passed >results/outcome
-        touch {files}
-        for place in / /usr /var /root; do touch "$place/of-a-test" 2>/dev/null && exit 3; done
+        touch {files} /of-a-test
+        for place in /usr /var /root; do touch "$place/of-a-test" 2>/dev/null && exit 3; done
         true
     """
     done = run(checkout, command)
     assert (done.returncode, done.stdout) == (0, f"{PRECIOUS}{PRECIOUS}{checkout}\n")
     assert (checkout / "results" / "outcome").read_text(encoding="utf-8") == "5 passed\n"
-    for place in COVERED:
+    for place in (*COVERED, "/"):
         assert not Path(place, "of-a-test").exists()
 
 
