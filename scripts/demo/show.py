@@ -10,6 +10,7 @@ from __future__ import annotations
 import argparse
 import os
 import shutil
+import subprocess
 import sys
 import time
 from collections.abc import Iterator
@@ -187,12 +188,14 @@ def print_table(rows: list[Comparison]) -> None:
     print()
 
 
-def run(options: argparse.Namespace, log: Path) -> int:
+def run(options: argparse.Namespace, kept_log: Path) -> int:
     total = options.detectors * options.files
     stations = make_stations(options.detectors)
-    log.parent.mkdir(parents=True, exist_ok=True)
-    for old in log.parent.glob(log.name + "*"):
+    for old in kept_log.parent.glob(kept_log.name + "*"):
         old.unlink()
+    # The way to the project may have blanks in it, which a value of the configuration can't have.
+    log = Path("/var/log", kept_log.name)
+    subprocess.run(["mount", "--bind", kept_log.parent, log.parent], check=True)
     install(options.copy_program, stations, {"logfile": log}, minpause=100, interrun_pause=10)
     with ExitStack() as stack:
         for station in stations:

@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import os
 import re
+import shlex
 import signal
 import time
 from collections.abc import Iterator
@@ -284,7 +285,7 @@ def test_a_terminal_that_cannot_be_drawn_on_is_refused(name: str) -> None:
 
 def test_without_a_terminal_to_type_at_it_says_what_to_do() -> None:
     with Terminal(200, 10) as terminal:
-        terminal.run(["/bin/sh", "-c", f"{SKARNCTL} watch </dev/null"])
+        terminal.run(["/bin/sh", "-c", f"{shlex.quote(SKARNCTL)} watch </dev/null"])
         assert terminal.wait_status() == 1
         assert (
             "skarnctl: the live view needs a terminal; --once or --json show the same without one"
