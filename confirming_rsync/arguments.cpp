@@ -1,8 +1,6 @@
 // What the caller asked for, and the argument vectors and environment that stock rsync gets for it.
 #include "confirming_rsync/arguments.h"
 
-#include "confirming_rsync/share_question.h"
-
 #include <algorithm>
 #include <cstddef>
 #include <string_view>
@@ -42,6 +40,8 @@ std::vector<std::string> optionsForAnyCall(bool ofAShare) {
     if (ofAShare) {
         options.emplace_back("--contimeout=30");
         options.emplace_back("--sockopts=TCP_NODELAY");
+        // A message of the day would be the share's own text among rsync's.
+        options.emplace_back("--no-motd");
     }
     return options;
 }
@@ -60,6 +60,9 @@ void addOptionsForReport(const std::string& uid, const std::string& gid,
 Arguments readArguments(const std::vector<std::string>& arguments, const std::string& uid,
                         const std::string& gid) {
     Arguments result;
+    // Whether that option comes before those about the list or after them is all the same.
+    const auto lastOption = std::find(arguments.begin(), arguments.end(), "--");
+    result.confirming = std::find(arguments.begin(), lastOption, "--confirm-files") != lastOption;
     bool options = true;
     bool listing = false;
     std::vector<std::string> kept;
@@ -68,15 +71,24 @@ Arguments readArguments(const std::vector<std::string>& arguments, const std::st
         std::string value;
         if (argument == "--") {
             options = false;
+            if (result.confirming) {
+                continue; // more options follow
+            }
         } else if (options && argument == "--confirm-files") {
-            result.confirming = true;
             continue;
         } else if (options && argument == "--list-only") {
             listing = true;
         } else if (options && readOption(arguments, at, "--files-from", value)) {
             result.fileList = value;
+            if (result.confirming) {
+                at += argument == "--files-from" ? 1 : 0;
+                continue;
+            }
         } else if (options && (argument == "--from0" || argument == "-0")) {
-            result.fileListEndsNamesWithNul = true;
+            result.listEndsNamesWithNul = true;
+            if (result.confirming) {
+                continue;
+            }
         } else if (options && readOption(arguments, at, "--password-file", value)) {
             result.access = {"--password-file=" + value};
         }
@@ -101,19 +113,28 @@ Arguments readArguments(const std::vector<std::string>& arguments, const std::st
     return result;
 }
 
-std::vector<std::string> withListOnInput(const Arguments& arguments) {
-    std::vector<std::string> rsync{"--from0"};
-    bool options = true;
-    for (std::size_t at = 0; at < arguments.rsync.size(); ++at) {
-        std::string value;
-        options = options && arguments.rsync[at] != "--";
-        if (options && readOption(arguments.rsync, at, "--files-from", value)) {
-            rsync.emplace_back("--files-from=-");
-            at += arguments.rsync[at] == "--files-from" ? 1 : 0;
-        } else {
+std::vector<std::string> passArguments(const Arguments& arguments, const Share& share, Pass pass,
+                                       bool targetKeepsFractions) {
+    std::vector<std::string> rsync{"--from0", "--files-from=-"};
+    if (targetKeepsFractions) {
+        // Else a file that was written anew within the second, with the same size, would be taken
+        // for the one that is there, and removed.
+        rsync.emplace_back("--modify-window=-1");
+    }
+    const std::size_t places = std::min<std::size_t>(arguments.rsync.size(), 2);
+    for (std::size_t at = 0; at + places < arguments.rsync.size(); ++at) {
+        if (pass != Pass::copy || arguments.rsync[at] != "--remove-source-files") {
             rsync.push_back(arguments.rsync[at]);
         }
     }
+    if (pass == Pass::remove) {
+        // Last, to win. What is not at the target as it is at the source is left where it is; and
+        // what the first pass has said of the whole need not be said again.
+        rsync.push_back("--temp-dir=" + std::string(noPlace));
+        rsync.emplace_back("--no-verbose");
+    }
+    rsync.push_back(share.root);
+    rsync.push_back(arguments.destination);
     return rsync;
 }
 

@@ -104,13 +104,16 @@ void Child::start(const ProgramCall& call, const Descriptor& input, const Signal
 }
 
 Child::~Child() {
-    if (pid_ > 0 && !hasEnded()) {
+    if (pid_ > 0) {
+        // Until it is waited for, its number is nobody else's, and neither is its group's.
         kill();
+        while (::waitpid(pid_, nullptr, 0) == -1 && errno == EINTR) {
+        }
     }
 }
 
 void Child::signal(int number) const {
-    if (pid_ > 0 && !ended_) {
+    if (pid_ > 0) {
         ::kill(pid_, number);
     }
 }
@@ -123,22 +126,20 @@ void Child::kill() const {
 }
 
 bool Child::hasEnded() {
-    if (ended_) {
+    siginfo_t info{};
+    if (ended_ || pid_ <= 0) {
         return true;
     }
-    int status = 0;
-    const pid_t waited = ::waitpid(pid_, &status, WNOHANG);
-    if (waited == 0 || (waited == -1 && errno == EINTR)) {
+    if (::waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOHANG | WNOWAIT) != 0) {
+        ended_ = errno != EINTR;
+        exitStatus_ = 1;
+        return ended_;
+    }
+    if (info.si_pid == 0) {
         return false;
     }
     ended_ = true;
-    if (waited == -1) {
-        exitStatus_ = 1;
-    } else if (WIFSIGNALED(status)) {
-        exitStatus_ = 128 + WTERMSIG(status);
-    } else {
-        exitStatus_ = WEXITSTATUS(status);
-    }
+    exitStatus_ = info.si_code == CLD_EXITED ? info.si_status : 128 + info.si_status;
     return true;
 }
 

@@ -32,7 +32,7 @@ public:
     /// is false and startError() says why.
     Child(const ProgramCall& call, const Descriptor& input, const Signals& signals);
 
-    /// Ends what is left of the child, and does not wait for it.
+    /// Ends what is left of the child and of what it has started.
     ~Child();
     Child(const Child&) = delete;
     Child& operator=(const Child&) = delete;
@@ -49,7 +49,7 @@ public:
     Descriptor output;
     Descriptor errorOutput;
 
-    /// Sends a signal to the child itself; does nothing once it was waited for.
+    /// Sends a signal to the child itself.
     void signal(int number) const;
 
     /// Ends the child and what it has started, with SIGKILL.

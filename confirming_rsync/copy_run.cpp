@@ -1,10 +1,9 @@
-// One copy: stock rsync is run, its report goes out, and what it left open is asked of the share.
+// One copy: the files of a list are copied, made durable, removed at the source and reported.
 #include "confirming_rsync/copy_run.h"
 
 #include "confirming_rsync/journal_folder.h"
-#include "confirming_rsync/open_names.h"
+#include "confirming_rsync/left_names.h"
 #include "confirming_rsync/printed_name.h"
-#include "confirming_rsync/reminder.h"
 #include "confirming_rsync/text_files.h"
 
 #include <algorithm>
@@ -12,7 +11,6 @@
 #include <cstring>
 #include <utility>
 
-#include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -25,10 +23,14 @@ constexpr const char* ownName = "rsync_orbelin: ";
 /// No rsync is given more names. It compares each name that the share sends with those that it has
 /// asked for, one after the other: with 10,000 of them, that takes longer than to copy the files if
 /// they are small.
-constexpr std::size_t largestPortion = 1500;
+constexpr std::size_t largestPortion = 1000;
 
 /// Far beyond any honest answer.
 constexpr std::size_t longestAnswer = std::size_t{64} * 1024 * 1024;
+
+/// What rsync itself ends with in such cases.
+constexpr int badListStatus = 3;
+constexpr int fileErrorStatus = 11;
 
 /// The text as a file to be read from its beginning; empty if that can't be had.
 Descriptor fileWith(const std::string& text) {
@@ -52,24 +54,28 @@ std::string count(std::size_t number, const std::string& noun) {
 CopyRun::CopyRun(Places places, Arguments arguments, std::vector<std::string> environment,
                  const Limits& limits)
     : places_(std::move(places)), arguments_(std::move(arguments)),
-      share_(parseShare(arguments_.source)), environment_(childEnvironment(std::move(environment))),
-      limits_(limits), begin_(Clock::now()), destination_(arguments_.destination),
-      writer_(STDOUT_FILENO), relay_(signals_, writer_),
-      filter_([this](const std::string& name) { return destination_.sentLineMayFollow(name); },
-              [this](const std::string& name) { return isListed(name); }) {
+      share_(parseShare(arguments_.source).value_or(Share())),
+      environment_(childEnvironment(std::move(environment))), limits_(limits), begin_(Clock::now()),
+      destination_(arguments_.destination),
+      isDurable_(places_.isFlushing && destination_.canBeDurable()),
+      keepsFractions_(destination_.keepsFractions()), writer_(STDOUT_FILENO),
+      relay_(signals_, writer_), filter_(share_.directory, &destination_),
+      figures_(places_.figuresFolder, arguments_.source, arguments_.destination) {
 }
 
 int CopyRun::run() {
-    bool hasNames = true;
-    if (!arguments_.fileList.empty()) {
-        const FileList list = readFileList(arguments_.fileList);
-        hasNames = takeList(list);
+    int status = badListStatus;
+    const FileList list = readFileList(arguments_.fileList);
+    if (takeList(list)) {
         beginJournal(list);
+        announceLeftNames();
+        status = copyAll();
     }
-    accountForEarlierRuns();
-    const Outcome outcome = hasNames ? copyAll() : Outcome{0, conclude({}, 0)};
     finishReport();
-    endJournal(outcome.open);
+    endJournal();
+    figures_.leftUnconfirmed(static_cast<std::size_t>(
+        std::count_if(listed_.begin(), listed_.end(),
+                      [this](const std::string& name) { return !filter_.wasConfirmed(name); })));
     if (relay_.stopSignal() != 0) {
         endBySignal(relay_.stopSignal());
         return 128 + relay_.stopSignal();
@@ -78,41 +84,39 @@ int CopyRun::run() {
         endBySignal(SIGPIPE);
         return 128 + SIGPIPE;
     }
-    return outcome.status;
+    return status;
 }
 
-/// False if the list names nothing to copy, or shall not be believed.
+/// False if nothing is to be copied: without the names in hand, nobody could say what became of
+/// them.
 bool CopyRun::takeList(const FileList& list) {
-    if (isReminder(list.text)) {
+    if (share_.module.empty()) {
+        say("nothing is copied: " + arguments_.source +
+            " is no share of an rsync daemon, or not below its module");
         return false;
     }
-    if (list.isForeign) {
-        // The daemon names its lists foreseeably, below /tmp.
-        filter_.remark(ownName +
-                       ("the list " + arguments_.fileList +
-                        " is not used: it is a link, or others than its user may write to it"));
-        send();
+    if (!list.failure.empty()) {
+        say("the list " + arguments_.fileList + " is not used: " + list.failure);
         return false;
     }
-    ListedNames listed = listedNames(list.text, arguments_.fileListEndsNamesWithNul);
+    ListedNames listed = listedNames(list.text, arguments_.listEndsNamesWithNul);
+    isReminded_ = listed.hasReminder;
     listed_ = std::move(listed.names);
-    listedSet_.insert(listed_.begin(), listed_.end());
-    hasOthers_ = !listed.others.empty();
-    if (hasOthers_) {
-        filter_.remark(ownName + count(listed.others.size(), "entry", "entries") +
-                       " of the list left out, no file below the source: " + listed.others.front() +
-                       (listed.others.size() > 1 ? " ..." : ""));
-        send();
+    filter_.setListed(listed_);
+    if (!listed.others.empty()) {
+        say(count(listed.others.size(), "entry", "entries") +
+            " of the list left out, no file below the source: " + listed.others.front() +
+            (listed.others.size() > 1 ? " ..." : ""));
     }
-    return !listed_.empty() || !hasOthers_;
+    return true;
 }
 
-/// Writes down what is going to be copied, before anything is.
+/// Before anything is removed, so that a later listing can say what became of it.
 void CopyRun::beginJournal(const FileList& list) {
-    if (places_.journalFolder.empty() || list.text.empty() || !share_) {
+    if (places_.journalFolder.empty()) {
         return;
     }
-    daemon_ = identityOf(::getppid());
+    const auto daemon = identityOf(::getppid());
     // Only now: if the reader is still there, its process is the one that was just looked at, and
     // not one that has taken over the orphans of a dead daemon.
     step(Clock::now());
@@ -121,22 +125,47 @@ void CopyRun::beginJournal(const FileList& list) {
     }
     std::string failure = "the system does not tell who started this program";
     Descriptor folder;
-    if (daemon_) {
+    if (daemon) {
         folder = openJournalFolder(places_.journalFolder, arguments_.source, arguments_.destination,
                                    failure);
     }
     if (folder) {
-        begun_ = nanosecondsSinceBoot();
-        const JournalHead head{*daemon_, begun_, list.identity, arguments_.source,
-                               arguments_.destination};
-        journal_ = Journal(std::move(folder), head, listed_);
+        journal_ = Journal(std::move(folder), {*daemon, nanosecondsSinceBoot(), list.identity,
+                                               arguments_.source, arguments_.destination});
         failure = journal_.failure();
     }
     if (!failure.empty()) {
-        filter_.remark(ownName + ("cannot keep a journal in " + places_.journalFolder + ": ") +
-                       failure);
-        send();
+        say("cannot keep a journal in " + places_.journalFolder + ": " + failure);
     }
+}
+
+/// Announces what earlier runs have received and nobody has announced.
+void CopyRun::announceLeftNames() {
+    if (!journal_.folder() || !journal_.failure().empty()) {
+        return;
+    }
+    LeftToAnnounce left(journal_.folder(), arguments_.source, arguments_.destination);
+    std::string lines;
+    for (const std::string& name : left.names()) {
+        lines += takenLine(name);
+    }
+    const bool isSomethingLeft = !lines.empty() || !left.remarks().empty();
+    if ((isReminded_ || isSomethingLeft) && writeJournal(lines, !lines.empty() && isDurable_) &&
+        left.forget()) {
+        for (const std::string& remark : left.remarks()) {
+            say(remark);
+        }
+        for (const std::string& name : left.names()) {
+            filter_.confirmRecovered(name);
+        }
+    }
+    if (isReminded_) {
+        for (const std::string& line :
+             putAsideOthers(places_.journalFolder, arguments_.source, arguments_.destination)) {
+            say(line);
+        }
+    }
+    send();
 }
 
 /// Writes down what the reader's pipe has taken: it is handed off as long as the reader lives.
@@ -146,148 +175,95 @@ void CopyRun::recordConfirmations() {
         lines += confirmedLine(unrecorded_.front().name);
         unrecorded_.pop_front();
     }
-    writeJournal(lines);
+    writeJournal(lines, false);
 }
 
 /// False if it can't be written; says so once.
-bool CopyRun::writeJournal(std::string_view lines) {
+bool CopyRun::writeJournal(std::string_view lines, bool durably) {
     if (!journal_.failure().empty()) {
         return false;
     }
     journal_.write(lines);
+    if (durably) {
+        journal_.makeDurable();
+    }
     if (journal_.failure().empty()) {
         return true;
     }
-    filter_.remark(ownName + ("cannot go on with the journal: " + journal_.failure()));
-    send();
+    say("cannot go on with the journal: " + journal_.failure());
     return false;
 }
 
-/// Announces what earlier runs have received and nobody has announced.
-void CopyRun::accountForEarlierRuns() {
-    if (!journal_.folder() || !journal_.failure().empty()) {
-        return;
-    }
-    EarlierRuns earlier(journal_.folder(), {&*daemon_, &arguments_.source, &arguments_.destination},
-                        journal_.name());
-    if (!earlier.leaveNamesOpen() || decideAboutEarlierRuns(earlier)) {
-        earlier.remove();
-        forgetReminders(journal_.folder());
-    }
-    for (const std::string& remark : earlier.remarks()) {
-        filter_.remark(ownName + remark);
-    }
-    send();
-}
-
-/// False if nothing could be decided: it is for a later run to do.
-bool CopyRun::decideAboutEarlierRuns(EarlierRuns& earlier) {
-    const std::vector<ReadJournal> journals = earlier.read();
-    std::vector<JournalEntry> open = openNames(journals, earlier.readGoingOn(*daemon_), *daemon_);
-    // What is not in place was not received, or is no longer there to be handed off.
-    open.erase(std::remove_if(
-                   open.begin(), open.end(),
-                   [this](const JournalEntry& entry) { return !destination_.hasFile(entry.name); }),
-               open.end());
-    if (open.empty()) {
-        return true;
-    }
-    Names names;
-    names.reserve(open.size());
-    for (const JournalEntry& entry : open) {
-        names.push_back(entry.name);
-    }
-    pause(limits_.settling);
-    const Answer answer = askWhichAreGone(names, 1);
-    if (isStopping()) {
-        return false;
-    }
-    if (!answer.failure.empty()) {
-        filter_.remark(ownName + ("cannot ask the source about " + count(names.size(), "file")) +
-                       " of an earlier run: " + answer.failure + "; a later run will");
-        return false;
-    }
-    const Decision decision =
-        decide(open, answer.gone, earlier.readGoingOn(*daemon_), listed_, *daemon_);
-    // In this run's journal before they leave the others.
+/// Writes down what is going to be removed at the source.
+bool CopyRun::intend(const Names& names) {
     std::string lines;
-    for (const auto* entries : {&decision.announced, &decision.inherited}) {
-        for (const JournalEntry& entry : *entries) {
-            lines += inheritedLine(entry);
-        }
+    for (const std::string& name : names) {
+        lines += intendedLine(name);
     }
-    if (!writeJournal(lines)) {
-        return false;
-    }
-    inheritsOpenNames_ = !decision.inherited.empty();
-    for (const JournalEntry& entry : decision.announced) {
-        filter_.confirmRecovered(entry.name);
-    }
-    return true;
+    return writeJournal(lines, isDurable_);
 }
 
-/// The last lines of the journal: what a later run has to take care of. Without `open`, that is
-/// every name without a confirmation.
-void CopyRun::endJournal(const std::optional<Names>& open) {
-    if (!open || writer_.pending() > 0 || relay_.readerIsGone()) {
-        return;
-    }
-    std::string lines;
-    for (const std::string& name : *open) {
-        lines += inheritedLine({name, begun_, 0});
-    }
-    const bool allDone = !inheritsOpenNames_ && open->empty();
-    journal_.write(lines.append(allDone ? allDoneLine() : ownDoneLine()));
-    if (!journal_.failure().empty() && allDone) {
-        // Half a journal would have names announced twice.
-        journal_.remove();
+/// Says that all is accounted for, if it is: without that, every name without a confirmation is
+/// looked for by the next listing.
+void CopyRun::endJournal() {
+    if (isAccountedFor_ && !isStopping() && writer_.pending() == 0) {
+        journal_.write(doneLine());
     }
 }
 
-/// One rsync after the other, each for a portion of the list, until one of them breaks off.
-CopyRun::Outcome CopyRun::copyAll() {
-    // Without names there is one, too: rsync itself is to say what it makes of that.
-    const std::size_t portions =
-        std::max<std::size_t>((listed_.size() + largestPortion - 1) / largestPortion, 1);
+/// One portion of the list after the other, until one of them breaks off.
+int CopyRun::copyAll() {
+    const std::size_t portions = (listed_.size() + largestPortion - 1) / largestPortion;
     const auto begin = [this, portions](std::size_t portion) {
         return listed_.begin() + static_cast<std::ptrdiff_t>(listed_.size() * portion / portions);
     };
-    Outcome all{0, Names()};
-    for (std::size_t portion = 0; portion < portions; ++portion) {
-        const Names names(begin(portion), begin(portion + 1));
-        const int status = copy(names, hasOthers_ || portions > 1);
-        const auto open = conclude(names, status);
-        if (status != 0) {
-            all.status = status;
-        }
-        if (!open) {
-            all.open.reset();
-            break;
-        }
-        all.open->insert(all.open->end(), open->begin(), open->end());
+    int last = 0;
+    for (std::size_t portion = 0; portion < portions && !isStopping(); ++portion) {
+        const int status = copyPortion(Names(begin(portion), begin(portion + 1)));
+        last = status != 0 ? status : last;
         if (!isAnswered(status)) {
             break;
         }
     }
-    return all;
+    return last;
 }
 
-/// Returns the exit status of rsync, which gets the names on its standard input or takes them from
-/// the list itself.
-int CopyRun::copy(const Names& names, bool onInput) {
-    if (isStopping()) {
-        return 128 + SIGTERM;
+/// Returns the status of the last rsync that failed.
+int CopyRun::copyPortion(const Names& names) {
+    if (!isDurable_) {
+        intend(names);
+        const int status = runRsync(names, Pass::copyAndRemove);
+        conclude(unconfirmedNames(names, status), status);
+        return status;
     }
-    filter_.beginRun();
-    const Descriptor input = onInput ? fileWith(questionInput(names))
-                                     : Descriptor(::open("/dev/null", O_RDONLY | O_CLOEXEC));
-    Child rsync({places_.stockRsync, onInput ? withListOnInput(arguments_) : arguments_.rsync,
+    const int copying = runRsync(names, Pass::copy);
+    // Whatever rsync has said: what is not at the target as it is at the source, the second one
+    // leaves where it is.
+    const Names received = namesInPlace(names);
+    if (copying == notStarted || received.empty() || isStopping()) {
+        return copying;
+    }
+    if (!makeDurable(received)) {
+        return fileErrorStatus;
+    }
+    intend(received);
+    const int removing = runRsync(received, Pass::remove);
+    if (filter_.receiverFailures() > 0) {
+        say(count(filter_.receiverFailures(), "file") +
+            " written anew while being copied, left for the next cycle");
+    }
+    conclude(received, removing);
+    return isAnswered(removing) && copying != 0 ? copying : removing;
+}
+
+/// Returns the exit status of rsync. All that it printed is in the report.
+int CopyRun::runRsync(const Names& names, Pass pass) {
+    filter_.beginPass(pass);
+    Child rsync({places_.stockRsync, passArguments(arguments_, share_, pass, keepsFractions_),
                  environment_},
-                input, signals_);
+                fileWith(listInput(share_, names)), signals_);
     if (!rsync.hasStarted()) {
-        filter_.remark(ownName + ("cannot start " + places_.stockRsync + ": ") +
-                       std::strerror(rsync.startError()));
-        send();
+        say("cannot start " + places_.stockRsync + ": " + std::strerror(rsync.startError()));
         return notStarted;
     }
     const Sinks sinks{[this](std::string_view bytes) {
@@ -299,44 +275,55 @@ int CopyRun::copy(const Names& names, bool onInput) {
                           send();
                       }};
     attend(rsync, sinks);
+    filter_.finish(destination_);
+    send();
     return rsync.exitStatus();
 }
 
-/// The end of every rsync, however it ended. Returns those of its names that may yet turn out to be
-/// received and removed at the source; nothing if that may be any name of the list.
-std::optional<CopyRun::Names> CopyRun::conclude(const Names& names, int status) {
-    filter_.finish([this](const std::string& name) { return destination_.hasFile(name); });
-    send();
-    if (relay_.readerIsGone()) {
-        return std::nullopt;
+/// False if that failed. Then nothing of it may be removed at the source.
+bool CopyRun::makeDurable(const Names& names) {
+    const auto before = Clock::now();
+    const std::string failure = destination_.makeDurable(names);
+    figures_.flushed(Clock::now() - before, !failure.empty());
+    if (!failure.empty()) {
+        say("nothing is removed at the source: what was copied did not reach the disk: " + failure);
     }
-    const bool complete = isAnswered(status) && !isStopping();
-    const Names unconfirmed = unconfirmedNames(names, status);
-    bool answered = true;
-    if (!unconfirmed.empty()) {
-        if (!complete) {
-            pause(limits_.settling);
-        }
-        answered = ask(unconfirmed);
-        send();
-    }
-    if (isStopping()) {
-        return std::nullopt;
-    }
-    const bool decided = (complete && answered) || status == notStarted;
-    return decided ? Names() : receivedAndUnconfirmed(names);
+    return failure.empty();
 }
 
-/// A file that is not in place by now was not received by this run. Another one may still be
-/// removed by a server that has not noticed yet that its connection broke.
-CopyRun::Names CopyRun::receivedAndUnconfirmed(const Names& names) const {
-    Names received;
+/// The end of every rsync that removes, however it ended. Of `names` it may have removed each.
+void CopyRun::conclude(const Names& names, int status) {
+    Names unconfirmed;
     for (const std::string& name : names) {
-        if (!filter_.wasConfirmed(name) && staysBelow(name) && destination_.hasFile(name)) {
-            received.push_back(name);
+        if (!filter_.wasConfirmed(name)) {
+            const auto presence = destination_.presence(name);
+            isAccountedFor_ = isAccountedFor_ && presence != Destination::Presence::unknown;
+            if (presence == Destination::Presence::there) {
+                unconfirmed.push_back(name);
+            }
         }
     }
-    return received;
+    if (status == notStarted || unconfirmed.empty()) {
+        return;
+    }
+    // After a break its server may still be busy with what it was told last.
+    if (!isAnswered(status) || isStopping() || !ask(unconfirmed)) {
+        isAccountedFor_ = false; // the next listing will show
+        for (const std::string& name : unconfirmed) {
+            filter_.giveUp(name);
+        }
+    }
+    send();
+}
+
+CopyRun::Names CopyRun::namesInPlace(const Names& names) const {
+    Names inPlace;
+    for (const std::string& name : names) {
+        if (!filter_.wasDiscarded(name) && destination_.hasFile(name)) {
+            inPlace.push_back(name);
+        }
+    }
+    return inPlace;
 }
 
 void CopyRun::finishReport() {
@@ -359,19 +346,14 @@ void CopyRun::finishReport() {
     }
 }
 
-/// The names with a file in place whose removal was not reported: they were sent, or rsync saw them
-/// at the source and neither sent nor complained about them, so that the file was up to date. Only
-/// names of the list, since only these are known to be relative to the source.
+/// The names with a file in place that rsync may have removed: they were sent, or rsync saw them at
+/// the source and neither sent nor complained about them, so that the file was up to date.
 CopyRun::Names CopyRun::unconfirmedNames(const Names& names, int status) const {
     const bool sawSource = isAnswered(status) || filter_.sawFileList();
     Names unconfirmed;
     for (const std::string& name : names) {
-        if (filter_.wasConfirmed(name) || filter_.wasDiscarded(name) || !staysBelow(name)) {
-            continue;
-        }
-        const bool complained = share_ && filter_.wasComplainedAbout(share_->pathOf(name));
-        const bool upToDate = sawSource && !complained;
-        if ((filter_.wasSent(name) || upToDate) && destination_.hasFile(name)) {
+        const bool upToDate = sawSource && !filter_.wasComplainedAbout(name);
+        if (!filter_.wasDiscarded(name) && (filter_.wasSent(name) || upToDate)) {
             unconfirmed.push_back(name);
         }
     }
@@ -380,47 +362,26 @@ CopyRun::Names CopyRun::unconfirmedNames(const Names& names, int status) const {
 
 /// Confirms those of the names whose source is gone. False if there was no answer.
 bool CopyRun::ask(const Names& names) {
-    // Nobody asks again soon, so that a break just now is given a chance to pass.
-    const Answer answer = askWhichAreGone(names, 3);
-    if (!answer.failure.empty()) {
-        filter_.remark(ownName +
-                       ("cannot ask the source what is still there: " + answer.failure + "; ") +
-                       count(names.size(), "file") + " left unconfirmed");
+    std::string failure;
+    const auto gone = namesGoneOf(names, failure);
+    if (!gone) {
+        say("cannot ask the source what is still there: " + failure + "; " +
+            count(names.size(), "file") + " left unconfirmed");
         return false;
     }
-    for (const std::string& name : names) {
-        // Received files stay where they are until they are announced. One that is not there now
-        // was not received, whoever deleted its source.
-        if (answer.gone.count(name) != 0 && destination_.hasFile(name)) {
-            filter_.confirm(name);
-        }
+    for (const std::string& name : *gone) {
+        filter_.confirm(name);
     }
     return true;
 }
 
-CopyRun::Answer CopyRun::askWhichAreGone(const Names& names, int attempts) {
-    if (!share_) {
-        return {{}, "it is not a share of an rsync daemon"};
-    }
-    const auto end = Clock::now() + limits_.question;
-    Answer answer = readAnswer(names, end);
-    for (int again = 1;
-         again < attempts && !answer.failure.empty() && !isStopping() && Clock::now() < end;
-         ++again) {
-        pause(limits_.betweenQuestions);
-        answer = readAnswer(names, end);
-    }
-    return answer;
-}
-
-/// Puts the question once and takes in the answer.
-CopyRun::Answer CopyRun::readAnswer(const Names& names, Clock::time_point end) {
-    Child rsync(
-        {places_.stockRsync, questionArguments(arguments_.access, arguments_.source), environment_},
-        fileWith(questionInput(names)), signals_);
+/// Puts the question and takes in the answer. Nothing without one, `failure` says why.
+std::optional<CopyRun::Names> CopyRun::namesGoneOf(const Names& names, std::string& failure) {
+    Child rsync({places_.stockRsync, questionArguments(arguments_.access, share_), environment_},
+                fileWith(listInput(share_, names)), signals_);
     if (!rsync.hasStarted()) {
-        return {{},
-                "cannot start " + places_.stockRsync + ": " + std::strerror(rsync.startError())};
+        failure = "cannot start " + places_.stockRsync + ": " + std::strerror(rsync.startError());
+        return std::nullopt;
     }
     const auto keep = [](std::string& text) {
         return [&text](std::string_view bytes) {
@@ -430,6 +391,7 @@ CopyRun::Answer CopyRun::readAnswer(const Names& names, Clock::time_point end) {
     std::string output;
     std::string errorOutput;
     const Sinks sinks{keep(output), keep(errorOutput)};
+    auto end = Clock::now() + limits_.question;
     bool hurried = false;
     while (rsync.output || rsync.errorOutput || !rsync.hasEnded()) {
         const auto now = Clock::now();
@@ -438,23 +400,16 @@ CopyRun::Answer CopyRun::readAnswer(const Names& names, Clock::time_point end) {
             end = std::min(end, now + limits_.hurriedQuestion);
         }
         if (now >= end || relay_.readerIsGone()) {
-            return {{}, "no answer in time"};
+            failure = "no answer in time";
+            return std::nullopt;
         }
         step(rsync, sinks, end);
     }
     if (!isAnswered(rsync.exitStatus())) {
-        return {{}, "rsync ended with status " + std::to_string(rsync.exitStatus())};
+        failure = "rsync ended with status " + std::to_string(rsync.exitStatus());
+        return std::nullopt;
     }
-    const Names gone = namesGone(*share_, names, output, errorOutput);
-    return {{gone.begin(), gone.end()}, {}};
-}
-
-/// Lets time pass, the report flow and signals come.
-void CopyRun::pause(std::chrono::milliseconds duration) {
-    const auto end = Clock::now() + duration;
-    while (Clock::now() < end && !relay_.readerIsGone()) {
-        step(end);
-    }
+    return namesGone(share_, names, output, errorOutput);
 }
 
 void CopyRun::attend(Child& child, const Sinks& sinks) {
@@ -514,24 +469,9 @@ bool CopyRun::hasComeToAStandstill(Standstill& standstill) {
     if (!standstill.hasLasted(limit)) {
         return false;
     }
-    filter_.remark(ownName + ("rsync has come to a standstill and is ended after " +
-                              count(static_cast<std::size_t>(limit.count() / 1000), "second")));
-    send();
+    say("rsync has come to a standstill and is ended after " +
+        count(static_cast<std::size_t>(limit.count() / 1000), "second"));
     return true;
-}
-
-/// True for what is in the list, or below something that is.
-bool CopyRun::isListed(std::string_view name) const {
-    if (listedSet_.empty() || listedSet_.count(name) != 0 || listedSet_.count(".") != 0) {
-        return true;
-    }
-    for (std::size_t end = name.find('/'); end != std::string_view::npos;
-         end = name.find('/', end + 1)) {
-        if (listedSet_.count(name.substr(0, end)) != 0) {
-            return true;
-        }
-    }
-    return false;
 }
 
 void CopyRun::step(Clock::time_point until) {
@@ -544,10 +484,22 @@ void CopyRun::step(Child& child, const Sinks& sinks, Clock::time_point until) {
     recordConfirmations();
 }
 
+void CopyRun::say(const std::string& text) {
+    filter_.remark(ownName + text);
+    send();
+}
+
 /// All that goes to the reader passes here.
 void CopyRun::send() {
     writer_.add(filter_.takeReport());
     for (ReportFilter::Confirmation& confirmation : filter_.takeConfirmations()) {
+        const auto file = destination_.file(confirmation.name);
+        const auto bytes = file ? static_cast<std::uint64_t>(file->st_size) : 0;
+        if (confirmation.isRecovered) {
+            figures_.recovered(confirmation.name, bytes);
+        } else {
+            figures_.confirmed(confirmation.name, bytes);
+        }
         unrecorded_.push_back(std::move(confirmation));
     }
 }

@@ -1,14 +1,14 @@
-// One copy: stock rsync is run, its report goes out, and what it left open is asked of the share.
+// One copy: the files of a list are copied, made durable, removed at the source and reported.
 #pragma once
 
 #include "confirming_rsync/arguments.h"
 #include "confirming_rsync/destination.h"
-#include "confirming_rsync/earlier_runs.h"
 #include "confirming_rsync/file_list.h"
 #include "confirming_rsync/journal.h"
 #include "confirming_rsync/relay.h"
 #include "confirming_rsync/report_filter.h"
 #include "confirming_rsync/report_writer.h"
+#include "confirming_rsync/share_figures.h"
 #include "confirming_rsync/share_question.h"
 #include "confirming_rsync/signals.h"
 #include "confirming_rsync/standstill.h"
@@ -17,10 +17,8 @@
 #include <cstdint>
 #include <deque>
 #include <optional>
-#include <set>
 #include <string>
 #include <string_view>
-#include <unordered_set>
 #include <vector>
 
 namespace confirming {
@@ -40,19 +38,20 @@ struct Limits {
     std::chrono::milliseconds farewell{5000};
     /// What may hold rsync's output open after it has ended, or after it was killed.
     std::chrono::milliseconds leftovers{2000};
-    /// After a broken run the share's side may still be busy with what it was told last.
-    std::chrono::milliseconds settling{500};
-    /// The whole question to the share, put again if need be after such a pause; and when the
-    /// program was told to end.
+    /// The whole question to the share; and when the program was told to end.
     std::chrono::milliseconds question{30000};
-    std::chrono::milliseconds betweenQuestions{1000};
     std::chrono::milliseconds hurriedQuestion{10000};
+    /// How long the names of a run that is over are kept, for a cut of the power that takes from
+    /// the consumer what it had not acted on.
+    std::chrono::seconds announceAgain{60};
 };
 
 /// What was set when the program was built.
 struct Places {
     std::string stockRsync;    // absolute path
     std::string journalFolder; // absolute path; empty for no journal
+    std::string figuresFolder; // absolute path; empty for no figures
+    bool isFlushing = true;    // false only to show what a cut of the power takes then
 };
 
 /// Runs once. Writes the report to standard output; needs 0, 1 and 2 to be open.
@@ -62,72 +61,64 @@ public:
             const Limits& limits);
 
     /// Returns the exit status for the program: that of the last stock rsync that failed, 0 if none
-    /// did, or 127 if it can't be started.
+    /// did, 127 if it can't be started, or one of rsync's own for what this program refuses.
     /// Does not return if a signal, or a reader that went away, ends the program.
     int run();
 
 private:
     using Names = std::vector<std::string>;
 
-    void beginJournal(const FileList& list);
-    void recordConfirmations();
-    bool writeJournal(std::string_view lines);
-    void accountForEarlierRuns();
-    bool decideAboutEarlierRuns(EarlierRuns& earlier);
-    void endJournal(const std::optional<Names>& open);
-
     bool takeList(const FileList& list);
-    struct Outcome {
-        int status = 0;            // that of the last rsync that failed; 0 if none did
-        std::optional<Names> open; // what `conclude` returned for all of them
-    };
-    Outcome copyAll();
-    int copy(const Names& names, bool onInput);
-    std::optional<Names> conclude(const Names& names, int status);
-    void finishReport();
+    void beginJournal(const FileList& list);
+    void announceLeftNames();
+    void recordConfirmations();
+    bool writeJournal(std::string_view lines, bool durably);
+    bool intend(const Names& names);
+    void endJournal();
 
+    int copyAll();
+    int copyPortion(const Names& names);
+    int runRsync(const Names& names, Pass pass);
+    void conclude(const Names& names, int status);
+    bool makeDurable(const Names& names);
+    Names namesInPlace(const Names& names) const;
     Names unconfirmedNames(const Names& names, int status) const;
-    Names receivedAndUnconfirmed(const Names& names) const;
     bool ask(const Names& names);
-    struct Answer {
-        std::set<std::string> gone; // those of the names that the source does not have
-        std::string failure;        // why there is no answer; empty if there is one
-    };
-    Answer askWhichAreGone(const Names& names, int attempts);
-    Answer readAnswer(const Names& names, Clock::time_point end);
-    void pause(std::chrono::milliseconds duration);
+    std::optional<Names> namesGoneOf(const Names& names, std::string& failure);
+    void finishReport();
 
     /// Reads the child until it and its output have ended, or all patience has. Telling it to end
     /// and ending it are part of that.
     void attend(Child& child, const Sinks& sinks);
     bool hasComeToAStandstill(Standstill& standstill);
-    bool isListed(std::string_view name) const;
 
     /// Every wait is one of these.
     void step(Clock::time_point until);
     void step(Child& child, const Sinks& sinks, Clock::time_point until);
 
+    /// Reports a line of the program's own.
+    void say(const std::string& text);
     void send();
     bool isStopping() const { return relay_.stopSignal() != 0 || relay_.readerIsGone(); }
 
     const Places places_;
     const Arguments arguments_;
-    const std::optional<Share> share_; // the source; nothing if it is none of an rsync daemon
+    const Share share_; // the source
     const std::vector<std::string> environment_;
     const Limits limits_;
     const Clock::time_point begin_;
     const Destination destination_;
+    const bool isDurable_; // files are made durable before they are removed at the source
+    const bool keepsFractions_;
     Signals signals_;
     ReportWriter writer_;
     Relay relay_;
     ReportFilter filter_;
-    Names listed_;                                   // the names to be copied, as rsync prints them
-    std::unordered_set<std::string_view> listedSet_; // the same; empty if the list is not known
-    bool hasOthers_ = false; // the list has entries that rsync shall not see
-    std::optional<ProcessIdentity> daemon_;
+    CopyFigures figures_;
+    Names listed_;               // the names to be copied, as rsync prints them
+    bool isReminded_ = false;    // of names that earlier runs have left
+    bool isAccountedFor_ = true; // nothing can become of a name that was not confirmed
     Journal journal_;
-    std::uint64_t begun_ = 0; // when the journal was
-    bool inheritsOpenNames_ = false;
     std::deque<ReportFilter::Confirmation> unrecorded_; // not in the journal so far
 };
 

@@ -1,39 +1,124 @@
-// The directory that the files arrive in.
+// The directory that the files arrive in: what is in place there, and making it durable.
 #include "confirming_rsync/destination.h"
 
 #include "confirming_rsync/printed_name.h"
 
-#include <optional>
-#include <utility>
+#include <array>
+#include <cerrno>
+#include <cstring>
 
-#include <sys/stat.h>
+#include <fcntl.h>
+#include <linux/magic.h>
+#include <linux/openat2.h>
+#include <sys/statvfs.h>
+#include <sys/syscall.h>
+#include <sys/vfs.h>
+#include <unistd.h>
 
 namespace confirming {
 
-namespace {
+Destination::Destination(const std::string& path)
+    : directory_(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)), openError_(errno) {
+}
 
-std::optional<struct stat> statusOf(const std::string& directory, const std::string& name) {
-    const std::string path = directory + "/" + unprintedName(name);
+/// Opens what has that name, a raw one, below the directory and on no detour.
+Descriptor Destination::open(const std::string& name, int flags) const {
+    struct open_how how {};
+    how.flags = static_cast<unsigned>(flags | O_NOFOLLOW | O_CLOEXEC);
+    how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS;
+    if (!directory_ || name.find('\0') != std::string::npos) {
+        errno = directory_ ? ENOENT : openError_;
+        return {};
+    }
+    return Descriptor(
+        static_cast<int>(::syscall(SYS_openat2, directory_.get(), name.c_str(), &how, sizeof how)));
+}
+
+std::optional<struct stat> Destination::file(const std::string& name) const {
+    const Descriptor file = open(unprintedName(name), O_PATH);
     struct stat status {};
-    if (path.find('\0') != std::string::npos || ::lstat(path.c_str(), &status) != 0) {
+    if (!file || ::fstat(file.get(), &status) != 0) {
+        return std::nullopt;
+    }
+    if (S_ISDIR(status.st_mode)) {
+        errno = ENOENT;
         return std::nullopt;
     }
     return status;
 }
 
-} // namespace
-
-Destination::Destination(std::string path) : path_(std::move(path)) {
+Destination::Presence Destination::presence(const std::string& name) const {
+    if (file(name)) {
+        return Presence::there;
+    }
+    // Of a name behind a link, or one that nothing can have, the system says so in other ways.
+    const bool isAbsent = errno == ENOENT || errno == ENOTDIR || errno == ELOOP || errno == EXDEV ||
+                          errno == ENAMETOOLONG;
+    return isAbsent ? Presence::absent : Presence::unknown;
 }
 
-bool Destination::sentLineMayFollow(const std::string& name) const {
-    const auto status = statusOf(path_, name);
-    return !status || !S_ISREG(status->st_mode) || status->st_nlink != 1;
+bool Destination::canBeDurable() const {
+    struct statfs system {};
+    return ::fstatfs(directory_.get(), &system) != 0 ||
+           (system.f_type != TMPFS_MAGIC && system.f_type != RAMFS_MAGIC);
 }
 
-bool Destination::hasFile(const std::string& name) const {
-    const auto status = statusOf(path_, name);
-    return status && !S_ISDIR(status->st_mode);
+bool Destination::keepsFractions() const {
+    constexpr long someNanoseconds = 123456789;
+    const Descriptor file(
+        ::openat(directory_.get(), ".", O_TMPFILE | O_WRONLY | O_CLOEXEC, S_IRUSR | S_IWUSR));
+    const std::array<struct timespec, 2> times{{{1, someNanoseconds}, {1, someNanoseconds}}};
+    struct stat status {};
+    if (!file || ::futimens(file.get(), times.data()) != 0 || ::fstat(file.get(), &status) != 0) {
+        return true; // as on all but very old file systems
+    }
+    return status.st_mtim.tv_nsec == someNanoseconds;
+}
+
+std::string Destination::makeDurable(const std::vector<std::string>& names) const {
+    if (flush(names)) {
+        return {};
+    }
+    const std::string failure = std::strerror(errno);
+    // The system does not try again to write what it could not write, and what it has in memory
+    // looks sound. Rsync has to find a difference.
+    constexpr std::array<struct timespec, 2> longAgo{{{0, UTIME_OMIT}, {0, 0}}};
+    for (const std::string& name : names) {
+        const Descriptor file = open(unprintedName(name), O_RDONLY | O_NONBLOCK | O_NOCTTY);
+        if (file) {
+            ::futimens(file.get(), longAgo.data());
+        }
+    }
+    return failure;
+}
+
+/// False, errno set, if it is not known that all of it is on the disk.
+bool Destination::flush(const std::vector<std::string>& names) const {
+    // One call for the whole file system: it waits for what others have written there, too, but a
+    // call for each file has the disk empty its cache each time, which takes fifty times as long.
+    struct stat own {};
+    struct statfs system {};
+    if (::syncfs(directory_.get()) != 0 || ::fstat(directory_.get(), &own) != 0 ||
+        ::fstatfs(directory_.get(), &system) != 0) {
+        return false;
+    }
+    if ((system.f_flags & ST_RDONLY) != 0) {
+        // Made so because of an error: it then has nothing to write, and nothing to complain about.
+        errno = EROFS;
+        return false;
+    }
+    for (const std::string& name : names) {
+        const auto status = file(name);
+        // Some file systems don't pass that call on; and others may be mounted in the directory.
+        if (status && S_ISREG(status->st_mode) &&
+            (system.f_type == FUSE_SUPER_MAGIC || status->st_dev != own.st_dev)) {
+            const Descriptor file = open(unprintedName(name), O_RDONLY | O_NONBLOCK | O_NOCTTY);
+            if (!file || ::fsync(file.get()) != 0 || ::syncfs(file.get()) != 0) {
+                return false;
+            }
+        }
+    }
+    return true;
 }
 
 } // namespace confirming

@@ -1,26 +1,52 @@
-// The directory that the files arrive in.
+// The directory that the files arrive in: what is in place there, and making it durable.
 #pragma once
 
+#include "confirming_rsync/descriptors.h"
+
+#include <optional>
 #include <string>
+#include <vector>
+
+#include <sys/stat.h>
 
 namespace confirming {
 
-/// Answers questions about files below one directory. All names are as rsync prints them. Looks at
-/// the file system each time; nothing is kept.
+/// One directory and what is below it. All names are as rsync prints them. Looks at the file system
+/// each time; nothing is kept but the directory itself, which stays open. No link is followed on
+/// the way to a name: a detector can send any links, and what they lead to is not its own.
 class Destination {
 public:
-    explicit Destination(std::string path);
+    /// `path` is the directory. If it is missing, nothing is in place.
+    explicit Destination(const std::string& path);
 
-    /// False if the file is a regular one with a single link. Of such a file rsync prints the SENT
-    /// line, if any, before the source is removed; of symbolic links, devices and hard links it may
-    /// come after. A file that is missing is told nothing of, so true.
-    bool sentLineMayFollow(const std::string& name) const;
+    /// What is in place under the name, of any kind but a directory; nothing else counts as a file.
+    std::optional<struct stat> file(const std::string& name) const;
+    bool hasFile(const std::string& name) const { return file(name).has_value(); }
 
-    /// True if there is a file of any kind but a directory under that name.
-    bool hasFile(const std::string& name) const;
+    /// The same answer, where a wrong "no" would lose something: the system may fail to tell.
+    enum class Presence { absent, there, unknown };
+    Presence presence(const std::string& name) const;
+
+    /// False if the directory is in memory: nothing there survives a cut of the power.
+    bool canBeDurable() const;
+
+    /// True if modification times are kept to the nanosecond.
+    bool keepsFractions() const;
+
+    /// Makes sure that these files survive a cut of the power, as they are, under their names, with
+    /// the folders on the way to them. Waits for the disk. Empty on success, else what went wrong,
+    /// here or elsewhere on the file system, since this object began: then nothing can be said of
+    /// the files, and they have lost their modification times, so that they are copied again and
+    /// not taken for up to date.
+    std::string makeDurable(const std::vector<std::string>& names) const;
 
 private:
-    std::string path_;
+    Descriptor open(const std::string& name, int flags) const;
+    bool flush(const std::vector<std::string>& names) const;
+
+    // Open from before the first file comes: a failure to write is told to who was there before it.
+    Descriptor directory_;
+    int openError_; // an errno value
 };
 
 } // namespace confirming

@@ -2,12 +2,15 @@
 #include "confirming_rsync/file_list.h"
 
 #include "confirming_rsync/descriptors.h"
+#include "confirming_rsync/left_names.h"
 #include "confirming_rsync/printed_name.h"
 #include "confirming_rsync/text_files.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -45,10 +48,11 @@ bool isPlain(std::string_view name) {
     }
 }
 
-/// True if others than this user and root can have written the file.
-bool isOthers(const struct stat& status) {
-    return (status.st_uid != ::geteuid() && status.st_uid != 0) ||
-           (status.st_mode & (S_IWGRP | S_IWOTH)) != 0;
+/// True if nobody but this user and root can have written the file or put it there.
+bool isTrusted(const struct stat& status) {
+    return S_ISREG(status.st_mode) && status.st_nlink == 1 &&
+           (status.st_uid == ::geteuid() || status.st_uid == 0) &&
+           (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
 }
 
 FileIdentity identityFrom(const struct stat& status, const std::string& path) {
@@ -67,7 +71,9 @@ ListedNames listedNames(std::string_view text, bool endedByNul) {
             end = std::min(end, text.substr(0, end).find('\r'));
         }
         const std::string_view name = text.substr(0, end);
-        if (isPlain(trimmed(name))) {
+        if (isReminder(name)) {
+            listed.hasReminder = true;
+        } else if (isPlain(trimmed(name))) {
             listed.names.push_back(printedName(trimmed(name)));
         } else if (!name.empty()) {
             listed.others.push_back(printedName(name));
@@ -80,23 +86,24 @@ ListedNames listedNames(std::string_view text, bool endedByNul) {
 FileList readFileList(const std::string& path) {
     const Descriptor file(
         ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    FileList list;
     struct stat status {};
-    const bool isLink = !file && ::lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode);
-    if (isLink || (file && ::fstat(file.get(), &status) == 0 && isOthers(status))) {
-        FileList foreign;
-        foreign.isForeign = true;
-        return foreign;
+    if (!file || ::fstat(file.get(), &status) != 0) {
+        list.failure = errno == ELOOP ? "it is a link" : std::strerror(errno);
+    } else if (!isTrusted(status)) {
+        list.failure = "others than its user may have written it";
+    } else if (!readText(file, list.text)) {
+        list.failure = std::strerror(errno);
     }
-    if (!file || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
-        return {};
-    }
-    return {readText(file), identityFrom(status, path), false};
+    list.identity = identityFrom(status, path);
+    return list;
 }
 
 bool isStillThere(const FileIdentity& list) {
     struct stat status {};
     if (::lstat(list.path.c_str(), &status) != 0) {
-        return false;
+        // Only this proves it.
+        return errno != ENOENT;
     }
     const FileIdentity now = identityFrom(status, list.path);
     return now.device == list.device && now.inode == list.inode && now.modified == list.modified;

@@ -19,6 +19,9 @@ struct ListedNames {
     /// everything in a folder, unfinished files included, and refuses a whole list because of
     /// others.
     std::vector<std::string> others;
+
+    /// Among them was the reminder of names that earlier runs have left.
+    bool hasReminder = false;
 };
 
 /// Reads the text of a list: one name a line, or each ended by a NUL byte.
@@ -28,11 +31,11 @@ ListedNames listedNames(std::string_view text, bool endedByNul);
 struct FileList {
     std::string text;
     FileIdentity identity;
-    bool isForeign = false; // another user may have written it, or it is a link to something else
+    std::string failure; // why it can't be used; empty if it can
 };
 
-/// Reads a list. Empty if there is no such regular file, it can't be read, or it is foreign;
-/// reading anything else (a pipe) would take the names away from rsync.
+/// Reads a list. Only a regular file that nobody but this user and root can have written, and that
+/// is nowhere else under another name, is used: the daemon names its lists foreseeably, below /tmp.
 FileList readFileList(const std::string& path);
 
 /// True while the very list stands where it stood, not written to since.

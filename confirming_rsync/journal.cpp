@@ -1,7 +1,6 @@
-// The journal of the run that is going on: what it means to copy, and what it has confirmed.
+// The journal of the run that is going on: what it may remove at the source, what it has confirmed.
 #include "confirming_rsync/journal.h"
 
-#include "confirming_rsync/printed_name.h"
 #include "confirming_rsync/text_files.h"
 
 #include <cerrno>
@@ -15,39 +14,17 @@
 
 namespace confirming {
 
-namespace {
-
-constexpr mode_t ownFile = 0600;
-constexpr std::string_view journalPrefix = "run-";
-constexpr std::string_view unfinishedPrefix = "new-";
-
-bool beginsWith(std::string_view text, std::string_view beginning) {
-    return text.substr(0, beginning.size()) == beginning;
-}
-
-} // namespace
-
-Journal::Journal(Descriptor folder, const JournalHead& head, const std::vector<std::string>& names)
-    : folder_(std::move(folder)) {
-    const std::string ownName = std::to_string(head.begun) + "-" + std::to_string(::getpid());
-    const std::string unfinished = std::string(unfinishedPrefix) + ownName;
-    name_ = std::string(journalPrefix) + ownName;
-    file_ = Descriptor(::openat(folder_.get(), unfinished.c_str(),
-                                O_WRONLY | O_CREAT | O_EXCL | O_APPEND | O_CLOEXEC, ownFile));
-    if (!file_ || !hold(file_)) {
+Journal::Journal(Descriptor folder, const JournalHead& head) : folder_(std::move(folder)) {
+    // Without a name until it is whole and held: nobody takes it for one that was left behind.
+    file_ = Descriptor(::openat(folder_.get(), ".", O_TMPFILE | O_WRONLY | O_APPEND | O_CLOEXEC,
+                                S_IRUSR | S_IWUSR));
+    const std::string name =
+        std::string(journalPrefix) + std::to_string(head.begun) + "-" + std::to_string(::getpid());
+    if (!file_ || ::flock(file_.get(), LOCK_EX | LOCK_NB) != 0 ||
+        !writeText(file_, headText(head)) ||
+        ::linkat(AT_FDCWD, ("/proc/self/fd/" + std::to_string(file_.get())).c_str(), folder_.get(),
+                 name.c_str(), AT_SYMLINK_FOLLOW) != 0) {
         fail();
-        return;
-    }
-    std::string text = headText(head);
-    for (const std::string& name : names) {
-        if (staysBelow(name)) {
-            text += intendedLine(name);
-        }
-    }
-    if (!writeText(file_, text) ||
-        ::renameat(folder_.get(), unfinished.c_str(), folder_.get(), name_.c_str()) != 0) {
-        fail();
-        ::unlinkat(folder_.get(), unfinished.c_str(), 0);
     }
 }
 
@@ -57,9 +34,9 @@ void Journal::write(std::string_view lines) {
     }
 }
 
-void Journal::remove() {
-    if (!name_.empty()) {
-        ::unlinkat(folder_.get(), name_.c_str(), 0);
+void Journal::makeDurable() {
+    if (file_ && failure_.empty() && (::fsync(file_.get()) != 0 || ::fsync(folder_.get()) != 0)) {
+        fail();
     }
 }
 
@@ -67,17 +44,9 @@ void Journal::fail() {
     failure_ = std::strerror(errno);
 }
 
-bool isUnfinishedJournal(std::string_view name) {
-    return beginsWith(name, unfinishedPrefix);
-}
-
-bool isJournal(std::string_view name) {
-    return beginsWith(name, journalPrefix);
-}
-
-bool hold(const Descriptor& journal) {
+bool hold(const Descriptor& file) {
     struct stat status {};
-    return ::flock(journal.get(), LOCK_EX | LOCK_NB) == 0 && ::fstat(journal.get(), &status) == 0 &&
+    return ::flock(file.get(), LOCK_EX | LOCK_NB) == 0 && ::fstat(file.get(), &status) == 0 &&
            status.st_nlink > 0;
 }
 

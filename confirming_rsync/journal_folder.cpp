@@ -1,13 +1,13 @@
 // Where the journals lie: one folder for each pair of share and destination.
 #include "confirming_rsync/journal_folder.h"
 
-#include <array>
+#include "confirming_rsync/encoded_name.h"
+
+#include <algorithm>
 #include <cerrno>
 #include <cstddef>
-#include <cstdint>
 #include <cstring>
 #include <memory>
-#include <string_view>
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -21,22 +21,6 @@ namespace {
 constexpr mode_t ownFolder = 0700;
 constexpr mode_t parentFolder = 0755;
 
-/// A short name for a text of any length and content. That two texts get the same one is unlikely,
-/// and does no harm: each journal says in full what it is for.
-std::string shortName(std::string_view text) {
-    // FNV-1a.
-    std::uint64_t hash = 14695981039346656037U;
-    for (const char byte : text) {
-        hash = (hash ^ static_cast<unsigned char>(byte)) * 1099511628211U;
-    }
-    constexpr std::string_view digits = "0123456789abcdef";
-    std::string name;
-    for (int shift = 60; shift >= 0; shift -= 4) {
-        name += digits[(hash >> shift) & 15U];
-    }
-    return name;
-}
-
 bool makeParents(const std::string& path) {
     for (std::size_t end = path.find('/', 1); end != std::string::npos;
          end = path.find('/', end + 1)) {
@@ -47,21 +31,33 @@ bool makeParents(const std::string& path) {
     return true;
 }
 
-/// Opens a folder below another one. Empty, errno set, if it is none or not this user's alone.
-Descriptor openOwnFolder(int parent, const std::string& name) {
-    Descriptor folder(
-        ::openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+/// Keeps what is this user's alone; else it is closed, and errno set.
+Descriptor ownOnly(Descriptor opened, mode_t type) {
     struct stat status {};
-    if (folder && ::fstat(folder.get(), &status) == 0 &&
-        (status.st_uid != ::geteuid() || (status.st_mode & (S_IWGRP | S_IWOTH)) != 0)) {
-        folder.close();
-        errno = EPERM;
+    int error = 0;
+    if (opened && ::fstat(opened.get(), &status) != 0) {
+        error = errno;
+    } else if (opened && ((status.st_mode & S_IFMT) != type || status.st_uid != ::geteuid() ||
+                          (status.st_mode & (S_IWGRP | S_IWOTH)) != 0)) {
+        error = EPERM;
     }
-    return folder;
+    if (error != 0) {
+        opened.close();
+        errno = error;
+    }
+    return opened;
+}
+
+Descriptor openOwnFolder(int parent, const std::string& name) {
+    return ownOnly(
+        Descriptor(::openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC)),
+        S_IFDIR);
 }
 
 Descriptor makeOwnFolder(int parent, const std::string& name) {
-    if (::mkdirat(parent, name.c_str(), ownFolder) != 0 && errno != EEXIST) {
+    if (::mkdirat(parent, name.c_str(), ownFolder) == 0) {
+        ::fsync(parent); // there after a cut of the power, too
+    } else if (errno != EEXIST) {
         return {};
     }
     return openOwnFolder(parent, name);
@@ -69,35 +65,46 @@ Descriptor makeOwnFolder(int parent, const std::string& name) {
 
 } // namespace
 
+std::string journalFolder(const std::string& base, const std::string& source,
+                          const std::string& destination) {
+    return base + "/" + encodedName(source) + "/" + encodedName(destination);
+}
+
 Descriptor openJournalFolder(const std::string& base, const std::string& source,
                              const std::string& destination, std::string& failure) {
     Descriptor folder;
     if (makeParents(base)) {
         const Descriptor all = makeOwnFolder(AT_FDCWD, base);
-        if (all) {
-            folder = makeOwnFolder(all.get(), shortName(source) + "-" + shortName(destination));
+        const Descriptor share = all ? makeOwnFolder(all.get(), encodedName(source)) : Descriptor();
+        if (share) {
+            folder = makeOwnFolder(share.get(), encodedName(destination));
         }
     }
     failure = folder ? "" : std::strerror(errno);
     return folder;
 }
 
-std::vector<Descriptor> openJournalFolders(const std::string& base, const std::string& source) {
-    std::vector<Descriptor> folders;
+std::map<std::string, Descriptor> openJournalFolders(const std::string& base,
+                                                     const std::string& source) {
+    std::map<std::string, Descriptor> folders;
     const Descriptor all = openOwnFolder(AT_FDCWD, base);
-    if (!all) {
+    const Descriptor share = all ? openOwnFolder(all.get(), encodedName(source)) : Descriptor();
+    if (!share) {
         return folders;
     }
-    const std::string beginning = shortName(source) + "-";
-    for (const std::string& name : namesIn(all)) {
-        if (name.compare(0, beginning.size(), beginning) == 0) {
-            Descriptor folder = openOwnFolder(all.get(), name);
-            if (folder) {
-                folders.push_back(std::move(folder));
-            }
+    for (const std::string& name : namesIn(share)) {
+        Descriptor folder = openOwnFolder(share.get(), name);
+        if (folder) {
+            folders.emplace(decodedName(name).value_or(name), std::move(folder));
         }
     }
     return folders;
+}
+
+Descriptor openOwnFile(const Descriptor& folder, const std::string& name) {
+    return ownOnly(Descriptor(::openat(folder.get(), name.c_str(),
+                                       O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)),
+                   S_IFREG);
 }
 
 std::vector<std::string> namesIn(const Descriptor& folder) {
@@ -116,6 +123,7 @@ std::vector<std::string> namesIn(const Descriptor& folder) {
             names.emplace_back(name);
         }
     }
+    std::sort(names.begin(), names.end());
     return names;
 }
 

@@ -3,21 +3,31 @@
 
 #include "confirming_rsync/descriptors.h"
 
+#include <map>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace confirming {
 
-/// The folder for the journals of one share and destination, below the folder `base`. What is
-/// missing is created, both with mode 0700. Empty if it can't be had; `failure` then says why. A
-/// folder that others than this user may write to is not used.
+/// The path of the folder for the journals of one share and destination, below the folder `base`.
+std::string journalFolder(const std::string& base, const std::string& source,
+                          const std::string& destination);
+
+/// Opens that folder. What is missing is created with mode 0700. Empty if it can't be had;
+/// `failure` then says why. A folder that others than this user may write to is not used.
 Descriptor openJournalFolder(const std::string& base, const std::string& source,
                              const std::string& destination, std::string& failure);
 
-/// The folders that there are for a share, whatever the destination.
-std::vector<Descriptor> openJournalFolders(const std::string& base, const std::string& source);
+/// The folders that there are for a share, by their destination.
+std::map<std::string, Descriptor> openJournalFolders(const std::string& base,
+                                                     const std::string& source);
 
-/// The names of what is in a folder, in no order, but "." and "..".
+/// The names of what is in a folder, but "." and "..", by their bytes.
 std::vector<std::string> namesIn(const Descriptor& folder);
+
+/// Opens a file of the folder for reading. Empty, errno set, if it can't be opened; EPERM if
+/// anybody else can have written it.
+Descriptor openOwnFile(const Descriptor& folder, const std::string& name);
 
 } // namespace confirming

@@ -5,15 +5,16 @@
 
 #include <charconv>
 #include <cstddef>
+#include <utility>
 
 namespace confirming {
 
 namespace {
 
-constexpr std::string_view title = "skarn journal 1";
+constexpr std::string_view title = "skarn journal 2";
+constexpr std::string_view leftTitle = "skarn left names 1";
 constexpr std::string_view endOfHead = "names";
-constexpr std::string_view ownDone = "done: own names\n";
-constexpr std::string_view allDone = "done: all names\n";
+constexpr std::string_view done = "done";
 
 /// Takes off and returns what comes before the separator; nothing if there is no separator.
 std::optional<std::string_view> takeUntil(std::string_view& text, char separator) {
@@ -73,40 +74,54 @@ bool readString(std::optional<std::string_view> text, std::string& string) {
     return !string.empty();
 }
 
-/// KIND and a blank are taken off already.
-bool readInherited(std::string_view text, JournalEntry& entry) {
-    if (!readNumber(takeUntil(text, ' '), entry.since) ||
-        !readNumber(takeUntil(text, ' '), entry.rounds)) {
-        return false;
-    }
-    entry.name = text;
-    return staysBelow(entry.name);
-}
-
 bool readLine(std::string_view line, JournalBody& body) {
-    if (line.substr(0, 5) == "done:") {
-        body.ownDone = true;
-        const std::string_view withoutLineFeed = allDone.substr(0, allDone.size() - 1);
-        return line == withoutLineFeed || line == ownDone.substr(0, ownDone.size() - 1);
+    if (body.done || line == done) {
+        return !std::exchange(body.done, true);
     }
-    if (line.size() < 3 || line[1] != ' ') {
+    const auto kind = takeUntil(line, ' ');
+    if (!kind || !staysBelow(line)) {
         return false;
     }
-    const std::string_view rest = line.substr(2);
-    if (line[0] == 'i') {
-        return readInherited(rest, body.inherited.emplace_back());
-    }
-    if (!staysBelow(rest)) {
-        return false;
-    }
-    if (line[0] == 'n') {
-        body.intended.emplace_back(rest);
-    } else if (line[0] == 'c') {
-        body.confirmed.emplace(rest);
+    if (kind == "n") {
+        body.intended.emplace_back(line);
+    } else if (kind == "t") {
+        body.taken.emplace_back(line);
+    } else if (kind == "c") {
+        body.confirmed.emplace(line);
     } else {
         return false;
     }
     return true;
+}
+
+bool readLeftLine(std::string_view line, LeftNames& left) {
+    const auto kind = takeUntil(line, ' ');
+    if (kind == "remark") {
+        left.remarks.emplace_back(line);
+        return true;
+    }
+    OpenName open;
+    open.isGone = kind == "gone";
+    if (!open.isGone && (kind != "there" || !readNumber(takeUntil(line, ' '), open.listings))) {
+        return false;
+    }
+    open.name = line;
+    left.names.push_back(std::move(open));
+    return staysBelow(line);
+}
+
+std::string whereText(const std::string& source, const std::string& destination) {
+    std::string text = "\nsource " + printedName(source);
+    text += "\ndestination " + printedName(destination) + "\n";
+    text += endOfHead;
+    text += '\n';
+    return text;
+}
+
+bool takeWhere(std::string_view& text, std::string& source, std::string& destination) {
+    return readString(takeField(text, "source"), source) &&
+           readString(takeField(text, "destination"), destination) &&
+           takeUntil(text, '\n') == endOfHead;
 }
 
 } // namespace
@@ -118,38 +133,23 @@ std::string headText(const JournalHead& head) {
     text += "\nbegun " + std::to_string(head.begun);
     text += "\nlist " + std::to_string(head.list.device) + " " + std::to_string(head.list.inode) +
             " " + std::to_string(head.list.modified) + " " + printedName(head.list.path);
-    text += "\nsource " + printedName(head.source);
-    text += "\ndestination " + printedName(head.destination) + "\n";
-    text += endOfHead;
-    text += '\n';
-    return text;
+    return text + whereText(head.source, head.destination);
 }
 
 std::string intendedLine(const std::string& name) {
     return "n " + name + "\n";
 }
 
-std::string inheritedLine(const JournalEntry& entry) {
-    return "i " + std::to_string(entry.since) + " " + std::to_string(entry.rounds) + " " +
-           entry.name + "\n";
+std::string takenLine(const std::string& name) {
+    return "t " + name + "\n";
 }
 
 std::string confirmedLine(const std::string& name) {
     return "c " + name + "\n";
 }
 
-std::string_view ownDoneLine() {
-    return ownDone;
-}
-
-std::string_view allDoneLine() {
-    return allDone;
-}
-
-bool isAllDone(std::string_view text) {
-    const std::size_t size = allDone.size();
-    return text.size() > size && text[text.size() - size - 1] == '\n' &&
-           text.substr(text.size() - size) == allDone;
+std::string_view doneLine() {
+    return "done\n";
 }
 
 std::optional<JournalHead> takeHead(std::string_view& text) {
@@ -157,9 +157,7 @@ std::optional<JournalHead> takeHead(std::string_view& text) {
     if (takeUntil(text, '\n') != title || !readDaemon(takeField(text, "daemon"), head.daemon) ||
         !readNumber(takeField(text, "begun"), head.begun) ||
         !readList(takeField(text, "list"), head.list) ||
-        !readString(takeField(text, "source"), head.source) ||
-        !readString(takeField(text, "destination"), head.destination) ||
-        takeUntil(text, '\n') != endOfHead) {
+        !takeWhere(text, head.source, head.destination)) {
         return std::nullopt;
     }
     return head;
@@ -173,6 +171,32 @@ std::optional<JournalBody> readBody(std::string_view text) {
         }
     }
     return body;
+}
+
+std::string leftNamesText(const LeftNames& left) {
+    std::string text(leftTitle);
+    text += whereText(left.source, left.destination);
+    for (const OpenName& open : left.names) {
+        text += open.isGone ? "gone " : "there " + std::to_string(open.listings) + " ";
+        text += open.name + "\n";
+    }
+    for (const std::string& remark : left.remarks) {
+        text += "remark " + remark + "\n";
+    }
+    return text;
+}
+
+std::optional<LeftNames> readLeftNames(std::string_view text) {
+    LeftNames left;
+    if (takeUntil(text, '\n') != leftTitle || !takeWhere(text, left.source, left.destination)) {
+        return std::nullopt;
+    }
+    while (const auto line = takeUntil(text, '\n')) {
+        if (!readLeftLine(*line, left)) {
+            return std::nullopt;
+        }
+    }
+    return text.empty() ? std::optional(left) : std::nullopt;
 }
 
 } // namespace confirming

@@ -29,34 +29,22 @@ struct JournalHead {
     std::string destination;
 };
 
-/// A name that the run has to account for.
-struct JournalEntry {
-    std::string name;
-    std::uint64_t since = 0; // when the run began that meant to copy it first
-    unsigned rounds = 0;     // how many later runs have taken it over undecided
-};
-
 /// What a run has written below its head. Names are as rsync prints them.
 struct JournalBody {
-    std::vector<std::string> intended;   // the names of its list
-    std::vector<JournalEntry> inherited; // names of earlier runs, undecided or to be announced
+    std::vector<std::string> intended; // what it could have removed at the source
+    std::vector<std::string> taken;    // left open by earlier runs, and announced by this one
     std::set<std::string, std::less<>>
-        confirmed;        // names whose confirmation is in the daemon's pipe
-    bool ownDone = false; // nothing can become of `intended` any more
+        confirmed;     // names whose confirmation is in the daemon's pipe
+    bool done = false; // nothing can become of `intended` any more
 };
 
 std::string headText(const JournalHead& head);
 std::string intendedLine(const std::string& name);
-std::string inheritedLine(const JournalEntry& entry);
+std::string takenLine(const std::string& name);
 std::string confirmedLine(const std::string& name);
 
-/// The last line of a run that is through with the names of its list; the second, if nothing that
-/// it inherited is open either.
-std::string_view ownDoneLine();
-std::string_view allDoneLine();
-
-/// True if the text ends with the line that says that nothing is open.
-bool isAllDone(std::string_view text);
+/// The last line of a run that has accounted for all of its names.
+std::string_view doneLine();
 
 /// Reads the head and takes it off the text. Nothing if it is not a head to the letter.
 std::optional<JournalHead> takeHead(std::string_view& text);
@@ -65,5 +53,25 @@ std::optional<JournalHead> takeHead(std::string_view& text);
 /// ended, and is passed over. Nothing if any other line is none of a journal, or has a name that
 /// leads out of the destination.
 std::optional<JournalBody> readBody(std::string_view text);
+
+/// A name that runs which are over have left open.
+struct OpenName {
+    std::string name;
+    bool isGone = false;   // at the source: it is to be announced
+    unsigned listings = 0; // else: how many listings have shown it there since
+};
+
+/// What is left of runs that are over, for one source and destination.
+struct LeftNames {
+    std::string source;
+    std::string destination;
+    std::vector<OpenName> names;
+    std::vector<std::string> remarks; // to be said by the next run
+};
+
+std::string leftNamesText(const LeftNames& left);
+
+/// Reads that text. Nothing if it is not to the letter, with its last line feed.
+std::optional<LeftNames> readLeftNames(std::string_view text);
 
 } // namespace confirming

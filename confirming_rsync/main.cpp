@@ -8,5 +8,7 @@
 int main(int argc, char** argv) {
     confirming::Limits limits;
     limits.standstill = std::chrono::seconds(STANDSTILL_SECONDS);
-    return confirming::runProgram({STOCK_RSYNC, JOURNAL_FOLDER}, limits, argc, argv, environ);
+    limits.announceAgain = std::chrono::seconds(ANNOUNCE_AGAIN_SECONDS);
+    return confirming::runProgram({STOCK_RSYNC, JOURNAL_FOLDER, FIGURES_FOLDER, FLUSHING != 0},
+                                  limits, argc, argv, environ);
 }

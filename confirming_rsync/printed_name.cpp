@@ -58,6 +58,24 @@ std::string printedName(std::string_view name) {
     return printed;
 }
 
+std::string withoutControls(std::string_view line, std::size_t longest) {
+    constexpr unsigned char first = 0x7f;
+    constexpr unsigned char last = 0x9f;
+    std::string text;
+    for (const char character : line) {
+        const auto byte = static_cast<unsigned char>(character);
+        if (byte >= first && byte <= last) {
+            appendEscape(text, byte);
+        } else {
+            text += character;
+        }
+    }
+    if (text.size() > longest) {
+        text.resize(longest);
+    }
+    return text;
+}
+
 std::string unprintedName(std::string_view printed) {
     std::string name;
     name.reserve(printed.size());

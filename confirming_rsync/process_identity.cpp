@@ -3,6 +3,7 @@
 
 #include "confirming_rsync/text_files.h"
 
+#include <cerrno>
 #include <charconv>
 #include <cstddef>
 #include <ctime>
@@ -13,15 +14,8 @@ namespace {
 
 constexpr std::string_view blanks = " \n";
 
-/// The id of this boot; empty if the system does not tell.
-std::string currentBoot() {
-    std::string text = readTextFile("/proc/sys/kernel/random/boot_id");
-    text.erase(text.find_last_not_of(blanks) + 1);
-    return text;
-}
-
-std::optional<ProcessStatus> statusOf(pid_t pid) {
-    return parseProcessStatus(readTextFile("/proc/" + std::to_string(pid) + "/stat"));
+std::optional<std::string> statusText(pid_t pid) {
+    return readTextFile("/proc/" + std::to_string(pid) + "/stat");
 }
 
 template<typename Number>
@@ -33,12 +27,18 @@ bool readNumber(std::string_view word, Number& number) {
 
 } // namespace
 
+std::string currentBoot() {
+    std::string text = readTextFile("/proc/sys/kernel/random/boot_id").value_or("");
+    text.erase(text.find_last_not_of(blanks) + 1);
+    return text;
+}
+
 bool operator==(const ProcessIdentity& left, const ProcessIdentity& right) {
     return left.boot == right.boot && left.pid == right.pid && left.start == right.start;
 }
 
 std::optional<ProcessIdentity> identityOf(pid_t pid) {
-    const auto status = statusOf(pid);
+    const auto status = parseProcessStatus(statusText(pid).value_or(""));
     std::string boot = currentBoot();
     if (!status || boot.empty()) {
         return std::nullopt;
@@ -46,10 +46,17 @@ std::optional<ProcessIdentity> identityOf(pid_t pid) {
     return ProcessIdentity{std::move(boot), pid, status->start};
 }
 
-bool isAlive(const ProcessIdentity& process) {
-    const auto status = statusOf(process.pid);
-    return status && isRunning(*status) && status->start == process.start &&
-           process.boot == currentBoot();
+bool isDead(const ProcessIdentity& process) {
+    const std::string boot = currentBoot();
+    if (boot != process.boot) {
+        return !boot.empty();
+    }
+    const auto text = statusText(process.pid);
+    if (!text) {
+        return errno == ENOENT;
+    }
+    const auto status = parseProcessStatus(*text);
+    return status && (!isRunning(*status) || status->start != process.start);
 }
 
 bool isRunning(const ProcessStatus& status) {

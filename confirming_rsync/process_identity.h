@@ -23,11 +23,15 @@ inline bool operator!=(const ProcessIdentity& left, const ProcessIdentity& right
     return !(left == right);
 }
 
+/// The id of this boot; empty if the system does not tell.
+std::string currentBoot();
+
 /// The process that has this number now. Nothing if there is none, or the system does not tell.
 std::optional<ProcessIdentity> identityOf(pid_t pid);
 
-/// True while that very process runs. One that has ended and was not yet waited for is dead.
-bool isAlive(const ProcessIdentity& process);
+/// True if that very process is known to run no more. One that has ended and was not yet waited for
+/// is dead; one of which the system tells nothing may live.
+bool isDead(const ProcessIdentity& process);
 
 /// What the kernel tells of a process in /proc/PID/stat.
 struct ProcessStatus {

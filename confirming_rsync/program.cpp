@@ -5,7 +5,6 @@
 #include "confirming_rsync/child.h"
 #include "confirming_rsync/copy_run.h"
 #include "confirming_rsync/descriptors.h"
-#include "confirming_rsync/reminder.h"
 #include "confirming_rsync/share_listing.h"
 
 #include <cerrno>
@@ -61,12 +60,11 @@ int runProgram(const Places& places, const Limits& limits, int argc, char** argv
         readArguments(stringsFrom(argc > 0 ? argv + 1 : nullptr), valueOf(variables, "RSYNC_UID"),
                       valueOf(variables, "RSYNC_GID"));
     if (!arguments.confirming) {
-        if (arguments.listedSource.empty() ||
-            !isReminderDue(places.journalFolder, arguments.listedSource)) {
+        if (!parseShare(arguments.listedSource)) {
             return becomeStockRsync(places.stockRsync, arguments.rsync, environment);
         }
         closeInheritedDescriptors();
-        return ShareListing(places, arguments, variables).run();
+        return ShareListing(places, std::move(arguments), variables, limits).run();
     }
     closeInheritedDescriptors();
     return CopyRun(places, std::move(arguments), variables, limits).run();

@@ -31,11 +31,14 @@ std::string_view firstWord(std::string_view line) {
 
 } // namespace
 
-ReportFilter::ReportFilter(SentLineMayFollow sentLineMayFollow, MayBeRemoved mayBeRemoved)
-    : sentLineMayFollow_(std::move(sentLineMayFollow)), mayBeRemoved_(std::move(mayBeRemoved)) {
+void ReportFilter::setListed(const std::vector<std::string>& names) {
+    for (const std::string& name : names) {
+        files_.emplace(name, State::listed);
+    }
 }
 
-void ReportFilter::beginRun() {
+void ReportFilter::beginPass(Pass pass) {
+    pass_ = pass;
     sawFileList_ = false;
     receiverFailures_ = 0;
 }
@@ -48,13 +51,14 @@ void ReportFilter::takeErrorOutput(std::string_view bytes) {
     errorOutput_.take(bytes, [this](const LinePiece& piece) { handleErrorOutput(piece); });
 }
 
-void ReportFilter::finish(const IsInPlace& isInPlace) {
+void ReportFilter::finish(const Destination& destination) {
     output_.finish([this](const LinePiece& piece) { putPiece(piece, Origin::output); });
     errorOutput_.finish([this](const LinePiece& piece) { putPiece(piece, Origin::errorOutput); });
     for (const std::string& name : std::exchange(heldBack_, {})) {
-        if (wasConfirmed(name) || isInPlace(name)) {
+        if (wasConfirmed(name) || destination.hasFile(name)) {
             confirm(name);
         } else {
+            files_[name] = State::listed; // a SENT line to come does not prove that removal
             putLine(std::string(removedPrefix) + name);
         }
     }
@@ -63,14 +67,23 @@ void ReportFilter::finish(const IsInPlace& isInPlace) {
 void ReportFilter::confirm(const std::string& name) {
     State& state = files_[name];
     if (state != State::confirmed && name.size() <= longestName) {
+        giveUp(name);
         state = State::confirmed;
-        putConfirmation("removed", name);
+        putConfirmation(name, false);
+    }
+}
+
+void ReportFilter::giveUp(const std::string& name) {
+    State& state = files_[name];
+    if (state == State::sentInSilence) {
+        state = State::sent;
+        putLine(std::string(sentPrefix) + name);
     }
 }
 
 void ReportFilter::confirmRecovered(const std::string& name) {
     if (name.size() <= longestName) {
-        putConfirmation("recovered", name);
+        putConfirmation(name, true);
     }
 }
 
@@ -84,14 +97,14 @@ std::string ReportFilter::takeReport() {
     return std::exchange(report_, {});
 }
 
-bool ReportFilter::wasSent(const std::string& name) const {
+ReportFilter::State ReportFilter::stateOf(const std::string& name) const {
     const auto found = files_.find(name);
-    return found != files_.end() && found->second == State::sent;
+    return found == files_.end() ? State::listed : found->second;
 }
 
-bool ReportFilter::wasConfirmed(const std::string& name) const {
-    const auto found = files_.find(name);
-    return found != files_.end() && found->second == State::confirmed;
+bool ReportFilter::wasSent(const std::string& name) const {
+    const State state = stateOf(name);
+    return state == State::sent || state == State::sentInSilence;
 }
 
 void ReportFilter::handleOutput(const LinePiece& piece) {
@@ -101,10 +114,10 @@ void ReportFilter::handleOutput(const LinePiece& piece) {
             handleSent(std::string(line.substr(sentPrefix.size())), line);
             return;
         }
-        if (beginsWith(line, removedPrefix) && line.back() != '/') {
+        // A pass that only copies removes nothing; but a share can print any line.
+        if (pass_ != Pass::copy && beginsWith(line, removedPrefix) && line.back() != '/') {
             const std::string name(line.substr(removedPrefix.size()));
-            if (staysBelow(name) && mayBeRemoved_(name)) {
-                handleRemoved(name);
+            if (files_.count(name) != 0 && staysBelow(name) && handleRemoved(name)) {
                 return;
             }
         }
@@ -116,8 +129,8 @@ void ReportFilter::handleOutput(const LinePiece& piece) {
 }
 
 void ReportFilter::handleErrorOutput(const LinePiece& piece) {
-    if (piece.begins && piece.ends) {
-        rememberComplaint(piece.text);
+    if (piece.begins && piece.ends && !rememberComplaint(piece.text)) {
+        return;
     }
     putPiece(piece, Origin::errorOutput);
 }
@@ -126,29 +139,41 @@ void ReportFilter::handleSent(const std::string& name, std::string_view line) {
     if (name.back() == '/') {
         return;
     }
-    const auto [file, isNew] = files_.try_emplace(name, State::sent);
+    const auto file = files_.find(name);
+    if (file == files_.end()) {
+        putLine(line); // nothing can come of it
+        return;
+    }
     if (file->second == State::confirmed) {
         // It would make the reader wait for a second confirmation.
         return;
     }
-    putLine(line);
-    if (!isNew && file->second == State::heldBack) {
-        file->second = State::confirmed;
-        putConfirmation("removed", name);
+    const bool wasHeldBack = file->second == State::heldBack;
+    if (pass_ == Pass::copyAndRemove) {
+        file->second = State::sent;
+        putLine(line);
+    } else if (file->second == State::listed) {
+        file->second = State::sentInSilence;
+    }
+    if (wasHeldBack) {
+        confirm(name);
     }
 }
 
-void ReportFilter::handleRemoved(const std::string& name) {
-    const auto file = files_.find(name);
-    if (file != files_.end() && file->second != State::sent) {
-        return;
+/// For symbolic links, devices and hard links this may come before the SENT line; for what was up
+/// to date there is none. False if it can't be true.
+bool ReportFilter::handleRemoved(const std::string& name) {
+    if (pass_ == Pass::copy || (destination_ != nullptr && !destination_->hasFile(name))) {
+        return false;
     }
-    if (file == files_.end() && sentLineMayFollow_(name)) {
-        files_.emplace(name, State::heldBack);
+    State& state = files_[name];
+    if (state == State::listed && pass_ == Pass::copyAndRemove) {
+        state = State::heldBack;
         heldBack_.push_back(name);
-        return;
+    } else if (state != State::heldBack) {
+        confirm(name);
     }
-    confirm(name);
+    return true;
 }
 
 /// Keeps what is needed to tell names that rsync could not handle from names that it left alone:
@@ -156,32 +181,43 @@ void ReportFilter::handleRemoved(const std::string& name) {
 ///   file has vanished: "/NAME" (in MODULE)
 ///   ERROR: NAME failed verification -- update discarded.
 ///   rsync: [receiver] mkstemp "PATH" failed: Read-only file system (30)
-void ReportFilter::rememberComplaint(std::string_view line) {
+/// False if the complaint is none to be told.
+bool ReportFilter::rememberComplaint(std::string_view line) {
     constexpr std::string_view error = "ERROR: ";
     constexpr std::string_view failedVerification = " failed verification -- update ";
     if (beginsWith(line, error)) {
         const std::size_t end = line.rfind(failedVerification);
         if (end != std::string_view::npos && end > error.size()) {
-            discarded_.emplace(line.substr(error.size(), end - error.size()));
+            keepListed(line.substr(error.size(), end - error.size()), discarded_);
         }
     }
     // Versions before 3.2 don't say which side complains.
     if (beginsWith(line, "rsync: [receiver] mkstemp ") || beginsWith(line, "rsync: mkstemp ")) {
         ++receiverFailures_;
+        return pass_ != Pass::remove;
     }
     const std::size_t begin = line.find('"');
     const std::size_t end = line.rfind("\" (in ");
-    if (end != std::string_view::npos && begin < end) {
-        complaints_.emplace(line.substr(begin + 1, end - begin - 1));
+    if (end != std::string_view::npos && begin < end &&
+        beginsWith(line.substr(begin + 1), directory_)) {
+        keepListed(line.substr(begin + 1, end - begin - 1).substr(directory_.size()), complaints_);
+    }
+    return true;
+}
+
+/// Bounded by the list, however much the share complains about.
+void ReportFilter::keepListed(std::string_view name, std::set<std::string>& names) {
+    if (files_.count(std::string(name)) != 0) {
+        names.emplace(name);
     }
 }
 
 /// Every confirmation leaves here.
-void ReportFilter::putConfirmation(const char* how, const std::string& name) {
+void ReportFilter::putConfirmation(const std::string& name, bool isRecovered) {
     confirmed_ = true;
-    report_.append("CONFIRMED: ").append(how).append(" ");
+    report_.append("CONFIRMED: ").append(isRecovered ? "recovered " : "removed ");
     putLine(name);
-    confirmations_.push_back({name, taken_ + report_.size()});
+    confirmations_.push_back({name, isRecovered, taken_ + report_.size()});
 }
 
 void ReportFilter::putLine(std::string_view text) {
@@ -192,10 +228,13 @@ void ReportFilter::putLine(std::string_view text) {
 void ReportFilter::putPiece(const LinePiece& piece, Origin origin) {
     const std::string_view word = firstWord(piece.text);
     const bool mayBeSent = origin == Origin::output && piece.begins && piece.ends;
-    if (word == "CONFIRMED:" || (word == "SENT:" && !mayBeSent)) {
+    // The last two begin the lines that tell in the daemon's log where a report ends, and what it
+    // came to.
+    if (word == "CONFIRMED:" || (word == "SENT:" && !mayBeSent) || beginsWith(word, "++") ||
+        word == "Copied") {
         report_ += "rsync: ";
     }
-    putLine(piece.text);
+    putLine(withoutControls(piece.text, LineAssembly::limit));
 }
 
 } // namespace confirming

@@ -1,11 +1,12 @@
 // Turns what stock rsync says into the report: which files were sent, which are confirmed.
 #pragma once
 
+#include "confirming_rsync/arguments.h"
+#include "confirming_rsync/destination.h"
 #include "confirming_rsync/line_assembly.h"
 
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <set>
 #include <string>
 #include <string_view>
@@ -16,34 +17,37 @@
 namespace confirming {
 
 /// Reads the standard output and the error output of stock rsync, of one or of several that run one
-/// after the other for different names, that were started with
+/// after the other, that were started with
 /// --out-format='SENT: %n', --info=remove1 and --8-bit-output, and writes the report:
 ///
 ///   SENT: NAME                as it came; not for directories (NAME ends in a slash)
 ///   CONFIRMED: removed NAME   in place of "sender removed NAME", once a name, after its SENT line;
-///                             not for a NAME that leads out of the destination
-///   any other line            as it came
+///                             only for a NAME of the list
+///   any other line            as it came, but for control bytes that a terminal might obey
 ///
-/// A line of rsync's that would read as a confirmation without being one gets "rsync: " in front.
+/// A line of rsync's that would read as a confirmation without being one, or as the daemon's own in
+/// its log, gets "rsync: " in front.
 /// A line of more than LineAssembly::limit bytes is passed on as several lines, none of which sends
 /// or confirms anything.
 ///
 /// Entirely passive: no system calls, no clock. Names are kept and reported as rsync prints them.
 class ReportFilter {
 public:
-    /// Says whether the SENT line of a name that was reported as removed may still come. Asked only
-    /// for names without a SENT line so far.
-    using SentLineMayFollow = std::function<bool(const std::string& name)>;
+    /// `directory` is the share's, as its complaints quote it, with a slash at its end.
+    /// Of what is not in place at the destination no removal is believed, if that is given: a share
+    /// can say anything.
+    explicit ReportFilter(std::string directory, const Destination* destination = nullptr)
+        : directory_(std::move(directory)), destination_(destination) {}
 
-    /// Says whether a removal that rsync reports can be true: false for a name that was not to be
-    /// copied. What rsync reports of it is text from another machine.
-    using MayBeRemoved = std::function<bool(const std::string& name)>;
+    /// The names that are to be copied, once each. What rsync reports of others is text from
+    /// another machine.
+    void setListed(const std::vector<std::string>& names);
 
-    ReportFilter(SentLineMayFollow sentLineMayFollow, MayBeRemoved mayBeRemoved);
-
-    /// Another rsync is going to be read, whose names are others: what the last one said of its
-    /// file list, and of files that it could not create, counts no more.
-    void beginRun();
+    /// Another rsync is going to be read: what the last one said of its file list, and of files
+    /// that it could not create, counts no more. If it leaves the source as it is, what it sends is
+    /// not yet to be told: that comes with the confirmation, or with giveUp(). And no removal is
+    /// believed then: the share can print any line.
+    void beginPass(Pass pass);
 
     /// Of a longer name, the daemon would take the beginning for the whole.
     static constexpr std::size_t longestName = 1000;
@@ -52,18 +56,20 @@ public:
     void takeOutput(std::string_view bytes);
     void takeErrorOutput(std::string_view bytes);
 
-    /// Both streams have ended: passes on what had no line feed (as a line, and never as a
-    /// confirmation: it may have been cut off) and every confirmation that was still held back. Of
-    /// a name that is not in place by now, rsync's line goes out as it came.
-    using IsInPlace = std::function<bool(const std::string& name)>;
-    void finish(const IsInPlace& isInPlace);
+    /// Both streams of a pass have ended: passes on what had no line feed (as a line, and never as
+    /// a confirmation: it may have been cut off) and every confirmation that was still held back.
+    /// Of a name that is not in place by now, rsync's line goes out as it came.
+    void finish(const Destination& destination);
 
     /// The file is known to be deleted at its source from elsewhere than rsync's output. Reported
     /// unless it already was, or its name is longer than `longestName`.
     void confirm(const std::string& name);
 
-    /// The same for a file that an earlier run has received: reported as "CONFIRMED: recovered
-    /// NAME".
+    /// Nobody knows what became of the file: it is reported as sent, if it was.
+    void giveUp(const std::string& name);
+
+    /// The same as confirm() for a file that an earlier run has received: reported as "CONFIRMED:
+    /// recovered NAME".
     void confirmRecovered(const std::string& name);
 
     /// A line of the program's own, without line feed. What its reader would take for another line
@@ -77,6 +83,7 @@ public:
     /// beginning, has at the end of that line.
     struct Confirmation {
         std::string name;
+        bool isRecovered = false;
         std::uint64_t end = 0;
     };
     std::vector<Confirmation> takeConfirmations() { return std::exchange(confirmations_, {}); }
@@ -84,7 +91,7 @@ public:
     bool hasConfirmed() const { return confirmed_; }
 
     bool wasSent(const std::string& name) const;
-    bool wasConfirmed(const std::string& name) const;
+    bool wasConfirmed(const std::string& name) const { return stateOf(name) == State::confirmed; }
 
     /// True if rsync gave up on the received file: nothing was put in place under this name.
     bool wasDiscarded(const std::string& name) const { return discarded_.count(name) != 0; }
@@ -93,28 +100,32 @@ public:
     /// What it complained about until then is not there.
     bool sawFileList() const { return sawFileList_; }
 
-    /// How many files the last rsync could not create here.
+    /// How many files the last rsync could not create here. In a pass that removes, these are files
+    /// that have changed since they were copied; they are not told of.
     std::size_t receiverFailures() const { return receiverFailures_; }
 
-    /// True if rsync complained about this path of the share. The path is as rsync prints it,
-    /// module left out: "/data/NAME".
-    bool wasComplainedAbout(const std::string& path) const { return complaints_.count(path) != 0; }
+    /// True if rsync complained about this name as one of the share's.
+    bool wasComplainedAbout(const std::string& name) const { return complaints_.count(name) != 0; }
 
 private:
-    enum class State { sent, heldBack, confirmed };
+    enum class State { listed, sentInSilence, sent, heldBack, confirmed };
     enum class Origin { output, errorOutput };
 
     void handleOutput(const LinePiece& piece);
     void handleErrorOutput(const LinePiece& piece);
     void handleSent(const std::string& name, std::string_view line);
-    void handleRemoved(const std::string& name);
-    void rememberComplaint(std::string_view line);
-    void putConfirmation(const char* how, const std::string& name);
+    bool handleRemoved(const std::string& name);
+    bool rememberComplaint(std::string_view line);
+    void keepListed(std::string_view name, std::set<std::string>& names);
+    void putConfirmation(const std::string& name, bool isRecovered);
     void putLine(std::string_view text);
     void putPiece(const LinePiece& piece, Origin origin);
 
-    SentLineMayFollow sentLineMayFollow_;
-    MayBeRemoved mayBeRemoved_;
+    State stateOf(const std::string& name) const;
+
+    const std::string directory_; // of the share
+    const Destination* const destination_;
+    Pass pass_ = Pass::copyAndRemove;
     LineAssembly output_;
     LineAssembly errorOutput_;
     std::unordered_map<std::string, State> files_;

@@ -29,8 +29,9 @@ void ReportWriter::write() {
     }
     written_ += static_cast<std::size_t>(count);
     total_ += static_cast<std::uint64_t>(count);
-    if (written_ == text_.size()) {
-        text_.clear();
+    if (2 * written_ >= text_.size()) {
+        // Not only when all is written: a reader may always be behind.
+        text_.erase(0, written_);
         written_ = 0;
     }
 }

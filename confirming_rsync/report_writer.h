@@ -8,8 +8,8 @@
 
 namespace confirming {
 
-/// Holds report text until the reader takes it. Never waits: whoever owns it polls the descriptor
-/// and calls write() when there is room. SIGPIPE has to be ignored.
+/// Holds report text until the reader takes it, in twice the memory at most. Never waits: whoever
+/// owns it polls the descriptor and calls write() when there is room. SIGPIPE has to be ignored.
 class ReportWriter {
 public:
     /// Does not own the descriptor, whose flags stay as they are.

@@ -1,15 +1,17 @@
-// The listing of a share when earlier runs have left names open: stock rsync's, with a reminder.
+// The listing of a share: stock rsync's, with a reminder if runs that are over have left names
+// open.
 #include "confirming_rsync/share_listing.h"
 
+#include "confirming_rsync/left_names.h"
 #include "confirming_rsync/line_assembly.h"
 #include "confirming_rsync/relay.h"
-#include "confirming_rsync/reminder.h"
 #include "confirming_rsync/report_writer.h"
+#include "confirming_rsync/share_figures.h"
 #include "confirming_rsync/signals.h"
 #include "confirming_rsync/text_files.h"
 
-#include <algorithm>
 #include <csignal>
+#include <cstdint>
 #include <cstring>
 #include <utility>
 
@@ -18,39 +20,82 @@
 
 namespace confirming {
 
-ShareListing::ShareListing(Places places, Arguments arguments, std::vector<std::string> environment)
+namespace {
+
+/// The complaints of a listing go to a file below /tmp, which all detectors share.
+constexpr std::size_t longestComplaints = std::size_t{1024} * 1024;
+
+/// Passes complaints on, up to that much, and keeps the first line, which mostly tells the cause.
+class Complaints {
+public:
+    void take(std::string_view bytes) {
+        assembly_.take(bytes, [this](const LinePiece& piece) { keep(piece); });
+        bytes = bytes.substr(0, longestComplaints - passedOn_);
+        passedOn_ += bytes.size();
+        writeText(errorOutput_, bytes);
+    }
+    const std::string& first() const { return first_; }
+
+private:
+    void keep(const LinePiece& piece) {
+        if (first_.empty()) {
+            first_ = piece.text;
+        }
+    }
+
+    const Descriptor errorOutput_{::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0)};
+    LineAssembly assembly_;
+    std::size_t passedOn_ = 0;
+    std::string first_;
+};
+
+} // namespace
+
+ShareListing::ShareListing(Places places, Arguments arguments, std::vector<std::string> environment,
+                           const Limits& limits)
     : places_(std::move(places)), arguments_(std::move(arguments)),
-      environment_(std::move(environment)) {
+      environment_(std::move(environment)), limits_(limits) {
 }
 
 int ShareListing::run() {
     Signals signals;
     ReportWriter writer(STDOUT_FILENO);
     Relay relay(signals, writer);
+    Complaints complaints;
+    ListingFigures figures(places_.figuresFolder, arguments_.listedSource);
+    figures.begin();
+    Settlement settlement(places_.journalFolder, arguments_.listedSource, limits_.announceAgain);
     const Descriptor nothing(::open("/dev/null", O_RDONLY | O_CLOEXEC));
     Child rsync({places_.stockRsync, arguments_.rsync, environment_}, nothing, signals);
-    const Descriptor errorOutput(::dup(STDERR_FILENO));
     if (!rsync.hasStarted()) {
-        writeText(errorOutput, "rsync_orbelin: cannot start " + places_.stockRsync + ": " +
-                                   std::strerror(rsync.startError()) + "\n");
+        const std::string complaint = "rsync_orbelin: cannot start " + places_.stockRsync + ": " +
+                                      std::strerror(rsync.startError());
+        complaints.take(complaint + "\n");
+        figures.end(notStarted, 0, complaint);
         return notStarted;
     }
     LineAssembly assembly;
-    bool listsSomething = false;
+    std::uint64_t entries = 0;
     const Sinks sinks{[&](std::string_view bytes) {
                           writer.add(bytes);
                           assembly.take(bytes, [&](const LinePiece& piece) {
-                              listsSomething = listsSomething || namesSomething(piece.text);
+                              entries += piece.ends ? 1 : 0;
+                              settlement.takeListed(piece.text);
                           });
                       },
-                      [&](std::string_view bytes) { writeText(errorOutput, bytes); }};
+                      [&](std::string_view bytes) { complaints.take(bytes); }};
     const auto isStopping = [&relay] { return relay.stopSignal() != 0 || relay.readerIsGone(); };
     while (!isStopping() && (rsync.output || rsync.errorOutput || !rsync.hasEnded())) {
         relay.step(rsync, sinks, never);
     }
-    if (!isStopping() && rsync.exitStatus() == 0 && !listsSomething) {
-        countReminder(places_.journalFolder, arguments_.listedSource);
-        writer.add(reminderLine());
+    if (!isStopping()) {
+        figures.end(rsync.exitStatus(), entries, complaints.first());
+        if (rsync.exitStatus() == 0) {
+            settlement.settle();
+        }
+        if (rsync.exitStatus() == 0 && settlement.isReminderDue()) {
+            writer.add(reminderLine());
+        }
     }
     while (!isStopping() && writer.pending() > 0) {
         relay.step(never);
@@ -60,15 +105,6 @@ int ShareListing::run() {
         endBySignal(relay.stopSignal() != 0 ? relay.stopSignal() : SIGPIPE);
     }
     return rsync.exitStatus();
-}
-
-bool namesSomething(std::string_view line) {
-    for (int field = 0; field < 4; ++field) {
-        line.remove_prefix(std::min(line.size(), line.find_first_not_of(' ')));
-        line.remove_prefix(std::min(line.size(), line.find(' ')));
-    }
-    line.remove_prefix(std::min(line.size(), line.find_first_not_of(' ')));
-    return !line.empty() && line.front() != '.';
 }
 
 } // namespace confirming

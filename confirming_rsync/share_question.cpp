@@ -1,5 +1,4 @@
-// The question to a share which of some files it still has: how it is put, and how the answer
-/// reads.
+// A share, as a URL names it; and the question which of some files it still has.
 #include "confirming_rsync/share_question.h"
 
 #include "confirming_rsync/printed_name.h"
@@ -53,24 +52,14 @@ std::string_view listedName(std::string_view line) {
     return line;
 }
 
-/// Adds all names that the listing line may mean. That of a symbolic link goes on with " ->
-/// TARGET".
-void addListedNames(std::string_view line, std::set<std::string, std::less<>>& names) {
-    const std::string_view name = listedName(line);
-    names.emplace(name);
-    constexpr std::string_view arrow = " -> ";
-    for (std::size_t at = name.find(arrow); at != std::string_view::npos;
-         at = name.find(arrow, at + 1)) {
-        names.emplace(name.substr(0, at));
-    }
-}
-
 } // namespace
 
 std::optional<Share> parseShare(std::string_view source) {
     std::string_view rest = moduleAndPath(source);
     Share share;
+    share.root = source.substr(0, source.size() - rest.size());
     share.module = takePart(rest, '/');
+    share.root += share.module + "/";
     if (share.module.empty()) {
         return std::nullopt;
     }
@@ -87,25 +76,44 @@ std::optional<Share> parseShare(std::string_view source) {
     return share;
 }
 
+std::string Share::entry(const std::string& name) const {
+    // The part in front of "/./" is where the name begins.
+    return (directory == "/" ? "" : unprintedName(directory.substr(1)) + "./") +
+           unprintedName(name);
+}
+
+std::string listInput(const Share& share, const std::vector<std::string>& names) {
+    std::string input;
+    for (const std::string& name : names) {
+        input += share.entry(name);
+        input += '\0';
+    }
+    return input;
+}
+
 std::vector<std::string> questionArguments(const std::vector<std::string>& access,
-                                           const std::string& source) {
+                                           const Share& share) {
     std::vector<std::string> arguments{"--list-only",    "--files-from=-", "--from0",
                                        "--8-bit-output", "--no-motd",      "--contimeout=10",
                                        "--timeout=20"};
     arguments.insert(arguments.end(), access.begin(), access.end());
-    arguments.push_back(source);
+    arguments.push_back(share.root);
     // Without a destination rsync takes the source for one.
     arguments.emplace_back(".");
     return arguments;
 }
 
-std::string questionInput(const std::vector<std::string>& names) {
-    std::string input;
-    for (const std::string& name : names) {
-        input += unprintedName(name);
-        input += '\0';
+void forListedNames(std::string_view line, const std::function<void(std::string_view)>& take) {
+    const std::string_view name = listedName(line);
+    if (name.empty()) {
+        return;
     }
-    return input;
+    take(name);
+    constexpr std::string_view arrow = " -> ";
+    for (std::size_t at = name.find(arrow); at != std::string_view::npos;
+         at = name.find(arrow, at + 1)) {
+        take(name.substr(0, at));
+    }
 }
 
 bool isAnswered(int exitStatus) {
@@ -117,7 +125,8 @@ std::vector<std::string> namesGone(const Share& share, const std::vector<std::st
                                    std::string_view output, std::string_view errorOutput) {
     std::set<std::string, std::less<>> listed;
     while (!output.empty()) {
-        addListedNames(takePart(output, '\n'), listed);
+        forListedNames(takePart(output, '\n'),
+                       [&listed](std::string_view name) { listed.emplace(name); });
     }
     std::set<std::string, std::less<>> complaints;
     while (!errorOutput.empty()) {

@@ -47,11 +47,11 @@ std::optional<std::uint64_t> bytesMovedBy(pid_t group) {
         if (entry->d_name[0] < '1' || entry->d_name[0] > '9') {
             continue;
         }
-        const auto status = parseProcessStatus(readTextFile(directory + "/stat"));
+        const auto status = parseProcessStatus(readTextFile(directory + "/stat").value_or(""));
         if (!status || status->group != group || !isRunning(*status)) {
             continue;
         }
-        const std::string counters = readTextFile(directory + "/io");
+        const std::string counters = readTextFile(directory + "/io").value_or("");
         const auto read = valueOf(counters, "rchar: ");
         const auto written = valueOf(counters, "wchar: ");
         if (!read || !written) {

@@ -21,8 +21,11 @@ void check(const std::string& text, bool endedByNul) {
         return endedByNul ? character == '\0' : character == '\n' || character == '\r';
     };
     const auto ends = std::count_if(text.begin(), text.end(), isEnd);
-    require(names.size() + listed.others.size() <= static_cast<std::size_t>(ends) + 1,
+    const std::size_t reminders = listed.hasReminder ? 1 : 0;
+    require(names.size() + listed.others.size() + reminders <= static_cast<std::size_t>(ends) + 1,
             "a line gives one name at most");
+    require(!listed.hasReminder || text.find("/rsync_orbelin:recovery") != std::string::npos,
+            "a reminder stands in the list");
     // Read once more from a list of what was read, nothing changes.
     std::string again;
     for (const std::string& name : names) {
@@ -37,7 +40,7 @@ void check(const std::string& text, bool endedByNul) {
         again += raw + (endedByNul ? '\0' : '\n');
     }
     const confirming::ListedNames reread = listedNames(again, endedByNul);
-    require(reread.names == names && reread.others.empty(),
+    require(reread.names == names && reread.others.empty() && !reread.hasReminder,
             "a list of what was read reads the same");
 }
 

@@ -1,4 +1,5 @@
-// Fuzzes the reading of a journal, which an earlier run, or anyone, may have left in any state.
+// Fuzzes the reading of a journal, and of the names that runs have left, which an earlier run, or
+// anyone, may have left in any state.
 #include "confirming_rsync/journal_text.h"
 #include "confirming_rsync/printed_name.h"
 #include "fuzz/input.h"
@@ -6,8 +7,9 @@
 #include <algorithm>
 
 using confirming::JournalBody;
-using confirming::JournalEntry;
 using confirming::JournalHead;
+using confirming::LeftNames;
+using confirming::OpenName;
 using fuzz::require;
 
 namespace {
@@ -19,8 +21,16 @@ bool same(const JournalHead& left, const JournalHead& right) {
            left.source == right.source && left.destination == right.destination;
 }
 
-bool sameEntry(const JournalEntry& left, const JournalEntry& right) {
-    return left.name == right.name && left.since == right.since && left.rounds == right.rounds;
+bool sameName(const OpenName& left, const OpenName& right) {
+    return left.name == right.name && left.isGone == right.isGone &&
+           left.listings == right.listings;
+}
+
+bool same(const LeftNames& left, const LeftNames& right) {
+    return left.source == right.source && left.destination == right.destination &&
+           left.remarks == right.remarks &&
+           std::equal(left.names.begin(), left.names.end(), right.names.begin(), right.names.end(),
+                      sameName);
 }
 
 void checkName(const std::string& name) {
@@ -34,14 +44,14 @@ std::string textOf(const JournalBody& body) {
     for (const std::string& name : body.intended) {
         text += confirming::intendedLine(name);
     }
-    for (const JournalEntry& entry : body.inherited) {
-        text += confirming::inheritedLine(entry);
+    for (const std::string& name : body.taken) {
+        text += confirming::takenLine(name);
     }
     for (const std::string& name : body.confirmed) {
         text += confirming::confirmedLine(name);
     }
-    if (body.ownDone) {
-        text += confirming::ownDoneLine();
+    if (body.done) {
+        text += confirming::doneLine();
     }
     return text;
 }
@@ -49,13 +59,12 @@ std::string textOf(const JournalBody& body) {
 /// True if `whole` goes on where `part` ends.
 bool isBeginning(const JournalBody& part, const JournalBody& whole) {
     return part.intended.size() <= whole.intended.size() &&
-           part.inherited.size() <= whole.inherited.size() &&
+           part.taken.size() <= whole.taken.size() &&
            std::equal(part.intended.begin(), part.intended.end(), whole.intended.begin()) &&
-           std::equal(part.inherited.begin(), part.inherited.end(), whole.inherited.begin(),
-                      sameEntry) &&
+           std::equal(part.taken.begin(), part.taken.end(), whole.taken.begin()) &&
            std::includes(whole.confirmed.begin(), whole.confirmed.end(), part.confirmed.begin(),
                          part.confirmed.end()) &&
-           (whole.ownDone || !part.ownDone);
+           (whole.done || !part.done);
 }
 
 void checkBody(std::string_view text) {
@@ -66,14 +75,12 @@ void checkBody(std::string_view text) {
     for (const std::string& name : body->intended) {
         checkName(name);
     }
-    for (const JournalEntry& entry : body->inherited) {
-        checkName(entry.name);
+    for (const std::string& name : body->taken) {
+        checkName(name);
     }
     for (const std::string& name : body->confirmed) {
         checkName(name);
     }
-    require(body->ownDone || !confirming::isAllDone("\n" + std::string(text)),
-            "a run that is through with all names is through with its own");
     const auto again = confirming::readBody(textOf(*body));
     require(again && isBeginning(*again, *body) && isBeginning(*body, *again),
             "what was read can be written and read again");
@@ -83,6 +90,18 @@ void checkBody(std::string_view text) {
         const auto cut = confirming::readBody(text.substr(0, size));
         require(cut && isBeginning(*cut, *body), "a journal that breaks off says what it said");
     }
+}
+
+void checkLeftNames(std::string_view text) {
+    const auto left = confirming::readLeftNames(text);
+    if (!left) {
+        return;
+    }
+    for (const OpenName& open : left->names) {
+        checkName(open.name);
+    }
+    const auto again = confirming::readLeftNames(confirming::leftNamesText(*left));
+    require(again && same(*again, *left), "left names can be written and read again");
 }
 
 } // namespace
@@ -100,7 +119,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         checkBody(rest);
     }
     checkBody(text);
-    confirming::isAllDone(text);
+    checkLeftNames(text);
     confirming::parseProcessStatus(text);
     return 0;
 }

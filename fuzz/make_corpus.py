@@ -32,9 +32,10 @@ def question(source: str, names: str, listed: str, complaints: str) -> bytes:
 
 
 HEAD = (
-    "skarn journal 1\ndaemon 0123-ab 4711 123456\nbegun 987654321\nlist 2 42 1700 /tmp/list_1\n"
+    "skarn journal 2\ndaemon 0123-ab 4711 123456\nbegun 987654321\nlist 2 42 1700 /tmp/list_1\n"
     "source rsync://root@10.0.0.1:49371/ramdisk/\ndestination /images/./\nnames\n"
 )
+LEFT = "skarn left names 1\nsource rsync://h/ramdisk/\ndestination /images/./\nnames\n"
 
 
 RULE = "+" * 78
@@ -121,11 +122,17 @@ def seeds() -> dict[str, dict[str, str | bytes]]:
             "at_the_limit": b"\xffnxxxxxxxxxxxxxxxx\nSENT: a\n",
             "behind_the_limit": b"\xffe\xffnxxxxxxxxxxxxxxxxCONFIRMED: x y\n",
             "behind_two_limits": b"SENT: \xffnaaaaaaaaaa\xffnxxxxxxxxxxxxxxxxSENT: b\xffeno",
-            "not_credible": "sender removed ../a\nsender removed /b\nsender removed x\n",
+            "not_credible": b"\xffl../a\xffl/b\xffosender removed ../a\nsender removed /b\n"
+            b"sender removed x\n",
+            "never_sent": "sender removed null\nsender removed zero\nsender removed c\nSENT: a\n",
+            "two_passes": b"\xff2SENT: a\nSENT: b\nsender removed c\n\xff3sender removed b\n"
+            b"\xffersync: [receiver] mkstemp \"/proc/.a.x\" failed\n\xfff\xffga\xffcc",
+            "of_the_log": b"++ RSYNC OUTPUT END\nCopied 3 files\n\x9b2J\x7f\n\xffe ++ x\n",
         },
         "share_question": {
             "all_gone": question("rsync://r@h:1/ramdisk/", "a\nb", "", gone("/a") + gone("/b")),
             "one_left": question("rsync://h/ramdisk/data/", "a\nb", line("a"), gone("/data/b")),
+            "below": question("h::ramdisk/a\nb//./c d/", "a\nb/c", "", gone("/a\\#012b/c d/a")),
             "older": question("h::ramdisk", "a", line(".", DIRECTORY), gone("/a", "")),
             "listed_and_gone": question("h::ramdisk", "a.raw", line("a.raw"), gone("/a.raw", "")),
             "link": question("rsync://h/ramdisk/", "a\nb", line("a -> b", LINK), gone("/a")),
@@ -139,17 +146,20 @@ def seeds() -> dict[str, dict[str, str | bytes]]:
         },
         "journal": {
             "going_on": HEAD + "n a\nn d/b\nc a\n",
-            "inherited": HEAD + "n a\ni 1234 0 b\ni 99 3 d/c\\#012\nc b\ndone: own names\n",
-            "done": HEAD + "n a\nc a\ndone: all names\n",
+            "taken": HEAD + "t b\nt d/c\\#012\nn a\nc b\n",
+            "done": HEAD + "n a\nc a\ndone\n",
+            "left": LEFT + "gone a\nthere 2 d/c\\#012\nremark the journal is not used\n",
+            "left_outside": LEFT + "gone ../a\n",
             "cut_off": HEAD + "n a\nn b",
             "leads_out": HEAD + "n ../a\n",
-            "body": "n a\ni 1 2 b\nc a\ndone: own names\n",
+            "body": "n a\nt b\nc a\ndone\n",
             "process": "4711 (a) b) S 1 4711 4711 0 -1 4194304 1 0 0 0 1 2 0 0 20 0 1 0 12345 8\n",
         },
         "printed_name": {
             "plain": "dir/a.raw",
             "controls": b"line\nfeed\r\x00\x1b\t\x7f",
             "escapes": "\\#012 \\#134#012 \\#999 \\#01",
+            "beyond_ascii": b"\x7f\x80\x9b2J\x9f\xa0",
             "latin": b"\xe9\xff\\#\xe9",
         },
         "log_model": {
@@ -166,6 +176,7 @@ def seeds() -> dict[str, dict[str, str | bytes]]:
         "file_list": {
             "lines": "a\nd/b\r\n\n./c/\n///d\n",
             "zeroes": b"a\x00b\nc\x00./\x00",
+            "reminder": "a\n/rsync_orbelin:recovery\n//rsync_orbelin:recovery\n",
             "odd": "#a\n;b\n-c\n/./\n.\n..\n../x\na//b/../c\\#012\n",
         },
     }

@@ -31,5 +31,15 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::string read = unprintedName(name);
     require(read.size() <= name.size(), "reading makes nothing longer");
     require(unprintedName(printedName(read)) == read, "what was read can be printed");
+
+    // And as a line of a report.
+    const std::string shown = confirming::withoutControls(name, 5 * name.size());
+    for (const char character : shown) {
+        const auto byte = static_cast<unsigned char>(character);
+        require(byte < 0x7f || byte > 0x9f, "nothing shown is a control character beyond ASCII");
+    }
+    require(unprintedName(shown) == read || shown != name, "a line without any stays as it is");
+    require(confirming::withoutControls(name, size / 2) == shown.substr(0, size / 2),
+            "a line is cut off where it has to be");
     return 0;
 }

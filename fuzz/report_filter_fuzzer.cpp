@@ -4,10 +4,13 @@
 // An input is what rsync prints, with commands in it. A command is a byte 0xFF and a letter, and
 // begins a new portion:
 //   o, e   what follows comes on the standard output (as at the beginning), on the error output
-//   c      what follows is a name that is confirmed from elsewhere
+//   c      what follows is a name of the list that is confirmed from elsewhere
+//   g      what follows is a name of the list that is given up
+//   l      what follows is one more name of the list
 //   m      what follows is a remark of the program's own
 //   n      sixteen bytes less than the longest line, to reach its limit
 //   f      both outputs have ended
+//   1, 2, 3  and another rsync begins: one that copies and removes, that copies, that removes
 #include "confirming_rsync/line_assembly.h"
 #include "confirming_rsync/printed_name.h"
 #include "confirming_rsync/report_filter.h"
@@ -16,19 +19,31 @@
 
 #include <algorithm>
 #include <set>
+#include <sstream>
 #include <utility>
 
+using confirming::Destination;
 using confirming::LineAssembly;
+using confirming::Pass;
 using confirming::ReportFilter;
 using fuzz::require;
 
 namespace {
 
 struct Event {
-    enum class Kind { output, errorOutput, confirm, remark, finish };
+    enum class Kind { output, errorOutput, confirm, giveUp, list, remark, finish, begin };
     Kind kind;
     std::string text;
+    Pass pass = Pass::copyAndRemove;
 };
+
+/// What is in place is what everyone has in this folder.
+const Destination& destination() {
+    static const Destination devices("/dev");
+    return devices;
+}
+
+const std::vector<std::string> alwaysListed{"a", "b", "c", "bb", "null", "zero"};
 
 std::vector<Event> eventsOf(const std::string& input) {
     std::vector<Event> events{{Event::Kind::output, {}}};
@@ -48,6 +63,21 @@ std::vector<Event> eventsOf(const std::string& input) {
         case 'c':
             events.push_back({Event::Kind::confirm, {}});
             break;
+        case 'g':
+            events.push_back({Event::Kind::giveUp, {}});
+            break;
+        case 'l':
+            events.push_back({Event::Kind::list, {}});
+            break;
+        case '1':
+            events.push_back({Event::Kind::begin, {}, Pass::copyAndRemove});
+            break;
+        case '2':
+            events.push_back({Event::Kind::begin, {}, Pass::copy});
+            break;
+        case '3':
+            events.push_back({Event::Kind::begin, {}, Pass::remove});
+            break;
         case 'm':
             events.push_back({Event::Kind::remark, {}});
             break;
@@ -63,23 +93,34 @@ std::vector<Event> eventsOf(const std::string& input) {
             events.back().text += input[at];
         }
     }
-    // Outputs end once, and nothing comes from them afterwards.
+    // The outputs of an rsync end once, and nothing comes from them afterwards.
     bool finished = false;
     std::vector<Event> sensible;
     for (Event& event : events) {
         const bool isOutput =
             event.kind == Event::Kind::output || event.kind == Event::Kind::errorOutput;
-        const bool isName = event.kind == Event::Kind::confirm;
+        const bool isName = event.kind == Event::Kind::confirm ||
+                            event.kind == Event::Kind::giveUp || event.kind == Event::Kind::list;
         if ((finished && (isOutput || event.kind == Event::Kind::finish)) ||
             (isName && event.text.empty())) {
             continue;
         }
-        if (!isOutput) {
+        if (!isOutput && event.kind != Event::Kind::begin) {
             // These are names as rsync prints them, and lines.
             event.text = confirming::printedName(event.text);
         }
         if (event.kind == Event::Kind::remark) {
             event.text.insert(0, "rsync_orbelin: ");
+        }
+        if (event.kind == Event::Kind::begin) {
+            if (!finished) {
+                sensible.push_back({Event::Kind::finish, {}});
+            }
+            // What follows that command is what the new one prints.
+            sensible.push_back({Event::Kind::begin, {}, event.pass});
+            sensible.push_back({Event::Kind::output, std::move(event.text)});
+            finished = false;
+            continue;
         }
         finished = finished || event.kind == Event::Kind::finish;
         sensible.push_back(std::move(event));
@@ -90,27 +131,13 @@ std::vector<Event> eventsOf(const std::string& input) {
     return sensible;
 }
 
-/// Any answer will do as long as it is always the same for a name.
-bool sentLineMayFollow(const std::string& name) {
-    return name.size() % 2 == 1;
-}
-
-/// Likewise.
-bool mayBeRemoved(const std::string& name) {
-    return name.front() != 'x';
-}
-
-/// Likewise.
-bool isInPlace(const std::string& name) {
-    return name.size() % 3 != 0;
-}
-
 bool isShort(const std::string& name) {
     return name.size() <= ReportFilter::longestName;
 }
 
 std::string reportOf(const std::vector<Event>& events, bool byteByByte) {
-    ReportFilter filter(sentLineMayFollow, mayBeRemoved);
+    ReportFilter filter("/");
+    filter.setListed(alwaysListed);
     std::string report;
     for (const Event& event : events) {
         const std::size_t portion = byteByByte ? 1 : event.text.size();
@@ -125,7 +152,18 @@ std::string reportOf(const std::vector<Event>& events, bool byteByByte) {
                 filter.takeErrorOutput(std::string_view(event.text).substr(at, portion));
             }
             break;
+        case Event::Kind::list:
+            filter.setListed({event.text});
+            break;
+        case Event::Kind::begin:
+            filter.beginPass(event.pass);
+            break;
+        case Event::Kind::giveUp:
+            filter.setListed({event.text});
+            filter.giveUp(event.text);
+            break;
         case Event::Kind::confirm:
+            filter.setListed({event.text});
             filter.confirm(event.text);
             require(filter.wasConfirmed(event.text) == isShort(event.text),
                     "what is confirmed counts as that");
@@ -134,7 +172,7 @@ std::string reportOf(const std::vector<Event>& events, bool byteByByte) {
             filter.remark(event.text);
             break;
         case Event::Kind::finish:
-            filter.finish(isInPlace);
+            filter.finish(destination());
             break;
         }
         report += filter.takeReport();
@@ -160,7 +198,18 @@ public:
                 takeByte(character, event.kind == Event::Kind::output);
             }
             break;
+        case Event::Kind::list:
+            listed.insert(event.text);
+            break;
+        case Event::Kind::begin:
+            pass = event.pass;
+            break;
+        case Event::Kind::giveUp:
+            listed.insert(event.text);
+            giveUp(event.text);
+            break;
         case Event::Kind::confirm:
+            listed.insert(event.text);
             confirm(event.text);
             break;
         case Event::Kind::remark:
@@ -169,11 +218,12 @@ public:
         case Event::Kind::finish:
             for (const Line* each : {&output, &errorOutput}) {
                 if (!each->text.empty()) {
-                    pass(each->text, false);
+                    passOn(each->text, false);
                 }
             }
+            output = errorOutput = Line();
             for (const std::string& name : std::exchange(held, {})) {
-                if (result.confirmed.count(name) == 0 && !isInPlace(name)) {
+                if (result.confirmed.count(name) == 0 && !destination().hasFile(name)) {
                     result.report += "sender removed " + name + "\n";
                 } else {
                     confirm(name);
@@ -199,7 +249,7 @@ private:
             return;
         }
         if (line.text.size() == LineAssembly::limit) {
-            pass(line.text, false);
+            passOn(line.text, false);
             line = {{}, true};
         }
         line.text += character;
@@ -209,23 +259,30 @@ private:
         const std::string sentWord = "SENT: ";
         const std::string removedWords = "sender removed ";
         const std::string& text = line.text;
+        if (!isOutput && !line.isFurther && pass == Pass::remove &&
+            (text.rfind("rsync: [receiver] mkstemp ", 0) == 0 ||
+             text.rfind("rsync: mkstemp ", 0) == 0)) {
+            return;
+        }
         if (!isOutput || line.isFurther) {
-            pass(text, false);
+            passOn(text, false);
         } else if (text.size() > sentWord.size() && text.rfind(sentWord, 0) == 0) {
             announce(text.substr(sentWord.size()));
-        } else if (text.size() > removedWords.size() && text.rfind(removedWords, 0) == 0 &&
+        } else if (pass != Pass::copy && text.size() > removedWords.size() &&
+                   text.rfind(removedWords, 0) == 0 &&
                    isCredible(text.substr(removedWords.size()))) {
             const std::string name = text.substr(removedWords.size());
-            if (std::find(held.begin(), held.end(), name) != held.end()) {
+            if (isHeld(name)) {
                 return;
             }
-            if (sent.count(name) == 0 && sentLineMayFollow(name)) {
+            if (sent.count(name) == 0 && silent.count(name) == 0 &&
+                result.confirmed.count(name) == 0 && pass == Pass::copyAndRemove) {
                 held.push_back(name);
             } else {
                 confirm(name);
             }
         } else {
-            pass(text, true);
+            passOn(text, true);
         }
     }
 
@@ -233,35 +290,76 @@ private:
         if (name.back() == '/' || result.confirmed.count(name) != 0) {
             return;
         }
-        sent.insert(name);
+        if (pass != Pass::copyAndRemove && listed.count(name) != 0) {
+            if (sent.count(name) == 0) {
+                silent.insert(name);
+            }
+            return;
+        }
+        silent.erase(name);
         result.report += "SENT: " + name + "\n";
-        if (std::find(held.begin(), held.end(), name) != held.end()) {
+        if (listed.count(name) == 0) {
+            return;
+        }
+        sent.insert(name);
+        if (isHeld(name)) {
             confirm(name);
         }
     }
 
-    static bool isCredible(const std::string& name) {
+    void giveUp(const std::string& name) {
+        if (silent.erase(name) != 0) {
+            sent.insert(name);
+            result.report += "SENT: " + name + "\n";
+        }
+    }
+
+    bool isHeld(const std::string& name) const {
+        return std::find(held.begin(), held.end(), name) != held.end();
+    }
+
+    bool isCredible(const std::string& name) const {
         return name.front() != '/' && name.back() != '/' &&
-               ("/" + name + "/").find("/../") == std::string::npos && mayBeRemoved(name);
+               ("/" + name + "/").find("/../") == std::string::npos && listed.count(name) != 0;
     }
 
     /// Any other line. Only one of the standard output may say that a file was sent.
-    void pass(const std::string& line, bool maySaySent) {
+    void passOn(const std::string& line, bool maySaySent) {
         const ReportLine::Kind kind = parseReportLine(line.c_str()).kind;
-        const bool misleading =
-            kind == ReportLine::Kind::confirmed || (kind == ReportLine::Kind::sent && !maySaySent);
-        result.report += (misleading ? "rsync: " : "") + line + "\n";
+        std::string word;
+        std::istringstream(line.c_str()) >> word;
+        const bool misleading = kind == ReportLine::Kind::confirmed ||
+                                (kind == ReportLine::Kind::sent && !maySaySent) ||
+                                word.rfind("++", 0) == 0 || word == "Copied";
+        std::string shown;
+        for (const char character : line) {
+            const auto byte = static_cast<unsigned char>(character);
+            char escape[8];
+            if (byte >= 0x7f && byte <= 0x9f) {
+                std::snprintf(escape, sizeof escape, "\\#%03o", static_cast<unsigned>(byte));
+                shown += escape;
+            } else {
+                shown += character;
+            }
+        }
+        result.report +=
+            (misleading ? "rsync: " : "") + shown.substr(0, LineAssembly::limit) + "\n";
     }
 
     void confirm(const std::string& name) {
-        if (isShort(name) && result.confirmed.insert(name).second) {
+        if (isShort(name) && result.confirmed.count(name) == 0) {
+            giveUp(name);
+            result.confirmed.insert(name);
             result.report += "CONFIRMED: removed " + name + "\n";
         }
     }
 
     Line output;
     Line errorOutput;
+    Pass pass = Pass::copyAndRemove;
+    std::set<std::string> listed{alwaysListed.begin(), alwaysListed.end()};
     std::set<std::string> sent;
+    std::set<std::string> silent; // sent, and not yet to be told
     std::vector<std::string> held;
 };
 

@@ -38,6 +38,16 @@ void checkShare(const confirming::Share& share, const std::string& source) {
             "a directory has slashes around it");
     require(share.directory.find("//") == std::string::npos, "a directory has no empty parts");
     require(share.directory.find("/../") == std::string::npos, "a directory does not lead up");
+    require(source.rfind(share.root.substr(0, share.root.size() - 1), 0) == 0,
+            "the source begins with the module's root");
+    const auto root = confirming::parseShare(share.root);
+    require(root && root->root == share.root && root->module == share.module &&
+                root->directory == "/",
+            "the module's root is a share");
+    const auto again =
+        confirming::parseShare(share.root + confirming::unprintedName(share.directory.substr(1)));
+    require(again && again->root == share.root && again->directory == share.directory,
+            "root and directory are the whole source");
 }
 
 void checkAnswer(const confirming::Share& share, const std::vector<std::string>& names,
@@ -76,17 +86,21 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     for (const std::string& name : fuzz::split(parts[1], '\n')) {
         names.push_back(confirming::printedName(name.substr(0, name.find('\0'))));
     }
-    const std::string input = confirming::questionInput(names);
+    const auto parsed = confirming::parseShare(parts[0].substr(0, parts[0].find('\0')));
+    if (parsed) {
+        checkShare(*parsed, parts[0]);
+    }
+    const confirming::Share share =
+        parsed.value_or(confirming::Share{"rsync://h/ramdisk/", "ramdisk", "/"});
+    const std::string folder =
+        share.directory == "/" ? "" : confirming::unprintedName(share.directory.substr(1)) + "./";
     std::vector<std::string> asked;
-    for (const std::string& name : fuzz::split(input, '\0')) {
-        asked.push_back(confirming::printedName(name));
+    for (const std::string& entry : fuzz::split(confirming::listInput(share, names), '\0')) {
+        require(entry.rfind(folder, 0) == 0, "an entry begins with the directory");
+        asked.push_back(confirming::printedName(entry.substr(folder.size())));
     }
     require(asked == names, "the question holds each name once, in order");
 
-    const auto share = confirming::parseShare(parts[0]);
-    if (share) {
-        checkShare(*share, parts[0]);
-    }
-    checkAnswer(share.value_or(confirming::Share{"ramdisk", "/"}), names, parts[2], parts[3]);
+    checkAnswer(share, names, parts[2], parts[3]);
     return 0;
 }

@@ -32,9 +32,22 @@ OPTIONS = [
 ]
 URL = f"rsync://root@127.0.0.1:49371/{MODULE}/"
 
-# What the program hands on of OPTIONS, and what it puts in front.
-ADDED = ["--8-bit-output", "--contimeout=30", "--sockopts=TCP_NODELAY", "--info=remove1"]
-KEPT = [option for option in OPTIONS if option != "--confirm-files"]
+# What the program hands on of OPTIONS, and what it puts in front. The names come on the input.
+ACCESS = ["--8-bit-output", "--contimeout=30", "--sockopts=TCP_NODELAY", "--no-motd"]
+ADDED = ["--from0", "--files-from=-", "--modify-window=-1", *ACCESS, "--info=remove1"]
+KEPT = [
+    option
+    for option in OPTIONS
+    if option != "--confirm-files" and not option.startswith("--files-from")
+]
+
+LISTING = ["-mrlDHW", "--list-only", "--exclude=**.tmp"]
+
+# What a listing gets when there is something to announce, and what the daemon makes of that line.
+REMINDER_LINE = "-rw-r--r--              0 1970/01/01 00:00:00 /rsync_orbelin:recovery"
+REMINDER = "/rsync_orbelin:recovery"
+
+JOURNALS = Path("/var/lib/skarn/journal")
 
 DAEMON_ENVIRONMENT = {"RSYNC_UID": "", "RSYNC_GID": ""}
 
@@ -60,7 +73,7 @@ fds = {int(n): os.readlink("/proc/self/fd/" + n) for n in os.listdir("/proc/self
        if os.path.exists("/proc/self/fd/" + n)}
 environment = dict(e.split("=", 1) for e in open("/proc/self/environ").read().split("\\0") if e)
 asking = "--list-only" in sys.argv
-given = sys.stdin.buffer.read().decode("latin-1") if asking and 0 in fds else ""
+given = sys.stdin.buffer.read().decode("latin-1") if 0 in fds else ""
 record = {"arguments": sys.argv, "environment": environment, "descriptors": fds, "input": given,
           "pid": os.getpid(), "group": os.getpgid(0), "time": time.monotonic()}
 folder = "CALLS"
@@ -83,8 +96,8 @@ if not asking:
 def script_rsync(copying: str, asked: str = "sys.exit(10)") -> None:
     """Installs an rsync that records its call and then does what the two pieces of Python say.
 
-    `copying` runs in the copy, `asked` when it is asked what is still there. Both can use out(),
-    err() and missing().
+    `copying` runs in the copy, `asked` when it is to list the share, or asked what is still there.
+    Both can use out(), err() and missing(), and `given`, the text on the standard input.
     """
     body = PRELUDE.replace("CALLS", str(CALLS))
     body += "\n".join("    " + line for line in copying.splitlines()) + "\n"
@@ -140,7 +153,14 @@ class Result:
     @property
     def confirmed(self) -> list[str]:
         """The names of the CONFIRMED lines, in order."""
-        beginning = "CONFIRMED: removed "
+        return self._names_behind("CONFIRMED: removed ")
+
+    @property
+    def recovered(self) -> list[str]:
+        """The names that were announced for an earlier run, in order."""
+        return self._names_behind("CONFIRMED: recovered ")
+
+    def _names_behind(self, beginning: str) -> list[str]:
         return [line[len(beginning) :] for line in self.lines if line.startswith(beginning)]
 
 
@@ -195,6 +215,13 @@ class Program:
         )
         return os.fsdecode(bytes(self._report))
 
+    def read_slowly(self, size: int) -> None:
+        """Reads that much of the report in all, so that more of it always waits."""
+        assert self._pipe is not None
+        while len(self._report) < size:
+            self._report += os.read(self._pipe, 4096)
+            time.sleep(0.0005)
+
     def close_report(self) -> None:
         """Stops being the reader of the report."""
         if self._pipe is not None:
@@ -230,3 +257,16 @@ class Program:
 def run(binary: Path, *extra: str, environment: dict[str, str] | None = None) -> Result:
     """A whole run of the copy."""
     return Program(binary, extra=extra, environment=environment).finish()
+
+
+def list_share(binary: Path) -> Result:
+    """A whole listing of the share, as the daemon has it made before each cycle."""
+    return Program(
+        binary, [*LISTING, f"--password-file={daemon.PASSWORD_FILE}", URL], closed=[]
+    ).finish()
+
+
+def journals() -> list[str]:
+    """The texts of all journals of runs, in the order in which they began."""
+    paths = sorted(JOURNALS.glob("*/*/run-*"), key=lambda path: path.name)
+    return [os.fsdecode(path.read_bytes()) for path in paths]

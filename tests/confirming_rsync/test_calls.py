@@ -11,10 +11,12 @@ from pathlib import Path
 import pytest
 
 from confirming_rsync.program import (
+    ACCESS,
     ADDED,
     FILE_LIST,
     KEPT,
     OPTIONS,
+    REMINDER,
     TARGET,
     URL,
     Program,
@@ -31,15 +33,31 @@ LISTING = ["-mrlDHW", "--list-only", "--exclude=**.tmp", "--password-file=/p", U
 CONFIRM = 'out("SENT: a\\nsender removed a\\n")'
 
 
-def test_listing_becomes_stock_rsync() -> None:
-    script_rsync("", 'print("listing of", os.getpid(), flush=True); sys.exit(5)')
+@pytest.fixture(autouse=True)
+def one_name() -> None:
+    """A list, without which nothing is copied."""
+    names("a")
+
+
+def test_listing_is_that_of_stock_rsync() -> None:
+    script_rsync("", 'print("listing by", os.getppid(), flush=True); sys.exit(5)')
     program = Program(scripted_binary(), LISTING, closed=[])
+    result = program.finish()
+    assert result.report.decode() == f"listing by {program.pid}\n"
+    assert result.status == 5
+    (call,) = calls()
+    assert call["arguments"] == [str(scripted_rsync()), *ACCESS, "--timeout=60", *LISTING]
+    assert call["environment"] == {"RSYNC_UID": "", "RSYNC_GID": ""}
+
+
+def test_what_is_no_call_of_a_share_becomes_stock_rsync() -> None:
+    script_rsync("", 'print("listing of", os.getpid(), flush=True); sys.exit(5)')
+    program = Program(scripted_binary(), ["--list-only", "/srv/"], closed=[])
     result = program.finish()
     assert result.report.decode() == f"listing of {program.pid}\n"
     assert result.status == 5
     (call,) = calls()
-    added = ["--8-bit-output", "--contimeout=30", "--sockopts=TCP_NODELAY", "--timeout=60"]
-    assert call["arguments"] == [str(scripted_rsync()), *added, *LISTING]
+    assert call["arguments"] == [str(scripted_rsync()), "--8-bit-output", "--list-only", "/srv/"]
     assert call["environment"] == {"RSYNC_UID": "", "RSYNC_GID": ""}
 
 
@@ -48,19 +66,33 @@ def test_listing_has_standard_descriptors(closed: list[int]) -> None:
     script_rsync("", "sys.exit(0)")
     assert Program(scripted_binary(), LISTING, closed=closed).finish().status == 0
     (call,) = calls()
+    descriptors = call["descriptors"]
+    assert sorted(descriptors) == ["0", "1", "2"]
+    assert descriptors["0"] == "/dev/null"
+    assert descriptors["1"].startswith("pipe:")
+    assert descriptors["2"].startswith("pipe:")
+    assert descriptors["1"] != descriptors["2"]
+
+
+@pytest.mark.parametrize("closed", [[0], [0, 2], [0, 1, 2], [1]])
+def test_what_becomes_stock_rsync_has_standard_descriptors(closed: list[int]) -> None:
+    script_rsync("", "sys.exit(0)")
+    call_of_no_share = ["--list-only", "/srv/"]
+    assert Program(scripted_binary(), call_of_no_share, closed=closed).finish().status == 0
+    (call,) = calls()
     for number in range(3):
         expected_null = number in closed or number == 0
         assert (call["descriptors"][str(number)] == "/dev/null") == expected_null
 
 
 def test_copy_gets_what_a_report_takes() -> None:
-    names("a")
     script_rsync(CONFIRM)
     result = run(scripted_binary())
     assert result.lines == ["SENT: a", "CONFIRMED: removed a"]
     assert result.status == 0
     (call,) = calls()
     assert call["arguments"] == [str(scripted_rsync()), *ADDED, *KEPT, URL, f"{TARGET}/"]
+    assert call["input"] == "a\0"
     assert call["environment"] == {
         "RSYNC_UID": "",
         "RSYNC_GID": "",
@@ -94,15 +126,15 @@ def test_copy_sets_the_owner(uid: str, gid: str, expected: list[str]) -> None:
 
 def test_entries_of_the_list_that_are_no_file_below_the_source_are_left_out() -> None:
     names("d/", "a", "sub/x/../../../b", "b c")
-    script_rsync('out("SENT: %s\\n" % sys.stdin.buffer.read())')
+    script_rsync(CONFIRM)
     result = run(scripted_binary())
     assert result.lines[0] == (
         "rsync_orbelin: 2 entries of the list left out, no file below the source: d/ ..."
     )
-    assert "SENT: b'a\\x00b c\\x00'" in result.lines
+    assert result.confirmed == ["a"]
     (call,) = calls()
-    kept = ["--files-from=-" if "--files-from" in option else option for option in KEPT]
-    assert call["arguments"][1:] == ["--from0", *ADDED, *kept, URL, f"{TARGET}/"]
+    assert call["arguments"][1:] == [*ADDED, *KEPT, URL, f"{TARGET}/"]
+    assert call["input"] == "a\0b c\0"
 
 
 def test_a_list_of_nothing_else_starts_no_rsync() -> None:
@@ -116,24 +148,79 @@ def test_a_list_of_nothing_else_starts_no_rsync() -> None:
     assert result.seconds >= 1
 
 
-@pytest.mark.parametrize("how", ["owner", "mode", "link", "link to a secret"])
-def test_a_list_that_others_may_have_written_is_not_used(how: str) -> None:
-    names("a")
+@pytest.mark.parametrize("listed", [[], [REMINDER]], ids=["empty", "only-the-reminder"])
+def test_a_list_without_a_name_starts_no_rsync(listed: list[str]) -> None:
+    names(*listed)
+    script_rsync(CONFIRM)
+    result = run(scripted_binary())
+    assert (result.lines, result.status, calls()) == ([], 0, [])
+    assert result.seconds >= 1
+
+
+FOREIGN = "others than its user may have written it"
+
+
+@pytest.mark.parametrize(
+    "how, why",
+    [
+        ("owner", FOREIGN),
+        ("mode", FOREIGN),
+        ("hard link", FOREIGN),
+        ("folder", FOREIGN),
+        ("pipe", FOREIGN),
+        ("link", "it is a link"),
+        ("link to a secret", "it is a link"),
+        ("dangling link", "it is a link"),
+        ("missing", "No such file or directory"),
+    ],
+)
+def test_without_a_list_of_its_own_nothing_is_copied(how: str, why: str) -> None:
+    elsewhere = Path("/tmp/elsewhere")
     if how == "owner":
         os.chown(FILE_LIST, 1, 1)
     elif how == "mode":
         FILE_LIST.chmod(0o622)
+    elif how == "hard link":
+        os.link(FILE_LIST, elsewhere)
     else:
-        shutil.move(FILE_LIST, "/srv/elsewhere")
-        FILE_LIST.symlink_to("/srv/elsewhere" if how == "link" else "/etc/shadow")
+        shutil.move(FILE_LIST, elsewhere)
+        if how == "folder":
+            FILE_LIST.mkdir()
+        elif how == "pipe":
+            os.mkfifo(FILE_LIST, 0o600)
+        elif how != "missing":
+            places = {"link": elsewhere, "link to a secret": Path("/etc/shadow")}
+            FILE_LIST.symlink_to(places.get(how, Path("/tmp/nowhere")))
     script_rsync(CONFIRM)
     result = run(scripted_binary())
-    assert result.lines == [
-        f"rsync_orbelin: the list {FILE_LIST} is not used: it is a link, or others than its user "
-        "may write to it"
-    ]
-    assert result.status == 0 and calls() == []
+    assert result.lines == [f"rsync_orbelin: the list {FILE_LIST} is not used: {why}"]
+    assert result.status == 3 and calls() == []
     assert result.seconds >= 1
+
+
+@pytest.mark.parametrize(
+    "source",
+    ["/srv/share/", "host:path", "rsync://127.0.0.1:49371/", URL + "run7/../other/", URL + ".."],
+)
+def test_a_source_that_is_not_below_a_module_is_refused(source: str) -> None:
+    script_rsync(CONFIRM)
+    result = Program(scripted_binary(), [*OPTIONS, source, f"{TARGET}/"]).finish()
+    assert result.lines == [
+        f"rsync_orbelin: nothing is copied: {source} is no share of an rsync daemon, or not below "
+        "its module"
+    ]
+    assert result.status == 3 and calls() == []
+    assert result.seconds >= 1
+
+
+def test_a_source_below_the_modules_root_stands_in_each_name() -> None:
+    names("a", "sub/b c")
+    script_rsync(CONFIRM)
+    result = Program(scripted_binary(), [*OPTIONS, URL + "exp//run 7/./", f"{TARGET}/"]).finish()
+    assert result.confirmed == ["a"]
+    (call,) = calls()
+    assert call["arguments"][1:] == [*ADDED, *KEPT, URL, f"{TARGET}/"]
+    assert call["input"] == "exp/run 7/./a\0exp/run 7/./sub/b c\0"
 
 
 def test_copy_without_environment() -> None:
@@ -158,19 +245,19 @@ def test_copy_has_only_standard_descriptors(closed: list[int]) -> None:
     (call,) = calls()
     descriptors = call["descriptors"]
     assert sorted(descriptors) == ["0", "1", "2"]
-    assert descriptors["0"] == "/dev/null"
+    assert descriptors["0"].startswith("/memfd:")
     assert descriptors["1"].startswith("pipe:")
     assert descriptors["2"].startswith("pipe:")
     assert descriptors["1"] != descriptors["2"]
 
 
 def test_copy_works_with_all_standard_descriptors_closed() -> None:
-    names("a")
     script_rsync(CONFIRM, "sys.exit(0)")
     result = Program(scripted_binary(), closed=[0, 1, 2]).finish()
     assert (result.status, result.report) == (0, b"")
     (call,) = calls()
     assert sorted(call["descriptors"]) == ["0", "1", "2"]
+    assert call["input"] == "a\0"
 
 
 @pytest.mark.parametrize("status", [0, 1, 23, 255])
@@ -188,7 +275,6 @@ def test_status_tells_the_signal_that_ended_rsync(number: signal.Signals) -> Non
 
 
 def test_missing_rsync_is_said_once() -> None:
-    names("a")
     result = run(scripted_binary())
     expected = f"rsync_orbelin: cannot start {scripted_rsync()}: No such file or directory"
     assert result.lines == [expected]
@@ -222,7 +308,6 @@ def test_rsync_that_can_not_be_executed_is_said_once() -> None:
     ],
 )
 def test_run_that_moves_nothing_lasts_a_second(copying: str) -> None:
-    names("a")
     script_rsync(copying)
     assert run(scripted_binary()).seconds >= 1
 

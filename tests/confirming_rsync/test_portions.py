@@ -12,10 +12,14 @@ from confirming_rsync.program import (
     ADDED,
     FILE_LIST,
     KEPT,
+    REMINDER,
+    REMINDER_LINE,
     TARGET,
     URL,
     Program,
     calls,
+    journals,
+    list_share,
     make_target,
     names,
     real_binary,
@@ -26,14 +30,14 @@ from confirming_rsync.program import (
 from support import daemon
 from support.rsync_server import RsyncServer
 
-LARGEST = 1500
+LARGEST = 1000
 LISTED = [f"frame_{number:06d}.raw" for number in range(2 * LARGEST + 700)]
 PORTIONS = [LISTED[:1233], LISTED[1233:2466], LISTED[2466:]]
 
 # What each copy does first: it takes its names, in the order in which the copies were started.
 TAKE = """
 number = len([n for n in os.listdir(folder) if "." not in n])
-mine = sys.stdin.buffer.read().decode("latin-1").split("\\0")[:-1]
+mine = given.split("\\0")[:-1]
 out("receiving file list ... done\\n")
 """
 REMOVE = 'for name in mine: out("SENT: %s\\nsender removed %s\\n" % (name, name))\n'
@@ -49,51 +53,46 @@ def test_a_long_list_is_copied_in_portions() -> None:
         f"mine: {portion[0]} to {portion[-1]}, {len(portion)}" for portion in PORTIONS
     ]
     assert result.sent == result.confirmed == LISTED
-    kept = ["--files-from=-" if "--files-from" in option else option for option in KEPT]
     made = calls()
     assert [call["arguments"][1:] for call in made] == [
-        ["--from0", *ADDED, *kept, URL, f"{TARGET}/"]
+        [*ADDED, *KEPT, URL, f"{TARGET}/"]
     ] * 3
     starts = [call["time"] for call in made]
     assert all(later - earlier >= 0.2 for earlier, later in zip(starts, starts[1:]))
 
 
-def test_a_list_of_one_portion_is_read_by_rsync_itself() -> None:
+def test_a_list_of_one_portion_is_for_one_rsync() -> None:
     names(*LISTED[:LARGEST])
     script_rsync('out("receiving file list ... done\\n")')
     assert run(scripted_binary()).status == 0
     (call,) = calls()
     assert call["arguments"][1:] == [*ADDED, *KEPT, URL, f"{TARGET}/"]
+    assert call["input"] == "".join(name + "\0" for name in LISTED[:LARGEST])
 
 
 def test_an_rsync_that_breaks_off_is_the_last_one() -> None:
     names(*LISTED)
-    # There from before, and not asked about: no rsync has seen what the source has of these.
     make_target(PORTIONS[1][5], PORTIONS[2][0])
-    script_rsync(
-        TAKE + "if number == 2:\n    sys.exit(10)\n" + REMOVE,
-        'for name in given.split("\\0")[:-1]: missing("/" + name)\nsys.exit(23)',
-    )
+    script_rsync(TAKE + "if number == 2:\n    sys.exit(10)\n" + REMOVE)
     result = run(scripted_binary())
     assert result.status == 10
-    copies = [call for call in calls() if "--list-only" not in call["arguments"]]
-    questions = [call for call in calls() if "--list-only" in call["arguments"]]
-    assert len(copies) == 2
-    assert [question["input"] for question in questions] == [PORTIONS[1][5] + "\0"]
-    assert result.confirmed == [*PORTIONS[0], PORTIONS[1][5]]
+    assert result.confirmed == PORTIONS[0]
+    assert len(calls()) == 2, "and nothing is asked after it"
+    # There from before, and seen at the source: it may have been removed.
+    (journal,) = journals()
+    assert not journal.endswith("done\n"), "the next listing decides"
+    assert f"n {PORTIONS[1][5]}\n" in journal and f"n {PORTIONS[2][0]}\n" not in journal
 
 
 def test_what_one_rsync_saw_at_the_source_says_nothing_of_the_names_of_the_next() -> None:
     names(*LISTED)
     make_target(PORTIONS[1][5])
     take = TAKE.replace("out(", "if number == 1: out(")
-    script_rsync(
-        take + "if number == 2:\n    sys.exit(10)\n" + REMOVE,
-        'missing("/%s")\nsys.exit(23)' % PORTIONS[1][5],
-    )
+    script_rsync(take + "if number == 2:\n    sys.exit(10)\n" + REMOVE)
     result = run(scripted_binary())
     assert result.confirmed == PORTIONS[0]
-    assert len(calls()) == 2, "nothing is asked about a source that was not seen"
+    (journal,) = journals()
+    assert journal.endswith("done\n"), "an rsync that saw nothing has removed nothing"
 
 
 def test_files_that_are_missing_in_one_portion_do_not_stop_the_next() -> None:
@@ -137,14 +136,12 @@ def test_what_a_killed_run_left_in_its_second_portion_is_announced_by_the_next()
     assert killed.confirmed == PORTIONS[0]
 
     FILE_LIST.unlink()
-    names("next.raw")
-    answer = 'for name in given.split("\\0")[:-1]: missing("/" + name)\nsys.exit(23)'
-    script_rsync('out("SENT: next.raw\\nsender removed next.raw\\n")', answer)
+    script_rsync('out("SENT: next.raw\\nsender removed next.raw\\n")', "sys.exit(0)")
+    assert list_share(scripted_binary()).lines == [REMINDER_LINE]
+    names("next.raw", REMINDER)
     result = run(scripted_binary())
-    beginning = "CONFIRMED: recovered "
-    assert [
-        line[len(beginning) :] for line in result.lines if line.startswith(beginning)
-    ] == PORTIONS[1]
+    assert result.recovered == PORTIONS[1]
+    assert result.confirmed == ["next.raw"]
 
 
 @pytest.mark.parametrize("max_verbosity", [2, None], ids=["reports-removals", "default-verbosity"])

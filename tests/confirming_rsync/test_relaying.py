@@ -15,6 +15,8 @@ from confirming_rsync.program import (
     URL,
     Program,
     calls,
+    journals,
+    list_share,
     make_target,
     names,
     run,
@@ -26,6 +28,12 @@ from support import daemon, processes
 from support.waiting import wait_until
 
 GATE = Path("/srv/gate")
+
+
+@pytest.fixture(autouse=True)
+def two_names() -> None:
+    """A list, without which nothing is copied."""
+    names("a", "b")
 
 
 def is_gone(pid: int) -> bool:
@@ -52,20 +60,51 @@ def test_confirmations_flow_while_the_copying_goes_on() -> None:
     ]
 
 
-def test_up_to_date_files_are_confirmed_at_once_and_links_after_their_sent_line() -> None:
+def test_removals_wait_for_their_sent_line_or_for_the_end() -> None:
+    names("link", "idle", "regular", "missing")
     make_target("regular")
     (TARGET / "link").symlink_to("regular")
     (TARGET / "idle").symlink_to("regular")
     script_rsync(
         'out("sender removed link\\nsender removed idle\\nsender removed regular\\n")\n'
-        'out("SENT: link\\n")'
+        'out("sender removed missing\\nSENT: link\\nmore\\n")'
     )
     assert run(scripted_binary()).lines == [
-        "CONFIRMED: removed regular",
         "SENT: link",
         "CONFIRMED: removed link",
+        "more",
         "CONFIRMED: removed idle",
+        "CONFIRMED: removed regular",
+        "sender removed missing",
     ]
+
+
+def test_no_name_is_confirmed_that_is_not_on_the_list() -> None:
+    make_target("a", "sub/x", "other")
+    script_rsync('out("sender removed other\\nsender removed sub/x\\nsender removed a\\n")')
+    assert run(scripted_binary()).lines == [
+        "sender removed other",
+        "sender removed sub/x",
+        "CONFIRMED: removed a",
+    ]
+
+
+def test_no_file_is_in_place_behind_a_link() -> None:
+    """A share that sends the link d and says of d/key that it was removed, or that it is gone."""
+    names("d", "d/key", "d/sent", "d/up-to-date")
+    elsewhere = Path("/srv/elsewhere")
+    elsewhere.mkdir()
+    for name in ("key", "sent", "up-to-date"):
+        (elsewhere / name).write_text("another's", encoding="ascii")
+    TARGET.mkdir()
+    (TARGET / "d").symlink_to(elsewhere)
+    script_rsync(
+        'out("receiving file list ... done\\nSENT: d/sent\\nsender removed d/key\\n")',
+        'for name in given.split("\\0")[:-1]: missing("/" + name)\nsys.exit(23)',
+    )
+    result = run(scripted_binary())
+    assert result.confirmed == ["d"]
+    assert calls()[1]["input"] == "d\0"
 
 
 def test_streams_are_read_apart() -> None:
@@ -104,6 +143,22 @@ def test_slow_reader_slows_rsync_down_and_loses_nothing() -> None:
     assert program.finish().sent == [f"file-{i:07}" for i in range(total)]
 
 
+def test_a_long_report_to_a_slow_reader_takes_little_memory() -> None:
+    script_rsync('for i in range(300): out((b"x" * 999 + b"\\n") * 60)')
+    program = Program(scripted_binary())
+    status = Path(f"/proc/{program.pid}/status")
+
+    def memory() -> int:
+        lines = status.read_text(encoding="ascii").splitlines()
+        return int(next(line for line in lines if line.startswith("VmHWM:")).split()[1])
+
+    program.read_slowly(1_000_000)
+    before = memory()
+    program.read_slowly(12_000_000)
+    assert memory() - before < 2000, "kB more, for 11 MB that were read"
+    assert len(program.finish().report) == 300 * 60_000
+
+
 def test_output_without_line_end_is_passed_on_and_not_kept() -> None:
     script_rsync('for i in range(2000): out(b"x" * 65536)\nout(b"\\nSENT: a\\n")')
     program = Program(scripted_binary())
@@ -113,10 +168,32 @@ def test_output_without_line_end_is_passed_on_and_not_kept() -> None:
     assert max(map(len, result.report.split(b"\n"))) <= 1023
 
 
-def test_any_byte_passes() -> None:
+def test_any_byte_passes_but_those_that_a_terminal_may_obey() -> None:
     noise = bytes(range(256)) * 3
+    shown = b"".join(
+        b"\\#%03o" % byte if 0x7F <= byte <= 0x9F else bytes([byte]) for byte in noise
+    )
     script_rsync(f"out({noise!r} + b'\\n')")
-    assert run(scripted_binary()).report == noise + b"\n"
+    assert run(scripted_binary()).report == shown + b"\n"
+
+
+def test_no_line_reads_as_one_of_the_daemons_log() -> None:
+    misleading = ["++ RSYNC OUTPUT END ++++", "++", " ++x", "Copied 3 files in the range of: a", "CONFIRMED:"]
+    honest = ["+", "Copied3", "x ++", "copied 1"]
+    lines = "".join(line + "\n" for line in misleading + honest)
+    script_rsync(f"out({lines!r})\nerr({lines!r})")
+    result = run(scripted_binary())
+    expected = [f"rsync: {line}" for line in misleading] + honest
+    assert sorted(result.lines) == sorted(expected * 2)
+
+
+def test_complaints_of_a_listing_have_a_bound() -> None:
+    listed = "-rw-r--r--  0 2026/01/01 00:00:00 a\n"
+    script_rsync("", f'err("x" * 3_000_000)\nout({listed!r})\nsys.exit(23)')
+    result = list_share(scripted_binary())
+    assert result.status == 23
+    assert result.report.count(b"x") == 1024 * 1024
+    assert listed.encode() in result.report
 
 
 def test_reader_that_goes_away_ends_both() -> None:
@@ -182,6 +259,7 @@ class TestQuestion:
         result = run(scripted_binary())
         assert result.lines == ["SENT: a", "SENT: b", "SENT: c", "CONFIRMED: removed a"]
         assert result.status == 0
+        assert journals()[-1].endswith("done\n"), "all is accounted for"
 
     def test_is_put_once_with_the_same_access(self) -> None:
         names("a", "b", "c")
@@ -202,6 +280,7 @@ class TestQuestion:
             URL,
             ".",
         ]
+        assert copy["input"] == "a\0b\0c\0"
         assert question["input"] == "a\0c\0"
         assert question["environment"] == copy["environment"]
         assert sorted(question["descriptors"]) == ["0", "1", "2"]
@@ -247,7 +326,6 @@ class TestQuestion:
         assert run(scripted_binary()).confirmed == ["b"]
 
     def test_confirms_nothing_that_was_not_listed(self) -> None:
-        # Without a list it is not known what the names are relative to.
         names("other")
         make_target("a", "b", "c")
         script_rsync(self.SENT, 'missing("/a"); sys.exit(23)')
@@ -266,21 +344,21 @@ class TestQuestion:
             f"rsync ended with status {status}; 3 files left unconfirmed"
         )
         assert result.status == 0
-        assert len(calls()) == 1 + 3
+        assert len(calls()) == 1 + 1
+        assert not journals()[-1].endswith("done\n"), "the next listing decides"
 
-    def test_that_fails_is_put_again(self) -> None:
+    @pytest.mark.parametrize(
+        "end, status", [("sys.exit(12)", 12), ("os.kill(os.getpid(), 9)", 128 + 9)]
+    )
+    def test_is_not_put_after_a_run_that_broke_off(self, end: str, status: int) -> None:
         names("a", "b", "c")
         make_target("a", "b", "c")
-        script_rsync(
-            self.SENT,
-            f'if not os.path.exists("{CALLS}/2"): missing("/c"); sys.exit(12)\n'
-            'missing("/a"); missing("/b"); sys.exit(23)',
-        )
-        # What the failed try said does not count.
+        script_rsync(self.SENT + 'out("sender removed b\\n")\n' + end, "sys.exit(0)")
         result = run(scripted_binary())
-        assert result.confirmed == ["a", "b"]
-        assert len(calls()) == 1 + 2
-        assert "cannot ask" not in result.report.decode()
+        assert result.lines == ["SENT: a", "SENT: b", "SENT: c", "CONFIRMED: removed b"]
+        assert result.status == status
+        assert len(calls()) == 1
+        assert not journals()[-1].endswith("done\n"), "the next listing decides"
 
     def test_that_hangs_is_given_up(self) -> None:
         names("a")
@@ -292,6 +370,7 @@ class TestQuestion:
             "rsync_orbelin: cannot ask the source what is still there: "
             "no answer in time; 1 file left unconfirmed"
         )
+        assert 30 <= result.seconds < 40 and len(calls()) == 2
         wait_until(lambda: is_gone(calls()[1]["pid"]), "the question to be gone")
 
     def test_is_put_with_the_names_as_they_are(self) -> None:

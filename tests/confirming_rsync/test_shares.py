@@ -3,10 +3,11 @@
 from __future__ import annotations
 
 import os
+import re
 import shutil
 import signal
 import subprocess
-from collections.abc import Iterator
+from collections.abc import Collection, Iterator
 from pathlib import Path
 
 import pytest
@@ -14,11 +15,15 @@ import pytest
 from confirming_rsync.program import (
     DAEMON_ENVIRONMENT,
     FILE_LIST,
+    LISTING,
     OPTIONS,
+    REMINDER,
+    REMINDER_LINE,
     TARGET,
     URL,
     Program,
     Result,
+    list_share,
     names,
     real_binary,
     run,
@@ -57,11 +62,11 @@ def make(name: str | bytes, size: int = 100) -> None:
         file.write((seed * (size // len(seed) + 1))[:size])
 
 
-def contents(root: Path) -> dict[str, bytes | str]:
-    """All files below a folder: content, or target of a link."""
+def contents(root: Path, skipped: Collection[str] = ()) -> dict[str, bytes | str]:
+    """All files below a folder, but those of the skipped names: content, or target of a link."""
     found: dict[str, bytes | str] = {}
     for folder, _, files in os.walk(root):
-        for name in files:
+        for name in set(files).difference(skipped):
             path = os.path.join(folder, name)
             relative = os.path.relpath(path, root)
             if os.path.islink(path):
@@ -70,6 +75,21 @@ def contents(root: Path) -> dict[str, bytes | str]:
                 with open(path, "rb") as file:
                     found[relative] = file.read()
     return found
+
+
+def contents_of(root: Path, listed: list[str]) -> dict[str, bytes | str]:
+    """The same of these alone; a pipe has none."""
+    return {
+        name: content
+        for name, content in contents(root, skipped={"fifo"}).items()
+        if name in listed
+    }
+
+
+def printed(name: bytes) -> bytes:
+    """A name as rsync prints it."""
+    escaped = re.sub(rb"\\(?=#[0-9]{3})", rb"\\#134", name)
+    return re.sub(rb"[\x00-\x08\x0a-\x1f]", lambda found: b"\\#%03o" % found[0][0], escaped)
 
 
 def check(result: Result, before: dict[str, bytes | str]) -> None:
@@ -269,23 +289,128 @@ def test_listing_is_that_of_stock_rsync(reporting: RsyncServer) -> None:
     assert b"\xe4\n" in result.report
 
 
-def test_directory_below_the_module(server: RsyncServer) -> None:
-    """Some servers then look for the file in the wrong directory: what stays is not confirmed."""
-    assert server.pid
-    make("data/a")
-    make("data/sub/b")
-    names("a", "sub/b", "gone")
-    result = Program(real_binary(), [*OPTIONS, URL + "data/", f"{TARGET}/./"]).finish()
-    left = contents(SHARE)
-    gone = {name for name in ("a", "sub/b") if f"data/{name}" not in left}
-    assert set(result.confirmed) == gone
-    assert set(contents(TARGET)) == {"a", "sub/b"}
+@pytest.fixture(name="below", params=VERBOSITIES, ids=["reports-removals", "default-verbosity"])
+def below_fixture(request: pytest.FixtureRequest, chroot: bool) -> Iterator[RsyncServer]:
+    """Servers of all four kinds, with a module whose files are to stay but for exp/run7."""
+    daemon.install_password_file()
+    with RsyncServer(
+        "127.0.0.1", SHARE, STATE, max_verbosity=request.param, log=True, chroot=chroot
+    ) as server:
+        yield server
+
+
+@pytest.mark.parametrize("chroot", [True, False], ids=["chroot", "no-chroot"])
+class TestBelowTheModulesRoot:
+    """A source below the module's root: its files move, and no others of the same name."""
+
+    SOURCE = URL + "exp/run7/"
+
+    @staticmethod
+    def make_with_doubles(*made: str | bytes) -> dict[str, bytes | str]:
+        """Makes files in exp/run7, others of the same name elsewhere; returns what has to stay."""
+        for name in made:
+            for folder in (b"", b"exp/", b"exp/run8/", b"exp/run7/exp/run7/"):
+                make(folder + os.fsencode(name))
+        stays = contents(SHARE)
+        for name in made:
+            make(b"exp/run7/" + os.fsencode(name))
+        return stays
+
+    def test_files_of_all_kinds_move(self, below: RsyncServer) -> None:
+        run7 = SHARE / "exp/run7"
+        listed = ["a", "sub/b", "sub/deep/c", "two words", "q'u\"o"]
+        stays = self.make_with_doubles(*listed)
+        (run7 / "link").symlink_to("a")
+        (run7 / "sub/dangling").symlink_to("nowhere")
+        os.link(run7 / "a", run7 / "hard")
+        os.link(run7 / "a", run7 / "sub/harder")
+        os.mkfifo(run7 / "fifo")
+        (run7 / "emptydir").mkdir()
+        listed += ["link", "sub/dangling", "hard", "sub/harder", "fifo"]
+        before = contents_of(run7, listed)
+        names(*listed, "emptydir")
+        result = Program(real_binary(), [*OPTIONS, self.SOURCE, f"{TARGET}/./"]).finish()
+        assert result.status == 0
+        assert sorted(result.confirmed) == sorted(listed)
+        assert sorted(result.sent) == sorted(listed)
+        for name in listed:
+            assert result.lines.index(f"SENT: {name}") < result.lines.index(
+                f"CONFIRMED: removed {name}"
+            )
+        assert contents(SHARE) == stays
+        assert contents_of(TARGET, listed) == before
+        assert (TARGET / "a").stat().st_nlink == 3
+        assert (TARGET / "emptydir").is_dir() and (run7 / "emptydir").is_dir()
+        assert sorted(path.name for path in TARGET.iterdir()) == sorted(
+            {name.partition("/")[0] for name in [*listed, "emptydir"]}
+        )
+        assert below.connections() >= 1
+
+    def test_names_of_any_byte_move(self, below: RsyncServer) -> None:
+        # A line of a list has no line ends in it, and a name no slash.
+        carried = [byte for byte in range(1, 256) if bytes([byte]) not in (b"\n", b"\r", b"/")]
+        raw = [b"x%cy" % byte for byte in carried]
+        raw += [b" lead", b"trail ", b"-dash", b"#", b";", b"\\#012", b"a -> b", b"SENT: x"]
+        raw += [b"sub dir\\#101/\xe4", b"exp/run9/a", b"exp/run9/exp/run7"]
+        stays = self.make_with_doubles(*raw)
+        names(*raw)
+        result = Program(real_binary(), [*OPTIONS, self.SOURCE, f"{TARGET}/"]).finish()
+        assert result.status == 0
+        assert sorted(os.fsencode(name) for name in result.confirmed) == sorted(map(printed, raw))
+        assert contents(SHARE) == stays
+        assert sorted(os.fsencode(name) for name in contents(TARGET)) == sorted(raw)
+        for name in raw:
+            with open(os.path.join(os.fsencode(TARGET), name), "rb") as file:
+                assert file.read().startswith(b"exp/run7/" + name + b"\0")
+        assert below.connections() >= 1
+
+    def test_names_that_are_gone_or_were_up_to_date(self, below: RsyncServer) -> None:
+        stays = self.make_with_doubles("a", "same")
+        for name in ("gone", "exp/gone"):
+            make(name)
+        stays.update(contents_of(SHARE, ["gone", "exp/gone"]))
+        TARGET.mkdir()
+        (TARGET / "gone").write_text("of an earlier run", encoding="ascii")
+        shutil.copy2(SHARE / "exp/run7/same", TARGET)
+        names("a", "gone", "same")
+        result = Program(real_binary(), [*OPTIONS, self.SOURCE, f"{TARGET}/"]).finish()
+        assert result.status == 23
+        assert sorted(result.confirmed) == ["a", "same"] and result.sent == ["a"]
+        assert contents(SHARE) == stays
+        assert below.connections() >= 1
+
+    def test_what_a_killed_run_left_is_announced(self, below: RsyncServer) -> None:
+        listed = [f"frame-{number:04}" for number in range(300)]
+        stays = self.make_with_doubles(*listed)
+        names(*listed)
+        program = Program(real_binary(), [*OPTIONS, "--bwlimit=20", self.SOURCE, f"{TARGET}/"])
+        program.read_until("SENT: frame-0030\n")
+        program.signal(signal.SIGKILL)
+        killed = program.finish()
+        wait_until(lambda: not below.connection_pids(), "the server to end the connection")
+        left = {path.name for path in (SHARE / "exp/run7").iterdir() if path.is_file()}
+        assert 0 < len(left) < len(listed)
+        assert set(killed.confirmed) <= set(listed) - left
+
+        FILE_LIST.unlink()
+        listing = Program(
+            real_binary(),
+            [*LISTING, f"--password-file={daemon.PASSWORD_FILE}", self.SOURCE],
+            closed=[],
+        ).finish()
+        assert listing.lines[-1] == REMINDER_LINE
+        names(*sorted(left), REMINDER)
+        result = Program(real_binary(), [*OPTIONS, self.SOURCE, f"{TARGET}/"]).finish()
+        assert sorted(result.confirmed) == sorted(left)
+        assert {*killed.confirmed, *result.recovered} == set(listed) - left
+        assert contents(SHARE) == stays
 
 
 class TestBreaks:
     """Whatever ends the copy: confirmed is what is gone, and a later run moves the rest."""
 
     COUNT = 300
+    confirmed: list[str] = []  # by the run that broke off
 
     @pytest.fixture(autouse=True)
     def frames(self, server: RsyncServer) -> dict[str, bytes | str]:
@@ -302,17 +427,39 @@ class TestBreaks:
         program.read_until("SENT: frame-0030\n")
         return program
 
-    def move_the_rest(self, frames: dict[str, bytes | str], confirmed: list[str]) -> None:
-        """Runs once more and checks that each file was confirmed once."""
+    def move_the_rest(self, frames: dict[str, bytes | str], *, once: bool = True) -> None:
+        """Lists, runs once more, and checks that each file was announced, once if that is sure."""
+        FILE_LIST.unlink()
+        listing = list_share(real_binary())
         rest = contents(SHARE)
-        names(*rest)
+        left = sorted(set(frames) - set(rest) - set(self.confirmed))
+        if left:
+            assert listing.lines[-1] == REMINDER_LINE
+        names(*sorted(rest), *([REMINDER] if REMINDER_LINE in listing.lines else []))
         result = run(real_binary())
         if rest:
             assert result.status == 0
-        check(result, rest)
+        assert sorted(result.confirmed) == sorted(rest)
+        if once:
+            assert sorted(result.recovered) == left
+        else:
+            assert set(result.recovered) >= set(left)
+            assert set(result.recovered).isdisjoint(rest)
         assert contents(SHARE) == {}
         assert contents(TARGET) == frames
-        assert sorted(confirmed + result.confirmed) == sorted(frames)
+
+    def check_break(self, result: Result, server: RsyncServer) -> None:
+        """Of a run that broke off: it confirmed some of what is gone, if the server told it."""
+        self.wait_for_the_server(server)
+        self.confirmed = result.confirmed
+        gone = {f"frame-{number:04}" for number in range(self.COUNT)} - set(contents(SHARE))
+        assert set(result.confirmed) <= gone and 0 < len(gone) < self.COUNT
+        assert len(set(result.confirmed)) == len(result.confirmed)
+        assert bool(result.confirmed) == (server.max_verbosity == 2)
+        positions = {line: index for index, line in enumerate(result.lines)}
+        for name in result.confirmed:
+            assert positions[f"SENT: {name}"] < positions[f"CONFIRMED: removed {name}"]
+        assert "cannot ask" not in result.report.decode(), "nothing is asked after a break"
 
     def test_connection_breaks(
         self, server: RsyncServer, frames: dict[str, bytes | str]
@@ -322,9 +469,8 @@ class TestBreaks:
             os.kill(pid, signal.SIGKILL)
         result = program.finish()
         assert result.status not in (0, 23)
-        assert 0 < len(result.confirmed) < self.COUNT
-        check(result, frames)
-        self.move_the_rest(frames, result.confirmed)
+        self.check_break(result, server)
+        self.move_the_rest(frames)
 
     def test_server_goes_and_stays_away(
         self, server: RsyncServer, frames: dict[str, bytes | str]
@@ -332,51 +478,51 @@ class TestBreaks:
         program = self.start()
         server.kill()
         result = program.finish()
-        gone = set(frames) - set(contents(SHARE))
-        assert set(result.confirmed) <= gone
-        if set(result.sent) - set(result.confirmed):
-            assert "rsync_orbelin: cannot ask the source what is still there" in "".join(
-                result.lines[-1:]
-            )
+        assert result.status not in (0, 23)
+        self.check_break(result, server)
+        FILE_LIST.unlink()
+        broken = list_share(real_binary())
+        assert broken.status == 10 and REMINDER_LINE not in broken.lines
+        server.start()
+        names("any")
+        self.move_the_rest(frames)
 
     def test_program_is_told_to_stop(
         self, server: RsyncServer, frames: dict[str, bytes | str]
     ) -> None:
-        assert server.pid
         program = self.start()
         program.signal(signal.SIGTERM)
         result = program.finish()
         assert result.status == -signal.SIGTERM
-        assert 0 < len(result.confirmed) < self.COUNT
-        check(result, frames)
         self.no_rsync_is_left(program)
-        self.move_the_rest(frames, result.confirmed)
+        self.check_break(result, server)
+        self.move_the_rest(frames)
 
     @pytest.mark.parametrize("number", [signal.SIGKILL, signal.SIGABRT])
     def test_program_is_killed(
         self, server: RsyncServer, frames: dict[str, bytes | str], number: signal.Signals
     ) -> None:
-        assert server.pid
         program = self.start()
         program.signal(number)
         result = program.finish()
         assert result.status == -number
         self.no_rsync_is_left(program)
-        self.wait_for_the_server(server)
-        assert set(result.confirmed) <= set(frames) - set(contents(SHARE))
         assert [name for name in contents(TARGET) if name not in frames] == []
+        self.check_break(result, server)
+        # It may have died between a confirmation and its record.
+        self.move_the_rest(frames, once=False)
 
     def test_reader_goes_away(
         self, server: RsyncServer, frames: dict[str, bytes | str]
     ) -> None:
-        assert server.pid
         program = self.start()
         program.close_report()
-        assert program.finish().status == -signal.SIGPIPE
+        result = program.finish()
+        assert result.status == -signal.SIGPIPE
         self.no_rsync_is_left(program)
-        self.wait_for_the_server(server)
-        assert len(contents(SHARE)) > 0
+        self.check_break(result, server)
         assert [name for name in contents(TARGET) if name not in frames] == []
+        self.move_the_rest(frames, once=False)
 
     def test_files_vanish_while_the_copy_runs(
         self, server: RsyncServer, frames: dict[str, bytes | str]
@@ -429,15 +575,27 @@ def test_full_target(server: RsyncServer, small_target: None) -> None:
     names(*before)
     result = run(real_binary())
     assert result.status not in (0, 23, 24)
-    assert 0 < len(result.confirmed) < 40
-    check(result, before)
     assert "No space left on device" in result.report.decode()
+    gone = set(before) - set(contents(SHARE))
+    assert set(result.confirmed) <= gone and 0 < len(gone) < 40
+    assert bool(result.confirmed) == (server.max_verbosity == 2)
+    # What the run could not tell is told by a listing and the next run, which has no room either.
+    FILE_LIST.unlink()
+    open_names = sorted(gone - set(result.confirmed))
+    listing = list_share(real_binary())
+    assert (REMINDER_LINE in listing.lines) == bool(open_names)
+    names(REMINDER)
+    assert sorted(run(real_binary()).recovered) == open_names
+    assert contents_of(TARGET, sorted(gone)) == {name: before[name] for name in gone}
 
 
-def test_list_that_is_missing_is_the_complaint_of_rsync(reporting: RsyncServer) -> None:
-    assert reporting.pid
+def test_nothing_moves_without_a_list(reporting: RsyncServer) -> None:
+    make("a")
     assert not FILE_LIST.exists()
     result = run(real_binary())
-    assert result.status != 0
-    assert any(line.startswith("rsync:") for line in result.lines)
-    assert result.seconds >= 1
+    assert result.lines == [
+        f"rsync_orbelin: the list {FILE_LIST} is not used: No such file or directory"
+    ]
+    assert result.status == 3 and result.seconds >= 1
+    assert list(contents(SHARE)) == ["a"] and contents(TARGET) == {}
+    assert reporting.connections() == 0

@@ -11,6 +11,7 @@ from confirming_rsync.program import (
     TARGET,
     Program,
     calls,
+    journals,
     names,
     script_rsync,
     scripted_binary,
@@ -50,15 +51,18 @@ def in_place() -> None:
 
 @pytest.mark.parametrize("number", STOPS)
 def test_stop_is_passed_on_and_nothing_known_is_lost(number: signal.Signals) -> None:
-    script_rsync(UNTIL_TOLD, 'missing("/a"); sys.exit(23)')
+    script_rsync(UNTIL_TOLD)
     program = Program(scripted_binary())
     program.read_until("SENT: b\n")
     program.signal(number)
     result = program.finish()
     assert result.status == -number
     assert (CALLS / "told.txt").read_text() == str(int(number))
-    assert result.confirmed == ["b", "a"]
-    assert all(is_gone(call["pid"]) for call in calls())
+    assert result.lines == ["SENT: a", "SENT: b", "CONFIRMED: removed b"]
+    (call,) = calls()
+    assert is_gone(call["pid"])
+    (journal,) = journals()
+    assert journal.endswith("names\nn a\nn b\nc b\n"), "the next listing decides about a"
 
 
 def test_stop_that_finds_nothing_moved_is_not_delayed_for_that() -> None:
@@ -82,14 +86,13 @@ def test_rsync_that_does_not_listen_is_killed() -> None:
     script_rsync(
         "signal.signal(signal.SIGTERM, signal.SIG_IGN)\n"
         'out("SENT: a\\nsender removed a\\n")\n'
-        "while True: time.sleep(0.01)",
-        'missing("/b"); sys.exit(23)',
+        "while True: time.sleep(0.01)"
     )
     program = Program(scripted_binary())
     program.read_until("CONFIRMED: removed a\n")
     program.signal(signal.SIGTERM)
     assert program.finish().status == -signal.SIGTERM
-    assert is_gone(calls()[0]["pid"])
+    assert all(is_gone(call["pid"]) for call in calls())
 
 
 def test_second_stop_ends_the_program_at_once() -> None:

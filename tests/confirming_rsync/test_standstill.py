@@ -14,6 +14,7 @@ from confirming_rsync.program import (
     TARGET,
     Program,
     calls,
+    journals,
     names,
     real_binary,
     run,
@@ -30,14 +31,15 @@ LIMIT = 6
 ENDED = f"rsync_orbelin: rsync has come to a standstill and is ended after {LIMIT} seconds"
 
 
-def test_a_silent_rsync_is_ended_and_its_names_are_asked_about() -> None:
+def test_a_silent_rsync_is_ended_and_its_names_are_left_to_the_next_listing() -> None:
     names("a")
     TARGET.mkdir()
     (TARGET / "a").touch()
     script_rsync('out("SENT: a\\n")\ntime.sleep(100)', 'missing("/a")\nsys.exit(23)')
     result = run(scripted_binary())
-    assert result.lines[:2] == ["SENT: a", ENDED]
-    assert result.confirmed == ["a"]
+    assert result.lines == ["SENT: a", ENDED]
+    (journal,) = journals()
+    assert journal.endswith("names\nn a\n")
     assert result.status == 128 + signal.SIGTERM
     assert LIMIT <= result.seconds < 60
     assert processes.process(int(calls()[0]["pid"])) is None

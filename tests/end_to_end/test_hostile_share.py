@@ -90,6 +90,38 @@ def everything_below(*places: str) -> dict[str, float]:
     return found
 
 
+def install_liar() -> Path:
+    """Puts the liar in the copy program's place; returns the file for what it lists."""
+    honest = skarn.COPY_PROGRAM.with_name("honest")
+    skarn.COPY_PROGRAM.rename(honest)
+    skarn.COPY_PROGRAM.write_text(LIAR, encoding="ascii")
+    skarn.COPY_PROGRAM.chmod(0o755)
+    return Path("/usr/local/orbelin/lies")
+
+
+def test_a_detector_whose_folder_is_a_link_has_nothing_behind_it_announced() -> None:
+    secret = Path("/srv/secret")
+    secret.mkdir()
+    (secret / "key").write_text("of another", encoding="ascii")
+    with Bed() as bed:
+        lies = install_liar()
+        entry = "-rw-r--r-- 9 2024/05/06 07:08:09 {}\n"
+        lies.write_text(entry.format("d/key") + entry.format("good.raw"), encoding="ascii")
+        bed.simulator.burst(["good.raw"])
+        # As the share has sent it.
+        bed.target.mkdir(parents=True)
+        (bed.target / "d").symlink_to(secret)
+        bed.start()
+        bed.wait_announced(1)
+        before = bed.daemon.log().count(" copy processes\n")
+        wait_until(
+            lambda: bed.daemon.log().count(" copy processes\n") >= before + 3, "further cycles"
+        )
+        bed.daemon.end()
+        assert bed.announced() == ["good.raw"]
+        assert (secret / "key").read_text(encoding="ascii") == "of another"
+
+
 def test_a_detector_that_lies_in_its_listing_gets_nothing_out_of_the_target() -> None:
     claimed = [
         "../outside.raw",
@@ -112,14 +144,7 @@ def test_a_detector_that_lies_in_its_listing_gets_nothing_out_of_the_target() ->
         "a/good.raw",
     ]
     with Bed() as bed:
-        for name in ("honest", "rsync_orbelin"):
-            program = skarn.COPY_PROGRAM.with_name(name)
-            if name == "honest":
-                skarn.COPY_PROGRAM.rename(program)
-            else:
-                program.write_text(LIAR, encoding="ascii")
-                program.chmod(0o755)
-        lies = Path("/usr/local/orbelin/lies")
+        lies = install_liar()
         lines = [b"-rw-r--r-- 9 2024/05/06 07:08:09 " + os.fsencode(name) for name in claimed]
         lies.write_bytes(b"\n".join(lines) + b"\nno end \0\xff")
         staying = {"a/unfinished.raw.tmp", "unfinished.raw.tmp", "unclaimed.raw"}

@@ -23,8 +23,7 @@ PASSWORD = "known to the sandbox only"  # what daemon.install_password_file() wr
 class RsyncServer:
     """Serves `root` as the module of one detector at `address`; its own files live in `state`.
 
-    The module's root is the detector's directory and the server changes its root to it: below
-    another root some versions look for the files to be removed in the wrong place.
+    The server changes its root to the module's, unless `chroot` says otherwise.
 
     `max_verbosity` of 2 lets the server tell its client what it removed; None leaves the server's
     default, with which it does not.
@@ -38,12 +37,14 @@ class RsyncServer:
         *,
         max_verbosity: int | None = 2,
         log: bool = False,
+        chroot: bool = True,
     ) -> None:
         self.address = address
         self.root = root
         self.log_file = state / f"rsyncd-{address}.log" if log else None
         self._state = state
-        self._max_verbosity = max_verbosity
+        self.max_verbosity = max_verbosity
+        self._chroot = chroot
         self._process: subprocess.Popen[bytes] | None = None
 
     @property
@@ -125,15 +126,15 @@ class RsyncServer:
         secrets.chmod(0o600)
         secrets.write_text(f"{USER}:{PASSWORD}\n", encoding="ascii")
         lines = [
-            "use chroot = yes",
+            f"use chroot = {'yes' if self._chroot else 'no'}",
             "uid = 0",
             "gid = 0",
             "read only = no",
             "reverse lookup = no",
             "socket options = SO_KEEPALIVE",
         ]
-        if self._max_verbosity is not None:
-            lines.append(f"max verbosity = {self._max_verbosity}")
+        if self.max_verbosity is not None:
+            lines.append(f"max verbosity = {self.max_verbosity}")
         if self.log_file is not None:
             lines.append(f"log file = {self.log_file}")
         else:

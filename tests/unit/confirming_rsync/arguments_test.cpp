@@ -1,6 +1,8 @@
 // The argument vectors and the environment that stock rsync gets.
 #include "confirming_rsync/arguments.h"
 
+#include <algorithm>
+
 #include <gtest/gtest.h>
 
 namespace confirming {
@@ -21,7 +23,7 @@ TEST(Arguments, OfAListingOfAShareGetLimitsToTheWaitingAndNoDelay) {
     const Arguments arguments = readArguments(given, "5", "6");
     EXPECT_FALSE(arguments.confirming);
     EXPECT_EQ(arguments.rsync, joined({"--8-bit-output", "--contimeout=30",
-                                       "--sockopts=TCP_NODELAY", "--timeout=60"},
+                                       "--sockopts=TCP_NODELAY", "--no-motd", "--timeout=60"},
                                       given));
     EXPECT_EQ(arguments.listedSource, given.back());
 }
@@ -41,16 +43,15 @@ TEST(Arguments, OfACopyAreTakenApart) {
                        "rsync://root@10.0.0.1:49371/ramdisk/data/", "/images/./"},
                       "", "");
     EXPECT_TRUE(arguments.confirming);
-    EXPECT_EQ(
-        arguments.rsync,
-        joined({"--8-bit-output", "--contimeout=30", "--sockopts=TCP_NODELAY", "--info=remove1"},
-               {"-vthlDHW", "--remove-source-files", "--numeric-ids", "--out-format=SENT: %n",
-                "--password-file=/p/w", "--files-from=/tmp/list",
-                "rsync://root@10.0.0.1:49371/ramdisk/data/", "/images/./"}));
+    EXPECT_EQ(arguments.rsync, joined({"--8-bit-output", "--contimeout=30",
+                                       "--sockopts=TCP_NODELAY", "--no-motd", "--info=remove1"},
+                                      {"-vthlDHW", "--remove-source-files", "--numeric-ids",
+                                       "--out-format=SENT: %n", "--password-file=/p/w",
+                                       "rsync://root@10.0.0.1:49371/ramdisk/data/", "/images/./"}));
     EXPECT_EQ(arguments.source, "rsync://root@10.0.0.1:49371/ramdisk/data/");
     EXPECT_EQ(arguments.destination, "/images/./");
     EXPECT_EQ(arguments.fileList, "/tmp/list");
-    EXPECT_FALSE(arguments.fileListEndsNamesWithNul);
+    EXPECT_FALSE(arguments.listEndsNamesWithNul);
     EXPECT_EQ(arguments.access, Strings{"--password-file=/p/w"});
 }
 
@@ -59,23 +60,57 @@ TEST(Arguments, MayHaveTheirValuesApart) {
         {"--confirm-files", "--password-file", "/p", "--files-from", "/l", "-0", "s", "d"}, "", "");
     EXPECT_EQ(arguments.fileList, "/l");
     EXPECT_EQ(arguments.access, Strings{"--password-file=/p"});
-    EXPECT_TRUE(arguments.fileListEndsNamesWithNul);
-    EXPECT_EQ(arguments.rsync,
-              joined(ofTheReport, {"--password-file", "/p", "--files-from", "/l", "-0", "s", "d"}));
+    EXPECT_TRUE(arguments.listEndsNamesWithNul);
+    EXPECT_EQ(arguments.rsync, joined(ofTheReport, {"--password-file", "/p", "s", "d"}));
 }
 
-TEST(Arguments, CanTakeTheListFromTheInput) {
-    const auto changed = [](const Strings& given) {
-        Arguments arguments;
-        arguments.rsync = given;
-        return withListOnInput(arguments);
-    };
-    EXPECT_EQ(changed({"-v", "--files-from=/l", "-0", "s", "d"}),
-              (Strings{"--from0", "-v", "--files-from=-", "-0", "s", "d"}));
-    EXPECT_EQ(changed({"--files-from", "/l", "s", "d"}),
-              (Strings{"--from0", "--files-from=-", "s", "d"}));
-    EXPECT_EQ(changed({"--", "--files-from=/l", "d"}),
-              (Strings{"--from0", "--", "--files-from=/l", "d"}));
+TEST(Arguments, KeepTheListsOptionsInAnyOtherCall) {
+    const Strings given{"--files-from", "/l", "--from0", "-0", "s", "d"};
+    EXPECT_EQ(readArguments(given, "", "").rsync, joined({"--8-bit-output"}, given));
+}
+
+class PassArguments : public testing::Test {
+protected:
+    static Strings of(Pass pass, bool targetKeepsFractions) {
+        const Arguments arguments = readArguments(
+            {"-vthlDHW", "--remove-source-files", "--confirm-files", "--files-from=/tmp/list",
+             "rsync://root@10.0.0.1:49371/ramdisk/exp/run7/", "/images/./"},
+            "", "");
+        return passArguments(arguments, *parseShare(arguments.source), pass, targetKeepsFractions);
+    }
+
+    const Strings list{"--from0", "--files-from=-"};
+    const Strings ofAShare{"--8-bit-output", "--contimeout=30", "--sockopts=TCP_NODELAY",
+                           "--no-motd", "--info=remove1"};
+    const Strings places{"rsync://root@10.0.0.1:49371/ramdisk/", "/images/./"};
+};
+
+TEST_F(PassArguments, CopyAndRemoveInOne) {
+    EXPECT_EQ(of(Pass::copyAndRemove, true),
+              joined(joined(joined(list, {"--modify-window=-1"}), ofAShare),
+                     joined({"-vthlDHW", "--remove-source-files"}, places)));
+}
+
+TEST_F(PassArguments, LeaveTheSourceAsItIsWhenOnlyCopying) {
+    EXPECT_EQ(of(Pass::copy, true), joined(joined(joined(list, {"--modify-window=-1"}), ofAShare),
+                                           joined({"-vthlDHW"}, places)));
+}
+
+TEST_F(PassArguments, GiveNoRoomForCopiesWhenOnlyRemoving) {
+    EXPECT_EQ(of(Pass::remove, true), joined(joined(joined(list, {"--modify-window=-1"}), ofAShare),
+                                             joined({"-vthlDHW", "--remove-source-files",
+                                                     "--temp-dir=/proc", "--no-verbose"},
+                                                    places)));
+}
+
+TEST_F(PassArguments, CompareBySecondsWhereTheTargetKeepsNoMore) {
+    for (const Pass pass : {Pass::copyAndRemove, Pass::copy, Pass::remove}) {
+        Strings exact = of(pass, true);
+        const auto option = std::find(exact.begin(), exact.end(), "--modify-window=-1");
+        ASSERT_NE(option, exact.end());
+        exact.erase(option);
+        EXPECT_EQ(of(pass, false), exact);
+    }
 }
 
 TEST(Arguments, AreOptionsOnlyBeforeTheDoubleDash) {

@@ -3,7 +3,9 @@
 
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <thread>
+#include <utility>
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -118,6 +120,26 @@ TEST_F(ChildTest, IsKilledWithAllItStarted) {
     EXPECT_EQ(child.exitStatus(), 128 + SIGKILL);
     // The sleep held the output open.
     EXPECT_EQ(readAll(child.output), "");
+}
+
+TEST_F(ChildTest, TakesWithItWhatItLeftRunning) {
+    Descriptor output;
+    {
+        Child child(shell("sleep 1000 & echo on"), input, signals);
+        ASSERT_TRUE(endsSoon(child));
+        EXPECT_EQ(child.exitStatus(), 0);
+        output = std::move(child.output);
+    }
+    // The sleep held the output open.
+    EXPECT_EQ(readAll(output), "on\n");
+}
+
+TEST_F(ChildTest, HasItsNumberUntilItIsOver) {
+    Child child(shell("exit 0"), input, signals);
+    ASSERT_TRUE(endsSoon(child));
+    // Not waited for, so that no other process can have the number, or the group, that is killed.
+    EXPECT_EQ(::kill(child.group(), 0), 0);
+    EXPECT_EQ(::kill(-child.group(), 0), 0);
 }
 
 TEST(Signals, CanBeTakenOneByOne) {

@@ -1,4 +1,4 @@
-// What the directory that files arrive in tells about them.
+// What the directory that files arrive in tells about them, and making them durable.
 #include "confirming_rsync/destination.h"
 
 #include <cstdlib>
@@ -6,7 +6,9 @@
 #include <fstream>
 
 #include <gtest/gtest.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 namespace confirming {
@@ -16,47 +18,167 @@ class DestinationTest : public testing::Test {
 protected:
     DestinationTest() {
         char name[] = "/tmp/destination_test.XXXXXX";
-        path = ::mkdtemp(name);
+        outside = ::mkdtemp(name);
+        path = outside + "/target";
+        std::filesystem::create_directory(path);
     }
-    ~DestinationTest() override { std::filesystem::remove_all(path); }
+    ~DestinationTest() override { std::filesystem::remove_all(outside); }
 
     void makeFile(const std::string& name) const { std::ofstream(path + "/" + name) << "x"; }
 
+    std::string outside;
     std::string path;
 };
 
-TEST_F(DestinationTest, KnowsThatNoSentLineFollowsForARegularFile) {
-    makeFile("a");
-    makeFile("n\nl");
-    const Destination destination(path + "/./");
-    EXPECT_FALSE(destination.sentLineMayFollow("a"));
-    EXPECT_FALSE(destination.sentLineMayFollow("n\\#012l"));
-}
-
-TEST_F(DestinationTest, ExpectsASentLineForEverythingElse) {
-    makeFile("a");
-    ASSERT_EQ(::link((path + "/a").c_str(), (path + "/b").c_str()), 0);
-    ASSERT_EQ(::symlink("a", (path + "/link").c_str()), 0);
-    ASSERT_EQ(::symlink("nowhere", (path + "/dangling").c_str()), 0);
-    ASSERT_EQ(::mkfifo((path + "/fifo").c_str(), 0600), 0);
-    const Destination destination(path);
-    for (const char* name : {"a", "b", "link", "dangling", "fifo", "missing", "a/b", "x\\#000"}) {
-        EXPECT_TRUE(destination.sentLineMayFollow(name)) << name;
-    }
-}
-
 TEST_F(DestinationTest, HasFilesOfEveryKindButDirectories) {
     makeFile("a");
+    makeFile("n\nl");
+    ASSERT_EQ(::link((path + "/a").c_str(), (path + "/hard").c_str()), 0);
     ASSERT_EQ(::symlink("nowhere", (path + "/dangling").c_str()), 0);
+    ASSERT_EQ(::symlink("sub", (path + "/to-folder").c_str()), 0);
+    ASSERT_EQ(::mkfifo((path + "/fifo").c_str(), 0600), 0);
+    ASSERT_EQ(::mknod((path + "/device").c_str(), S_IFCHR | 0600, makedev(1, 3)), 0);
+    ASSERT_EQ(::mknod((path + "/socket").c_str(), S_IFSOCK | 0600, 0), 0);
     ASSERT_EQ(::mkdir((path + "/sub").c_str(), 0700), 0);
     makeFile("sub/b");
-    const Destination destination(path);
-    for (const char* name : {"a", "dangling", "sub/b"}) {
+    makeFile("unreadable");
+    ASSERT_EQ(::chmod((path + "/unreadable").c_str(), 0), 0);
+    const Destination destination(path + "/./");
+    for (const char* name : {"a", "n\\#012l", "hard", "dangling", "to-folder", "fifo", "device",
+                             "socket", "sub/b", "unreadable"}) {
         EXPECT_TRUE(destination.hasFile(name)) << name;
     }
-    for (const char* name : {"sub", "missing", "a/b", "a\\#000"}) {
+    for (const char* name : {"sub", "missing", "a/b", "a\\#000", "", "."}) {
         EXPECT_FALSE(destination.hasFile(name)) << name;
     }
+    EXPECT_EQ(destination.file("a")->st_size, 1);
+    EXPECT_TRUE(S_ISLNK(destination.file("to-folder")->st_mode));
+}
+
+TEST_F(DestinationTest, HasNothingBehindALink) {
+    ASSERT_EQ(::mkdir((path + "/sub").c_str(), 0700), 0);
+    makeFile("sub/a");
+    ASSERT_EQ(::mkdir((outside + "/secret").c_str(), 0700), 0);
+    std::ofstream(outside + "/secret/key") << "x";
+    ASSERT_EQ(::symlink("sub", (path + "/inside").c_str()), 0);
+    ASSERT_EQ(::symlink("../secret", (path + "/d").c_str()), 0);
+    ASSERT_EQ(::symlink((outside + "/secret").c_str(), (path + "/sub/e").c_str()), 0);
+    const Destination destination(path);
+    for (const char* name : {"inside/a", "d/key", "sub/e/key", "d/../target/sub/a"}) {
+        ASSERT_TRUE(std::filesystem::exists(path + "/" + name)) << name;
+        EXPECT_FALSE(destination.hasFile(name)) << name;
+    }
+    EXPECT_TRUE(destination.hasFile("sub/a"));
+    EXPECT_TRUE(destination.hasFile("d"));
+}
+
+TEST_F(DestinationTest, HasNothingAboveIt) {
+    std::ofstream(outside + "/other") << "x";
+    makeFile("a");
+    const Destination destination(path);
+    for (const std::string& name : {std::string("../other"), outside + "/other", path + "/a"}) {
+        EXPECT_FALSE(destination.hasFile(name)) << name;
+    }
+}
+
+TEST_F(DestinationTest, MayBeALinkItself) {
+    // The operator's own.
+    makeFile("a");
+    ASSERT_EQ(::symlink("target", (outside + "/link").c_str()), 0);
+    EXPECT_TRUE(Destination(outside + "/link").hasFile("a"));
+}
+
+TEST_F(DestinationTest, MayBeMissing) {
+    for (const char* name : {"/missing", "/target/a"}) {
+        makeFile("a");
+        const Destination destination(outside + name);
+        EXPECT_FALSE(destination.hasFile("a"));
+        EXPECT_TRUE(destination.canBeDurable());
+        EXPECT_TRUE(destination.keepsFractions());
+        EXPECT_NE(destination.makeDurable({"a"}), "");
+    }
+}
+
+TEST_F(DestinationTest, IsNotDurableInMemory) {
+    for (const char* type : {"tmpfs", "ramfs"}) {
+        ASSERT_EQ(::mount("none", path.c_str(), type, 0, nullptr), 0);
+        {
+            const Destination destination(path);
+            EXPECT_FALSE(destination.canBeDurable()) << type;
+            EXPECT_TRUE(destination.keepsFractions()) << type;
+        }
+        ASSERT_EQ(::umount(path.c_str()), 0);
+    }
+    EXPECT_TRUE(Destination("/proc").canBeDurable());
+}
+
+/// A file system on a disk that is a file.
+class OnADisk : public DestinationTest {
+protected:
+    bool mountDisk(const std::string& makeFileSystem) {
+        image = outside + "/disk";
+        std::ofstream{image};
+        std::filesystem::resize_file(image, 16 << 20);
+        mounted = std::system((makeFileSystem + " " + image +
+                               " >/dev/null 2>&1 && mount -n -o loop " + image + " " + path)
+                                  .c_str()) == 0;
+        return mounted;
+    }
+    ~OnADisk() override {
+        if (mounted) {
+            EXPECT_EQ(::umount(path.c_str()), 0);
+        }
+    }
+
+    std::string image;
+    bool mounted = false;
+};
+
+TEST_F(OnADisk, MakesFilesDurable) {
+    if (!mountDisk("mkfs.ext4 -q -I 256")) {
+        GTEST_SKIP() << "no ext4 on a loop device here";
+    }
+    const Destination destination(path);
+    EXPECT_TRUE(destination.canBeDurable());
+    EXPECT_TRUE(destination.keepsFractions());
+    makeFile("a");
+    std::filesystem::create_directory(path + "/sub");
+    makeFile("sub/b");
+    const auto before = std::filesystem::last_write_time(path + "/a");
+    EXPECT_EQ(destination.makeDurable({"a", "sub/b", "missing"}), "");
+    EXPECT_EQ(std::filesystem::last_write_time(path + "/a"), before);
+}
+
+TEST_F(OnADisk, CannotSayThatOfAFileSystemThatTakesNothingMore) {
+    if (!mountDisk("mkfs.ext4 -q -I 256")) {
+        GTEST_SKIP() << "no ext4 on a loop device here";
+    }
+    makeFile("a");
+    const Destination destination(path);
+    ASSERT_EQ(std::system(("mount -n -o remount,ro " + path).c_str()), 0);
+    EXPECT_EQ(destination.makeDurable({"a"}), "Read-only file system");
+}
+
+TEST_F(OnADisk, HasWhatIsMountedInItMadeDurableToo) {
+    if (!mountDisk("mkfs.ext4 -q -I 256")) {
+        GTEST_SKIP() << "no ext4 on a loop device here";
+    }
+    std::filesystem::create_directory(path + "/other");
+    ASSERT_EQ(::mount("none", (path + "/other").c_str(), "tmpfs", 0, nullptr), 0);
+    makeFile("other/a");
+    makeFile("b");
+    EXPECT_TRUE(Destination(path).hasFile("other/a"));
+    EXPECT_EQ(Destination(path).makeDurable({"other/a", "b"}), "");
+    ASSERT_EQ(::umount((path + "/other").c_str()), 0);
+}
+
+TEST_F(OnADisk, MayKeepWholeSecondsOnly) {
+    if (!mountDisk("mkfs.ext4 -q -I 128")) {
+        GTEST_SKIP() << "no ext4 on a loop device here";
+    }
+    EXPECT_FALSE(Destination(path).keepsFractions());
+    EXPECT_TRUE(std::filesystem::exists(path + "/lost+found"));
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(path), {}), 1) << "a file was left";
 }
 
 } // namespace

@@ -45,8 +45,8 @@ TEST(JournalText, HeadThatIsCutAnywhereIsNone) {
 TEST(JournalText, HeadWithAnythingElseIsNone) {
     const std::string whole = headText(someHead());
     for (const auto& [from, to] :
-         std::vector<std::pair<std::string, std::string>>{{"skarn journal 1", "skarn journal 2"},
-                                                          {"skarn journal 1", " skarn journal 1"},
+         std::vector<std::pair<std::string, std::string>>{{"skarn journal 2", "skarn journal 1"},
+                                                          {"skarn journal 2", " skarn journal 2"},
                                                           {"4711", "47x"},
                                                           {" 4711", ""},
                                                           {"123456", "123456 "},
@@ -64,48 +64,93 @@ TEST(JournalText, HeadWithAnythingElseIsNone) {
 }
 
 TEST(JournalText, BodyIsReadAsItWasWritten) {
-    const std::string text = intendedLine("a b") + intendedLine("d/c") +
-                             inheritedLine({"e f", 77, 2}) + confirmedLine("d/c") +
-                             confirmedLine("x");
+    const std::string text = intendedLine("a b") + takenLine("e f") + intendedLine("d/c") +
+                             confirmedLine("e f") + confirmedLine("d/c") + confirmedLine("x");
     const auto body = readBody(text);
     ASSERT_TRUE(body);
     EXPECT_THAT(body->intended, ElementsAre("a b", "d/c"));
-    ASSERT_EQ(body->inherited.size(), 1U);
-    EXPECT_EQ(body->inherited[0].name, "e f");
-    EXPECT_EQ(body->inherited[0].since, 77U);
-    EXPECT_EQ(body->inherited[0].rounds, 2U);
-    EXPECT_THAT(body->confirmed, ElementsAre("d/c", "x"));
-    EXPECT_FALSE(body->ownDone);
+    EXPECT_THAT(body->taken, ElementsAre("e f"));
+    EXPECT_THAT(body->confirmed, ElementsAre("d/c", "e f", "x"));
+    EXPECT_FALSE(body->done);
 }
 
 TEST(JournalText, EndIsToldByTheLastLine) {
-    const std::string begin = headText(someHead()) + intendedLine("a");
-    EXPECT_FALSE(isAllDone(begin));
-    EXPECT_FALSE(isAllDone(begin + std::string(ownDoneLine())));
-    EXPECT_TRUE(isAllDone(begin + std::string(allDoneLine())));
-    EXPECT_TRUE(isAllDone(headText(someHead()) + std::string(allDoneLine())));
-    // A name is no mark.
-    EXPECT_FALSE(isAllDone(begin + intendedLine(std::string(allDoneLine()).substr(0, 15))));
-    EXPECT_FALSE(isAllDone(allDoneLine()));
-    for (const std::string_view line : {ownDoneLine(), allDoneLine()}) {
-        const auto body = readBody("n a\n" + std::string(line));
-        ASSERT_TRUE(body);
-        EXPECT_TRUE(body->ownDone);
-    }
+    const std::string text = intendedLine("a") + confirmedLine("a");
+    ASSERT_TRUE(readBody(text));
+    EXPECT_FALSE(readBody(text)->done);
+    ASSERT_TRUE(readBody(text + std::string(doneLine())));
+    EXPECT_TRUE(readBody(text + std::string(doneLine()))->done);
+    ASSERT_TRUE(readBody(doneLine()));
+    EXPECT_TRUE(readBody(doneLine())->done);
+    // Nothing comes after it, and no name is that mark.
+    EXPECT_FALSE(readBody(std::string(doneLine()) + text));
+    EXPECT_FALSE(readBody(std::string(doneLine()) + std::string(doneLine())));
+    ASSERT_TRUE(readBody(intendedLine("done")));
+    EXPECT_FALSE(readBody(intendedLine("done"))->done);
 }
 
 TEST(JournalText, LineThatWasBeingWrittenIsPassedOver) {
     const auto body = readBody("n a\nc a\nc run1/fra");
     ASSERT_TRUE(body);
     EXPECT_THAT(body->confirmed, ElementsAre("a"));
+    ASSERT_TRUE(readBody("n a\ndone"));
+    EXPECT_FALSE(readBody("n a\ndone")->done);
 }
 
 TEST(JournalText, BodyWithAnyOtherLineIsNone) {
-    for (const char* line :
-         {"", "n", "n ", "x a", "a", "nn a", "i a", "i 1 a", "i 1 2 ", "i x 2 a", "i 1 -2 a",
-          "done:", "done: own names ", "n ../a", "c a/../../b", "i 1 2 ..", "n /etc/passwd"}) {
+    for (const char* line : {"", "n", "n ", "x a", "a", "nn a", "i 1 2 a", "t", "t ",
+                             "done:", "done ", "n ../a", "c a/../../b", "t ..", "n /etc/passwd"}) {
         EXPECT_FALSE(readBody("n b\n" + std::string(line) + "\n")) << line;
     }
+}
+
+class LeftNamesText : public testing::Test {
+protected:
+    const LeftNames left{"rsync://root@10.0.0.1:49371/ramdisk/",
+                         "/images\n/./",
+                         {{"a b", true, 0}, {"d/c\\#012", false, 2}, {"there 1 x", false, 0}},
+                         {"the journal run-1 is not used", "more"}};
+    const std::string text = leftNamesText(left);
+};
+
+TEST_F(LeftNamesText, IsReadAsItWasWritten) {
+    EXPECT_EQ(text, "skarn left names 1\n"
+                    "source rsync://root@10.0.0.1:49371/ramdisk/\n"
+                    "destination /images\\#012/./\n"
+                    "names\n"
+                    "gone a b\n"
+                    "there 2 d/c\\#012\n"
+                    "there 0 there 1 x\n"
+                    "remark the journal run-1 is not used\n"
+                    "remark more\n");
+    const auto read = readLeftNames(text);
+    ASSERT_TRUE(read);
+    EXPECT_EQ(read->source, left.source);
+    EXPECT_EQ(read->destination, left.destination);
+    EXPECT_EQ(read->remarks, left.remarks);
+    ASSERT_EQ(read->names.size(), left.names.size());
+    for (std::size_t at = 0; at < left.names.size(); ++at) {
+        EXPECT_EQ(read->names[at].name, left.names[at].name);
+        EXPECT_EQ(read->names[at].isGone, left.names[at].isGone);
+        EXPECT_EQ(read->names[at].listings, left.names[at].listings);
+    }
+}
+
+TEST_F(LeftNamesText, ThatIsCutInALineIsNone) {
+    for (std::size_t size = 0; size < text.size(); ++size) {
+        const bool isWhole = size > text.find("names\n", 20) && text[size - 1] == '\n';
+        EXPECT_EQ(readLeftNames(std::string_view(text).substr(0, size)).has_value(), isWhole)
+            << size;
+    }
+}
+
+TEST_F(LeftNamesText, WithAnyOtherLineIsNone) {
+    for (const char* line : {"", "gone", "gone ", "gone ../a", "gone /etc/passwd", "there a",
+                             "there 1", "there 1 ", "there -1 a", "there x a", "there 1 a/../../b",
+                             "n a", "c a", "done", "remarks a", "Gone a"}) {
+        EXPECT_FALSE(readLeftNames(text + line + "\n")) << line;
+    }
+    EXPECT_FALSE(readLeftNames("skarn left names 2" + text.substr(text.find('\n'))));
 }
 
 } // namespace

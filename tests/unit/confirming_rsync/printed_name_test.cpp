@@ -61,6 +61,18 @@ TEST(PrintedName, BringsBackAnyName) {
     }
 }
 
+TEST(WithoutControls, ShowsWhatATerminalMayObeyAndRsyncLetsPass) {
+    EXPECT_EQ(withoutControls("a\x7f\x80\x9b[1m\x9f\xa0\xff\t\x1b\\#233", 100),
+              "a\\#177\\#200\\#233[1m\\#237\xa0\xff\t\x1b\\#233");
+    EXPECT_EQ(withoutControls("", 100), "");
+}
+
+TEST(WithoutControls, CutsOff) {
+    EXPECT_EQ(withoutControls("abcdef", 6), "abcdef");
+    EXPECT_EQ(withoutControls("abcdef", 5), "abcde");
+    EXPECT_EQ(withoutControls("abc\x80", 6), "abc\\#2");
+}
+
 TEST(StaysBelow, HoldsForWhatIsBelow) {
     for (const char* name : {"a", "a/b", ".", "a/./b", "..a", "a..", "...", "a/..b/c", "-e", " "}) {
         EXPECT_TRUE(staysBelow(name)) << name;

@@ -4,6 +4,7 @@
 #include <csignal>
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -34,7 +35,7 @@ TEST(ProcessIdentity, IsThatOfALivingProcess) {
     ASSERT_TRUE(self);
     EXPECT_EQ(self->pid, ::getpid());
     EXPECT_GT(self->boot.size(), 10U);
-    EXPECT_TRUE(isAlive(*self));
+    EXPECT_FALSE(isDead(*self));
 }
 
 TEST(ProcessIdentity, IsNotThatOfALaterProcessWithTheSameNumber) {
@@ -42,11 +43,11 @@ TEST(ProcessIdentity, IsNotThatOfALaterProcessWithTheSameNumber) {
     ASSERT_TRUE(self);
     ProcessIdentity earlier = *self;
     --earlier.start;
-    EXPECT_FALSE(isAlive(earlier));
+    EXPECT_TRUE(isDead(earlier));
     EXPECT_NE(earlier, *self);
     ProcessIdentity ofAnotherBoot = *self;
     ofAnotherBoot.boot += "x";
-    EXPECT_FALSE(isAlive(ofAnotherBoot));
+    EXPECT_TRUE(isDead(ofAnotherBoot));
     EXPECT_NE(ofAnotherBoot, *self);
 }
 
@@ -58,15 +59,44 @@ TEST(ProcessIdentity, IsDeadOnceTheProcessHasEnded) {
     }
     const auto identity = identityOf(child);
     ASSERT_TRUE(identity);
-    EXPECT_TRUE(isAlive(*identity));
+    EXPECT_FALSE(isDead(*identity));
     ::kill(child, SIGKILL);
     // Ended, and nobody has waited for it.
     siginfo_t info{};
     ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOWAIT), 0);
-    EXPECT_FALSE(isAlive(*identity));
+    EXPECT_TRUE(isDead(*identity));
     ASSERT_EQ(::waitpid(child, nullptr, 0), child);
-    EXPECT_FALSE(isAlive(*identity));
+    EXPECT_TRUE(isDead(*identity));
     EXPECT_FALSE(identityOf(child));
+}
+
+TEST(ProcessIdentity, IsDeadIfNoProcessHasTheNumber) {
+    auto self = identityOf(::getpid());
+    ASSERT_TRUE(self);
+    self->pid = 1 << 30; // beyond what the system gives
+    EXPECT_TRUE(isDead(*self));
+}
+
+TEST(ProcessIdentity, IsNotDeadBecauseTheSystemDoesNotTell) {
+    const auto self = identityOf(::getpid());
+    ASSERT_TRUE(self);
+    ProcessIdentity another = *self;
+    another.pid = 1;
+    another.start = ~std::uint64_t{0}; // it is another process if anything can be read of it
+    ASSERT_TRUE(isDead(another));
+    // No descriptor is left to read anything with.
+    struct rlimit before {};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+    struct rlimit none = before;
+    none.rlim_cur = 0;
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+    const bool isAnotherDead = isDead(another);
+    ProcessIdentity ofAnotherBoot = *self;
+    ofAnotherBoot.boot += "x";
+    const bool isOfAnotherBootDead = isDead(ofAnotherBoot);
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
+    EXPECT_FALSE(isAnotherDead);
+    EXPECT_FALSE(isOfAnotherBootDead);
 }
 
 TEST(NanosecondsSinceBoot, Grow) {

@@ -2,6 +2,11 @@
 #include "confirming_rsync/report_filter.h"
 
 #include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -12,33 +17,82 @@ namespace {
 
 using namespace std::string_literals;
 
-/// A filter for which SENT lines may still follow of exactly the given names.
-ReportFilter filterWith(const std::set<std::string>& late = {}) {
-    return ReportFilter([late](const std::string& name) { return late.count(name) != 0; },
-                        [](const std::string& /*name*/) { return true; });
+using Strings = std::vector<std::string>;
+
+/// A directory in which the files a to z are in place, and nothing else.
+class Alphabet {
+public:
+    Alphabet() {
+        for (char letter = 'a'; letter <= 'z'; ++letter) {
+            std::ofstream(path + "/" + letter) << "x";
+        }
+        destination = std::make_unique<Destination>(path);
+    }
+    ~Alphabet() { std::filesystem::remove_all(path); }
+    Alphabet(const Alphabet&) = delete;
+    Alphabet& operator=(const Alphabet&) = delete;
+
+private:
+    static std::string makeFolder() {
+        char name[] = "/tmp/report_filter_test.XXXXXX";
+        return ::mkdtemp(name);
+    }
+
+    const std::string path = makeFolder();
+
+public:
+    std::unique_ptr<Destination> destination;
+};
+
+const Destination& alphabet() {
+    static const Alphabet files;
+    return *files.destination;
 }
 
-bool isInPlace(const std::string& name) {
-    return name.rfind("nowhere", 0) != 0;
+ReportFilter filterOf(const Strings& listed) {
+    ReportFilter filter("/");
+    filter.setListed(listed);
+    return filter;
+}
+
+/// With the files a to z to be copied.
+ReportFilter filterOfLetters() {
+    Strings letters;
+    for (char letter = 'a'; letter <= 'z'; ++letter) {
+        letters.emplace_back(1, letter);
+    }
+    return filterOf(letters);
+}
+
+/// All that rsync says it has sent or removed.
+Strings namesIn(const std::string& output) {
+    Strings names;
+    std::istringstream lines(output);
+    for (std::string line; std::getline(lines, line);) {
+        for (const std::string& beginning : {"SENT: "s, "sender removed "s}) {
+            if (line.rfind(beginning, 0) == 0 && line.size() > beginning.size()) {
+                names.push_back(line.substr(beginning.size()));
+            }
+        }
+    }
+    return names;
 }
 
 /// The whole report for an output that arrives in portions of the given size.
-std::string reportOf(const std::string& output, std::size_t portion,
-                     const std::set<std::string>& late = {}) {
-    ReportFilter filter = filterWith(late);
+std::string reportOf(const std::string& output, std::size_t portion) {
+    ReportFilter filter = filterOf(namesIn(output));
     std::string report;
     for (std::size_t at = 0; at < output.size(); at += portion) {
         filter.takeOutput(std::string_view(output).substr(at, portion));
         report += filter.takeReport();
     }
-    filter.finish(isInPlace);
+    filter.finish(alphabet());
     return report + filter.takeReport();
 }
 
-void expectReport(const std::string& output, const std::string& report,
-                  const std::set<std::string>& late = {}) {
+void expectReport(const std::string& output, const std::string& report) {
     for (std::size_t portion = 1; portion <= output.size() + 1; ++portion) {
-        ASSERT_EQ(reportOf(output, portion, late), report) << "in portions of " << portion;
+        ASSERT_EQ(reportOf(output, portion), report) << "in portions of " << portion;
     }
 }
 
@@ -52,7 +106,7 @@ TEST(ReportFilter, ConfirmsAFileThatWasSentAndRemoved) {
 }
 
 TEST(ReportFilter, ConfirmsAtOnceWhileTheCopyingGoesOn) {
-    ReportFilter filter = filterWith();
+    ReportFilter filter = filterOfLetters();
     filter.takeOutput("SENT: a\nsender removed a\nSENT: b");
     EXPECT_EQ(filter.takeReport(), "SENT: a\nCONFIRMED: removed a\n");
     EXPECT_EQ(filter.takeReport(), "");
@@ -60,7 +114,7 @@ TEST(ReportFilter, ConfirmsAtOnceWhileTheCopyingGoesOn) {
 }
 
 TEST(ReportFilter, TellsWhereEachConfirmationEnds) {
-    ReportFilter filter = filterWith();
+    ReportFilter filter = filterOfLetters();
     std::string report;
     std::vector<ReportFilter::Confirmation> confirmations;
     const auto take = [&] {
@@ -85,7 +139,7 @@ TEST(ReportFilter, TellsWhereEachConfirmationEnds) {
 
 TEST(ReportFilter, ConfirmsNothingThatWasNeitherSentNorIsInPlace) {
     expectReport("sender removed nowhere\nsender removed a\n",
-                 "sender removed nowhere\nCONFIRMED: removed a\n", {"nowhere", "a"});
+                 "sender removed nowhere\nCONFIRMED: removed a\n");
 }
 
 TEST(ReportFilter, ConfirmsNothingOutsideTheDestination) {
@@ -113,12 +167,21 @@ TEST(ReportFilter, PassesOnEverythingElse) {
                                 "xCONFIRMED: removed a\n"
                                 "CONFIRMED:x\n"
                                 "sent 1 bytes  received 2 bytes\r\n"
-                                "any \x01\x7f\xff\x80 byte\n";
+                                "any \x01\xa0\xff\t\x1b byte\n";
     expectReport(chatter, chatter);
-    ReportFilter filter = filterWith();
+    ReportFilter filter = filterOfLetters();
     filter.takeOutput(chatter);
-    filter.finish(isInPlace);
+    filter.finish(alphabet());
     EXPECT_FALSE(filter.hasConfirmed());
+}
+
+TEST(ReportFilter, ShowsWhatATerminalMayObeyButInNames) {
+    expectReport("\x9b\x32J\x7f\n", "\\#2332J\\#177\n");
+    expectReport("SENT: \x9bz\nsender removed \x9bz\nSENT: \x7f\n",
+                 "SENT: \x9bz\nCONFIRMED: removed \x9bz\nSENT: \x7f\n");
+    ReportFilter filter = filterOfLetters();
+    filter.takeErrorOutput("rsync: \x85\n");
+    EXPECT_EQ(filter.takeReport(), "rsync: \\#205\n");
 }
 
 TEST(ReportFilter, KeepsNulBytes) {
@@ -140,32 +203,25 @@ TEST(ReportFilter, TakesNamesAsBytesToTheEndOfTheLine) {
 }
 
 TEST(ReportFilter, HoldsAConfirmationBackUntilItsSentLine) {
-    ReportFilter filter = filterWith({"link"});
+    ReportFilter filter = filterOf({"link", "a"});
     filter.takeOutput("sender removed link\nSENT: a\n");
     EXPECT_EQ(filter.takeReport(), "SENT: a\n");
     EXPECT_FALSE(filter.hasConfirmed());
     filter.takeOutput("SENT: link\n");
     EXPECT_EQ(filter.takeReport(), "SENT: link\nCONFIRMED: removed link\n");
-    filter.finish(isInPlace);
+    filter.finish(alphabet());
     EXPECT_EQ(filter.takeReport(), "");
 }
 
 TEST(ReportFilter, ReleasesAtTheEndWhatNeverWasSent) {
     expectReport(
         "sender removed z\nsender removed y\nSENT: y\nsender removed x\nother\n",
-        "SENT: y\nCONFIRMED: removed y\nother\nCONFIRMED: removed z\nCONFIRMED: removed x\n",
-        {"x", "y", "z"});
-}
-
-TEST(ReportFilter, ConfirmsAtOnceAFileWhoseSentLineCanNotFollow) {
-    ReportFilter filter = filterWith();
-    filter.takeOutput("sender removed up-to-date\n");
-    EXPECT_EQ(filter.takeReport(), "CONFIRMED: removed up-to-date\n");
+        "SENT: y\nCONFIRMED: removed y\nother\nCONFIRMED: removed z\nCONFIRMED: removed x\n");
 }
 
 TEST(ReportFilter, DropsASentLineThatComesAfterTheConfirmation) {
     expectReport("sender removed a\nSENT: a\nSENT: a\nSENT: b\n",
-                 "CONFIRMED: removed a\nSENT: b\n");
+                 "SENT: a\nCONFIRMED: removed a\nSENT: b\n");
 }
 
 TEST(ReportFilter, ConfirmsOnceAFileThatWasSentTwice) {
@@ -176,14 +232,14 @@ TEST(ReportFilter, ConfirmsOnceAFileThatWasSentTwice) {
 TEST(ReportFilter, ConfirmsOnceAFileThatWasRemovedTwice) {
     const std::string once = "SENT: a\nCONFIRMED: removed a\n";
     expectReport("SENT: a\nsender removed a\nsender removed a\n", once);
-    expectReport("sender removed a\nsender removed a\nSENT: a\nsender removed a\n", once, {"a"});
-    expectReport("sender removed a\nsender removed a\n", "CONFIRMED: removed a\n", {"a"});
+    expectReport("sender removed a\nsender removed a\nSENT: a\nsender removed a\n", once);
+    expectReport("sender removed a\nsender removed a\n", "CONFIRMED: removed a\n");
 }
 
 TEST(ReportFilter, NeverTakesErrorOutputForAConfirmation) {
-    ReportFilter filter = filterWith();
+    ReportFilter filter = filterOfLetters();
     filter.takeErrorOutput("sender removed a\nrsync: sender removed b\n");
-    filter.finish(isInPlace);
+    filter.finish(alphabet());
     EXPECT_EQ(filter.takeReport(), "sender removed a\nrsync: sender removed b\n");
     EXPECT_FALSE(filter.hasConfirmed());
 }
@@ -192,27 +248,39 @@ TEST(ReportFilter, LetsNoLineOfRsyncReadAsOneOfItsOwn) {
     expectReport("CONFIRMED: removed a\n \t CONFIRMED: x y\nCONFIRMED:\nCONFIRMED:\0z\n"s,
                  "rsync: CONFIRMED: removed a\nrsync:  \t CONFIRMED: x y\nrsync: CONFIRMED:\n"
                  "rsync: CONFIRMED:\0z\n"s);
-    ReportFilter filter = filterWith();
+    ReportFilter filter = filterOfLetters();
     filter.takeErrorOutput("SENT: a\nCONFIRMED: removed a\nSENT:b\n");
-    filter.finish(isInPlace);
+    filter.finish(alphabet());
     EXPECT_EQ(filter.takeReport(), "rsync: SENT: a\nrsync: CONFIRMED: removed a\nSENT:b\n");
     EXPECT_FALSE(filter.wasSent("a"));
     EXPECT_FALSE(filter.hasConfirmed());
 }
 
+TEST(ReportFilter, LetsNoLineOfRsyncReadAsOneOfTheDaemonsLog) {
+    const std::string misleading = "++ RSYNC OUTPUT END ++\n \t++\n+++x\nCopied 3 files\n Copied\n";
+    const std::string shown = "rsync: ++ RSYNC OUTPUT END ++\nrsync:  \t++\nrsync: +++x\n"
+                              "rsync: Copied 3 files\nrsync:  Copied\n";
+    expectReport(misleading, shown);
+    ReportFilter filter = filterOfLetters();
+    filter.takeErrorOutput(misleading);
+    EXPECT_EQ(filter.takeReport(), shown);
+    const std::string others = "+ +\nx ++\nCopied: 3\nCopiedx\ncopied\n";
+    expectReport(others, others);
+}
+
 TEST(ReportFilter, DoesNotTrustALineThatMayHaveBeenCutOff) {
     expectReport("SENT: a\nsender removed a", "SENT: a\nsender removed a\n");
     expectReport("SENT: a", "rsync: SENT: a\n");
-    ReportFilter filter = filterWith();
+    ReportFilter filter = filterOfLetters();
     filter.takeOutput("SENT: a");
     filter.takeErrorOutput("no end");
-    filter.finish(isInPlace);
+    filter.finish(alphabet());
     EXPECT_EQ(filter.takeReport(), "rsync: SENT: a\nno end\n");
     EXPECT_FALSE(filter.wasSent("a"));
 }
 
 TEST(ReportFilter, KeepsTheLinesOfTheTwoStreamsApart) {
-    ReportFilter filter = filterWith();
+    ReportFilter filter = filterOfLetters();
     filter.takeOutput("SENT: ");
     filter.takeErrorOutput("rsync: some");
     filter.takeOutput("a\nsender rem");
@@ -234,7 +302,7 @@ TEST(ReportFilter, BreaksLongLines) {
 }
 
 TEST(ReportFilter, DoesNotKeepALineWithoutEnd) {
-    ReportFilter filter = filterWith();
+    ReportFilter filter = filterOfLetters();
     const std::string portion(LineAssembly::limit, 'x');
     filter.takeOutput(portion);
     for (int round = 0; round < 100; ++round) {
@@ -251,10 +319,10 @@ TEST(ReportFilter, NeverSendsOrConfirmsByALongLine) {
          {"sender removed " + name, "SENT: " + name, "CONFIRMED: removed " + name,
           name + "sender removed a", name + "SENT: a", name + "CONFIRMED: removed a",
           name + name + "  CONFIRMED: x a", std::string(limit - 1, ' ') + "CONFIRMED: x a"}) {
-        ReportFilter filter = filterWith();
+        ReportFilter filter = filterOfLetters();
         filter.takeOutput(text + "\n");
         filter.takeErrorOutput(text + "\n");
-        filter.finish(isInPlace);
+        filter.finish(alphabet());
         const std::string report = filter.takeReport();
         std::size_t begin = 0;
         for (std::size_t end = report.find('\n'); end != std::string::npos;
@@ -271,7 +339,7 @@ TEST(ReportFilter, NeverSendsOrConfirmsByALongLine) {
 }
 
 TEST(ReportFilter, ConfirmsNoNameThatTheReaderWouldCut) {
-    ReportFilter filter = filterWith();
+    ReportFilter filter = filterOfLetters();
     const std::string fits(ReportFilter::longestName, 'n');
     filter.confirm(fits + "x");
     filter.confirmRecovered(fits + "x");
@@ -285,7 +353,7 @@ TEST(ReportFilter, ConfirmsNoNameThatTheReaderWouldCut) {
 TEST(ReportFilter, CutsARemarkThatItsReaderWouldTakeForTwo) {
     const std::string remark = "rsync_orbelin: left out: ";
     const std::string filler(1023 - remark.size(), 'x');
-    ReportFilter filter = filterWith();
+    ReportFilter filter = filterOfLetters();
     filter.remark(remark + filler + "CONFIRMED: removed a");
     EXPECT_EQ(filter.takeReport(), (remark + filler).substr(0, LineAssembly::limit) + "\n");
     filter.remark(remark);
@@ -293,26 +361,125 @@ TEST(ReportFilter, CutsARemarkThatItsReaderWouldTakeForTwo) {
 }
 
 TEST(ReportFilter, ConfirmsNothingThatWasNotToBeCopied) {
-    ReportFilter filter([](const std::string& /*name*/) { return false; },
-                        [](const std::string& name) { return name == "asked"; });
-    filter.takeOutput("sender removed other\nsender removed asked\n");
-    EXPECT_EQ(filter.takeReport(), "sender removed other\nCONFIRMED: removed asked\n");
+    ReportFilter filter = filterOf({"a"});
+    filter.takeOutput("SENT: b\nsender removed b\nsender removed c\nSENT: a\nsender removed a\n");
+    filter.finish(alphabet());
+    EXPECT_EQ(filter.takeReport(), "SENT: b\nsender removed b\nsender removed c\nSENT: a\n"
+                                   "CONFIRMED: removed a\n");
+    EXPECT_FALSE(filter.wasSent("b"));
 }
 
 TEST(ReportFilter, CountsTheFilesThatCouldNotBeCreated) {
-    ReportFilter filter = filterWith();
-    filter.takeErrorOutput(
+    const std::string complaints =
         "rsync: [receiver] mkstemp \"/x/.a.R4\" failed: Read-only file system (30)\n"
         "rsync: mkstemp \"/x/.a.R4\" failed: Permission denied (13)\n"
-        "rsync: [sender] mkstemp\n");
+        "rsync: [sender] mkstemp\n";
+    ReportFilter filter = filterOfLetters();
+    filter.takeErrorOutput(complaints);
+    EXPECT_EQ(filter.takeReport(), complaints);
     filter.takeOutput("rsync: [receiver] mkstemp \"/x\"\n");
     EXPECT_EQ(filter.receiverFailures(), 2U);
+    filter.beginPass(Pass::copy);
+    EXPECT_EQ(filter.receiverFailures(), 0U);
+}
+
+TEST(ReportFilter, SaysOfASentFileNothingUntilItIsRemoved) {
+    ReportFilter filter = filterOfLetters();
+    filter.beginPass(Pass::copy);
+    filter.takeOutput("SENT: a\nSENT: b\nSENT: a\nSENT: sub/\nSENT: other\nmore\n");
+    filter.finish(alphabet());
+    EXPECT_EQ(filter.takeReport(), "SENT: other\nmore\n");
+    EXPECT_TRUE(filter.wasSent("a"));
+    EXPECT_FALSE(filter.wasSent("c"));
+    filter.beginPass(Pass::remove);
+    filter.takeOutput("sender removed b\nsender removed c\n");
+    EXPECT_EQ(filter.takeReport(), "SENT: b\nCONFIRMED: removed b\nCONFIRMED: removed c\n");
+    filter.takeOutput("sender removed b\nSENT: b\nsender removed a\n");
+    EXPECT_EQ(filter.takeReport(), "SENT: a\nCONFIRMED: removed a\n");
+    filter.finish(alphabet());
+    EXPECT_EQ(filter.takeReport(), "");
+}
+
+TEST(ReportFilter, TakesNoRemovalFromARsyncThatDoesNotRemove) {
+    // The share can print any line; nothing that is sent is durable yet.
+    ReportFilter filter = filterOfLetters();
+    filter.beginPass(Pass::copy);
+    filter.takeOutput("SENT: a\nsender removed a\nsender removed b\n");
+    filter.finish(alphabet());
+    EXPECT_EQ(filter.takeReport(), "sender removed a\nsender removed b\n");
+    EXPECT_FALSE(filter.hasConfirmed());
+    filter.beginPass(Pass::remove);
+    filter.takeOutput("sender removed a\n");
+    EXPECT_EQ(filter.takeReport(), "SENT: a\nCONFIRMED: removed a\n");
+}
+
+TEST(ReportFilter, ConfirmsFromElsewhereWhatWasSentInSilence) {
+    ReportFilter filter = filterOfLetters();
+    filter.beginPass(Pass::copy);
+    filter.takeOutput("SENT: a\n");
+    filter.beginPass(Pass::remove);
+    filter.confirm("a");
+    filter.confirm("b");
+    EXPECT_EQ(filter.takeReport(), "SENT: a\nCONFIRMED: removed a\nCONFIRMED: removed b\n");
+    filter.giveUp("a");
+    EXPECT_EQ(filter.takeReport(), "");
+}
+
+TEST(ReportFilter, SaysAtLeastThatAFileWasSentIfNobodyKnowsMore) {
+    ReportFilter filter = filterOfLetters();
+    filter.beginPass(Pass::copy);
+    filter.takeOutput("SENT: a\nSENT: b\n");
+    filter.giveUp("a");
+    filter.giveUp("a");
+    filter.giveUp("c");
+    EXPECT_EQ(filter.takeReport(), "SENT: a\n");
+    EXPECT_FALSE(filter.hasConfirmed());
+    // A second SENT line for it would have its reader wait for a second confirmation.
+    filter.confirm("a");
+    EXPECT_EQ(filter.takeReport(), "CONFIRMED: removed a\n");
+    filter.beginPass(Pass::copyAndRemove);
+    filter.takeOutput("SENT: c\n");
+    filter.giveUp("c");
+    EXPECT_EQ(filter.takeReport(), "SENT: c\n");
+}
+
+TEST(ReportFilter, TellsNotOfFilesThatChangedSinceTheyWereCopied) {
+    ReportFilter filter = filterOfLetters();
+    filter.beginPass(Pass::remove);
+    filter.takeErrorOutput("rsync: [receiver] mkstemp \"/proc/.a.R4\" failed: No such file or "
+                           "directory (2)\nrsync: other\n");
+    EXPECT_EQ(filter.takeReport(), "rsync: other\n");
+    EXPECT_EQ(filter.receiverFailures(), 1U);
+}
+
+TEST(ReportFilter, ReleasesAHeldBackRemovalAtTheEndOfItsPass) {
+    ReportFilter filter = filterOfLetters();
+    filter.beginPass(Pass::copyAndRemove);
+    filter.takeOutput("sender removed a\n");
+    filter.finish(alphabet());
+    EXPECT_EQ(filter.takeReport(), "CONFIRMED: removed a\n");
+    filter.beginPass(Pass::copyAndRemove);
+    filter.takeOutput("SENT: a\nsender removed a\nsender removed b\nSENT: b\n");
+    filter.finish(alphabet());
+    EXPECT_EQ(filter.takeReport(), "SENT: b\nCONFIRMED: removed b\n");
+}
+
+TEST(ReportFilter, ForgetsARemovalOfWhatIsNotInPlace) {
+    ReportFilter filter = filterOf({"nowhere"});
+    filter.takeOutput("sender removed nowhere\n");
+    filter.finish(alphabet());
+    EXPECT_EQ(filter.takeReport(), "sender removed nowhere\n");
+    filter.beginPass(Pass::copyAndRemove);
+    filter.takeOutput("SENT: nowhere\n");
+    filter.finish(alphabet());
+    EXPECT_EQ(filter.takeReport(), "SENT: nowhere\n");
+    EXPECT_FALSE(filter.hasConfirmed());
 }
 
 TEST(ReportFilter, TakesConfirmationsFromElsewhere) {
-    ReportFilter filter = filterWith();
+    ReportFilter filter = filterOfLetters();
     filter.takeOutput("SENT: a\nSENT: b\nsender removed b\n");
-    filter.finish(isInPlace);
+    filter.finish(alphabet());
     filter.takeReport();
     EXPECT_TRUE(filter.wasSent("a"));
     EXPECT_FALSE(filter.wasSent("b"));
@@ -329,30 +496,38 @@ TEST(ReportFilter, TakesConfirmationsFromElsewhere) {
 }
 
 TEST(ReportFilter, RemembersWhatRsyncComplainedAbout) {
-    ReportFilter filter = filterWith();
+    ReportFilter filter("/data/");
+    filter.setListed({"g one", "q\"u", "out", "x", "torn", "again", "data/x"});
     filter.takeErrorOutput(
         "rsync: [sender] link_stat \"/data/g one\" (in ramdisk) failed: No such file or directory "
         "(2)\n"
-        "file has vanished: \"/q\"u\" (in ramdisk)\n"
+        "file has vanished: \"/data/q\"u\" (in ramdisk)\n"
+        "file has vanished: \"/data/unlisted\" (in ramdisk)\n"
+        "file has vanished: \"/x\" (in ramdisk)\n"
         "ERROR: torn failed verification -- update discarded.\n"
+        "ERROR: unlisted failed verification -- update discarded.\n"
         "WARNING: again failed verification -- update discarded (will try again).\n"
-        "rsync: [receiver] rename \"/tmp/x\" -> \"y\": Permission denied (13)\n"
+        "rsync: [receiver] rename \"/data/x\" -> \"y\": Permission denied (13)\n"
         "\" (in \n");
-    filter.takeOutput("rsync: link_stat \"/out\" (in ramdisk) failed\n");
-    EXPECT_TRUE(filter.wasComplainedAbout("/data/g one"));
-    EXPECT_TRUE(filter.wasComplainedAbout("/q\"u"));
-    EXPECT_FALSE(filter.wasComplainedAbout("/out"));
-    EXPECT_FALSE(filter.wasComplainedAbout("/tmp/x"));
+    filter.takeOutput("rsync: link_stat \"/data/out\" (in ramdisk) failed\n");
+    EXPECT_TRUE(filter.wasComplainedAbout("g one"));
+    EXPECT_TRUE(filter.wasComplainedAbout("q\"u"));
+    for (const char* name : {"out", "x", "data/x", "torn", "unlisted"}) {
+        EXPECT_FALSE(filter.wasComplainedAbout(name)) << name;
+    }
     EXPECT_TRUE(filter.wasDiscarded("torn"));
     EXPECT_FALSE(filter.wasDiscarded("again"));
+    EXPECT_FALSE(filter.wasDiscarded("unlisted"));
 }
 
 TEST(ReportFilter, NoticesThatTheFileListCame) {
-    ReportFilter filter = filterWith();
+    ReportFilter filter = filterOfLetters();
     filter.takeOutput("receiving file list ... ");
     EXPECT_FALSE(filter.sawFileList());
     filter.takeOutput("done\n");
     EXPECT_TRUE(filter.sawFileList());
+    filter.beginPass(Pass::copyAndRemove);
+    EXPECT_FALSE(filter.sawFileList());
 }
 
 } // namespace

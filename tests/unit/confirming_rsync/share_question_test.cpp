@@ -38,16 +38,58 @@ TEST(Share, IsNoOtherSource) {
     }
 }
 
+TEST(Share, HasItsModulesRootAsAnUrl) {
+    const auto root = [](const char* source) { return parseShare(source)->root; };
+    EXPECT_EQ(root("rsync://root@10.0.0.1:49371/ramdisk/"), "rsync://root@10.0.0.1:49371/ramdisk/");
+    EXPECT_EQ(root("rsync://host/ramdisk"), "rsync://host/ramdisk/");
+    EXPECT_EQ(root("rsync://host/ramdisk//a/./b c//"), "rsync://host/ramdisk/");
+    EXPECT_EQ(root("rsync://[::1]:873/mod/x/"), "rsync://[::1]:873/mod/");
+    EXPECT_EQ(root("me@host::mod"), "me@host::mod/");
+    EXPECT_EQ(root("me@[fe80::1]::mod/[x]/::y"), "me@[fe80::1]::mod/");
+}
+
+TEST(Share, HasEntriesThatBeginInItsDirectory) {
+    EXPECT_EQ(parseShare("rsync://h/m/")->entry("sub/a"), "sub/a");
+    EXPECT_EQ(parseShare("rsync://h/m/")->entry("n\\#012l"), "n\nl");
+    EXPECT_EQ(parseShare("rsync://h/m/exp/run7")->entry("sub/a"), "exp/run7/./sub/a");
+    EXPECT_EQ(parseShare("h::m/./a b//c/")->entry("n\\#012l"), "a b/c/./n\nl");
+    // A directory that looks like an escape, and one with a control character.
+    EXPECT_EQ(parseShare("h::m/\\#101/x\ny/")->entry("\\#134#012"), "\\#101/x\ny/./\\#012");
+}
+
+TEST(Share, NamesPathsAsComplaintsQuoteThem) {
+    EXPECT_EQ(parseShare("rsync://h/m/")->pathOf("sub/a"), "/sub/a");
+    EXPECT_EQ(parseShare("rsync://h/m/d/x\ny/")->pathOf("a\\#012"), "/d/x\\#012y/a\\#012");
+}
+
 TEST(ShareQuestion, ListsByNameWithBoundedWaits) {
     EXPECT_EQ(
-        questionArguments({"--password-file=/p"}, "rsync://h/m/"),
+        questionArguments({"--password-file=/p"}, *parseShare("rsync://h/m/exp/run7/")),
         (Strings{"--list-only", "--files-from=-", "--from0", "--8-bit-output", "--no-motd",
                  "--contimeout=10", "--timeout=20", "--password-file=/p", "rsync://h/m/", "."}));
 }
 
 TEST(ShareQuestion, NamesTheFilesAsTheyAre) {
-    EXPECT_EQ(questionInput({"a", "b c", "n\\#012l", "\\#134#012"}), "a\0b c\0n\nl\0\\#012\0"s);
-    EXPECT_EQ(questionInput({}), "");
+    const Share root = *parseShare("rsync://h/m/");
+    EXPECT_EQ(listInput(root, {"a", "b c", "n\\#012l", "\\#134#012"}), "a\0b c\0n\nl\0\\#012\0"s);
+    EXPECT_EQ(listInput(root, {}), "");
+    EXPECT_EQ(listInput(*parseShare("rsync://h/m/d/"), {"a", "b/c"}), "d/./a\0d/./b/c\0"s);
+}
+
+TEST(ListingLine, MayMeanSeveralNames) {
+    const auto names = [](const std::string& line) {
+        Strings taken;
+        forListedNames(line, [&taken](std::string_view name) { taken.emplace_back(name); });
+        return taken;
+    };
+    EXPECT_EQ(names("-rw-r--r--          1,000 2026/11/21 08:00:00 a b"), Strings{"a b"});
+    EXPECT_EQ(names("-rw-r--r--  0 2026/11/21 08:00:00  lead"), Strings{" lead"});
+    EXPECT_EQ(names("lrwxrwxrwx  1 2026/11/21 08:00:00 l -> b -> c"),
+              (Strings{"l -> b -> c", "l", "l -> b"}));
+    for (const char* line : {"", " ", "motd", "-rw-r--r--  0 2026/11/21 08:00:00",
+                             "-rw-r--r--  0 2026/11/21 08:00:00 "}) {
+        EXPECT_EQ(names(line), Strings{}) << line;
+    }
 }
 
 TEST(ShareQuestion, IsAnsweredWhenRsyncWentThroughAllNames) {
@@ -70,7 +112,7 @@ protected:
         return namesGone(share, names, output, errors);
     }
 
-    Share share{"ramdisk", "/"};
+    Share share{"rsync://h/ramdisk/", "ramdisk", "/"};
 };
 
 TEST_F(NamesGone, AreThoseThatTheShareSaysDoNotExist) {

@@ -1,0 +1,36 @@
+"""A target on a disk: a small file system in a file."""
+
+from __future__ import annotations
+
+import shutil
+import subprocess
+from collections.abc import Iterator
+from contextlib import contextmanager
+from pathlib import Path
+
+import pytest
+
+
+@contextmanager
+def ext4(place: Path, megabytes: int = 32) -> Iterator[Path]:
+    """An ext4 file system that is mounted at `place` until the end of the block. Where none can be
+    had, the test is skipped."""
+    for tool in ("mkfs.ext4", "mount", "strace"):
+        if not shutil.which(tool, path="/usr/sbin:/usr/bin:/sbin:/bin"):
+            pytest.skip(f"the program '{tool}' is missing")
+    image = Path(f"{place}.image")
+    with open(image, "wb") as file:
+        file.truncate(megabytes * 1024 * 1024)
+    subprocess.run(["/sbin/mkfs.ext4", "-q", "-m", "0", image], check=True)
+    place.mkdir(parents=True, exist_ok=True)
+    mounting = subprocess.run(
+        ["mount", "-o", "loop", image, place], stderr=subprocess.PIPE, text=True, check=False
+    )
+    if mounting.returncode != 0:
+        pytest.skip(f"this machine mounts no file system from a file: {mounting.stderr.strip()}")
+    (place / "lost+found").rmdir()
+    try:
+        yield place
+    finally:
+        subprocess.run(["umount", place], check=True)
+        image.unlink()
