@@ -4,8 +4,8 @@ A part is a folder here with two modules. `measure.py` has
 
     measure(quick: bool) -> Data
 
-which takes the numbers, in the sandbox; the quick form only shows that all of it works. `tell.py`
-has what is made of them, without measuring anything:
+which takes the numbers, in the sandbox, or raises CannotMeasure; the quick form only shows that all
+of it works. `tell.py` has what is made of them, without measuring anything:
 
     targets(data: Data) -> list[Target]
     tables(data: Data) -> dict[str, str]      Markdown, by the name that docs/performance.md uses
@@ -19,6 +19,10 @@ from typing import Any
 
 # The numbers as they were measured, every round of them, as JSON can hold them.
 Data = dict[str, Any]
+
+
+class CannotMeasure(Exception):
+    """This machine lacks what a part needs; the text says what."""
 
 
 @dataclass(frozen=True)

@@ -3,10 +3,11 @@
 
     run.py measure PART --output FILE [--quick]      in the sandbox; prints the part's tables
     run.py record --build FOLDER --began SECONDS FILE...   keeps a full run, from every part's FILE
+    run.py record --add --build FOLDER FILE...       keeps some parts beside the rest of the last run
     run.py render [--check]                          the page and its plots, from what is kept
 
 Called by scripts/bench.sh. What is kept is docs/performance/results.jsonl, one line for each of
-the last two full runs. In docs/performance.md everything between marker lines is written here:
+the last two full runs, parts that were added later included. In docs/performance.md everything between marker lines is written here:
 
     <!-- bench/run.py NAME: begin -->  ...  <!-- bench/run.py NAME: end -->
 
@@ -31,16 +32,16 @@ from dataclasses import dataclass
 from pathlib import Path
 from typing import Any, Protocol, cast
 
-from results import Data, Plot, Target
+from results import CannotMeasure, Data, Plot, Target
 
 ROOT = Path(__file__).resolve().parent.parent
-PARTS = ("micro", "drain", "growth", "idle")
+PARTS = ("micro", "drain", "durable", "growth", "idle")
 KEPT = 2  # full runs
 MARKER = re.compile(
     r"<!-- bench/run\.py (?P<name>[^>]+): begin -->\n.*?<!-- bench/run\.py (?P=name): end -->\n",
     re.DOTALL,
 )
-NOTHING_YET = "No full run has been recorded yet.\n"
+NOTHING_YET = "Nothing of it has been recorded yet.\n"
 
 
 @dataclass(frozen=True)
@@ -126,14 +127,40 @@ def record(place: Place, build: Path, began: float, files: list[Path]) -> None:
     if missing:
         sys.exit(f"no full run without {', '.join(sorted(missing))}")
     run = {
-        "date": datetime.datetime.now(datetime.timezone.utc).strftime("%Y-%m-%d %H:%M UTC"),
+        "date": now(),
         "machine": machine(),
         "versions": versions(build),
         "seconds": round(time.time() - began),
         "parts": parts,
     }
+    keep(place, [*kept(place), run][-KEPT:])
+
+
+def add(place: Place, build: Path, files: list[Path]) -> None:
+    """Gives parts to the last run that is kept; what it had of them goes to the run before."""
+    runs = kept(place)
+    if not runs or runs[-1]["machine"] != machine():
+        sys.exit("parts can only be added to a full run, and on the same machine")
+    for file in files:
+        data = json.loads(file.read_text(encoding="utf-8"))
+        origin = f"{now()}, skarn {versions(build)['skarn']}"
+        for run in reversed(runs):
+            added = run.setdefault("added", {})
+            before = run["parts"].get(file.stem)
+            origin_before = added.get(file.stem, f"{run['date']}, skarn {run['versions']['skarn']}")
+            run["parts"][file.stem], added[file.stem] = data, origin
+            if before is None:
+                break
+            data, origin = before, origin_before
+    keep(place, runs)
+
+
+def now() -> str:
+    return datetime.datetime.now(datetime.timezone.utc).strftime("%Y-%m-%d %H:%M UTC")
+
+
+def keep(place: Place, runs: list[dict[str, Any]]) -> None:
     place.folder.mkdir(parents=True, exist_ok=True)
-    runs = [*kept(place), run][-KEPT:]
     place.results.write_text("".join(json.dumps(each) + "\n" for each in runs), encoding="utf-8")
 
 
@@ -255,6 +282,10 @@ def machine_table(runs: list[dict[str, Any]]) -> str:
         **{name: [run["machine"][name] for run in runs] for name in runs[-1]["machine"]},
         **{name: [run["versions"][name] for run in runs] for name in runs[-1]["versions"]},
         "duration": [f"{run['seconds'] / 60:.1f} minutes" for run in runs],
+        **{
+            f"`{part}` apart from the rest": [run.get("added", {}).get(part, "") for run in runs]
+            for part in runs[-1].get("added", {})
+        },
     }
     head = [f"| | {' | '.join(run_names(runs))} |", "|---|" + "---|" * len(runs)]
     lines = [f"| {name} | {' | '.join(row)} |" for name, row in rows.items()]
@@ -373,7 +404,8 @@ def main() -> int:
     measuring.add_argument("--quick", action="store_true")
     recording = commands.add_parser("record")
     recording.add_argument("--build", type=Path, required=True)
-    recording.add_argument("--began", type=float, required=True)
+    recording.add_argument("--began", type=float, help="of a full run")
+    recording.add_argument("--add", action="store_true", help="to the last full run")
     recording.add_argument("files", type=Path, nargs="+")
     rendering = commands.add_parser("render")
     rendering.add_argument("--check", action="store_true")
@@ -381,9 +413,15 @@ def main() -> int:
         each.add_argument("--docs", type=Path, default=ROOT / "docs", help="where the page is")
     options = parser.parse_args()
     if options.command == "measure":
-        measure(options.part, options.quick, options.output)
+        try:
+            measure(options.part, options.quick, options.output)
+        except CannotMeasure as error:
+            sys.exit(f"{options.part} can't be measured here: {error}")
         return 0
     place = Place(options.docs)
+    if options.command == "record" and options.add:
+        add(place, options.build, options.files)
+        return 0
     if options.command == "record":
         record(place, options.build, options.began, options.files)
         return 0

@@ -1,28 +1,30 @@
 #!/usr/bin/env bash
 # Runs the benchmarks: micro (the daemon's own work by the piece), drain (whole shares, beside other ways of pulling
-# them), growth (more files, more detectors), idle (an empty cycle). Installs what is missing, builds first, and measures
-# in the sandbox. All parts together take less than 20 minutes on two cores.
+# them), durable (drains onto ext4 and xfs), growth (more files, more detectors), idle (an empty cycle). Installs what is
+# missing, builds first, and measures in the sandbox. All parts together take less than half an hour on two cores.
 #
-#   bench.sh [--quick] [PART...]
+#   bench.sh [--quick | --add] [PART...]
 #
 # When all parts were run, their numbers are kept in docs/performance/results.jsonl, and the tables of
-# docs/performance.md and its plots are written from them. --quick shows only that all of it works, and keeps nothing.
+# docs/performance.md and its plots are written from them. --add does so with some parts: they take their places in the
+# last full run. --quick shows only that all of it works, and keeps nothing.
 # The status is 0 unless a part fails; a target that is missed is told, and no failure.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-all=(micro drain growth idle)
-quick=() parts=()
+all=(micro drain durable growth idle)
+quick=() adds=no parts=()
 for argument in "$@"; do
     case $argument in
         --quick) quick=(--quick) ;;
-        micro | drain | growth | idle) parts+=("$argument") ;;
+        --add) adds=yes ;;
+        micro | drain | durable | growth | idle) parts+=("$argument") ;;
         -h | --help)
             sed -n '2,/^set /s/^# \{0,1\}//p' "$0"
             exit 0
             ;;
         *)
-            printf 'usage: bench.sh [--quick] [PART...]   (%s)\n' "${all[*]}" >&2
+            printf 'usage: bench.sh [--quick | --add] [PART...]   (%s)\n' "${all[*]}" >&2
             exit 2
             ;;
     esac
@@ -56,8 +58,14 @@ if [ ${#failed[@]} -gt 0 ]; then
     printf 'Failed: %s\n' "${failed[*]}" >&2
     exit 1
 fi
-if [ ${#quick[@]} -eq 0 ] && [ "$(printf '%s\n' "${parts[@]}" | sort -u)" = "$(printf '%s\n' "${all[@]}" | sort)" ]; then
-    /usr/bin/python3 bench/run.py record --build "$build" --began "$began" "${files[@]}"
+how=()
+if [ "$(printf '%s\n' "${parts[@]}" | sort -u)" = "$(printf '%s\n' "${all[@]}" | sort)" ]; then
+    how=(--began "$began")
+elif [ "$adds" = yes ]; then
+    how=(--add)
+fi
+if [ ${#quick[@]} -eq 0 ] && [ ${#how[@]} -gt 0 ]; then
+    /usr/bin/python3 bench/run.py record --build "$build" "${how[@]}" "${files[@]}"
     /usr/bin/python3 bench/run.py render
     printf '\nKept in docs/performance/results.jsonl; docs/performance.md tells it.\n'
 fi

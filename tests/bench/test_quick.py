@@ -8,12 +8,16 @@ from pathlib import Path
 import pytest
 
 import run
+from results import CannotMeasure
 
 
 @pytest.mark.parametrize("part", run.PARTS)
 def test_a_part_runs_and_can_be_told(part: str, capsys: pytest.CaptureFixture[str]) -> None:
     output = Path("/srv/part.json")
-    run.measure(part, True, output)
+    try:
+        run.measure(part, True, output)
+    except CannotMeasure as error:
+        pytest.skip(str(error))
     printed = capsys.readouterr().out
     tell = run.teller(part)
     data = json.loads(output.read_text(encoding="utf-8"))

@@ -12,6 +12,7 @@ from pathlib import Path
 import pytest
 
 import run
+from durable import tell as durable
 from growth import tell as growth
 from idle import tell as idle
 from results import Data, Plot, Target
@@ -48,6 +49,36 @@ IDLE: Data = {
         "daemon": {"cycles": 2, "programs": {"skarn": {"read": 20}, "rsync": {"read": 40}}},
         "floor": {"cycles": 1, "programs": {"rsync": {"read": 20, "poll": 5}}},
         "floor with a shell": {"cycles": 1, "programs": {"rsync": {"read": 20}}},
+    },
+}
+DURABLE: Data = {
+    "drains": {
+        "ext4 small": {
+            "kind": "ext4",
+            "files": 8_000,
+            "size": 20_000,
+            "rounds": [
+                {
+                    "skarn": {"wall": ours, "clients": 1.0, "server": 0.5},
+                    "eight_at_once": {"wall": theirs, "clients": 2.0, "server": 0.5},
+                }
+                for ours, theirs in ((1.0, 2.0), (3.0, 2.5), (4.0, 4.0))
+            ],
+        }
+    },
+    "streams": {
+        "ext4": {
+            "pause": 0.1,
+            "rate": 500.0,
+            "files": 1_000,
+            "cycles": 10,
+            "seconds": 2.0,
+            "delay_percentiles": [number / 100 for number in range(1, 100)],
+            "longest_delay": 1.5,
+            "clients": 0.2,
+            "server": 0.1,
+            "daemon": 0.01,
+        }
     },
 }
 PAGE = "".join(
@@ -89,6 +120,16 @@ def test_an_empty_cycle_is_told_by_the_median_of_the_rounds_ratios() -> None:
     assert "| an empty cycle of the daemon | 6.00 (5.00, 10.00) |" in costs
     assert "| `skarn` | 10.0 | 0.0 | 0.0 |" in tables["system calls by program"]
     assert "| `read` | +10.0 |\n| `poll` | -5.0 |" in tables["system calls that differ"]
+
+
+def test_drains_onto_a_disk_are_told_by_the_median_of_the_rounds_ratios() -> None:
+    (target,) = durable.targets(DURABLE)
+    assert (target.value, target.limit) == (1.0, 1.1)  # of 0.5, 1.2 and 1, not 3 / 2.5
+    assert target.what.startswith("ext4, 8,000 × 20 kB: time of `skarn`")
+    tables = durable.tables(DURABLE)
+    start = "| ext4 | 8,000 × 20 kB | `skarn` | 3 | 3.000 | 1.000 to 4.000 | 1.00 | 1.00 | 0.50 |"
+    assert start in tables["drains"]
+    assert "| ext4 | 0.1 | 500 | 0.500 | 0.990 | 1.500 | 100 | 0.10 |" in tables["streams"]
 
 
 def test_a_target_is_met_only_if_all_runs_meet_it() -> None:
@@ -158,6 +199,37 @@ def test_the_last_two_runs_are_kept() -> None:
     assert kept[0]["versions"]["compiler"].startswith("Python 3")
     with pytest.raises(SystemExit, match="no full run without micro"):
         run.record(place, build, 0.0, files[1:])
+
+
+def test_a_part_can_be_added_to_the_last_full_run(monkeypatch: pytest.MonkeyPatch) -> None:
+    place, build, file = run.Place(Path("/srv/docs")), Path("/srv/build"), Path("/srv/durable.json")
+    file.write_text(json.dumps(DURABLE))
+    monkeypatch.setattr(run, "versions", lambda _: {"skarn": "new"})
+    with pytest.raises(SystemExit, match="only be added to a full run"):
+        run.add(place, build, [file])
+    here = {"machine": run.machine()}
+    run.keep(place, [run_of("first") | here, run_of("second") | here])
+    page = PAGE + "<!-- bench/run.py durable: begin -->\n<!-- bench/run.py durable: end -->\n"
+    assert "recorded yet" in run.page(page, run.kept(place))
+    run.add(place, build, [file])
+    first, second = run.kept(place)
+    assert "durable" not in first["parts"] and second["parts"]["durable"] == DURABLE
+    text = run.page(page, run.kept(place))
+    assert "| ext4 | 8,000 × 20 kB | `skarn` | 3 |" in text and "recorded yet" not in text
+    assert f"| `durable` apart from the rest |  | {second['added']['durable']} |" in text
+    # The next time, both have it; a part of the full run goes to the run before just so.
+    run.add(place, build, [file])
+    assert all(each["parts"]["durable"] == DURABLE for each in run.kept(place))
+    idle_file = Path("/srv/idle.json")
+    idle_file.write_text(json.dumps({**IDLE, "minpause": 1}))
+    run.add(place, build, [idle_file])
+    first, second = run.kept(place)
+    assert (first["parts"]["idle"]["minpause"], second["parts"]["idle"]["minpause"]) == (20, 1)
+    assert first["added"]["idle"] == "second, skarn abc"
+    here["machine"]["processor"] = "another"
+    run.keep(place, [run_of("first") | here])
+    with pytest.raises(SystemExit, match="on the same machine"):
+        run.add(place, build, [file])
 
 
 def test_a_plot_names_its_series_and_axes() -> None:
