@@ -14,9 +14,9 @@ control=(libcli11-dev libncurses-dev nlohmann-json3-dev prometheus-cpp-dev)
 # The sandbox (mount, unshare, ip), the other end of the transfers, and what drives them.
 demo=("${build[@]}" iproute2 mount python3 rsync util-linux)
 # Of prometheus only promtool is wanted, which checks metrics and alerts; no smaller package has it.
-tests=("${demo[@]}" "${control[@]}" bash-completion git gnuplot-nox libgmock-dev libgtest-dev prometheus python3-pytest tmux)
+tests=("${demo[@]}" "${control[@]}" bash-completion btrfs-progs e2fsprogs git gnuplot-nox libgmock-dev libgtest-dev prometheus python3-pytest strace tmux xfsprogs)
 soak=("${demo[@]}" gnuplot-nox)
-bench=("${demo[@]}" gnuplot-nox libbenchmark-dev parallel strace)
+bench=("${demo[@]}" e2fsprogs gnuplot-nox libbenchmark-dev parallel strace xfsprogs)
 races=("${tests[@]}" valgrind)
 coverage=("${tests[@]}" gcovr)
 # What builds Debian packages and looks at them, and what makes a tree to install them into.

@@ -96,9 +96,11 @@ class Bed:
         *,
         stations: int = 1,
         proxy: bool = False,
+        max_verbosity: int | None = 2,
         settings: Mapping[str, object] | None = None,
     ) -> None:
         self.seed = seed
+        self._max_verbosity = max_verbosity
         self.stations = [self._station(number, proxy) for number in range(1, stations + 1)]
         self.consumer = CheckingConsumer(
             {f"{each.target}/.": each.ledger for each in self.stations}
@@ -124,7 +126,7 @@ class Bed:
         ledger = Ledger(share, target)
         return Station(
             name,
-            RsyncServer(address, share, STATE, log=True),
+            RsyncServer(address, share, STATE, max_verbosity=self._max_verbosity, log=True),
             Proxy(seen, address) if proxied else None,
             ledger,
             Workload(share, f"{self.seed} {name}", ledger),
@@ -299,7 +301,7 @@ class Bed:
         rng = Random(f"schedule {self.seed}")
         for fault in faults:
             fault.prepare(self)
-        self._install()
+        self.install()
         self.start_daemon()
         for station in self.stations:
             station.workload.start()
@@ -344,7 +346,8 @@ class Bed:
     def _wait(self, seconds: float) -> None:
         self._end.wait(seconds)
 
-    def _install(self) -> None:
+    def install(self) -> None:
+        """Puts the password, the copy program and the configuration in their places."""
         skarn.install_password_file()
         skarn.install_copy_program(Path(os.environ["CONFIRMING_RSYNC_BINARY"]))
         skarn.write_configuration(
@@ -407,7 +410,7 @@ class Bed:
         kills = any(fault.kills for fault in faults)
         for station in self.stations:
             self._judge_station(station, kills, outcome)
-        self._judge_log()
+        self.judge_log()
         self._judge_leftovers()
         outcome.daemon_kills, outcome.copy_kills = self.daemon_kills, self.copy_kills
         outcome.broken = tuple(line for each in self.stations for line in each.ledger.broken)
@@ -460,7 +463,8 @@ class Bed:
                 if name not in produced and not (half and self._kill_times):
                     ledger.complain(f"{place / name} is at the target and was never produced")
 
-    def _judge_log(self) -> None:
+    def judge_log(self) -> None:
+        """Compares what the log says with what was produced, and looks for a sanitizer's words."""
         log = self.daemon.archived_log()
         names = {entry.name for each in self.stations for entry in each.ledger.entries()}
         for name in re.findall(r"^Error: Lost (.*)$", log, re.MULTILINE):

@@ -75,6 +75,19 @@ class Ledger:
         with self._lock:
             self._entries[name].withdrawn = True
 
+    def carry_over(self, entries: Iterable[Entry], present: set[str]) -> None:
+        """Begins with the files of another ledger: those `present` stand in the share, the others
+        have left it, and what they were announced in before counts no more.
+        """
+        for entry in entries:
+            here = Entry(entry.name, entry.born, set(entry.digests), entry.final, entry.source)
+            with self._lock:
+                self._entries[entry.name] = here
+                if entry.name in present:
+                    self._present[entry.name] = here
+                else:
+                    here.gone = time.monotonic()
+
     # What the bed sees.
 
     def look(self) -> int:
@@ -158,6 +171,12 @@ class Ledger:
                 found = self.find(entry.name)
                 entry.excused = found not in (None, self.places[0] / entry.name)
         return [entry.name for entry in open_entries if not entry.excused]
+
+    def is_open(self, names: Iterable[str]) -> bool:
+        """Whether one of these files has not left the source, or needs a record and has none."""
+        with self._lock:
+            entries = [self._entries[name] for name in names]
+        return any(each.gone is None or not (each.records or each.excused) for each in entries)
 
     def find(self, name: str) -> Path | None:
         """Where the file has arrived, or None."""

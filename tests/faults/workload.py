@@ -5,6 +5,8 @@ from __future__ import annotations
 import os
 import random
 import threading
+from collections.abc import Iterator
+from contextlib import contextmanager
 from pathlib import Path
 
 from faults.ledger import Ledger
@@ -40,6 +42,7 @@ class Workload:
         self._number = 0
         self._stop = threading.Event()
         self._lock = threading.Lock()
+        self._writing = threading.RLock()
         self._thread: threading.Thread | None = None
 
     def start(self) -> None:
@@ -69,9 +72,16 @@ class Workload:
         path.parent.mkdir(parents=True, exist_ok=True)
         unfinished = path.with_name(path.name + ".tmp")
         unfinished.write_bytes(content)
-        self._ledger.will_appear(name, digest_of(content), len(content), stays)
-        os.rename(unfinished, path)
-        self._ledger.appeared(name)
+        with self._writing:
+            self._ledger.will_appear(name, digest_of(content), len(content), stays)
+            os.rename(unfinished, path)
+            self._ledger.appeared(name)
+
+    @contextmanager
+    def standing_still(self) -> Iterator[None]:
+        """As long as the block lasts no file appears: each that the ledger knows has appeared."""
+        with self._writing:
+            yield
 
     def _produce(self) -> None:
         while not self._stop.is_set() and self._number < self._most:
