@@ -409,6 +409,10 @@ std::optional<CopyRun::Names> CopyRun::namesGoneOf(const Names& names, std::stri
         failure = "rsync ended with status " + std::to_string(rsync.exitStatus());
         return std::nullopt;
     }
+    if (relay_.hasMissedSomething()) {
+        failure = "not all that rsync said could be read";
+        return std::nullopt;
+    }
     return namesGone(share_, names, output, errorOutput);
 }
 

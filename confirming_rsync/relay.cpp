@@ -40,20 +40,21 @@ int millisecondsUntil(Clock::time_point time) {
 
 constexpr std::size_t mostAtOnce = 8192;
 
+} // namespace
+
 /// Hands on what is there to read, and returns how much that was; closes the descriptor at the end
 /// of the stream.
-std::size_t readSome(Descriptor& from, const std::function<void(std::string_view)>& sink) {
+std::size_t Relay::readSome(Descriptor& from, const std::function<void(std::string_view)>& sink) {
     std::array<char, mostAtOnce> buffer{};
     const ssize_t count = ::read(from.get(), buffer.data(), buffer.size());
     if (count > 0) {
         sink(std::string_view(buffer.data(), static_cast<std::size_t>(count)));
     } else if (count == 0 || errno != EINTR) {
+        missedSomething_ = missedSomething_ || count != 0;
         from.close();
     }
     return static_cast<std::size_t>(std::max<ssize_t>(count, 0));
 }
-
-} // namespace
 
 void Relay::step(Child& child, const Sinks& sinks, Clock::time_point until) {
     step(&child, &sinks, until);

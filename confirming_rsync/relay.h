@@ -45,13 +45,18 @@ public:
 
     bool readerIsGone() const { return writer_.hasGivenUp(); }
 
+    /// True if some of what a child has printed could not be read. What it said is then no answer.
+    bool hasMissedSomething() const { return missedSomething_; }
+
 private:
     void step(Child* child, const Sinks* sinks, Clock::time_point until);
+    std::size_t readSome(Descriptor& from, const std::function<void(std::string_view)>& sink);
     void takeSignals();
 
     Signals& signals_;
     ReportWriter& writer_;
     int stopSignal_ = 0;
+    bool missedSomething_ = false;
     Clock::time_point restsUntil_; ///< until then a child is not read from
 };
 

@@ -90,7 +90,7 @@ int ShareListing::run() {
     }
     if (!isStopping()) {
         figures.end(rsync.exitStatus(), entries, complaints.first());
-        if (rsync.exitStatus() == 0) {
+        if (rsync.exitStatus() == 0 && !relay.hasMissedSomething()) {
             settlement.settle();
         }
         if (rsync.exitStatus() == 0 && settlement.isReminderDue()) {

@@ -82,8 +82,19 @@ name = folder + "/%d" % len([n for n in os.listdir(folder) if "." not in n])
 with open(name + ".new", "w") as file:
     json.dump(record, file)
 os.rename(name + ".new", name)
+absent = set()
+def put(name):
+    path = os.path.join(os.fsencode(sys.argv[-1]), name)
+    listed = {entry.split("/./")[-1] for entry in given.split("\\0")}
+    if name.decode("latin-1") in listed - absent and not os.path.lexists(path):
+        os.makedirs(os.path.dirname(path), exist_ok=True)
+        open(path, "w").close()
 def out(text):
-    os.write(1, text if isinstance(text, bytes) else text.encode("latin-1"))
+    raw = text if isinstance(text, bytes) else text.encode("latin-1")
+    for line in raw.split(b"\\n"):
+        if line.startswith(b"sender removed "):
+            put(line[15:])
+    os.write(1, raw)
 def err(text):
     os.write(2, text if isinstance(text, bytes) else text.encode("latin-1"))
 def missing(path):
@@ -97,7 +108,8 @@ def script_rsync(copying: str, asked: str = "sys.exit(10)") -> None:
     """Installs an rsync that records its call and then does what the two pieces of Python say.
 
     `copying` runs in the copy, `asked` when it is to list the share, or asked what is still there.
-    Both can use out(), err() and missing(), and `given`, the text on the standard input.
+    Both can use out(), err() and missing(), and `given`, the text on the standard input. What
+    out() reports as removed is in place by then, unless `absent` has its name.
     """
     body = PRELUDE.replace("CALLS", str(CALLS))
     body += "\n".join("    " + line for line in copying.splitlines()) + "\n"

@@ -314,7 +314,7 @@ def test_of_eight_runs_that_find_names_put_aside_one_announces() -> None:
 
 @pytest.mark.parametrize("ends", ["reader", "killed"])
 def test_a_run_that_dies_before_it_has_told_all_leaves_the_rest(ends: str) -> None:
-    listed = [f"{index:0200}" for index in range(1400)]
+    listed = [f"{index:0200}" for index in range(950)]
     broken_run(*listed)
     script()
     assert reminders(list_share()) == 1

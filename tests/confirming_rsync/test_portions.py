@@ -32,7 +32,7 @@ from support.rsync_server import RsyncServer
 
 LARGEST = 1000
 LISTED = [f"frame_{number:06d}.raw" for number in range(2 * LARGEST + 700)]
-PORTIONS = [LISTED[:1233], LISTED[1233:2466], LISTED[2466:]]
+PORTIONS = [LISTED[:900], LISTED[900:1800], LISTED[1800:]]
 
 # What each copy does first: it takes its names, in the order in which the copies were started.
 TAKE = """

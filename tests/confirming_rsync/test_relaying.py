@@ -66,16 +66,17 @@ def test_removals_wait_for_their_sent_line_or_for_the_end() -> None:
     (TARGET / "link").symlink_to("regular")
     (TARGET / "idle").symlink_to("regular")
     script_rsync(
+        'absent.add("missing")\n'
         'out("sender removed link\\nsender removed idle\\nsender removed regular\\n")\n'
         'out("sender removed missing\\nSENT: link\\nmore\\n")'
     )
     assert run(scripted_binary()).lines == [
+        "sender removed missing",
         "SENT: link",
         "CONFIRMED: removed link",
         "more",
         "CONFIRMED: removed idle",
         "CONFIRMED: removed regular",
-        "sender removed missing",
     ]
 
 

@@ -5,6 +5,7 @@ from __future__ import annotations
 import ctypes
 import os
 import re
+import time
 from collections import Counter
 from collections.abc import Sequence
 from pathlib import Path
@@ -14,9 +15,20 @@ from support import processes
 from support.bed import Station
 
 JOURNAL = Path("/var/lib/skarn/journal")
+# Journals of runs that are over and handed off stay for a minute, for a cut of the power.
+KEPT_SECONDS = 75
 SEPARATOR = b"+" * 60 + b"\n ++++\n"
 # The first line that a worker ends after its separators names its detector.
 ENDED_SEPARATORS = re.compile(rb"((?:\+{60}\n \+\+\+\+\n)+)(\S+?):? ")
+
+
+def is_kept(journal: str) -> bool:
+    """True for a journal that is only kept for its minute, or gone by now."""
+    try:
+        written = os.stat(journal).st_mtime
+    except FileNotFoundError:
+        return True
+    return os.path.basename(journal).startswith("done-") and time.time() - written < KEPT_SECONDS
 
 
 class LogFollower:
@@ -145,7 +157,11 @@ class Meter:
             threads=len(os.listdir(f"/proc/{self._pid}/task")),
             zombies=sum(each.is_zombie for each in processes.children(self._pid)),
             tmp_files=len(os.listdir("/tmp")),
-            journal_files=sum(len(files) for _, _, files in os.walk(JOURNAL)),
+            journal_files=sum(
+                not is_kept(os.path.join(folder, name))
+                for folder, _, names in os.walk(JOURNAL)
+                for name in names
+            ),
         )
 
     def _look_at_cycles(self) -> int:
