@@ -10,14 +10,16 @@ from pathlib import Path
 
 import pytest
 
+CANNOT_RUN = 77  # what ctest takes for skipped
+
 
 @contextmanager
 def ext4(place: Path, megabytes: int = 32) -> Iterator[Path]:
     """An ext4 file system that is mounted at `place` until the end of the block. Where none can be
-    had, the test is skipped."""
+    had, none of the file's tests is run, which counts as skipped."""
     for tool in ("mkfs.ext4", "mount", "strace"):
         if not shutil.which(tool, path="/usr/sbin:/usr/bin:/sbin:/bin"):
-            pytest.skip(f"the program '{tool}' is missing")
+            pytest.exit(f"the program '{tool}' is missing", CANNOT_RUN)
     image = Path(f"{place}.image")
     with open(image, "wb") as file:
         file.truncate(megabytes * 1024 * 1024)
@@ -27,7 +29,8 @@ def ext4(place: Path, megabytes: int = 32) -> Iterator[Path]:
         ["mount", "-o", "loop", image, place], stderr=subprocess.PIPE, text=True, check=False
     )
     if mounting.returncode != 0:
-        pytest.skip(f"this machine mounts no file system from a file: {mounting.stderr.strip()}")
+        why = mounting.stderr.strip()
+        pytest.exit(f"this machine mounts no file system from a file: {why}", CANNOT_RUN)
     (place / "lost+found").rmdir()
     try:
         yield place

@@ -50,12 +50,14 @@ def test_runs_of_one_fault_are_added_up_between_the_marker_lines() -> None:
 
 def test_lives_of_one_kind_are_added_up_in_the_table_of_cuts() -> None:
     results, document = Path("/srv/power.jsonl"), Path("/srv/doc.md")
-    row = {
+    row: dict[str, object] = {
         "disk": "ext4", "life": "drain", "parts": 2, "seed": 1, "cuts": 12, "files": 3000,
         "lost": 0, "never_announced": 0, "again": 5, "went_on": 7, "stayed": 0,
         "recovered_in": 1.5, "broken": [], "command": "any",
     }  # fmt: skip
-    rows = [row, {**row, "lost": 1, "never_announced": 2}, {**row, "disk": "xfs", "parts": 1}]
+    worse: dict[str, object] = {**row, "lost": 1, "never_announced": 2}
+    elsewhere: dict[str, object] = {**row, "disk": "xfs", "parts": 1}
+    rows = [row, worse, elsewhere]
     results.write_text("".join(json.dumps(each) + "\n" for each in rows))
     begin, end = (line.replace(".py:", ".py --power:") for line in (BEGIN, END))
     document.write_text(f"{BEGIN}\nother\n{END}\n{begin}\nold\n{end}\nafter\n")

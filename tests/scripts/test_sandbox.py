@@ -108,7 +108,7 @@ def test_a_folder_outside_the_project_can_be_named(checkout: Path) -> None:
     outside = checkout.parent / "outside"
     outside.mkdir()
     script = checkout / "tests" / "support" / "sandbox"
-    command = [script, "--writable", outside, "touch", outside / "written"]
+    command: list[str | Path] = [script, "--writable", outside, "touch", outside / "written"]
     subprocess.run(command, cwd=checkout, check=True, timeout=60)
     assert (outside / "written").exists()
 
