@@ -316,12 +316,23 @@ void CopyRun::conclude(const Names& names, int status) {
     send();
 }
 
-CopyRun::Names CopyRun::namesInPlace(const Names& names) const {
+/// Those of the names that may be removed at the source.
+CopyRun::Names CopyRun::namesInPlace(const Names& names) {
     Names inPlace;
+    std::size_t unknown = 0;
+    int error = 0;
     for (const std::string& name : names) {
-        if (!filter_.wasDiscarded(name) && destination_.hasFile(name)) {
+        const auto presence = destination_.presence(name);
+        if (presence == Destination::Presence::unknown) {
+            error = errno;
+            ++unknown;
+        } else if (presence == Destination::Presence::there && !filter_.wasDiscarded(name)) {
             inPlace.push_back(name);
         }
+    }
+    if (unknown > 0) {
+        say("cannot look at " + count(unknown, "file") + " at the target: " + std::strerror(error) +
+            "; left for the next cycle");
     }
     return inPlace;
 }

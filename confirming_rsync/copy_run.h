@@ -81,7 +81,7 @@ private:
     int runRsync(const Names& names, Pass pass);
     void conclude(const Names& names, int status);
     bool makeDurable(const Names& names);
-    Names namesInPlace(const Names& names) const;
+    Names namesInPlace(const Names& names);
     Names unconfirmedNames(const Names& names, int status) const;
     bool ask(const Names& names);
     std::optional<Names> namesGoneOf(const Names& names, std::string& failure);

@@ -5,13 +5,14 @@
 
 #include <array>
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
+#include <string_view>
+#include <utility>
 
 #include <fcntl.h>
 #include <linux/magic.h>
-#include <linux/openat2.h>
 #include <sys/statvfs.h>
-#include <sys/syscall.h>
 #include <sys/vfs.h>
 #include <unistd.h>
 
@@ -21,17 +22,33 @@ Destination::Destination(const std::string& path)
     : directory_(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)), openError_(errno) {
 }
 
-/// Opens what has that name, a raw one, below the directory and on no detour.
+/// Opens what has that name, a raw one, below the directory and on no detour. Folder by folder:
+/// where a service is kept from setting set-user-ID bits, systemd refuses the call that does it at
+/// once (openat2).
 Descriptor Destination::open(const std::string& name, int flags) const {
-    struct open_how how {};
-    how.flags = static_cast<unsigned>(flags | O_NOFOLLOW | O_CLOEXEC);
-    how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS;
     if (!directory_ || name.find('\0') != std::string::npos) {
         errno = directory_ ? ENOENT : openError_;
         return {};
     }
-    return Descriptor(
-        static_cast<int>(::syscall(SYS_openat2, directory_.get(), name.c_str(), &how, sizeof how)));
+    Descriptor folder;
+    int at = directory_.get();
+    for (std::string_view rest = name;;) {
+        const std::size_t end = rest.find('/');
+        const bool isLast = end == std::string_view::npos;
+        const std::string part(rest.substr(0, end));
+        if (part == "..") {
+            errno = ENOENT; // nothing below the directory
+            return {};
+        }
+        Descriptor next(::openat(at, part.c_str(),
+                                 (isLast ? flags : O_PATH | O_DIRECTORY) | O_NOFOLLOW | O_CLOEXEC));
+        if (isLast || !next) {
+            return next;
+        }
+        folder = std::move(next);
+        at = folder.get();
+        rest.remove_prefix(end + 1);
+    }
 }
 
 std::optional<struct stat> Destination::file(const std::string& name) const {
@@ -52,8 +69,8 @@ Destination::Presence Destination::presence(const std::string& name) const {
         return Presence::there;
     }
     // Of a name behind a link, or one that nothing can have, the system says so in other ways.
-    const bool isAbsent = errno == ENOENT || errno == ENOTDIR || errno == ELOOP || errno == EXDEV ||
-                          errno == ENAMETOOLONG;
+    const bool isAbsent =
+        errno == ENOENT || errno == ENOTDIR || errno == ELOOP || errno == ENAMETOOLONG;
     return isAbsent ? Presence::absent : Presence::unknown;
 }
 

@@ -68,7 +68,7 @@ ERRORS = {
         ("fsync fdatasync syncfs", "EIO ENOSPC EDQUOT EINTR"),
         ("sync_file_range", "EIO ENOSPC"),
         ("write pwrite64 writev", "EIO ENOSPC EDQUOT EINTR"),
-        ("open openat openat2", "EIO EMFILE ENOSPC EINTR"),
+        ("open openat", "EIO EMFILE ENOSPC EINTR"),
         ("read pread64", "EIO EINTR"),
         ("mkdir mkdirat linkat rename renameat renameat2", "EIO ENOSPC EDQUOT"),
         ("unlink unlinkat getdents64 readlink readlinkat", "EIO"),
