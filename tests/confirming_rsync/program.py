@@ -67,6 +67,11 @@ def scripted_rsync() -> Path:
     return Path(os.environ["SCRIPTED_RSYNC"])
 
 
+def measures_memory() -> bool:
+    """False for an instrumented program: what that takes is mostly the sanitizer's."""
+    return daemon.sanitizer_of(scripted_binary()) is None
+
+
 PRELUDE = """#!/usr/bin/python3 -IB
 import json, os, signal, sys, time
 fds = {int(n): os.readlink("/proc/self/fd/" + n) for n in os.listdir("/proc/self/fd")

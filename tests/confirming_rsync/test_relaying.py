@@ -18,6 +18,7 @@ from confirming_rsync.program import (
     journals,
     list_share,
     make_target,
+    measures_memory,
     names,
     run,
     script_rsync,
@@ -156,7 +157,8 @@ def test_a_long_report_to_a_slow_reader_takes_little_memory() -> None:
     program.read_slowly(1_000_000)
     before = memory()
     program.read_slowly(12_000_000)
-    assert memory() - before < 2000, "kB more, for 11 MB that were read"
+    if measures_memory():
+        assert memory() - before < 2000, "kB more, for 11 MB that were read"
     assert len(program.finish().report) == 300 * 60_000
 
 
