@@ -96,7 +96,7 @@ std::string Destination::makeDurable(const std::vector<std::string>& names) cons
     if (flush(names)) {
         return {};
     }
-    const std::string failure = std::strerror(errno);
+    std::string failure = std::strerror(errno);
     // The system does not try again to write what it could not write, and what it has in memory
     // looks sound. Rsync has to find a difference.
     constexpr std::array<struct timespec, 2> longAgo{{{0, UTIME_OMIT}, {0, 0}}};

@@ -338,7 +338,8 @@ void Settlement::settle(Journals& journals) const {
 
 bool Settlement::isReminderDue() {
     bool due = false;
-    const std::time_t now = std::time(nullptr);
+    // By the fine clock: time() may be a tick behind the time of a file that was just written.
+    const std::time_t now = std::chrono::system_clock::to_time_t(std::chrono::system_clock::now());
     for (const Journals& journals : all_) {
         struct stat status {};
         if (!isAnnounceable(journals.left) ||

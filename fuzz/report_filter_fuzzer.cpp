@@ -327,7 +327,8 @@ private:
     void passOn(const std::string& line, bool maySaySent) {
         const ReportLine::Kind kind = parseReportLine(line.c_str()).kind;
         std::string word;
-        std::istringstream(line.c_str()) >> word;
+        // Up to the first NUL byte, as the daemon reads it.
+        std::istringstream(line.substr(0, line.find('\0'))) >> word;
         const bool misleading = kind == ReportLine::Kind::confirmed ||
                                 (kind == ReportLine::Kind::sent && !maySaySent) ||
                                 word.rfind("++", 0) == 0 || word == "Copied";

@@ -120,7 +120,7 @@ protected:
     /// skipped.
     void mountDisk(const std::string& makeFileSystem) {
         image = outside + "/disk";
-        std::ofstream{image};
+        std::ofstream(image).close();
         std::filesystem::resize_file(image, 16 << 20);
         mounted = std::system((makeFileSystem + " " + image +
                                " >/dev/null 2>&1 && mount -n -o loop " + image + " " + path)

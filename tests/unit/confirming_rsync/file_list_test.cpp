@@ -86,7 +86,7 @@ TEST_F(FileListOnDisk, IsReadWhole) {
 }
 
 TEST_F(FileListOnDisk, MayBeEmpty) {
-    std::ofstream{path};
+    std::ofstream(path).close();
     EXPECT_EQ(readFileList(path).text, "");
     EXPECT_EQ(readFileList(path).failure, "");
 }
