@@ -63,6 +63,9 @@ class FoldersVanish(Fault):
         return 1
 
 
+PAGE = 4096
+
+
 @register
 class FilesGrow(Fault):
     """A file is written to while it is copied, as by a detector that does not rename when done.
@@ -84,9 +87,12 @@ class FilesGrow(Fault):
         name = f"growing_{self.number}.raw"
         content = rng.randbytes(rng.randint(1, 300_000))
         station.workload.write(name, content)
-        for _ in range(rng.randint(1, 30)):
-            time.sleep(rng.uniform(0, 0.02))
-            chunk = rng.randbytes(rng.randint(1, 300_000))
+        for step in range(rng.randint(1, 120)):
+            if step % 4 == 0:
+                time.sleep(rng.uniform(0, 0.02))
+            # Within a page: the beginning of a longer write is a state of the file, too, and may be
+            # taken while the writer is held up in it.
+            chunk = rng.randbytes(rng.randint(1, PAGE - len(content) % PAGE))
             station.ledger.will_change(name, digest_of(content + chunk))
             if not append(station.workload.root / name, chunk):
                 break
