@@ -4,7 +4,6 @@ from __future__ import annotations
 
 import os
 import re
-import shutil
 import signal
 import socket
 import time
@@ -38,6 +37,7 @@ from confirming_rsync.listing import (
     strace,
 )
 from confirming_rsync.program import TARGET, URL, Program, names, run, scripted_binary
+from support.folders import remove
 from support.waiting import wait_until
 
 
@@ -462,7 +462,7 @@ def test_no_open_that_fails_loses_a_name(error: str) -> None:
     opens = Path("/srv/strace").read_text("utf-8").count("openat(")
     assert opens > 8
     for number in range(1, opens + 1):
-        shutil.rmtree(JOURNALS)
+        remove(JOURNALS)
         broken_run("b")
         (journal,) = journals()
         content = journal.read_bytes()
@@ -696,7 +696,7 @@ def test_nothing_behind_a_link_at_the_target_is_announced_for_an_earlier_run() -
     secret.mkdir()
     (secret / "key").touch()
     broken_run("a", "d/key", "d/sub/key")
-    shutil.rmtree(TARGET / "d")
+    remove(TARGET / "d")
     (TARGET / "d").symlink_to(secret)
     assert cycle("c").recovered == ["a"]
     # A link that was itself received is a file as any other.

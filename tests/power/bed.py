@@ -21,7 +21,6 @@ the kernel tells another boot identity, and nothing else of the old life is left
 from __future__ import annotations
 
 import os
-import shutil
 import signal
 import time
 import uuid
@@ -34,6 +33,7 @@ from faults.ledger import Entry
 from power.disk import Disk, Store, run
 from support import daemon as skarn
 from support.bed import SHARES, TARGETS
+from support.folders import remove
 from support.processes import processes
 from support.waiting import wait_until
 
@@ -153,7 +153,7 @@ class Host:
         BOOT_IDENTITY.write_text(f"{name}\n", encoding="ascii")
         for path in (skarn.PID_FILE, skarn.STATUS_FILE, skarn.FIFO, *skarn.file_lists()):
             path.unlink(missing_ok=True)
-        shutil.rmtree("/run/skarn", ignore_errors=True)
+        remove("/run/skarn")
 
     def live(self, disk_kind: str, parts: int, life: str, cuts: int) -> Outcome:
         """One life with that many cuts, and what they came to."""
@@ -189,8 +189,8 @@ class Host:
     def start_with(self, disk: Disk) -> None:
         """Begins a life on an empty disk, with an empty share."""
         self.boot()
-        shutil.rmtree(SHARES, ignore_errors=True)
-        shutil.rmtree(SOURCES, ignore_errors=True)
+        remove(SHARES)
+        remove(SOURCES)
         SOURCES.mkdir()
         disk.attach([TARGETS, STATE])
         disk.flush()  # an installed machine
@@ -219,7 +219,7 @@ class Host:
     def check(self, cut: Cut) -> Outcome:
         """Looks at what a cut has left, and lets a fresh daemon go on with it."""
         self.boot()
-        shutil.rmtree(SHARES, ignore_errors=True)
+        remove(SHARES)
         SHARES.mkdir()
         if cut.source.exists():
             cut.source.rename(SHARES / "1")

@@ -13,6 +13,8 @@ from pathlib import Path
 
 import pytest
 
+from support.folders import remove
+
 SCRIPT = Path(__file__).resolve().parent.parent / "support" / "sandbox"
 COVERED = ("/etc", "/run", "/srv", "/tmp", "/usr/local", "/var/lib", "/var/log")
 # /mnt and /dev/shm stand for everywhere else: where the sandbox makes its places first, and where
@@ -37,7 +39,7 @@ def checkout(request: pytest.FixtureRequest) -> Iterator[Path]:
         (root / "source.cpp").write_text(PRECIOUS, encoding="utf-8")
         yield root
     finally:
-        shutil.rmtree(root.parent)
+        remove(root.parent)
         if mounted:
             subprocess.run(["umount", place], check=True)
 
@@ -124,6 +126,6 @@ def test_a_project_that_is_a_covered_place_has_no_sandbox(place: str) -> None:
             [support / "sandbox", "true"], stderr=subprocess.PIPE, check=False, timeout=60
         )
     finally:
-        shutil.rmtree(Path(place, "tests"))
+        remove(Path(place, "tests"))
     assert done.returncode == 77
     assert f"may lie below {place}, but not be it".encode() in done.stderr
