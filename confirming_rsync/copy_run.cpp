@@ -3,7 +3,6 @@
 
 #include "confirming_rsync/journal_folder.h"
 #include "confirming_rsync/left_names.h"
-#include "confirming_rsync/printed_name.h"
 #include "confirming_rsync/text_files.h"
 
 #include <algorithm>

@@ -211,40 +211,35 @@ def resident(pid: int) -> int:
     return int(match[1]) * 1024
 
 
+def check_that_memory_stays(program: Program, most: int) -> None:
+    """Reads so many megabytes of a report without end, and sees that the program keeps none."""
+    assert program._pipe is not None
+    sizes = []
+    for megabytes in (2, most):
+        read = 0
+        while read < megabytes * MEBIBYTE:
+            read += len(os.read(program._pipe, 65536))
+        sizes.append(resident(program.pid))
+    program.close_report()
+    program.process.wait(30)
+    if measures_memory():
+        assert sizes[1] - sizes[0] < 4 * MEBIBYTE, sizes
+
+
 @pytest.mark.parametrize("kind", ["copy", "listing"])
 def test_memory_does_not_grow_with_the_report(kind: str) -> None:
     flood = "line = b'x' * 999 + b'\\n'\nwhile True: out(line * 8)"
     names("a")
     script(flood, listing=flood)
     program = copy() if kind == "copy" else Program(scripted_binary(), [*LISTING, URL])
-    assert program._pipe is not None
-    sizes = []
-    for megabytes in (2, 60):
-        read = 0
-        while read < megabytes * MEBIBYTE:
-            read += len(os.read(program._pipe, 65536))
-        sizes.append(resident(program.pid))
-    program.close_report()
-    program.process.wait(30)
-    if measures_memory():
-        assert sizes[1] - sizes[0] < 4 * MEBIBYTE, sizes
+    check_that_memory_stays(program, 60)
 
 
 def test_memory_does_not_grow_with_the_complaints() -> None:
     names("a", "b")
     script("number = 0\nwhile True:\n    number += 1\n    missing('%0900d' % number)")
     program = copy()
-    assert program._pipe is not None
-    sizes = []
-    for megabytes in (2, 20):
-        read = 0
-        while read < megabytes * MEBIBYTE:
-            read += len(os.read(program._pipe, 65536))
-        sizes.append(resident(program.pid))
-    program.close_report()
-    program.process.wait(30)
-    if measures_memory():
-        assert sizes[1] - sizes[0] < 4 * MEBIBYTE, sizes
+    check_that_memory_stays(program, 20)
 
 
 def not_used(reason: str) -> str:
