@@ -102,7 +102,7 @@ TEST_F(FileListOnDisk, IsNotUsedIfOthersMayHaveWrittenIt) {
     EXPECT_EQ(readFileList(directory).failure, foreign);
     std::ofstream(path) << "a\n";
     EXPECT_EQ(readFileList(path).failure, "");
-    for (const mode_t mode : {0622, 0606, 0660, 0777}) {
+    for (const mode_t mode : {0622U, 0606U, 0660U, 0777U}) {
         ASSERT_EQ(::chmod(path.c_str(), mode), 0);
         EXPECT_EQ(readFileList(path).failure, foreign) << mode;
         EXPECT_EQ(readFileList(path).text, "");
