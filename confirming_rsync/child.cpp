@@ -1,6 +1,8 @@
 // One stock rsync, as a child whose output and error output are read.
 #include "confirming_rsync/child.h"
 
+#include "confirming_rsync/descriptors.h"
+
 #include <cerrno>
 #include <utility>
 
@@ -67,8 +69,8 @@ std::vector<char*> pointersTo(std::vector<std::string>& strings) {
 Child::Child(const ProgramCall& call, const Descriptor& input, const Signals& signals) {
     start(call, input, signals);
     if (!hasStarted()) {
-        output.close();
-        errorOutput.close();
+        output.reset();
+        errorOutput.reset();
     }
 }
 
@@ -97,7 +99,7 @@ void Child::start(const ProgramCall& call, const Descriptor& input, const Signal
         startError_ = errno;
         return;
     }
-    failure.writeEnd.close();
+    failure.writeEnd.reset();
     output = std::move(out.readEnd);
     errorOutput = std::move(error.readEnd);
     startError_ = readFailure(failure.readEnd.get());

@@ -1,8 +1,8 @@
 // One stock rsync, as a child whose output and error output are read.
 #pragma once
 
-#include "confirming_rsync/descriptors.h"
 #include "confirming_rsync/signals.h"
+#include "utilities/descriptors.h"
 
 #include <optional>
 #include <string>

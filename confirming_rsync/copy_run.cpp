@@ -34,8 +34,8 @@ constexpr int fileErrorStatus = 11;
 /// The text as a file to be read from its beginning; empty if that can't be had.
 Descriptor fileWith(const std::string& text) {
     Descriptor file(::memfd_create("names", MFD_CLOEXEC));
-    if (file && (!writeText(file, text) || ::lseek(file.get(), 0, SEEK_SET) != 0)) {
-        file.close();
+    if (file && (!writeAll(file.get(), text) || ::lseek(file.get(), 0, SEEK_SET) != 0)) {
+        file.reset();
     }
     return file;
 }

@@ -1,4 +1,4 @@
-// Owning descriptors, and the state of those that the program was started with.
+// Pipes, and the state of the descriptors that the program was started with.
 #include "confirming_rsync/descriptors.h"
 
 #include <algorithm>
@@ -10,20 +10,6 @@
 #include <unistd.h>
 
 namespace confirming {
-
-Descriptor& Descriptor::operator=(Descriptor&& other) noexcept {
-    if (this != &other) {
-        close();
-        descriptor_ = std::exchange(other.descriptor_, -1);
-    }
-    return *this;
-}
-
-void Descriptor::close() {
-    if (descriptor_ >= 0) {
-        ::close(std::exchange(descriptor_, -1));
-    }
-}
 
 Pipe makePipe() {
     std::array<int, 2> ends{-1, -1};

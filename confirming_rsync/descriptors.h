@@ -1,28 +1,9 @@
-// Owning descriptors, and the state of those that the program was started with.
+// Pipes, and the state of the descriptors that the program was started with.
 #pragma once
 
-#include <utility>
+#include "utilities/descriptors.h"
 
 namespace confirming {
-
-/// Owns one descriptor, or none (-1), and closes it. Not for use by several threads.
-class Descriptor {
-public:
-    Descriptor() = default;
-    explicit Descriptor(int descriptor) : descriptor_(descriptor) {}
-    Descriptor(Descriptor&& other) noexcept : descriptor_(std::exchange(other.descriptor_, -1)) {}
-    Descriptor& operator=(Descriptor&& other) noexcept;
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    ~Descriptor() { close(); }
-
-    explicit operator bool() const { return descriptor_ >= 0; }
-    int get() const { return descriptor_; }
-    void close();
-
-private:
-    int descriptor_ = -1;
-};
 
 /// A pipe, both ends close-on-exec. Both are empty if the system gave none (errno says why).
 struct Pipe {

@@ -1,7 +1,7 @@
 // The directory that the files arrive in: what is in place there, and making it durable.
 #pragma once
 
-#include "confirming_rsync/descriptors.h"
+#include "utilities/descriptors.h"
 
 #include <optional>
 #include <string>

@@ -21,7 +21,7 @@ Journal::Journal(Descriptor folder, const JournalHead& head) : folder_(std::move
     const std::string name =
         std::string(journalPrefix) + std::to_string(head.begun) + "-" + std::to_string(::getpid());
     if (!file_ || ::flock(file_.get(), LOCK_EX | LOCK_NB) != 0 ||
-        !writeText(file_, headText(head)) ||
+        !writeAll(file_.get(), headText(head)) ||
         ::linkat(AT_FDCWD, ("/proc/self/fd/" + std::to_string(file_.get())).c_str(), folder_.get(),
                  name.c_str(), AT_SYMLINK_FOLLOW) != 0) {
         fail();
@@ -29,7 +29,7 @@ Journal::Journal(Descriptor folder, const JournalHead& head) : folder_(std::move
 }
 
 void Journal::write(std::string_view lines) {
-    if (file_ && failure_.empty() && !lines.empty() && !writeText(file_, lines)) {
+    if (file_ && failure_.empty() && !lines.empty() && !writeAll(file_.get(), lines)) {
         fail();
     }
 }

@@ -1,8 +1,8 @@
 // The journal of the run that is going on: what it may remove at the source, what it has confirmed.
 #pragma once
 
-#include "confirming_rsync/descriptors.h"
 #include "confirming_rsync/journal_text.h"
+#include "utilities/descriptors.h"
 
 #include <string>
 #include <string_view>

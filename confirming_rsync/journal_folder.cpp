@@ -42,7 +42,7 @@ Descriptor ownOnly(Descriptor opened, mode_t type) {
         error = EPERM;
     }
     if (error != 0) {
-        opened.close();
+        opened.reset();
         errno = error;
     }
     return opened;

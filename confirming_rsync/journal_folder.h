@@ -1,7 +1,7 @@
 // Where the journals lie: one folder for each pair of share and destination.
 #pragma once
 
-#include "confirming_rsync/descriptors.h"
+#include "utilities/descriptors.h"
 
 #include <map>
 #include <string>

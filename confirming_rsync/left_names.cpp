@@ -132,7 +132,7 @@ bool writeLeft(const Descriptor& folder, const char* name, const LeftNames& left
     ::unlinkat(folder.get(), fresh.c_str(), 0);
     const Descriptor file(::openat(folder.get(), fresh.c_str(),
                                    O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR));
-    return file && writeText(file, leftNamesText(left)) && ::fsync(file.get()) == 0 &&
+    return file && writeAll(file.get(), leftNamesText(left)) && ::fsync(file.get()) == 0 &&
            ::renameat(folder.get(), fresh.c_str(), folder.get(), name) == 0 &&
            ::fsync(folder.get()) == 0;
 }
@@ -375,7 +375,7 @@ LeftToAnnounce::LeftToAnnounce(const Descriptor& folder, const std::string& sour
     auto left = folder_ && hold(folder_) ? readLeft(folder_, leftName, isDamaged) : std::nullopt;
     auto aside = left ? readAside(folder_) : std::nullopt;
     if (!aside) {
-        folder_.close();
+        folder_.reset();
         return;
     }
     merge(*left, std::move(*aside));

@@ -1,8 +1,8 @@
 // What runs that are over have left open: a listing settles it, a copy run announces it.
 #pragma once
 
-#include "confirming_rsync/descriptors.h"
 #include "confirming_rsync/journal_text.h"
+#include "utilities/descriptors.h"
 
 #include <chrono>
 #include <optional>

@@ -51,7 +51,7 @@ std::size_t Relay::readSome(Descriptor& from, const std::function<void(std::stri
         sink(std::string_view(buffer.data(), static_cast<std::size_t>(count)));
     } else if (count == 0 || errno != EINTR) {
         missedSomething_ = missedSomething_ || count != 0;
-        from.close();
+        from.reset();
     }
     return static_cast<std::size_t>(std::max<ssize_t>(count, 0));
 }

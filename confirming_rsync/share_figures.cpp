@@ -1,9 +1,9 @@
 // What the listings and copies of a share come to, in small files that anyone may read meanwhile.
 #include "confirming_rsync/share_figures.h"
 
-#include "confirming_rsync/descriptors.h"
 #include "confirming_rsync/encoded_name.h"
 #include "confirming_rsync/process_identity.h"
+#include "utilities/descriptors.h"
 
 #include <algorithm>
 #include <atomic>
@@ -115,7 +115,7 @@ Descriptor ownFolder(int parent, const std::string& name) {
     Descriptor folder(
         ::openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (!isOwn(statusOf(folder)) || (isNew && ::fchmod(folder.get(), mode) != 0)) {
-        folder.close();
+        folder.reset();
     }
     return folder;
 }

@@ -32,7 +32,7 @@ public:
         assembly_.take(bytes, [this](const LinePiece& piece) { keep(piece); });
         bytes = bytes.substr(0, longestComplaints - passedOn_);
         passedOn_ += bytes.size();
-        writeText(errorOutput_, bytes);
+        writeAll(errorOutput_.get(), bytes);
     }
     const std::string& first() const { return first_; }
 

@@ -1,7 +1,7 @@
 // Signals as something to read, so that one wait covers them and the pipes.
 #pragma once
 
-#include "confirming_rsync/descriptors.h"
+#include "utilities/descriptors.h"
 
 #include <csignal>
 

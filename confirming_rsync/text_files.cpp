@@ -1,4 +1,4 @@
-// Reading and appending whole texts.
+// Reading whole texts.
 #include "confirming_rsync/text_files.h"
 
 #include <array>
@@ -30,18 +30,6 @@ std::optional<std::string> readTextFile(const std::string& path) {
         return std::nullopt;
     }
     return text;
-}
-
-bool writeText(const Descriptor& file, std::string_view text) {
-    while (!text.empty()) {
-        const ssize_t count = ::write(file.get(), text.data(), text.size());
-        if (count > 0) {
-            text.remove_prefix(static_cast<std::size_t>(count));
-        } else if (count == 0 || errno != EINTR) {
-            return false;
-        }
-    }
-    return true;
 }
 
 } // namespace confirming

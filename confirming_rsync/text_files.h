@@ -1,7 +1,7 @@
-// Reading and appending whole texts.
+// Reading whole texts.
 #pragma once
 
-#include "confirming_rsync/descriptors.h"
+#include "utilities/descriptors.h"
 
 #include <optional>
 #include <string>
@@ -14,8 +14,5 @@ bool readText(const Descriptor& file, std::string& text);
 
 /// The text of a file of any kind. Nothing, errno set, if it can't be opened or read.
 std::optional<std::string> readTextFile(const std::string& path);
-
-/// Writes the whole text. False, errno set, if the system does not take all of it.
-bool writeText(const Descriptor& file, std::string_view text);
 
 } // namespace confirming

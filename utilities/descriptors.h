@@ -12,7 +12,8 @@ constexpr mode_t controlFileMode = 0644;
 /// Owns a file descriptor and closes it; a negative one (a failed open) is none.
 class Descriptor {
 public:
-    explicit Descriptor(int owned = -1) : descriptor(owned) {}
+    Descriptor() = default;
+    explicit Descriptor(int owned) : descriptor(owned) {}
     ~Descriptor() { reset(); }
     Descriptor(Descriptor&& other) noexcept : descriptor(other.release()) {}
     Descriptor& operator=(Descriptor&& other) noexcept;
@@ -21,6 +22,7 @@ public:
 
     /// The descriptor, still owned; negative if there is none.
     int get() const { return descriptor; }
+    explicit operator bool() const { return descriptor >= 0; }
 
     /// Hands the descriptor to the caller, who closes it.
     int release();
@@ -29,7 +31,7 @@ public:
     void reset();
 
 private:
-    int descriptor;
+    int descriptor = -1;
 };
 
 /// Takes over `descriptor` as it came from open or pipe and returns it as one that is 3 or above

@@ -1,5 +1,6 @@
 // A program as a child: how it is started, what it gets, how it ends.
 #include "confirming_rsync/child.h"
+#include "confirming_rsync/descriptors.h"
 
 #include <cerrno>
 #include <chrono>

@@ -1,4 +1,4 @@
-// Owning descriptors, and the ones that the program was started with.
+// Pipes, and the descriptors that the program was started with.
 #include "confirming_rsync/descriptors.h"
 
 #include <cstdlib>
@@ -32,33 +32,6 @@ bool holdsInChild(Function function) {
     }
     int status = -1;
     return ::waitpid(pid, &status, 0) == pid && WIFEXITED(status) && WEXITSTATUS(status) == 0;
-}
-
-TEST(Descriptor, IsClosedByItsOwner) {
-    int number = -1;
-    {
-        const Descriptor descriptor(::open("/dev/null", O_RDONLY | O_CLOEXEC));
-        number = descriptor.get();
-        EXPECT_TRUE(descriptor);
-        EXPECT_TRUE(isOpen(number));
-    }
-    EXPECT_FALSE(isOpen(number));
-    EXPECT_FALSE(Descriptor());
-}
-
-TEST(Descriptor, ChangesItsOwner) {
-    Descriptor one(::open("/dev/null", O_RDONLY | O_CLOEXEC));
-    const int number = one.get();
-    Descriptor two(std::move(one));
-    EXPECT_EQ(two.get(), number);
-    Descriptor three(::open("/dev/null", O_RDONLY | O_CLOEXEC));
-    const int replaced = three.get();
-    three = std::move(two);
-    EXPECT_EQ(three.get(), number);
-    EXPECT_FALSE(isOpen(replaced));
-    EXPECT_TRUE(isOpen(number));
-    three.close();
-    EXPECT_FALSE(isOpen(number));
 }
 
 TEST(Pipe, IsClosedInEveryProgramStarted) {

@@ -88,7 +88,7 @@ TEST_F(ReportWriterTest, TriesAgainWhenThePipeIsFull) {
 
 TEST_F(ReportWriterTest, GivesUpWhenTheReaderIsGone) {
     writer.add("text");
-    pipe.readEnd.close();
+    pipe.readEnd.reset();
     writer.write();
     EXPECT_TRUE(writer.hasGivenUp());
     writer.add("more");
