@@ -58,7 +58,9 @@ CopyRun::CopyRun(Places places, Arguments arguments, std::vector<std::string> en
       destination_(arguments_.destination),
       isDurable_(places_.isFlushing && destination_.canBeDurable()),
       keepsFractions_(destination_.keepsFractions()), writer_(STDOUT_FILENO),
-      relay_(signals_, writer_), filter_(share_.directory, &destination_),
+      relay_(signals_, writer_),
+      filter_(share_.directory,
+              [this](const std::string& name) { return destination_.sizeOf(name); }),
       figures_(places_.figuresFolder, arguments_.source, arguments_.destination) {
 }
 
@@ -274,7 +276,7 @@ int CopyRun::runRsync(const Names& names, Pass pass) {
                           send();
                       }};
     attend(rsync, sinks);
-    filter_.finish(destination_);
+    filter_.finish();
     send();
     return rsync.exitStatus();
 }
@@ -507,12 +509,10 @@ void CopyRun::say(const std::string& text) {
 void CopyRun::send() {
     writer_.add(filter_.takeReport());
     for (ReportFilter::Confirmation& confirmation : filter_.takeConfirmations()) {
-        const auto file = destination_.file(confirmation.name);
-        const auto bytes = file ? static_cast<std::uint64_t>(file->st_size) : 0;
         if (confirmation.isRecovered) {
-            figures_.recovered(confirmation.name, bytes);
+            figures_.recovered(confirmation.name, confirmation.bytes);
         } else {
-            figures_.confirmed(confirmation.name, bytes);
+            figures_.confirmed(confirmation.name, confirmation.bytes);
         }
         unrecorded_.push_back(std::move(confirmation));
     }

@@ -64,6 +64,11 @@ std::optional<struct stat> Destination::file(const std::string& name) const {
     return status;
 }
 
+std::optional<std::uint64_t> Destination::sizeOf(const std::string& name) const {
+    const auto status = file(name);
+    return status ? std::optional(static_cast<std::uint64_t>(status->st_size)) : std::nullopt;
+}
+
 Destination::Presence Destination::presence(const std::string& name) const {
     if (file(name)) {
         return Presence::there;

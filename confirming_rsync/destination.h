@@ -3,6 +3,7 @@
 
 #include "utilities/descriptors.h"
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
@@ -19,9 +20,10 @@ public:
     /// `path` is the directory. If it is missing, nothing is in place.
     explicit Destination(const std::string& path);
 
-    /// What is in place under the name, of any kind but a directory; nothing else counts as a file.
-    std::optional<struct stat> file(const std::string& name) const;
-    bool hasFile(const std::string& name) const { return file(name).has_value(); }
+    /// The size of what is in place under the name, of any kind but a directory; nothing else
+    /// counts as a file.
+    std::optional<std::uint64_t> sizeOf(const std::string& name) const;
+    bool hasFile(const std::string& name) const { return sizeOf(name).has_value(); }
 
     /// The same answer, where a wrong "no" would lose something: the system may fail to tell.
     enum class Presence { absent, there, unknown };
@@ -42,6 +44,7 @@ public:
 
 private:
     Descriptor open(const std::string& name, int flags) const;
+    std::optional<struct stat> file(const std::string& name) const;
     bool flush(const std::vector<std::string>& names) const;
 
     // Open from before the first file comes: a failure to write is told to who was there before it.

@@ -51,26 +51,29 @@ void ReportFilter::takeErrorOutput(std::string_view bytes) {
     errorOutput_.take(bytes, [this](const LinePiece& piece) { handleErrorOutput(piece); });
 }
 
-void ReportFilter::finish(const Destination& destination) {
+void ReportFilter::finish() {
     output_.finish([this](const LinePiece& piece) { putPiece(piece, Origin::output); });
     errorOutput_.finish([this](const LinePiece& piece) { putPiece(piece, Origin::errorOutput); });
     for (const std::string& name : std::exchange(heldBack_, {})) {
-        if (wasConfirmed(name) || destination.hasFile(name)) {
-            confirm(name);
-        } else {
+        if (stateOf(name) == State::heldBack && !confirm(name)) {
             files_[name] = State::listed; // a SENT line to come does not prove that removal
             putLine(std::string(removedPrefix) + name);
         }
     }
 }
 
-void ReportFilter::confirm(const std::string& name) {
+bool ReportFilter::confirm(const std::string& name) {
     State& state = files_[name];
-    if (state != State::confirmed && name.size() <= longestName) {
+    if (state != State::confirmed) {
+        const auto bytes = name.size() <= longestName ? inPlace_(name) : std::nullopt;
+        if (!bytes) {
+            return false;
+        }
         giveUp(name);
         state = State::confirmed;
-        putConfirmation(name, false);
+        putConfirmation(name, false, *bytes);
     }
+    return true;
 }
 
 void ReportFilter::giveUp(const std::string& name) {
@@ -82,8 +85,9 @@ void ReportFilter::giveUp(const std::string& name) {
 }
 
 void ReportFilter::confirmRecovered(const std::string& name) {
-    if (name.size() <= longestName) {
-        putConfirmation(name, true);
+    const auto bytes = name.size() <= longestName ? inPlace_(name) : std::nullopt;
+    if (bytes) {
+        putConfirmation(name, true, *bytes);
     }
 }
 
@@ -116,10 +120,8 @@ void ReportFilter::handleOutput(const LinePiece& piece) {
         }
         // A pass that only copies removes nothing; but a share can print any line.
         if (pass_ != Pass::copy && beginsWith(line, removedPrefix) && line.back() != '/') {
-            const std::string name(line.substr(removedPrefix.size()));
-            if (files_.count(name) != 0 && staysBelow(name) && handleRemoved(name)) {
-                return;
-            }
+            handleRemoved(std::string(line.substr(removedPrefix.size())), line);
+            return;
         }
         if (beginsWith(line, "receiving file list ... done")) {
             sawFileList_ = true;
@@ -155,25 +157,23 @@ void ReportFilter::handleSent(const std::string& name, std::string_view line) {
     } else if (file->second == State::listed) {
         file->second = State::sentInSilence;
     }
-    if (wasHeldBack) {
-        confirm(name);
+    if (wasHeldBack && !confirm(name)) {
+        putLine(std::string(removedPrefix) + name);
     }
 }
 
 /// For symbolic links, devices and hard links this may come before the SENT line; for what was up
-/// to date there is none. False if it can't be true.
-bool ReportFilter::handleRemoved(const std::string& name) {
-    if (pass_ == Pass::copy || (destination_ != nullptr && !destination_->hasFile(name))) {
-        return false;
-    }
-    State& state = files_[name];
-    if (state == State::listed && pass_ == Pass::copyAndRemove) {
-        state = State::heldBack;
+/// to date there is none. A line that can't be true goes on as it came.
+void ReportFilter::handleRemoved(const std::string& name, std::string_view line) {
+    const auto file = files_.find(name);
+    if (file == files_.end()) {
+        putLine(withoutControls(line, LineAssembly::limit));
+    } else if (file->second == State::listed && pass_ == Pass::copyAndRemove) {
+        file->second = State::heldBack;
         heldBack_.push_back(name);
-    } else if (state != State::heldBack) {
-        confirm(name);
+    } else if (file->second != State::heldBack && !confirm(name)) {
+        putLine(line);
     }
-    return true;
 }
 
 /// Keeps what is needed to tell names that rsync could not handle from names that it left alone:
@@ -213,11 +213,11 @@ void ReportFilter::keepListed(std::string_view name, std::set<std::string>& name
 }
 
 /// Every confirmation leaves here.
-void ReportFilter::putConfirmation(const std::string& name, bool isRecovered) {
+void ReportFilter::putConfirmation(const std::string& name, bool isRecovered, std::uint64_t bytes) {
     confirmed_ = true;
     report_.append("CONFIRMED: ").append(isRecovered ? "recovered " : "removed ");
     putLine(name);
-    confirmations_.push_back({name, isRecovered, taken_ + report_.size()});
+    confirmations_.push_back({name, isRecovered, bytes, taken_ + report_.size()});
 }
 
 void ReportFilter::putLine(std::string_view text) {

@@ -2,11 +2,12 @@
 #pragma once
 
 #include "confirming_rsync/arguments.h"
-#include "confirming_rsync/destination.h"
 #include "confirming_rsync/line_assembly.h"
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
+#include <optional>
 #include <set>
 #include <string>
 #include <string_view>
@@ -30,14 +31,17 @@ namespace confirming {
 /// A line of more than LineAssembly::limit bytes is passed on as several lines, none of which sends
 /// or confirms anything.
 ///
-/// Entirely passive: no system calls, no clock. Names are kept and reported as rsync prints them.
+/// Passive: it has no clock, and makes no system call but by `InPlace`. Names are kept and reported
+/// as rsync prints them.
 class ReportFilter {
 public:
+    /// The size of the file that is in place at the destination under the name; nothing if there is
+    /// none. Asked once for each confirmation: a share can say anything.
+    using InPlace = std::function<std::optional<std::uint64_t>(const std::string& name)>;
+
     /// `directory` is the share's, as its complaints quote it, with a slash at its end.
-    /// Of what is not in place at the destination no removal is believed, if that is given: a share
-    /// can say anything.
-    explicit ReportFilter(std::string directory, const Destination* destination = nullptr)
-        : directory_(std::move(directory)), destination_(destination) {}
+    ReportFilter(std::string directory, InPlace inPlace)
+        : directory_(std::move(directory)), inPlace_(std::move(inPlace)) {}
 
     /// The names that are to be copied, once each. What rsync reports of others is text from
     /// another machine.
@@ -58,12 +62,12 @@ public:
 
     /// Both streams of a pass have ended: passes on what had no line feed (as a line, and never as
     /// a confirmation: it may have been cut off) and every confirmation that was still held back.
-    /// Of a name that is not in place by now, rsync's line goes out as it came.
-    void finish(const Destination& destination);
+    void finish();
 
     /// The file is known to be deleted at its source from elsewhere than rsync's output. Reported
-    /// unless it already was, or its name is longer than `longestName`.
-    void confirm(const std::string& name);
+    /// unless it already was, its name is longer than `longestName`, or it is not in place.
+    /// True if it has been reported by now.
+    bool confirm(const std::string& name);
 
     /// Nobody knows what became of the file: it is reported as sent, if it was.
     void giveUp(const std::string& name);
@@ -84,6 +88,7 @@ public:
     struct Confirmation {
         std::string name;
         bool isRecovered = false;
+        std::uint64_t bytes = 0; // of the file
         std::uint64_t end = 0;
     };
     std::vector<Confirmation> takeConfirmations() { return std::exchange(confirmations_, {}); }
@@ -114,17 +119,17 @@ private:
     void handleOutput(const LinePiece& piece);
     void handleErrorOutput(const LinePiece& piece);
     void handleSent(const std::string& name, std::string_view line);
-    bool handleRemoved(const std::string& name);
+    void handleRemoved(const std::string& name, std::string_view line);
     bool rememberComplaint(std::string_view line);
     void keepListed(std::string_view name, std::set<std::string>& names);
-    void putConfirmation(const std::string& name, bool isRecovered);
+    void putConfirmation(const std::string& name, bool isRecovered, std::uint64_t bytes);
     void putLine(std::string_view text);
     void putPiece(const LinePiece& piece, Origin origin);
 
     State stateOf(const std::string& name) const;
 
     const std::string directory_; // of the share
-    const Destination* const destination_;
+    const InPlace inPlace_;
     Pass pass_ = Pass::copyAndRemove;
     LineAssembly output_;
     LineAssembly errorOutput_;

@@ -18,11 +18,13 @@
 #include "transfer/report.h"
 
 #include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <optional>
 #include <set>
 #include <sstream>
 #include <utility>
 
-using confirming::Destination;
 using confirming::LineAssembly;
 using confirming::Pass;
 using confirming::ReportFilter;
@@ -37,10 +39,14 @@ struct Event {
     Pass pass = Pass::copyAndRemove;
 };
 
-/// What is in place is what everyone has in this folder.
-const Destination& destination() {
-    static const Destination devices("/dev");
-    return devices;
+/// What is in place: all below the destination that begins with another letter.
+bool isInPlace(const std::string& name) {
+    return name.front() != '/' && name.front() != 'n' &&
+           ("/" + name + "/").find("/../") == std::string::npos;
+}
+
+bool isShort(const std::string& name) {
+    return name.size() <= ReportFilter::longestName;
 }
 
 const std::vector<std::string> alwaysListed{"a", "b", "c", "bb", "null", "zero"};
@@ -131,12 +137,10 @@ std::vector<Event> eventsOf(const std::string& input) {
     return sensible;
 }
 
-bool isShort(const std::string& name) {
-    return name.size() <= ReportFilter::longestName;
-}
-
 std::string reportOf(const std::vector<Event>& events, bool byteByByte) {
-    ReportFilter filter("/");
+    ReportFilter filter("/", [](const std::string& name) {
+        return isInPlace(name) ? std::optional<std::uint64_t>(1) : std::nullopt;
+    });
     filter.setListed(alwaysListed);
     std::string report;
     for (const Event& event : events) {
@@ -165,14 +169,15 @@ std::string reportOf(const std::vector<Event>& events, bool byteByByte) {
         case Event::Kind::confirm:
             filter.setListed({event.text});
             filter.confirm(event.text);
-            require(filter.wasConfirmed(event.text) == isShort(event.text),
+            require(filter.wasConfirmed(event.text) ==
+                        (isShort(event.text) && isInPlace(event.text)),
                     "what is confirmed counts as that");
             break;
         case Event::Kind::remark:
             filter.remark(event.text);
             break;
         case Event::Kind::finish:
-            filter.finish(destination());
+            filter.finish();
             break;
         }
         report += filter.takeReport();
@@ -223,10 +228,8 @@ public:
             }
             output = errorOutput = Line();
             for (const std::string& name : std::exchange(held, {})) {
-                if (result.confirmed.count(name) == 0 && !destination().hasFile(name)) {
-                    result.report += "sender removed " + name + "\n";
-                } else {
-                    confirm(name);
+                if (result.confirmed.count(name) == 0 && sent.count(name) == 0) {
+                    confirmOrPassOn(name);
                 }
             }
             break;
@@ -269,8 +272,8 @@ private:
         } else if (text.size() > sentWord.size() && text.rfind(sentWord, 0) == 0) {
             announce(text.substr(sentWord.size()));
         } else if (pass != Pass::copy && text.size() > removedWords.size() &&
-                   text.rfind(removedWords, 0) == 0 &&
-                   isCredible(text.substr(removedWords.size()))) {
+                   text.rfind(removedWords, 0) == 0 && text.back() != '/' &&
+                   listed.count(text.substr(removedWords.size())) != 0) {
             const std::string name = text.substr(removedWords.size());
             if (isHeld(name)) {
                 return;
@@ -279,7 +282,7 @@ private:
                 result.confirmed.count(name) == 0 && pass == Pass::copyAndRemove) {
                 held.push_back(name);
             } else {
-                confirm(name);
+                confirmOrPassOn(name);
             }
         } else {
             passOn(text, true);
@@ -302,8 +305,10 @@ private:
             return;
         }
         sent.insert(name);
-        if (isHeld(name)) {
-            confirm(name);
+        const auto place = std::find(held.begin(), held.end(), name);
+        if (place != held.end()) {
+            held.erase(place);
+            confirmOrPassOn(name);
         }
     }
 
@@ -316,11 +321,6 @@ private:
 
     bool isHeld(const std::string& name) const {
         return std::find(held.begin(), held.end(), name) != held.end();
-    }
-
-    bool isCredible(const std::string& name) const {
-        return name.front() != '/' && name.back() != '/' &&
-               ("/" + name + "/").find("/../") == std::string::npos && listed.count(name) != 0;
     }
 
     /// Any other line. Only one of the standard output may say that a file was sent.
@@ -348,10 +348,17 @@ private:
     }
 
     void confirm(const std::string& name) {
-        if (isShort(name) && result.confirmed.count(name) == 0) {
+        if (isShort(name) && isInPlace(name) && result.confirmed.count(name) == 0) {
             giveUp(name);
             result.confirmed.insert(name);
             result.report += "CONFIRMED: removed " + name + "\n";
+        }
+    }
+
+    void confirmOrPassOn(const std::string& name) {
+        confirm(name);
+        if (result.confirmed.count(name) == 0) {
+            result.report += "sender removed " + name + "\n";
         }
     }
 
