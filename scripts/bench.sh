@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Runs the benchmarks: micro (the daemon's own work by the piece), drain (whole shares, beside other ways of pulling
-# them), durable (drains onto ext4 and xfs), growth (more files, more detectors), idle (an empty cycle). Installs what is
-# missing, builds first, and measures in the sandbox. All parts together take less than half an hour on two cores.
+# them), durable (drains onto ext4 and xfs), growth (more files, more detectors), idle (an empty cycle), figures (what
+# keeping the figures of each share costs). Installs what is missing, builds first, and measures in the sandbox. All parts together take less than half an hour on two cores.
 #
 #   bench.sh [--quick | --add] [PART...]
 #
@@ -12,13 +12,13 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-all=(micro drain durable growth idle)
+all=(micro drain durable growth idle figures)
 quick=() adds=no parts=()
 for argument in "$@"; do
     case $argument in
         --quick) quick=(--quick) ;;
         --add) adds=yes ;;
-        micro | drain | durable | growth | idle) parts+=("$argument") ;;
+        micro | drain | durable | growth | idle | figures) parts+=("$argument") ;;
         -h | --help)
             sed -n '2,/^set /s/^# \{0,1\}//p' "$0"
             exit 0
@@ -37,12 +37,13 @@ build=build/bench
 results=$build/results
 printf 'Building the programs in %s ...\n' "$build"
 scripts/build-programs.sh "$build" -DSKARN_BENCH=ON
-if ! output=$(cmake --build "$build" --parallel "$(nproc)" --target skarn_micro_bench 2>&1); then
+if ! output=$(cmake --build "$build" --parallel "$(nproc)" --target skarn_micro_bench confirming_rsync_without_figures 2>&1); then
     printf '%s\n' "$output" >&2
     exit 1
 fi
 export PYTHONPATH=$PWD/tests:$PWD/bench PYTHONDONTWRITEBYTECODE=1 SKARN_BINARY=$PWD/$build/skarn \
     CONFIRMING_RSYNC_BINARY=$PWD/$build/confirming_rsync/confirming_rsync \
+    CONFIRMING_RSYNC_WITHOUT_FIGURES=$PWD/$build/bench/confirming_rsync_without_figures \
     SKARN_MICRO_BINARY=$PWD/$build/bench/micro/skarn_micro_bench
 
 rm -rf "$results"
