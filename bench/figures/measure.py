@@ -38,9 +38,7 @@ def measure(quick: bool) -> Data:
     empty(stations["with"])
     with stations["with"].server:
         listed = in_turns(rounds, lambda name: list_often(stations[name], name, listings))
-    drained = in_turns(
-        rounds, lambda name: asdict(drain_once(make_station(PROGRAMS[name], MINPAUSE), "skarn", workload))
-    )
+    drained = in_turns(rounds, lambda name: drain_with(PROGRAMS[name], workload))
     return {
         "listings": {"a_round": listings, "rounds": listed},
         "drains": {"files": workload.files, "size": workload.size, "rounds": drained},
@@ -54,6 +52,10 @@ def in_turns(rounds: int, take: Callable[[str], Data]) -> list[Data]:
         order = list(PROGRAMS) if number % 2 == 0 else list(PROGRAMS)[::-1]
         taken.append({name: take(name) for name in order})
     return taken[1:]
+
+
+def drain_with(program: Path, workload: Workload) -> Data:
+    return asdict(drain_once(make_station(program, MINPAUSE), "skarn", workload))
 
 
 def list_often(station: Station, name: str, listings: int) -> Data:
