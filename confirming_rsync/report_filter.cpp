@@ -33,7 +33,7 @@ std::string_view firstWord(std::string_view line) {
 
 void ReportFilter::setListed(const std::vector<std::string>& names) {
     for (const std::string& name : names) {
-        files_.emplace(name, State::listed);
+        files_.emplace(name, File());
     }
 }
 
@@ -55,15 +55,15 @@ void ReportFilter::finish() {
     output_.finish([this](const LinePiece& piece) { putPiece(piece, Origin::output); });
     errorOutput_.finish([this](const LinePiece& piece) { putPiece(piece, Origin::errorOutput); });
     for (const std::string& name : std::exchange(heldBack_, {})) {
-        if (stateOf(name) == State::heldBack && !confirm(name)) {
-            files_[name] = State::listed; // a SENT line to come does not prove that removal
+        if (of(name).state == State::heldBack && !confirm(name)) {
+            files_[name].state = State::listed; // a SENT line to come does not prove that removal
             putLine(std::string(removedPrefix) + name);
         }
     }
 }
 
 bool ReportFilter::confirm(const std::string& name) {
-    State& state = files_[name];
+    State& state = files_[name].state;
     if (state != State::confirmed) {
         const auto bytes = name.size() <= longestName ? inPlace_(name) : std::nullopt;
         if (!bytes) {
@@ -77,7 +77,7 @@ bool ReportFilter::confirm(const std::string& name) {
 }
 
 void ReportFilter::giveUp(const std::string& name) {
-    State& state = files_[name];
+    State& state = files_[name].state;
     if (state == State::sentInSilence) {
         state = State::sent;
         putLine(std::string(sentPrefix) + name);
@@ -101,14 +101,18 @@ std::string ReportFilter::takeReport() {
     return std::exchange(report_, {});
 }
 
-ReportFilter::State ReportFilter::stateOf(const std::string& name) const {
+ReportFilter::File ReportFilter::of(const std::string& name) const {
     const auto found = files_.find(name);
-    return found == files_.end() ? State::listed : found->second;
+    return found == files_.end() ? File() : found->second;
 }
 
 bool ReportFilter::wasSent(const std::string& name) const {
-    const State state = stateOf(name);
+    const State state = of(name).state;
     return state == State::sent || state == State::sentInSilence;
+}
+
+bool ReportFilter::wasConfirmed(const std::string& name) const {
+    return of(name).state == State::confirmed;
 }
 
 void ReportFilter::handleOutput(const LinePiece& piece) {
@@ -146,16 +150,17 @@ void ReportFilter::handleSent(const std::string& name, std::string_view line) {
         putLine(line); // nothing can come of it
         return;
     }
-    if (file->second == State::confirmed) {
+    State& state = file->second.state;
+    if (state == State::confirmed) {
         // It would make the reader wait for a second confirmation.
         return;
     }
-    const bool wasHeldBack = file->second == State::heldBack;
+    const bool wasHeldBack = state == State::heldBack;
     if (pass_ == Pass::copyAndRemove) {
-        file->second = State::sent;
+        state = State::sent;
         putLine(line);
-    } else if (file->second == State::listed) {
-        file->second = State::sentInSilence;
+    } else if (state == State::listed) {
+        state = State::sentInSilence;
     }
     if (wasHeldBack && !confirm(name)) {
         putLine(std::string(removedPrefix) + name);
@@ -168,10 +173,10 @@ void ReportFilter::handleRemoved(const std::string& name, std::string_view line)
     const auto file = files_.find(name);
     if (file == files_.end()) {
         putLine(withoutControls(line, LineAssembly::limit));
-    } else if (file->second == State::listed && pass_ == Pass::copyAndRemove) {
-        file->second = State::heldBack;
+    } else if (file->second.state == State::listed && pass_ == Pass::copyAndRemove) {
+        file->second.state = State::heldBack;
         heldBack_.push_back(name);
-    } else if (file->second != State::heldBack && !confirm(name)) {
+    } else if (file->second.state != State::heldBack && !confirm(name)) {
         putLine(line);
     }
 }
@@ -188,7 +193,7 @@ bool ReportFilter::rememberComplaint(std::string_view line) {
     if (beginsWith(line, error)) {
         const std::size_t end = line.rfind(failedVerification);
         if (end != std::string_view::npos && end > error.size()) {
-            keepListed(line.substr(error.size(), end - error.size()), discarded_);
+            mark(line.substr(error.size(), end - error.size()), &File::isDiscarded);
         }
     }
     // Versions before 3.2 don't say which side complains.
@@ -200,15 +205,17 @@ bool ReportFilter::rememberComplaint(std::string_view line) {
     const std::size_t end = line.rfind("\" (in ");
     if (end != std::string_view::npos && begin < end &&
         beginsWith(line.substr(begin + 1), directory_)) {
-        keepListed(line.substr(begin + 1, end - begin - 1).substr(directory_.size()), complaints_);
+        mark(line.substr(begin + 1, end - begin - 1).substr(directory_.size()),
+             &File::isComplainedAbout);
     }
     return true;
 }
 
 /// Bounded by the list, however much the share complains about.
-void ReportFilter::keepListed(std::string_view name, std::set<std::string>& names) {
-    if (files_.count(std::string(name)) != 0) {
-        names.emplace(name);
+void ReportFilter::mark(std::string_view name, bool File::*how) {
+    const auto file = files_.find(std::string(name));
+    if (file != files_.end()) {
+        file->second.*how = true;
     }
 }
 

@@ -8,7 +8,6 @@
 #include <cstdint>
 #include <functional>
 #include <optional>
-#include <set>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -96,10 +95,10 @@ public:
     bool hasConfirmed() const { return confirmed_; }
 
     bool wasSent(const std::string& name) const;
-    bool wasConfirmed(const std::string& name) const { return stateOf(name) == State::confirmed; }
+    bool wasConfirmed(const std::string& name) const;
 
     /// True if rsync gave up on the received file: nothing was put in place under this name.
-    bool wasDiscarded(const std::string& name) const { return discarded_.count(name) != 0; }
+    bool wasDiscarded(const std::string& name) const { return of(name).isDiscarded; }
 
     /// True if the last rsync said that it has received the list of what there is at the source.
     /// What it complained about until then is not there.
@@ -110,33 +109,38 @@ public:
     std::size_t receiverFailures() const { return receiverFailures_; }
 
     /// True if rsync complained about this name as one of the share's.
-    bool wasComplainedAbout(const std::string& name) const { return complaints_.count(name) != 0; }
+    bool wasComplainedAbout(const std::string& name) const { return of(name).isComplainedAbout; }
 
 private:
     enum class State { listed, sentInSilence, sent, heldBack, confirmed };
     enum class Origin { output, errorOutput };
+
+    /// What was said of a name of the list.
+    struct File {
+        State state = State::listed;
+        bool isComplainedAbout = false;
+        bool isDiscarded = false;
+    };
 
     void handleOutput(const LinePiece& piece);
     void handleErrorOutput(const LinePiece& piece);
     void handleSent(const std::string& name, std::string_view line);
     void handleRemoved(const std::string& name, std::string_view line);
     bool rememberComplaint(std::string_view line);
-    void keepListed(std::string_view name, std::set<std::string>& names);
+    void mark(std::string_view name, bool File::*how);
     void putConfirmation(const std::string& name, bool isRecovered, std::uint64_t bytes);
     void putLine(std::string_view text);
     void putPiece(const LinePiece& piece, Origin origin);
 
-    State stateOf(const std::string& name) const;
+    File of(const std::string& name) const;
 
     const std::string directory_; // of the share
     const InPlace inPlace_;
     Pass pass_ = Pass::copyAndRemove;
     LineAssembly output_;
     LineAssembly errorOutput_;
-    std::unordered_map<std::string, State> files_;
+    std::unordered_map<std::string, File> files_; // no others than those listed
     std::vector<std::string> heldBack_; // in order of arrival; some may be confirmed by now
-    std::set<std::string> complaints_;
-    std::set<std::string> discarded_;
     std::string report_;
     std::uint64_t taken_ = 0; // bytes of the report that were taken
     std::vector<Confirmation> confirmations_;
