@@ -48,6 +48,14 @@ std::string count(std::size_t number, const std::string& noun) {
     return count(number, noun, noun + "s");
 }
 
+std::string intendedLines(const std::vector<std::string>& names) {
+    std::string lines;
+    for (const std::string& name : names) {
+        lines += intendedLine(name);
+    }
+    return lines;
+}
+
 } // namespace
 
 CopyRun::CopyRun(Places places, Arguments arguments, std::vector<std::string> environment,
@@ -137,6 +145,7 @@ void CopyRun::beginJournal(const FileList& list) {
     }
     if (!failure.empty()) {
         say("cannot keep a journal in " + places_.journalFolder + ": " + failure);
+        isJournalTold_ = true;
     }
 }
 
@@ -151,8 +160,7 @@ void CopyRun::announceLeftNames() {
         lines += takenLine(name);
     }
     const bool isSomethingLeft = !lines.empty() || !left.remarks().empty();
-    if ((isReminded_ || isSomethingLeft) && writeJournal(lines, !lines.empty() && isDurable_) &&
-        left.forget()) {
+    if ((isReminded_ || isSomethingLeft) && intend(lines) && left.forget()) {
         for (const std::string& remark : left.remarks()) {
             say(remark);
         }
@@ -176,32 +184,25 @@ void CopyRun::recordConfirmations() {
         lines += confirmedLine(unrecorded_.front().name);
         unrecorded_.pop_front();
     }
-    writeJournal(lines, false);
+    journal_.write(lines);
+    tellOfJournal();
 }
 
-/// False if it can't be written; says so once.
-bool CopyRun::writeJournal(std::string_view lines, bool durably) {
-    if (!journal_.failure().empty()) {
-        return false;
-    }
-    journal_.write(lines);
-    if (durably) {
+/// Writes down what is going to be announced or removed at the source. False if that failed.
+bool CopyRun::intend(const std::string& lines) {
+    journal_.intend(lines);
+    if (isDurable_ && !lines.empty()) {
         journal_.makeDurable();
     }
-    if (journal_.failure().empty()) {
-        return true;
-    }
-    say("cannot go on with the journal: " + journal_.failure());
-    return false;
+    tellOfJournal();
+    return journal_.failure().empty();
 }
 
-/// Writes down what is going to be removed at the source.
-bool CopyRun::intend(const Names& names) {
-    std::string lines;
-    for (const std::string& name : names) {
-        lines += intendedLine(name);
+/// Once, if there was a failure.
+void CopyRun::tellOfJournal() {
+    if (!journal_.failure().empty() && !std::exchange(isJournalTold_, true)) {
+        say("cannot go on with the journal: " + journal_.failure());
     }
-    return writeJournal(lines, isDurable_);
 }
 
 /// Says that all is accounted for, if it is: without that, every name without a confirmation is
@@ -232,7 +233,7 @@ int CopyRun::copyAll() {
 /// Returns the status of the last rsync that failed.
 int CopyRun::copyPortion(const Names& names) {
     if (!isDurable_) {
-        intend(names);
+        intend(intendedLines(names));
         const int status = runRsync(names, Pass::copyAndRemove);
         conclude(unconfirmedNames(names, status), status);
         return status;
@@ -247,7 +248,7 @@ int CopyRun::copyPortion(const Names& names) {
     if (!makeDurable(received)) {
         return fileErrorStatus;
     }
-    intend(received);
+    intend(intendedLines(received));
     const int removing = runRsync(received, Pass::remove);
     if (filter_.receiverFailures() > 0) {
         say(count(filter_.receiverFailures(), "file") +

@@ -72,8 +72,8 @@ private:
     void beginJournal(const FileList& list);
     void announceLeftNames();
     void recordConfirmations();
-    bool writeJournal(std::string_view lines, bool durably);
-    bool intend(const Names& names);
+    bool intend(const std::string& lines);
+    void tellOfJournal();
     void endJournal();
 
     int copyAll();
@@ -119,6 +119,7 @@ private:
     bool isReminded_ = false;    // of names that earlier runs have left
     bool isAccountedFor_ = true; // nothing can become of a name that was not confirmed
     Journal journal_;
+    bool isJournalTold_ = false;                        // of its failure
     std::deque<ReportFilter::Confirmation> unrecorded_; // not in the journal so far
 };
 

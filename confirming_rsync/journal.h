@@ -4,6 +4,7 @@
 #include "confirming_rsync/journal_text.h"
 #include "utilities/descriptors.h"
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -23,7 +24,12 @@ public:
     /// failure() says why.
     Journal(Descriptor folder, const JournalHead& head);
 
-    /// Appends lines. A failure is kept, and nothing more is written after it.
+    /// Appends lines that say what this run may do, if there is room for their confirmations, too:
+    /// what is confirmed and not written down as that would be announced again. Without room
+    /// nothing is written, which counts as a failure, and what is confirmed still can be.
+    void intend(std::string_view lines);
+
+    /// Appends lines. After a failure of the file itself nothing more is written.
     void write(std::string_view lines);
 
     /// Waits until all that was written is on the disk. A failure is kept likewise.
@@ -32,7 +38,7 @@ public:
     /// The folder it is in; empty if there is none.
     const Descriptor& folder() const { return folder_; }
 
-    /// Why it can't be written; empty as long as it can.
+    /// The first failure; empty as long as there was none.
     const std::string& failure() const { return failure_; }
 
 private:
@@ -41,6 +47,8 @@ private:
     Descriptor folder_;
     Descriptor file_;
     std::string failure_;
+    bool isBroken_ = false;    // nothing more is written
+    std::size_t promised_ = 0; // bytes that there is room for, from the file's beginning
 };
 
 /// The name of a run's journal begins with this, and goes on with the moment at which it began.

@@ -13,6 +13,7 @@ from confirming_rsync.listing import (
     JOURNALS,
     MOVE,
     RECEIVE,
+    REMINDER,
     WAIT,
     broken_run,
     called,
@@ -22,6 +23,7 @@ from confirming_rsync.listing import (
     found,
     journals,
     kill,
+    list_share,
     mounted,
     remarks,
     script,
@@ -183,6 +185,30 @@ def test_a_journal_that_fills_the_disk_ends_and_the_copying_does_not() -> None:
         one = cycle("x")
         assert one.recovered == [] and one.confirmed == ["x"]
         assert [line for line in one.remarks if "No space" not in line] == []
+
+
+@pytest.mark.parametrize("reminded", [False, True])
+def test_what_a_run_confirms_on_a_disk_that_fills_meanwhile_is_not_announced_again(
+    reminded: bool,
+) -> None:
+    # Of names that were written down the confirmations can be, too.
+    with mounted(JOURNALS.parent, "-o", "size=256k"):
+        listed = [f"{index:0200}" for index in range(200)]
+        if reminded:
+            broken_run("left")
+            script()
+            list_share()
+        filler = JOURNALS.parent / "filler"
+        names(*([REMINDER] if reminded else []), *listed)
+        fill = f'from pathlib import Path\ntry:\n    Path("{filler}").write_bytes(b"x" * 300000)'
+        script(RECEIVE + f"\n{fill}\nexcept OSError:\n    pass\nremove(*mine)")
+        result = copy().finish()
+        assert result.confirmed == listed and result.status == 0
+        assert remarks(result) == []
+        assert os.statvfs(JOURNALS.parent).f_bavail == 0
+        filler.unlink()
+        one = cycle("x")
+        assert one.recovered == [] and one.confirmed == ["x"]
 
 
 def test_eight_runs_that_start_at_once_keep_a_journal_each() -> None:
