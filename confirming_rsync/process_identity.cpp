@@ -1,7 +1,7 @@
 // Telling one process from every other, also from a later one with the same number.
 #include "confirming_rsync/process_identity.h"
 
-#include "confirming_rsync/text_files.h"
+#include "confirming_rsync/descriptors.h"
 
 #include <cerrno>
 #include <charconv>

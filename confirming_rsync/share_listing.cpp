@@ -2,13 +2,13 @@
 // open.
 #include "confirming_rsync/share_listing.h"
 
+#include "confirming_rsync/descriptors.h"
 #include "confirming_rsync/left_names.h"
 #include "confirming_rsync/line_assembly.h"
 #include "confirming_rsync/relay.h"
 #include "confirming_rsync/report_writer.h"
 #include "confirming_rsync/share_figures.h"
 #include "confirming_rsync/signals.h"
-#include "confirming_rsync/text_files.h"
 
 #include <csignal>
 #include <cstdint>
