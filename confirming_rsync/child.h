@@ -4,7 +4,6 @@
 #include "confirming_rsync/signals.h"
 #include "utilities/descriptors.h"
 
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -39,7 +38,7 @@ public:
     Child(Child&&) = delete;
     Child& operator=(Child&&) = delete;
 
-    bool hasStarted() const { return startError_ == 0; }
+    bool hasStarted() const { return pid_ > 0 && startError_ == 0; }
     int startError() const { return startError_; } // an errno value
 
     /// Its process group, in which what it starts is, too.
@@ -63,8 +62,6 @@ public:
     int exitStatus() const { return exitStatus_; }
 
 private:
-    void start(const ProgramCall& call, const Descriptor& input, const Signals& signals);
-
     pid_t pid_ = -1;
     int startError_ = 0;
     bool ended_ = false;

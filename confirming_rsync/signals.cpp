@@ -6,31 +6,17 @@
 
 namespace confirming {
 
-namespace {
-
-bool isIgnored(int signal) {
-    struct sigaction action {};
-    return ::sigaction(signal, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
-}
-
-void setDisposition(int signal, void (*handler)(int), struct sigaction* before) {
-    struct sigaction action {};
-    action.sa_handler = handler;
-    ::sigaction(signal, &action, before);
-}
-
-} // namespace
-
 Signals::Signals() {
     // If it were ignored, the system would reap the child and forget its status.
-    setDisposition(SIGCHLD, SIG_DFL, nullptr);
-    setDisposition(SIGPIPE, SIG_IGN, &pipeBefore_);
+    std::signal(SIGCHLD, SIG_DFL);
+    pipeBefore_ = std::signal(SIGPIPE, SIG_IGN);
     sigset_t taken;
     ::sigemptyset(&taken);
     ::sigaddset(&taken, SIGCHLD);
     for (const int signal : {SIGTERM, SIGINT, SIGHUP}) {
         // A signal that is held back is kept even while it is ignored.
-        if (!isIgnored(signal)) {
+        struct sigaction before {};
+        if (::sigaction(signal, nullptr, &before) != 0 || before.sa_handler != SIG_IGN) {
             ::sigaddset(&taken, signal);
         }
     }
@@ -48,20 +34,17 @@ Signals::~Signals() {
 
 int Signals::take() {
     struct signalfd_siginfo info {};
-    if (descriptor_.get() < 0 ||
-        ::read(descriptor_.get(), &info, sizeof info) != static_cast<ssize_t>(sizeof info)) {
-        return 0;
-    }
-    return static_cast<int>(info.ssi_signo);
+    const ssize_t count = ::read(descriptor_.get(), &info, sizeof info);
+    return count == static_cast<ssize_t>(sizeof info) ? static_cast<int>(info.ssi_signo) : 0;
 }
 
 void Signals::restore() const {
-    ::sigaction(SIGPIPE, &pipeBefore_, nullptr);
+    std::signal(SIGPIPE, pipeBefore_);
     ::sigprocmask(SIG_SETMASK, &before_, nullptr);
 }
 
 void endBySignal(int signal) {
-    setDisposition(signal, SIG_DFL, nullptr);
+    std::signal(signal, SIG_DFL);
     sigset_t one;
     ::sigemptyset(&one);
     ::sigaddset(&one, signal);

@@ -31,7 +31,7 @@ public:
 
 private:
     sigset_t before_{};
-    struct sigaction pipeBefore_ {};
+    void (*pipeBefore_)(int) = SIG_DFL;
     Descriptor descriptor_;
 };
 
