@@ -65,8 +65,7 @@ CopyRun::CopyRun(Places places, Arguments arguments, std::vector<std::string> en
       environment_(childEnvironment(std::move(environment))), limits_(limits), begin_(Clock::now()),
       destination_(arguments_.destination),
       isDurable_(places_.isFlushing && destination_.canBeDurable()),
-      keepsFractions_(destination_.keepsFractions()), writer_(STDOUT_FILENO),
-      relay_(signals_, writer_),
+      keepsFractions_(destination_.keepsFractions()),
       filter_(share_.directory,
               [this](const std::string& name) { return destination_.sizeOf(name); }),
       figures_(places_.figuresFolder, arguments_.source, arguments_.destination) {
@@ -180,7 +179,7 @@ void CopyRun::announceLeftNames() {
 /// Writes down what the reader's pipe has taken: it is handed off as long as the reader lives.
 void CopyRun::recordConfirmations() {
     std::string lines;
-    while (!unrecorded_.empty() && unrecorded_.front().end <= writer_.written()) {
+    while (!unrecorded_.empty() && unrecorded_.front().end <= relay_.report.written()) {
         lines += confirmedLine(unrecorded_.front().name);
         unrecorded_.pop_front();
     }
@@ -208,7 +207,7 @@ void CopyRun::tellOfJournal() {
 /// Says that all is accounted for, if it is: without that, every name without a confirmation is
 /// looked for by the next listing.
 void CopyRun::endJournal() {
-    if (isAccountedFor_ && !isStopping() && writer_.pending() == 0) {
+    if (isAccountedFor_ && !isStopping() && relay_.report.pending() == 0) {
         journal_.write(doneLine());
     }
 }
@@ -263,7 +262,7 @@ int CopyRun::runRsync(const Names& names, Pass pass) {
     filter_.beginPass(pass);
     Child rsync({places_.stockRsync, passArguments(arguments_, share_, pass, keepsFractions_),
                  environment_},
-                fileWith(listInput(share_, names)), signals_);
+                fileWith(listInput(share_, names)), relay_.signals);
     if (!rsync.hasStarted()) {
         say("cannot start " + places_.stockRsync + ": " + std::strerror(rsync.startError()));
         return notStarted;
@@ -352,7 +351,7 @@ void CopyRun::finishReport() {
             patience = now + limits_.farewell;
         }
         const bool waiting = idle && !isStopping() && now < end;
-        if ((writer_.pending() == 0 && !waiting) || now >= patience) {
+        if ((relay_.report.pending() == 0 && !waiting) || now >= patience) {
             return;
         }
         step(waiting ? std::min(end, patience) : patience);
@@ -391,7 +390,7 @@ bool CopyRun::ask(const Names& names) {
 /// Puts the question and takes in the answer. Nothing without one, `failure` says why.
 std::optional<CopyRun::Names> CopyRun::namesGoneOf(const Names& names, std::string& failure) {
     Child rsync({places_.stockRsync, questionArguments(arguments_.access, share_), environment_},
-                fileWith(listInput(share_, names)), signals_);
+                fileWith(listInput(share_, names)), relay_.signals);
     if (!rsync.hasStarted()) {
         failure = "cannot start " + places_.stockRsync + ": " + std::strerror(rsync.startError());
         return std::nullopt;
@@ -416,7 +415,7 @@ std::optional<CopyRun::Names> CopyRun::namesGoneOf(const Names& names, std::stri
             failure = "no answer in time";
             return std::nullopt;
         }
-        step(rsync, sinks, end);
+        step(end, &rsync, sinks);
     }
     if (!isAnswered(rsync.exitStatus())) {
         failure = "rsync ended with status " + std::to_string(rsync.exitStatus());
@@ -469,7 +468,7 @@ void CopyRun::attend(Child& child, const Sinks& sinks) {
             child.kill();
             end = now + limits_.leftovers;
         }
-        step(child, watched, end);
+        step(end, &child, watched);
     }
 }
 
@@ -491,13 +490,8 @@ bool CopyRun::hasComeToAStandstill(Standstill& standstill) {
     return true;
 }
 
-void CopyRun::step(Clock::time_point until) {
-    relay_.step(until);
-    recordConfirmations();
-}
-
-void CopyRun::step(Child& child, const Sinks& sinks, Clock::time_point until) {
-    relay_.step(child, sinks, until);
+void CopyRun::step(Clock::time_point until, Child* child, const Sinks& sinks) {
+    relay_.step(until, child, sinks);
     recordConfirmations();
 }
 
@@ -508,7 +502,7 @@ void CopyRun::say(const std::string& text) {
 
 /// All that goes to the reader passes here.
 void CopyRun::send() {
-    writer_.add(filter_.takeReport());
+    relay_.report.add(filter_.takeReport());
     for (ReportFilter::Confirmation& confirmation : filter_.takeConfirmations()) {
         if (confirmation.isRecovered) {
             figures_.recovered(confirmation.name, confirmation.bytes);

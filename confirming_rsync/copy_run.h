@@ -7,10 +7,8 @@
 #include "confirming_rsync/journal.h"
 #include "confirming_rsync/relay.h"
 #include "confirming_rsync/report_filter.h"
-#include "confirming_rsync/report_writer.h"
 #include "confirming_rsync/share_figures.h"
 #include "confirming_rsync/share_question.h"
-#include "confirming_rsync/signals.h"
 #include "confirming_rsync/standstill.h"
 
 #include <chrono>
@@ -93,8 +91,7 @@ private:
     bool hasComeToAStandstill(Standstill& standstill);
 
     /// Every wait is one of these.
-    void step(Clock::time_point until);
-    void step(Child& child, const Sinks& sinks, Clock::time_point until);
+    void step(Clock::time_point until, Child* child = nullptr, const Sinks& sinks = {});
 
     /// Reports a line of the program's own.
     void say(const std::string& text);
@@ -110,8 +107,6 @@ private:
     const Destination destination_;
     const bool isDurable_; // files are made durable before they are removed at the source
     const bool keepsFractions_;
-    Signals signals_;
-    ReportWriter writer_;
     Relay relay_;
     ReportFilter filter_;
     CopyFigures figures_;

@@ -4,10 +4,9 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstddef>
+#include <climits>
 
 #include <poll.h>
-#include <unistd.h>
 
 namespace confirming {
 
@@ -23,60 +22,65 @@ constexpr std::chrono::milliseconds rest{5};
 constexpr std::chrono::milliseconds longRest{20};
 constexpr std::size_t longPortion = 256;
 
+constexpr std::size_t mostAtOnce = 8192;
+
 /// No wait is longer, so that an event that came unnoticed is noticed.
 constexpr std::chrono::milliseconds longestWait{1000};
 
 int millisecondsUntil(Clock::time_point time) {
     const auto now = Clock::now();
-    if (time <= now) {
-        return 0;
-    }
-    if (time - now >= longestWait) {
-        return static_cast<int>(longestWait.count());
-    }
-    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(time - now);
-    return static_cast<int>(left.count()) + 1;
+    const auto left = std::clamp(time, now, now + longestWait) - now;
+    return static_cast<int>(std::chrono::ceil<std::chrono::milliseconds>(left).count());
 }
-
-constexpr std::size_t mostAtOnce = 8192;
 
 } // namespace
 
-/// Hands on what is there to read, and returns how much that was; closes the descriptor at the end
-/// of the stream.
-std::size_t Relay::readSome(Descriptor& from, const std::function<void(std::string_view)>& sink) {
-    std::array<char, mostAtOnce> buffer{};
-    const ssize_t count = ::read(from.get(), buffer.data(), buffer.size());
-    if (count > 0) {
-        sink(std::string_view(buffer.data(), static_cast<std::size_t>(count)));
-    } else if (count == 0 || errno != EINTR) {
-        missedSomething_ = missedSomething_ || count != 0;
-        from.reset();
+void ReportWriter::add(std::string_view text) {
+    if (!givenUp_) {
+        text_ += text;
     }
-    return static_cast<std::size_t>(std::max<ssize_t>(count, 0));
 }
 
-void Relay::step(Child& child, const Sinks& sinks, Clock::time_point until) {
-    step(&child, &sinks, until);
+void ReportWriter::write() {
+    // A pipe that is ready takes this much at once.
+    const std::string_view waiting =
+        std::string_view(text_).substr(written_, std::size_t{PIPE_BUF});
+    const std::size_t lineEnd = waiting.rfind('\n');
+    const std::size_t portion = lineEnd == std::string_view::npos ? waiting.size() : lineEnd + 1;
+    const ssize_t count = ::write(descriptor_, waiting.data(), portion);
+    if (count < 0) {
+        if (errno != EINTR && errno != EAGAIN && errno != EWOULDBLOCK) {
+            giveUp();
+        }
+        return;
+    }
+    written_ += static_cast<std::size_t>(count);
+    total_ += static_cast<std::uint64_t>(count);
+    if (2 * written_ >= text_.size()) {
+        // Not only when all is written: a reader may always be behind.
+        text_.erase(0, written_);
+        written_ = 0;
+    }
 }
 
-void Relay::step(Clock::time_point until) {
-    step(nullptr, nullptr, until);
+void ReportWriter::giveUp() {
+    givenUp_ = true;
+    text_.clear();
+    written_ = 0;
 }
 
 bool Relay::isReading() const {
-    return writer_.pending() < fullReport;
+    return report.pending() < fullReport;
 }
 
-void Relay::step(Child* child, const Sinks* sinks, Clock::time_point until) {
+void Relay::step(Clock::time_point until, Child* child, const Sinks& sinks) {
     const bool resting = child != nullptr && Clock::now() < restsUntil_;
     const bool reading = child != nullptr && !resting && isReading();
-    const bool writing = writer_.pending() > 0;
+    const auto writing = static_cast<short>(report.pending() > 0 ? POLLOUT : 0);
     // poll passes over a negative descriptor; without events asked for, it still tells of errors.
     std::array<struct pollfd, 4> polled{{
-        {signals_.descriptor(), POLLIN, 0},
-        {writer_.hasGivenUp() ? -1 : writer_.descriptor(),
-         static_cast<short>(writing ? POLLOUT : 0), 0},
+        {signals.descriptor(), POLLIN, 0},
+        {readerIsGone() ? -1 : report.descriptor(), writing, 0},
         {reading ? child->output.get() : -1, POLLIN, 0},
         {reading ? child->errorOutput.get() : -1, POLLIN, 0},
     }};
@@ -88,19 +92,28 @@ void Relay::step(Child* child, const Sinks* sinks, Clock::time_point until) {
         takeSignals();
     }
     if ((polled[1].revents & (POLLERR | POLLHUP | POLLNVAL)) != 0) {
-        writer_.giveUp();
+        report.giveUp();
     } else if (polled[1].revents != 0) {
-        writer_.write();
+        report.write();
     }
-    if (!reading || (polled[2].revents == 0 && polled[3].revents == 0)) {
-        return;
-    }
-    std::size_t portion = 0;
     if (polled[2].revents != 0) {
-        portion = readSome(child->output, sinks->output);
+        readSome(child->output, sinks.output);
     }
     if (polled[3].revents != 0) {
-        portion = std::max(portion, readSome(child->errorOutput, sinks->errorOutput));
+        readSome(child->errorOutput, sinks.errorOutput);
+    }
+}
+
+/// Hands on what is there to read; closes the descriptor at the end of the stream.
+void Relay::readSome(Descriptor& from, const std::function<void(std::string_view)>& sink) {
+    std::array<char, mostAtOnce> buffer{};
+    const ssize_t count = ::read(from.get(), buffer.data(), buffer.size());
+    const auto portion = static_cast<std::size_t>(std::max<ssize_t>(count, 0));
+    if (portion > 0) {
+        sink(std::string_view(buffer.data(), portion));
+    } else if (count == 0 || errno != EINTR) {
+        missedSomething_ = missedSomething_ || count != 0;
+        from.reset();
     }
     if (portion < mostAtOnce) {
         restsUntil_ = Clock::now() + (portion < longPortion ? rest : longRest);
@@ -108,12 +121,10 @@ void Relay::step(Child* child, const Sinks* sinks, Clock::time_point until) {
 }
 
 void Relay::takeSignals() {
-    for (int signal = signals_.take(); signal != 0; signal = signals_.take()) {
+    for (int signal = signals.take(); signal != 0; signal = signals.take()) {
         if (signal == SIGCHLD) {
             restsUntil_ = {}; // nothing more is going to come
-            continue;
-        }
-        if (stopSignal_ == 0) {
+        } else if (stopSignal_ == 0) {
             stopSignal_ = signal;
         } else {
             endBySignal(signal);

@@ -2,12 +2,16 @@
 #pragma once
 
 #include "confirming_rsync/child.h"
-#include "confirming_rsync/report_writer.h"
 #include "confirming_rsync/signals.h"
 
 #include <chrono>
+#include <cstddef>
+#include <cstdint>
 #include <functional>
+#include <string>
 #include <string_view>
+
+#include <unistd.h>
 
 namespace confirming {
 
@@ -16,6 +20,40 @@ using Clock = std::chrono::steady_clock;
 /// A point in time that never comes.
 constexpr Clock::time_point never = Clock::time_point::max();
 
+/// Holds report text until the reader takes it, in twice the memory at most. Never waits: whoever
+/// owns it polls the descriptor and calls write() when there is room. SIGPIPE has to be ignored.
+class ReportWriter {
+public:
+    /// Does not own the descriptor, whose flags stay as they are.
+    explicit ReportWriter(int descriptor) : descriptor_(descriptor) {}
+
+    int descriptor() const { return descriptor_; }
+
+    void add(std::string_view text);
+
+    /// Bytes that wait.
+    std::size_t pending() const { return text_.size() - written_; }
+
+    /// Bytes that the reader's pipe has taken so far.
+    std::uint64_t written() const { return total_; }
+
+    /// Writes the next bytes: whole lines, as many as a pipe takes at once, so that an end of the
+    /// program never leaves half a line there. A line that is longer than that goes in pieces. To
+    /// be called when the descriptor is ready for writing, else it may wait for the reader.
+    void write();
+
+    /// The reader is gone: everything that waits or comes is thrown away.
+    void giveUp();
+    bool hasGivenUp() const { return givenUp_; }
+
+private:
+    int descriptor_;
+    std::string text_;
+    std::size_t written_ = 0; // of text_
+    std::uint64_t total_ = 0;
+    bool givenUp_ = false;
+};
+
 /// Takes what a child prints.
 struct Sinks {
     std::function<void(std::string_view)> output;
@@ -23,19 +61,15 @@ struct Sinks {
 };
 
 /// Moves bytes: from a child to the sinks, from the report to its reader; and keeps in mind whether
-/// a signal has come. Each call waits for one round of events at most. The second signal that asks
-/// the program to end ends it there and then; its child is told by its parent's death.
+/// a signal has come. One object, which holds the signals back while it lives.
 class Relay {
 public:
-    Relay(Signals& signals, ReportWriter& writer) : signals_(signals), writer_(writer) {}
-
-    /// Waits until something happens or the time has come, and deals with it. A child is read from
-    /// only while the report that waits for its reader is short, so that a slow reader slows it
-    /// down; and some milliseconds after it was last read from, so that many lines come at once.
-    void step(Child& child, const Sinks& sinks, Clock::time_point until);
-
-    /// The same without a child.
-    void step(Clock::time_point until);
+    /// Waits until something happens or the time has come, and deals with it: with one round of
+    /// events at most. A child is read from only while the report that waits for its reader is
+    /// short, so that a slow reader slows it down; and some milliseconds after it was last read
+    /// from, so that many lines come at once. The second signal that asks the program to end ends
+    /// it there and then; its child is told by its parent's death.
+    void step(Clock::time_point until, Child* child = nullptr, const Sinks& sinks = {});
 
     /// The first signal that asked the program to end; 0 as long as none did.
     int stopSignal() const { return stopSignal_; }
@@ -43,18 +77,18 @@ public:
     /// False while so much waits for the reader that the child is not read from.
     bool isReading() const;
 
-    bool readerIsGone() const { return writer_.hasGivenUp(); }
+    bool readerIsGone() const { return report.hasGivenUp(); }
 
     /// True if some of what a child has printed could not be read. What it said is then no answer.
     bool hasMissedSomething() const { return missedSomething_; }
 
+    Signals signals;
+    ReportWriter report{STDOUT_FILENO};
+
 private:
-    void step(Child* child, const Sinks* sinks, Clock::time_point until);
-    std::size_t readSome(Descriptor& from, const std::function<void(std::string_view)>& sink);
+    void readSome(Descriptor& from, const std::function<void(std::string_view)>& sink);
     void takeSignals();
 
-    Signals& signals_;
-    ReportWriter& writer_;
     int stopSignal_ = 0;
     bool missedSomething_ = false;
     Clock::time_point restsUntil_; ///< until then a child is not read from

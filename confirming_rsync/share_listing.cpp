@@ -6,9 +6,7 @@
 #include "confirming_rsync/left_names.h"
 #include "confirming_rsync/line_assembly.h"
 #include "confirming_rsync/relay.h"
-#include "confirming_rsync/report_writer.h"
 #include "confirming_rsync/share_figures.h"
-#include "confirming_rsync/signals.h"
 
 #include <csignal>
 #include <cstdint>
@@ -58,15 +56,13 @@ ShareListing::ShareListing(Places places, Arguments arguments, std::vector<std::
 }
 
 int ShareListing::run() {
-    Signals signals;
-    ReportWriter writer(STDOUT_FILENO);
-    Relay relay(signals, writer);
+    Relay relay;
     Complaints complaints;
     ListingFigures figures(places_.figuresFolder, arguments_.listedSource);
     figures.begin();
     Settlement settlement(places_.journalFolder, arguments_.listedSource, limits_.announceAgain);
     const Descriptor nothing(::open("/dev/null", O_RDONLY | O_CLOEXEC));
-    Child rsync({places_.stockRsync, arguments_.rsync, environment_}, nothing, signals);
+    Child rsync({places_.stockRsync, arguments_.rsync, environment_}, nothing, relay.signals);
     if (!rsync.hasStarted()) {
         const std::string complaint = "rsync_orbelin: cannot start " + places_.stockRsync + ": " +
                                       std::strerror(rsync.startError());
@@ -77,7 +73,7 @@ int ShareListing::run() {
     LineAssembly assembly;
     std::uint64_t entries = 0;
     const Sinks sinks{[&](std::string_view bytes) {
-                          writer.add(bytes);
+                          relay.report.add(bytes);
                           assembly.take(bytes, [&](const LinePiece& piece) {
                               entries += piece.ends ? 1 : 0;
                               settlement.takeListed(piece.text);
@@ -86,7 +82,7 @@ int ShareListing::run() {
                       [&](std::string_view bytes) { complaints.take(bytes); }};
     const auto isStopping = [&relay] { return relay.stopSignal() != 0 || relay.readerIsGone(); };
     while (!isStopping() && (rsync.output || rsync.errorOutput || !rsync.hasEnded())) {
-        relay.step(rsync, sinks, never);
+        relay.step(never, &rsync, sinks);
     }
     if (!isStopping()) {
         figures.end(rsync.exitStatus(), entries, complaints.first());
@@ -94,10 +90,10 @@ int ShareListing::run() {
             settlement.settle();
         }
         if (rsync.exitStatus() == 0 && settlement.isReminderDue()) {
-            writer.add(reminderLine());
+            relay.report.add(reminderLine());
         }
     }
-    while (!isStopping() && writer.pending() > 0) {
+    while (!isStopping() && relay.report.pending() > 0) {
         relay.step(never);
     }
     if (isStopping()) {

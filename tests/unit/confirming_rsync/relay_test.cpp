@@ -1,6 +1,6 @@
 // How report text gets to a reader that takes its time, or leaves.
 #include "confirming_rsync/descriptors.h"
-#include "confirming_rsync/report_writer.h"
+#include "confirming_rsync/relay.h"
 
 #include <csignal>
 
