@@ -7,37 +7,28 @@ namespace confirming {
 
 void LineAssembly::take(std::string_view bytes, const Sink& sink) {
     while (!bytes.empty()) {
-        const std::size_t available = std::min(bytes.find('\n'), bytes.size());
-        const std::string_view part = bytes.substr(0, std::min(available, limit - pending_.size()));
-        bytes.remove_prefix(part.size());
-        if (bytes.empty()) {
-            pending_.append(part);
-            return;
+        const std::size_t end = std::min(bytes.find('\n'), limit - pending_.size());
+        pending_ += bytes.substr(0, end);
+        bytes.remove_prefix(std::min(end, bytes.size()));
+        // A full piece is handed on only when it is known whether it ends its line.
+        if (!bytes.empty()) {
+            const bool ends = bytes.front() == '\n';
+            bytes.remove_prefix(ends ? 1 : 0);
+            put(ends, sink);
         }
-        // Otherwise it is full, and at least one more byte of the same line has come.
-        const bool ends = bytes.front() == '\n';
-        if (ends) {
-            bytes.remove_prefix(1);
-        }
-        put(part, ends, sink);
     }
 }
 
 void LineAssembly::finish(const Sink& sink) {
     if (!pending_.empty()) {
-        put({}, false, sink);
+        put(false, sink);
     }
     begins_ = true;
 }
 
-void LineAssembly::put(std::string_view part, bool ends, const Sink& sink) {
-    if (pending_.empty()) {
-        sink({part, begins_, ends});
-    } else {
-        pending_.append(part);
-        sink({pending_, begins_, ends});
-        pending_.clear();
-    }
+void LineAssembly::put(bool ends, const Sink& sink) {
+    sink({pending_, begins_, ends});
+    pending_.clear();
     begins_ = ends;
 }
 

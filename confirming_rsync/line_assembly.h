@@ -33,7 +33,7 @@ public:
     void finish(const Sink& sink);
 
 private:
-    void put(std::string_view part, bool ends, const Sink& sink);
+    void put(bool ends, const Sink& sink);
 
     std::string pending_;
     bool begins_ = true;
