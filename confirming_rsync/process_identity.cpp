@@ -2,17 +2,17 @@
 #include "confirming_rsync/process_identity.h"
 
 #include "confirming_rsync/descriptors.h"
+#include "utilities/text.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
-#include <cstddef>
 #include <ctime>
+#include <utility>
 
 namespace confirming {
 
 namespace {
-
-constexpr std::string_view blanks = " \n";
 
 std::optional<std::string> statusText(pid_t pid) {
     return readTextFile("/proc/" + std::to_string(pid) + "/stat");
@@ -28,9 +28,8 @@ bool readNumber(std::string_view word, Number& number) {
 } // namespace
 
 std::string currentBoot() {
-    std::string text = readTextFile("/proc/sys/kernel/random/boot_id").value_or("");
-    text.erase(text.find_last_not_of(blanks) + 1);
-    return text;
+    const auto text = readTextFile("/proc/sys/kernel/random/boot_id");
+    return text ? text->substr(0, text->find('\n')) : "";
 }
 
 bool operator==(const ProcessIdentity& left, const ProcessIdentity& right) {
@@ -64,32 +63,23 @@ bool isRunning(const ProcessStatus& status) {
 }
 
 std::optional<ProcessStatus> parseProcessStatus(std::string_view text) {
-    // PID (NAME) STATE and then numbers.
-    constexpr int stateField = 1;
-    constexpr int groupField = 3;
-    constexpr int startField = 20;
-    const std::size_t name = text.rfind(')');
-    if (name == std::string_view::npos) {
+    // PID (NAME) STATE PARENT GROUP and then more numbers.
+    constexpr int fieldsBetween = 16; // the group and the start
+    using UTILITIES::takeWord;
+    text.remove_prefix(std::min(text.size(), text.rfind(')')));
+    takeWord(text);
+    const std::string_view state = takeWord(text);
+    takeWord(text);
+    const std::string_view group = takeWord(text);
+    for (int field = 0; field < fieldsBetween; ++field) {
+        takeWord(text);
+    }
+    ProcessStatus status;
+    if (!readNumber(group, status.group) || !readNumber(takeWord(text), status.start)) {
         return std::nullopt;
     }
-    text.remove_prefix(name + 1);
-    ProcessStatus status;
-    for (int field = 1;; ++field) {
-        const std::size_t begin = text.find_first_not_of(blanks);
-        if (begin == std::string_view::npos) {
-            return std::nullopt;
-        }
-        text.remove_prefix(begin);
-        const std::string_view word = text.substr(0, text.find_first_of(blanks));
-        if (field == stateField) {
-            status.state = word.front();
-        } else if (field == groupField && !readNumber(word, status.group)) {
-            return std::nullopt;
-        } else if (field == startField) {
-            return readNumber(word, status.start) ? std::optional(status) : std::nullopt;
-        }
-        text.remove_prefix(word.size());
-    }
+    status.state = state.front();
+    return status;
 }
 
 std::uint64_t nanosecondsSinceBoot() {

@@ -4,13 +4,10 @@
 #include "confirming_rsync/descriptors.h"
 #include "confirming_rsync/process_identity.h"
 
-#include <charconv>
-#include <cstddef>
-#include <memory>
+#include <filesystem>
+#include <sstream>
 #include <string>
-#include <string_view>
-
-#include <dirent.h>
+#include <system_error>
 
 namespace confirming {
 
@@ -19,47 +16,29 @@ namespace {
 /// Looks for each limit. One look reads something of each process of the machine.
 constexpr int looks = 10;
 
-/// The number behind "KEY: " at the beginning of a line.
-std::optional<std::uint64_t> valueOf(std::string_view text, std::string_view key) {
-    const std::size_t begin = text.find(key);
-    if (begin == std::string_view::npos) {
-        return std::nullopt;
-    }
-    text.remove_prefix(begin + key.size());
-    std::uint64_t value = 0;
-    if (std::from_chars(text.data(), text.data() + text.size(), value).ec != std::errc()) {
-        return std::nullopt;
-    }
-    return value;
-}
-
 } // namespace
 
 std::optional<std::uint64_t> bytesMovedBy(pid_t group) {
-    const auto close = [](DIR* directory) { ::closedir(directory); };
-    const std::unique_ptr<DIR, decltype(close)> processes(::opendir("/proc"), close);
-    if (!processes) {
-        return std::nullopt;
-    }
     std::uint64_t moved = 0;
-    while (const struct dirent* entry = ::readdir(processes.get())) {
-        const std::string directory = std::string("/proc/") + entry->d_name;
-        if (entry->d_name[0] < '1' || entry->d_name[0] > '9') {
-            continue;
-        }
+    std::error_code failure;
+    std::filesystem::directory_iterator process("/proc", failure);
+    for (; !failure && process != end(process); process.increment(failure)) {
+        const std::string directory = process->path();
         const auto status = parseProcessStatus(readTextFile(directory + "/stat").value_or(""));
         if (!status || status->group != group || !isRunning(*status)) {
             continue;
         }
-        const std::string counters = readTextFile(directory + "/io").value_or("");
-        const auto read = valueOf(counters, "rchar: ");
-        const auto written = valueOf(counters, "wchar: ");
-        if (!read || !written) {
+        // "rchar: READ" and "wchar: WRITTEN" are its first lines.
+        std::istringstream counters(readTextFile(directory + "/io").value_or(""));
+        std::string key;
+        std::uint64_t read = 0;
+        std::uint64_t written = 0;
+        if (!(counters >> key >> read >> key >> written)) {
             return std::nullopt;
         }
-        moved += *read + *written;
+        moved += read + written;
     }
-    return moved;
+    return failure ? std::nullopt : std::optional(moved);
 }
 
 bool Standstill::hasLasted(std::chrono::milliseconds time) {
