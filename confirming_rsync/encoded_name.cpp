@@ -1,6 +1,7 @@
 // Any text as a name in a folder, which an operator can read, and back.
 #include "confirming_rsync/encoded_name.h"
 
+#include <charconv>
 #include <cstddef>
 
 namespace confirming {
@@ -32,18 +33,13 @@ std::string encodedName(std::string_view text) {
 std::optional<std::string> decodedName(std::string_view name) {
     std::string text;
     for (std::size_t at = 0; at < name.size(); ++at) {
-        if (name[at] != '%') {
-            text += name[at];
-            continue;
+        auto byte = static_cast<unsigned char>(name[at]);
+        if (name[at] == '%') {
+            const std::string_view escape = name.substr(at + 1, 2);
+            std::from_chars(escape.data(), escape.data() + escape.size(), byte, 16);
+            at += escape.size();
         }
-        const std::string_view escape = name.substr(at, 3);
-        const std::size_t high = escape.size() == 3 ? digits.find(escape[1]) : digits.npos;
-        const std::size_t low = escape.size() == 3 ? digits.find(escape[2]) : digits.npos;
-        if (high == digits.npos || low == digits.npos) {
-            return std::nullopt;
-        }
-        text += static_cast<char>(high << 4U | low);
-        at += 2;
+        text += static_cast<char>(byte);
     }
     // Whatever else could be read so is not what the text becomes.
     return encodedName(text) == name ? std::optional(text) : std::nullopt;

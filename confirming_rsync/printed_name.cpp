@@ -2,7 +2,10 @@
 #include "confirming_rsync/printed_name.h"
 
 #include <algorithm>
-#include <cstddef>
+#include <charconv>
+#include <filesystem>
+#include <optional>
+#include <system_error>
 
 namespace confirming {
 
@@ -14,19 +17,23 @@ bool isDigit(char character) {
     return character >= '0' && character <= '9';
 }
 
-bool isOctalDigit(char character) {
-    return character >= '0' && character <= '7';
-}
-
 /// True where rsync escapes a backslash, so that what it prints can be read back.
 bool looksLikeEscape(std::string_view text) {
-    return text.size() >= escapeLength && text[0] == '\\' && text[1] == '#' && isDigit(text[2]) &&
-           isDigit(text[3]) && isDigit(text[4]);
+    return text.size() >= escapeLength && text[0] == '\\' && text[1] == '#' &&
+           std::all_of(text.begin() + 2, text.begin() + escapeLength, isDigit);
 }
 
-bool isEscape(std::string_view text) {
-    return looksLikeEscape(text) && text[2] <= '3' && isOctalDigit(text[2]) &&
-           isOctalDigit(text[3]) && isOctalDigit(text[4]);
+/// The byte whose escape the text begins with.
+std::optional<unsigned char> escapedByte(std::string_view text) {
+    unsigned char byte = 0;
+    if (looksLikeEscape(text)) {
+        const char* const end = text.data() + escapeLength;
+        const auto read = std::from_chars(text.data() + 2, end, byte, 8);
+        if (read.ec == std::errc() && read.ptr == end) {
+            return byte;
+        }
+    }
+    return std::nullopt;
 }
 
 void appendEscape(std::string& text, unsigned char byte) {
@@ -39,14 +46,7 @@ void appendEscape(std::string& text, unsigned char byte) {
 } // namespace
 
 std::string printedName(std::string_view name) {
-    const auto isOrdinary = [](char character) {
-        return static_cast<unsigned char>(character) >= ' ' && character != '\\';
-    };
-    if (std::all_of(name.begin(), name.end(), isOrdinary)) {
-        return std::string(name);
-    }
     std::string printed;
-    printed.reserve(name.size());
     for (std::size_t at = 0; at < name.size(); ++at) {
         const auto byte = static_cast<unsigned char>(name[at]);
         if ((byte < ' ' && byte != '\t') || looksLikeEscape(name.substr(at))) {
@@ -70,40 +70,23 @@ std::string withoutControls(std::string_view line, std::size_t longest) {
             text += character;
         }
     }
-    if (text.size() > longest) {
-        text.resize(longest);
-    }
-    return text;
+    return text.substr(0, longest);
 }
 
 std::string unprintedName(std::string_view printed) {
     std::string name;
-    name.reserve(printed.size());
-    for (std::size_t at = 0; at < printed.size(); ++at) {
-        if (!isEscape(printed.substr(at))) {
-            name += printed[at];
-            continue;
-        }
-        const int byte =
-            (printed[at + 2] - '0') * 64 + (printed[at + 3] - '0') * 8 + (printed[at + 4] - '0');
-        name += static_cast<char>(byte);
-        at += escapeLength - 1;
+    while (!printed.empty()) {
+        const auto escaped = escapedByte(printed);
+        name += escaped ? static_cast<char>(*escaped) : printed.front();
+        printed.remove_prefix(escaped ? escapeLength : 1);
     }
     return name;
 }
 
 bool staysBelow(std::string_view name) {
-    if (name.empty() || name.front() == '/') {
-        return false;
-    }
-    while (!name.empty()) {
-        const std::size_t end = name.find('/');
-        if (name.substr(0, end) == "..") {
-            return false;
-        }
-        name.remove_prefix(end == std::string_view::npos ? name.size() : end + 1);
-    }
-    return true;
+    const std::filesystem::path path(name);
+    return !path.empty() && path.is_relative() &&
+           std::find(path.begin(), path.end(), "..") == path.end();
 }
 
 } // namespace confirming
