@@ -84,27 +84,34 @@ Head headOf(std::string_view name, const std::string& boot) {
     return head;
 }
 
-/// A descriptor's status; an empty one, which no check accepts, if it can't be had.
-struct stat statusOf(const Descriptor& file) {
-    struct stat status {};
-    return ::fstat(file.get(), &status) == 0 ? status : decltype(status){};
-}
-
 /// True if nobody but this user may write to it.
 bool isOwn(const struct stat& status) {
     return status.st_uid == ::geteuid() && (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
 }
 
-bool mayBeSegment(const struct stat& status) {
-    return S_ISREG(status.st_mode) && status.st_size == sizeof(Segment);
-}
-
-SharedSegment mapped(const Descriptor& file, int protection) {
-    void* const memory = ::mmap(nullptr, sizeof(Segment), protection, MAP_SHARED, file.get(), 0);
+/// The segment that a file holds, if it begins like `head`; to be written to only if it is of this
+/// user and of the same boot. None, errno 0, if the file is no such segment; errno set otherwise.
+SharedSegment segmentIn(const Descriptor& file, const Head& head, bool isForWriting) {
+    struct stat status {};
+    if (::fstat(file.get(), &status) != 0) {
+        return nullptr;
+    }
+    errno = 0;
+    if (!S_ISREG(status.st_mode) || status.st_size != sizeof(Segment) ||
+        (isForWriting && !isOwn(status))) {
+        return nullptr;
+    }
+    void* const memory =
+        ::mmap(nullptr, sizeof(Segment), isForWriting ? PROT_READ | PROT_WRITE : PROT_READ,
+               MAP_SHARED, file.get(), 0);
     if (memory == MAP_FAILED) {
         return nullptr;
     }
-    return {static_cast<Segment*>(memory), [](Segment* gone) { ::munmap(gone, sizeof(Segment)); }};
+    const SharedSegment segment(static_cast<Segment*>(memory),
+                                [](Segment* gone) { ::munmap(gone, sizeof(Segment)); });
+    const bool isSame = std::memcmp(&segment->head, &head, offsetof(Head, created)) == 0 &&
+                        (!isForWriting || segment->head.boot == head.boot);
+    return isSame ? segment : nullptr;
 }
 
 /// The folder below another one, made if it is missing. Empty if it can't be had or is not this
@@ -114,30 +121,26 @@ Descriptor ownFolder(int parent, const std::string& name) {
     const bool isNew = ::mkdirat(parent, name.c_str(), mode) == 0;
     Descriptor folder(
         ::openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (!isOwn(statusOf(folder)) || (isNew && ::fchmod(folder.get(), mode) != 0)) {
+    struct stat status {};
+    if (::fstat(folder.get(), &status) != 0 || !isOwn(status) ||
+        (isNew && ::fchmod(folder.get(), mode) != 0)) {
         folder.reset();
     }
     return folder;
 }
 
-/// Makes a segment that appears under its name whole. None, errno set, if that fails.
-SharedSegment makeSegment(const Descriptor& folder, const std::string& name, const Head& head) {
+/// Makes a segment that appears under its name whole. False, errno set, if that fails.
+bool makeSegment(const Descriptor& folder, const std::string& name, const Head& head) {
     constexpr mode_t mode = 0644;
     const Descriptor file(::openat(folder.get(), ".", O_TMPFILE | O_RDWR | O_CLOEXEC, mode));
     if (!file || ::fchmod(file.get(), mode) != 0) {
-        return nullptr;
+        return false;
     }
     // Without this, a file system that is full would show as SIGBUS at the first write.
     errno = ::posix_fallocate(file.get(), 0, sizeof(Segment));
-    SharedSegment segment = errno == 0 ? mapped(file, PROT_READ | PROT_WRITE) : nullptr;
-    if (segment) {
-        segment->head = head;
-        const std::string unnamed = "/proc/self/fd/" + std::to_string(file.get());
-        if (::linkat(AT_FDCWD, unnamed.c_str(), folder.get(), name.c_str(), AT_SYMLINK_FOLLOW)) {
-            return nullptr;
-        }
-    }
-    return segment;
+    const std::string unnamed = "/proc/self/fd/" + std::to_string(file.get());
+    return errno == 0 && ::write(file.get(), &head, sizeof head) == sizeof head &&
+           ::linkat(AT_FDCWD, unnamed.c_str(), folder.get(), name.c_str(), AT_SYMLINK_FOLLOW) == 0;
 }
 
 /// The segment of that name, the same for all processes that ask at the same time. What else has
@@ -148,23 +151,18 @@ SharedSegment openSegment(const Descriptor& folder, const std::string& name, con
     bool isLocked = false;
     for (int tries = 0; tries < 100; ++tries) {
         const Descriptor file(::openat(folder.get(), name.c_str(), flags));
-        if (!file && errno == ENOENT) {
-            SharedSegment segment = makeSegment(folder, name, head);
-            if (segment || errno != EEXIST) {
+        if (file) {
+            SharedSegment segment = segmentIn(file, head, true);
+            if (segment || errno != 0) {
                 return segment;
+            }
+        } else if (errno == ENOENT) {
+            if (!makeSegment(folder, name, head) && errno != EEXIST) {
+                return nullptr;
             }
             continue;
-        }
-        if (!file && errno != ELOOP) {
+        } else if (errno != ELOOP) {
             return nullptr;
-        }
-        const struct stat status = statusOf(file);
-        if (isOwn(status) && mayBeSegment(status)) {
-            SharedSegment segment = mapped(file, PROT_READ | PROT_WRITE);
-            if (!segment || (std::memcmp(&segment->head, &head, offsetof(Head, created)) == 0 &&
-                             segment->head.boot == head.boot)) {
-                return segment;
-            }
         }
         if (!isLocked) {
             isLocked = ::flock(folder.get(), LOCK_EX | LOCK_NB) == 0;
@@ -183,10 +181,9 @@ SharedSegment openSegment(const Descriptor& folder, const std::string& name, con
 void publish(Slot& slot, const Record& record) {
     std::array<std::uint64_t, sizeof(Record) / sizeof(Word)> words{};
     std::memcpy(words.data(), &record, sizeof(record));
-    const std::size_t unused = record.text.size() - std::min(record.length, record.text.size());
     const std::uint64_t writing = (slot.sequence.load(std::memory_order_relaxed) + 1) | 1U;
     slot.sequence.store(writing, std::memory_order_relaxed);
-    for (std::size_t at = 0; at < words.size() - unused / sizeof(Word); ++at) {
+    for (std::size_t at = 0; at < words.size(); ++at) {
         slot.record[at].store(words[at], std::memory_order_release);
     }
     slot.sequence.store(writing + 1, std::memory_order_release);
@@ -248,8 +245,8 @@ struct FiguresWriter::State {
         constexpr std::size_t longest = 200;
         const std::string shareName = encodedName(share);
         const auto process = identityOf(::getpid());
-        if (process && !base.empty() && !shareName.empty() && name != copiesPrefix &&
-            shareName.size() <= longest && name.size() <= longest + copiesPrefix.size()) {
+        if (process && shareName.size() <= longest && name != copiesPrefix &&
+            name.size() <= copiesPrefix.size() + longest) {
             const Descriptor all = ownFolder(AT_FDCWD, base);
             const Descriptor shares = ownFolder(all.get(), "shares");
             const Descriptor folder = ownFolder(shares.get(), shareName);
@@ -261,15 +258,11 @@ struct FiguresWriter::State {
         }
     }
 
-    void add(ShareFigures::Count which, std::uint64_t value) const {
-        segment->counts[which].fetch_add(value, std::memory_order_relaxed);
-    }
-
     /// Takes the next slot that is free; if there is none, one whose owner is dead. The last ones
     /// stay as they are, so that what they say is there whatever happens to this one.
     void begin() {
         const std::uint64_t turn = segment->counts[ShareFigures::begun].fetch_add(1);
-        for (std::size_t look = 0; slot == nullptr && look < 2 * slotCount; ++look) {
+        for (std::size_t look = 0; slot == &none && look < 2 * slotCount; ++look) {
             Slot& next = segment->slots[(turn + look) % slotCount];
             std::uint64_t owner = next.owner.load();
             const bool isFree =
@@ -281,37 +274,28 @@ struct FiguresWriter::State {
         }
         record.writer = self;
         record.begun = now();
-        write();
+        publish(*slot, record);
     }
 
-    void write() const {
-        if (slot != nullptr) {
-            publish(*slot, record);
-        }
-    }
-
-    void write(const ShareFigures::Event& event, std::string_view text) {
+    void tell(const ShareFigures::Event& event, std::string_view text) {
         record.last = event;
         record.length = text.size();
         text.copy(record.text.data(), record.text.size());
-        write();
+        publish(*slot, record);
     }
 
     void announced(ShareFigures::Count files, std::string_view name, std::uint64_t size) {
-        add(files, 1);
-        add(static_cast<ShareFigures::Count>(files + 1), size);
-        write({now(), 0, 0, 0, {}}, name);
+        segment->counts[files] += 1;
+        segment->counts[files + 1] += size;
+        tell({now(), 0, 0, 0, {}}, name);
     }
 
-    void end() {
-        if (slot != nullptr) {
-            std::exchange(slot, nullptr)->owner.store(0, std::memory_order_release);
-        }
-    }
+    void end() { std::exchange(slot, &none)->owner.store(0, std::memory_order_release); }
 
     SharedSegment segment;
     std::uint64_t self = 1;
-    Slot* slot = nullptr;
+    Slot none{}; // in the place of one that is owned
+    Slot* slot = &none;
     Record record;
 };
 
@@ -334,7 +318,7 @@ void ListingFigures::end(int status, std::uint64_t entries, std::string_view com
         event.failuresInARow = before.failuresInARow + 1;
         event.failingSince = before.failuresInARow > 0 ? before.failingSince : event.at;
     }
-    state_->write(event, complaint);
+    state_->tell(event, complaint);
     state_->end();
 }
 
@@ -358,13 +342,14 @@ void CopyFigures::recovered(std::string_view name, std::uint64_t bytes) {
 }
 
 void CopyFigures::leftUnconfirmed(std::uint64_t files) {
-    state_->add(ShareFigures::unconfirmedFiles, files);
+    state_->segment->counts[ShareFigures::unconfirmedFiles] += files;
 }
 
 void CopyFigures::flushed(std::chrono::nanoseconds duration, bool failed) {
-    state_->add(ShareFigures::flushes, 1);
-    state_->add(ShareFigures::flushErrors, failed ? 1 : 0);
-    state_->add(ShareFigures::flushNanoseconds, static_cast<std::uint64_t>(duration.count()));
+    auto& counts = state_->segment->counts;
+    counts[ShareFigures::flushes] += 1;
+    counts[ShareFigures::flushErrors] += failed ? 1 : 0;
+    counts[ShareFigures::flushNanoseconds] += static_cast<std::uint64_t>(duration.count());
 }
 
 std::optional<ShareFigures> readShareFigures(const std::string& path) {
@@ -375,13 +360,8 @@ std::optional<ShareFigures> readShareFigures(const std::string& path) {
     const auto destination = decodedName(isOfCopies ? name.substr(copiesPrefix.size()) : "");
     const Descriptor file(
         ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-    if (!share || !destination || isOfCopies == (name == listingName) ||
-        !mayBeSegment(statusOf(file))) {
-        return std::nullopt;
-    }
-    const SharedSegment segment = mapped(file, PROT_READ);
-    const Head head = headOf(name, "");
-    if (!segment || std::memcmp(&segment->head, &head, offsetof(Head, created)) != 0) {
+    const SharedSegment segment = segmentIn(file, headOf(name, ""), false);
+    if (!share || !destination || isOfCopies == (name == listingName) || !segment) {
         return std::nullopt;
     }
     ShareFigures figures = figuresOf(*segment);
