@@ -433,14 +433,6 @@ void CopyRun::attend(Child& child, const Sinks& sinks) {
     bool told = false;
     bool killed = false;
     Standstill standstill(child.group());
-    const Sinks watched{[&](std::string_view bytes) {
-                            standstill.noteLife();
-                            sinks.output(bytes);
-                        },
-                        [&](std::string_view bytes) {
-                            standstill.noteLife();
-                            sinks.errorOutput(bytes);
-                        }};
     for (;;) {
         const bool ended = child.hasEnded();
         if ((ended && !child.output && !child.errorOutput)) {
@@ -468,21 +460,17 @@ void CopyRun::attend(Child& child, const Sinks& sinks) {
             child.kill();
             end = now + limits_.leftovers;
         }
-        step(end, &child, watched);
+        step(end, &child, sinks);
     }
 }
 
 /// Says so in the report, too.
 bool CopyRun::hasComeToAStandstill(Standstill& standstill) {
-    if (!relay_.isReading()) {
-        // It waits for us, as we do for our reader.
-        standstill.noteLife();
-    }
     // So many files that could not be created, and no fewer, can bring stock rsync there.
     constexpr std::size_t failuresToWaitFor = 10;
     const bool failing = filter_.receiverFailures() >= failuresToWaitFor;
     const auto limit = failing ? limits_.standstillAfterFailures : limits_.standstill;
-    if (!standstill.hasLasted(limit)) {
+    if (!standstill.hasLasted(limit, relay_.lastLife())) {
         return false;
     }
     say("rsync has come to a standstill and is ended after " +

@@ -19,9 +19,6 @@ struct ProcessIdentity {
 };
 
 bool operator==(const ProcessIdentity& left, const ProcessIdentity& right);
-inline bool operator!=(const ProcessIdentity& left, const ProcessIdentity& right) {
-    return !(left == right);
-}
 
 /// The id of this boot; empty if the system does not tell.
 std::string currentBoot();

@@ -69,13 +69,12 @@ void ReportWriter::giveUp() {
     written_ = 0;
 }
 
-bool Relay::isReading() const {
-    return report.pending() < fullReport;
-}
-
 void Relay::step(Clock::time_point until, Child* child, const Sinks& sinks) {
-    const bool resting = child != nullptr && Clock::now() < restsUntil_;
-    const bool reading = child != nullptr && !resting && isReading();
+    const auto now = Clock::now();
+    const bool resting = child != nullptr && now < restsUntil_;
+    const bool isFull = report.pending() >= fullReport;
+    const bool reading = child != nullptr && !resting && !isFull;
+    lastLife_ = isFull ? now : lastLife_;
     const auto writing = static_cast<short>(report.pending() > 0 ? POLLOUT : 0);
     // poll passes over a negative descriptor; without events asked for, it still tells of errors.
     std::array<struct pollfd, 4> polled{{
@@ -110,6 +109,7 @@ void Relay::readSome(Descriptor& from, const std::function<void(std::string_view
     const ssize_t count = ::read(from.get(), buffer.data(), buffer.size());
     const auto portion = static_cast<std::size_t>(std::max<ssize_t>(count, 0));
     if (portion > 0) {
+        lastLife_ = Clock::now();
         sink(std::string_view(buffer.data(), portion));
     } else if (count == 0 || errno != EINTR) {
         missedSomething_ = missedSomething_ || count != 0;

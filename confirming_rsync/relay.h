@@ -74,8 +74,8 @@ public:
     /// The first signal that asked the program to end; 0 as long as none did.
     int stopSignal() const { return stopSignal_; }
 
-    /// False while so much waits for the reader that the child is not read from.
-    bool isReading() const;
+    /// When a child was last heard of, or not read from because so much waits for the reader.
+    Clock::time_point lastLife() const { return lastLife_; }
 
     bool readerIsGone() const { return report.hasGivenUp(); }
 
@@ -92,6 +92,7 @@ private:
     int stopSignal_ = 0;
     bool missedSomething_ = false;
     Clock::time_point restsUntil_; ///< until then a child is not read from
+    Clock::time_point lastLife_;
 };
 
 } // namespace confirming

@@ -4,6 +4,7 @@
 #include "confirming_rsync/descriptors.h"
 #include "confirming_rsync/process_identity.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <sstream>
 #include <string>
@@ -16,8 +17,8 @@ namespace {
 /// Looks for each limit. One look reads something of each process of the machine.
 constexpr int looks = 10;
 
-} // namespace
-
+/// The bytes that the processes of a group have read and written since their starts, files, pipes
+/// and connections alike. Nothing if the system does not tell. Ended processes count as none.
 std::optional<std::uint64_t> bytesMovedBy(pid_t group) {
     std::uint64_t moved = 0;
     std::error_code failure;
@@ -41,8 +42,11 @@ std::optional<std::uint64_t> bytesMovedBy(pid_t group) {
     return failure ? std::nullopt : std::optional(moved);
 }
 
-bool Standstill::hasLasted(std::chrono::milliseconds time) {
+} // namespace
+
+bool Standstill::hasLasted(std::chrono::milliseconds time, Clock::time_point lastLife) {
     const auto now = Clock::now();
+    lastLife_ = std::max(lastLife_, lastLife);
     if (now - lastLife_ < time / looks || now - lastLook_ < time / looks) {
         return false;
     }

@@ -44,11 +44,11 @@ TEST(ProcessIdentity, IsNotThatOfALaterProcessWithTheSameNumber) {
     ProcessIdentity earlier = *self;
     --earlier.start;
     EXPECT_TRUE(isDead(earlier));
-    EXPECT_NE(earlier, *self);
+    EXPECT_FALSE(earlier == *self);
     ProcessIdentity ofAnotherBoot = *self;
     ofAnotherBoot.boot += "x";
     EXPECT_TRUE(isDead(ofAnotherBoot));
-    EXPECT_NE(ofAnotherBoot, *self);
+    EXPECT_FALSE(ofAnotherBoot == *self);
 }
 
 TEST(ProcessIdentity, IsDeadOnceTheProcessHasEnded) {
