@@ -4,6 +4,7 @@
 #include "confirming_rsync/descriptors.h"
 
 #include <cerrno>
+#include <cstring>
 #include <utility>
 
 #include <sys/prctl.h>
@@ -30,36 +31,37 @@ Child::Child(const ProgramCall& call, const Descriptor& input, const Signals& si
     const std::vector<char*> arguments = pointersTo(words);
     const std::vector<char*> environment = pointersTo(variables);
     Pipe out = makePipe();
-    Pipe error = makePipe();
+    Pipe errors = makePipe();
     Pipe failure = makePipe(); // takes the errno value if the program can't be executed
     const pid_t parent = ::getpid();
-    if (input && out.readEnd && error.readEnd && failure.readEnd) {
+    if (input && out.readEnd && errors.readEnd && failure.readEnd) {
         pid_ = ::fork();
     }
-    if (pid_ == -1) {
-        startError_ = errno;
-        return;
-    }
+    int error = pid_ == -1 ? errno : 0; // of the fork, then of what follows in the child
     if (pid_ == 0) {
         ::setpgid(0, 0);
         ::prctl(PR_SET_PDEATHSIG, SIGTERM);
         // The parent may have ended before its death could be watched for. All three descriptors
         // are above 2, so each dup2 makes a new one that survives execve.
         if (::getppid() == parent && ::dup2(input.get(), 0) == 0 &&
-            ::dup2(out.writeEnd.get(), 1) == 1 && ::dup2(error.writeEnd.get(), 2) == 2) {
+            ::dup2(out.writeEnd.get(), 1) == 1 && ::dup2(errors.writeEnd.get(), 2) == 2) {
             signals.restore();
             ::execve(call.path.c_str(), arguments.data(), environment.data());
         }
-        const int reason = errno;
-        (void)!::write(failure.writeEnd.get(), &reason, sizeof reason);
+        error = errno;
+        (void)!::write(failure.writeEnd.get(), &error, sizeof error);
         ::_exit(notStarted);
     }
     failure.writeEnd.reset();
-    (void)TEMP_FAILURE_RETRY(::read(failure.readEnd.get(), &startError_, sizeof startError_));
-    if (startError_ == 0) {
-        output = std::move(out.readEnd);
-        errorOutput = std::move(error.readEnd);
+    if (pid_ > 0) {
+        (void)TEMP_FAILURE_RETRY(::read(failure.readEnd.get(), &error, sizeof error));
     }
+    if (pid_ == -1 || error != 0) {
+        failure_ = "cannot start " + call.path + ": " + std::strerror(error);
+        return;
+    }
+    output = std::move(out.readEnd);
+    errorOutput = std::move(errors.readEnd);
 }
 
 Child::~Child() {

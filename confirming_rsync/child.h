@@ -27,8 +27,7 @@ struct ProgramCall {
 /// not read, wait or decide by itself; whoever owns it does.
 class Child {
 public:
-    /// Starts the program; `input` becomes its standard input. If it can't be started, hasStarted()
-    /// is false and startError() says why.
+    /// Starts the program; `input` becomes its standard input.
     Child(const ProgramCall& call, const Descriptor& input, const Signals& signals);
 
     /// Ends what is left of the child and of what it has started.
@@ -38,8 +37,8 @@ public:
     Child(Child&&) = delete;
     Child& operator=(Child&&) = delete;
 
-    bool hasStarted() const { return pid_ > 0 && startError_ == 0; }
-    int startError() const { return startError_; } // an errno value
+    /// Empty if it was started, else what to say of it: "cannot start PATH: REASON".
+    const std::string& failure() const { return failure_; }
 
     /// Its process group, in which what it starts is, too.
     pid_t group() const { return pid_; }
@@ -63,7 +62,7 @@ public:
 
 private:
     pid_t pid_ = -1;
-    int startError_ = 0;
+    std::string failure_;
     bool ended_ = false;
     int exitStatus_ = 128 + SIGKILL;
 };

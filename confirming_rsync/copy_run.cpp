@@ -84,13 +84,9 @@ int CopyRun::run() {
     figures_.leftUnconfirmed(static_cast<std::size_t>(
         std::count_if(listed_.begin(), listed_.end(),
                       [this](const std::string& name) { return !filter_.wasConfirmed(name); })));
-    if (relay_.stopSignal() != 0) {
-        endBySignal(relay_.stopSignal());
-        return 128 + relay_.stopSignal();
-    }
-    if (relay_.readerIsGone()) {
-        endBySignal(SIGPIPE);
-        return 128 + SIGPIPE;
+    if (isStopping()) {
+        endBySignal(relay_.endingSignal());
+        return 128 + relay_.endingSignal();
     }
     return status;
 }
@@ -263,8 +259,8 @@ int CopyRun::runRsync(const Names& names, Pass pass) {
     Child rsync({places_.stockRsync, passArguments(arguments_, share_, pass, keepsFractions_),
                  environment_},
                 fileWith(listInput(share_, names)), relay_.signals);
-    if (!rsync.hasStarted()) {
-        say("cannot start " + places_.stockRsync + ": " + std::strerror(rsync.startError()));
+    if (!rsync.failure().empty()) {
+        say(rsync.failure());
         return notStarted;
     }
     const Sinks sinks{[this](std::string_view bytes) {
@@ -391,8 +387,8 @@ bool CopyRun::ask(const Names& names) {
 std::optional<CopyRun::Names> CopyRun::namesGoneOf(const Names& names, std::string& failure) {
     Child rsync({places_.stockRsync, questionArguments(arguments_.access, share_), environment_},
                 fileWith(listInput(share_, names)), relay_.signals);
-    if (!rsync.hasStarted()) {
-        failure = "cannot start " + places_.stockRsync + ": " + std::strerror(rsync.startError());
+    if (!rsync.failure().empty()) {
+        failure = rsync.failure();
         return std::nullopt;
     }
     const auto keep = [](std::string& text) {
@@ -441,7 +437,7 @@ void CopyRun::attend(Child& child, const Sinks& sinks) {
         const auto now = Clock::now();
         if (isStopping() && !told) {
             told = true;
-            child.signal(relay_.readerIsGone() ? SIGTERM : relay_.stopSignal());
+            child.signal(relay_.readerIsGone() ? SIGTERM : relay_.endingSignal());
             end = now + limits_.farewell;
         }
         if (!ended && !told && hasComeToAStandstill(standstill)) {

@@ -96,7 +96,7 @@ private:
     /// Reports a line of the program's own.
     void say(const std::string& text);
     void send();
-    bool isStopping() const { return relay_.stopSignal() != 0 || relay_.readerIsGone(); }
+    bool isStopping() const { return relay_.endingSignal() != 0; }
 
     const Places places_;
     const Arguments arguments_;

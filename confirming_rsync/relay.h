@@ -71,8 +71,9 @@ public:
     /// it there and then; its child is told by its parent's death.
     void step(Clock::time_point until, Child* child = nullptr, const Sinks& sinks = {});
 
-    /// The first signal that asked the program to end; 0 as long as none did.
-    int stopSignal() const { return stopSignal_; }
+    /// What the program is to end by: the first signal that asked it to, or SIGPIPE once the reader
+    /// is gone; 0 as long as it is to go on.
+    int endingSignal() const { return stopSignal_ == 0 && readerIsGone() ? SIGPIPE : stopSignal_; }
 
     /// When a child was last heard of, or not read from because so much waits for the reader.
     Clock::time_point lastLife() const { return lastLife_; }

@@ -8,9 +8,7 @@
 #include "confirming_rsync/relay.h"
 #include "confirming_rsync/share_figures.h"
 
-#include <csignal>
 #include <cstdint>
-#include <cstring>
 #include <utility>
 
 #include <fcntl.h>
@@ -63,9 +61,8 @@ int ShareListing::run() {
     Settlement settlement(places_.journalFolder, arguments_.listedSource, limits_.announceAgain);
     const Descriptor nothing(::open("/dev/null", O_RDONLY | O_CLOEXEC));
     Child rsync({places_.stockRsync, arguments_.rsync, environment_}, nothing, relay.signals);
-    if (!rsync.hasStarted()) {
-        const std::string complaint = "rsync_orbelin: cannot start " + places_.stockRsync + ": " +
-                                      std::strerror(rsync.startError());
+    if (!rsync.failure().empty()) {
+        const std::string complaint = "rsync_orbelin: " + rsync.failure();
         complaints.take(complaint + "\n");
         figures.end(notStarted, 0, complaint);
         return notStarted;
@@ -80,7 +77,7 @@ int ShareListing::run() {
                           });
                       },
                       [&](std::string_view bytes) { complaints.take(bytes); }};
-    const auto isStopping = [&relay] { return relay.stopSignal() != 0 || relay.readerIsGone(); };
+    const auto isStopping = [&relay] { return relay.endingSignal() != 0; };
     while (!isStopping() && (rsync.output || rsync.errorOutput || !rsync.hasEnded())) {
         relay.step(never, &rsync, sinks);
     }
@@ -98,7 +95,7 @@ int ShareListing::run() {
     }
     if (isStopping()) {
         rsync.kill();
-        endBySignal(relay.stopSignal() != 0 ? relay.stopSignal() : SIGPIPE);
+        endBySignal(relay.endingSignal());
     }
     return rsync.exitStatus();
 }

@@ -2,7 +2,6 @@
 #include "confirming_rsync/child.h"
 #include "confirming_rsync/descriptors.h"
 
-#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <thread>
@@ -54,7 +53,7 @@ protected:
 
 TEST_F(ChildTest, HasItsOutputsRead) {
     Child child(shell("echo out; echo err >&2; exit 7"), input, signals);
-    ASSERT_TRUE(child.hasStarted());
+    ASSERT_EQ(child.failure(), "");
     EXPECT_EQ(readAll(child.output), "out\n");
     EXPECT_EQ(readAll(child.errorOutput), "err\n");
     ASSERT_TRUE(endsSoon(child));
@@ -95,12 +94,11 @@ TEST_F(ChildTest, IsFreeToBeInterruptedAndLeadsItsGroup) {
 
 TEST_F(ChildTest, SaysWhyItCouldNotBeStarted) {
     Child missing({"/nonexistent/rsync", {}, {}}, input, signals);
-    EXPECT_FALSE(missing.hasStarted());
-    EXPECT_EQ(missing.startError(), ENOENT);
+    EXPECT_EQ(missing.failure(), "cannot start /nonexistent/rsync: No such file or directory");
     Child folder({"/tmp", {}, {}}, input, signals);
-    EXPECT_EQ(folder.startError(), EACCES);
+    EXPECT_EQ(folder.failure(), "cannot start /tmp: Permission denied");
     Child withoutInput(shell("exit 0"), Descriptor(), signals);
-    EXPECT_FALSE(withoutInput.hasStarted());
+    EXPECT_NE(withoutInput.failure(), "");
     EXPECT_FALSE(withoutInput.output);
 }
 
