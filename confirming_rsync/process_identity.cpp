@@ -55,11 +55,7 @@ bool isDead(const ProcessIdentity& process) {
         return errno == ENOENT;
     }
     const auto status = parseProcessStatus(*text);
-    return status && (!isRunning(*status) || status->start != process.start);
-}
-
-bool isRunning(const ProcessStatus& status) {
-    return status.state != 'Z' && status.state != 'X';
+    return status && (!status->isRunning() || status->start != process.start);
 }
 
 std::optional<ProcessStatus> parseProcessStatus(std::string_view text) {

@@ -35,10 +35,10 @@ struct ProcessStatus {
     char state = '?';
     pid_t group = 0;
     std::uint64_t start = 0;
-};
 
-/// False if it has ended, and was not yet waited for.
-bool isRunning(const ProcessStatus& status);
+    /// False if it has ended, and was not yet waited for.
+    bool isRunning() const { return state != 'Z' && state != 'X'; }
+};
 
 /// Reads that text. Nothing if it is not in the kernel's form. The program's name, which may hold
 /// any byte, does not mislead it.

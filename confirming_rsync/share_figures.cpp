@@ -9,7 +9,6 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
-#include <ctime>
 #include <filesystem>
 #include <utility>
 
@@ -68,11 +67,8 @@ static_assert(sizeof(Head) == 128 && sizeof(Slot) == 384 &&
 using SharedSegment = std::shared_ptr<Segment>;
 
 Moment now() {
-    struct timespec calendar {};
-    ::clock_gettime(CLOCK_REALTIME, &calendar);
-    return {static_cast<std::uint64_t>(calendar.tv_sec) * 1'000'000'000U +
-                static_cast<std::uint64_t>(calendar.tv_nsec),
-            nanosecondsSinceBoot()};
+    const std::chrono::nanoseconds calendar = std::chrono::system_clock::now().time_since_epoch();
+    return {static_cast<std::uint64_t>(calendar.count()), nanosecondsSinceBoot()};
 }
 
 Head headOf(std::string_view name, const std::string& boot) {

@@ -26,7 +26,7 @@ std::optional<std::uint64_t> bytesMovedBy(pid_t group) {
     for (; !failure && process != end(process); process.increment(failure)) {
         const std::string directory = process->path();
         const auto status = parseProcessStatus(readTextFile(directory + "/stat").value_or(""));
-        if (!status || status->group != group || !isRunning(*status)) {
+        if (!status || status->group != group || !status->isRunning()) {
             continue;
         }
         // "rchar: READ" and "wchar: WRITTEN" are its first lines.
