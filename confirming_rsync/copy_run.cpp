@@ -1,9 +1,9 @@
 // One copy: the files of a list are copied, made durable, removed at the source and reported.
 #include "confirming_rsync/copy_run.h"
 
-#include "confirming_rsync/descriptors.h"
-#include "confirming_rsync/journal_folder.h"
 #include "confirming_rsync/left_names.h"
+#include "shares/journal_folder.h"
+#include "utilities/descriptors.h"
 
 #include <algorithm>
 #include <cerrno>

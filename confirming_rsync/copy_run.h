@@ -7,9 +7,9 @@
 #include "confirming_rsync/journal.h"
 #include "confirming_rsync/relay.h"
 #include "confirming_rsync/report_filter.h"
-#include "confirming_rsync/share_figures.h"
 #include "confirming_rsync/share_question.h"
 #include "confirming_rsync/standstill.h"
+#include "shares/share_figures.h"
 
 #include <chrono>
 #include <cstdint>

@@ -1,10 +1,7 @@
-// Pipes, whole texts, and the state of the descriptors that the program was started with.
+// Pipes, and the state of the descriptors that the program was started with.
 #pragma once
 
 #include "utilities/descriptors.h"
-
-#include <optional>
-#include <string>
 
 namespace confirming {
 
@@ -14,12 +11,6 @@ struct Pipe {
     Descriptor writeEnd;
 };
 Pipe makePipe();
-
-/// Reads all that is there from where the descriptor stands. False, errno set, if reading fails.
-bool readText(const Descriptor& file, std::string& text);
-
-/// The text of a file of any kind. Nothing, errno set, if it can't be opened or read.
-std::optional<std::string> readTextFile(const std::string& path);
 
 /// Opens /dev/null on each of 0, 1 and 2 that is closed, so that no descriptor opened later is
 /// taken for standard input, output or error output. To be called before any other descriptor is

@@ -1,7 +1,7 @@
 // The directory that the files arrive in: what is in place there, and making it durable.
 #include "confirming_rsync/destination.h"
 
-#include "confirming_rsync/printed_name.h"
+#include "shares/printed_name.h"
 
 #include <array>
 #include <cerrno>

@@ -1,9 +1,9 @@
 // The list of names that stock rsync is told to copy.
 #include "confirming_rsync/file_list.h"
 
-#include "confirming_rsync/descriptors.h"
 #include "confirming_rsync/left_names.h"
-#include "confirming_rsync/printed_name.h"
+#include "shares/files.h"
+#include "shares/printed_name.h"
 #include "utilities/descriptors.h"
 
 #include <algorithm>

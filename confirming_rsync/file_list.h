@@ -1,7 +1,7 @@
 // The list of names that stock rsync is told to copy.
 #pragma once
 
-#include "confirming_rsync/journal_text.h"
+#include "shares/journal_text.h"
 
 #include <string>
 #include <string_view>

@@ -1,7 +1,7 @@
 // The journal of the run that is going on: what it may remove at the source, what it has confirmed.
 #include "confirming_rsync/journal.h"
 
-#include "confirming_rsync/descriptors.h"
+#include "utilities/descriptors.h"
 
 #include <cerrno>
 #include <cstring>

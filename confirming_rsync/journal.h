@@ -1,7 +1,7 @@
 // The journal of the run that is going on: what it may remove at the source, what it has confirmed.
 #pragma once
 
-#include "confirming_rsync/journal_text.h"
+#include "shares/journal_text.h"
 #include "utilities/descriptors.h"
 
 #include <cstddef>

@@ -1,12 +1,12 @@
 // What runs that are over have left open: a listing settles it, a copy run announces it.
 #include "confirming_rsync/left_names.h"
 
-#include "confirming_rsync/descriptors.h"
 #include "confirming_rsync/destination.h"
 #include "confirming_rsync/file_list.h"
 #include "confirming_rsync/journal.h"
-#include "confirming_rsync/journal_folder.h"
 #include "confirming_rsync/share_question.h"
+#include "shares/files.h"
+#include "shares/journal_folder.h"
 
 #include <algorithm>
 #include <array>

@@ -1,7 +1,7 @@
 // What runs that are over have left open: a listing settles it, a copy run announces it.
 #pragma once
 
-#include "confirming_rsync/journal_text.h"
+#include "shares/journal_text.h"
 #include "utilities/descriptors.h"
 
 #include <chrono>

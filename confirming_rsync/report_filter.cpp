@@ -1,7 +1,7 @@
 // Turns what stock rsync says into the report: which files were sent, which are confirmed.
 #include "confirming_rsync/report_filter.h"
 
-#include "confirming_rsync/printed_name.h"
+#include "shares/printed_name.h"
 
 #include <cstddef>
 #include <utility>

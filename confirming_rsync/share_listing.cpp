@@ -2,11 +2,11 @@
 // open.
 #include "confirming_rsync/share_listing.h"
 
-#include "confirming_rsync/descriptors.h"
 #include "confirming_rsync/left_names.h"
 #include "confirming_rsync/line_assembly.h"
 #include "confirming_rsync/relay.h"
-#include "confirming_rsync/share_figures.h"
+#include "shares/share_figures.h"
+#include "utilities/descriptors.h"
 
 #include <cstdint>
 #include <utility>

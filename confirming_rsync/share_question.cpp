@@ -1,7 +1,7 @@
 // A share, as a URL names it; and the question which of some files it still has.
 #include "confirming_rsync/share_question.h"
 
-#include "confirming_rsync/printed_name.h"
+#include "shares/printed_name.h"
 
 #include <cstddef>
 #include <set>

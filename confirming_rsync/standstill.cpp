@@ -1,8 +1,8 @@
 // Noticing that a child does nothing any more.
 #include "confirming_rsync/standstill.h"
 
-#include "confirming_rsync/descriptors.h"
-#include "confirming_rsync/process_identity.h"
+#include "shares/files.h"
+#include "shares/process_identity.h"
 
 #include <algorithm>
 #include <filesystem>

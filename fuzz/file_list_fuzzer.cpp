@@ -1,7 +1,7 @@
 // Fuzzes the reading of the list of names that are to be copied.
 #include "confirming_rsync/file_list.h"
-#include "confirming_rsync/printed_name.h"
 #include "fuzz/input.h"
+#include "shares/printed_name.h"
 
 #include <algorithm>
 

@@ -1,8 +1,8 @@
 // Fuzzes the reading of a journal, and of the names that runs have left, which an earlier run, or
 // anyone, may have left in any state.
-#include "confirming_rsync/journal_text.h"
-#include "confirming_rsync/printed_name.h"
 #include "fuzz/input.h"
+#include "shares/journal_text.h"
+#include "shares/printed_name.h"
 
 #include <algorithm>
 

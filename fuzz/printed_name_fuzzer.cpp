@@ -1,6 +1,6 @@
 // Fuzzes the two directions between a file's name and what rsync prints for it.
-#include "confirming_rsync/printed_name.h"
 #include "fuzz/input.h"
+#include "shares/printed_name.h"
 
 using confirming::printedName;
 using confirming::unprintedName;

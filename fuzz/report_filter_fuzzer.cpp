@@ -12,9 +12,9 @@
 //   f      both outputs have ended
 //   1, 2, 3  and another rsync begins: one that copies and removes, that copies, that removes
 #include "confirming_rsync/line_assembly.h"
-#include "confirming_rsync/printed_name.h"
 #include "confirming_rsync/report_filter.h"
 #include "fuzz/input.h"
+#include "shares/printed_name.h"
 #include "transfer/report.h"
 
 #include <algorithm>

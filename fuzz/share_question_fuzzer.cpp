@@ -2,9 +2,9 @@
 //
 // An input is four texts with a byte 0xFF between them: the source, the names asked for (a line
 // each), what the share listed, what it complained about.
-#include "confirming_rsync/printed_name.h"
 #include "confirming_rsync/share_question.h"
 #include "fuzz/input.h"
+#include "shares/printed_name.h"
 
 #include <algorithm>
 

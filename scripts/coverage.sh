@@ -12,7 +12,7 @@ cd "$(dirname "$0")/.."
 
 build=build/coverage
 report=$build/report
-folders=(daemon config log transfer utilities confirming_rsync)
+folders=(daemon config log transfer utilities shares confirming_rsync)
 
 scripts/install-packages.sh coverage
 cmake --preset coverage

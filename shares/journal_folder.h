@@ -5,8 +5,6 @@
 
 #include <map>
 #include <string>
-#include <string_view>
-#include <vector>
 
 namespace confirming {
 
@@ -22,12 +20,5 @@ Descriptor openJournalFolder(const std::string& base, const std::string& source,
 /// The folders that there are for a share, by their destination.
 std::map<std::string, Descriptor> openJournalFolders(const std::string& base,
                                                      const std::string& source);
-
-/// The names of what is in a folder, but "." and "..", by their bytes.
-std::vector<std::string> namesIn(const Descriptor& folder);
-
-/// Opens a file of the folder for reading. Empty, errno set, if it can't be opened; EPERM if
-/// anybody else can have written it.
-Descriptor openOwnFile(const Descriptor& folder, const std::string& name);
 
 } // namespace confirming

@@ -1,5 +1,5 @@
 // Any text as a name in a folder, which an operator can read, and back.
-#include "confirming_rsync/encoded_name.h"
+#include "shares/encoded_name.h"
 
 #include <charconv>
 #include <cstddef>

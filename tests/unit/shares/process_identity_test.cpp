@@ -1,5 +1,5 @@
 // How a process is told from others, dead ones and later ones with its number.
-#include "confirming_rsync/process_identity.h"
+#include "shares/process_identity.h"
 
 #include <csignal>
 

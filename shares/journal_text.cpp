@@ -1,7 +1,7 @@
 // The text of a journal: what it says of one copy run, and how that is written.
-#include "confirming_rsync/journal_text.h"
+#include "shares/journal_text.h"
 
-#include "confirming_rsync/printed_name.h"
+#include "shares/printed_name.h"
 
 #include <charconv>
 #include <cstddef>

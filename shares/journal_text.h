@@ -1,7 +1,7 @@
 // The text of a journal: what it says of one copy run, and how that is written.
 #pragma once
 
-#include "confirming_rsync/process_identity.h"
+#include "shares/process_identity.h"
 
 #include <cstdint>
 #include <optional>

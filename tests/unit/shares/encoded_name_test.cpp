@@ -1,5 +1,5 @@
 // How texts become names in a folder, and back.
-#include "confirming_rsync/encoded_name.h"
+#include "shares/encoded_name.h"
 
 #include <set>
 

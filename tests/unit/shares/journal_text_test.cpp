@@ -1,5 +1,5 @@
 // What a journal says, and what is taken for none.
-#include "confirming_rsync/journal_text.h"
+#include "shares/journal_text.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,8 +1,9 @@
 // What the listings and copies of a share come to, in small files that anyone may read meanwhile.
-#include "confirming_rsync/share_figures.h"
+#include "shares/share_figures.h"
 
-#include "confirming_rsync/encoded_name.h"
-#include "confirming_rsync/process_identity.h"
+#include "shares/encoded_name.h"
+#include "shares/files.h"
+#include "shares/process_identity.h"
 #include "utilities/descriptors.h"
 
 #include <algorithm>
@@ -80,11 +81,6 @@ Head headOf(std::string_view name, const std::string& boot) {
     return head;
 }
 
-/// True if nobody but this user may write to it.
-bool isOwn(const struct stat& status) {
-    return status.st_uid == ::geteuid() && (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
-}
-
 /// The segment that a file holds, if it begins like `head`; to be written to only if it is of this
 /// user and of the same boot. None, errno 0, if the file is no such segment; errno set otherwise.
 SharedSegment segmentIn(const Descriptor& file, const Head& head, bool isForWriting) {
@@ -108,21 +104,6 @@ SharedSegment segmentIn(const Descriptor& file, const Head& head, bool isForWrit
     const bool isSame = std::memcmp(&segment->head, &head, offsetof(Head, created)) == 0 &&
                         (!isForWriting || segment->head.boot == head.boot);
     return isSame ? segment : nullptr;
-}
-
-/// The folder below another one, made if it is missing. Empty if it can't be had or is not this
-/// user's alone.
-Descriptor ownFolder(int parent, const std::string& name) {
-    constexpr mode_t mode = 0755;
-    const bool isNew = ::mkdirat(parent, name.c_str(), mode) == 0;
-    Descriptor folder(
-        ::openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    struct stat status {};
-    if (::fstat(folder.get(), &status) != 0 || !isOwn(status) ||
-        (isNew && ::fchmod(folder.get(), mode) != 0)) {
-        folder.reset();
-    }
-    return folder;
 }
 
 /// Makes a segment that appears under its name whole. False, errno set, if that fails.
@@ -243,9 +224,10 @@ struct FiguresWriter::State {
         const auto process = identityOf(::getpid());
         if (process && shareName.size() <= longest && name != copiesPrefix &&
             name.size() <= copiesPrefix.size() + longest) {
-            const Descriptor all = ownFolder(AT_FDCWD, base);
-            const Descriptor shares = ownFolder(all.get(), "shares");
-            const Descriptor folder = ownFolder(shares.get(), shareName);
+            constexpr mode_t mode = 0755;
+            const Descriptor all = makeOwnFolder(AT_FDCWD, base, mode);
+            const Descriptor shares = makeOwnFolder(all.get(), "shares", mode);
+            const Descriptor folder = makeOwnFolder(shares.get(), shareName, mode);
             segment = openSegment(folder, name, headOf(name, process->boot));
             self = process->start << pidBits | static_cast<std::uint64_t>(process->pid);
         }
@@ -369,7 +351,8 @@ std::optional<ShareFigures> readShareFigures(const std::string& path) {
 std::vector<ShareFigures> readAllShareFigures(const std::string& base) {
     std::vector<std::string> paths;
     std::error_code failure; // what can't be read is left out
-    std::filesystem::recursive_directory_iterator entry(base + "/shares", failure);
+    std::filesystem::recursive_directory_iterator entry(
+        base + "/shares", std::filesystem::directory_options::skip_permission_denied, failure);
     for (; !failure && entry != end(entry); entry.increment(failure)) {
         paths.push_back(entry->path());
     }

@@ -1,5 +1,5 @@
 // File names as rsync prints them, and back.
-#include "confirming_rsync/printed_name.h"
+#include "shares/printed_name.h"
 
 #include <algorithm>
 #include <charconv>

@@ -1,7 +1,7 @@
 // What is told of a share's listings and copies while they run, when they have died, and when
 // something else lies in the place of their figures.
-#include "confirming_rsync/process_identity.h"
-#include "confirming_rsync/share_figures.h"
+#include "shares/process_identity.h"
+#include "shares/share_figures.h"
 
 #include <atomic>
 #include <csignal>

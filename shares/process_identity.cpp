@@ -1,7 +1,7 @@
 // Telling one process from every other, also from a later one with the same number.
-#include "confirming_rsync/process_identity.h"
+#include "shares/process_identity.h"
 
-#include "confirming_rsync/descriptors.h"
+#include "shares/files.h"
 #include "utilities/text.h"
 
 #include <algorithm>
