@@ -2,13 +2,13 @@
 #pragma once
 
 #include "confirming_rsync/arguments.h"
-#include "confirming_rsync/destination.h"
 #include "confirming_rsync/file_list.h"
 #include "confirming_rsync/journal.h"
 #include "confirming_rsync/relay.h"
 #include "confirming_rsync/report_filter.h"
 #include "confirming_rsync/share_question.h"
 #include "confirming_rsync/standstill.h"
+#include "shares/destination.h"
 #include "shares/share_figures.h"
 
 #include <chrono>

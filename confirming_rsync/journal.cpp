@@ -62,10 +62,4 @@ void Journal::fail() {
     }
 }
 
-bool hold(const Descriptor& file) {
-    struct stat status {};
-    return ::flock(file.get(), LOCK_EX | LOCK_NB) == 0 && ::fstat(file.get(), &status) == 0 &&
-           status.st_nlink > 0;
-}
-
 } // namespace confirming

@@ -54,8 +54,4 @@ private:
 /// The name of a run's journal begins with this, and goes on with the moment at which it began.
 constexpr std::string_view journalPrefix = "run-";
 
-/// Takes hold of a file or folder for as long as the descriptor stays open. False if someone else
-/// has it, or it is gone from its place by now.
-bool hold(const Descriptor& file);
-
 } // namespace confirming

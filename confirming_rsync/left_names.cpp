@@ -1,12 +1,13 @@
 // What runs that are over have left open: a listing settles it, a copy run announces it.
 #include "confirming_rsync/left_names.h"
 
-#include "confirming_rsync/destination.h"
 #include "confirming_rsync/file_list.h"
 #include "confirming_rsync/journal.h"
 #include "confirming_rsync/share_question.h"
+#include "shares/destination.h"
 #include "shares/files.h"
 #include "shares/journal_folder.h"
+#include "shares/left_file.h"
 
 #include <algorithm>
 #include <array>
@@ -28,8 +29,6 @@ constexpr std::string_view reminder =
     "-rw-r--r--              0 1970/01/01 00:00:00 /rsync_orbelin:recovery\n";
 constexpr std::string_view reminderEntry = "/rsync_orbelin:recovery";
 
-constexpr const char* leftName = "left";
-constexpr const char* asideName = "unannounced";
 constexpr std::string_view donePrefix = "done-";
 constexpr std::string_view damagedPrefix = "damaged-";
 
@@ -82,27 +81,6 @@ std::chrono::nanoseconds ageOf(std::string_view moment) {
     return std::chrono::nanoseconds(nanosecondsSinceBoot() - then);
 }
 
-/// True if opening a file failed because it is none of this program's.
-bool isForeign(int error) {
-    return error == ELOOP || error == ENXIO || error == EACCES || error == EPERM;
-}
-
-/// What that file says. Nothing if the system does not tell, or if it is damaged.
-std::optional<LeftNames> readLeft(const Descriptor& folder, const char* name, bool& isDamaged) {
-    const Descriptor file = openOwnFile(folder, name);
-    std::string text;
-    isDamaged = !file && isForeign(errno);
-    if (!file && errno == ENOENT) {
-        return LeftNames();
-    }
-    if (!file || !readText(file, text)) {
-        return std::nullopt;
-    }
-    auto left = readLeftNames(text);
-    isDamaged = !left;
-    return left;
-}
-
 /// Renames what can't be used, and returns what is to be said of it.
 std::string setAside(const Descriptor& folder, const std::string& name) {
     const std::string aside = std::string(damagedPrefix) + name;
@@ -120,21 +98,6 @@ std::optional<LeftNames> readAside(const Descriptor& folder) {
         left->remarks.push_back(setAside(folder, asideName));
     }
     return left;
-}
-
-/// Puts it in place, durable; or takes it away, if there is nothing in it. False if that fails:
-/// then all is as it was.
-bool writeLeft(const Descriptor& folder, const char* name, const LeftNames& left) {
-    if (left.names.empty() && left.remarks.empty()) {
-        return ::unlinkat(folder.get(), name, 0) == 0 || errno == ENOENT;
-    }
-    const std::string fresh = std::string("new-") + name;
-    ::unlinkat(folder.get(), fresh.c_str(), 0);
-    const Descriptor file(::openat(folder.get(), fresh.c_str(),
-                                   O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR));
-    return file && writeAll(file.get(), leftNamesText(left)) && ::fsync(file.get()) == 0 &&
-           ::renameat(folder.get(), fresh.c_str(), folder.get(), name) == 0 &&
-           ::fsync(folder.get()) == 0;
 }
 
 bool isAnnounceable(const LeftNames& left) {
@@ -259,15 +222,12 @@ void Settlement::read(Journals& journals, const std::string& name) {
         journals.damaged.push_back(name);
         return;
     }
-    const bool isOfADeadDaemon = isDead(head->daemon);
-    if (!isOfADeadDaemon && isStillThere(head->list)) {
+    const bool isHandedOff = !isDead(head->daemon);
+    if (isHandedOff && isStillThere(head->list)) {
         return; // its cycle goes on
     }
-    if (!isOfADeadDaemon) {
-        journals.handedOff.push_back(name);
-    }
-    journals.read.push_back({*head, std::move(*body), !isOfADeadDaemon});
-    journals.held.emplace_back(name, std::move(file));
+    journals.read.push_back({std::move(*body), isHandedOff, name});
+    journals.held.push_back(std::move(file));
 }
 
 void Settlement::takeListed(std::string_view line) {
@@ -290,6 +250,7 @@ void Settlement::settle() {
 }
 
 void Settlement::settle(Journals& journals) const {
+    const int folder = journals.folder.get();
     LeftNames& left = journals.left;
     const Destination destination(left.destination);
     const bool wasAnnounceable = isAnnounceable(left);
@@ -307,8 +268,7 @@ void Settlement::settle(Journals& journals) const {
         left.remarks.push_back(setAside(journals.folder, name));
     }
     struct stat before {};
-    const bool keepTime =
-        wasAnnounceable && ::fstatat(journals.folder.get(), leftName, &before, 0) == 0;
+    const bool keepTime = wasAnnounceable && ::fstatat(folder, leftName, &before, 0) == 0;
     if ((hadNames || !left.names.empty() || !left.remarks.empty()) &&
         !writeLeft(journals.folder, leftName, left)) {
         for (const std::string& name : journals.damaged) {
@@ -320,18 +280,15 @@ void Settlement::settle(Journals& journals) const {
     }
     if (keepTime) {
         const std::array<struct timespec, 2> times{{{0, UTIME_OMIT}, before.st_mtim}};
-        ::utimensat(journals.folder.get(), leftName, times.data(), 0);
+        ::utimensat(folder, leftName, times.data(), 0);
     }
-    for (const auto& [name, file] : journals.held) {
-        const bool keep = keep_.count() > 0 && beginsWith(name, journalPrefix) &&
-                          std::find(journals.handedOff.begin(), journals.handedOff.end(), name) !=
-                              journals.handedOff.end();
-        const std::string done = std::string(donePrefix) + boot_ + "-" +
-                                 std::to_string(nanosecondsSinceBoot()) + "-" + name;
-        if (keep) {
-            ::renameat(journals.folder.get(), name.c_str(), journals.folder.get(), done.c_str());
+    for (const ReadJournal& journal : journals.read) {
+        if (journal.isHandedOff && keep_.count() > 0 && beginsWith(journal.file, journalPrefix)) {
+            const std::string done = std::string(donePrefix) + boot_ + "-" +
+                                     std::to_string(nanosecondsSinceBoot()) + "-" + journal.file;
+            ::renameat(folder, journal.file.c_str(), folder, done.c_str());
         } else {
-            ::unlinkat(journals.folder.get(), name.c_str(), 0);
+            ::unlinkat(folder, journal.file.c_str(), 0);
         }
     }
 }

@@ -22,11 +22,11 @@ namespace confirming {
 
 /// A journal that was read.
 struct ReadJournal {
-    JournalHead head;
     JournalBody body;
     /// Its daemon lives and has ended the cycle: what the run has confirmed was handed off. Of
     /// another daemon nobody knows what it still passed on.
     bool isHandedOff = false;
+    std::string file; // its name
 };
 
 /// The names that may be open, once each: those that were left already, and what the journals, in
@@ -62,10 +62,9 @@ public:
 private:
     struct Journals {
         Descriptor folder;
-        std::vector<std::pair<std::string, Descriptor>> held; // names and what holds them
-        std::vector<std::string> handedOff;
-        std::vector<std::string> damaged;
         std::vector<ReadJournal> read;
+        std::vector<Descriptor> held;     // their locks
+        std::vector<std::string> damaged; // names of files
         LeftNames left;
         std::vector<OpenName> open;
         std::unordered_map<std::string_view, bool> listed; // each open name: is it listed?

@@ -1,5 +1,5 @@
 // What the directory that files arrive in tells about them, and making them durable.
-#include "confirming_rsync/destination.h"
+#include "shares/destination.h"
 
 #include <cstdio>
 #include <cstdlib>

@@ -1,5 +1,5 @@
 // The directory that the files arrive in: what is in place there, and making it durable.
-#include "confirming_rsync/destination.h"
+#include "shares/destination.h"
 
 #include "shares/printed_name.h"
 
