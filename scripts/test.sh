@@ -21,10 +21,10 @@ cmake --build --preset "$preset" --parallel "$(nproc)"
 
 rm -rf "$results"
 mkdir -p "$results"
-# Most tests wait more than they work. Not so where each step of a program is watched.
+# Most tests wait more than they work; less so where each step of a program is watched.
 case $preset in
     release | debug | clang) side_by_side=$(($(nproc) * 3)) ;;
-    *) side_by_side=$(nproc) ;;
+    *) side_by_side=$(($(nproc) * 2)) ;;
 esac
 # The outcome is read from the results, which also know the skipped ones.
 ctest --test-dir "$build" --parallel "$side_by_side" --no-tests=error --output-on-failure \
