@@ -173,7 +173,8 @@ void ReportFilter::handleRemoved(const std::string& name, std::string_view line)
     const auto file = files_.find(name);
     if (file == files_.end()) {
         putLine(withoutControls(line, LineAssembly::limit));
-    } else if (file->second.state == State::listed && pass_ == Pass::copyAndRemove) {
+    } else if (file->second.state == State::listed && pass_ == Pass::copyAndRemove &&
+               inPlace_(name)) {
         file->second.state = State::heldBack;
         heldBack_.push_back(name);
     } else if (file->second.state != State::heldBack && !confirm(name)) {

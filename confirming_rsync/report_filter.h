@@ -35,7 +35,8 @@ namespace confirming {
 class ReportFilter {
 public:
     /// The size of the file that is in place at the destination under the name; nothing if there is
-    /// none. Asked once for each confirmation: a share can say anything.
+    /// none. Asked for each removal that is to be believed: a share can
+    /// say anything.
     using InPlace = std::function<std::optional<std::uint64_t>(const std::string& name)>;
 
     /// `directory` is the share's, as its complaints quote it, with a slash at its end.

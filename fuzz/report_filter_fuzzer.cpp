@@ -279,7 +279,8 @@ private:
                 return;
             }
             if (sent.count(name) == 0 && silent.count(name) == 0 &&
-                result.confirmed.count(name) == 0 && pass == Pass::copyAndRemove) {
+                result.confirmed.count(name) == 0 && pass == Pass::copyAndRemove &&
+                isInPlace(name)) {
                 held.push_back(name);
             } else {
                 confirmOrPassOn(name);

@@ -66,7 +66,7 @@ Descriptor openOwnFolder(int parent, const std::string& name) {
         S_IFDIR);
 }
 
-Descriptor makeOwnFolder(int parent, const std::string& name, mode_t mode) {
+Descriptor makeOwnFolder(int parent, const std::string& name, mode_t mode, bool isDurable) {
     const bool isNew = ::mkdirat(parent, name.c_str(), mode) == 0;
     if (!isNew && errno != EEXIST) {
         return {};
@@ -74,6 +74,8 @@ Descriptor makeOwnFolder(int parent, const std::string& name, mode_t mode) {
     Descriptor folder = openOwnFolder(parent, name);
     if (isNew && folder) {
         ::fchmod(folder.get(), mode);
+    }
+    if (isNew && isDurable && parent >= 0) {
         ::fsync(parent);
     }
     return folder;

@@ -28,9 +28,9 @@ Descriptor openOwnFile(const Descriptor& folder, const std::string& name);
 /// followed. Empty, errno set, if it can't be had; EPERM if anybody else may write to it.
 Descriptor openOwnFolder(int parent, const std::string& name);
 
-/// The same; made with that very mode, whatever the umask, if it is missing. A new one is there
-/// after a cut of the power, too.
-Descriptor makeOwnFolder(int parent, const std::string& name, mode_t mode);
+/// The same; made with that very mode, whatever the umask, if it is missing. If `isDurable`, a new
+/// one is there after a cut of the power, too.
+Descriptor makeOwnFolder(int parent, const std::string& name, mode_t mode, bool isDurable);
 
 /// The names of what is in a folder, but "." and "..", by their bytes. None if it can't be read.
 std::vector<std::string> namesIn(const Descriptor& folder);

@@ -39,11 +39,11 @@ Descriptor openJournalFolder(const std::string& base, const std::string& source,
                              const std::string& destination, std::string& failure) {
     Descriptor folder;
     if (makeParents(base)) {
-        const Descriptor all = makeOwnFolder(AT_FDCWD, base, mode);
+        const Descriptor all = makeOwnFolder(AT_FDCWD, base, mode, true);
         const Descriptor share =
-            all ? makeOwnFolder(all.get(), encodedName(source), mode) : Descriptor();
+            all ? makeOwnFolder(all.get(), encodedName(source), mode, true) : Descriptor();
         if (share) {
-            folder = makeOwnFolder(share.get(), encodedName(destination), mode);
+            folder = makeOwnFolder(share.get(), encodedName(destination), mode, true);
         }
     }
     failure = folder ? "" : std::strerror(errno);

@@ -225,9 +225,9 @@ struct FiguresWriter::State {
         if (process && shareName.size() <= longest && name != copiesPrefix &&
             name.size() <= copiesPrefix.size() + longest) {
             constexpr mode_t mode = 0755;
-            const Descriptor all = makeOwnFolder(AT_FDCWD, base, mode);
-            const Descriptor shares = makeOwnFolder(all.get(), "shares", mode);
-            const Descriptor folder = makeOwnFolder(shares.get(), shareName, mode);
+            const Descriptor all = makeOwnFolder(AT_FDCWD, base, mode, false);
+            const Descriptor shares = makeOwnFolder(all.get(), "shares", mode, false);
+            const Descriptor folder = makeOwnFolder(shares.get(), shareName, mode, false);
             segment = openSegment(folder, name, headOf(name, process->boot));
             self = process->start << pidBits | static_cast<std::uint64_t>(process->pid);
         }
