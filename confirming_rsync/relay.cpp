@@ -18,8 +18,7 @@ constexpr std::size_t fullReport = 65536;
 /// How long a child is left alone after it was read from, unless there was more. Rsync writes each
 /// line on its own; waking up for each, here and at the reader's, would cost more than the line.
 /// After a portion of some lines it goes on copying, and more of them are waited for.
-constexpr std::chrono::milliseconds rest{5};
-constexpr std::chrono::milliseconds longRest{20};
+constexpr std::chrono::milliseconds shortRest{5};
 constexpr std::size_t longPortion = 256;
 
 constexpr std::size_t mostAtOnce = 8192;
@@ -116,7 +115,8 @@ void Relay::readSome(Descriptor& from, const std::function<void(std::string_view
         from.reset();
     }
     if (portion < mostAtOnce) {
-        restsUntil_ = Clock::now() + (portion < longPortion ? rest : longRest);
+        restsUntil_ = Clock::now() +
+                      (portion < longPortion ? std::min(shortRest, longestRest_) : longestRest_);
     }
 }
 

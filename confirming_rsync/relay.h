@@ -64,6 +64,10 @@ struct Sinks {
 /// a signal has come. One object, which holds the signals back while it lives.
 class Relay {
 public:
+    /// A child is left alone for at most `longestRest` after it was read from.
+    explicit Relay(std::chrono::milliseconds longestRest = std::chrono::milliseconds(20))
+        : longestRest_(longestRest) {}
+
     /// Waits until something happens or the time has come, and deals with it: with one round of
     /// events at most. A child is read from only while the report that waits for its reader is
     /// short, so that a slow reader slows it down; and some milliseconds after it was last read
@@ -92,6 +96,7 @@ private:
 
     int stopSignal_ = 0;
     bool missedSomething_ = false;
+    const std::chrono::milliseconds longestRest_;
     Clock::time_point restsUntil_; ///< until then a child is not read from
     Clock::time_point lastLife_;
 };

@@ -54,7 +54,8 @@ ShareListing::ShareListing(Places places, Arguments arguments, std::vector<std::
 }
 
 int ShareListing::run() {
-    Relay relay;
+    // Rsync fills the pipe with a long listing much faster than a copy does with its report.
+    Relay relay(std::chrono::milliseconds(1));
     Complaints complaints;
     ListingFigures figures(places_.figuresFolder, arguments_.listedSource);
     figures.begin();

@@ -32,7 +32,7 @@ LIMIT = 60.0
 
 def measure(quick: bool) -> Data:
     rounds, listings, workload = (
-        (1, 5, Workload(200, 20_000)) if quick else (15, 100, Workload(8_000, 20_000))
+        (1, 5, Workload(200, 20_000)) if quick else (15, 40, Workload(8_000, 20_000))
     )
     stations = {name: make_station(program, MINPAUSE) for name, program in PROGRAMS.items()}
     empty(stations["with"])
