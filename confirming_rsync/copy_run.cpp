@@ -378,7 +378,8 @@ bool CopyRun::ask(const Names& names) {
         return false;
     }
     for (const std::string& name : *gone) {
-        filter_.confirm(name);
+        // If it can't be looked at now, the next listing tells.
+        isAccountedFor_ = filter_.confirm(name) && isAccountedFor_;
     }
     return true;
 }

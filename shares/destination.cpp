@@ -73,6 +73,9 @@ Destination::Presence Destination::presence(const std::string& name) const {
     if (file(name)) {
         return Presence::there;
     }
+    if (!directory_ && errno != ENOENT) {
+        return Presence::unknown; // something stands in its place, which may be taken away again
+    }
     // Of a name behind a link, or one that nothing can have, the system says so in other ways.
     const bool isAbsent =
         errno == ENOENT || errno == ENOTDIR || errno == ELOOP || errno == ENAMETOOLONG;

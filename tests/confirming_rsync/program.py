@@ -196,7 +196,8 @@ class Program:
     ) -> None:
         if arguments is None:
             arguments = [*OPTIONS, *extra, URL, f"{TARGET}/"]
-        TARGET.mkdir(parents=True, exist_ok=True)
+        if not os.path.lexists(TARGET):
+            TARGET.mkdir(parents=True)
         read_end, write_end = os.pipe()
         self._begin = time.monotonic()
 

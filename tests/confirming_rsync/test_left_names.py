@@ -221,6 +221,20 @@ def test_a_listing_that_fails_settles_nothing() -> None:
     assert cycle().recovered == ["a"]
 
 
+def test_a_target_in_whose_place_a_file_stands_settles_nothing() -> None:
+    broken_run("a", "b")
+    away = TARGET.with_name("away")
+    TARGET.rename(away)
+    TARGET.touch()
+    script()
+    for _ in range(4):
+        list_share()
+        let_reminder_be_due()
+    TARGET.unlink()
+    away.rename(TARGET)
+    assert cycle().recovered == ["a", "b"]
+
+
 def test_a_listing_that_is_killed_settles_nothing() -> None:
     broken_run("a")
     before = journals()

@@ -91,6 +91,14 @@ TEST_F(DestinationTest, MayBeALinkItself) {
     EXPECT_TRUE(Destination(outside + "/link").hasFile("a"));
 }
 
+TEST_F(DestinationTest, TellsNothingWhileSomethingElseStandsInItsPlace) {
+    makeFile("a");
+    ASSERT_EQ(::symlink("loop", (outside + "/loop").c_str()), 0);
+    EXPECT_EQ(Destination(path + "/a").presence("b"), Destination::Presence::unknown);
+    EXPECT_EQ(Destination(outside + "/loop").presence("b"), Destination::Presence::unknown);
+    EXPECT_EQ(Destination(outside + "/missing").presence("b"), Destination::Presence::absent);
+}
+
 TEST_F(DestinationTest, MayBeMissing) {
     for (const char* name : {"/missing", "/target/a"}) {
         makeFile("a");
