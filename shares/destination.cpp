@@ -19,7 +19,8 @@
 namespace confirming {
 
 Destination::Destination(const std::string& path)
-    : directory_(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)), openError_(errno) {
+    : path_(path), directory_(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)),
+      openError_(errno) {
 }
 
 /// Opens what has that name, a raw one, below the directory and on no detour. Folder by folder:
@@ -73,13 +74,22 @@ Destination::Presence Destination::presence(const std::string& name) const {
     if (file(name)) {
         return Presence::there;
     }
-    if (!directory_ && errno != ENOENT) {
-        return Presence::unknown; // something stands in its place, which may be taken away again
-    }
     // Of a name behind a link, or one that nothing can have, the system says so in other ways.
     const bool isAbsent =
         errno == ENOENT || errno == ENOTDIR || errno == ELOOP || errno == ENAMETOOLONG;
-    return isAbsent ? Presence::absent : Presence::unknown;
+    return isAbsent && isInItsPlace() ? Presence::absent : Presence::unknown;
+}
+
+/// False if another directory, or something else, stands there by now: what is not in this one may
+/// be in that.
+bool Destination::isInItsPlace() const {
+    struct stat own {};
+    struct stat there {};
+    if (::stat(path_.c_str(), &there) != 0) {
+        return !directory_ && errno == ENOENT;
+    }
+    return directory_ && ::fstat(directory_.get(), &own) == 0 && own.st_dev == there.st_dev &&
+           own.st_ino == there.st_ino;
 }
 
 bool Destination::canBeDurable() const {

@@ -45,8 +45,10 @@ public:
 private:
     Descriptor open(const std::string& name, int flags) const;
     std::optional<struct stat> file(const std::string& name) const;
+    bool isInItsPlace() const;
     bool flush(const std::vector<std::string>& names) const;
 
+    const std::string path_;
     // Open from before the first file comes: a failure to write is told to who was there before it.
     Descriptor directory_;
     int openError_; // an errno value

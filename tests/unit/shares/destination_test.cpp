@@ -99,6 +99,16 @@ TEST_F(DestinationTest, TellsNothingWhileSomethingElseStandsInItsPlace) {
     EXPECT_EQ(Destination(outside + "/missing").presence("b"), Destination::Presence::absent);
 }
 
+TEST_F(DestinationTest, TellsOfNoAbsenceOnceAnotherDirectoryStandsInItsPlace) {
+    makeFile("a");
+    const Destination destination(path);
+    EXPECT_EQ(destination.presence("b"), Destination::Presence::absent);
+    std::filesystem::rename(path, outside + "/away");
+    EXPECT_EQ(destination.presence("b"), Destination::Presence::unknown);
+    ASSERT_EQ(::mkdir(path.c_str(), 0700), 0);
+    EXPECT_EQ(destination.presence("b"), Destination::Presence::unknown);
+}
+
 TEST_F(DestinationTest, MayBeMissing) {
     for (const char* name : {"/missing", "/target/a"}) {
         makeFile("a");
