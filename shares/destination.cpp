@@ -52,7 +52,7 @@ Descriptor Destination::open(const std::string& name, int flags) const {
     }
 }
 
-std::optional<struct stat> Destination::file(const std::string& name) const {
+std::optional<struct stat> Destination::fileHere(const std::string& name) const {
     const Descriptor file = open(unprintedName(name), O_PATH);
     struct stat status {};
     if (!file || ::fstat(file.get(), &status) != 0) {
@@ -65,19 +65,28 @@ std::optional<struct stat> Destination::file(const std::string& name) const {
     return status;
 }
 
+std::optional<struct stat> Destination::file(const std::string& name) const {
+    const auto found = fileHere(name);
+    // Else it may be in the one that stands there by now.
+    return found || isInItsPlace() ? found : Destination(path_).fileHere(name);
+}
+
 std::optional<std::uint64_t> Destination::sizeOf(const std::string& name) const {
     const auto status = file(name);
     return status ? std::optional(static_cast<std::uint64_t>(status->st_size)) : std::nullopt;
 }
 
 Destination::Presence Destination::presence(const std::string& name) const {
-    if (file(name)) {
+    if (fileHere(name)) {
         return Presence::there;
     }
     // Of a name behind a link, or one that nothing can have, the system says so in other ways.
     const bool isAbsent =
         errno == ENOENT || errno == ENOTDIR || errno == ELOOP || errno == ENAMETOOLONG;
-    return isAbsent && isInItsPlace() ? Presence::absent : Presence::unknown;
+    if (isInItsPlace()) {
+        return isAbsent ? Presence::absent : Presence::unknown;
+    }
+    return file(name) ? Presence::there : Presence::unknown;
 }
 
 /// False if another directory, or something else, stands there by now: what is not in this one may

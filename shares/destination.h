@@ -44,6 +44,7 @@ public:
 
 private:
     Descriptor open(const std::string& name, int flags) const;
+    std::optional<struct stat> fileHere(const std::string& name) const;
     std::optional<struct stat> file(const std::string& name) const;
     bool isInItsPlace() const;
     bool flush(const std::vector<std::string>& names) const;

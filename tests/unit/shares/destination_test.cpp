@@ -107,6 +107,10 @@ TEST_F(DestinationTest, TellsOfNoAbsenceOnceAnotherDirectoryStandsInItsPlace) {
     EXPECT_EQ(destination.presence("b"), Destination::Presence::unknown);
     ASSERT_EQ(::mkdir(path.c_str(), 0700), 0);
     EXPECT_EQ(destination.presence("b"), Destination::Presence::unknown);
+    // What comes there is in place.
+    makeFile("b");
+    EXPECT_EQ(destination.presence("b"), Destination::Presence::there);
+    EXPECT_TRUE(destination.hasFile("b"));
 }
 
 TEST_F(DestinationTest, MayBeMissing) {
