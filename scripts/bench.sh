@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Runs the benchmarks: micro (the daemon's own work by the piece), drain (whole shares, beside other ways of pulling
 # them), durable (drains onto ext4 and xfs), growth (more files, more detectors), idle (an empty cycle), figures (what
-# keeping the figures of each share costs). Installs what is missing, builds first, and measures in the sandbox. All parts together take less than half an hour on two cores.
+# keeping the figures of each share costs). Installs what is missing, builds first, and measures in the sandbox. All parts
+# together take less than half an hour on two cores.
 #
 #   bench.sh [--quick | --add] [PART...]
 #

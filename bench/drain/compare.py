@@ -14,21 +14,14 @@ import run
 from drain.measure import drain_once
 from drain.share import Workload, make_station
 from results import Data
+from turns import in_turns
 
 WORKLOADS = {"8,000 x 20 kB": Workload(8_000, 20_000), "200 x 6 MB": Workload(200, 6_000_000)}
 MINPAUSE = 100
 
 
-def compare(programs: list[Path], workload: Workload, rounds: int) -> list[list[Data]]:
-    """What each of both took, in so many rounds after one that is not counted."""
-    taken = []
-    for number in range(rounds + 1):
-        drains: dict[Path, Data] = {}
-        for program in programs if number % 2 == 0 else programs[::-1]:
-            station = make_station(program, MINPAUSE)
-            drains[program] = asdict(drain_once(station, "skarn", workload))
-        taken.append([drains[program] for program in programs])
-    return taken[1:]
+def drain_with(program: Path, workload: Workload) -> Data:
+    return asdict(drain_once(make_station(program, MINPAUSE), "skarn", workload))
 
 
 def main() -> int:
@@ -36,10 +29,12 @@ def main() -> int:
     rounds = int(sys.argv[3]) if len(sys.argv) > 3 else 15
     run.have_packets_of_an_ethernet()
     for name, workload in WORKLOADS.items():
-        taken = compare(programs, workload, rounds)
+        taken = in_turns(programs, rounds, lambda program: drain_with(program, workload))
         for figure in ("wall", "clients", "server", "daemon"):
-            now, before = (median(drain[way][figure] for drain in taken) for way in (0, 1))
-            ratio = median(one[figure] / other[figure] for one, other in taken)
+            now, before = (median(each[way][figure] for each in taken) for way in programs)
+            ratio = median(
+                each[programs[0]][figure] / each[programs[1]][figure] for each in taken
+            )
             print(f"{name}, {figure}: {now:.3f} s, before {before:.3f} s, ratio {ratio:.3f}")
         sys.stdout.flush()
     return 0

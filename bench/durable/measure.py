@@ -25,6 +25,7 @@ from drain.stream import stream_by_daemon
 from drain.ways import LIMIT, Drain, counted, drain_by_daemon, drain_by_script
 from durable.disk import disk, settle
 from support.bed import Station
+from turns import in_turns
 
 KINDS = ("ext4", "xfs")
 WAYS = ("skarn", BARE)
@@ -53,12 +54,7 @@ def measure(quick: bool) -> dict[str, Any]:
 
 def rounds_of(station: Station, kind: str, workload: Workload, rounds: int) -> dict[str, Any]:
     """So many rounds of one workload by both ways, after one that is not counted."""
-    results = []
-    for number in range(rounds + 1):
-        order = WAYS if number % 2 == 0 else WAYS[::-1]
-        result = {way: asdict(drain_once(station, way, workload)) for way in order}
-        if number > 0:
-            results.append(result)
+    results = in_turns(WAYS, rounds, lambda way: asdict(drain_once(station, way, workload)))
     return {"kind": kind, "files": workload.files, "size": workload.size, "rounds": results}
 
 

@@ -11,22 +11,20 @@ from __future__ import annotations
 
 import os
 import subprocess
-from collections.abc import Callable
-from dataclasses import asdict
 from pathlib import Path
 
 import processor_time
-from drain.measure import drain_once
+from drain.compare import MINPAUSE, drain_with
 from drain.share import Workload, empty, make_station
 from results import Data
 from support.bed import Station
 from support.daemon import PASSWORD_FILE
+from turns import in_turns
 
 PROGRAMS = {
     "with": Path(os.environ["CONFIRMING_RSYNC_BINARY"]),
     "without": Path(os.environ["CONFIRMING_RSYNC_WITHOUT_FIGURES"]),
 }
-MINPAUSE = 100
 LIMIT = 60.0
 
 
@@ -37,25 +35,14 @@ def measure(quick: bool) -> Data:
     stations = {name: make_station(program, MINPAUSE) for name, program in PROGRAMS.items()}
     empty(stations["with"])
     with stations["with"].server:
-        listed = in_turns(rounds, lambda name: list_often(stations[name], name, listings))
-    drained = in_turns(rounds, lambda name: drain_with(PROGRAMS[name], workload))
+        listed = in_turns(
+            list(PROGRAMS), rounds, lambda name: list_often(stations[name], name, listings)
+        )
+    drained = in_turns(list(PROGRAMS), rounds, lambda name: drain_with(PROGRAMS[name], workload))
     return {
         "listings": {"a_round": listings, "rounds": listed},
         "drains": {"files": workload.files, "size": workload.size, "rounds": drained},
     }
-
-
-def in_turns(rounds: int, take: Callable[[str], Data]) -> list[Data]:
-    """So many rounds of both, after one that is not counted."""
-    taken = []
-    for number in range(rounds + 1):
-        order = list(PROGRAMS) if number % 2 == 0 else list(PROGRAMS)[::-1]
-        taken.append({name: take(name) for name in order})
-    return taken[1:]
-
-
-def drain_with(program: Path, workload: Workload) -> Data:
-    return asdict(drain_once(make_station(program, MINPAUSE), "skarn", workload))
 
 
 def list_often(station: Station, name: str, listings: int) -> Data:
