@@ -43,6 +43,7 @@ from support.rsync_server import RsyncServer
 from support.waiting import wait_until
 
 MINPAUSE = 30  # milliseconds, so that a run is short
+LOST = re.compile(r"^Error: Lost (.*)$", re.MULTILINE)
 LEAK_CHECK_FAILED = re.compile(
     r"^==\d+==(LeakSanitizer has encountered a fatal error\.|HINT: .*)\n", re.MULTILINE
 )
@@ -368,13 +369,23 @@ class Bed:
         begin = time.monotonic()
         done = begin
         while done - begin < limit:
-            if not self.left() and not any(each.ledger.unannounced() for each in self.stations):
-                break
+            if not self.left():
+                self._note_told_lost()
+                if not any(each.ledger.unannounced() for each in self.stations):
+                    break
             self._wait(0.05)
             done = time.monotonic()
         else:
             self.ledger.complain(f"not all was moved and announced; {self.describe()}")
         return done - begin
+
+    def _note_told_lost(self) -> None:
+        """Tells the ledgers of targets that a fault took away what the log has as lost."""
+        away = [each.ledger for each in self.stations if len(each.ledger.places) > 1]
+        if any(ledger.unannounced() for ledger in away):
+            lost = set(LOST.findall(self.daemon.archived_log()))
+            for ledger in away:
+                ledger.told_lost = lost
 
     def describe(self) -> str:
         """What is there and runs at this moment, for whoever asks why it stands still."""
@@ -467,7 +478,7 @@ class Bed:
         """Compares what the log says with what was produced, and looks for a sanitizer's words."""
         log = self.daemon.archived_log()
         names = {entry.name for each in self.stations for entry in each.ledger.entries()}
-        for name in re.findall(r"^Error: Lost (.*)$", log, re.MULTILINE):
+        for name in LOST.findall(log):
             if name not in names:
                 self.ledger.complain(f"the log says that {name!r} is lost, which never was")
         # What a sanitizer has to say of the copy program comes out where its errors go. That its

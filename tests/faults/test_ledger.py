@@ -89,6 +89,22 @@ def test_what_a_fault_moved_the_target_to_counts_as_the_target() -> None:
     assert ledger.unannounced() == [] and ledger.entries()[0].excused
 
 
+def test_what_was_moved_away_before_the_look_has_to_be_told_as_lost() -> None:
+    ledger, source, target = produce()
+    ledger.places.append(Path("/srv/moved"))
+    target.write_bytes(b"whole")
+    source.unlink()
+    ledger.look()
+    # At its target it has to be announced, whatever the log says.
+    ledger.told_lost = {"a.raw"}
+    assert ledger.unannounced() == ["a.raw"]
+    TARGET.rename("/srv/moved")
+    ledger.told_lost = {"other.raw"}
+    assert ledger.unannounced() == ["a.raw"]
+    ledger.told_lost = {"a.raw"}
+    assert ledger.unannounced() == [] and ledger.entries()[0].excused
+
+
 def test_the_consumer_passes_records_on_and_notices_strange_ones() -> None:
     ledger, _, target = produce()
     target.write_bytes(b"whole")
