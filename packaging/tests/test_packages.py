@@ -96,11 +96,19 @@ def start_consumer(machine: Machine) -> None:
     machine.start("vantrel", f"exec 3<>{PIPE}; exec cat <&3 >>/root/records")
 
 
-def write_files(machine: Machine, folder: str, count: int, size: int) -> set[str]:
-    """Lets the detector write `count` files, each renamed into place when it is whole."""
+def write_files(
+    machine: Machine, folder: str, count: int, size: int, *, at_once: bool = False
+) -> set[str]:
+    """Lets the detector write `count` files, each renamed into place when it is whole.
+
+    With `at_once` it is the folder that is renamed into place, so that one listing has them all.
+    """
+    place = f"/ramdisk/{folder}"
+    written = f"/root/{folder}" if at_once else place
     machine.succeed(
-        f"mkdir -p /ramdisk/{folder} && cd /ramdisk/{folder} && for i in $(seq {count}); do "
-        f"head -c {size} /dev/zero >f$i.tmp && mv f$i.tmp f$i.dat; done",
+        f"mkdir -p {written} && cd {written} && for i in $(seq {count}); do "
+        f"head -c {size} /dev/zero >f$i.tmp && mv f$i.tmp f$i.dat; done; "
+        f"test {written} = {place} || mv {written} {place}",
         timeout=300,
     )
     return {f"/data/detector1/./{folder}/f{i}.dat" for i in range(1, count + 1)}
@@ -235,11 +243,13 @@ def test_a_consumer_that_closes_the_pipe_costs_no_announcement(machine: Machine)
     assert not int(field[1], 16) & 1 << (signal.SIGPIPE - 1), field
     machine.succeed("systemctl stop vantrel")
     # This one leaves in the middle of the records, and of a line, which the next one must not go on.
+    # They are those of one cycle: what one that was over before had left in the pipe goes with it.
     machine.start("hasty", f"exec 3<{PIPE}; (head -c 2000 <&3; echo) >>/root/records; exec 3<&-")
-    names = write_files(machine, "run2", 2000, 100)
+    names = write_files(machine, "run2", 3000, 100, at_once=True)
     wait_until(lambda: machine.run("systemctl is-active hasty").returncode != 0, "hasty left", 60)
     start_consumer(machine)
     wait_until(lambda: arrived(machine, names), "all files are announced", 120)
+    assert pid_of_daemon(machine) != before, "it was not met while it wrote"
 
 
 def test_a_killed_daemon_is_started_again(machine: Machine) -> None:
