@@ -1,0 +1,39 @@
+// Serving subscribers over HTTP: their records, acknowledgements, live streams, and the status.
+//
+// What can be asked for is documented in docs/relay.md.
+#pragma once
+
+#include "relay/record_log.h"
+#include "relay/settings.h"
+#include "relay/status.h"
+#include "relay/subscribers.h"
+
+#include <functional>
+#include <memory>
+
+namespace relay {
+
+/// What a server answers from; all of it outlives the server.
+struct Served {
+    RecordLog& log;
+    Subscribers& subscribers;
+    std::function<Status()> status;
+    std::function<void(const std::string& subscriber, std::int64_t sequence)> retryDeadLetter;
+};
+
+/// Listens on the Unix socket and, if that is configured, at an address, on threads of its own,
+/// until it is destroyed.
+class HttpServer {
+public:
+    /// Throws std::runtime_error if it can't listen.
+    HttpServer(const HttpSettings& settings, const Served& served);
+    ~HttpServer();
+    HttpServer(const HttpServer&) = delete;
+    HttpServer& operator=(const HttpServer&) = delete;
+
+private:
+    class Implementation;
+    std::unique_ptr<Implementation> implementation;
+};
+
+} // namespace relay

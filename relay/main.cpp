@@ -1,0 +1,31 @@
+// skarn-relay: reads the daemon's pipe, keeps every announcement, and delivers it to subscribers.
+#include "relay/command_line.h"
+
+#include <csignal>
+#include <cstdlib>
+
+#include <unistd.h>
+
+namespace {
+
+/// In the build for tests, a file that a variable names stops the relay between the commit and the
+/// taking out, so that a test can kill it there.
+relay::Circumstances circumstances() {
+    relay::Circumstances made;
+#ifdef SKARN_RELAY_TEST_HOOKS
+    if (const char* const file = std::getenv("SKARN_RELAY_STOP_AFTER_COMMIT")) {
+        made.afterCommit = [file] {
+            if (::access(file, F_OK) == 0) {
+                std::raise(SIGSTOP);
+            }
+        };
+    }
+#endif
+    return made;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    return relay::runCommandLine(argc, argv, circumstances());
+}

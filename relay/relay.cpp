@@ -1,0 +1,195 @@
+// The running relay: the parts, the threads that they run on, and their end.
+#include "relay/relay.h"
+
+#include "relay/http_server.h"
+#include "relay/intake.h"
+#include "relay/messages.h"
+#include "relay/record_log.h"
+#include "relay/status.h"
+#include "relay/subscribers.h"
+#include "relay/targets.h"
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <cstdint>
+#include <ctime>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <pthread.h>
+#include <systemd/sd-daemon.h>
+
+namespace relay {
+
+namespace {
+
+constexpr int turnLimit = 200;               // milliseconds that the intake waits at most
+constexpr std::int64_t billion = 1000000000; // nanoseconds
+constexpr std::int64_t aliveLimit = 120;     // seconds without a turn of the intake
+constexpr std::int64_t tidyPause = 10;       // seconds
+constexpr double nanosecond = 1e-9;
+
+/// The pipe that the service manager holds and has passed; -1 if it has passed none.
+int passedPipe() {
+    const int count = sd_listen_fds(1);
+    if (count > 1) {
+        throw std::runtime_error("more than one descriptor was passed; only a pipe is expected");
+    }
+    return count == 1 ? SD_LISTEN_FDS_START : -1;
+}
+
+class Relay {
+public:
+    Relay(const Settings& itsSettings, const Circumstances& circumstances)
+        : settings(itsSettings), targets(settings.daemonConfiguration), log(settings.log.folder),
+          subscribers(log, settings.subscribers), intake(settings.pipe, passedPipe(), log, targets),
+          server(settings.http, {log, subscribers, [this] { return status(); },
+                                 [](const std::string&, std::int64_t) {}}) {
+        intake.afterCommit = circumstances.afterCommit;
+        intakeThread = std::thread([this] { takeIn(); });
+    }
+
+    ~Relay() {
+        isEnding = true;
+        log.interrupt();
+        intakeThread.join();
+        for (const auto& each : subscribers.all()) {
+            save(*each);
+        }
+    }
+    Relay(const Relay&) = delete;
+    Relay& operator=(const Relay&) = delete;
+
+    /// False if the intake hangs in something that does not come back.
+    bool isAlive() const { return now() - lastTurn < aliveLimit * billion; }
+
+    /// Removes what is old, and writes down what subscribers did not want. To be called every
+    /// second or so; mostly does nothing.
+    void tidy() {
+        if (now() < nextTidy) {
+            return;
+        }
+        nextTidy = now() + tidyPause * billion;
+        for (const auto& each : subscribers.all()) {
+            save(*each);
+        }
+        try {
+            removeOld();
+        } catch (const std::runtime_error& error) {
+            warn(std::string("old records cannot be removed: ") + error.what());
+        }
+    }
+
+private:
+    void takeIn() {
+        while (!isEnding) {
+            try {
+                intake.turn(turnLimit);
+            } catch (const std::exception& error) {
+                warn(error.what());
+                std::this_thread::sleep_for(std::chrono::seconds(1));
+            }
+            lastTurn = now();
+        }
+    }
+
+    static void save(Subscription& subscription) {
+        try {
+            subscription.save();
+        } catch (const DatabaseError&) {
+            // It is delivered again what it did not want, and is asked again.
+        }
+    }
+
+    void removeOld() {
+        const std::int64_t removableTo = subscribers.removableTo(log.figures().last);
+        const std::int64_t before = now() - settings.log.keepSeconds * billion;
+        // Not all at once: between two calls the intake has its turn.
+        for (int calls = 0; calls < 100; ++calls) {
+            const std::int64_t removed = log.removeOld(removableTo, before, settings.log.keepBytes);
+            if (removed == 0) {
+                break;
+            }
+        }
+        const std::int64_t first = log.figures().first;
+        for (const auto& each : subscribers.all()) {
+            const std::int64_t lost = first > 0 ? each->drop(first - 1) : 0;
+            if (lost > 0) {
+                warn("subscriber " + each->settings.name + " lags by more than its max_backlog: " +
+                     std::to_string(lost) + " records were removed before it had them");
+            }
+        }
+    }
+
+    Status status() {
+        Status status;
+        const IntakeFigures& counts = intake.figures();
+        status.pipe = settings.pipe.path;
+        status.bytesWaiting = intake.bytesWaiting();
+        status.records = counts.records;
+        status.repeats = counts.repeats;
+        status.batches = counts.batches;
+        status.oddLines = counts.oddLines;
+        status.stalls = counts.stalls;
+        if (const std::int64_t since = counts.stalledSince; since != 0) {
+            status.stalledSeconds = static_cast<double>(now() - since) * nanosecond;
+            status.problem = intake.problem();
+        }
+        status.since = static_cast<double>(started) * nanosecond;
+        status.log = log.figures();
+        for (const auto& each : subscribers.all()) {
+            status.subscribers.push_back(each->figures());
+        }
+        return status;
+    }
+
+    const Settings settings;
+    const std::int64_t started = now();
+    std::atomic<bool> isEnding{false};
+    std::atomic<std::int64_t> lastTurn{now()};
+    std::int64_t nextTidy = 0; // nanoseconds since 1970
+    Targets targets;
+    RecordLog log;
+    Subscribers subscribers;
+    Intake intake;
+    HttpServer server;
+    std::thread intakeThread;
+};
+
+} // namespace
+
+int runRelay(const Settings& settings, const Circumstances& circumstances) {
+    // Blocked for all threads: only the wait below takes them.
+    sigset_t ends;
+    sigemptyset(&ends);
+    sigaddset(&ends, SIGTERM);
+    sigaddset(&ends, SIGINT);
+    pthread_sigmask(SIG_BLOCK, &ends, nullptr);
+    std::signal(SIGPIPE, SIG_IGN);
+
+    std::unique_ptr<Relay> relay;
+    try {
+        relay = std::make_unique<Relay>(settings, circumstances);
+    } catch (const std::exception& error) {
+        warn(error.what());
+        return 1;
+    }
+    sd_notify(0, "READY=1");
+    inform("taking records from " + settings.pipe.path);
+    const timespec second = {1, 0};
+    while (sigtimedwait(&ends, nullptr, &second) < 0) {
+        relay->tidy();
+        if (relay->isAlive()) {
+            sd_notify(0, "WATCHDOG=1");
+        }
+    }
+    sd_notify(0, "STOPPING=1");
+    return 0;
+}
+
+} // namespace relay

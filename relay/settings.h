@@ -1,0 +1,80 @@
+// What can be configured, and its defaults.
+#pragma once
+
+#include "relay/filter.h"
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include <sys/types.h>
+
+namespace relay {
+
+/// The pipe that the daemon writes into.
+struct PipeSettings {
+    std::string path = "/var/run/vantrel_orbelin_files";
+    mode_t mode = 0600;     // of one that the relay makes
+    int size = 1024 * 1024; // bytes that it holds
+};
+
+/// The log of announcements.
+struct LogSettings {
+    std::string folder = "/var/lib/skarn/relay";
+    std::int64_t keepSeconds = 7 * 86400;
+    std::int64_t keepBytes = 10LL * 1024 * 1024 * 1024;
+};
+
+/// Where the relay serves its subscribers over HTTP.
+struct HttpSettings {
+    std::string socket = "/run/skarn-relay/socket";
+    std::string group;     // whose members may connect, beside root; empty: root alone
+    std::string listen;    // ADDRESS:PORT; empty: the socket alone
+    std::string tokenFile; // what a client at ADDRESS:PORT must know; needed off the loopback
+};
+
+/// What a command is run with.
+struct CommandSettings {
+    enum class Input { arguments, nul, json };
+
+    std::vector<std::string> words;
+    Input input = Input::arguments;
+    std::int64_t batch = 1;       // records that one run gets at most
+    std::int64_t concurrency = 1; // runs at a time
+    std::int64_t timeout = 60;    // seconds; then it is ended
+    std::int64_t attempts = 5;    // for each record, before it is a dead letter
+    std::int64_t backOff = 1;     // seconds before the second attempt, doubled before each one
+    std::int64_t backOffLimit = 300;
+    std::string user; // empty: the relay's own
+};
+
+enum class SubscriberType { http, pipe, command };
+
+struct SubscriberSettings {
+    std::string name;
+    SubscriberType type = SubscriberType::http;
+    Filter filter;
+    Start start;
+    std::int64_t maxBacklog = 0; // records that are kept for it; 0: as many as it takes
+
+    std::string pipePath; // of a pipe
+    mode_t pipeMode = 0600;
+    std::string pipeOwner; // a user's name; empty: the relay's own
+    CommandSettings command;
+};
+
+struct Settings {
+    PipeSettings pipe;
+    LogSettings log;
+    HttpSettings http;
+    std::string daemonConfiguration; // empty: where the daemon looks for it
+    std::vector<SubscriberSettings> subscribers;
+};
+
+std::string_view nameOf(SubscriberType type);
+
+/// True if it can name a subscriber: letters, digits and ._- ; 1 to 64 of them, no dot in front.
+bool isSubscriberName(const std::string& name);
+
+} // namespace relay

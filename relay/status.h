@@ -1,0 +1,38 @@
+// What is told of the relay, as JSON and for Prometheus: both from one set of figures.
+#pragma once
+
+#include "relay/record_log.h"
+#include "relay/subscribers.h"
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace relay {
+
+/// The relay at one moment.
+struct Status {
+    std::string pipe;              // its path
+    std::int64_t bytesWaiting = 0; // in it
+    std::int64_t records = 0;      // since the start, like the next four
+    std::int64_t repeats = 0;
+    std::int64_t batches = 0;
+    std::int64_t oddLines = 0;
+    std::int64_t stalls = 0;
+    double stalledSeconds = 0; // 0: it is not stalled
+    std::string problem;       // why it is
+    LogFigures log;
+    std::vector<SubscriberFigures> subscribers;
+    double since = 0; // seconds since 1970: when it was started
+};
+
+/// One JSON object.
+std::string statusJson(const Status& status);
+
+/// Prometheus's text format.
+std::string metricsText(const Status& status);
+
+/// The same for people, from the JSON: a few lines.
+std::string statusText(const std::string& json);
+
+} // namespace relay

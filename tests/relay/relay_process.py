@@ -1,0 +1,124 @@
+"""skarn-relay as a process in the sandbox: its configuration, its pipe, its records."""
+
+from __future__ import annotations
+
+import json
+import os
+import signal
+import subprocess
+import sys
+from pathlib import Path
+from typing import Any
+
+from support.daemon import FIFO
+from support.waiting import LIMIT, wait_until
+
+sys.path.insert(0, os.environ.get("SKARN_RELAY_CLIENT", ""))
+
+import skarn_relay  # noqa: E402
+
+CONFIGURATION = Path("/run/relay.toml")
+LOG = Path("/var/lib/skarn/relay")
+MESSAGES = Path("/tmp/relay.messages")
+
+
+class Relay:
+    """One relay, which can be ended and started again with the same log."""
+
+    def __init__(self, configuration: str = "", binary: str = "SKARN_RELAY_BINARY") -> None:
+        self._binary = os.environ[binary]
+        self.configuration = configuration
+        self.process: subprocess.Popen[bytes] | None = None
+        self.client = skarn_relay.Relay(timeout=LIMIT)
+        self.environment: dict[str, str] = {}
+
+    def start(self, wait: bool = True) -> None:
+        """Starts it, and waits until it answers."""
+        CONFIGURATION.write_text(self.configuration, encoding="utf-8")
+        with MESSAGES.open("ab") as messages:
+            self.process = subprocess.Popen(
+                [self._binary, "run", "--config", str(CONFIGURATION)],
+                stderr=messages,
+                env={**os.environ, **self.environment},
+            )
+        if wait:
+            wait_until(self.answers, lambda: f"the relay to answer: {self.messages()}")
+
+    def answers(self) -> bool:
+        """Whether it is up. Complains if it has ended."""
+        assert self.process is not None
+        assert self.process.poll() is None, self.messages()
+        try:
+            self.client.status()
+        except OSError:
+            return False
+        return True
+
+    def kill(self) -> None:
+        """SIGKILL, at once."""
+        assert self.process is not None
+        self.process.send_signal(signal.SIGKILL)
+        self.process.wait()
+
+    def stop(self) -> int:
+        """SIGTERM; returns its exit status."""
+        assert self.process is not None
+        self.process.send_signal(signal.SIGTERM)
+        return self.process.wait(LIMIT)
+
+    def command(self, *words: str) -> subprocess.CompletedProcess[str]:
+        """One of its other commands, with the same configuration."""
+        return subprocess.run(
+            [self._binary, *words], capture_output=True, text=True, timeout=LIMIT, check=False
+        )
+
+    def messages(self) -> str:
+        """What all relays of this test have said."""
+        return MESSAGES.read_text(encoding="utf-8", errors="replace")
+
+    def status(self) -> dict[str, Any]:
+        """Its own account of itself."""
+        return self.client.status()
+
+    def records(self, **query: object) -> list[skarn_relay.Record]:
+        """All records of the log that match."""
+        found: list[skarn_relay.Record] = []
+        after = 0
+        while True:
+            asked = [*query.items(), ("after", after), ("limit", 10000)]
+            lines = self.client.request("GET", "records", asked)
+            page = [skarn_relay.Record(json.loads(line)) for line in lines.splitlines()]
+            if not page:
+                return found
+            found += page
+            after = page[-1].seq
+
+    def paths(self) -> list[str]:
+        """The paths of all files of the log."""
+        return [record.path for record in self.records()]
+
+    def wait_for_last(self, number: int) -> None:
+        """Waits until the log has that many records."""
+        wait_until(
+            lambda: self.status()["last"] >= number,
+            lambda: f"{number} records: {self.status()} {self.messages()}",
+        )
+
+
+def announce(*lines: bytes | str, fifo: Path = FIFO) -> None:
+    """Writes lines into the pipe, each with one call, as the daemon does."""
+    descriptor = os.open(fifo, os.O_WRONLY)
+    try:
+        for line in lines:
+            os.write(descriptor, (line if isinstance(line, bytes) else os.fsencode(line)) + b"\n")
+    finally:
+        os.close(descriptor)
+
+
+def make_files(count: int, folder: str = "/srv/t", prefix: str = "f") -> list[str]:
+    """Files at a target, and their paths as the daemon announces them."""
+    Path(folder).mkdir(parents=True, exist_ok=True)
+    names = [f"{prefix}{number:05d}" for number in range(count)]
+    for name in names:
+        Path(folder, name).write_text(name, encoding="ascii")
+    return [f"{folder}/./{name}" for name in names]
