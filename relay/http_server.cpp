@@ -531,8 +531,8 @@ private:
             ++count;
             if (request.matches[2] == "drop") {
                 served.log.removeDeadLetter(name, each.sequence);
-            } else {
-                served.retryDeadLetter(name, each.sequence);
+            } else if (!served.retryDeadLetter(name, each.sequence)) {
+                throw Refusal{409, "subscriber " + name + " runs no command now"};
             }
         }
         if (count == 0 && !isAll) {

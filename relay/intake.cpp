@@ -14,7 +14,6 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -58,68 +57,24 @@ std::uint64_t digestOf(std::string_view bytes) {
 Intake::Intake(const PipeSettings& settings, int passed, RecordLog& intoLog,
                const Targets& byTargets)
     : log(intoLog), targets(byTargets) {
-    openPipe(settings, passed);
-    identity = pipeIdentity(pipe.get());
-    int ends[2] = {-1, -1};
-    if (::pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) {
-        throw std::runtime_error("cannot make a pipe: " + systemError(errno));
-    }
-    copyOut = Descriptor(ends[0]);
-    copyIn = Descriptor(ends[1]);
-    ::fcntl(copyIn.get(), F_SETPIPE_SZ, ::fcntl(pipe.get(), F_GETPIPE_SZ));
-    takeOutWhatIsLogged();
-}
-
-void Intake::openPipe(const PipeSettings& settings, int passed) {
-    const std::string& path = settings.path;
-    if (passed >= 0) {
-        pipe = Descriptor(passed);
-    } else {
-        if (::mkfifo(path.c_str(), settings.mode) == 0) {
-            ::chmod(path.c_str(), settings.mode); // whatever the umask
-        } else if (errno != EEXIST) {
-            throw std::runtime_error("cannot make the pipe " + path + ": " + systemError(errno));
-        }
-        // For reading and writing: there is always a reader then, and never an end of file.
-        pipe = Descriptor(::open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC));
-        if (!pipe) {
-            throw std::runtime_error("cannot open the pipe " + path + ": " + systemError(errno));
-        }
-    }
+    pipe = passed >= 0 ? Descriptor(passed) : openPipe(settings.path, settings.mode);
     struct stat status {};
     if (::fstat(pipe.get(), &status) != 0 || !S_ISFIFO(status.st_mode)) {
-        throw std::runtime_error((passed >= 0 ? "the descriptor that was passed" : path) +
-                                 " is no pipe");
+        throw std::runtime_error("the descriptor that was passed is no pipe");
     }
     ::fcntl(pipe.get(), F_SETFL, O_NONBLOCK);
     // A smaller one, if the system allows no more, holds less while nothing can be logged.
     ::fcntl(pipe.get(), F_SETPIPE_SZ, settings.size);
-}
-
-bool Intake::look(std::size_t most) {
-    copied.clear();
-    const ssize_t count =
-        TEMP_FAILURE_RETRY(::tee(pipe.get(), copyIn.get(), most, SPLICE_F_NONBLOCK));
-    if (count <= 0) {
-        return count == 0 || errno == EAGAIN;
-    }
-    copied.resize(static_cast<std::size_t>(count));
-    std::size_t got = 0;
-    while (got < copied.size()) {
-        const ssize_t part =
-            TEMP_FAILURE_RETRY(::read(copyOut.get(), copied.data() + got, copied.size() - got));
-        if (part <= 0) {
-            return false;
-        }
-        got += static_cast<std::size_t>(part);
-    }
-    return true;
+    identity = pipeIdentity(pipe.get());
+    copy.emplace(pipe.get());
+    takeOutWhatIsLogged();
 }
 
 void Intake::takeOutWhatIsLogged() {
     const std::optional<TakeOut> open = log.openTakeOut();
-    if (!open || open->pipe != identity || open->count == 0 || !look(open->count) ||
-        copied.size() != open->count || digestOf(copied) != open->digest) {
+    if (!open || open->pipe != identity || open->count == 0 ||
+        !copy->take(pipe.get(), open->count, copied) || copied.size() != open->count ||
+        digestOf(copied) != open->digest) {
         return;
     }
     // These bytes were logged and not taken out; or, hardly ever, they were, and the very same came
@@ -144,7 +99,7 @@ std::size_t Intake::turn(int limit) {
     if (!isReady(pipe.get(), POLLIN, limit)) {
         return 0;
     }
-    if (!look(SIZE_MAX / 2)) {
+    if (!copy->take(pipe.get(), SIZE_MAX / 2, copied)) {
         stall("cannot copy what is in the pipe: " + systemError(errno));
         rest(std::min(limit, pauseAfterFailure));
         return 0;
@@ -262,8 +217,7 @@ void Intake::takeOut(std::string_view logged) {
 }
 
 std::int64_t Intake::bytesWaiting() const {
-    int bytes = 0;
-    return ::ioctl(pipe.get(), FIONREAD, &bytes) == 0 ? bytes : 0;
+    return static_cast<std::int64_t>(bytesIn(pipe));
 }
 
 std::string Intake::problem() const {

@@ -7,6 +7,7 @@
 #pragma once
 
 #include "relay/file_look.h"
+#include "relay/pipe_copy.h"
 #include "relay/record_log.h"
 #include "relay/settings.h"
 #include "relay/targets.h"
@@ -17,6 +18,7 @@
 #include <cstdint>
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -56,8 +58,6 @@ public:
     std::string problem() const;
 
 private:
-    void openPipe(const PipeSettings& settings, int passed);
-    bool look(std::size_t most);
     void takeOutWhatIsLogged();
     std::vector<Record> recordsIn(std::string_view lines);
     void addLine(std::string_view line, std::vector<Record>& records);
@@ -71,8 +71,7 @@ private:
     const Targets& targets;
     Descriptor pipe;
     std::string identity; // of the pipe
-    Descriptor copyIn;    // the private pipe that the copy goes through
-    Descriptor copyOut;
+    std::optional<PipeCopy> copy;
     std::string copied;     // what is at the beginning of the pipe
     FileLook files;         // of one batch
     std::int64_t batch = 0; // the last one's number
