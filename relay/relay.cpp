@@ -51,6 +51,8 @@ public:
     Relay(const Settings& itsSettings, const Circumstances& circumstances)
         : settings(itsSettings), targets(settings.daemonConfiguration), log(settings.log.folder),
           subscribers(log, settings.subscribers), intake(settings.pipe, passedPipe(), log, targets),
+          pipes(deliveries<PipeDelivery>(SubscriberType::pipe)),
+          commands(deliveries<CommandDelivery>(SubscriberType::command)),
           server(settings.http, {log, subscribers, [this] { return status(); },
                                  [this](const std::string& name, std::int64_t sequence) {
                                      return retry(name, sequence);

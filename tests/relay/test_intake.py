@@ -159,23 +159,12 @@ def test_killed_between_commit_and_taking_out_nothing_doubles(stopping: Relay) -
     announce(*paths[30:])
     stopping.kill()
     HOOK.unlink()
-    # The pipe is held by no relay now: the test does, as the service manager would.
     stopping.start()
     stopping.wait_for_last(51)
     time.sleep(0.1)
     assert stopping.paths() == paths
     assert len(stopping.records(kind="usershift")) == 1
     assert stopping.status()["repeats"] == 0
-
-
-@pytest.fixture(autouse=True)
-def held_pipe() -> Iterator[None]:
-    """Holds the pipe open, as a service manager does, so that it outlives its readers."""
-    if not FIFO.exists():
-        os.mkfifo(FIFO, 0o600)
-    descriptor = os.open(FIFO, os.O_RDWR | os.O_NONBLOCK)
-    yield
-    os.close(descriptor)
 
 
 def test_what_came_again_since_the_kill_is_not_taken_for_what_was_logged(stopping: Relay) -> None:

@@ -72,14 +72,14 @@ def test_only_what_was_taken_out_counts(relay: Relay) -> None:
 
 
 def test_a_reader_that_hangs_stops_nobody(relay: Relay) -> None:
-    paths = make_files(5000)
+    paths = make_files(3000)
     other = relay.client.subscribe("other")
     announce(*paths)
-    relay.wait_for_last(5000)
-    assert len(other.fetch(limit=10000)) == 5000
-    assert lag(relay) == 5000
+    relay.wait_for_last(3000)
+    assert len(other.fetch(limit=10000)) == 3000
+    assert lag(relay) == 3000
     with Consumer(PIPE) as consumer:
-        consumer.wait_for(5000)
+        consumer.wait_for(3000)
         assert consumer.announced() == paths
 
 
