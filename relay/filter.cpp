@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <charconv>
 #include <ctime>
+#include <sstream>
 
 #include <fnmatch.h>
 
@@ -76,6 +77,38 @@ bool Filter::matches(const Record& record) const {
            std::any_of(paths.begin(), paths.end(), [&record](const std::string& pattern) {
                return fnmatch(pattern.c_str(), record.path.c_str(), 0) == 0;
            });
+}
+
+std::string filterText(const Filter& filter) {
+    std::string text;
+    for (const std::string& each : filter.detectors) {
+        text += "detector " + each + '\n';
+    }
+    for (const std::string& each : filter.paths) {
+        text += "path " + each + '\n';
+    }
+    for (const Kind each : filter.kinds) {
+        text += "kind " + std::string(nameOf(each)) + '\n';
+    }
+    return text;
+}
+
+Filter parseFilterText(const std::string& text) {
+    Filter filter;
+    filter.kinds.clear();
+    std::istringstream words(text);
+    std::string key;
+    std::string value;
+    while (std::getline(words, key, ' ') && std::getline(words, value)) {
+        if (key == "detector") {
+            filter.detectors.push_back(value);
+        } else if (key == "path") {
+            filter.paths.push_back(value);
+        } else if (const auto kind = kindNamed(value)) {
+            filter.kinds.push_back(*kind);
+        }
+    }
+    return filter;
 }
 
 std::optional<std::int64_t> parseTime(const std::string& text) {

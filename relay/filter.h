@@ -23,6 +23,10 @@ struct Filter {
     }
 };
 
+/// The filter as a text, and back. No line feed may stand in it.
+std::string filterText(const Filter& filter);
+Filter parseFilterText(const std::string& text);
+
 /// Where a subscriber that is new, or reset, begins.
 struct Start {
     enum class Where { oldest, now, time, sequence };

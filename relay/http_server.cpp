@@ -3,7 +3,6 @@
 
 #include "relay/messages.h"
 #include "relay/record_json.h"
-#include "relay/subscriber_json.h"
 #include "shares/files.h"
 
 #include <algorithm>
@@ -83,6 +82,9 @@ std::vector<std::string> textsIn(const Request& request, const char* name) {
     std::vector<std::string> texts;
     for (std::size_t n = 0; n < request.get_param_value_count(name); ++n) {
         texts.push_back(request.get_param_value(name, n));
+        if (texts.back().find('\n') != std::string::npos) {
+            throw Refusal{400, std::string(name) + " must have no line feed"};
+        }
     }
     return texts;
 }
@@ -102,6 +104,16 @@ Filter filterIn(const Request& request) {
         }
     }
     return filter;
+}
+
+/// Where to begin: with the oldest record if the request does not say.
+Start startIn(const Request& request, const char* name) {
+    const auto start =
+        parseStart(request.has_param(name) ? request.get_param_value(name) : "oldest");
+    if (!start) {
+        throw Refusal{400, std::string(name) + " must be oldest, now, a time or a sequence number"};
+    }
+    return *start;
 }
 
 /// The lines of JSON for a page; what the client is to ask for next stands in a header.
@@ -290,36 +302,30 @@ private:
                 }
                 return httplib::Server::HandlerResponse::Unhandled;
             });
-        addStatus(server);
-        addRecords(server);
-        addSubscribers(server);
+        addRoutes(server);
     }
 
-    void addStatus(httplib::Server& server) {
-        server.Get("/v1/status", [this](const Request&, Response& response) {
+    void tellStatus(const Request& request, Response& response) {
+        if (request.get_param_value("format") == "text") {
+            response.set_content(statusText(served.status()), "text/plain");
+        } else {
             answerJson(response, statusJson(served.status()));
-        });
-        server.Get("/metrics", [this](const Request&, Response& response) {
-            response.set_content(metricsText(served.status()), "text/plain; version=0.0.4");
-        });
+        }
     }
 
-    void addRecords(httplib::Server& server) {
-        server.Get("/v1/records", [this](const Request& request, Response& response) {
-            std::int64_t after = numberIn(request, "after", -1);
-            if (after < 0) {
-                const std::string since = request.get_param_value("since");
-                const auto start = parseStart(since.empty() ? "oldest" : since);
-                if (!start) {
-                    throw Refusal{400, "since must be oldest, now, a time or a sequence number"};
-                }
-                after = served.log.positionOf(*start);
-            }
-            const Filter filter = filterIn(request);
-            answerPage(response, await(request, after, [&](std::size_t limit) {
-                           return served.log.read(after, filter, limit);
-                       }));
-        });
+    void tellMetrics(const Request&, Response& response) {
+        response.set_content(metricsText(served.status()), "text/plain; version=0.0.4");
+    }
+
+    void tellRecords(const Request& request, Response& response) {
+        std::int64_t after = numberIn(request, "after", -1);
+        if (after < 0) {
+            after = served.log.positionOf(startIn(request, "since"));
+        }
+        const Filter filter = filterIn(request);
+        answerPage(response, await(request, after, [&](std::size_t limit) {
+                       return served.log.read(after, filter, limit);
+                   }));
     }
 
     /// Reads until there is something, for as long as the request says. `after` follows what was
@@ -371,31 +377,30 @@ private:
         return found;
     }
 
-    using Answer = void (Implementation::*)(const Request&, const std::string& body, Response&);
+    using Answer = void (Implementation::*)(const Request&, Response&);
 
     httplib::Server::Handler by(Answer answer) {
         return [this, answer](const Request& request, Response& response) {
-            (this->*answer)(request, {}, response);
+            (this->*answer)(request, response);
         };
     }
 
-    /// For requests with a body. One that announces none has none: the library itself would wait
-    /// for it until the client leaves.
+    /// For requests that may have a body, which nobody wants. One that announces none has none: the
+    /// library itself would wait for it until the client leaves.
     httplib::Server::HandlerWithContentReader withBody(Answer answer) {
         return [this, answer](const Request& request, Response& response,
                               const httplib::ContentReader& reader) {
-            std::string body;
             if (request.has_header("Content-Length") || request.has_header("Transfer-Encoding")) {
-                reader([&body](const char* part, std::size_t size) {
-                    body.append(part, size);
-                    return body.size() <= largestBody;
-                });
+                reader([](const char*, std::size_t) { return true; });
             }
-            (this->*answer)(request, body, response);
+            (this->*answer)(request, response);
         };
     }
 
-    void addSubscribers(httplib::Server& server) {
+    void addRoutes(httplib::Server& server) {
+        server.Get("/v1/status", by(&Implementation::tellStatus));
+        server.Get("/metrics", by(&Implementation::tellMetrics));
+        server.Get("/v1/records", by(&Implementation::tellRecords));
         const std::string one = "/v1/subscribers/([A-Za-z0-9._-]+)";
         server.Put(one, withBody(&Implementation::create));
         server.Delete(one, withBody(&Implementation::remove));
@@ -413,16 +418,15 @@ private:
                    "{\"acknowledged\":" + std::to_string(subscription.acknowledged()) + "}\n");
     }
 
-    void create(const Request& request, const std::string& body, Response& response) {
+    void create(const Request& request, Response& response) {
         SubscriberSettings settings;
         settings.name = request.matches[1].str();
         if (!isSubscriberName(settings.name)) {
             throw Refusal{400, "a name has up to 64 of A-Z a-z 0-9 . _ - and no dot in front"};
         }
-        const std::string problem = readSubscriberJson(body, settings);
-        if (!problem.empty()) {
-            throw Refusal{400, problem};
-        }
+        settings.filter = filterIn(request);
+        settings.start = startIn(request, "start");
+        settings.maxBacklog = numberIn(request, "max_backlog", 0);
         bool isNew = false;
         const auto created = served.subscribers.create(settings, isNew);
         if (!created) {
@@ -432,7 +436,7 @@ private:
         response.status = isNew ? 201 : 200;
     }
 
-    void remove(const Request& request, const std::string&, Response& response) {
+    void remove(const Request& request, Response& response) {
         const auto found = subscriber(request);
         const std::string problem = served.subscribers.remove(found->settings.name);
         if (!problem.empty()) {
@@ -441,17 +445,13 @@ private:
         answerJson(response, "{}\n");
     }
 
-    void reset(const Request& request, const std::string&, Response& response) {
+    void reset(const Request& request, Response& response) {
         const auto found = subscriber(request);
-        const auto start = parseStart(request.get_param_value("start"));
-        if (!start) {
-            throw Refusal{400, "start must be oldest, now, a time or a sequence number"};
-        }
-        found->reset(*start);
+        found->reset(startIn(request, "start"));
         answerPosition(response, *found);
     }
 
-    void fetch(const Request& request, const std::string&, Response& response) {
+    void fetch(const Request& request, Response& response) {
         const auto found = httpSubscriber(request);
         std::int64_t after = numberIn(request, "after", found->acknowledged());
         const Page page =
@@ -461,7 +461,7 @@ private:
         answerPage(response, page);
     }
 
-    void acknowledge(const Request& request, const std::string&, Response& response) {
+    void acknowledge(const Request& request, Response& response) {
         const auto found = httpSubscriber(request);
         const std::int64_t sequence = numberIn(request, "seq", -1);
         if (sequence < 0 || sequence > served.log.figures().last) {
@@ -472,7 +472,7 @@ private:
     }
 
     /// Server-sent events, each a record, until the client leaves.
-    void stream(const Request& request, const std::string&, Response& response) {
+    void stream(const Request& request, Response& response) {
         const auto found = httpSubscriber(request);
         const std::string lastId = request.get_header_value("Last-Event-ID");
         std::int64_t after = parseNumber(lastId).value_or(found->acknowledged());
@@ -511,7 +511,7 @@ private:
             });
     }
 
-    void listDeadLetters(const Request& request, const std::string&, Response& response) {
+    void listDeadLetters(const Request& request, Response& response) {
         std::string text;
         for (const DeadLetter& each : served.log.deadLetters(subscriber(request)->settings.name)) {
             text += deadLetterJson(each);
@@ -519,7 +519,7 @@ private:
         response.set_content(text, "application/x-ndjson");
     }
 
-    void treatDeadLetters(const Request& request, const std::string&, Response& response) {
+    void treatDeadLetters(const Request& request, Response& response) {
         const std::string name = subscriber(request)->settings.name;
         const bool isAll = request.get_param_value("seq") == "all";
         const std::int64_t wanted = isAll ? 0 : numberIn(request, "seq", -1);

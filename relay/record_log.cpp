@@ -51,7 +51,8 @@ CREATE TABLE subscribers(
     name TEXT PRIMARY KEY,
     acknowledged INTEGER NOT NULL,
     dropped INTEGER NOT NULL,
-    settings TEXT NOT NULL) WITHOUT ROWID;
+    filter TEXT NOT NULL,
+    max_backlog INTEGER NOT NULL) WITHOUT ROWID;
 CREATE TABLE dead_letters(
     subscriber TEXT NOT NULL,
     seq INTEGER NOT NULL,
@@ -135,7 +136,7 @@ struct RecordLog::Statements {
           repeat(in.prepare("UPDATE records SET repeats = repeats + 1 WHERE seq = ?")),
           takeOut(in.prepare("INSERT OR REPLACE INTO intake VALUES (1, ?, ?, ?, ?, ?)")),
           behind(in.prepare(std::string(columns) + "WHERE seq > ? ORDER BY seq LIMIT ?")),
-          position(in.prepare("INSERT OR REPLACE INTO subscribers VALUES (?, ?, ?, ?)")) {}
+          position(in.prepare("INSERT OR REPLACE INTO subscribers VALUES (?, ?, ?, ?, ?)")) {}
 
     Statement insert;
     Statement ofPath;
@@ -262,7 +263,7 @@ void RecordLog::carryOver(const std::string& damagedFile) {
         }
     };
     copyTable("intake", 6);
-    copyTable("subscribers", 4);
+    copyTable("subscribers", 5);
     copyTable("dead_letters", 5);
     warn(std::to_string(records) + " records of the damaged database were carried over into a " +
          "new one" + (isWhole ? "" : "; others could not be read: compare with the targets"));
@@ -277,12 +278,13 @@ auto RecordLog::guarded(Work work) -> decltype(work()) {
         }
         return work();
     } catch (const DatabaseError& error) {
-        if (error.isDamage()) {
-            warn(error.what());
-            setAside();
+        if (!error.isDamage()) {
+            throw;
         }
-        throw;
+        warn(error.what());
+        setAside();
     }
+    return work();
 }
 
 bool RecordLog::isRepeat(const Record& record, std::int64_t& ofSequence) {
@@ -465,10 +467,11 @@ LogFigures RecordLog::figures() {
 std::vector<Position> RecordLog::positions() {
     return guarded([&] {
         std::vector<Position> found;
-        Statement rows = database->prepare(
-            "SELECT name, acknowledged, dropped, settings FROM subscribers ORDER BY name");
+        Statement rows = database->prepare("SELECT name, acknowledged, dropped, filter, "
+                                           "max_backlog FROM subscribers ORDER BY name");
         while (rows.step()) {
-            found.push_back({rows.bytes(0), rows.integer(1), rows.integer(2), rows.bytes(3)});
+            found.push_back(
+                {rows.bytes(0), rows.integer(1), rows.integer(2), rows.bytes(3), rows.integer(4)});
         }
         return found;
     });
@@ -479,7 +482,8 @@ void RecordLog::setPosition(const Position& position) {
         statements->position.bindText(1, position.name)
             .bind(2, position.acknowledged)
             .bind(3, position.dropped)
-            .bindText(4, position.settings)
+            .bindText(4, position.filter)
+            .bind(5, position.maxBacklog)
             .run();
     });
 }

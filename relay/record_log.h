@@ -41,7 +41,8 @@ struct Position {
     std::string name;
     std::int64_t acknowledged = 0; // all records up to this one
     std::int64_t dropped = 0;      // records that were removed before it had them
-    std::string settings;          // of one made over HTTP: its filter as JSON; else empty
+    std::string filter;            // of one made over HTTP, as text; else empty
+    std::int64_t maxBacklog = 0;   // of one made over HTTP
 };
 
 struct DeadLetter {
@@ -60,9 +61,9 @@ struct LogFigures {
 };
 
 /// Owns the one connection to the database. All calls may be made by any thread, and throw
-/// DatabaseError when they fail; then nothing was changed. If that is because the database is
-/// damaged, it has been set aside under a name that was told, what can still be read of it has been
-/// carried over into a new one, and the call can be made again.
+/// DatabaseError when they fail; then nothing was changed. A database that turns out to be damaged
+/// is set aside under a name that is told, what can still be read of it is carried over into a new
+/// one, and the call goes on with that.
 class RecordLog {
 public:
     /// Opens the log in the folder, and makes both if they are missing.

@@ -6,7 +6,6 @@
 
 #include <cstdio>
 #include <functional>
-#include <nlohmann/json.hpp>
 
 namespace relay {
 
@@ -150,35 +149,26 @@ std::string metricsText(const Status& status) {
     return text;
 }
 
-std::string statusText(const std::string& json) {
-    const nlohmann::json status = nlohmann::json::parse(json);
-    const auto count = [](const nlohmann::json& in, const char* key) {
-        return printed(in.value(key, 0.0));
-    };
-    const std::string problem = status.value("problem", "");
-    std::string text =
-        problem.empty()
-            ? "taking records from " + shown(status.value("pipe", "")) + "\n"
-            : "STALLED for " + count(status, "stalled_seconds") + " s: " + shown(problem) + "\n";
-    text += count(status, "records") + " records and " + count(status, "repeats") +
-            " repeats since the start, " + count(status, "bytes_waiting") +
-            " bytes wait in the pipe\n";
-    text += "log: records " + count(status, "first") + " to " + count(status, "last") + ", " +
-            count(status, "log_bytes") + " bytes\n";
-    for (const nlohmann::json& each : status.value("subscribers", nlohmann::json::array())) {
-        text += each.value("name", "") + " (" + each.value("type", "") + "): ";
-        text += each.value("lag", 0.0) == 0.0
-                    ? "has all"
-                    : count(each, "lag") + " records behind, the oldest " +
-                          count(each, "lag_seconds") + " s old";
-        for (const auto& [key, words] :
-             {std::pair("dead_letters", " dead letters"), std::pair("dropped", " dropped")}) {
-            if (each.value(key, 0.0) > 0) {
-                text += ", " + count(each, key) + words;
-            }
+std::string statusText(const Status& status) {
+    std::string text = status.problem.empty() ? "taking records from " + shown(status.pipe) + "\n"
+                                              : "STALLED for " + printed(status.stalledSeconds) +
+                                                    " s: " + shown(status.problem) + "\n";
+    text += std::to_string(status.records) + " records and " + std::to_string(status.repeats) +
+            " repeats since the start, " + std::to_string(status.bytesWaiting) +
+            " bytes wait in the pipe\nlog: records " + std::to_string(status.log.first) + " to " +
+            std::to_string(status.log.last) + ", " + std::to_string(status.log.bytes) + " bytes\n";
+    for (const SubscriberFigures& each : status.subscribers) {
+        text += each.name + " (" + each.type + "): ";
+        text += each.lag == 0 ? "has all"
+                              : std::to_string(each.lag) + " records behind, the oldest " +
+                                    printed(each.lagSeconds) + " s old";
+        if (each.deadLetters > 0) {
+            text += ", " + std::to_string(each.deadLetters) + " dead letters";
         }
-        const std::string trouble = each.value("problem", "");
-        text += (trouble.empty() ? "" : "; " + shown(trouble)) + "\n";
+        if (each.dropped > 0) {
+            text += ", " + std::to_string(each.dropped) + " dropped";
+        }
+        text += (each.problem.empty() ? "" : "; " + shown(each.problem)) + "\n";
     }
     return text;
 }

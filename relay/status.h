@@ -32,7 +32,7 @@ std::string statusJson(const Status& status);
 /// Prometheus's text format.
 std::string metricsText(const Status& status);
 
-/// The same for people, from the JSON: a few lines.
-std::string statusText(const std::string& json);
+/// The same for people: a few lines.
+std::string statusText(const Status& status);
 
 } // namespace relay

@@ -2,7 +2,6 @@
 #include "relay/subscribers.h"
 
 #include "relay/messages.h"
-#include "relay/subscriber_json.h"
 
 #include <algorithm>
 #include <utility>
@@ -12,6 +11,14 @@ namespace relay {
 namespace {
 
 constexpr double nanosecond = 1e-9;
+
+/// What the log is told: of one that is configured, the settings stand elsewhere.
+Position positionOf(const SubscriberSettings& settings, std::int64_t acknowledged,
+                    std::int64_t dropped) {
+    const bool isHttp = settings.type == SubscriberType::http;
+    return {settings.name, acknowledged, dropped,
+            isHttp ? filterText(settings.filter) : std::string(), settings.maxBacklog};
+}
 
 } // namespace
 
@@ -41,8 +48,7 @@ std::int64_t Subscription::acknowledged() const {
 }
 
 Position Subscription::stored(std::int64_t acknowledgedTo) const {
-    return {settings.name, acknowledgedTo, counts.dropped,
-            settings.type == SubscriberType::http ? subscriberJson(settings) : std::string()};
+    return positionOf(settings, acknowledgedTo, counts.dropped);
 }
 
 void Subscription::acknowledge(std::int64_t sequence, std::int64_t ofGeneration) {
@@ -143,7 +149,7 @@ Subscribers::Subscribers(RecordLog& inLog, const std::vector<SubscriberSettings>
     for (const SubscriberSettings& each : configured) {
         auto position = known.find(each.name);
         if (position == known.end()) {
-            const Position fresh = {each.name, log.positionOf(each.start), 0, {}};
+            const Position fresh = positionOf(each, log.positionOf(each.start), 0);
             log.setPosition(fresh);
             position = known.emplace(each.name, fresh).first;
         }
@@ -154,14 +160,13 @@ Subscribers::Subscribers(RecordLog& inLog, const std::vector<SubscriberSettings>
     for (const auto& [name, position] : known) {
         SubscriberSettings settings;
         settings.name = name;
-        if (position.settings.empty()) {
+        if (position.filter.empty()) {
             warn("subscriber " + name + " is not configured any more: the log keeps what it has " +
                  "not acknowledged until it is removed (skarn-relay subscribers remove " + name +
                  ")");
-        } else if (const std::string problem = readSubscriberJson(position.settings, settings);
-                   !problem.empty()) {
-            warn("subscriber " + name + ": its settings in the log can't be read: " + problem);
         }
+        settings.filter = parseFilterText(position.filter);
+        settings.maxBacklog = position.maxBacklog;
         byName[name] = std::make_shared<Subscription>(log, settings, position);
     }
 }
@@ -192,8 +197,7 @@ Subscribers::Shared Subscribers::create(const SubscriberSettings& settings, bool
                             old.maxBacklog == settings.maxBacklog;
         return isSame ? found->second : nullptr;
     }
-    const Position position = {settings.name, log.positionOf(settings.start), 0,
-                               subscriberJson(settings)};
+    const Position position = positionOf(settings, log.positionOf(settings.start), 0);
     log.setPosition(position);
     return byName[settings.name] = std::make_shared<Subscription>(log, settings, position);
 }

@@ -77,7 +77,6 @@ class Relay:
         method: str,
         path: str,
         query: Sequence[tuple[str, object]] = (),
-        body: object = None,
     ) -> bytes:
         """One request. Returns the body of the answer; raises RelayError, OSError or HTTPException."""
         connection = (
@@ -88,12 +87,8 @@ class Relay:
         try:
             headers = {"Authorization": f"Bearer {self._token}"} if self._token else {}
             text = urllib.parse.urlencode([(key, str(value)) for key, value in query])
-            connection.request(
-                method,
-                f"/v1/{path}" + (f"?{text}" if text else ""),
-                None if body is None else json.dumps(body),
-                headers,
-            )
+            target = f"/v1/{path}" + (f"?{text}" if text else "")
+            connection.request(method, target, headers=headers)
             answer = connection.getresponse()
             content = answer.read()
         finally:
@@ -122,14 +117,11 @@ class Relay:
         max_backlog: int = 0,
     ) -> Subscription:
         """The subscriber of that name, which is made if there is none yet."""
-        wanted = {
-            "detectors": list(detectors),
-            "paths": list(paths),
-            "kinds": list(kinds),
-            "start": start,
-            "max_backlog": max_backlog,
-        }
-        self.request("PUT", f"subscribers/{name}", body=wanted)
+        query: list[tuple[str, object]] = [("start", start), ("max_backlog", max_backlog)]
+        query += [("detector", each) for each in detectors]
+        query += [("path", each) for each in paths]
+        query += [("kind", each) for each in kinds]
+        self.request("PUT", f"subscribers/{name}", query)
         return Subscription(self, name)
 
 

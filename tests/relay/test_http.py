@@ -63,7 +63,7 @@ def test_a_fetch_waits_for_the_first_record(relay: Relay) -> None:
     subscription.acknowledge(1)
     begin = time.monotonic()
     assert subscription.fetch(wait=1) == []
-    assert time.monotonic() - begin >= 1
+    assert time.monotonic() - begin > 0.9
 
 
 def test_iterating_acknowledges_what_was_dealt_with(relay: Relay) -> None:
@@ -157,30 +157,30 @@ def test_curl_is_enough(relay: Relay) -> None:
 
 
 @pytest.mark.parametrize(
-    ("method", "path", "body", "status", "sentence"),
+    ("method", "path", "status", "sentence"),
     [
-        ("GET", "nothing", None, 404, "nothing of that name"),
-        ("GET", "subscribers/none/records", None, 404, "there is no subscriber none"),
-        ("POST", "subscribers/me/ack?seq=99", None, 400, "seq must be the number of a record"),
-        ("POST", "subscribers/me/ack?seq=-1", None, 400, "seq must be a number"),
-        ("POST", "subscribers/me/ack?seq=1e3", None, 400, "seq must be a number"),
-        ("POST", "subscribers/me/ack", None, 400, "seq must be"),
-        ("POST", "subscribers/me/ack?seq=99999999999999999999", None, 400, "seq must be a number"),
-        ("POST", "subscribers/me/reset?start=soon", None, 400, "start must be"),
-        ("GET", "subscribers/me/records?wait=x", None, 400, "wait must be a number"),
-        ("GET", "records?kind=x", None, 400, "kind must be"),
-        ("GET", "records?since=x", None, 400, "since must be"),
-        ("PUT", "subscribers/.hidden", None, 400, "a name has"),
-        ("PUT", "subscribers/" + "x" * 65, None, 400, "a name has"),
-        ("PUT", "subscribers/me", '{"max_backlog":5}', 409, "other settings"),
-        ("POST", "subscribers/me/dead-letters/drop?seq=1", None, 404, "no such dead letter"),
+        ("GET", "nothing", 404, "nothing of that name"),
+        ("GET", "subscribers/none/records", 404, "there is no subscriber none"),
+        ("POST", "subscribers/me/ack?seq=99", 400, "seq must be the number of a record"),
+        ("POST", "subscribers/me/ack?seq=-1", 400, "seq must be a number"),
+        ("POST", "subscribers/me/ack?seq=1e3", 400, "seq must be a number"),
+        ("POST", "subscribers/me/ack", 400, "seq must be"),
+        ("POST", "subscribers/me/ack?seq=99999999999999999999", 400, "seq must be a number"),
+        ("POST", "subscribers/me/reset?start=soon", 400, "start must be"),
+        ("GET", "subscribers/me/records?wait=x", 400, "wait must be a number"),
+        ("GET", "records?kind=x", 400, "kind must be"),
+        ("GET", "records?since=x", 400, "since must be"),
+        ("PUT", "subscribers/.hidden", 400, "a name has"),
+        ("PUT", "subscribers/" + "x" * 65, 400, "a name has"),
+        ("PUT", "subscribers/me?max_backlog=5", 409, "other settings"),
+        ("POST", "subscribers/me/dead-letters/drop?seq=1", 404, "no such dead letter"),
     ],
 )
 def test_nonsense_is_refused_in_a_sentence(
-    relay: Relay, method: str, path: str, body: str | None, status: int, sentence: str
+    relay: Relay, method: str, path: str, status: int, sentence: str
 ) -> None:
     relay.client.subscribe("me")
-    answer = curl("-X", method, f"http://relay/v1/{path}", "-w", "%{http_code}", *(["-d", body] if body else []))
+    answer = curl("-X", method, f"http://relay/v1/{path}", "-w", "%{http_code}")
     text, code = answer.rsplit("\n", 1)
     assert int(code) == status and sentence in json.loads(text)["error"], answer
 
