@@ -11,16 +11,18 @@ set -euo pipefail
 build=(cmake g++ ninja-build)
 # What skarnctl is built with, beside these.
 control=(libcli11-dev libncurses-dev nlohmann-json3-dev prometheus-cpp-dev)
+# What skarn-relay is built with.
+relay=(libcli11-dev libcpp-httplib-dev libsqlite3-dev libsystemd-dev libtomlplusplus-dev nlohmann-json3-dev pkgconf)
 # The sandbox (mount, unshare, ip), the other end of the transfers, and what drives them.
 demo=("${build[@]}" iproute2 mount python3 rsync util-linux)
 # Of prometheus only promtool is wanted, which checks metrics and alerts; no smaller package has it.
-tests=("${demo[@]}" "${control[@]}" bash-completion btrfs-progs e2fsprogs git gnuplot-nox libgmock-dev libgtest-dev prometheus python3-pytest strace tmux xfsprogs)
+tests=("${demo[@]}" "${control[@]}" "${relay[@]}" bash-completion btrfs-progs curl e2fsprogs git gnuplot-nox libgmock-dev libgtest-dev prometheus python3-jsonschema python3-pytest strace tmux xfsprogs)
 soak=("${demo[@]}" gnuplot-nox)
 bench=("${demo[@]}" e2fsprogs gnuplot-nox libbenchmark-dev parallel strace xfsprogs)
 races=("${tests[@]}" valgrind)
 coverage=("${tests[@]}" gcovr)
 # What builds Debian packages and looks at them, and what makes a tree to install them into.
-packages=("${build[@]}" "${control[@]}" bash-completion debhelper dpkg-dev fakeroot git lintian pkgconf)
+packages=("${build[@]}" "${control[@]}" "${relay[@]}" bash-completion debhelper dpkg-dev fakeroot git lintian pkgconf)
 package_tree=("${demo[@]}" "${packages[@]}" debootstrap python3-pytest systemd systemd-container)
 bare_tree=(debootstrap git util-linux)
 # The library that drives the fuzzers is part of the compiler's run-time library, which clang only recommends.
