@@ -56,14 +56,14 @@ shell_scripts() {
 python_types() {
     local list=()
     mapfile -t list < <(git ls-files '*.py')
-    [ ${#list[@]} -gt 0 ] && MYPYPATH=tests:bench:packaging/tests:scripts/watch_picture mypy --strict --explicit-package-bases "${list[@]}"
+    [ ${#list[@]} -gt 0 ] && MYPYPATH=tests:bench:packaging/tests:relay/python:tests/relay:scripts/watch_picture mypy --strict --explicit-package-bases "${list[@]}"
 }
 
 # The manuals, by mandoc's own rules; that a manual refers to one which this machine lacks is no mistake of it.
 manuals() {
     local complaints page
     complaints=$(mandoc -T lint docs/man/* 2>&1 | grep -v -e 'referenced manual not found' -e 'outdated mandoc.db') || true
-    for page in skarn.8 skarnctl.8 skarn_orbelin.conf.5 confirming-rsync.8; do
+    for page in skarn.8 skarnctl.8 skarn-relay.8 skarn-relay.toml.5 skarn_orbelin.conf.5 confirming-rsync.8; do
         [ -f "docs/man/$page" ] || complaints+="$page is missing"
     done
     [ -z "$complaints" ] || {

@@ -17,6 +17,8 @@ sys.path.insert(0, os.environ.get("SKARN_RELAY_CLIENT", ""))
 
 import skarn_relay  # noqa: E402
 
+__all__ = ["CONFIGURATION", "LOG", "MESSAGES", "Relay", "announce", "make_files", "skarn_relay"]
+
 CONFIGURATION = Path("/run/relay.toml")
 LOG = Path("/var/lib/skarn/relay")
 MESSAGES = Path("/tmp/relay.messages")
@@ -76,7 +78,7 @@ class Relay:
         """What all relays of this test have said."""
         return MESSAGES.read_text(encoding="utf-8", errors="replace")
 
-    def status(self) -> dict[str, Any]:
+    def status(self) -> Any:
         """Its own account of itself."""
         return self.client.status()
 

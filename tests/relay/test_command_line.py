@@ -113,8 +113,8 @@ def test_without_a_relay_that_is_said() -> None:
 
 
 def test_bad_usage() -> None:
-    for words in ([], ["nothing"], ["status", "--nothing"], ["subscribers"]):
-        assert Relay().command(*words).returncode == 2
+    for line in ("", "nothing", "status --nothing", "subscribers"):
+        assert Relay().command(*line.split()).returncode == 2
 
 
 MISTAKES = """\

@@ -23,16 +23,15 @@ def started(script: str, **settings: object) -> Relay:
     PROGRAM.chmod(0o755)
     OUTPUT.touch()
     OUTPUT.chmod(0o666)
-    table = {"name": "run", "type": "command", "command": [str(PROGRAM)], **settings}
+    table: dict[str, object] = {"name": "run", "type": "command", "command": [str(PROGRAM)], **settings}
     lines = [f"{key} = {json.dumps(value)}" for key, value in table.items()]
     relay = Relay("[[subscriber]]\n" + "\n".join(lines) + "\n")
     relay.start()
     return relay
 
 
-def own(relay: Relay) -> dict[str, Any]:
-    found: dict[str, Any] = relay.status()["subscribers"][0]
-    return found
+def own(relay: Relay) -> Any:
+    return relay.status()["subscribers"][0]
 
 
 def wait_done(relay: Relay, last: int) -> None:
