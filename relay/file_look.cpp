@@ -40,21 +40,23 @@ FileType typeOf(mode_t mode) {
 } // namespace
 
 void FileLook::at(const Located& place, Record& record) {
-    if (!target || targetPath != place.target) {
+    if (targetPath != place.target) {
         targetPath = place.target;
         folder.reset();
+        folderError = 0;
         target = Descriptor(::open(targetPath.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-        if (!target) {
-            record.isGone = errno == ENOENT;
-            return;
-        }
+        targetError = target ? 0 : errno;
+    }
+    if (!target) {
+        record.isGone = targetError == ENOENT;
+        return;
     }
     const std::size_t slash = place.name.rfind('/');
     const std::string_view inFolder =
         slash == std::string_view::npos ? std::string_view(".") : place.name.substr(0, slash);
     const std::string leaf(slash == std::string_view::npos ? place.name
                                                            : place.name.substr(slash + 1));
-    if (!folder || folderName != inFolder) {
+    if ((!folder && folderError == 0) || folderName != inFolder) {
         folderName = inFolder;
         folder = Descriptor(openBeneath(target.get(), folderName));
         folderError = folder ? 0 : errno;

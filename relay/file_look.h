@@ -21,6 +21,7 @@ public:
 private:
     Descriptor target;
     std::string targetPath;
+    int targetError = 0; // an errno value, if it could not be opened
     Descriptor folder;
     std::string folderName; // below the target
     int folderError = 0;    // an errno value, if it could not be opened

@@ -39,7 +39,7 @@ CREATE TABLE records(
     way INTEGER NOT NULL,
     arrival INTEGER NOT NULL,
     repeats INTEGER NOT NULL DEFAULT 0);
-CREATE INDEX records_by_path ON records(path) WHERE kind = 0;
+CREATE UNIQUE INDEX records_by_file ON records(path, inode, mtime, size) WHERE kind = 0;
 CREATE TABLE intake(
     one INTEGER PRIMARY KEY CHECK (one = 1),
     last INTEGER NOT NULL,
@@ -82,7 +82,8 @@ Record recordIn(const Statement& row) {
     return record;
 }
 
-void writeRecord(Statement& insert, const Record& record) {
+/// Returns the number under which that record stands: its own, or that of the same file's.
+std::int64_t writeRecord(Statement& insert, const Record& record) {
     const Use use(insert);
     insert.bind(1, record.sequence)
         .bind(2, static_cast<std::int64_t>(record.kind))
@@ -99,7 +100,7 @@ void writeRecord(Statement& insert, const Record& record) {
         .bind(9, static_cast<std::int64_t>(record.way))
         .bind(10, record.arrival)
         .bind(11, record.repeats);
-    insert.step();
+    return insert.step() ? insert.integer(0) : 0;
 }
 
 void migrate(Database& database, const std::string& file) {
@@ -130,9 +131,12 @@ void migrate(Database& database, const std::string& file) {
 struct RecordLog::Statements {
     explicit Statements(Database& in)
         : insert(in.prepare("INSERT INTO records(seq, kind, path, detector, size, mtime, inode, "
-                            "type, way, arrival, repeats) VALUES (?,?,?,?,?,?,?,?,?,?,?)")),
-          ofPath(in.prepare("SELECT seq, size, mtime, inode FROM records WHERE kind = 0 AND "
-                            "path = ? ORDER BY seq DESC LIMIT 16")),
+                            "type, way, arrival, repeats) VALUES (?,?,?,?,?,?,?,?,?,?,?) "
+                            "ON CONFLICT (path, inode, mtime, size) WHERE kind = 0 "
+                            "DO UPDATE SET repeats = repeats + 1 RETURNING seq")),
+          ofPath(in.prepare("SELECT max(seq) FROM records WHERE kind = 0 AND path = ?")),
+          ofFile(in.prepare("SELECT max(seq) FROM records WHERE kind = 0 AND path = ? AND "
+                            "inode = ? AND mtime = ? AND size = ?")),
           repeat(in.prepare("UPDATE records SET repeats = repeats + 1 WHERE seq = ?")),
           takeOut(in.prepare("INSERT OR REPLACE INTO intake VALUES (1, ?, ?, ?, ?, ?)")),
           behind(in.prepare(std::string(columns) + "WHERE seq > ? ORDER BY seq LIMIT ?")),
@@ -140,6 +144,7 @@ struct RecordLog::Statements {
 
     Statement insert;
     Statement ofPath;
+    Statement ofFile;
     Statement repeat;
     Statement takeOut;
     Statement behind;
@@ -287,26 +292,16 @@ auto RecordLog::guarded(Work work) -> decltype(work()) {
     return work();
 }
 
-bool RecordLog::isRepeat(const Record& record, std::int64_t& ofSequence) {
-    if (record.kind != Kind::file || (!record.identity && !record.isGone)) {
-        return false;
+std::int64_t RecordLog::lastOf(const Record& record) {
+    Statement& row = record.identity ? statements->ofFile : statements->ofPath;
+    const Use use(row);
+    row.bindBytes(1, record.path);
+    if (record.identity) {
+        row.bind(2, static_cast<std::int64_t>(record.identity->inode))
+            .bind(3, record.identity->mtime)
+            .bind(4, record.identity->size);
     }
-    Statement& rows = statements->ofPath;
-    const Use use(rows);
-    rows.bindBytes(1, record.path);
-    while (rows.step()) {
-        const bool isSame =
-            record.identity
-                ? !rows.isNull(1) &&
-                      *record.identity == Identity{rows.integer(1), rows.integer(2),
-                                                   static_cast<std::uint64_t>(rows.integer(3))}
-                : record.isGone;
-        if (isSame) {
-            ofSequence = rows.integer(0);
-            return true;
-        }
-    }
-    return false;
+    return row.step() ? row.integer(0) : 0;
 }
 
 void RecordLog::append(std::vector<Record>& records, const TakeOut& takeOut) {
@@ -315,13 +310,17 @@ void RecordLog::append(std::vector<Record>& records, const TakeOut& takeOut) {
         try {
             Transaction transaction(*database);
             for (Record& record : records) {
-                std::int64_t known = 0;
-                if (isRepeat(record, known)) {
+                const std::int64_t known = record.isGone ? lastOf(record) : 0;
+                if (known != 0) {
                     statements->repeat.bind(1, known).run();
                     continue;
                 }
-                record.sequence = ++next;
-                writeRecord(statements->insert, record);
+                record.sequence = next + 1;
+                if (writeRecord(statements->insert, record) == record.sequence) {
+                    ++next;
+                } else {
+                    record.sequence = 0; // that file stands in the log
+                }
             }
             statements->takeOut.bind(1, next)
                 .bind(2, static_cast<std::int64_t>(takeOut.count))
@@ -360,15 +359,7 @@ void RecordLog::noteTakenOut(std::int64_t batch) {
 }
 
 bool RecordLog::knows(const Record& record) {
-    return guarded([&] {
-        std::int64_t sequence = 0;
-        if (record.identity) {
-            return isRepeat(record, sequence);
-        }
-        Record gone = record;
-        gone.isGone = true;
-        return isRepeat(gone, sequence);
-    });
+    return guarded([&] { return lastOf(record) != 0; });
 }
 
 Page RecordLog::read(std::int64_t after, const Filter& filter, std::size_t limit) {

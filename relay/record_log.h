@@ -123,7 +123,7 @@ private:
     void setAside();
     void carryOver(const std::string& damagedFile);
     std::int64_t usedBytes();
-    bool isRepeat(const Record& record, std::int64_t& ofSequence);
+    std::int64_t lastOf(const Record& record);
     template<class Work>
     auto guarded(Work work) -> decltype(work());
 

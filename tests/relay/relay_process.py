@@ -8,7 +8,7 @@ import signal
 import subprocess
 import sys
 from pathlib import Path
-from typing import Any
+from typing import TypedDict, cast
 
 from support.daemon import FIFO
 from support.waiting import LIMIT, wait_until
@@ -22,6 +22,33 @@ __all__ = ["CONFIGURATION", "LOG", "MESSAGES", "Relay", "announce", "make_files"
 CONFIGURATION = Path("/run/relay.toml")
 LOG = Path("/var/lib/skarn/relay")
 MESSAGES = Path("/tmp/relay.messages")
+
+
+class SubscriberStatus(TypedDict):
+    """What is told of one subscriber."""
+
+    name: str
+    problem: str
+    acknowledged: int
+    lag: int
+    delivered: int
+    attempts: int
+    failures: int
+    dead_letters: int
+    dropped: int
+
+
+class Status(TypedDict):
+    """What is told of the relay, as far as tests ask for it."""
+
+    problem: str
+    records: int
+    repeats: int
+    stalls: int
+    bytes_waiting: int
+    first: int
+    last: int
+    subscribers: list[SubscriberStatus]
 
 
 class Relay:
@@ -78,9 +105,9 @@ class Relay:
         """What all relays of this test have said."""
         return MESSAGES.read_text(encoding="utf-8", errors="replace")
 
-    def status(self) -> Any:
+    def status(self) -> Status:
         """Its own account of itself."""
-        return self.client.status()
+        return cast(Status, self.client.status())
 
     def records(self, **query: object) -> list[skarn_relay.Record]:
         """All records of the log that match."""

@@ -9,7 +9,7 @@ import time
 from pathlib import Path
 from typing import Any
 
-from relay_process import Relay, announce, make_files
+from relay_process import Relay, SubscriberStatus, announce, make_files
 from support.processes import processes
 from support.waiting import wait_until
 
@@ -30,7 +30,7 @@ def started(script: str, **settings: object) -> Relay:
     return relay
 
 
-def own(relay: Relay) -> Any:
+def own(relay: Relay) -> SubscriberStatus:
     return relay.status()["subscribers"][0]
 
 

@@ -9,7 +9,7 @@ import subprocess
 import tomllib
 from pathlib import Path
 
-import jsonschema
+import jsonschema  # type: ignore[import]
 
 from relay_process import CONFIGURATION, Relay, announce, make_files
 from support.daemon import Detector, write_configuration
