@@ -134,6 +134,10 @@ std::string Database::text(const std::string& query) {
     return statement.step() ? statement.bytes(0) : std::string();
 }
 
+std::int64_t Database::changes() const {
+    return sqlite3_changes64(connection.get());
+}
+
 bool Database::isInTransaction() const {
     return sqlite3_get_autocommit(connection.get()) == 0;
 }

@@ -83,6 +83,7 @@ public:
     std::int64_t number(const std::string& query); // the first column of the only row
     std::string text(const std::string& query);
     Statement prepare(std::string_view text) { return {connection.get(), text}; }
+    std::int64_t changes() const; // how many rows the last statement that changed some has changed
     bool isInTransaction() const;
 
 private:

@@ -82,8 +82,8 @@ Record recordIn(const Statement& row) {
     return record;
 }
 
-/// Returns the number under which that record stands: its own, or that of the same file's.
-std::int64_t writeRecord(Statement& insert, const Record& record) {
+/// Does nothing if the file stands in the log.
+void writeRecord(Statement& insert, const Record& record) {
     const Use use(insert);
     insert.bind(1, record.sequence)
         .bind(2, static_cast<std::int64_t>(record.kind))
@@ -100,7 +100,7 @@ std::int64_t writeRecord(Statement& insert, const Record& record) {
         .bind(9, static_cast<std::int64_t>(record.way))
         .bind(10, record.arrival)
         .bind(11, record.repeats);
-    return insert.step() ? insert.integer(0) : 0;
+    insert.step();
 }
 
 void migrate(Database& database, const std::string& file) {
@@ -132,8 +132,7 @@ struct RecordLog::Statements {
     explicit Statements(Database& in)
         : insert(in.prepare("INSERT INTO records(seq, kind, path, detector, size, mtime, inode, "
                             "type, way, arrival, repeats) VALUES (?,?,?,?,?,?,?,?,?,?,?) "
-                            "ON CONFLICT (path, inode, mtime, size) WHERE kind = 0 "
-                            "DO UPDATE SET repeats = repeats + 1 RETURNING seq")),
+                            "ON CONFLICT DO NOTHING")),
           ofPath(in.prepare("SELECT max(seq) FROM records WHERE kind = 0 AND path = ?")),
           ofFile(in.prepare("SELECT max(seq) FROM records WHERE kind = 0 AND path = ? AND "
                             "inode = ? AND mtime = ? AND size = ?")),
@@ -310,16 +309,17 @@ void RecordLog::append(std::vector<Record>& records, const TakeOut& takeOut) {
         try {
             Transaction transaction(*database);
             for (Record& record : records) {
-                const std::int64_t known = record.isGone ? lastOf(record) : 0;
-                if (known != 0) {
-                    statements->repeat.bind(1, known).run();
-                    continue;
-                }
                 record.sequence = next + 1;
-                if (writeRecord(statements->insert, record) == record.sequence) {
+                std::int64_t known = record.isGone ? lastOf(record) : 0;
+                if (known == 0) {
+                    writeRecord(statements->insert, record);
+                    known = database->changes() == 0 ? lastOf(record) : 0;
+                }
+                if (known == 0) {
                     ++next;
                 } else {
-                    record.sequence = 0; // that file stands in the log
+                    statements->repeat.bind(1, known).run();
+                    record.sequence = 0;
                 }
             }
             statements->takeOut.bind(1, next)
@@ -547,7 +547,7 @@ std::int64_t RecordLog::removeOld(std::int64_t upTo, std::int64_t before,
             "DELETE FROM records WHERE seq IN (SELECT seq FROM records WHERE seq <= ? AND "
             "arrival < ? AND seq NOT IN (SELECT seq FROM dead_letters) ORDER BY seq LIMIT ?)");
         remove.bind(1, upTo).bind(2, isTooLarge ? INT64_MAX : before).bind(3, removedAtOnce).run();
-        const std::int64_t removed = database->number("SELECT changes()");
+        const std::int64_t removed = database->changes();
         if (removed > 0) {
             database->execute("PRAGMA incremental_vacuum(1000)");
         }

@@ -1,18 +1,20 @@
 // How fast lines go from the pipe into the durable log, beside a bare reader of the pipe and a bare
 // insert of the same batches into a table of the same form. Prints one line of JSON.
 //
-//   intake_speed FOLDER LINES [FILES]
+//   intake_speed FOLDER LINES TARGET
 //
-// The log is made in FOLDER, which must be empty. With FILES, so many of the lines name files that
-// are there, the same ones in turn (each is then looked at, as in real use); else none is.
+// The log is made in FOLDER and the files in TARGET, which must be empty; TARGET is best in memory.
+// Processor times are of the thread that takes in or inserts; a busy machine distorts the others.
 #include "relay/database.h"
 #include "relay/intake.h"
 #include "relay/record_log.h"
 #include "relay/targets.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <string>
 #include <thread>
 #include <vector>
@@ -25,9 +27,29 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-double secondsSince(Clock::time_point begin) {
-    return std::chrono::duration<double>(Clock::now() - begin).count();
+/// How long something took, and how much of the processor this thread had for it.
+struct Span {
+    double seconds = 0;
+    double processor = 0;
+};
+
+double processorTime() {
+    timespec time{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
 }
+
+class Stopwatch {
+public:
+    Span read() const {
+        return {std::chrono::duration<double>(Clock::now() - begin).count(),
+                processorTime() - processorBegin};
+    }
+
+private:
+    Clock::time_point begin = Clock::now();
+    double processorBegin = processorTime();
+};
 
 /// Writes all lines into the pipe as the daemon does, each with one call.
 std::thread startWriter(const std::string& pipe, const std::vector<std::string>& lines) {
@@ -42,41 +64,40 @@ std::thread startWriter(const std::string& pipe, const std::vector<std::string>&
     });
 }
 
-double bareReader(const std::string& pipe, const std::vector<std::string>& lines,
-                  std::size_t bytes) {
+Span bareReader(const std::string& pipe, const std::vector<std::string>& lines, std::size_t bytes) {
     const Descriptor in(::open(pipe.c_str(), O_RDWR));
     ::fcntl(in.get(), F_SETPIPE_SZ, 1024 * 1024);
     std::vector<char> buffer(1024UL * 1024);
-    const auto begin = Clock::now();
+    const Stopwatch watch;
     std::thread writer = startWriter(pipe, lines);
     for (std::size_t got = 0; got < bytes;) {
         got += static_cast<std::size_t>(::read(in.get(), buffer.data(), buffer.size()));
     }
     writer.join();
-    return secondsSince(begin);
+    return watch.read();
 }
 
-double intake(const std::string& folder, const std::string& pipe,
-              const std::vector<std::string>& lines, std::size_t bytes, std::int64_t& batches) {
+Span intake(const std::string& folder, const std::string& pipe,
+            const std::vector<std::string>& lines, std::size_t bytes, std::int64_t& batches) {
     relay::PipeSettings settings;
     settings.path = pipe;
     relay::RecordLog log(folder + "/log");
     const relay::Targets targets("/nonexistent");
     relay::Intake intake(settings, -1, log, targets);
-    const auto begin = Clock::now();
+    const Stopwatch watch;
     std::thread writer = startWriter(pipe, lines);
     for (std::size_t got = 0; got < bytes;) {
         got += intake.turn(1000);
     }
-    const double seconds = secondsSince(begin);
+    const Span seconds = watch.read();
     writer.join();
     batches = intake.figures().batches;
     return seconds;
 }
 
 /// The same records in as many transactions, into the same columns, and nothing else.
-double bareInsert(const std::string& folder, const std::vector<std::string>& lines,
-                  std::int64_t batches) {
+Span bareInsert(const std::string& folder, const std::vector<std::string>& lines,
+                std::int64_t batches) {
     relay::Database database(folder + "/bare.db", relay::Database::Access::readWrite);
     database.execute("PRAGMA journal_mode = WAL; PRAGMA synchronous = FULL;"
                      "CREATE TABLE records(seq INTEGER PRIMARY KEY, kind, path BLOB, detector,"
@@ -84,7 +105,7 @@ double bareInsert(const std::string& folder, const std::vector<std::string>& lin
                      "CREATE UNIQUE INDEX records_by_file ON records(path, inode, mtime, size)");
     relay::Statement insert =
         database.prepare("INSERT INTO records VALUES (?,0,?,'1',1,1,1,1,1,1,0)");
-    const auto begin = Clock::now();
+    const Stopwatch watch;
     const std::size_t size = lines.size() / static_cast<std::size_t>(batches) + 1;
     for (std::size_t first = 0; first < lines.size(); first += size) {
         relay::Transaction transaction(database);
@@ -93,43 +114,41 @@ double bareInsert(const std::string& folder, const std::vector<std::string>& lin
         }
         transaction.commit();
     }
-    return secondsSince(begin);
+    return watch.read();
 }
 
 } // namespace
 
 int main(int argc, char** argv) {
-    if (argc < 3) {
-        std::fprintf(stderr, "usage: intake_speed FOLDER LINES [FILES]\n");
+    if (argc != 4) {
+        std::fprintf(stderr, "usage: intake_speed FOLDER LINES TARGET\n");
         return 2;
     }
     const std::string folder = argv[1];
     const auto count = std::strtoul(argv[2], nullptr, 10);
-    const auto files = argc > 3 ? std::strtoul(argv[3], nullptr, 10) : 0;
+    const std::string target = argv[3];
+    ::mkdir((target + "/run7").c_str(), 0755);
     std::vector<std::string> lines;
     std::size_t bytes = 0;
-    ::mkdir((folder + "/target").c_str(), 0755);
     for (unsigned long n = 0; n < count; ++n) {
         char name[64];
-        std::snprintf(name, sizeof name, "run7/frame_%08lu.cbf", files > 0 ? n % files : n);
-        lines.push_back((files > 0 ? folder + "/target" : "/srv/images/1") + "/./" + name + "\n");
+        std::snprintf(name, sizeof name, "/./run7/frame_%08lu.cbf", n);
+        const Descriptor made(::open((target + name).c_str(), O_CREAT | O_WRONLY, 0644));
+        lines.push_back(target + name + "\n");
         bytes += lines.back().size();
-    }
-    ::mkdir((folder + "/target/run7").c_str(), 0755);
-    for (unsigned long n = 0; n < files; ++n) {
-        std::string path = lines[n];
-        path.pop_back();
-        const Descriptor made(::open(path.c_str(), O_CREAT | O_WRONLY, 0644));
     }
     const std::string pipe = folder + "/pipe";
     ::mkfifo(pipe.c_str(), 0600);
-    const double reading = bareReader(pipe, lines, bytes);
+    const Span reading = bareReader(pipe, lines, bytes);
     std::int64_t batches = 0;
-    const double taking = intake(folder, pipe, lines, bytes, batches);
-    const double inserting = bareInsert(folder, lines, batches);
+    const Span taking = intake(folder, pipe, lines, bytes, batches);
+    const Span inserting = bareInsert(folder, lines, batches);
     std::printf("{\"lines\":%lu,\"batches\":%ld,\"bare_reader\":%.3f,\"intake\":%.3f,"
-                "\"bare_insert\":%.3f,\"ratio\":%.3f,\"records_per_second\":%.0f}\n",
-                count, static_cast<long>(batches), reading, taking, inserting, inserting / taking,
-                static_cast<double>(count) / taking);
+                "\"bare_insert\":%.3f,\"intake_processor\":%.3f,\"bare_insert_processor\":%.3f,"
+                "\"records_per_second\":%.0f,\"ratio\":%.3f,\"processor_ratio\":%.3f}\n",
+                count, static_cast<long>(batches), reading.seconds, taking.seconds,
+                inserting.seconds, taking.processor, inserting.processor,
+                static_cast<double>(count) / taking.seconds, inserting.seconds / taking.seconds,
+                inserting.processor / taking.processor);
     return 0;
 }
