@@ -212,9 +212,7 @@ void readHttp(TableReader& http, HttpSettings& settings) {
     http.check("listen", settings.listen.empty() || (colon > 0 && port > 0 && port < 65536),
                "must be ADDRESS:PORT, such as \"127.0.0.1:9752\" or \"[::1]:9752\"");
     http.path("token_file", settings.tokenFile);
-    http.check("listen",
-               settings.listen.empty() || isLoopback(settings.listen) ||
-                   !settings.tokenFile.empty(),
+    http.check("listen", port == 0 || isLoopback(settings.listen) || !settings.tokenFile.empty(),
                "is an address that other hosts can reach: that needs a \"token_file\"");
 }
 
