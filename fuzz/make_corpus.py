@@ -173,6 +173,21 @@ def seeds() -> dict[str, dict[str, str | bytes]]:
             "nested": "\2" + block("++ RSYNC OUTPUT BEGIN ++++++++++++++++++", BANNER, COPIED),
             "gap": ("\2" + cycle("1", 1)).encode() + b"\xff\n" + block("x" + COPIED).encode(),
         },
+        "relay_record": {
+            "lines": "/data/1/./run1/f.cbf\nusershift: 1 2\nrun: 7\nother\n",
+            "no_utf8": b"/data/./\xff\xed\xa0\x80\xc0\x80\n\xf4\x8f\xbf\xbf\n",
+            "times": "2026-01-31T12:00:00Z\n",
+            "age": "90s",
+            "number": "17",
+        },
+        "relay_settings": {
+            "all": "[pipe]\npath = \"/p\"\nmode = \"0600\"\nsize = \"1M\"\n[log]\nfolder = \"/l\"\n"
+            + "keep = \"7d\"\nkeep_size = \"10G\"\n[http]\nsocket = \"/s\"\nlisten = \"127.0.0.1:1\"\n",
+            "subscribers": '[[subscriber]]\nname = "a"\ntype = "pipe"\npath = "/x"\n'
+            + '[[subscriber]]\nname = "b"\ntype = "command"\ncommand = ["/bin/x"]\nbatch = 3\n'
+            + 'kinds = ["file", "other"]\nstart = 5\nback_off = "1s"\n',
+            "mistakes": "[pipe]\npath = 3\ncolour = 1\n[[subscriber]]\n[x]\nlog = 1\n",
+        },
         "file_list": {
             "lines": "a\nd/b\r\n\n./c/\n///d\n",
             "zeroes": b"a\x00b\nc\x00./\x00",

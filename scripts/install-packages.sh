@@ -27,7 +27,7 @@ package_tree=("${demo[@]}" "${packages[@]}" debootstrap python3-pytest systemd s
 bare_tree=(debootstrap git util-linux)
 # The library that drives the fuzzers is part of the compiler's run-time library, which clang only recommends.
 checks=("${tests[@]}" clang clang-format clang-tidy git libbenchmark-dev libclang-rt-dev mandoc mypy shellcheck)
-fuzz=("${build[@]}" clang git libclang-rt-dev)
+fuzz=("${build[@]}" clang git libclang-rt-dev libtomlplusplus-dev)
 
 usage() {
     printf 'usage: install-packages.sh PURPOSE...   (build, control, demo, tests, soak, bench, races, coverage, packages, package-tree, bare-tree, checks, fuzz)\n' >&2
