@@ -24,6 +24,7 @@
 #include <thread>
 #include <vector>
 
+#include <malloc.h>
 #include <pthread.h>
 #include <systemd/sd-daemon.h>
 
@@ -204,6 +205,9 @@ private:
 } // namespace
 
 int runRelay(const Settings& settings, const Circumstances& circumstances) {
+    // Without these, each of the many threads would keep what it once needed for a large answer.
+    ::mallopt(M_ARENA_MAX, 2);
+    ::mallopt(M_MMAP_THRESHOLD, 256 * 1024);
     // Blocked for all threads: only the wait below takes them.
     sigset_t ends;
     sigemptyset(&ends);

@@ -46,7 +46,7 @@ class TracedRelay(Relay):
         CONFIGURATION.write_text(self.configuration, encoding="utf-8")
         with MESSAGES.open("ab") as messages:
             self.process = subprocess.Popen(
-                [STRACE, "-DDD", "-f", "-o", TRACE, "-e", expression, "--"]
+                [str(STRACE), "-DDD", "-f", "-o", str(TRACE), "-e", expression, "--"]
                 + [self._binary, "run", "--config", str(CONFIGURATION)],
                 stderr=messages,
             )

@@ -7,7 +7,8 @@ import random
 
 import pytest
 
-from crash_points import STRACE, try_points
+from crash_points import try_points
+from power.crash_points import STRACE
 
 PARTS = 40
 
