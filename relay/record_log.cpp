@@ -543,15 +543,22 @@ std::int64_t RecordLog::removeOld(std::int64_t upTo, std::int64_t before,
                                   std::int64_t largestBytes) {
     return guarded([&] {
         const bool isTooLarge = usedBytes() > largestBytes;
-        Statement remove = database->prepare(
-            "DELETE FROM records WHERE seq IN (SELECT seq FROM records WHERE seq <= ? AND "
-            "arrival < ? AND seq NOT IN (SELECT seq FROM dead_letters) ORDER BY seq LIMIT ?)");
-        remove.bind(1, upTo).bind(2, isTooLarge ? INT64_MAX : before).bind(3, removedAtOnce).run();
-        const std::int64_t removed = database->changes();
-        if (removed > 0) {
+        const std::string old =
+            "SELECT seq FROM records WHERE seq <= ? AND arrival < ? AND seq NOT IN "
+            "(SELECT seq FROM dead_letters) ORDER BY seq LIMIT " +
+            std::to_string(removedAtOnce);
+        Statement find = database->prepare("SELECT max(seq) FROM (" + old + ")");
+        Statement remove = database->prepare("DELETE FROM records WHERE seq IN (" + old + ")");
+        for (Statement* const each : {&find, &remove}) {
+            each->bind(1, upTo).bind(2, isTooLarge ? INT64_MAX : before);
+        }
+        const std::int64_t lastOld = find.step() ? find.integer(0) : 0;
+        find.reset();
+        if (lastOld > 0) {
+            remove.run();
             database->execute("PRAGMA incremental_vacuum(1000)");
         }
-        return removed;
+        return lastOld;
     });
 }
 

@@ -114,7 +114,8 @@ public:
     void removeDeadLetter(const std::string& subscriber, std::int64_t sequence);
 
     /// Removes records up to that number that came before that time or, the oldest first, are too
-    /// many for that size: some thousand at a time, none that is a dead letter. Returns how many.
+    /// many for that size: some thousand at a time, none that is a dead letter. Returns the number
+    /// of the last one, 0 if there was none.
     std::int64_t removeOld(std::int64_t upTo, std::int64_t before, std::int64_t largestBytes);
 
 private:

@@ -148,16 +148,17 @@ private:
     void removeOld() {
         const std::int64_t removableTo = subscribers.removableTo(log.figures().last);
         const std::int64_t before = now() - settings.log.keepSeconds * billion;
+        std::int64_t removedTo = 0;
         // Not all at once: between two calls the intake has its turn.
         for (int calls = 0; calls < 100; ++calls) {
-            const std::int64_t removed = log.removeOld(removableTo, before, settings.log.keepBytes);
-            if (removed == 0) {
+            const std::int64_t last = log.removeOld(removableTo, before, settings.log.keepBytes);
+            if (last == 0) {
                 break;
             }
+            removedTo = last;
         }
-        const std::int64_t first = log.figures().first;
         for (const auto& each : subscribers.all()) {
-            const std::int64_t lost = first > 0 ? each->drop(first - 1) : 0;
+            const std::int64_t lost = each->drop(removedTo);
             if (lost > 0) {
                 warn("subscriber " + each->settings.name + " lags by more than its max_backlog: " +
                      std::to_string(lost) + " records were removed before it had them");

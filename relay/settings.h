@@ -22,7 +22,7 @@ struct PipeSettings {
 /// The log of announcements.
 struct LogSettings {
     std::string folder = "/var/lib/skarn/relay";
-    std::int64_t keepSeconds = 7 * 86400;
+    std::int64_t keepSeconds = 7LL * 86400;
     std::int64_t keepBytes = 10LL * 1024 * 1024 * 1024;
 };
 

@@ -33,7 +33,7 @@ scripts/make-tree.sh "$base" systemd systemd-sysv dbus
 
 # The same packages under a later version, for the upgrade.
 mkdir "$place/packages"
-cp build/packages/skarn_*.deb build/packages/skarn-confirming-rsync_*.deb "$place/packages"
+cp build/packages/skarn_*.deb build/packages/skarn-confirming-rsync_*.deb build/packages/skarn-relay_*.deb "$place/packages"
 first=("$place"/packages/*.deb)
 for package in "${first[@]}"; do
     dpkg-deb --raw-extract "$package" "$place/later"
@@ -53,7 +53,7 @@ export PACKAGE_TREE=$base PYTHONPATH=$PWD/tests PYTHONDONTWRITEBYTECODE=1
 /usr/bin/python3 -m pytest -q -rP -p no:cacheprovider --rootdir=packaging/tests \
     --junitxml="$results/ctest.xml" packaging/tests "$@" || status=$?
 # Gigabytes, and made anew each time.
-rm -rf "$base" "$place/machine"
+rm -rf "$base" "$place/machine" "$place/relay-machine"
 printf '\nResults of the packages, in %s:\n' "$results"
 /usr/bin/python3 scripts/count_tests.py "$results" || exit
 exit "$status"

@@ -138,15 +138,17 @@ TEST_F(RecordLogTest, FindsWhereToStart) {
 TEST_F(RecordLogTest, RemovesWhatIsOldButNoDeadLetter) {
     fill(10);
     log->addDeadLetter("s", {2, 5, 0, "why", {}});
-    EXPECT_EQ(log->removeOld(4, 1000 * second, INT64_MAX), 3);
-    EXPECT_EQ(log->removeOld(10, 7 * second, INT64_MAX), 2) << "by age";
+    EXPECT_EQ(log->removeOld(4, 1000 * second, INT64_MAX), 4);
+    EXPECT_FALSE(log->record(4));
+    EXPECT_EQ(log->removeOld(10, 7 * second, INT64_MAX), 6) << "by age";
     EXPECT_EQ(log->removeOld(10, 0, INT64_MAX), 0);
-    EXPECT_EQ(log->removeOld(9, 0, 1), 3) << "by size";
+    EXPECT_EQ(log->removeOld(9, 0, 1), 9) << "by size";
     EXPECT_EQ(log->figures().last, 10);
     EXPECT_TRUE(log->record(2));
     EXPECT_EQ(log->deadLetters("s").front().path, "/d/./f2");
     log->removeDeadLetter("s", 2);
-    EXPECT_EQ(log->removeOld(10, 1000 * second, INT64_MAX), 2);
+    EXPECT_EQ(log->removeOld(10, 1000 * second, INT64_MAX), 10);
+    EXPECT_EQ(log->figures().first, 0);
     reopen();
     EXPECT_THAT(add({fileNamed("/d/./new", 1)}), ElementsAre(11)) << "no number twice";
 }
