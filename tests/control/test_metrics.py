@@ -444,6 +444,8 @@ def test_alerts_and_dashboard_name_only_metrics_that_there_are() -> None:
         line for line in ALERTS.read_text(encoding="utf-8").splitlines() if "skarnctl" not in line
     ]
     used = set(METRIC.findall("\n".join(alerts) + "\n".join(expressions())))
+    # Those of skarn-relay are looked after where it is tested.
+    used = {name for name in used if not name.startswith("skarn_relay_")}
     assert len(used) > 15
     assert used <= known, used - known
     variables = json.loads(DASHBOARD.read_text(encoding="utf-8"))["templating"]["list"]

@@ -77,6 +77,9 @@ def test_the_manual_has_every_figure() -> None:
     names = set(re.findall(r"^skarn_relay_(\w+)", done.stdout, re.MULTILINE))
     assert len(names) == 19
     assert not names - set(re.findall(r"\w+", manual("skarn-relay.8")))
+    alerts = (PROJECT / "packaging/prometheus/skarn-alerts.yml").read_text(encoding="utf-8")
+    used = set(re.findall(r"skarn_relay_(\w+)", alerts))
+    assert len(used) == 4 and used <= names
     promtool = subprocess.run(
         ["promtool", "check", "metrics"], input=done.stdout, capture_output=True, text=True, check=False
     )
