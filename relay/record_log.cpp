@@ -267,6 +267,11 @@ void RecordLog::carryOver(const std::string& damagedFile) {
         }
     };
     copyTable("intake", 6);
+    database
+        ->prepare("INSERT INTO intake VALUES (1, ?, 0, 0, '', 0) ON CONFLICT (one) DO UPDATE SET "
+                  "last = excluded.last")
+        .bind(1, last)
+        .run();
     copyTable("subscribers", 5);
     copyTable("dead_letters", 5);
     warn(std::to_string(records) + " records of the damaged database were carried over into a " +

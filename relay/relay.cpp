@@ -34,8 +34,10 @@ namespace {
 
 constexpr int turnLimit = 200;               // milliseconds that the intake waits at most
 constexpr std::int64_t billion = 1000000000; // nanoseconds
-constexpr std::int64_t aliveLimit = 120;     // seconds without a turn of the intake
-constexpr std::int64_t tidyPause = 10;       // seconds
+// Seconds without a turn of the intake: longer than it takes to carry over a large damaged
+// database.
+constexpr std::int64_t aliveLimit = 3600;
+constexpr std::int64_t tidyPause = 10; // seconds
 constexpr double nanosecond = 1e-9;
 
 /// The pipe that the service manager holds and has passed; -1 if it has passed none.
