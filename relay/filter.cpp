@@ -58,7 +58,9 @@ std::optional<std::int64_t> parseDate(const std::string& text, const char* forma
         return std::nullopt;
     }
     parts.tm_isdst = -1;
-    return (isUtc ? timegm(&parts) : mktime(&parts)) * billion;
+    const std::int64_t seconds = isUtc ? timegm(&parts) : mktime(&parts);
+    constexpr std::int64_t latest = 9000000000; // what nanoseconds can be counted up to, about
+    return seconds >= 0 && seconds < latest ? std::optional(seconds * billion) : std::nullopt;
 }
 
 } // namespace
