@@ -84,6 +84,16 @@ class Outcome:
     broken: tuple[str, ...] = ()
 
 
+def identified_lists() -> set[tuple[Path, int]]:
+    """The file lists that are there now, each with its inode: a list of an old name is another."""
+    lists = set()
+    for path in skarn.file_lists():
+        with suppress(FileNotFoundError):  # its daemon has removed it meanwhile
+            lists.add((path, path.lstat().st_ino))
+    return lists
+
+
+
 class Bed:
     """One installation for one run; see the module's description.
 
@@ -114,6 +124,7 @@ class Bed:
             **(settings or {}),
         }
         self._daemon_pids: list[int] = []
+        self._old_lists: set[tuple[Path, int]] = set()
         self._kill_times: list[float] = []
         self._end = threading.Event()
         self._watch: threading.Thread | None = None
@@ -145,6 +156,8 @@ class Bed:
         """Starts a daemon; there must be none."""
         if self._daemon_pids:
             self.note_kill()  # the last one died between what was noted before and now
+        # Those of a dead daemon stay, and after 32,768 processes its number comes again.
+        self._old_lists = identified_lists()
         # It never ends by itself, and where no process can be had the leak check fails on its own.
         started = self.daemon.start(leak_check=False)
         assert started.status == 0 and self.daemon.detached, started
@@ -251,7 +264,8 @@ class Bed:
         if not self.daemon.is_running():
             return False
         mine = f"{skarn.FILE_LISTS}{self.daemon.pid}_"
-        return any(path.name.startswith(mine) for path in skarn.file_lists())
+        new = identified_lists() - self._old_lists
+        return any(path.name.startswith(mine) for path, _ in new)
 
     @contextmanager
     def standing_still(self, timeout: float = 30) -> Iterator[bool]:

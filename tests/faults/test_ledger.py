@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import os
 import re
 from pathlib import Path
 from random import Random
@@ -153,6 +154,21 @@ def test_vanishing_files_are_none_that_have_to_stay(monkeypatch: pytest.MonkeyPa
     assert not (SHARE / "a.raw").exists()
     names_with_blanks.heal(bed)
     assert ledger.broken == []
+
+
+def test_lists_of_a_dead_daemon_with_the_same_number_keep_nobody_busy() -> None:
+    for number in range(os.getpid(), os.getpid() + 2000):
+        Path(f"/tmp/file_list_{number}_1_0").touch()
+    bed = Bed("any")
+    bed.install()
+    with bed:
+        bed.start_daemon()
+        mine = Path(f"/tmp/file_list_{bed.daemon.pid}_1_0")
+        assert mine.exists() and not bed.is_busy()
+        mine.unlink()
+        mine.touch()
+        assert bed.is_busy()
+        bed.daemon.end()
 
 
 def judged(bed: Bed, outcome: Outcome) -> list[str]:
