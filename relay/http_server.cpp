@@ -520,7 +520,12 @@ private:
     }
 
     void treatDeadLetters(const Request& request, Response& response) {
-        const std::string name = subscriber(request)->settings.name;
+        const auto found = subscriber(request);
+        const std::string& name = found->settings.name;
+        const bool isDrop = request.matches[2] == "drop";
+        if (!isDrop && found->settings.type != SubscriberType::command) {
+            throw Refusal{409, "subscriber " + name + " runs no command now"};
+        }
         const bool isAll = request.get_param_value("seq") == "all";
         const std::int64_t wanted = isAll ? 0 : numberIn(request, "seq", -1);
         std::int64_t count = 0;
@@ -529,10 +534,10 @@ private:
                 continue;
             }
             ++count;
-            if (request.matches[2] == "drop") {
+            if (isDrop) {
                 served.log.removeDeadLetter(name, each.sequence);
-            } else if (!served.retryDeadLetter(name, each.sequence)) {
-                throw Refusal{409, "subscriber " + name + " runs no command now"};
+            } else {
+                found->requestRetry(each.sequence);
             }
         }
         if (count == 0 && !isAll) {

@@ -18,8 +18,6 @@ struct Served {
     RecordLog& log;
     Subscribers& subscribers;
     std::function<Status()> status;
-    /// False if that subscriber runs no command.
-    std::function<bool(const std::string& subscriber, std::int64_t sequence)> retryDeadLetter;
 };
 
 /// Listens on the Unix socket and, if that is configured, at an address, on threads of its own,

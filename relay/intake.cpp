@@ -217,7 +217,7 @@ void Intake::takeOut(std::string_view logged) {
 }
 
 std::int64_t Intake::bytesWaiting() const {
-    return static_cast<std::int64_t>(bytesIn(pipe));
+    return static_cast<std::int64_t>(bytesIn(pipe).value_or(0));
 }
 
 std::string Intake::problem() const {

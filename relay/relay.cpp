@@ -1,11 +1,10 @@
 // The running relay: the parts, the threads that they run on, and their end.
 #include "relay/relay.h"
 
-#include "relay/command_delivery.h"
+#include "relay/delivery.h"
 #include "relay/http_server.h"
 #include "relay/intake.h"
 #include "relay/messages.h"
-#include "relay/pipe_delivery.h"
 #include "relay/record_log.h"
 #include "relay/status.h"
 #include "relay/subscribers.h"
@@ -17,7 +16,6 @@
 #include <csignal>
 #include <cstdint>
 #include <ctime>
-#include <map>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -54,21 +52,13 @@ public:
     Relay(const Settings& itsSettings, const Circumstances& circumstances)
         : settings(itsSettings), targets(settings.daemonConfiguration), log(settings.log.folder),
           subscribers(log, settings.subscribers), intake(settings.pipe, passedPipe(), log, targets),
-          pipes(deliveries<PipeDelivery>(SubscriberType::pipe)),
-          commands(deliveries<CommandDelivery>(SubscriberType::command)),
-          server(settings.http, {log, subscribers, [this] { return status(); },
-                                 [this](const std::string& name, std::int64_t sequence) {
-                                     return retry(name, sequence);
-                                 }}) {
+          server(settings.http, {log, subscribers, [this] { return status(); }}) {
         intake.afterCommit = circumstances.afterCommit;
         threads.emplace_back([this] { takeIn(); });
-        for (const auto& [name, delivery] : pipes) {
-            threads.emplace_back([this, &each = *delivery] { each.run(isEnding); });
-        }
-        for (const auto& [name, delivery] : commands) {
-            const std::int64_t atOnce = subscribers.find(name)->settings.command.concurrency;
-            for (std::int64_t n = 0; n < atOnce; ++n) {
-                threads.emplace_back([this, &each = *delivery] { each.run(isEnding); });
+        for (const auto& each : subscribers.all()) {
+            if (std::shared_ptr<Delivery> delivery = makeDelivery(log, each)) {
+                threads.emplace_back(
+                    [this, each, delivery] { deliver(log, *each, *delivery, isEnding); });
             }
         }
     }
@@ -117,26 +107,6 @@ private:
             }
             lastTurn = now();
         }
-    }
-
-    template<class Delivery>
-    std::map<std::string, std::unique_ptr<Delivery>> deliveries(SubscriberType type) {
-        std::map<std::string, std::unique_ptr<Delivery>> made;
-        for (const SubscriberSettings& each : settings.subscribers) {
-            if (each.type == type) {
-                made[each.name] = std::make_unique<Delivery>(log, subscribers.find(each.name));
-            }
-        }
-        return made;
-    }
-
-    bool retry(const std::string& name, std::int64_t sequence) const {
-        const auto found = commands.find(name);
-        if (found == commands.end()) {
-            return false;
-        }
-        found->second->retry(sequence);
-        return true;
     }
 
     static void save(Subscription& subscription) {
@@ -199,8 +169,6 @@ private:
     RecordLog log;
     Subscribers subscribers;
     Intake intake;
-    const std::map<std::string, std::unique_ptr<PipeDelivery>> pipes;
-    const std::map<std::string, std::unique_ptr<CommandDelivery>> commands;
     HttpServer server;
     std::vector<std::thread> threads;
 };

@@ -56,7 +56,7 @@ shell_scripts() {
 python_types() {
     local list=()
     mapfile -t list < <(git ls-files '*.py')
-    [ ${#list[@]} -gt 0 ] && MYPYPATH=tests:bench:packaging/tests:relay/python:tests/relay:scripts/watch_picture mypy --strict --explicit-package-bases "${list[@]}"
+    [ ${#list[@]} -gt 0 ] && MYPYPATH=tests:bench:packaging/tests:clients/python:tests/relay:scripts/watch_picture mypy --strict --explicit-package-bases "${list[@]}"
 }
 
 # The manuals, by mandoc's own rules; that a manual refers to one which this machine lacks is no mistake of it.
