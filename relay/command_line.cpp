@@ -4,7 +4,7 @@
 #include "daemon/daemon.h"
 #include "relay/asking.h"
 #include "relay/messages.h"
-#include "relay/settings_file.h"
+#include "relay/settings.h"
 #include "utilities/descriptors.h"
 
 #include <CLI/CLI.hpp>

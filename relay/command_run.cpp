@@ -1,8 +1,8 @@
 // One run of a subscriber's program.
 #include "relay/command_run.h"
 
+#include "relay/json.h"
 #include "relay/messages.h"
-#include "relay/record_json.h"
 
 #include <algorithm>
 #include <array>

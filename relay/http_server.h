@@ -13,7 +13,7 @@
 
 namespace relay {
 
-/// What a server answers from; all of it outlives the server.
+/// What is answered from; all of it outlives the server.
 struct Served {
     RecordLog& log;
     Subscribers& subscribers;
@@ -21,18 +21,7 @@ struct Served {
 };
 
 /// Listens on the Unix socket and, if that is configured, at an address, on threads of its own,
-/// until it is destroyed.
-class HttpServer {
-public:
-    /// Throws std::runtime_error if it can't listen.
-    HttpServer(const HttpSettings& settings, const Served& served);
-    ~HttpServer();
-    HttpServer(const HttpServer&) = delete;
-    HttpServer& operator=(const HttpServer&) = delete;
-
-private:
-    class Implementation;
-    std::unique_ptr<Implementation> implementation;
-};
+/// until what it returns is destroyed. Throws std::runtime_error if it can't listen.
+std::shared_ptr<void> serveHttp(const HttpSettings& settings, const Served& served);
 
 } // namespace relay

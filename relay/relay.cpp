@@ -52,7 +52,7 @@ public:
     Relay(const Settings& itsSettings, const Circumstances& circumstances)
         : settings(itsSettings), targets(settings.daemonConfiguration), log(settings.log.folder),
           subscribers(log, settings.subscribers), intake(settings.pipe, passedPipe(), log, targets),
-          server(settings.http, {log, subscribers, [this] { return status(); }}) {
+          server(serveHttp(settings.http, {log, subscribers, [this] { return status(); }})) {
         intake.afterCommit = circumstances.afterCommit;
         threads.emplace_back([this] { takeIn(); });
         for (const auto& each : subscribers.all()) {
@@ -169,7 +169,7 @@ private:
     RecordLog log;
     Subscribers subscribers;
     Intake intake;
-    HttpServer server;
+    const std::shared_ptr<void> server;
     std::vector<std::thread> threads;
 };
 
