@@ -140,17 +140,10 @@ private:
 
     Status status() {
         Status status;
-        const IntakeFigures& counts = intake.figures();
         status.pipe = settings.pipe.path;
-        status.bytesWaiting = intake.bytesWaiting();
-        status.records = counts.records;
-        status.repeats = counts.repeats;
-        status.batches = counts.batches;
-        status.oddLines = counts.oddLines;
-        status.stalls = counts.stalls;
-        if (const std::int64_t since = counts.stalledSince; since != 0) {
+        status.intake = intake.figures();
+        if (const std::int64_t since = status.intake.stalledSince; since != 0) {
             status.stalledSeconds = static_cast<double>(now() - since) * nanosecond;
-            status.problem = intake.problem();
         }
         status.since = static_cast<double>(started) * nanosecond;
         status.log = log.figures();

@@ -25,20 +25,20 @@ struct Figure {
 
 const std::vector<Figure<Status>> relayFigures = {
     {"records", "records_total", "Records written into the log",
-     [](const Status& s) { return s.records; }},
+     [](const Status& s) { return s.intake.records; }},
     {"repeats", "repeats_total", "Announcements of a file that was in the log already",
-     [](const Status& s) { return s.repeats; }},
+     [](const Status& s) { return s.intake.repeats; }},
     {"batches", "batches_total", "Transactions that records came in",
-     [](const Status& s) { return s.batches; }},
+     [](const Status& s) { return s.intake.batches; }},
     {"odd_lines", "odd_lines_total", "Lines of the pipe that were no record",
-     [](const Status& s) { return s.oddLines; }},
+     [](const Status& s) { return s.intake.oddLines; }},
     {"stalls", "stalls_total", "Times that the log could not be written",
-     [](const Status& s) { return s.stalls; }},
+     [](const Status& s) { return s.intake.stalls; }},
     {"stalled_seconds", "stalled_seconds",
      "For how long nothing is taken out of the pipe; 0 if it is not stalled",
      [](const Status& s) { return s.stalledSeconds; }},
     {"bytes_waiting", "pipe_bytes", "Bytes that wait in the daemon's pipe",
-     [](const Status& s) { return s.bytesWaiting; }},
+     [](const Status& s) { return s.intake.bytesWaiting; }},
     {"first", "first_record", "Number of the oldest record in the log; 0 if there is none",
      [](const Status& s) { return s.log.first; }},
     {"last", "last_record", "Number of the newest record",
@@ -106,7 +106,7 @@ std::string sample(const Figure<Source>& figure, const Source& source, const std
 } // namespace
 
 std::string statusJson(const Status& status) {
-    Json object = {{"version", 1}, {"pipe", status.pipe}, {"problem", status.problem}};
+    Json object = {{"version", 1}, {"pipe", status.pipe}, {"problem", status.intake.problem}};
     addFigures(relayFigures, status, object);
     object["subscribers"] = Json::array();
     for (const Subscriber& each : status.subscribers) {
@@ -136,11 +136,12 @@ std::string metricsText(const Status& status) {
 }
 
 std::string statusText(const Status& status) {
-    std::string text = status.problem.empty() ? "taking records from " + shown(status.pipe) + "\n"
-                                              : "STALLED for " + printed(status.stalledSeconds) +
-                                                    " s: " + shown(status.problem) + "\n";
-    text += printed(status.records) + " records and " + printed(status.repeats) +
-            " repeats since the start, " + printed(status.bytesWaiting) +
+    std::string text = status.intake.problem.empty()
+                           ? "taking records from " + shown(status.pipe) + "\n"
+                           : "STALLED for " + printed(status.stalledSeconds) +
+                                 " s: " + shown(status.intake.problem) + "\n";
+    text += printed(status.intake.records) + " records and " + printed(status.intake.repeats) +
+            " repeats since the start, " + printed(status.intake.bytesWaiting) +
             " bytes wait in the pipe\nlog: records " + printed(status.log.first) + " to " +
             printed(status.log.last) + ", " + printed(status.log.bytes) + " bytes\n";
     for (const Subscriber& each : status.subscribers) {
