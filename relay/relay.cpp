@@ -49,11 +49,11 @@ int passedPipe() {
 
 class Relay {
 public:
-    Relay(const Settings& itsSettings, const Circumstances& circumstances)
+    Relay(const Settings& itsSettings, const std::function<void()>& afterCommit)
         : settings(itsSettings), targets(settings.daemonConfiguration), log(settings.log.folder),
           subscribers(log, settings.subscribers), intake(settings.pipe, passedPipe(), log, targets),
           server(serveHttp(settings.http, {log, subscribers, [this] { return status(); }})) {
-        intake.afterCommit = circumstances.afterCommit;
+        intake.afterCommit = afterCommit;
         threads.emplace_back([this] { takeIn(); });
         for (const auto& each : subscribers.all()) {
             if (std::shared_ptr<Delivery> delivery = makeDelivery(log, each)) {
@@ -168,7 +168,7 @@ private:
 
 } // namespace
 
-int runRelay(const Settings& settings, const Circumstances& circumstances) {
+int runRelay(const Settings& settings, const std::function<void()>& afterCommit) {
     // Without these, each of the many threads would keep what it once needed for a large answer.
     ::mallopt(M_ARENA_MAX, 2);
     ::mallopt(M_MMAP_THRESHOLD, 256 * 1024);
@@ -182,7 +182,7 @@ int runRelay(const Settings& settings, const Circumstances& circumstances) {
 
     std::unique_ptr<Relay> relay;
     try {
-        relay = std::make_unique<Relay>(settings, circumstances);
+        relay = std::make_unique<Relay>(settings, afterCommit);
     } catch (const std::exception& error) {
         warn(error.what());
         return 1;
