@@ -89,7 +89,7 @@ def test_every_subscriber_has_every_file_whoever_is_killed() -> None:
         kills = 0
         while set(programs()) != expected:
             before = len(programs())
-            time.sleep(0.15)
+            time.sleep(0.05)
             assert kills < 300, (len(programs()), relay.messages()[-2000:])
             if before > FILES // 2 and kills == 5:
                 bed.daemon.end(signal.SIGKILL)
