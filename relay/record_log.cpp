@@ -167,6 +167,12 @@ RecordLog::RecordLog(std::string inFolder)
     const std::lock_guard<std::mutex> guard(mutex);
     try {
         open();
+        // SQLite takes a damaged write-ahead log for the end of it. But what was taken out had been
+        // committed before.
+        if (storedBatch < takenOut()) {
+            warn(file + " lacks what was written into it last");
+            setAside();
+        }
     } catch (const DatabaseError& error) {
         if (!error.isDamage()) {
             throw;
@@ -185,6 +191,18 @@ void RecordLog::open() {
     statements = std::make_unique<Statements>(*database);
     last = std::max({last, database->number("SELECT max(last) FROM intake"),
                      database->number("SELECT max(seq) FROM records")});
+    storedBatch = database->number("SELECT max(batch) FROM intake");
+}
+
+std::int64_t RecordLog::takenOut() const {
+    std::int64_t taken = 0;
+    const ssize_t got = ::pread(takenFile.get(), &taken, sizeof taken, 0);
+    return got == sizeof taken ? taken : 0;
+}
+
+std::int64_t RecordLog::lastBatch() {
+    const std::lock_guard<std::mutex> guard(mutex);
+    return std::max(storedBatch, takenOut());
 }
 
 void RecordLog::setAside() {
@@ -268,9 +286,10 @@ void RecordLog::carryOver(const std::string& damagedFile) {
     };
     copyTable("intake", 6);
     database
-        ->prepare("INSERT INTO intake VALUES (1, ?, 0, 0, '', 0) ON CONFLICT (one) DO UPDATE SET "
-                  "last = excluded.last")
+        ->prepare("INSERT INTO intake VALUES (1, ?, 0, 0, '', ?) ON CONFLICT (one) DO UPDATE SET "
+                  "last = excluded.last, batch = max(batch, excluded.batch)")
         .bind(1, last)
+        .bind(2, takenOut())
         .run();
     copyTable("subscribers", 5);
     copyTable("dead_letters", 5);
@@ -348,9 +367,7 @@ void RecordLog::append(std::vector<Record>& records, const TakeOut& takeOut) {
 std::optional<TakeOut> RecordLog::openTakeOut() {
     return guarded([&]() -> std::optional<TakeOut> {
         Statement row = database->prepare("SELECT count, digest, pipe, batch FROM intake");
-        std::int64_t taken = 0;
-        if (!row.step() || (::pread(takenFile.get(), &taken, sizeof taken, 0) == sizeof taken &&
-                            taken == row.integer(3))) {
+        if (!row.step() || takenOut() == row.integer(3)) {
             return std::nullopt;
         }
         return TakeOut{static_cast<std::uint64_t>(row.integer(0)),

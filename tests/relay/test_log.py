@@ -126,6 +126,28 @@ def test_a_damaged_database_is_set_aside_and_named(where: str) -> None:
         assert [each["acknowledged"] for each in relay.status()["subscribers"]] == [100]
 
 
+def test_a_database_that_has_forgotten_its_last_records_is_set_aside() -> None:
+    """SQLite takes a damaged write-ahead log for the end of it, and says nothing."""
+    relay = Relay()
+    relay.start()
+    paths = make_files(50)
+    announce(*paths[:-1])
+    relay.wait_for_last(49)
+    numbers = [record.seq for record in relay.records()]
+    relay.kill()
+    with DATABASE.with_name("relay.db-wal").open("r+b") as file:
+        file.write(b"damaged")
+    relay.start()
+    assert "lacks what was written into it last" in relay.messages()
+    assert len(damaged()) == 1
+    announce(paths[-1])
+    wait_until(lambda: paths[-1] in relay.paths(), "the new record")
+    assert relay.records()[-1].seq > numbers[-1], "a number was given twice"
+    relay.kill()
+    relay.start()
+    assert len(damaged()) == 1, "set aside again"
+
+
 def test_a_database_damaged_while_it_runs() -> None:
     relay = Relay()
     relay.start()
