@@ -12,6 +12,7 @@
 #include <utility>
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -24,6 +25,9 @@ constexpr std::size_t window = 4000; // records that one read looks at
 constexpr std::int64_t removedAtOnce = 2000;
 constexpr std::int64_t carriedAtOnce = 10000;
 constexpr std::int64_t microsecond = 1000; // nanoseconds
+// A child that a killed relay has just forked may still hold its lock, until it runs its program.
+constexpr int triesToLock = 100;
+constexpr int pauseBetweenTries = 20; // milliseconds
 
 // Each brings a database to the version that is its place in this list, counted from 1.
 constexpr std::array<const char*, 1> migrations = {R"(
@@ -160,8 +164,11 @@ RecordLog::RecordLog(std::string inFolder)
     if (!lock) {
         throw std::runtime_error("cannot open " + folder + "/lock: " + systemError(errno));
     }
-    if (::flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
-        throw std::runtime_error("another skarn-relay works in " + folder);
+    for (int tries = 0; ::flock(lock.get(), LOCK_EX | LOCK_NB) != 0; ++tries) {
+        if (tries == triesToLock) {
+            throw std::runtime_error("another skarn-relay works in " + folder);
+        }
+        ::poll(nullptr, 0, pauseBetweenTries);
     }
     takenFile = Descriptor(::open((folder + "/taken").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
     const std::lock_guard<std::mutex> guard(mutex);

@@ -2,9 +2,11 @@
 
 from __future__ import annotations
 
+import fcntl
 import os
 import sqlite3
 import subprocess
+import threading
 import time
 from collections.abc import Iterator
 from pathlib import Path
@@ -24,6 +26,17 @@ def small_disk() -> Iterator[None]:
     subprocess.run(["mount", "-t", "tmpfs", "-o", "size=4m,mode=0700", "tmpfs", LOG], check=True)
     yield
     subprocess.run(["umount", "--lazy", LOG], check=True)
+
+
+def test_the_lock_of_one_that_was_just_killed_is_waited_for() -> None:
+    """A child between its fork and its program holds it an instant longer."""
+    LOG.mkdir(parents=True)
+    lock = (LOG / "lock").open("w", encoding="ascii")
+    fcntl.flock(lock, fcntl.LOCK_EX)
+    timer = threading.Timer(0.3, lock.close)
+    timer.start()
+    Relay().start()
+    timer.join()
 
 
 def test_a_full_disk_stalls_it_and_it_goes_on_by_itself(small_disk: None) -> None:
