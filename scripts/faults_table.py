@@ -94,6 +94,8 @@ LIVES = {
     "stream": "a detector that writes all the time",
     "drain": "a share full of files",
     "points": "each system call of a copy",
+    "relay": "lines that go through the relay: its log",
+    "relay-points": "each system call of the relay: its log",
 }
 POWER_HEAD = (
     "| file system | what was under way | target and journals on | cuts | files that had left the "

@@ -54,7 +54,7 @@ LEAK_CHECK_FAILED = re.compile(
     r"^==\d+==(LeakSanitizer has encountered a fatal error\.|HINT: .*)\n", re.MULTILINE
 )
 MOST_IN_VAIN = 50  # faults in a row that found nothing to break
-ORPHANS = (skarn.COPY_PROGRAM.name[:15], "rsync", "sh", "mkdir", "chown")
+ORPHANS = (skarn.COPY_PROGRAM.name[:15], "rsync", "sh", "mkdir", "chown", "keeper", "cat")
 JOURNALS = Path("/var/lib/skarn/journal")
 LOOK_EVERY = 0.02  # seconds between two looks at the source
 
