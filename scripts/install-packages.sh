@@ -18,7 +18,7 @@ demo=("${build[@]}" iproute2 mount python3 rsync util-linux)
 # Of prometheus only promtool is wanted, which checks metrics and alerts; no smaller package has it.
 tests=("${demo[@]}" "${control[@]}" "${relay[@]}" bash-completion btrfs-progs curl e2fsprogs git gnuplot-nox libgmock-dev libgtest-dev prometheus python3-jsonschema python3-pytest strace tmux xfsprogs)
 soak=("${demo[@]}" gnuplot-nox)
-bench=("${demo[@]}" e2fsprogs gnuplot-nox libbenchmark-dev parallel strace xfsprogs)
+bench=("${demo[@]}" "${relay[@]}" e2fsprogs gnuplot-nox libbenchmark-dev parallel strace xfsprogs)
 races=("${tests[@]}" valgrind)
 coverage=("${tests[@]}" gcovr)
 # What builds Debian packages and looks at them, and what makes a tree to install them into.
