@@ -4,7 +4,7 @@
 # is a share, another one each day. Installs what is missing and builds first; takes some five minutes on two cores.
 #
 #   crash-points.sh [copy | listing | cut | relay]...       all if none is named
-#   RELAY_POINTS_PART=1/1 crash-points.sh relay             all points of the relay: half an hour
+#   RELAY_POINTS_PART=1/1 crash-points.sh relay             all points of the relay: a quarter of an hour
 #
 # The last line counts: "N passed, N failed, N skipped". Not under sanitizers: what they add to the calls says nothing of
 # the program.

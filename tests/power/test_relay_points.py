@@ -1,7 +1,7 @@
 """The relay dies, fails and loses its power at its system calls: nothing is lost or doubled.
 
-Dying and failing at all of them takes half an hour, so it is a share of the points, another one each
-day; RELAY_POINTS_PART=1/1 has them all.
+Dying and failing at all of them takes a quarter of an hour, so it is a share of the points, another
+one each day; RELAY_POINTS_PART=1/1 has them all.
 """
 
 from __future__ import annotations
@@ -15,7 +15,7 @@ from relay_points import try_points
 from power.relay_cuts import cut_at_calls
 from power.run import summary
 
-SHARES = 50
+SHARES = 40
 
 
 def test_no_point_of_the_relay_loses_or_doubles_a_line(capsys: pytest.CaptureFixture[str]) -> None:
