@@ -38,6 +38,7 @@ FILES = Path("/srv/files")
 PIPE = Path("/run/subscriber")
 MINPAUSE = 100
 RATE = 500  # lines a second
+KEPT = 1000  # of the delays, about
 WAYS = ("plain reader", "relay")
 LIMIT = 600.0
 CONFIGURATION = f"""\
@@ -100,7 +101,7 @@ def start_relay() -> Relay:
 
 
 def delays(seconds: float) -> list[float]:
-    """Of each line, in seconds, sorted."""
+    """From each line's write to its arrival, in seconds, sorted and thinned."""
     folder = fresh(FILES)
     paths = [folder / f"frame_{number:06d}.raw" for number in range(int(RATE * seconds))]
     for path in paths:
@@ -127,11 +128,11 @@ def delays(seconds: float) -> list[float]:
     finally:
         relay.stop()
     assert [record.line for record in records] == [str(path) for path in paths]
-    return sorted(record.arrival - begin for record, begin in zip(records, written))
+    return thinned([record.arrival - begin for record, begin in zip(records, written)])
 
 
 def flushes(seconds: float) -> list[float]:
-    """How long it takes to write one page and flush it, at the same rate, sorted."""
+    """How long it takes to write one page and flush it, at the same rate, sorted and thinned."""
     taken = []
     with open(DISK / "flushed", "wb", buffering=0) as file:
         for _ in range(int(RATE * seconds)):
@@ -140,7 +141,14 @@ def flushes(seconds: float) -> list[float]:
             os.fdatasync(file.fileno())
             taken.append(time.monotonic() - begin)
             time.sleep(max(0.0, begin + 1 / RATE - time.monotonic()))
-    return sorted(taken)
+    return thinned(taken)
+
+
+def thinned(values: list[float]) -> list[float]:
+    """The values, sorted: every so many of them, so that some hundreds are kept, and the greatest."""
+    every = sorted(values)
+    step = max(1, len(every) // KEPT)
+    return [round(each, 6) for each in [*every[step // 2 :: step], every[-1]]]
 
 
 def drain(station: Station, way: str, workload: Workload) -> Data:

@@ -26,7 +26,7 @@ def targets(data: Data) -> list[Target]:
             f"{backlog['records']:,} records behind: largest resident memory",
             backlog["resident_mib"],
             MOST_MEMORY,
-            " MiB",
+            "MiB",
         ),
     ]
     found += [
@@ -34,7 +34,7 @@ def targets(data: Data) -> list[Target]:
             f"catching up with {backlog['records']:,} records {how}, a million",
             1e6 / backlog[key],
             SLOWEST_PER_MILLION,
-            " s",
+            "s",
         )
         for key, how in (("http_per_second", "over HTTP"), ("pipe_per_second", "by a pipe"))
     ]
