@@ -35,7 +35,7 @@ from typing import Any, Protocol, cast
 from results import CannotMeasure, Data, Plot, Target
 
 ROOT = Path(__file__).resolve().parent.parent
-PARTS = ("micro", "drain", "durable", "growth", "idle", "figures")
+PARTS = ("micro", "drain", "durable", "growth", "idle", "figures", "relay")
 KEPT = 2  # full runs
 MARKER = re.compile(
     r"<!-- bench/run\.py (?P<name>[^>]+): begin -->\n.*?<!-- bench/run\.py (?P=name): end -->\n",

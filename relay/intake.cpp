@@ -70,6 +70,7 @@ Intake::Intake(const PipeSettings& settings, int passed, RecordLog& intoLog,
     ::fcntl(pipe.get(), F_SETPIPE_SZ, settings.size);
     identity = pipeIdentity(pipe.get());
     copy.emplace(pipe.get());
+    batch = log.lastBatch();
     takeOutWhatIsLogged();
 }
 

@@ -13,6 +13,7 @@
 
 #include <SQLiteCpp/SQLiteCpp.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <sqlite3.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -25,6 +26,9 @@ namespace {
 constexpr std::int64_t window = 4000; // records that one read looks at
 constexpr std::int64_t removedAtOnce = 2000;
 constexpr std::int64_t microsecond = 1000; // nanoseconds
+// A child that a killed relay has just forked may still hold its lock, until it runs its program.
+constexpr int triesToLock = 100;
+constexpr int pauseBetweenTries = 20; // milliseconds
 
 // Each brings a database to the version that is its place in this list, counted from 1.
 constexpr std::array<const char*, 1> migrations = {R"(
@@ -198,14 +202,24 @@ RecordLog::RecordLog(std::string inFolder)
     if (!lock) {
         throw std::runtime_error("cannot open " + folder + "/lock: " + systemError(errno));
     }
-    if (::flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
-        throw std::runtime_error("another skarn-relay works in " + folder);
+    for (int tries = 0; ::flock(lock.get(), LOCK_EX | LOCK_NB) != 0; ++tries) {
+        if (tries == triesToLock) {
+            throw std::runtime_error("another skarn-relay works in " + folder);
+        }
+        ::poll(nullptr, 0, pauseBetweenTries);
     }
     takenFile = Descriptor(::open((folder + "/taken").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
     // Without its account of memory, which nobody asks for, it takes no lock for each allocation.
     // Refused, without harm, once there is a connection.
     sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0);
-    guarded([] {});
+    guarded([&] {
+        // SQLite takes a damaged write-ahead log for the end of it. But what was taken out had been
+        // committed before.
+        if (storedBatch < takenOut()) {
+            warn(file + " lacks what was written into it last");
+            setAside();
+        }
+    });
 }
 
 RecordLog::~RecordLog() = default;
@@ -216,7 +230,19 @@ void RecordLog::open() {
     migrate(*opened, file);
     last = std::max({last, number(*opened, "SELECT max(last) FROM intake"),
                      number(*opened, "SELECT max(seq) FROM records")});
+    storedBatch = number(*opened, "SELECT max(batch) FROM intake");
     database = std::move(opened);
+}
+
+std::int64_t RecordLog::takenOut() const {
+    std::int64_t taken = 0;
+    const ssize_t got = ::pread(takenFile.get(), &taken, sizeof taken, 0);
+    return got == sizeof taken ? taken : 0;
+}
+
+std::int64_t RecordLog::lastBatch() {
+    const std::lock_guard<std::mutex> guard(mutex);
+    return std::max(storedBatch, takenOut());
 }
 
 void RecordLog::setAside() {
@@ -239,9 +265,10 @@ void RecordLog::setAside() {
     const bool isWhole = salvage(aside, *database);
     last = std::max(last, number(*database, "SELECT max(seq) FROM records"));
     run(*database,
-        "INSERT INTO intake VALUES (1, ?, 0, 0, '', 0) "
-        "ON CONFLICT (one) DO UPDATE SET last = excluded.last",
-        last);
+        "INSERT INTO intake VALUES (1, ?, 0, 0, '', ?) ON CONFLICT (one) DO UPDATE SET "
+        "last = excluded.last, batch = max(batch, excluded.batch)",
+        last, takenOut());
+    storedBatch = number(*database, "SELECT max(batch) FROM intake");
     warn(std::to_string(number(*database, "SELECT count(*) FROM records")) +
          " records of the damaged database were carried over into a new one" +
          (isWhole ? "" : "; others could not be: compare with the targets"));
@@ -319,10 +346,7 @@ void RecordLog::append(std::vector<Record>& records, const TakeOut& takeOut) {
 std::optional<TakeOut> RecordLog::openTakeOut() {
     return guarded([&]() -> std::optional<TakeOut> {
         Statement row = prepared(*database, "SELECT count, digest, pipe, batch FROM intake");
-        std::int64_t taken = 0;
-        if (!row.executeStep() ||
-            (::pread(takenFile.get(), &taken, sizeof taken, 0) == sizeof taken &&
-             taken == row.getColumn(3).getInt64())) {
+        if (!row.executeStep() || takenOut() == row.getColumn(3).getInt64()) {
             return std::nullopt;
         }
         return TakeOut{static_cast<std::uint64_t>(row.getColumn(0).getInt64()),

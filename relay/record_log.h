@@ -72,7 +72,8 @@ struct LogFigures {
 /// Owns the one connection to the database. All calls may be made by any thread, and throw
 /// DatabaseError when they fail; then nothing was changed. A database that turns out to be damaged
 /// is set aside under a name that is told, what can still be read of it is carried over into a new
-/// one, and the call goes on with that.
+/// one, and the call goes on with that. So is, at the opening, one that lacks a batch that was
+/// taken out.
 class RecordLog {
 public:
     /// Opens the log in the folder, and makes both if they are missing.
@@ -85,6 +86,9 @@ public:
     /// that stands in the log already, or that is gone while its name stands there, is counted as a
     /// repeat of it instead. Gives the new records their numbers; those that were repeats keep 0.
     void append(std::vector<Record>& records, const TakeOut& takeOut);
+
+    /// The number of the last batch: those that follow have greater ones.
+    std::int64_t lastBatch();
 
     /// What was to be taken out last, unless it is known to have been taken out.
     std::optional<TakeOut> openTakeOut();
@@ -130,6 +134,7 @@ public:
 private:
     void open();
     void setAside();
+    std::int64_t takenOut() const;
     std::int64_t lastOf(const Record& record);
     template<class Work>
     auto guarded(Work work) -> decltype(work());
@@ -140,7 +145,8 @@ private:
     Descriptor takenFile; // holds the number of the batch that was taken out last
     std::mutex mutex;     // guards all below
     std::unique_ptr<SQLite::Database> database;
-    std::int64_t last = 0; // the number that was given last
+    std::int64_t last = 0;        // the number that was given last
+    std::int64_t storedBatch = 0; // the last one, when the database was opened
     bool isInterrupted = false;
     std::condition_variable grown;
 };

@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Runs the benchmarks: micro (the daemon's own work by the piece), drain (whole shares, beside other ways of pulling
 # them), durable (drains onto ext4 and xfs), growth (more files, more detectors), idle (an empty cycle), figures (what
-# keeping the figures of each share costs). Installs what is missing, builds first, and measures in the sandbox. All parts
-# together take less than half an hour on two cores.
+# keeping the figures of each share costs), relay (into its log and out of it). Installs what is missing, builds first,
+# and measures in the sandbox. All parts together take some forty minutes on two cores.
 #
 #   bench.sh [--quick | --add] [PART...]
 #
@@ -13,13 +13,13 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-all=(micro drain durable growth idle figures)
+all=(micro drain durable growth idle figures relay)
 quick=() adds=no parts=()
 for argument in "$@"; do
     case $argument in
         --quick) quick=(--quick) ;;
         --add) adds=yes ;;
-        micro | drain | durable | growth | idle | figures) parts+=("$argument") ;;
+        micro | drain | durable | growth | idle | figures | relay) parts+=("$argument") ;;
         -h | --help)
             sed -n '2,/^set /s/^# \{0,1\}//p' "$0"
             exit 0
@@ -37,15 +37,17 @@ scripts/install-packages.sh bench
 build=build/bench
 results=$build/results
 printf 'Building the programs in %s ...\n' "$build"
-scripts/build-programs.sh "$build" -DSKARN_BENCH=ON
-if ! output=$(cmake --build "$build" --parallel "$(nproc)" --target skarn_micro_bench confirming_rsync_without_figures 2>&1); then
+scripts/build-programs.sh "$build" -DSKARN_BENCH=ON -DSKARN_RELAY=ON
+if ! output=$(cmake --build "$build" --parallel "$(nproc)" --target skarn_micro_bench confirming_rsync_without_figures \
+    skarn_relay relay_intake_speed 2>&1); then
     printf '%s\n' "$output" >&2
     exit 1
 fi
-export PYTHONPATH=$PWD/tests:$PWD/bench PYTHONDONTWRITEBYTECODE=1 SKARN_BINARY=$PWD/$build/skarn \
+export PYTHONPATH=$PWD/tests:$PWD/bench:$PWD/tests/relay PYTHONDONTWRITEBYTECODE=1 SKARN_BINARY=$PWD/$build/skarn \
     CONFIRMING_RSYNC_BINARY=$PWD/$build/confirming_rsync/confirming_rsync \
     CONFIRMING_RSYNC_WITHOUT_FIGURES=$PWD/$build/bench/confirming_rsync_without_figures \
-    SKARN_MICRO_BINARY=$PWD/$build/bench/micro/skarn_micro_bench
+    SKARN_MICRO_BINARY=$PWD/$build/bench/micro/skarn_micro_bench SKARN_RELAY_CLIENT=$PWD/clients/python \
+    SKARN_RELAY_BINARY=$PWD/$build/relay/skarn-relay SKARN_RELAY_SPEED_BINARY=$PWD/$build/bench/relay/relay_intake_speed
 
 rm -rf "$results"
 mkdir -p "$results"

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Builds the Debian packages skarn and skarn-confirming-rsync from what git tracks, and has lintian look at them.
+# Builds the Debian packages skarn, skarn-confirming-rsync and skarn-relay from what git tracks, and has lintian look at them.
 #
 #   build-packages.sh [--version VERSION]      another version than the changelog's, to try an upgrade with
 #

@@ -6,7 +6,7 @@
 #   faults.sh --list
 #
 #   --seed N      decides the files and the faults; a fresh one is taken, and printed, if none is given
-#   --fault NAME  only this one; "mixed" is all of them mixed; may be given several times
+#   --fault NAME  only this one; "mixed" and "mixed-relay" are many of them mixed; may be given several times
 #   --rounds N    how many faults each run injects; each kind has its own number otherwise
 #   --quick       a few faults of each kind
 #   --out DIR     where results.jsonl goes, a line for each run (build/fault-runs if none is given)
@@ -43,17 +43,19 @@ while [ $# -gt 0 ]; do
 done
 [[ $seed$rounds =~ ^[0-9]*$ ]] || usage
 
-export PYTHONPATH=$PWD/tests PYTHONDONTWRITEBYTECODE=1
+export PYTHONPATH=$PWD/tests:$PWD/tests/relay PYTHONDONTWRITEBYTECODE=1 SKARN_RELAY_CLIENT=$PWD/clients/python
 run=(/usr/bin/python3 tests/faults/run.py)
-scripts/install-packages.sh demo
+scripts/install-packages.sh relay
 if [ "$list" = yes ]; then
     exec "${run[@]}" --list
 fi
 
-printf 'Building skarn and its copy program in build/programs ...\n'
-scripts/build-programs.sh
+printf 'Building skarn, its copy program and the relay in build/programs ...\n'
+scripts/build-programs.sh build/programs -DSKARN_RELAY=ON
+cmake --build build/programs --target skarn_relay_for_tests >/dev/null
 export SKARN_BINARY=$PWD/build/programs/skarn
 export CONFIRMING_RSYNC_BINARY=$PWD/build/programs/confirming_rsync/confirming_rsync
+export SKARN_RELAY_FOR_TESTS_BINARY=$PWD/build/programs/relay/skarn_relay_for_tests
 
 [ -n "$seed" ] || seed=$((SRANDOM % 1000000))
 [ ${#faults[@]} -gt 0 ] || mapfile -t faults < <("${run[@]}" --names)

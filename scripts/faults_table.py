@@ -70,13 +70,15 @@ def table(runs: list[dict[str, Any]]) -> str:
     daemons, copies, excused, cut = (
         sum(run[key] for run in runs) for key in ("daemon_kills", "copy_kills", "excused", "cut")
     )
+    relays = sum(run.get("relay_kills", 0) for run in runs)
     lines = [
         HEAD,
         "|---|---|" + "---:|" * 7,
         *map(str, rows.values()),
         str(total),
         "",
-        f"- {daemons:,} deaths of the daemon and {copies:,} of copy processes are among them.",
+        f"- {daemons:,} deaths of the daemon, {copies:,} of copy processes and {relays:,} of the relay",
+        "  are among them.",
         '- "Recovered in" is the longest time from the end of the last fault of a run until all',
         "  was moved and announced.",
         f"- {excused:,} files were moved while there was no pipe to announce them in, or taken",
@@ -92,6 +94,8 @@ LIVES = {
     "stream": "a detector that writes all the time",
     "drain": "a share full of files",
     "points": "each system call of a copy",
+    "relay": "lines that go through the relay: its log",
+    "relay-points": "each system call of the relay: its log",
 }
 POWER_HEAD = (
     "| file system | what was under way | target and journals on | cuts | files that had left the "

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that a purpose needs and that are missing: the one place that knows them.
 #
-#   install-packages.sh PURPOSE...      PURPOSE: build, control, demo, tests, soak, bench, races, coverage,
+#   install-packages.sh PURPOSE...      PURPOSE: build, control, relay, demo, tests, soak, bench, races, coverage,
 #                                               packages, package-tree, bare-tree, checks, fuzz
 #
 # Says what it is going to install before it does. Does nothing, and needs no rights, when all is there.
@@ -18,7 +18,7 @@ demo=("${build[@]}" iproute2 mount python3 rsync util-linux)
 # Of prometheus only promtool is wanted, which checks metrics and alerts; no smaller package has it.
 tests=("${demo[@]}" "${control[@]}" "${relay[@]}" bash-completion btrfs-progs curl e2fsprogs git gnuplot-nox libgmock-dev libgtest-dev prometheus python3-jsonschema python3-pytest strace tmux xfsprogs)
 soak=("${demo[@]}" gnuplot-nox)
-bench=("${demo[@]}" e2fsprogs gnuplot-nox libbenchmark-dev parallel strace xfsprogs)
+bench=("${demo[@]}" "${relay[@]}" e2fsprogs gnuplot-nox libbenchmark-dev parallel strace xfsprogs)
 races=("${tests[@]}" valgrind)
 coverage=("${tests[@]}" gcovr)
 # What builds Debian packages and looks at them, and what makes a tree to install them into.
@@ -30,7 +30,7 @@ checks=("${tests[@]}" clang clang-format clang-tidy git libbenchmark-dev libclan
 fuzz=("${build[@]}" clang git libclang-rt-dev libtomlplusplus-dev)
 
 usage() {
-    printf 'usage: install-packages.sh PURPOSE...   (build, control, demo, tests, soak, bench, races, coverage, packages, package-tree, bare-tree, checks, fuzz)\n' >&2
+    printf 'usage: install-packages.sh PURPOSE...   (build, control, relay, demo, tests, soak, bench, races, coverage, packages, package-tree, bare-tree, checks, fuzz)\n' >&2
     exit 2
 }
 
@@ -40,6 +40,7 @@ for purpose in "$@"; do
     case $purpose in
         build) wanted+=("${build[@]}") ;;
         control) wanted+=("${build[@]}" "${control[@]}") ;;
+        relay) wanted+=("${demo[@]}" "${relay[@]}") ;;
         demo) wanted+=("${demo[@]}") ;;
         tests) wanted+=("${tests[@]}") ;;
         soak) wanted+=("${soak[@]}") ;;

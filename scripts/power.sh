@@ -8,10 +8,11 @@
 #   --cuts N      how many cuts each life has (12 if none is given)
 #   --rounds N    how many lives of each kind there are (4 if none is given: 576 cuts at random instants)
 #   --disk NAME   only over this file system: ext4, xfs or btrfs
-#   --life NAME   only this one: "stream" (a detector that writes all the time), "drain" (a share full of files) or
+#   --life NAME   only this one: "stream" (a detector that writes all the time), "drain" (a share full of files),
 #                 "points" (a cut at each system call of a copy: once for each file system, whatever --cuts and
-#                 --rounds say)
-#   --parts N     only with the target and the journals on one file system (1), or on two (2)
+#                 --rounds say), "relay" (lines that go through the relay into its log) or "relay-points" (a cut after
+#                 each of its system calls, likewise once)
+#   --parts N     only with the target and the journals on one file system (1), or on two (2); the relay's log has one
 #   --out DIR     where power.jsonl goes, a line for each life (build/power-runs if none is given)
 #
 # At last it shows that the bed can fail: the copy program is built without its flush, and each file system must then
@@ -26,7 +27,7 @@ usage() {
     exit 2
 }
 
-seed='' cuts=12 rounds=4 out=build/power-runs disks=(ext4 xfs btrfs) lives=(stream drain points) parts=(1 2)
+seed='' cuts=12 rounds=4 out=build/power-runs disks=(ext4 xfs btrfs) lives=(stream drain points relay relay-points) parts=(1 2)
 while [ $# -gt 0 ]; do
     [ $# -ge 2 ] || usage
     case $1 in
@@ -43,13 +44,15 @@ while [ $# -gt 0 ]; do
 done
 [[ $seed$cuts$rounds =~ ^[0-9]*$ ]] || usage
 
-export PYTHONPATH=$PWD/tests PYTHONDONTWRITEBYTECODE=1
+export PYTHONPATH=$PWD/tests:$PWD/tests/relay PYTHONDONTWRITEBYTECODE=1 SKARN_RELAY_CLIENT=$PWD/clients/python
 scripts/install-packages.sh tests
 
-printf 'Building skarn and its copy program in build/programs, and the latter without its flush in build/unflushed ...\n'
-scripts/build-programs.sh
+printf 'Building skarn, its copy program and the relay in build/programs ...\n'
+scripts/build-programs.sh build/programs -DSKARN_RELAY=ON
+cmake --build build/programs --target skarn_relay >/dev/null
+printf 'Building the copy program without its flush in build/unflushed ...\n'
 scripts/build-programs.sh build/unflushed -DCONFIRMING_RSYNC_FLUSH=OFF
-export SKARN_BINARY=$PWD/build/programs/skarn
+export SKARN_BINARY=$PWD/build/programs/skarn SKARN_RELAY_BINARY=$PWD/build/programs/relay/skarn-relay
 
 [ -n "$seed" ] || seed=$((SRANDOM % 1000000))
 mkdir -p "$out"
@@ -80,7 +83,10 @@ for ((round = 0; round < rounds; round++)); do
     for disk in "${disks[@]}"; do
         for kind in "${lives[@]}"; do
             for part in "${parts[@]}"; do
-                [ "$kind" != points ] || [ "$round-$part" = "0-${parts[0]}" ] || continue
+                case $kind in
+                    *points) [ "$round-$part" = "0-${parts[0]}" ] || continue ;;
+                    relay) [ "$part" = "${parts[0]}" ] || continue ;;
+                esac
                 status=0
                 life programs --disk "$disk" --life "$kind" --parts "$part" --seed $((seed + round)) --cuts "$cuts" ||
                     status=$?

@@ -29,7 +29,7 @@ quietly() {
 }
 
 printf 'Making a fresh Debian machine in %s ...\n' "$base"
-scripts/make-tree.sh "$base" systemd systemd-sysv dbus
+scripts/make-tree.sh "$base" systemd systemd-sysv dbus curl
 
 # The same packages under a later version, for the upgrade.
 mkdir "$place/packages"

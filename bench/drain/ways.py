@@ -32,9 +32,11 @@ class Drain:
     server: float = 0.0  # that of the rsync server
 
 
-def drain_by_daemon(station: Station, names: list[str]) -> Drain:
-    """From the start of the daemon to the last file's line in the pipe."""
-    with Consumer(nap=CONSUMER_NAP) as consumer, Daemon() as daemon:
+def drain_by_daemon(
+    station: Station, names: list[str], reader: Consumer | None = None
+) -> Drain:
+    """From the start of the daemon to the last file's line in the pipe, or at another reader."""
+    with reader or Consumer(nap=CONSUMER_NAP) as consumer, Daemon() as daemon:
         begin = time.monotonic()
         started = daemon.start()
         assert daemon.detached, started.errors + daemon.log()

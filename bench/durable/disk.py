@@ -18,8 +18,9 @@ BLOCK = bytes(1 << 20)
 
 
 @contextmanager
-def disk(kind: str, size: int) -> Iterator[None]:
-    """Has all targets and the copy program's journals on a file system of that kind.
+def disk(kind: str, size: int, place: Path = TARGETS) -> Iterator[None]:
+    """Has all targets and the copy program's journals on a file system of that kind, or only what is
+    in another place.
 
     The image is in memory: what a flush costs beside a disk's own speed, which differs from moment
     to moment, is what the ratios are about. It is all written beforehand, as a disk is all there.
@@ -32,12 +33,15 @@ def disk(kind: str, size: int) -> Iterator[None]:
         for _ in range(size // len(BLOCK)):
             image.write(BLOCK)
     run(program, "-q", str(IMAGE))
-    for folder in (TARGETS, DAEMONS_OWN):
+    for folder in (place, DAEMONS_OWN):
         folder.mkdir(parents=True, exist_ok=True)
-    mounted = run("mount", "-n", "-t", kind, "-o", "loop", str(IMAGE), str(TARGETS), check=False)
+    mounted = run("mount", "-n", "-t", kind, "-o", "loop", str(IMAGE), str(place), check=False)
     if mounted.returncode != 0:
         raise CannotMeasure(f"no {kind} on a loop device: {mounted.stderr.decode().strip()}")
     try:
+        if place != TARGETS:
+            yield
+            return
         own = TARGETS / "skarn"
         own.mkdir()
         run("mount", "-n", "--bind", str(own), str(DAEMONS_OWN))
@@ -46,7 +50,7 @@ def disk(kind: str, size: int) -> Iterator[None]:
         finally:
             run("umount", "-n", str(DAEMONS_OWN))
     finally:
-        run("umount", "-n", str(TARGETS))
+        run("umount", "-n", str(place))
         os.unlink(IMAGE)
 
 

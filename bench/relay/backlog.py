@@ -1,10 +1,7 @@
 """A long backlog: what the relay keeps in memory, and how fast a subscriber catches up.
 
-    backlog.py RELAY FOLDER RECORDS
-
-RELAY is the program; the log is made in FOLDER, which is on the disk that is measured. Prints one
-line of JSON: records a second from the pipe into the log, records a second to a subscriber over HTTP
-(taken as lines, not parsed) and to one that reads a pipe, and the largest resident memory in MiB.
+Records a second from the pipe into the log, to a subscriber over HTTP (taken as lines, not parsed) and
+to one that reads a pipe, and the largest resident memory.
 """
 
 from __future__ import annotations
@@ -14,10 +11,11 @@ import json
 import os
 import socket
 import subprocess
-import sys
 import threading
 import time
 from pathlib import Path
+
+from results import Data
 
 
 class Connection(http.client.HTTPConnection):
@@ -83,8 +81,8 @@ def read_pipe(pipe: Path, count: int) -> float:
     return time.monotonic() - begin
 
 
-def main() -> None:
-    relay, folder, count = sys.argv[1], Path(sys.argv[2]), int(sys.argv[3]) // 100 * 100
+def measure(relay: str, folder: Path, count: int) -> Data:
+    """The figures of one backlog of so many records, a multiple of 100; the log is in the folder."""
     pipe, own, address = folder / "pipe", folder / "own", folder / "socket"
     configuration = folder / "relay.toml"
     configuration.write_text(
@@ -106,7 +104,7 @@ def main() -> None:
         writer.join()
         fetched = catch_up(address, count)
         piped = read_pipe(own, count)
-        figures = {
+        return {
             "records": count,
             "into_log_per_second": round(count / into),
             "http_per_second": round(count / fetched),
@@ -114,11 +112,6 @@ def main() -> None:
             "resident_mib": round(resident(program.pid), 1),
             "log_mib": round(json.loads(ask(address, "GET", "status")[0])["log_bytes"] / 2**20, 1),
         }
-        print(json.dumps(figures))
     finally:
         program.terminate()
         program.wait()
-
-
-if __name__ == "__main__":
-    main()

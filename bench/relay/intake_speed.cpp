@@ -82,7 +82,7 @@ Span intake(const std::string& folder, const std::string& pipe,
     relay::PipeSettings settings;
     settings.path = pipe;
     relay::RecordLog log(folder + "/log");
-    const relay::Targets targets("/nonexistent");
+    const relay::Targets targets("/dev/null");
     relay::Intake intake(settings, -1, log, targets);
     const Stopwatch watch;
     std::thread writer = startWriter(pipe, lines);

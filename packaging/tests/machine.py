@@ -12,6 +12,33 @@ from collections.abc import Callable
 from pathlib import Path
 from types import TracebackType
 
+DAEMON_LOG = "/var/log/skarn.log"
+
+CONFIGURATION = f"""\
+logfile {DAEMON_LOG}
+logfile_max_size 10M
+logfile_max_number 10
+
+detectorID 1
+remoteIP 127.0.0.1
+source /
+target /data/detector1
+minpause 200
+interrun_pause 0
+"""
+
+DETECTOR = """\
+port = 49371
+use chroot = yes
+[ramdisk]
+path = /ramdisk
+read only = no
+uid = root
+auth users = root
+secrets file = /etc/detector.secrets
+max verbosity = 2
+"""
+
 PATH = "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin"
 
 
@@ -152,3 +179,44 @@ def fresh_copy(source: Path, root: Path) -> None:
     if root.exists():
         shutil.rmtree(root)
     subprocess.run(["cp", "--archive", "--reflink=auto", source, root], check=True)
+
+
+def install(machine: Machine, *packages: str, later: bool = False) -> str:
+    """Installs packages of ours with apt, from the folder and from what it fetched before."""
+    names = [
+        f"/root/packages/{path.name}"
+        for path in sorted(machine.path("/root/packages").glob("*.deb"))
+        if path.name.partition("_")[0] in packages and ("_later_" in path.name) == later
+    ]
+    assert len(names) == len(packages), names
+    return machine.succeed(
+        "DEBIAN_FRONTEND=noninteractive apt-get -q -y --no-install-recommends "
+        f"install {' '.join(names)}",
+        timeout=300,
+    )
+
+
+def start_detector(machine: Machine) -> None:
+    """A detector on the machine itself, as CONFIGURATION has it."""
+    machine.write("/etc/detector.conf", DETECTOR)
+    machine.write("/etc/detector.secrets", "root:of this machine only\n", 0o600)
+    machine.path("/ramdisk").mkdir()
+    machine.start("detector", "exec rsync --daemon --no-detach --config=/etc/detector.conf")
+
+
+def write_files(
+    machine: Machine, folder: str, count: int, size: int, *, at_once: bool = False
+) -> set[str]:
+    """Lets the detector write `count` files, each renamed into place when it is whole.
+
+    With `at_once` it is the folder that is renamed into place, so that one listing has them all.
+    """
+    place = f"/ramdisk/{folder}"
+    written = f"/root/{folder}" if at_once else place
+    machine.succeed(
+        f"mkdir -p {written} && cd {written} && for i in $(seq {count}); do "
+        f"head -c {size} /dev/zero >f$i.tmp && mv f$i.tmp f$i.dat; done && "
+        f"{{ test {written} = {place} || mv {written} {place}; }}",
+        timeout=300,
+    )
+    return {f"/data/detector1/./{folder}/f{i}.dat" for i in range(1, count + 1)}

@@ -15,39 +15,22 @@ from pathlib import Path
 
 import pytest
 
-from machine import Machine, fresh_copy, wait_until
+from machine import (
+    CONFIGURATION,
+    DAEMON_LOG,
+    Machine,
+    fresh_copy,
+    install,
+    start_detector,
+    wait_until,
+    write_files,
+)
 from support import twenty_mistakes
 
 PIPE = "/run/vantrel_orbelin_files"
-LOG = "/var/log/skarn.log"
 LINK = "/usr/local/orbelin/bin/rsync_orbelin"
 EXAMPLE = "/usr/share/doc/skarn/examples/skarn_orbelin.conf"
 METRICS = "127.0.0.1:9751"
-
-CONFIGURATION = f"""\
-logfile {LOG}
-logfile_max_size 10M
-logfile_max_number 10
-
-detectorID 1
-remoteIP 127.0.0.1
-source /
-target /data/detector1
-minpause 200
-interrun_pause 0
-"""
-
-DETECTOR = """\
-port = 49371
-use chroot = yes
-[ramdisk]
-path = /ramdisk
-read only = no
-uid = root
-auth users = root
-secrets file = /etc/detector.secrets
-max verbosity = 2
-"""
 
 
 @pytest.fixture(scope="module")
@@ -58,21 +41,6 @@ def machine() -> Iterator[Machine]:
     fresh_copy(tree, root)
     with Machine(root) as booted:
         yield booted
-
-
-def install(machine: Machine, *packages: str, later: bool = False) -> str:
-    """Installs packages of ours with apt, from the folder and from what it fetched before."""
-    names = [
-        f"/root/packages/{path.name}"
-        for path in sorted(machine.path("/root/packages").glob("*.deb"))
-        if path.name.partition("_")[0] in packages and ("_later_" in path.name) == later
-    ]
-    assert len(names) == len(packages), names
-    return machine.succeed(
-        "DEBIAN_FRONTEND=noninteractive apt-get -q -y --no-install-recommends "
-        f"install {' '.join(names)}",
-        timeout=300,
-    )
 
 
 def pid_of_daemon(machine: Machine) -> int:
@@ -94,24 +62,6 @@ def records(machine: Machine) -> list[str]:
 def start_consumer(machine: Machine) -> None:
     """A consumer that keeps to the rule: the pipe is open for reading and writing."""
     machine.start("vantrel", f"exec 3<>{PIPE}; exec cat <&3 >>/root/records")
-
-
-def write_files(
-    machine: Machine, folder: str, count: int, size: int, *, at_once: bool = False
-) -> set[str]:
-    """Lets the detector write `count` files, each renamed into place when it is whole.
-
-    With `at_once` it is the folder that is renamed into place, so that one listing has them all.
-    """
-    place = f"/ramdisk/{folder}"
-    written = f"/root/{folder}" if at_once else place
-    machine.succeed(
-        f"mkdir -p {written} && cd {written} && for i in $(seq {count}); do "
-        f"head -c {size} /dev/zero >f$i.tmp && mv f$i.tmp f$i.dat; done && "
-        f"{{ test {written} = {place} || mv {written} {place}; }}",
-        timeout=300,
-    )
-    return {f"/data/detector1/./{folder}/f{i}.dat" for i in range(1, count + 1)}
 
 
 def arrived(machine: Machine, names: set[str]) -> bool:
@@ -175,10 +125,7 @@ def test_check_finds_twenty_planted_mistakes(machine: Machine) -> None:
 
 def test_a_drain_as_the_manual_tells_it(machine: Machine) -> None:
     machine.write("/etc/skarn_orbelin.conf", CONFIGURATION)
-    machine.write("/etc/detector.conf", DETECTOR)
-    machine.write("/etc/detector.secrets", "root:of this machine only\n", 0o600)
-    machine.path("/ramdisk").mkdir()
-    machine.start("detector", "exec rsync --daemon --no-detach --config=/etc/detector.conf")
+    start_detector(machine)
     machine.succeed("skarnctl check")
 
     machine.succeed("systemctl start skarn skarn-metrics")

@@ -10,9 +10,47 @@ from pathlib import Path
 
 import pytest
 
-from machine import Machine, fresh_copy, wait_until
+from machine import (
+    CONFIGURATION,
+    Machine,
+    fresh_copy,
+    install,
+    start_detector,
+    wait_until,
+    write_files,
+)
 
 PIPE = "/run/vantrel_orbelin_files"
+FILES = 2000  # of one drain
+SUBSCRIBERS = ("pipe", "command", "curl")
+RELAY = """\
+[[subscriber]]
+name = "pipe"
+type = "pipe"
+path = "/run/subscriber"
+
+[[subscriber]]
+name = "command"
+type = "command"
+command = ["/root/program"]
+input = "nul"
+batch = 100
+"""
+# Keeps the paths that it is given; what one that was killed began stands for itself.
+PROGRAM = "#!/bin/sh\nprintf '\\0' >>/root/by-command\nexec /root/keeper >>/root/by-command\n"
+READER = "exec 3<>/run/subscriber; exec cat <&3 >>/root/by-pipe"
+# Subscribes with curl: acknowledges what it has written down, and goes on for ever.
+CURL = """\
+relay() { curl -sS --fail --max-time 20 --unix-socket /run/skarn-relay/socket "$@"; }
+until relay -X PUT 'http://relay/v1/subscribers/curl?start=oldest'; do sleep 0.1; done
+while :; do
+    relay 'http://relay/v1/subscribers/curl/records?wait=5&limit=100' >/root/page || { sleep 0.1; continue; }
+    last=$(sed -n '$s/.*"seq":\\([0-9]*\\).*/\\1/p' /root/page)
+    [ -n "$last" ] || continue
+    cat /root/page >>/root/by-curl
+    relay -X POST "http://relay/v1/subscribers/curl/ack?seq=$last" >/dev/null || true
+done
+"""
 
 
 @pytest.fixture(scope="module")
@@ -25,25 +63,51 @@ def machine() -> Iterator[Machine]:
         yield booted
 
 
-def status(machine: Machine) -> dict[str, int]:
-    """What `skarn-relay status` says."""
-    found: dict[str, int] = json.loads(machine.succeed("skarn-relay status --json"))
-    return found
+def last_record(machine: Machine) -> int:
+    """The number of the last record, as `skarn-relay status` says."""
+    return int(json.loads(machine.succeed("skarn-relay status --json"))["last"])
+
+
+def in_the_log(machine: Machine) -> list[str]:
+    """The paths of all files of the log."""
+    records = map(json.loads, machine.succeed("skarn-relay records").splitlines())
+    return [record["path"] for record in records if record["kind"] == "file"]
+
+
+def kept_by(machine: Machine, subscriber: str) -> list[str]:
+    """The files that a subscriber has got, each where it came first."""
+    path = machine.path(f"/root/by-{subscriber}")
+    text = path.read_text(encoding="utf-8") if path.exists() else ""
+    if subscriber == "curl":
+        # The last line may just be being written.
+        found = [json.loads(line)["path"] for line in text.splitlines(True) if line.endswith("\n")]
+    else:
+        found = [part for part in re.split("[\0\n]", text) if part.startswith("/")]
+    return list(dict.fromkeys(found))
+
+
+def check_all_have(machine: Machine, names: set[str]) -> None:
+    """Waits until every subscriber has all these files: they are in the log once, and come to each
+    in its order.
+    """
+    for each in SUBSCRIBERS:
+        wait_until(lambda: names <= set(kept_by(machine, each)), f"{each} has every file", 120)
+    logged = in_the_log(machine)
+    assert sorted(logged) == sorted(names)
+    for each in SUBSCRIBERS:
+        assert kept_by(machine, each) == logged, each
+
+
+def main_process(machine: Machine, unit: str) -> str:
+    """The number of a unit's process."""
+    return machine.succeed(f"systemctl show --property=MainPID --value {unit}").strip()
 
 
 def test_installing_starts_nothing(machine: Machine) -> None:
-    (package,) = (
-        path.name
-        for path in machine.path("/root/packages").glob("skarn-relay_*.deb")
-        if "_later_" not in path.name
-    )
-    machine.succeed(
-        "DEBIAN_FRONTEND=noninteractive apt-get -q -y --no-install-recommends "
-        f"install /root/packages/{package}",
-        timeout=300,
-    )
-    active = machine.run("systemctl is-active skarn-relay.socket skarn-relay.service").stdout
-    assert active.split() == ["inactive"] * 2
+    install(machine, "skarn", "skarn-confirming-rsync", "skarn-relay")
+    units = "skarn-relay.socket skarn-relay.service"
+    assert machine.run(f"systemctl is-active {units}").stdout.split() == ["inactive"] * 2
+    assert machine.run(f"systemctl is-enabled {units}").stdout.split() == ["disabled"] * 2
     assert not machine.path(PIPE).exists()
 
 
@@ -56,28 +120,68 @@ def test_the_units_are_sound(machine: Machine) -> None:
 
 
 def test_the_socket_holds_the_pipe(machine: Machine) -> None:
+    machine.write("/etc/skarn/relay.toml", RELAY)
+    machine.write("/root/program", PROGRAM, 0o755)
+    machine.succeed("cp /bin/cat /root/keeper")  # under a name of its own
+    machine.succeed("skarn-relay check")
     machine.succeed("systemctl enable --now skarn-relay.socket")
     assert machine.succeed(f"stat -c '%F %a' {PIPE}") == "fifo 600\n"
-    # What is written starts the relay.
-    machine.succeed(f"mkdir -p /data/1 && touch /data/1/a && echo /data/1/./a >{PIPE}")
+    assert main_process(machine, "skarn-relay.service") == "0"
+
+
+def test_the_daemon_s_first_line_starts_the_relay(machine: Machine) -> None:
+    machine.write("/etc/skarn_orbelin.conf", CONFIGURATION)
+    machine.write("/usr/local/orbelin/etc/rsyncd.secrets_remote", "of this machine only\n", 0o600)
+    start_detector(machine)
+    machine.succeed("skarnctl check")
+    machine.succeed("systemctl start skarn")
     wait_until(lambda: machine.run("skarn-relay status").returncode == 0, "the relay runs")
-    wait_until(lambda: status(machine)["last"] == 1, "the record is in the log")
+    wait_until(lambda: last_record(machine) == 1, "the daemon's first line is in the log")
 
 
-def test_killed_and_stopped_it_loses_nothing(machine: Machine) -> None:
-    machine.succeed(
-        f"(for i in $(seq 500); do touch /data/1/f$i; echo /data/1/./f$i; sleep 0.002; done) >{PIPE} & "
-        "for i in 1 2 3 4 5; do sleep 0.3; systemctl kill -s KILL skarn-relay; done; "
-        "systemctl stop skarn-relay; wait; true"
-    )
-    machine.succeed("systemctl start skarn-relay")
-    wait_until(lambda: status(machine)["last"] == 501, "all records are in the log")
-    records = machine.succeed("skarn-relay records").splitlines()
-    paths = [json.loads(line)["path"] for line in records]
-    assert paths == ["/data/1/./a", *(f"/data/1/./f{i}" for i in range(1, 501))]
+def test_whoever_is_killed_in_a_drain_every_subscriber_has_every_file(machine: Machine) -> None:
+    machine.start("by-pipe", READER)
+    machine.start("by-curl", CURL)
+    # All at once, so that the deaths fall into the drain.
+    names = write_files(machine, "run1", FILES, 500, at_once=True)
+    for _ in range(4):
+        for victim in ("skarn-relay", "keeper", "curl"):
+            found = f"$(pidof -s {victim})"
+            # One that does not run at this moment will.
+            machine.succeed(f"for i in $(seq 100); do kill -KILL {found} && break; sleep 0.02; done")
+    machine.succeed("systemctl kill --signal=KILL skarn")  # and systemd starts it again
+    check_all_have(machine, names)
 
 
-def test_removing_keeps_the_log(machine: Machine) -> None:
+def test_a_pipe_s_reader_that_was_away_misses_nothing(machine: Machine) -> None:
+    # What it has taken out of the pipe is its own, so it dies when it has written all down.
+    before = set(in_the_log(machine))
+    machine.succeed("systemctl kill --kill-whom=all --signal=KILL by-pipe")
+    names = write_files(machine, "run2", FILES, 500, at_once=True)
+    wait_until(lambda: names <= set(kept_by(machine, "command")), "the others go on", 120)
+    assert not names & set(kept_by(machine, "pipe"))
+    machine.start("by-pipe-again", READER)
+    check_all_have(machine, before | names)
+
+
+def test_an_upgrade_lets_the_relay_run(machine: Machine) -> None:
+    before = main_process(machine, "skarn-relay")
+    install(machine, "skarn-relay", later=True)
+    assert machine.succeed("dpkg-query -W -f '${Version}' skarn-relay").endswith("+later")
+    assert main_process(machine, "skarn-relay") == before
+    machine.succeed("systemctl restart skarn-relay")
+    assert main_process(machine, "skarn-relay") != before
+    names = write_files(machine, "run3", 50, 500)
+    wait_until(lambda: names <= set(kept_by(machine, "curl")), "the new one goes on")
+
+
+def test_removing_keeps_the_log_and_purging_does_not(machine: Machine) -> None:
+    machine.succeed("systemctl stop skarn")
     machine.succeed("apt-get -q -y remove skarn-relay", timeout=300)
-    assert machine.run("systemctl is-active skarn-relay.socket").stdout == "inactive\n"
+    units = "skarn-relay.socket skarn-relay.service"
+    assert machine.run(f"systemctl is-active {units}").stdout.split() == ["inactive"] * 2
     assert machine.path("/var/lib/skarn/relay/relay.db").is_file()
+    machine.succeed("apt-get -q -y purge skarn-relay skarn-confirming-rsync", timeout=300)
+    assert not machine.path("/var/lib/skarn").exists()
+    assert machine.path("/etc/skarn/relay.toml").is_file()
+    assert machine.path("/data/detector1/run1/f1.dat").is_file()

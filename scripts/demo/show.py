@@ -13,10 +13,11 @@ import shutil
 import subprocess
 import sys
 import time
-from collections.abc import Iterator
+from collections.abc import Callable, Iterator
 from contextlib import ExitStack, contextmanager
 from pathlib import Path
 
+from behind_relay import BehindRelay
 from support.bed import Comparison, Station, compare, install, make_stations
 from support.consumer import Consumer
 from support.daemon import Daemon
@@ -36,8 +37,13 @@ def parse_arguments() -> argparse.Namespace:
     parser.add_argument("--files", type=int, default=2000, help="files that each one produces")
     parser.add_argument("--size", type=int, default=20000, help="bytes of each file")
     parser.add_argument("--rate", type=float, default=100, help="files per second of each one")
+    parser.add_argument(
+        "--relay",
+        action="store_true",
+        help="put skarn-relay in the consumer's place, with two subscribers, one of which dies",
+    )
     parser.add_argument("--only-check-options", action="store_true", help=argparse.SUPPRESS)
-    for hidden in ("--skarn", "--copy-program", "--log"):
+    for hidden in ("--skarn", "--copy-program", "--log", "--relay-program"):
         parser.add_argument(hidden, type=Path, help=argparse.SUPPRESS)
     options = parser.parse_args()
     if not 1 <= options.detectors <= 100:
@@ -49,6 +55,11 @@ def parse_arguments() -> argparse.Namespace:
 
 def introduce(options: argparse.Namespace, log: Path) -> None:
     total = options.detectors * options.files
+    with_relay = """The relay reads that pipe and keeps what it reads in a log. `vantrel`, the consumer, reads a pipe of its
+own; a second subscriber, `analysis`, fetches over the relay's socket. It is killed on the way and comes
+back: it must have every file, too.
+
+"""
     print(
         f"""
 What you are going to see
@@ -65,7 +76,7 @@ bytes a frame, {options.rate:g} frames/s,
   handed off  paths that the consumer has read from the named pipe
   rate        handed off per second, over the last few seconds
 
-All of it happens in a sandbox on the loopback interface. skarn's log can be followed with
+{with_relay if options.relay else ""}All of it happens in a sandbox on the loopback interface. skarn's log can be followed with
   tail -F {log}
 """
     )
@@ -144,12 +155,21 @@ def producing(stations: list[Station], options: argparse.Namespace) -> Iterator[
             station.simulator.stop()
 
 
-def watch(progress: Progress, consumer: Consumer, daemon: Daemon, total: int) -> str:
-    """Follows the transfers until all is handed off; returns what stopped them, if anything."""
+def watch(
+    progress: Progress,
+    consumer: Consumer,
+    daemon: Daemon,
+    total: int,
+    follow: Callable[[int], None],
+) -> str:
+    """Follows the transfers until all is handed off, and calls `follow` with how much that is;
+    returns what stopped them, if anything.
+    """
     handed_off = 0
     moved = time.monotonic()
     while handed_off < total:
         seen = progress.show()
+        follow(seen)
         if seen > handed_off:
             handed_off, moved = seen, time.monotonic()
         if not daemon.is_running():
@@ -200,7 +220,10 @@ def run(options: argparse.Namespace, kept_log: Path) -> int:
     with ExitStack() as stack:
         for station in stations:
             stack.enter_context(station.server)
-        consumer = stack.enter_context(Consumer())
+        relay = None
+        if options.relay:
+            relay = stack.enter_context(BehindRelay(options.relay_program, total))
+        consumer = relay.consumer if relay else stack.enter_context(Consumer())
         daemon = stack.enter_context(Daemon(options.skarn, log))
         started = daemon.start()
         if started.status != 0 or not daemon.detached:
@@ -209,10 +232,12 @@ def run(options: argparse.Namespace, kept_log: Path) -> int:
         begin = time.monotonic()
         with producing(stations, options):
             progress = Progress(stations, consumer, total)
-            stopped = watch(progress, consumer, daemon, total)
+            follow = relay.follow if relay else lambda _: None
+            stopped = watch(progress, consumer, daemon, total, follow)
         seconds = time.monotonic() - begin
         if daemon.is_running():
             daemon.end()
+        has_all, sentence = relay.conclude() if relay else (True, "")
         consumer.stop()  # reads what is left in the pipe first
     rows = [compare(station, consumer) for station in stations]
     print_table(rows)
@@ -221,7 +246,9 @@ def run(options: argparse.Namespace, kept_log: Path) -> int:
             print(row)
     if stopped:
         print(f"The transfers came to a stop: {stopped}. The log's end:\n{daemon.log()[-2000:]}")
-    if stopped or not all(row.agrees for row in rows):
+    if sentence:
+        print(f"{sentence}\n")
+    if stopped or not has_all or not all(row.agrees for row in rows):
         return 1
     runs = daemon.archived_log().count("++ RSYNC OUTPUT BEGIN")
     print(

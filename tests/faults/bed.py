@@ -4,6 +4,8 @@ A seed decides what the detectors produce and which faults strike when. What a f
 
     bed.stations                    each: .server, .workload, .ledger, .target, .proxy (or None)
     bed.consumer                    .come(), .leave(), .nap
+    bed.behind_relay                with the relay: .kill(), .start(), .fetcher, ...; the consumer is then
+                                    a subscriber of it
     bed.kill_daemon(number), bed.start_daemon(), bed.daemon
     bed.copy_processes(), bed.rsync_children()
     bed.send(process, number), bed.kill_copy_process(process, number)
@@ -28,6 +30,7 @@ from dataclasses import dataclass
 from pathlib import Path
 from random import Random
 from types import TracebackType
+from typing import TYPE_CHECKING
 
 from faults.consumer import CheckingConsumer
 from faults.fault import Fault
@@ -42,13 +45,16 @@ from support.processes import Process, processes, status_field
 from support.rsync_server import RsyncServer
 from support.waiting import wait_until
 
+if TYPE_CHECKING:
+    from faults.behind_relay import BehindRelay
+
 MINPAUSE = 30  # milliseconds, so that a run is short
 LOST = re.compile(r"^Error: Lost (.*)$", re.MULTILINE)
 LEAK_CHECK_FAILED = re.compile(
     r"^==\d+==(LeakSanitizer has encountered a fatal error\.|HINT: .*)\n", re.MULTILINE
 )
 MOST_IN_VAIN = 50  # faults in a row that found nothing to break
-ORPHANS = (skarn.COPY_PROGRAM.name[:15], "rsync", "sh", "mkdir", "chown")
+ORPHANS = (skarn.COPY_PROGRAM.name[:15], "rsync", "sh", "mkdir", "chown", "keeper", "cat")
 JOURNALS = Path("/var/lib/skarn/journal")
 LOOK_EVERY = 0.02  # seconds between two looks at the source
 
@@ -72,6 +78,7 @@ class Outcome:
     injected: int = 0
     daemon_kills: int = 0
     copy_kills: int = 0
+    relay_kills: int = 0
     files: int = 0
     bytes: int = 0
     lost: int = 0
@@ -107,6 +114,7 @@ class Bed:
         *,
         stations: int = 1,
         proxy: bool = False,
+        relay: type[BehindRelay] | None = None,
         max_verbosity: int | None = 2,
         settings: Mapping[str, object] | None = None,
     ) -> None:
@@ -114,8 +122,10 @@ class Bed:
         self._max_verbosity = max_verbosity
         self.stations = [self._station(number, proxy) for number in range(1, stations + 1)]
         self.consumer = CheckingConsumer(
-            {f"{each.target}/.": each.ledger for each in self.stations}
+            {f"{each.target}/.": each.ledger for each in self.stations},
+            relay.pipe if relay else skarn.FIFO,
         )
+        self._relay = relay(self.consumer, self.ledger.complain) if relay else None
         self.daemon = skarn.Daemon()
         self.daemon_kills = 0
         self.copy_kills = 0
@@ -151,6 +161,17 @@ class Bed:
     def ledger(self) -> Ledger:
         """The first station's ledger, which also takes complaints that concern no one file."""
         return self.stations[0].ledger
+
+    @property
+    def behind_relay(self) -> BehindRelay:
+        """The relay and its subscribers, of a run that has one."""
+        assert self._relay is not None, "this run has no relay"
+        return self._relay
+
+    def kill_relay(self) -> None:
+        """Kills the relay and counts it; its subscribers may get again what they have."""
+        self.note_kill()
+        self.behind_relay.kill()
 
     def start_daemon(self) -> None:
         """Starts a daemon; there must be none."""
@@ -317,6 +338,8 @@ class Bed:
         for fault in faults:
             fault.prepare(self)
         self.install()
+        if self._relay is not None:
+            self._relay.begin()
         self.start_daemon()
         for station in self.stations:
             station.workload.start()
@@ -403,7 +426,8 @@ class Bed:
 
     def describe(self) -> str:
         """What is there and runs at this moment, for whoever asks why it stands still."""
-        lines = [f"{self.left()} files left; {self.consumer.records} records read; what runs:"]
+        lines = [] if self._relay is None else [self._relay.describe()]
+        lines += [f"{self.left()} files left; {self.consumer.records} records read; what runs:"]
         for each in processes():
             if not each.is_zombie:
                 where = {each.pid: each.name, **threads(each.pid)}
@@ -428,7 +452,20 @@ class Bed:
             self.daemon.end()
         else:
             self.ledger.complain("the daemon ended on its own")
+        if self._relay is not None:
+            wanted, allowed = self._paths()
+            self._relay.judge(wanted, allowed)
         self.consumer.leave()
+
+    def _paths(self) -> tuple[set[str], set[str]]:
+        """As they are announced: of all files that had to be, and of those that may have been."""
+        wanted: set[str] = set()
+        allowed: set[str] = set()
+        for station in self.stations:
+            for entry in station.ledger.entries():
+                free = entry.withdrawn or entry.excused or entry.stays or entry.gone is None
+                (allowed if free else wanted).add(f"{station.target}/./{entry.name}")
+        return wanted, allowed
 
     def judge(self, faults: list[Fault], outcome: Outcome) -> None:
         """Compares all that is there with the promise, file by file; nothing may run any more."""
@@ -438,6 +475,7 @@ class Bed:
         self.judge_log()
         self._judge_leftovers()
         outcome.daemon_kills, outcome.copy_kills = self.daemon_kills, self.copy_kills
+        outcome.relay_kills = 0 if self._relay is None else self._relay.kills
         outcome.broken = tuple(line for each in self.stations for line in each.ledger.broken)
 
     def _judge_station(self, station: Station, kills: bool, outcome: Outcome) -> None:
@@ -531,6 +569,8 @@ class Bed:
             station.server.start()
             if station.proxy:
                 station.proxy.start()
+        if self._relay is not None:
+            self._relay.hold_pipe()
         self.consumer.come()
         threading.excepthook = self._thread_failed
         self._watch = threading.Thread(target=self._look, daemon=True)
@@ -547,6 +587,8 @@ class Bed:
             station.workload.stop()
         if self.daemon.is_running():
             self.daemon.end(signal.SIGKILL)
+        if self._relay is not None:
+            self._relay.end()
         self.consumer.leave()
         self._end.set()
         if self._watch is not None:

@@ -26,6 +26,7 @@ class CheckingConsumer:
         self.nap = 0.0  # seconds of rest after each read, when the consumer is to be slow
         self.bite = 65536  # bytes taken at a time
         self.records = 0
+        self.paths: list[str] = []  # of all records, as they were read
         self._ledgers = {os.fsencode(key) + b"/": ledger for key, ledger in ledgers.items()}
         self._thread: threading.Thread | None = None
         self._leave = threading.Event()
@@ -93,6 +94,7 @@ class CheckingConsumer:
         if line.startswith(START_MESSAGE):
             return
         self.records += 1
+        self.paths.append(os.fsdecode(line))
         for prefix, ledger in self._ledgers.items():
             if line.startswith(prefix):
                 ledger.announced(os.fsdecode(line[len(prefix) :]))

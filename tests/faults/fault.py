@@ -45,6 +45,7 @@ class Fault:
     title = ""
     kills = False  # whether a process dies or a connection breaks: only then two records are right
     proxy = False  # whether it needs the proxy between the daemon and the servers
+    relay = False  # whether it needs the relay in the consumer's place; those mix in a run of their own
     mixes = True  # whether it can be one of many in the mixed run
     instant = False  # whether it is over at once, so that it can strike while another one lasts
     alone = False  # whether nothing else may strike while it lasts, for instance because no daemon

@@ -3,7 +3,7 @@
     run.py --list | --names
     run.py --fault NAME --seed N [--rounds N] [--limit SECONDS] [--log FILE]
 
-NAME is a fault, or "mixed" for all that can be mixed. Prints what the run came to, and its
+NAME is a fault, or "mixed" for all that can be mixed, or "mixed-relay" for those of the relay. Prints what the run came to, and its
 numbers as one line of JSON. The status is 0 if the promise held, 1 if not.
 """
 
@@ -18,11 +18,17 @@ from dataclasses import asdict
 from pathlib import Path
 
 from faults.bed import Bed, Outcome
+from faults.behind_relay import BehindRelay
 from faults.fault import Fault, load
 from support import processes
 
+# Runs of many faults: which, and what the table calls them.
 MIXED = "mixed"
-MIXED_TITLE = "all of these mixed, two detectors"
+MIXED_RELAY = "mixed-relay"
+MIXED_TITLES = {
+    MIXED: "all of these without the relay mixed, two detectors",
+    MIXED_RELAY: "all of the relay, and deaths of all others, mixed, two detectors",
+}
 MIXED_ROUNDS = 150
 
 
@@ -30,16 +36,23 @@ def chosen(name: str) -> list[Fault]:
     """The faults of a run; mixed ones in the order of their names, as the seed wants."""
     kinds = load()
     if name == MIXED:
-        return [kind() for kind in kinds.values() if kind.mixes]
+        return [kind() for kind in kinds.values() if kind.mixes and not kind.relay]
+    if name == MIXED_RELAY:
+        return [kind() for kind in kinds.values() if kind.mixes and (kind.relay or dies(kind))]
     if name not in kinds:
         sys.exit(f"there is no fault {name!r}; run.py --list names them")
     return [kinds[name]()]
 
 
+def dies(kind: type[Fault]) -> bool:
+    """Whether it is the death of a process, over at once, for which no proxy is needed."""
+    return kind.instant and kind.kills and not kind.proxy
+
+
 def run(name: str, seed: int, rounds: int | None, limit: float, log: Path | None) -> Outcome:
     """One run in an empty sandbox; keeps a copy of the daemon's log if a place is given."""
     faults = chosen(name)
-    mixed = name == MIXED
+    mixed = name in MIXED_TITLES
     wanted = rounds or (MIXED_ROUNDS if mixed else faults[0].rounds)
     settings: dict[str, object] = {}
     for fault in faults:
@@ -48,6 +61,7 @@ def run(name: str, seed: int, rounds: int | None, limit: float, log: Path | None
         f"{name} {seed}",
         stations=2 if mixed else 1,
         proxy=any(fault.proxy for fault in faults),
+        relay=BehindRelay if any(fault.relay for fault in faults) else None,
         settings=settings,
     ) as bed:
         try:
@@ -72,7 +86,7 @@ def row(name: str, seed: int, outcome: Outcome, again: str) -> dict[str, object]
     values = asdict(outcome)
     values["recovered_in"] = round(outcome.recovered_in, 2)
     values["broken"] = list(outcome.broken[:10])
-    title = titles.get(name, MIXED_TITLE)
+    title = titles.get(name) or MIXED_TITLES[name]
     return {"fault": name, "title": title, "seed": seed, **values, "command": again}
 
 
@@ -97,12 +111,13 @@ def main() -> int:
     parser.add_argument("--log", type=Path)
     options = parser.parse_args()
     if options.names:
-        print("\n".join([*load(), MIXED]))
+        print("\n".join([*load(), *MIXED_TITLES]))
         return 0
     if options.list:
         for kind in load().values():
             print(f"{kind.name:28} {kind.title}")
-        print(f"{MIXED:28} {MIXED_TITLE}")
+        for name, title in MIXED_TITLES.items():
+            print(f"{name:28} {title}")
         return 0
     if options.fault is None or options.seed is None:
         parser.error("--fault and --seed are needed")

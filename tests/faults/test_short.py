@@ -12,13 +12,15 @@ from pathlib import Path
 import pytest
 
 from faults.fault import load
-from faults.run import MIXED, command, run, summary
+from faults.run import MIXED, MIXED_RELAY, command, run, summary
 from support.daemon import sanitizer_of
 
 INSTRUMENTED = sanitizer_of(Path(os.environ["SKARN_BINARY"])) is not None
 # Slow to recover from, by nature: the long form has them.
 LONG = {"connections-lost", "target-read-only", "target-no-inodes"}
-ALONE = [name for name, kind in load().items() if not kind.mixes and name not in LONG]
+ALONE = [
+    name for name, kind in load().items() if not kind.mixes and not kind.relay and name not in LONG
+]
 FRESH = random.SystemRandom().randrange(10**6)
 # Which fault, its seed, and how many of it. An instrumented build is slow and gets fewer.
 CASES: list[tuple[str, int, int]] = [
@@ -26,6 +28,8 @@ CASES: list[tuple[str, int, int]] = [
     (MIXED, FRESH, 10 if INSTRUMENTED else 30),
     *((name, 1, 2) for name in ALONE),
 ]
+if "SKARN_RELAY_FOR_TESTS_BINARY" in os.environ:
+    CASES += [(MIXED_RELAY, FRESH, 6 if INSTRUMENTED else 15), ("relay-log-damaged", FRESH, 1)]
 
 
 @pytest.mark.parametrize(("name", "seed", "rounds"), CASES)

@@ -1,9 +1,10 @@
 """One run of the power bed from the command line; scripts/power.sh calls it inside the sandbox.
 
-    run.py --disk ext4|xfs|btrfs --life drain|stream|points [--parts 1|2] --seed N [--cuts N]
-           [--reannounce SECONDS] [--patience SECONDS]
+    run.py --disk ext4|xfs|btrfs --life drain|stream|points|relay|relay-points [--parts 1|2]
+           --seed N [--cuts N] [--reannounce SECONDS] [--patience SECONDS]
 
-"points" is a cut at each system call of a copy; it has as many cuts as there are calls.
+"points" is a cut at each system call of a copy; it has as many cuts as there are calls. "relay" cuts
+at random under the relay's log, "relay-points" after each of its calls.
 
 Prints what the cuts came to, and their numbers as one line of JSON. The status is 0 if the promise
 held, 1 if not, and 77 if this machine can't have such disks.
@@ -22,12 +23,15 @@ from power import crash_points
 from power.bed import LIVES, Host, Outcome
 from power.cut_points import cut_at_all
 from power.disk import MAKERS, Store, missing
+from power.relay_cuts import cut_at_calls, cut_at_random
 from support import processes
 
 PATIENCE = 20.0
 REANNOUNCE = 60.0
 CUTS = 12
 POINTS = "points"
+RELAY = "relay"
+RELAY_POINTS = "relay-points"
 
 
 def cuts(
@@ -43,6 +47,10 @@ def cuts(
     whole_seed = f"{disk} {life} {parts} {seed}"
     if life == POINTS:
         return cut_at_all(disk, parts, whole_seed, reannounce, patience)
+    if life == RELAY:
+        return cut_at_random(disk, whole_seed, number)
+    if life == RELAY_POINTS:
+        return cut_at_calls(disk, whole_seed)
     with Store() as store:
         host = Host(store, whole_seed, reannounce, patience)
         return host.live(disk, parts, life, number)
@@ -68,7 +76,7 @@ def main() -> int:
     """Returns the exit status."""
     parser = argparse.ArgumentParser(description="One run of the power bed.")
     parser.add_argument("--disk", choices=list(MAKERS), required=True)
-    parser.add_argument("--life", choices=[*LIVES, POINTS], required=True)
+    parser.add_argument("--life", choices=[*LIVES, POINTS, RELAY, RELAY_POINTS], required=True)
     parser.add_argument("--parts", type=int, choices=(1, 2), default=1)
     parser.add_argument("--seed", type=int, required=True)
     parser.add_argument("--cuts", type=int, default=CUTS)
@@ -78,7 +86,9 @@ def main() -> int:
     if not processes.in_sandbox():
         parser.error("it uses the daemon's fixed places: run it with tests/support/sandbox")
     os.umask(0o022)
-    lack = missing((options.disk,)) or (crash_points.lack() if options.life == POINTS else "")
+    lack = missing((options.disk,)) or (
+        crash_points.lack() if options.life in (POINTS, RELAY_POINTS) else ""
+    )
     if lack:
         print(f"skipped: {lack}", file=sys.stderr)
         return 77

@@ -80,6 +80,9 @@ def test_the_manual_has_every_figure() -> None:
     alerts = (PROJECT / "packaging/prometheus/skarn-alerts.yml").read_text(encoding="utf-8")
     used = set(re.findall(r"skarn_relay_(\w+)", alerts))
     assert len(used) == 4 and used <= names
+    board = (PROJECT / "packaging/grafana/skarn-dashboard.json").read_text(encoding="utf-8")
+    shown = set(re.findall(r"skarn_relay_(\w+)", board))
+    assert len(shown) == 10 and shown <= names, shown - names
     promtool = subprocess.run(
         ["promtool", "check", "metrics"], input=done.stdout, capture_output=True, text=True, check=False
     )

@@ -2,9 +2,11 @@
 
 from __future__ import annotations
 
+import fcntl
 import os
 import sqlite3
 import subprocess
+import threading
 import time
 from collections.abc import Iterator
 from pathlib import Path
@@ -24,6 +26,17 @@ def small_disk() -> Iterator[None]:
     subprocess.run(["mount", "-t", "tmpfs", "-o", "size=4m,mode=0700", "tmpfs", LOG], check=True)
     yield
     subprocess.run(["umount", "--lazy", LOG], check=True)
+
+
+def test_the_lock_of_one_that_was_just_killed_is_waited_for() -> None:
+    """A child between its fork and its program holds it an instant longer."""
+    LOG.mkdir(parents=True)
+    lock = (LOG / "lock").open("w", encoding="ascii")
+    fcntl.flock(lock, fcntl.LOCK_EX)
+    timer = threading.Timer(0.3, lock.close)
+    timer.start()
+    Relay().start()
+    timer.join()
 
 
 def test_a_full_disk_stalls_it_and_it_goes_on_by_itself(small_disk: None) -> None:
@@ -124,6 +137,28 @@ def test_a_damaged_database_is_set_aside_and_named(where: str) -> None:
     if where == "middle":
         assert len(found) > 15000, "what can be read is carried over"
         assert [each["acknowledged"] for each in relay.status()["subscribers"]] == [100]
+
+
+def test_a_database_that_has_forgotten_its_last_records_is_set_aside() -> None:
+    """SQLite takes a damaged write-ahead log for the end of it, and says nothing."""
+    relay = Relay()
+    relay.start()
+    paths = make_files(50)
+    announce(*paths[:-1])
+    relay.wait_for_last(49)
+    numbers = [record.seq for record in relay.records()]
+    relay.kill()
+    with DATABASE.with_name("relay.db-wal").open("r+b") as file:
+        file.write(b"damaged")
+    relay.start()
+    assert "lacks what was written into it last" in relay.messages()
+    assert len(damaged()) == 1
+    announce(paths[-1])
+    wait_until(lambda: paths[-1] in relay.paths(), "the new record")
+    assert relay.records()[-1].seq > numbers[-1], "a number was given twice"
+    relay.kill()
+    relay.start()
+    assert len(damaged()) == 1, "set aside again"
 
 
 def test_a_database_damaged_while_it_runs() -> None:

@@ -45,7 +45,7 @@ def test_runs_of_one_fault_are_added_up_between_the_marker_lines() -> None:
     assert "| one happens | `one` | 2 | 1,000 | 1,234 | 0 | 0 | 4 | 2.5 s |" in text
     assert "| two happens | `two` | 1 | 10 | 1,000 | 1 | 2 | 0 | 1.0 s |" in text
     assert "| **all** |  | 3 | 1,010 | 2,234 | 1 | 2 | 4 | 2.5 s |" in text
-    assert "6 deaths of the daemon and 9 of copy processes" in text
+    assert "6 deaths of the daemon, 9 of copy processes and 0 of the relay" in text
 
 
 def test_lives_of_one_kind_are_added_up_in_the_table_of_cuts() -> None:
@@ -90,6 +90,7 @@ def test_the_committed_results_are_enough_and_good() -> None:
     assert sum(row["injected"] for row in rows) >= 1000
     assert sum(row["daemon_kills"] for row in rows) >= 200
     assert sum(row["copy_kills"] for row in rows) >= 200
+    assert sum(row.get("relay_kills", 0) for row in rows) >= 1000
     for row in rows:
         assert (row["lost"], row["never_announced"], row["broken"]) == (0, 0, []), row
 

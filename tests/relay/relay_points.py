@@ -9,6 +9,7 @@ lines must be in the log once and in order, and have come out of the subscriber'
 from __future__ import annotations
 
 import argparse
+import http.client
 import os
 import re
 import subprocess
@@ -52,7 +53,7 @@ class TracedRelay(Relay):
             )
         end = time.monotonic() + PATIENCE
         while self.process.poll() is None and time.monotonic() < end:
-            with suppress(OSError, RuntimeError):
+            with suppress(OSError, RuntimeError, http.client.HTTPException):
                 if self.client.status():
                     return
             time.sleep(0.005)
@@ -108,7 +109,7 @@ def one_run(expression: str, outcome: Outcome, what: str) -> str:
             outcome.broken.append(f"{what}: logged {shifts} and {logged}: {relay.messages()}")
         if got != paths:
             outcome.broken.append(f"{what}: delivered {got}: {relay.messages()}")
-    except (AssertionError, OSError, RuntimeError) as error:
+    except (AssertionError, OSError, RuntimeError, http.client.HTTPException) as error:
         outcome.broken.append(f"{what}: {error}: {relay.messages()}")
         with suppress(AttributeError, AssertionError):
             relay.kill()
