@@ -6,17 +6,13 @@
 #include "daemon/global.h"
 #include "transfer/copy_command.h"
 #include "transfer/worker.h"
-#include "utilities/descriptors.h"
 #include "utilities/text.h"
 
-#include <cerrno>
-#include <cstring>
 #include <map>
 #include <memory>
 #include <sstream>
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace control {
@@ -133,37 +129,16 @@ std::optional<std::string> findConfigFile() {
 }
 
 FileText readConfigFile(const std::string& path) {
-    const auto refuse = [&path](const std::string& reason) {
-        return FileText{std::nullopt, "cannot read " + path + ": " + reason};
-    };
-    const Descriptor place(open(path.c_str(), O_PATH | O_CLOEXEC));
-    struct stat status = {};
-    if (place.get() < 0 || fstat(place.get(), &status) != 0) {
-        return refuse(std::strerror(errno));
+    FileText file = readFile(path, largestConfigFile + 1);
+    if (file.text && file.text->size() > largestConfigFile) {
+        file.text.reset();
+        file.problem = "larger than " + std::to_string(largestConfigFile) +
+                       " bytes, which no configuration is";
     }
-    if (!S_ISREG(status.st_mode)) {
-        return refuse(S_ISDIR(status.st_mode) ? "it is a directory" : "not a regular file");
+    if (!file.text) {
+        file.problem = "cannot read " + path + ": " + file.problem;
     }
-    // The very file that was looked at. Some files of the kernel would block all the same.
-    const std::string opened = "/proc/self/fd/" + std::to_string(place.get());
-    const Descriptor file(open(opened.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-    if (file.get() < 0) {
-        return refuse(std::strerror(errno));
-    }
-    std::string text;
-    char part[65536];
-    ssize_t got = 0;
-    while ((got = read(file.get(), part, sizeof part)) > 0) {
-        text.append(part, static_cast<std::size_t>(got));
-        if (text.size() > largestConfigFile) {
-            return refuse("larger than " + std::to_string(largestConfigFile) +
-                          " bytes, which no configuration is");
-        }
-    }
-    if (got < 0) {
-        return refuse(std::strerror(errno));
-    }
-    return {std::move(text), {}};
+    return file;
 }
 
 LoadedConfiguration loadConfiguration(const std::string& path,

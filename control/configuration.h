@@ -2,6 +2,8 @@
 // order.
 #pragma once
 
+#include "control/file.h"
+
 #include <cstddef>
 #include <optional>
 #include <string>
@@ -44,15 +46,8 @@ std::optional<std::string> findConfigFile();
 /// The two places, in the order in which the daemon looks.
 const std::vector<std::string>& configFilePaths();
 
-/// Either the text of a file, or one sentence that says why there is none.
-struct FileText {
-    std::optional<std::string> text;
-    std::string problem;
-};
-
-/// Reads a configuration file as it stands. Whatever is not a regular file is refused without being
-/// opened, since that could block, or change what a device or a pipe does; so is one above
-/// `largestConfigFile`.
+/// Reads a configuration file as it stands, if it is a regular file up to `largestConfigFile`. Its
+/// problem, if any, is a whole sentence.
 FileText readConfigFile(const std::string& path);
 
 /// Bytes of a configuration file that are read at most. The daemon has no limit, but no

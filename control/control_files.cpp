@@ -1,18 +1,16 @@
 // The two files in which the daemon tells of itself: the PID file and the status file.
 #include "control/control_files.h"
 
+#include "control/file.h"
 #include "daemon/global.h"
-#include "utilities/descriptors.h"
 #include "utilities/sleep.h"
 
 #include <cerrno>
 #include <charconv>
-#include <cstring>
 #include <system_error>
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 namespace control {
 
@@ -44,60 +42,21 @@ PidFile unreadable(const std::string& reason) {
     return file;
 }
 
-/// The beginning of a file, one byte more than `limit` at most; nothing when reading fails.
-std::optional<std::string> readBeginning(int descriptor, std::size_t limit) {
-    std::string text(limit + 1, '\0');
-    std::size_t filled = 0;
-    while (filled < text.size()) {
-        const ssize_t count = read(descriptor, text.data() + filled, text.size() - filled);
-        if (count < 0 && errno == EINTR) {
-            continue;
-        }
-        if (count < 0) {
-            return std::nullopt;
-        }
-        if (count == 0) {
-            break;
-        }
-        filled += static_cast<std::size_t>(count);
-    }
-    text.resize(filled);
-    return text;
-}
-
-double seconds(const timespec& time) {
-    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
-}
-
 PidFile readPidFileOnce() {
-    // A named pipe or a device must not make the reader wait.
-    const Descriptor descriptor(
-        open(pidFilePath().c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW));
-    if (descriptor.get() < 0) {
-        if (errno == ENOENT) {
-            return {};
-        }
-        return unreadable(errno == ELOOP ? "it is a symbolic link" : std::strerror(errno));
+    const FileText read = readFile(pidFilePath(), pidFileLimit + 1, 0, O_NOFOLLOW);
+    if (!read.text) {
+        return read.error == ENOENT ? PidFile() : unreadable(read.problem);
     }
-    struct stat before = {};
-    struct stat after = {};
-    if (fstat(descriptor.get(), &before) != 0) {
-        return unreadable(std::strerror(errno));
-    }
-    if (!S_ISREG(before.st_mode)) {
-        return unreadable("it is not a regular file");
-    }
-    const std::optional<std::string> text = readBeginning(descriptor.get(), pidFileLimit);
-    if (!text || fstat(descriptor.get(), &after) != 0) {
-        return unreadable(std::strerror(errno));
-    }
-    PidFile file = parsePidFile(*text);
+    PidFile file = parsePidFile(*read.text);
     // Its text and its time belong together only if nothing was written in between.
-    if (seconds(before.st_mtim) != seconds(after.st_mtim) || before.st_size != after.st_size) {
+    struct stat after = {};
+    const timespec& before = read.status.st_mtim;
+    if (lstat(pidFilePath().c_str(), &after) != 0 || after.st_size != read.status.st_size ||
+        after.st_mtim.tv_sec != before.tv_sec || after.st_mtim.tv_nsec != before.tv_nsec) {
         file = damaged("it is being written");
     }
-    file.written = seconds(after.st_mtim);
-    file.owner = after.st_uid;
+    file.written = static_cast<double>(before.tv_sec) + static_cast<double>(before.tv_nsec) / 1e9;
+    file.owner = read.status.st_uid;
     return file;
 }
 
@@ -161,13 +120,8 @@ std::optional<int> parseStatusFile(std::string_view text) {
 }
 
 std::optional<int> readStatusFile() {
-    const Descriptor descriptor(
-        open(statusFilePath().c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
-    if (descriptor.get() < 0) {
-        return std::nullopt;
-    }
     constexpr std::size_t longest = 64;
-    return parseStatusFile(readBeginning(descriptor.get(), longest).value_or(""));
+    return parseStatusFile(readFile(statusFilePath(), longest).text.value_or(""));
 }
 
 } // namespace control

@@ -11,7 +11,6 @@
 #include <sstream>
 #include <system_error>
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace control {
@@ -123,23 +122,6 @@ std::string executable(pid_t pid) {
     return error ? std::string() : path.string();
 }
 
-std::optional<FileId> fileIdOf(const std::string& path) {
-    struct stat status = {};
-    if (stat(path.c_str(), &status) != 0) {
-        return std::nullopt;
-    }
-    return FileId{status.st_dev, status.st_ino};
-}
-
-std::optional<double> modificationTime(const std::string& path) {
-    struct stat status = {};
-    if (lstat(path.c_str(), &status) != 0) {
-        return std::nullopt;
-    }
-    return static_cast<double>(status.st_mtim.tv_sec) +
-           static_cast<double>(status.st_mtim.tv_nsec) / 1e9;
-}
-
 std::optional<uid_t> userOf(pid_t pid) {
     // The owner of the folder would be root for a process that may not be dumped.
     std::istringstream text(readProcFile(folderOf(pid) + "/status"));
@@ -161,14 +143,14 @@ bool sharesPidNamespace(pid_t pid) {
     return !theirs || theirs == fileIdOf("/proc/self/ns/pid");
 }
 
-int threadCount(pid_t pid) {
-    return static_cast<int>(numbersIn(folderOf(pid) + "/task").size());
+std::vector<pid_t> threadsOf(pid_t pid) {
+    return numbersIn(folderOf(pid) + "/task");
 }
 
 std::string threadStates(pid_t pid) {
     const std::string threads = folderOf(pid) + "/task";
     std::string states;
-    for (const pid_t thread : numbersIn(threads)) {
+    for (const pid_t thread : threadsOf(pid)) {
         const std::optional<Process> state =
             parseProcess(readProcFile(threads + "/" + std::to_string(thread) + "/stat"));
         if (state) {
@@ -185,7 +167,7 @@ std::vector<pid_t> allProcesses() {
 std::vector<pid_t> childrenOf(pid_t pid) {
     std::vector<pid_t> children;
     const std::string threads = folderOf(pid) + "/task";
-    for (const pid_t thread : numbersIn(threads)) {
+    for (const pid_t thread : threadsOf(pid)) {
         std::istringstream text(readProcFile(threads + "/" + std::to_string(thread) + "/children"));
         children.insert(children.end(), std::istream_iterator<pid_t>(text), {});
     }

@@ -1,6 +1,8 @@
 // What the kernel tells of one process in /proc.
 #pragma once
 
+#include "control/file.h"
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -50,34 +52,18 @@ std::vector<std::string> commandLine(pid_t pid);
 /// replaced or removed since. Empty when it may not be looked at.
 std::string executable(pid_t pid);
 
-/// Which file something is, whatever it is called.
-struct FileId {
-    dev_t device = 0;
-    ino_t number = 0;
-
-    bool operator==(const FileId& other) const {
-        return device == other.device && number == other.number;
-    }
-};
-
-/// Of the file at this path, symbolic links followed; nothing when there is none or it may not be
-/// looked at. "/proc/812/exe" gives the file that a process runs, also when that was removed.
-std::optional<FileId> fileIdOf(const std::string& path);
-
-/// When a file was last written to, in seconds since 1970; of a symbolic link, the link itself.
-std::optional<double> modificationTime(const std::string& path);
-
 /// The user that the process runs as; nothing if there is none of this number.
 std::optional<uid_t> userOf(pid_t pid);
 
 /// False if the process is known to live in another pid namespace than this one: a container's.
 bool sharesPidNamespace(pid_t pid);
 
-/// How many threads it has; 0 if there is no such process.
-int threadCount(pid_t pid);
-
-/// Where each of its threads stands, as in Process::state; empty if there is no such process.
+/// Where each of its threads stands, as in Process::state, one letter for each; empty if there is
+/// no such process.
 std::string threadStates(pid_t pid);
+
+/// The numbers of the threads of a process, ascending.
+std::vector<pid_t> threadsOf(pid_t pid);
 
 /// The numbers of all processes, ascending.
 std::vector<pid_t> allProcesses();

@@ -27,6 +27,7 @@ constexpr int warningsStatus = 1;
 constexpr int errorsStatus = 2;
 
 struct CheckOptions {
+    std::vector<std::string> startOptions;
     std::string file;
     bool hasFile = false;
     std::string user;
@@ -70,7 +71,7 @@ std::string chooseFile(const CheckOptions& options, std::string& problem) {
 
 CheckReport makeReport(const CheckOptions& options) {
     CheckReport report;
-    report.startOptions = startOptionsOf(options);
+    report.startOptions = options.startOptions;
     std::string problem;
     report.file = chooseFile(options, problem);
     FileText file;
@@ -79,7 +80,7 @@ CheckReport makeReport(const CheckOptions& options) {
         problem = file.problem;
     }
     if (!file.text) {
-        report.findings.push_back({Severity::error,
+        report.findings.push_back({Severity::fatal,
                                    "unreadable",
                                    0,
                                    report.file,
@@ -93,7 +94,7 @@ CheckReport makeReport(const CheckOptions& options) {
     const std::string& text = report.view->text();
     LoadedConfiguration loaded = makeConfiguration(text, report.startOptions);
     if (!loaded.configuration) {
-        report.findings.push_back({Severity::error, "bad-start-option", 0, "", loaded.problem,
+        report.findings.push_back({Severity::fatal, "bad-start-option", 0, "", loaded.problem,
                                    "correct the start options; what follows leaves them aside",
                                    Finding::About::startOptions});
         report.startOptions.clear();
@@ -136,6 +137,17 @@ int check(const CheckOptions& options) {
 
 } // namespace
 
+std::string whatIsFatal(const std::vector<std::string>& startOptions) {
+    CheckOptions options;
+    options.startOptions = startOptions;
+    for (const Finding& finding : makeReport(options).findings) {
+        if (finding.severity == Severity::fatal) {
+            return finding.text;
+        }
+    }
+    return {};
+}
+
 void addCheckCommand(CLI::App& app, const CommonOptions& /*common*/, int& exitStatus) {
     CLI::App* const command =
         app.add_subcommand("check", "Say what the daemon would do with a configuration, and every "
@@ -157,6 +169,7 @@ void addCheckCommand(CLI::App& app, const CommonOptions& /*common*/, int& exitSt
         options->hasFile = file->count() > 0;
         options->hasUser = user->count() > 0;
         try {
+            options->startOptions = startOptionsOf(*options);
             exitStatus = check(*options);
         } catch (const std::exception& error) {
             complain(error.what());

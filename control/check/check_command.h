@@ -9,4 +9,8 @@ namespace control {
 /// warnings, 2 when there are errors or the configuration can't be read.
 void addCheckCommand(CLI::App& app, const CommonOptions& common, int& exitStatus);
 
+/// What keeps the daemon from coming up with these start options on this host, as one sentence;
+/// empty if nothing is found. Asks no detector.
+std::string whatIsFatal(const std::vector<std::string>& startOptions);
+
 } // namespace control

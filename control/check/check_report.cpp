@@ -65,7 +65,7 @@ std::string pluralOf(std::size_t number, const char* word) {
 }
 
 const char* nameOf(Severity severity) {
-    return severity == Severity::error ? "error" : "warning";
+    return severity == Severity::warning ? "warning" : "error";
 }
 
 const char* nameOf(Finding::About about) {

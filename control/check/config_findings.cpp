@@ -184,6 +184,10 @@ private:
                const std::string& advice) {
         add(Severity::error, code, line, subject, text, advice);
     }
+    void fatal(const char* code, int line, const std::string& subject, const std::string& text,
+               const std::string& advice) {
+        add(Severity::fatal, code, line, subject, text, advice);
+    }
     void warning(const char* code, int line, const std::string& subject, const std::string& text,
                  const std::string& advice) {
         add(Severity::warning, code, line, subject, text, advice);
@@ -400,7 +404,7 @@ void Finder::lookAtBlocks() {
         }
     }
     if (view.blocks().empty()) {
-        error("no-detector", 0, std::string(blockKey),
+        fatal("no-detector", 0, std::string(blockKey),
               "the file defines no detector, so that the daemon ends as soon as it has started",
               "add a block that begins with a \"detectorID ID\" line for each detector");
     }

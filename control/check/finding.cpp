@@ -7,8 +7,9 @@ namespace control {
 
 std::size_t count(const Findings& findings, Severity severity) {
     return static_cast<std::size_t>(
-        std::count_if(findings.begin(), findings.end(),
-                      [severity](const Finding& each) { return each.severity == severity; }));
+        std::count_if(findings.begin(), findings.end(), [severity](const Finding& each) {
+            return (each.severity == Severity::warning) == (severity == Severity::warning);
+        }));
 }
 
 std::string inQuotes(std::string_view text) {

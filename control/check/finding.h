@@ -11,7 +11,8 @@ namespace control {
 /// What the daemon would do about it is told by the finding; this says how bad that is.
 enum class Severity {
     warning, // the daemon works, but perhaps not as meant
-    error,   // the daemon does not start, or certainly does something else than what was meant
+    error,   // the daemon certainly does something else than what was meant
+    fatal,   // the daemon does not come up; told as an error
 };
 
 struct Finding {
@@ -26,6 +27,7 @@ struct Finding {
 
 using Findings = std::vector<Finding>;
 
+/// How many of them are warnings; or errors, fatal ones with them.
 std::size_t count(const Findings& findings, Severity severity);
 
 /// A text as it is quoted in a sentence; the end of one beyond 80 bytes is cut off.

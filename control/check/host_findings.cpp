@@ -99,6 +99,10 @@ private:
                const std::string& advice) {
         findings.push_back(hostFinding(Severity::error, code, subject, text, advice));
     }
+    void fatal(const char* code, const std::string& subject, const std::string& text,
+               const std::string& advice) {
+        findings.push_back(hostFinding(Severity::fatal, code, subject, text, advice));
+    }
     void warning(const char* code, const std::string& subject, const std::string& text,
                  const std::string& advice) {
         findings.push_back(hostFinding(Severity::warning, code, subject, text, advice));
@@ -149,7 +153,7 @@ void HostFinder::lookAtLog() {
     struct stat status = {};
     const bool exists = stat(log.c_str(), &status) == 0;
     if (exists && !S_ISREG(status.st_mode)) {
-        error("log-not-a-file", log,
+        fatal("log-not-a-file", log,
               "the log " + inQuotes(log) + " is " +
                   (S_ISDIR(status.st_mode) ? "a directory" : "no regular file"),
               advice);
@@ -161,7 +165,7 @@ void HostFinder::lookAtLog() {
     const std::string folder = (failure ? fs::path(log) : place).parent_path().string();
     struct stat folderStatus = {};
     if (stat(folder.c_str(), &folderStatus) != 0 || !S_ISDIR(folderStatus.st_mode)) {
-        error("log-folder-missing", log,
+        fatal("log-folder-missing", log,
               "the folder of the log, " + inQuotes(folder) +
                   ", does not exist: the daemon does not start",
               "mkdir " + folder);
@@ -169,7 +173,7 @@ void HostFinder::lookAtLog() {
     }
     const int reason = exists ? refusal(log, W_OK) : refusal(folder, W_OK | X_OK);
     if (reason != 0) {
-        error("log-not-writable", log,
+        fatal("log-not-writable", log,
               "the log " + inQuotes(log) + " can't be written (" + std::strerror(reason) +
                   "): the daemon does not start",
               advice);
@@ -197,7 +201,7 @@ void HostFinder::lookAtPasswordFile() {
         if (errno == EACCES && !isRoot()) {
             return;
         }
-        error("password-file-missing", path,
+        fatal("password-file-missing", path,
               "the password file " + path + " can't be found (" + std::strerror(errno) +
                   "): the daemon does not start",
               "put the password of the detectors' rsync daemons there, with mode 0600");
@@ -218,7 +222,7 @@ void HostFinder::lookAtCopyProgram() {
         if (errno == EACCES && !isRoot()) {
             return;
         }
-        error("copy-program-missing", path,
+        fatal("copy-program-missing", path,
               "the copy program " + path + " can't be found (" + std::strerror(errno) +
                   "): the daemon does not start",
               "install it, for instance with the package skarn-confirming-rsync");
@@ -299,9 +303,13 @@ void HostFinder::lookAtFixedFolders() {
     if (isUsableFolder("run-not-writable", "/var/run",
                        "the daemon ends as soon as it has started, without a word")) {
         for (const std::string& path : {pidFilePath(), statusFilePath()}) {
-            if (stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
-                error("control-file-not-regular", path,
+            errno = 0;
+            if (lstat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
+                fatal("control-file-not-regular", path,
                       path + " is no regular file, and the daemon can't write it", "remove it");
+            } else if (const int reason = errno == ENOENT ? 0 : refusal(path, W_OK)) {
+                fatal("control-file-not-writable", path,
+                      path + " can't be written: " + std::strerror(reason), "let root write it");
             }
         }
     }
@@ -463,7 +471,7 @@ Findings judgeCopyProgram(const struct stat& status, std::string_view content) {
         return findings;
     }
     if ((status.st_mode & S_IXUSR) == 0) {
-        add(Severity::error, "copy-program-not-executable",
+        add(Severity::fatal, "copy-program-not-executable",
             "is not executable by its owner: the daemon does not start", "chmod 0755 " + path);
     }
     if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0 || status.st_uid != 0) {

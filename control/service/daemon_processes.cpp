@@ -1,12 +1,14 @@
 // Which processes are the daemon and its copy processes, whatever the PID file claims.
 #include "control/service/daemon_processes.h"
 
+#include "control/file.h"
 #include "daemon/global.h"
 
 #include <algorithm>
 #include <ctime>
 #include <filesystem>
-#include <fstream>
+#include <iterator>
+#include <string_view>
 #include <system_error>
 
 #include <unistd.h>
@@ -20,6 +22,8 @@ namespace fs = std::filesystem;
 /// How far the start of a process and the time of a file may be apart the wrong way round: ticks
 /// are rounded, file systems use a coarse clock, and a leap second may lie between.
 constexpr double forgivenSeconds = 2;
+
+constexpr const char* twoDaemons = "they spoil each other's work, stop ends them all";
 
 Judgement yes() {
     return {Judgement::Kind::confirmed, {}};
@@ -71,6 +75,18 @@ Judgement judgeCommon(const Evidence& evidence) {
     return yes();
 }
 
+bool isTrusted(uid_t user) {
+    return user == 0 || user == geteuid();
+}
+
+/// Whether it writes its PID file where this process looks for it: not so in a change of root.
+bool sharesRunFolder(pid_t pid) {
+    std::error_code error;
+    const fs::path folder = fs::canonical("/var/run", error);
+    return fileIdOf("/proc/" + std::to_string(pid) + "/root" + folder.string()) ==
+           fileIdOf(folder.string());
+}
+
 std::vector<Process> findCopyProcesses(const Evidence& daemon) {
     std::vector<Process> found;
     for (const pid_t pid : childrenOf(daemon.process.pid)) {
@@ -82,21 +98,24 @@ std::vector<Process> findCopyProcesses(const Evidence& daemon) {
     return found;
 }
 
-/// Those lines of the PID file that are still copy processes of the daemon that wrote it.
-std::vector<Process> findNamedOrphans(const PidFile& file) {
-    std::vector<Process> found;
+/// Those of some processes that a daemon has left behind, ascending. Of other users' processes only
+/// those that the daemon `named`.
+std::vector<Process> orphansAmong(std::vector<pid_t> pids, const EndedDaemon& daemon, bool named) {
     const Program program = programAt(GLOBAL::rsyncCommand);
-    EndedDaemon daemon;
-    daemon.pid = file.daemon;
-    daemon.ended = file.written;
-    for (const pid_t pid : file.copyProcesses) {
-        const std::optional<Evidence> evidence = gatherEvidence(pid);
-        if (evidence && judgeOrphan(*evidence, program, daemon)) {
+    std::vector<Process> found;
+    std::sort(pids.begin(), pids.end());
+    for (const pid_t pid : pids) {
+        std::optional<Evidence> evidence = gatherEvidence(pid);
+        if (!evidence) {
+            continue;
+        }
+        if (isTrusted(evidence->user) || (named && runs(*evidence, program) == Runs::yes)) {
+            evidence->words = commandLine(pid);
+        }
+        if (judgeOrphan(*evidence, program, daemon)) {
             found.push_back(evidence->process);
         }
     }
-    std::sort(found.begin(), found.end(),
-              [](const Process& one, const Process& other) { return one.pid < other.pid; });
     return found;
 }
 
@@ -110,122 +129,117 @@ std::string verb(const std::vector<Process>& processes) {
     return processes.size() == 1 ? "runs" : "run";
 }
 
-/// What a look through all processes gave.
-struct SearchResult {
-    std::vector<Process> found;  // they run the program as a daemon
-    std::vector<Process> hidden; // of its name, but this user may not look at them
-};
-
-/// Looks among root's processes, this user's and those of the PID file's owner: any other user can
-/// run the daemon's program, but not as a daemon that could write that file.
-SearchResult search(const Program& program, const PidFile& file) {
+/// Looks through the processes of root, of this user and of the PID file's owner for daemons beside
+/// `daemon`: any other user can run its program, but not so that it could write that file.
+void search(const Program& program, DaemonProcesses& result) {
     // The kernel keeps 15 bytes of a name.
     const std::string name = fs::path(program.path).filename().string().substr(0, 15);
-    SearchResult result;
     std::vector<Process> candidates;
     for (const pid_t pid : allProcesses()) {
+        const std::optional<Process> process = readProcess(pid);
+        if (!process || !leadsItsSession(*process) || pid == result.pid()) {
+            continue;
+        }
         const std::optional<Evidence> evidence = gatherEvidence(pid);
-        if (!evidence ||
-            (evidence->user != 0 && evidence->user != geteuid() && evidence->user != file.owner)) {
+        if (!evidence || (!isTrusted(evidence->user) && evidence->user != result.pidFile.owner)) {
             continue;
         }
         const Judgement judgement = judgeDaemonProgram(*evidence, program);
-        if (judgement) {
-            candidates.push_back(evidence->process);
-        } else if (judgement.kind == Judgement::Kind::hidden && evidence->process.name == name) {
-            result.hidden.push_back(evidence->process);
+        if (judgement && sharesRunFolder(pid)) {
+            candidates.push_back(*process);
+        } else if (judgement.kind == Judgement::Kind::hidden && process->name == name) {
+            result.hidden.push_back(*process);
         }
     }
     // Between its fork and its exec a copy process looks like the daemon.
-    for (const Process& one : candidates) {
-        const bool isChild =
-            std::any_of(candidates.begin(), candidates.end(),
-                        [&one](const Process& other) { return one.parent == other.pid; });
-        if (!isChild) {
-            result.found.push_back(one);
-        }
-    }
-    return result;
+    const auto isChild = [&](const Process& one) {
+        return one.parent == result.pid() ||
+               std::any_of(candidates.begin(), candidates.end(),
+                           [&one](const Process& other) { return one.parent == other.pid; });
+    };
+    std::copy_if(candidates.begin(), candidates.end(), std::back_inserter(result.unvouched),
+                 [&isChild](const Process& one) { return !isChild(one); });
 }
 
-/// What the PID file says, held against the process that it names.
-struct Claim {
-    std::optional<Evidence> daemon; // when it is true
-    std::string problem;            // a clause that says why it is not
-    bool isHidden = false;          // it may be true, but this user may not look
-};
-
-Claim examine(const PidFile& file, const Program& program) {
-    Claim claim;
-    switch (file.state) {
-    case PidFile::State::absent:
-        claim.problem = "there is no PID file";
-        return claim;
-    case PidFile::State::unreadable:
-        claim.problem = file.problem;
-        return claim;
-    case PidFile::State::damaged:
-        claim.problem = pidFilePath() + " is damaged (" + file.problem + ")";
-        return claim;
-    case PidFile::State::whole:
-        break;
+/// Holds what the PID file says against the process that it names, and describes that if it is the
+/// daemon. Else returns a clause that says why it is not.
+std::string examine(const Program& program, DaemonProcesses& result) {
+    const PidFile& file = result.pidFile;
+    if (file.state == PidFile::State::absent) {
+        return "there is no PID file";
     }
-    std::optional<Evidence> evidence = gatherEvidence(file.daemon);
-    const Judgement judgement =
-        evidence ? judgeDaemon(*evidence, program, file.written) : no("has ended");
-    if (judgement) {
-        claim.daemon = std::move(evidence);
-        return claim;
+    if (file.state == PidFile::State::unreadable) {
+        return file.problem;
     }
-    claim.isHidden = judgement.kind == Judgement::Kind::hidden;
-    claim.problem =
-        "process " + std::to_string(file.daemon) + " of " + pidFilePath() + " " + judgement.reason;
-    return claim;
-}
+    if (file.state == PidFile::State::damaged) {
+        return pidFilePath() + " is damaged (" + file.problem + ")";
+    }
+    const pid_t pid = file.daemon;
+    const std::string named = "process " + std::to_string(pid) + " of " + pidFilePath() + " ";
+    const std::optional<Evidence> evidence = gatherEvidence(pid);
+    if (!evidence) {
+        return named + "has ended";
+    }
+    Judgement judgement = judgeDaemonProgram(*evidence, program);
+    if (judgement && !isTrusted(evidence->user) && evidence->user != file.owner) {
+        judgement = no("belongs to another user");
+    }
+    const std::string name = fs::path(program.path).filename().string().substr(0, 15);
+    if (judgement.kind == Judgement::Kind::hidden &&
+        (evidence->process.name != name || evidence->user != file.owner)) {
+        judgement = no("is not named " + name);
+    }
+    if (judgement.kind == Judgement::Kind::refuted) {
+        return named + judgement.reason;
+    }
 
-void describeRunning(const Evidence& daemon, DaemonProcesses& result) {
+    result.isCertain = static_cast<bool>(judgement);
     result.state = DaemonProcesses::State::running;
-    result.daemon = daemon.process;
-    result.upSince = daemon.started;
-    if (!daemon.words.empty()) {
-        result.startOptions.assign(daemon.words.begin() + 1, daemon.words.end());
-    }
-    result.copyProcesses = findCopyProcesses(daemon);
-    result.text = GLOBAL::progName + " runs as process " + std::to_string(daemon.process.pid) +
-                  " since " + localTime(daemon.started);
+    result.daemon = evidence->process;
+    result.upSince = evidence->started;
+    // Its owner could write the PID file: it is no stranger's memory.
+    const std::vector<std::string> words = commandLine(pid);
+    result.startOptions.assign(words.begin() + (words.empty() ? 0 : 1), words.end());
+    result.copyProcesses = findCopyProcesses(*evidence);
+    result.text = GLOBAL::progName + (result.isCertain ? " runs" : " seems to run") +
+                  " as process " + std::to_string(pid) + " since " + localTime(evidence->started);
     if (!result.copyProcesses.empty()) {
         result.text += ", with " + counted(result.copyProcesses, "copy process");
     }
+    if (!result.isCertain) {
+        result.text += "; only root can be sure";
+    }
+    constexpr std::string_view deleted = " (deleted)";
+    const std::string& path = evidence->executable;
+    if (path.size() > deleted.size() &&
+        path.compare(path.size() - deleted.size(), deleted.size(), deleted) == 0) {
+        result.text += "; its program was replaced since: a restart runs the new one";
+    }
+    return {};
 }
 
-void describeNotRunning(const Claim& claim, const SearchResult& others, const Program& program,
+void describeNotRunning(const std::string& problem, const Program& program,
                         DaemonProcesses& result) {
     using State = DaemonProcesses::State;
-    const std::string uncertain = "whether " + GLOBAL::progName + " runs is uncertain: ";
-    if (!others.found.empty()) {
-        result.state = State::unknown;
-        result.text = uncertain + claim.problem + ", but " + counted(others.found, "process") +
-                      " " + verb(others.found) + " " + program.path;
-    } else if (claim.isHidden) {
-        result.state = State::unknown;
-        result.text = uncertain + claim.problem;
-    } else if (!others.hidden.empty()) {
-        result.state = State::unknown;
-        result.text = uncertain + claim.problem + ", but only root may look at " +
-                      counted(others.hidden, "process") + " of its name";
+    const std::string uncertain = "whether " + GLOBAL::progName + " runs is uncertain: " + problem;
+    if (!result.unvouched.empty()) {
+        result.text = uncertain + ", but " + counted(result.unvouched, "process") + " " +
+                      verb(result.unvouched) + " " + program.path;
+    } else if (!result.hidden.empty()) {
+        result.text = uncertain + ", but only root may look at " +
+                      counted(result.hidden, "process") + " of its name";
     } else if (result.pidFile.state == PidFile::State::unreadable) {
-        result.state = State::unknown;
-        result.text = uncertain + claim.problem + ", and no process runs " + program.path;
+        result.text = uncertain + ", and no process runs " + program.path;
     } else if (result.pidFile.state == PidFile::State::absent) {
         result.state = State::notRunning;
         result.text = GLOBAL::progName + " does not run";
     } else {
         result.state = State::dead;
-        result.text = GLOBAL::progName + " is dead: " + claim.problem;
+        result.text = GLOBAL::progName + " is dead: " + problem;
     }
     if (!result.copyProcesses.empty()) {
-        result.text += "; it left " + counted(result.copyProcesses, "copy process") +
-                       (result.copyProcesses.size() == 1 ? " that runs" : " that run");
+        result.text += "; it left " + counted(result.copyProcesses, "copy process") + " that " +
+                       (result.copyProcesses.size() == 1 ? "runs" : "run");
     }
 }
 
@@ -239,12 +253,7 @@ Program programAt(const std::string& path) {
         program.path = path;
     }
     program.identity = fileIdOf(program.path);
-    std::ifstream file;
-    if (fs::is_regular_file(program.path, error)) {
-        file.open(program.path, std::ios::binary);
-    }
-    char first[2] = {};
-    program.isScript = file.read(first, sizeof first) && first[0] == '#' && first[1] == '!';
+    program.isScript = readFile(program.path, 2).text == "#!";
     return program;
 }
 
@@ -259,7 +268,6 @@ std::optional<Evidence> gatherEvidence(pid_t pid) {
     evidence.sameNamespace = sharesPidNamespace(pid);
     evidence.executable = executable(pid);
     evidence.executed = fileIdOf("/proc/" + std::to_string(pid) + "/exe");
-    evidence.words = commandLine(pid);
     // All of it was one process' only if that has its number still.
     const std::optional<Process> after = readProcess(pid);
     if (!after || !isRunning(*after) || after->startTicks != before->startTicks) {
@@ -286,14 +294,6 @@ Judgement judgeDaemonProgram(const Evidence& evidence, const Program& daemon) {
         break;
     }
     return no("runs another program (" + evidence.executable + ")");
-}
-
-Judgement judgeDaemon(const Evidence& evidence, const Program& daemon, double written) {
-    Judgement program = judgeDaemonProgram(evidence, daemon);
-    if (program && evidence.started > written + forgivenSeconds) {
-        return no("started after the PID file was written");
-    }
-    return program;
 }
 
 Judgement judgeChild(const Evidence& evidence, const Evidence& daemon) {
@@ -349,20 +349,8 @@ Judgement judgeOrphan(const Evidence& evidence, const Program& copyProgram,
     return yes();
 }
 
-std::vector<Process> findDaemonPrograms(const std::string& daemonPath) {
-    return search(programAt(daemonPath), readPidFile()).found;
-}
-
 std::vector<Process> findOrphans(const EndedDaemon& daemon) {
-    const Program program = programAt(GLOBAL::rsyncCommand);
-    std::vector<Process> found;
-    for (const pid_t pid : allProcesses()) {
-        const std::optional<Evidence> evidence = gatherEvidence(pid);
-        if (evidence && judgeOrphan(*evidence, program, daemon)) {
-            found.push_back(evidence->process);
-        }
-    }
-    return found;
+    return orphansAmong(allProcesses(), daemon, false);
 }
 
 std::vector<Process> findSessionMembers(const Process& leader) {
@@ -383,21 +371,27 @@ std::vector<Process> findSessionMembers(const Process& leader) {
     return found;
 }
 
-DaemonProcesses findDaemon(const std::string& daemonPath) {
+DaemonProcesses findDaemon(const std::string& daemonPath, Search extent) {
     const Program program = programAt(daemonPath);
     DaemonProcesses result;
     result.pidFile = readPidFile();
-    Claim claim = examine(result.pidFile, program);
-    if (claim.daemon) {
-        describeRunning(*claim.daemon, result);
-        return result;
+    const std::string problem = examine(program, result);
+    const bool runs = problem.empty();
+    if (!runs || extent == Search::always) {
+        search(program, result);
     }
-    if (result.pidFile.state == PidFile::State::whole) {
-        result.copyProcesses = findNamedOrphans(result.pidFile);
+    if (!runs) {
+        if (result.pidFile.state == PidFile::State::whole) {
+            EndedDaemon ended;
+            ended.pid = result.pidFile.daemon;
+            ended.ended = result.pidFile.written;
+            result.copyProcesses = orphansAmong(result.pidFile.copyProcesses, ended, true);
+        }
+        describeNotRunning(problem, program, result);
+    } else if (!result.unvouched.empty()) {
+        result.text += "; but " + counted(result.unvouched, "more process") + " " +
+                       verb(result.unvouched) + " as a daemon, too: " + twoDaemons;
     }
-    const SearchResult others = search(program, result.pidFile);
-    result.unvouched = others.found;
-    describeNotRunning(claim, others, program, result);
     return result;
 }
 

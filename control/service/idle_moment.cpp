@@ -1,13 +1,18 @@
 // The moment at which the daemon can be ended without a confirmed file that goes unannounced.
 #include "control/service/idle_moment.h"
 
+#include "control/control_files.h"
 #include "control/service/daemon_processes.h"
 #include "utilities/sleep.h"
 
 #include <algorithm>
 #include <csignal>
+#include <cstdlib>
 #include <filesystem>
+#include <sstream>
 #include <system_error>
+
+#include <sys/stat.h>
 
 namespace control {
 
@@ -27,20 +32,30 @@ constexpr Milliseconds killLimit{10000};
 
 enum class Work { none, some, hidden };
 
+double writtenAt(const struct stat& status) {
+    return static_cast<double>(status.st_mtim.tv_sec) +
+           static_cast<double>(status.st_mtim.tv_nsec) / 1e9;
+}
+
 /// Whether the daemon has file lists. Its /tmp may be its own.
 Work fileLists(const ProcessHandle& daemon) {
-    const std::string folder = "/proc/" + std::to_string(daemon.pid()) + "/root/tmp";
-    const double started = startTime(daemon.process());
+    const std::string root = "/proc/" + std::to_string(daemon.pid()) + "/root";
+    const std::optional<uid_t> user = userOf(daemon.pid());
+    // An earlier process of this number may have left a list that nobody will ever remove. The
+    // clock may have been set since the start: what the daemon wrote then is another witness of it.
+    struct stat status = {};
+    double started = startTime(daemon.process());
+    if (lstat(statusFilePath().c_str(), &status) == 0) {
+        started = std::min(started, writtenAt(status));
+    }
     std::error_code error;
-    fs::directory_iterator entry(folder, error);
+    fs::directory_iterator entry(root + "/tmp", error);
     for (const fs::directory_iterator end; !error && entry != end; entry.increment(error)) {
-        const std::string name = entry->path().filename().string();
-        if (!isFileListOf(name, daemon.pid())) {
-            continue;
-        }
-        // An earlier process of this number may have left one that nobody will ever remove.
-        const std::optional<double> written = modificationTime(entry->path().string());
-        if (written && *written >= started - 2) {
+        const std::string path = entry->path().string();
+        // Anybody may make a file of that name; the daemon's own are its user's.
+        if (isFileListOf(entry->path().filename().string(), daemon.pid()) &&
+            lstat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) && status.st_uid == user &&
+            writtenAt(status) >= started - 2) {
             return Work::some;
         }
     }
@@ -64,6 +79,20 @@ bool isStopped(const ProcessHandle& daemon) {
     return !states.empty() && states.find_first_not_of("Tt") == std::string::npos;
 }
 
+/// Whether SIGTERM is neither ignored, blocked nor caught: it may have been started so.
+bool canBeTerminated(pid_t pid) {
+    std::istringstream lines(readProcFile("/proc/" + std::to_string(pid) + "/status"));
+    std::uint64_t changed = 0;
+    std::string key;
+    std::string value;
+    while (lines >> key && std::getline(lines, value)) {
+        if (key == "SigBlk:" || key == "SigIgn:" || key == "SigCgt:") {
+            changed |= std::strtoull(value.c_str(), nullptr, 16);
+        }
+    }
+    return (changed >> (SIGTERM - 1) & 1U) == 0;
+}
+
 /// Stops the daemon while it exists. Signals that would end or stop this program wait meanwhile.
 class Stopped {
 public:
@@ -84,6 +113,20 @@ public:
             daemon.send(SIGCONT);
         }
         sigprocmask(SIG_SETMASK, &mask, nullptr);
+    }
+
+    /// Ends it where it stands. By SIGTERM if that works, so that nobody takes it for a kill for
+    /// want of memory: each thread gets one of its own, which it meets before all else when it is
+    /// let go. Otherwise a thread could run on until another one's has ended all of them.
+    void end() const {
+        if (canBeTerminated(daemon.pid())) {
+            for (const pid_t thread : threadsOf(daemon.pid())) {
+                tgkill(daemon.pid(), thread, SIGTERM);
+            }
+            daemon.send(SIGCONT);
+        } else {
+            daemon.send(SIGKILL);
+        }
     }
     Stopped(const Stopped&) = delete;
     Stopped& operator=(const Stopped&) = delete;
@@ -113,7 +156,7 @@ IdleEnd tryToEnd(const ProcessHandle& daemon) {
     if (fileLists(daemon) != Work::none || hasCopyProcess(daemon)) {
         return IdleEnd::busy;
     }
-    daemon.send(SIGKILL);
+    stopped.end();
     return waitFor([&daemon] { return !daemon.isRunning(); }, killLimit) ? IdleEnd::ended
                                                                          : IdleEnd::busy;
 }

@@ -26,10 +26,9 @@ bool isFileListOf(const std::string& name, pid_t daemon);
 ///
 /// The daemon writes its file lists before it starts copy processes, and removes them after it has
 /// read and passed on all that these reported. So while none is there, nothing is under way. To be
-/// sure of the moment the daemon is stopped (SIGSTOP), looked at again, and then either ended
-/// (SIGKILL: it has no handlers, and one that is stopped would have to run again to heed anything
-/// else) or let go (SIGCONT). While it is stopped, the signals that end or stop this program wait,
-/// so that it is never left so.
+/// sure of the moment the daemon is stopped (SIGSTOP), looked at again, and then either ended by
+/// SIGTERM without running again, or let go (SIGCONT). While it is stopped, the signals that end or
+/// stop this program wait, so that it is never left so.
 IdleEnd endWhenIdle(const ProcessHandle& daemon, std::chrono::seconds patience);
 
 } // namespace control

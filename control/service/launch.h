@@ -8,8 +8,6 @@
 #include <string>
 #include <vector>
 
-#include <sys/types.h>
-
 namespace control {
 
 /// What the start command left.
@@ -18,13 +16,10 @@ struct Launch {
     bool letGo = false;            // it ended, and it and the daemon closed their output, in time
     int status = 0;                // its wait status, once it has let go
     std::string output;            // what it printed, the beginning at least
-    std::string errors;            // the same on standard error
     std::optional<Process> daemon; // what it left running, or as a zombie that is to be waited for
 };
 
-/// Runs the daemon's executable with these words. The environment and the working directory are
-/// this program's; the signals have their default actions; standard input is /dev/null, the other
-/// two are pipes to here, and nothing else is open in it.
+/// Runs the daemon's executable with these words, as a Child.
 ///
 /// Makes this process the parent of what detaches from it (a "child subreaper", for the rest of its
 /// life), so that the daemon is known for certain and its exit status can be had: wait for

@@ -77,7 +77,7 @@ void addStatus(CLI::App& app, const CommonOptions& common, int& exitStatus) {
     const auto json = std::make_shared<bool>(false);
     status->add_flag("--json", *json, "As one JSON object");
     status->callback([&common, &exitStatus, json] {
-        const DaemonProcesses found = findDaemon(common.daemonPath);
+        const DaemonProcesses found = findDaemon(common.daemonPath, Search::always);
         const std::string text = *json ? statusJson(found, readStatusFile()) : statusText(found);
         std::fputs(text.c_str(), stdout);
         exitStatus = statusCode(found.state);

@@ -1,43 +1,47 @@
-// Which unit of systemd a process belongs to.
+// Which unit of systemd runs the daemon.
 #include "control/service/service_unit.h"
 
-#include "control/process.h"
+#include "control/child.h"
 #include "daemon/global.h"
 
-#include <algorithm>
+#include <cstdlib>
 
-#include <unistd.h>
+#include <systemd/sd-login.h>
 
 namespace control {
 
-std::string serviceIn(std::string_view cgroups) {
-    constexpr std::string_view ending = ".service";
-    while (!cgroups.empty()) {
-        // NUMBER:CONTROLLERS:PATH; systemd's own hierarchy has number 0 or the name "systemd".
-        const std::string_view line = cgroups.substr(0, cgroups.find('\n'));
-        cgroups.remove_prefix(std::min(line.size() + 1, cgroups.size()));
-        const std::size_t path = line.find(":/");
-        if (path == std::string_view::npos ||
-            (line.substr(0, 3) != "0::" && line.find(":name=systemd:") == std::string_view::npos)) {
-            continue;
-        }
-        const std::string_view name = line.substr(line.rfind('/') + 1);
-        if (name.size() > ending.size() && name.substr(name.size() - ending.size()) == ending) {
-            return std::string(name);
-        }
+namespace {
+
+std::string unitOf(pid_t pid) {
+    char* name = nullptr;
+    if (sd_pid_get_unit(pid, &name) < 0) {
+        return {};
     }
-    return {};
+    std::string unit = name;
+    std::free(name);
+    return unit;
 }
 
-std::string serviceOf(pid_t pid) {
-    return serviceIn(readProcFile("/proc/" + std::to_string(pid) + "/cgroup"));
-}
+} // namespace
 
 std::string managingService(pid_t daemon) {
-    std::string service = serviceOf(daemon);
-    // Of another name it is a program that has started the daemon once, and not its manager.
-    const bool isItsOwn = service.compare(0, GLOBAL::progName.size(), GLOBAL::progName) == 0;
-    return isItsOwn && service != serviceOf(getpid()) ? service : std::string();
+    constexpr std::string_view ending = ".service";
+    const std::string unit = unitOf(daemon);
+    if (unit.size() <= ending.size() || unit == unitOf(0) ||
+        unit.compare(unit.size() - ending.size(), ending.size(), ending) != 0) {
+        return {};
+    }
+    constexpr std::chrono::seconds limit{5};
+    Child question({"/usr/bin/systemctl", "show", "--property=MainPID", "--value", "--", unit});
+    const bool isAnswered = question.startError() == 0 &&
+                            question.finish(Child::Clock::now() + limit) && question.status() == 0;
+    if (question.startError() == 0) {
+        question.kill();
+    }
+    const bool isItsOwn = isAnswered
+                              ? firstLine(question.text()) == std::to_string(daemon)
+                              : unit.compare(0, GLOBAL::progName.size(), GLOBAL::progName) == 0;
+    return isItsOwn ? unit : std::string();
 }
 
 } // namespace control

@@ -1,22 +1,20 @@
 // Starting the daemon, and finding out whether it really came up.
 #include "control/service/start.h"
 
+#include "control/check/check_command.h"
+#include "control/child.h"
 #include "control/command.h"
 #include "control/configuration.h"
 #include "control/control_files.h"
 #include "control/service/daemon_processes.h"
 #include "control/service/launch.h"
-#include "control/service/new_log_text.h"
 #include "control/service/process_handle.h"
-#include "control/service/start_report.h"
-#include "daemon/daemon.h"
 #include "daemon/global.h"
 
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
-#include <filesystem>
 
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -31,89 +29,92 @@ constexpr std::chrono::seconds limit{10};
 
 /// Why no daemon may be started now; empty if one may.
 std::string whyNotNow(const DaemonProcesses& found) {
-    if (found.state == DaemonProcesses::State::running) {
-        return "nothing was started: " + found.text;
-    }
-    if (!found.unvouched.empty()) {
-        return "nothing was started: " + found.text;
+    if (found.state == DaemonProcesses::State::running || !found.unvouched.empty() ||
+        !found.hidden.empty()) {
+        return found.text;
     }
     // The daemon would wait at a named pipe, and write through a link over some other file.
     struct stat status = {};
     if (lstat(pidFilePath().c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
-        return "nothing was started: " + pidFilePath() +
-               " is in the way of the daemon's PID file and not a regular file; remove it";
+        return pidFilePath() + " is in the way of the daemon's PID file and not a regular file; " +
+               "remove it";
     }
     return {};
 }
 
-/// Why a file can't be written to, as this user; empty if it can.
-std::string whyNotWritable(const std::string& path) {
-    if (access(path.c_str(), F_OK) == 0) {
-        if (std::filesystem::is_directory(path)) {
-            return std::strerror(EISDIR);
+/// The log that the daemon will write: it says there what it lacks, as long as it has not detached.
+struct Log {
+    std::string path;
+    off_t size = 0; // before the start
+
+    /// The line of the new text that names what was missing; empty if there is none.
+    std::string complaint() const {
+        constexpr std::size_t enough = 65536;
+        const std::string text = "\n" + readFile(path, enough, size).text.value_or("");
+        const std::size_t begin = text.find("\nError: ");
+        return begin == std::string::npos ? "" : firstLine(text.substr(begin));
+    }
+};
+
+Log findLog() {
+    Log log;
+    if (const std::optional<std::string> file = findConfigFile()) {
+        // Start options do not change it.
+        const LoadedConfiguration loaded = loadConfiguration(*file, {});
+        log.path = loaded.configuration ? loaded.configuration->logFileName : "";
+        log.size = readFile(log.path, 0).status.st_size;
+    }
+    return log;
+}
+
+/// How far the daemon has come, once it has detached.
+struct Progress {
+    bool hasPidFile = false;
+    bool works = false;
+    std::optional<int> status; // wait status, when it has ended
+};
+
+Progress watchUntilItWorks(pid_t pid) {
+    Progress progress;
+    const auto isDecided = [&progress, pid] {
+        int status = 0;
+        if (waitpid(pid, &status, WNOHANG) == pid) {
+            progress.status = status;
+            return true;
         }
-        return access(path.c_str(), W_OK) == 0 ? "" : std::strerror(errno);
-    }
-    const std::string folder = std::filesystem::path(path).parent_path().string();
-    if (!folder.empty() && access(folder.c_str(), W_OK | X_OK) != 0) {
-        return folder + ": " + std::strerror(errno);
-    }
-    return {};
+        const PidFile file = readPidFile();
+        progress.hasPidFile = file.state == PidFile::State::whole && file.daemon == pid;
+        // Its main thread starts one for each detector and then only waits.
+        progress.works = progress.hasPidFile && threadsOf(pid).size() > 1;
+        return progress.works;
+    };
+    waitFor(isDecided, limit);
+    return progress;
 }
 
-/// What can be told before the start; the rest is filled in later.
-StartObservation lookAtPrerequisites(const std::string& daemonPath,
-                                     const std::vector<std::string>& startOptions,
-                                     Configuration& configuration) {
-    StartObservation seen;
-    seen.daemonPath = daemonPath;
-    seen.limitSeconds = static_cast<int>(limit.count());
-    seen.configPaths = configFilePaths();
-    if (const std::optional<std::string> path = findConfigFile()) {
-        seen.hasConfig = true;
-        // The options change neither the log nor the number of detectors.
-        if (LoadedConfiguration loaded = loadConfiguration(*path, {}); loaded.configuration) {
-            configuration = std::move(*loaded.configuration);
-            seen.detectorCount = configuration.detectors.size();
-        }
-        seen.badOption = loadConfiguration(*path, startOptions).problem;
+/// The daemon's own words, as a sentence that follows "skarn did not start: ".
+std::string whatWasSeen(const std::string& daemonPath, const Launch& launch,
+                        const Progress& progress, const Log& log) {
+    const std::string within = " within " + std::to_string(limit.count()) + " seconds";
+    if (launch.startError != 0) {
+        return "cannot run " + daemonPath + ": " + std::strerror(launch.startError);
     }
-    seen.logPath = configuration.logFileName;
-    seen.passwordFile = GLOBAL::passwordFile;
-    seen.copyProgram = GLOBAL::rsyncCommand;
-    struct stat status = {};
-    seen.hasPasswordFile = stat(GLOBAL::passwordFile.c_str(), &status) == 0;
-    seen.hasCopyProgram = stat(GLOBAL::rsyncCommand.c_str(), &status) == 0;
-    seen.copyProgramIsExecutable = seen.hasCopyProgram && (status.st_mode & S_IXUSR) != 0;
-    return seen;
-}
-
-/// Looks whether the daemon has all that a daemon has once it works.
-bool hasComeUp(StartObservation& seen, const NewLogText& log) {
-    const PidFile file = readPidFile();
-    seen.pidFileIsIts = file.state == PidFile::State::whole && file.daemon == seen.pid;
-    seen.newLogText = log.read();
-    seen.logIsReadable = log.isReadable();
-    seen.hasBanner = seen.newLogText.find("++ " + GLOBAL::progName + " " + Daemon::version +
-                                          " started\n") != std::string::npos;
-    // Its main thread starts one for each detector and then only waits; without a detector it ends.
-    const bool works = seen.detectorCount != std::size_t{0} && threadCount(seen.pid) > 1;
-    return works && seen.pidFileIsIts && (seen.hasBanner || !seen.logIsReadable);
-}
-
-/// Looks whether the daemon has ended.
-bool hasEnded(StartObservation& seen) {
-    int status = 0;
-    if (!seen.daemonStatus && waitpid(seen.pid, &status, WNOHANG) == seen.pid) {
-        seen.daemonStatus = status;
+    if (launch.daemon) {
+        const std::string daemon =
+            "the daemon, process " + std::to_string(launch.daemon->pid) + ", ";
+        return daemon + (progress.status       ? howItEnded(*progress.status)
+                         : progress.hasPidFile ? "runs, but did not start to work" + within
+                                               : "did not write its PID file" + within);
     }
-    return seen.daemonStatus.has_value();
-}
-
-/// A daemon without a PID file can't be found by anybody: better none.
-void end(const StartObservation& seen) {
-    kill(seen.pid, SIGKILL); // a child that was not waited for: the number is its own
-    waitpid(seen.pid, nullptr, 0);
+    if (!launch.letGo) {
+        return daemonPath + " did not detach" + within + " and was killed";
+    }
+    const std::string logged = log.complaint();
+    const std::string said = logged.empty() ? firstLine(launch.output) : logged;
+    if (!said.empty()) {
+        return said;
+    }
+    return daemonPath + " " + howItEnded(launch.status) + " and left no daemon";
 }
 
 } // namespace
@@ -123,38 +124,23 @@ std::string whyItWouldNotStart(const std::string& daemonPath,
     if (access(daemonPath.c_str(), X_OK) != 0) {
         return "cannot run " + daemonPath + ": " + std::strerror(errno);
     }
-    Configuration configuration;
-    StartObservation seen = lookAtPrerequisites(daemonPath, startOptions, configuration);
-    seen.logProblem = whyNotWritable(seen.logPath);
-    return whatIsMissing(seen);
+    return whatIsFatal(startOptions);
 }
 
 int startDaemon(const std::string& daemonPath, const std::vector<std::string>& startOptions) {
-    const DaemonProcesses before = findDaemon(daemonPath);
+    const DaemonProcesses before = findDaemon(daemonPath, Search::always);
     if (const std::string reason = whyNotNow(before); !reason.empty()) {
-        complain(reason);
+        complain("nothing was started: " + reason);
         return failed;
     }
-
-    Configuration configuration;
-    StartObservation seen = lookAtPrerequisites(daemonPath, startOptions, configuration);
-    const NewLogText log(configuration.logFileName, configuration.logFileMaxNumber);
-
+    const Log log = findLog();
     const Launch launch = launchDaemon(daemonPath, startOptions, limit);
-    seen.startError = launch.startError;
-    seen.letGo = launch.letGo;
-    seen.starterStatus = launch.status;
-    seen.output = launch.output;
-    seen.errors = launch.errors;
-    bool isUp = false;
+    Progress progress;
     if (launch.daemon) {
-        seen.detached = true;
-        seen.pid = launch.daemon->pid;
-        waitFor([&] { return hasEnded(seen) || (isUp = hasComeUp(seen, log)); }, limit);
+        progress = watchUntilItWorks(launch.daemon->pid);
     }
-    seen.newLogText = log.read();
-    if (isUp) {
-        std::printf("%s started, process %d%s\n", GLOBAL::progName.c_str(), seen.pid,
+    if (progress.works) {
+        std::printf("%s started, process %d%s\n", GLOBAL::progName.c_str(), launch.daemon->pid,
                     before.copyProcesses.empty()
                         ? ""
                         : (" (the daemon before it died and left copy processes: " +
@@ -163,15 +149,15 @@ int startDaemon(const std::string& daemonPath, const std::vector<std::string>& s
         return succeeded;
     }
 
-    seen.pidFileProblem = whyNotWritable(pidFilePath());
-    if (!seen.pidFileProblem.empty()) {
-        seen.pidFileProblem = pidFilePath() + ": " + seen.pidFileProblem;
+    if (launch.daemon && !progress.status && !progress.hasPidFile) {
+        // A daemon without a PID file can't be found by anybody: better none.
+        kill(launch.daemon->pid, SIGKILL); // a child that was not waited for: the number is its own
+        waitpid(launch.daemon->pid, nullptr, 0);
     }
-    seen.logProblem = whyNotWritable(seen.logPath);
-    if (seen.detached && !seen.daemonStatus && !seen.pidFileIsIts) {
-        end(seen);
-    }
-    complain(GLOBAL::progName + " did not start: " + whyNotStarted(seen));
+    const std::string fatal = whatIsFatal(startOptions);
+    complain(GLOBAL::progName +
+             " did not start: " + whatWasSeen(daemonPath, launch, progress, log) +
+             (fatal.empty() ? "" : " (" + fatal + ")"));
     return failed;
 }
 

@@ -200,29 +200,18 @@ int endLeftBehind(const EndedDaemon& daemon, const std::vector<Process>& known,
     return std::max(copiesStatus, rest.report());
 }
 
-/// Takes away the PID file, if it still is the one that names this daemon (or is as damaged as it
+/// Takes away the PID file, if it still names one of those that have ended (or is as damaged as it
 /// was). A daemon that was started meanwhile, without this program, keeps its own.
-void removePidFile(const PidFile& seen) {
+void removePidFile(const PidFile& seen, const std::vector<Process>& ended) {
     const PidFile now = readPidFile();
-    if (now.state == seen.state && now.daemon == seen.daemon &&
-        (now.state == PidFile::State::whole || now.written == seen.written)) {
+    const bool isTheirs = now.daemon == seen.daemon ||
+                          std::any_of(ended.begin(), ended.end(),
+                                      [&now](const Process& one) { return one.pid == now.daemon; });
+    if ((now.state == PidFile::State::whole && isTheirs) ||
+        (now.state == PidFile::State::damaged && now.state == seen.state &&
+         now.written == seen.written)) {
         unlink(pidFilePath().c_str());
     }
-}
-
-int stopDead(const DaemonProcesses& found, const StopOptions& options) {
-    say(found.text);
-    int status = succeeded;
-    if (!found.copyProcesses.empty()) {
-        EndedDaemon daemon;
-        daemon.pid = found.pidFile.daemon;
-        daemon.ended = found.pidFile.written;
-        status = endLeftBehind(daemon, found.copyProcesses, std::nullopt, options.timeout);
-    }
-    if (status == succeeded) {
-        removePidFile(found.pidFile);
-    }
-    return status;
 }
 
 /// Ends the daemon itself. The status is `succeeded` when it has ended.
@@ -237,7 +226,7 @@ int endDaemon(const ProcessHandle& daemon, const StopOptions& options) {
     const auto begin = Clock::now();
     switch (endWhenIdle(daemon, *options.whenIdle)) {
     case IdleEnd::ended:
-        say(name + " ended by SIGKILL in a moment without copy processes, after " +
+        say(name + " ended in a moment without copy processes, after " +
             std::to_string(
                 std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - begin).count()) +
             " s");
@@ -256,46 +245,68 @@ int endDaemon(const ProcessHandle& daemon, const StopOptions& options) {
     return failed;
 }
 
-int stopRunning(const DaemonProcesses& found, const StopOptions& options) {
-    const std::optional<ProcessHandle> daemon = ProcessHandle::hold(found.daemon);
-    if (daemon) {
+/// Ends one daemon and what it has started; `copies` are known to be its copy processes.
+int stopOne(const Process& process, const std::vector<Process>& copies,
+            const StopOptions& options) {
+    if (const std::string service = managingService(process.pid); !service.empty()) {
+        complain("nothing was stopped: systemd runs " + GLOBAL::progName + " as " + service +
+                 " and may start it again; use systemctl");
+        return failed;
+    }
+    if (const std::optional<ProcessHandle> daemon = ProcessHandle::hold(process)) {
         if (const int status = endDaemon(*daemon, options); status != succeeded) {
             return status;
         }
     }
     EndedDaemon ended;
-    ended.pid = found.daemon.pid;
-    ended.started = found.upSince.value_or(0);
+    ended.pid = process.pid;
+    ended.started = startTime(process);
     ended.ended = static_cast<double>(std::time(nullptr)) + 1;
-    const int status = endLeftBehind(ended, found.copyProcesses, found.daemon, options.timeout);
-    if (status == succeeded) {
-        removePidFile(found.pidFile);
-    }
-    return status;
+    return endLeftBehind(ended, copies, process, options.timeout);
 }
 
 } // namespace
 
 int stopDaemon(const std::string& daemonPath, const StopOptions& options) {
-    const DaemonProcesses found = findDaemon(daemonPath);
-    switch (found.state) {
-    case DaemonProcesses::State::running:
-        if (const std::string service = managingService(found.pid()); !service.empty()) {
-            complain("nothing was stopped: systemd runs " + GLOBAL::progName + " as " + service +
-                     " and may start it again; use systemctl");
-            return failed;
-        }
-        return stopRunning(found, options);
-    case DaemonProcesses::State::dead:
-        return stopDead(found, options);
-    case DaemonProcesses::State::notRunning:
-        say(found.text);
-        return succeeded;
-    case DaemonProcesses::State::unknown:
-        break;
+    using State = DaemonProcesses::State;
+    const DaemonProcesses found = findDaemon(daemonPath, Search::always);
+    std::vector<Process> daemons = found.unvouched;
+    std::vector<Process> uncertain = found.hidden;
+    if (found.state == State::running) {
+        std::vector<Process>& list = found.isCertain ? daemons : uncertain;
+        list.insert(list.begin(), found.daemon);
     }
-    complain("nothing was stopped: " + found.text);
-    return failed;
+
+    int status = succeeded;
+    for (const Process& daemon : daemons) {
+        const bool isNamed = daemon.pid == found.pid();
+        status =
+            std::max(status, stopOne(daemon, isNamed ? found.copyProcesses : std::vector<Process>(),
+                                     options));
+    }
+    if (!uncertain.empty()) {
+        complain("process " + listOfPids(uncertain) + " seems to be " + GLOBAL::progName +
+                 ", and was not stopped: only root, with all of its rights, may do that");
+        return notAllowed;
+    }
+    if (daemons.empty() && found.state == State::unknown) {
+        complain("nothing was stopped: " + found.text);
+        return failed;
+    }
+    if (daemons.empty()) {
+        say(found.text);
+    }
+    if (found.state != State::running && !found.copyProcesses.empty()) {
+        EndedDaemon daemon;
+        daemon.pid = found.pidFile.daemon;
+        daemon.ended = found.pidFile.written;
+        status = std::max(
+            status, endLeftBehind(daemon, found.copyProcesses, std::nullopt, options.timeout));
+    }
+    if (status == succeeded) {
+        removePidFile(found.pidFile, daemons);
+    }
+    return status;
 }
 
 } // namespace control

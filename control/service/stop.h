@@ -17,11 +17,12 @@ struct StopOptions {
     std::optional<std::chrono::seconds> whenIdle;
 };
 
-/// Ends the daemon first, then its copy processes, then what is left of their sessions. Prints one
-/// line for each of these kinds that says how; complains about what would not go. Takes away the
-/// PID file when the daemon that wrote it has certainly ended. Returns the exit status:
-/// `succeeded` also when nothing was there to end. Refuses when systemd would start it again. The
-/// caller holds the ServiceLock.
+/// Ends the daemon first, then its copy processes, then what is left of their sessions; likewise
+/// each further daemon of this executable, which no PID file vouches for. Prints one line for each
+/// of these kinds that says how; complains about what would not go. Takes away the PID file when
+/// the daemon that wrote it has certainly ended. Returns the exit status: `succeeded` also when
+/// nothing was there to end. Leaves to systemd what that would start again. The caller holds the
+/// ServiceLock.
 int stopDaemon(const std::string& daemonPath, const StopOptions& options);
 
 } // namespace control

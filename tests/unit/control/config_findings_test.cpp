@@ -47,7 +47,7 @@ Words told(const std::string& text, const Words& startOptions = {}) {
         EXPECT_FALSE(finding.advice.empty());
         EXPECT_EQ(finding.text.find('\n'), std::string::npos) << finding.text;
         words.push_back(std::to_string(finding.line) +
-                        (finding.severity == Severity::error ? " error " : " warning ") +
+                        (finding.severity == Severity::warning ? " warning " : " error ") +
                         finding.code);
     }
     return words;

@@ -25,7 +25,7 @@ std::vector<std::string> codesOf(const Findings& findings) {
     std::vector<std::string> codes;
     for (const Finding& finding : findings) {
         EXPECT_EQ(finding.about, Finding::About::host);
-        codes.push_back((finding.severity == Severity::error ? "error " : "warning ") +
+        codes.push_back((finding.severity == Severity::warning ? "warning " : "error ") +
                         finding.code);
     }
     return codes;

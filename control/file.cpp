@@ -1,0 +1,69 @@
+// Reading a file, and telling which file it is, without being made to wait by what it turns out to
+// be.
+#include "control/file.h"
+
+#include "utilities/descriptors.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include <fcntl.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+namespace control {
+
+std::optional<FileId> fileIdOf(const std::string& path) {
+    struct statx status = {};
+    if (statx(AT_FDCWD, path.c_str(), AT_STATX_DONT_SYNC, STATX_INO, &status) != 0) {
+        return std::nullopt;
+    }
+    return FileId{makedev(status.stx_dev_major, status.stx_dev_minor), status.stx_ino};
+}
+
+FileText readFile(const std::string& path, std::size_t limit, off_t offset, int flags) {
+    FileText file;
+    const auto refuse = [&file](int error) {
+        file.error = error;
+        file.problem = std::strerror(error);
+        return file;
+    };
+    const Descriptor place(open(path.c_str(), O_PATH | O_CLOEXEC | flags));
+    if (place.get() < 0 || fstat(place.get(), &file.status) != 0) {
+        return refuse(errno);
+    }
+    if (!S_ISREG(file.status.st_mode)) {
+        file.problem = S_ISDIR(file.status.st_mode)   ? "it is a directory"
+                       : S_ISLNK(file.status.st_mode) ? "it is a symbolic link"
+                                                      : "not a regular file";
+        return file;
+    }
+    // The very file that was looked at. Some files of the kernel would block all the same.
+    const std::string opened = "/proc/self/fd/" + std::to_string(place.get());
+    const Descriptor descriptor(open(opened.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    if (descriptor.get() < 0) {
+        return refuse(errno);
+    }
+    std::string text;
+    char part[16384];
+    while (text.size() < limit) {
+        const ssize_t got =
+            pread(descriptor.get(), part, std::min(sizeof part, limit - text.size()),
+                  offset + static_cast<off_t>(text.size()));
+        if (got < 0 && errno == EINTR) {
+            continue;
+        }
+        if (got < 0) {
+            return refuse(errno);
+        }
+        if (got == 0) {
+            break;
+        }
+        text.append(part, static_cast<std::size_t>(got));
+    }
+    file.text = std::move(text);
+    return file;
+}
+
+} // namespace control

@@ -1,0 +1,61 @@
+// Reading a file, and telling which file it is, without being made to wait by what it turns out to
+// be.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <future>
+#include <optional>
+#include <string>
+#include <thread>
+#include <type_traits>
+#include <utility>
+
+#include <sys/stat.h>
+#include <sys/types.h>
+
+namespace control {
+
+/// Which file something is, whatever it is called.
+struct FileId {
+    dev_t device = 0;
+    ino_t number = 0;
+
+    bool operator==(const FileId& other) const {
+        return device == other.device && number == other.number;
+    }
+};
+
+/// Of the file at this path, symbolic links followed; nothing when there is none or it may not be
+/// looked at. "/proc/812/exe" gives the file that a process runs, also when that was removed. No
+/// file server is asked for what the kernel knows: a dead one must not stop a search.
+std::optional<FileId> fileIdOf(const std::string& path);
+
+/// Either the text of a file, or why there is none.
+struct FileText {
+    std::optional<std::string> text;
+    std::string problem;     // "No such file or directory", "not a regular file", ...
+    int error = 0;           // errno value; 0 for what is not a regular file
+    struct stat status = {}; // when `text` is there; as it was before the reading
+};
+
+/// Reads a regular file, `limit` bytes from `offset` at most. Anything else is refused without
+/// being opened, since that could block, or change what a device or a pipe does. `flags` are
+/// further ones of open(2), such as O_NOFOLLOW.
+FileText readFile(const std::string& path, std::size_t limit, off_t offset = 0, int flags = 0);
+
+/// Runs `look` on a thread of its own. Nothing when it is not back in time, for instance from a
+/// file server that does not answer; the thread is then left to itself, so that `look` has to own
+/// all that it uses.
+template<typename Look>
+std::optional<std::invoke_result_t<Look>> within(std::chrono::milliseconds limit, Look look) {
+    std::packaged_task<std::invoke_result_t<Look>()> task(std::move(look));
+    std::future<std::invoke_result_t<Look>> result = task.get_future();
+    std::thread(std::move(task)).detach();
+    if (result.wait_for(limit) != std::future_status::ready) {
+        return std::nullopt;
+    }
+    return result.get();
+}
+
+} // namespace control
