@@ -52,7 +52,8 @@ Child::Child(const std::vector<std::string>& words) {
     posix_spawnattr_init(&attributes);
     posix_spawnattr_setsigdefault(&attributes, &all);
     posix_spawnattr_setsigmask(&attributes, &none);
-    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETSIGMASK |
+                                              POSIX_SPAWN_SETPGROUP);
 
     const ExecVector arguments(words);
     error = posix_spawn(&number, words[0].c_str(), &actions, &attributes, arguments.get(), environ);
@@ -94,7 +95,7 @@ bool Child::finish(Clock::time_point end) {
 
 void Child::kill() {
     if (!waited) {
-        ::kill(number, SIGKILL); // still ours: it was not waited for
+        ::kill(-number, SIGKILL); // still ours: it was not waited for
         int status = 0;
         waitpid(number, &status, 0);
         waited = status;

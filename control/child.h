@@ -14,7 +14,7 @@ namespace control {
 
 /// A child process whose standard output and error come here, as one text. Its environment and
 /// working directory are this program's; its signals have their default actions and none is
-/// blocked; its standard input is /dev/null; nothing else is open in it.
+/// blocked; its standard input is /dev/null; nothing else is open in it; it leads a process group.
 class Child {
 public:
     using Clock = std::chrono::steady_clock;
@@ -30,7 +30,7 @@ public:
     /// it. False if that has not come to pass before `end`; may be called again.
     bool finish(Clock::time_point end);
 
-    /// Ends it by SIGKILL, and waits for that, unless it was waited for before.
+    /// Ends it and its process group by SIGKILL, and waits for it, unless it was waited for before.
     void kill();
 
     /// Its wait status, once it was waited for.

@@ -44,15 +44,21 @@ struct FileText {
 /// further ones of open(2), such as O_NOFOLLOW.
 FileText readFile(const std::string& path, std::size_t limit, off_t offset = 0, int flags = 0);
 
-/// Runs `look` on a thread of its own. Nothing when it is not back in time, for instance from a
-/// file server that does not answer; the thread is then left to itself, so that `look` has to own
-/// all that it uses.
+/// Runs `look` on a thread of its own. Whoever does not wait for its result, since a file server
+/// does not answer, say, leaves the thread to itself: so `look` has to own all that it uses.
 template<typename Look>
-std::optional<std::invoke_result_t<Look>> within(std::chrono::milliseconds limit, Look look) {
+std::future<std::invoke_result_t<Look>> inBackground(Look look) {
     std::packaged_task<std::invoke_result_t<Look>()> task(std::move(look));
     std::future<std::invoke_result_t<Look>> result = task.get_future();
     std::thread(std::move(task)).detach();
-    if (result.wait_for(limit) != std::future_status::ready) {
+    return result;
+}
+
+/// What came of a look by some time; nothing if it is not back.
+template<typename Result>
+std::optional<Result> resultBy(std::chrono::steady_clock::time_point end,
+                               std::future<Result>& result) {
+    if (result.wait_until(end) != std::future_status::ready) {
         return std::nullopt;
     }
     return result.get();

@@ -1,23 +1,24 @@
 // skarnctl check: what the daemon would do with a configuration, and what is wrong with it.
 #include "control/check/check_command.h"
 
-#include "config/config_text.h"
 #include "control/check/check_report.h"
 #include "control/check/config_findings.h"
 #include "control/check/host_findings.h"
+#include "utilities/text.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cerrno>
 #include <clocale>
 #include <cstdio>
 #include <cstring>
 #include <exception>
-#include <iterator>
 #include <memory>
 #include <sstream>
 
 #include <langinfo.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace control {
 
@@ -26,21 +27,21 @@ namespace {
 constexpr int warningsStatus = 1;
 constexpr int errorsStatus = 2;
 
+const char* const unitOptionsFile = "/etc/default/skarn";
+
 struct CheckOptions {
-    std::vector<std::string> startOptions;
-    std::string file;
-    bool hasFile = false;
-    std::string user;
-    bool hasUser = false;
+    std::optional<std::string> file;
+    std::optional<std::string> user;
     std::vector<std::string> detectors;
     bool asJson = false;
+    bool noNetwork = false;
 };
 
 /// As the daemon would be given them.
 std::vector<std::string> startOptionsOf(const CheckOptions& options) {
     std::vector<std::string> words;
-    if (options.hasUser) {
-        words = {"-u", options.user};
+    if (options.user) {
+        words = {"-u", *options.user};
     }
     for (const std::string& detector : options.detectors) {
         words.insert(words.end(), {"-d", detector});
@@ -48,65 +49,61 @@ std::vector<std::string> startOptionsOf(const CheckOptions& options) {
     return words;
 }
 
-/// The file to check. If there is none, the name is empty and `problem` says why.
-std::string chooseFile(const CheckOptions& options, std::string& problem) {
-    if (options.hasFile) {
-        return options.file;
-    }
-    const std::optional<std::string> found = findConfigFile();
-    // The daemon, which is root, reads the first that exists, whether or not this process may.
+/// The file that the daemon, which is root, reads: the first that exists, whether or not this
+/// process may. Empty if there is none.
+std::string findFile() {
     for (const std::string& path : configFilePaths()) {
         struct stat status = {};
-        if (path == found) {
+        if (path == findConfigFile() || stat(path.c_str(), &status) == 0 || errno == EACCES) {
             return path;
         }
-        if (stat(path.c_str(), &status) == 0 || errno == EACCES) {
-            return path; // reading it will tell the reason
-        }
     }
-    problem = "no configuration: neither " + configFilePaths()[0] + " nor " + configFilePaths()[1] +
-              " exists";
     return {};
 }
 
-CheckReport makeReport(const CheckOptions& options) {
-    CheckReport report;
-    report.startOptions = options.startOptions;
-    std::string problem;
-    report.file = chooseFile(options, problem);
+/// Looks at the file of `report` with its start options; asks the detectors `withNetwork`.
+void fill(CheckReport& report, bool isNamed, bool withNetwork) {
+    const auto add = [&report](const Findings& found) {
+        report.findings.insert(report.findings.end(), found.begin(), found.end());
+    };
     FileText file;
-    if (problem.empty()) {
+    if (report.file.empty() && !isNamed) {
+        file.problem = "no configuration: neither " + configFilePaths()[0] + " nor " +
+                       configFilePaths()[1] + " exists";
+    } else {
         file = readConfigFile(report.file);
-        problem = file.problem;
     }
     if (!file.text) {
-        report.findings.push_back({Severity::fatal,
-                                   "unreadable",
-                                   0,
-                                   report.file,
-                                   problem,
-                                   "name a file that can be read",
-                                   {}});
-        return report;
+        add({{Severity::fatal, "unreadable", 0, report.file, file.problem,
+              "name a file that can be read"}});
+        return;
     }
-
     report.view.emplace(*file.text);
-    const std::string& text = report.view->text();
-    LoadedConfiguration loaded = makeConfiguration(text, report.startOptions);
+    LoadedConfiguration loaded = makeConfiguration(report.view->text(), report.startOptions);
     if (!loaded.configuration) {
-        report.findings.push_back({Severity::fatal, "bad-start-option", 0, "", loaded.problem,
-                                   "correct the start options; what follows leaves them aside",
-                                   Finding::About::startOptions});
+        add({{Severity::fatal, "bad-start-option", 0, "", loaded.problem,
+              "correct the start options; what follows leaves them aside",
+              Finding::About::startOptions}});
         report.startOptions.clear();
-        loaded = makeConfiguration(text, {});
+        loaded = makeConfiguration(report.view->text(), {});
     }
     report.configuration = std::move(loaded.configuration);
 
-    Findings found = findInConfiguration(*report.view, *report.configuration, report.startOptions);
-    std::move(found.begin(), found.end(), std::back_inserter(report.findings));
-    found = findOnHost(*report.configuration, report.file);
-    std::move(found.begin(), found.end(), std::back_inserter(report.findings));
-    return report;
+    const std::vector<TargetLook> targets = lookAtTargets(*report.configuration);
+    std::vector<std::string> folders;
+    for (const TargetLook& look : targets) {
+        folders.push_back(look.folder);
+    }
+    add(findInConfiguration(*report.view, *report.configuration, report.startOptions, folders));
+    const Findings onHost = findOnHost(*report.configuration, report.file, targets);
+    add(onHost);
+    const bool canList = std::none_of(onHost.begin(), onHost.end(), [](const Finding& finding) {
+        return finding.severity != Severity::warning &&
+               (finding.code == "password-file" || finding.code == "copy-program");
+    });
+    if (withNetwork && canList && geteuid() == 0) {
+        add(findInShares(*report.configuration));
+    }
 }
 
 int check(const CheckOptions& options) {
@@ -114,22 +111,28 @@ int check(const CheckOptions& options) {
     std::setlocale(LC_CTYPE, "");
     const bool unicode = std::strcmp(nl_langinfo(CODESET), "UTF-8") == 0;
 
-    const CheckReport report = makeReport(options);
+    CheckReport report;
+    report.file = options.file.value_or(findFile());
+    report.startOptions = startOptionsOf(options);
+    if (!options.file && report.startOptions.empty()) {
+        constexpr std::size_t enough = 65536;
+        report.startOptions = parseUnitOptions(readFile(unitOptionsFile, enough).text.value_or(""));
+        report.optionsFile = report.startOptions.empty() ? "" : unitOptionsFile;
+    }
+    fill(report, options.file.has_value(), !options.noNetwork);
+
     if (!report.configuration) {
         complain(report.findings.front().text);
     }
-    std::string output;
-    if (options.asJson) {
-        output = checkJson(report);
-    } else if (report.configuration) {
-        output = checkText(report, unicode);
-    }
+    const std::string output = options.asJson         ? checkJson(report)
+                               : report.configuration ? checkText(report, unicode)
+                                                      : "";
     if (std::fwrite(output.data(), 1, output.size(), stdout) != output.size() ||
         std::fflush(stdout) != 0) {
         complain(std::string("cannot write the result: ") + std::strerror(errno));
         return errorsStatus;
     }
-    if (count(report.findings, Severity::error) > 0) {
+    if (countErrors(report.findings) > 0) {
         return errorsStatus;
     }
     return report.findings.empty() ? 0 : warningsStatus;
@@ -137,10 +140,30 @@ int check(const CheckOptions& options) {
 
 } // namespace
 
+std::vector<std::string> parseUnitOptions(const std::string& text) {
+    constexpr std::string_view key = "SKARN_OPTIONS=";
+    std::vector<std::string> words;
+    std::istringstream lines(text);
+    std::string line;
+    while (std::getline(lines, line)) {
+        std::string_view value = trimmed(line);
+        if (value.substr(0, key.size()) == key) {
+            value.remove_prefix(key.size());
+            const bool isQuoted = value.size() > 1 && value.front() == value.back() &&
+                                  (value.front() == '"' || value.front() == '\'');
+            value = isQuoted ? value.substr(1, value.size() - 2) : value;
+            words = UTILITIES::splitWords(std::string(value), ' ');
+        }
+    }
+    return words;
+}
+
 std::string whatIsFatal(const std::vector<std::string>& startOptions) {
-    CheckOptions options;
-    options.startOptions = startOptions;
-    for (const Finding& finding : makeReport(options).findings) {
+    CheckReport report;
+    report.file = findFile();
+    report.startOptions = startOptions;
+    fill(report, false, false);
+    for (const Finding& finding : report.findings) {
         if (finding.severity == Severity::fatal) {
             return finding.text;
         }
@@ -153,23 +176,21 @@ void addCheckCommand(CLI::App& app, const CommonOptions& /*common*/, int& exitSt
         app.add_subcommand("check", "Say what the daemon would do with a configuration, and every "
                                     "mistake in it or on this host");
     const auto options = std::make_shared<CheckOptions>();
-    CLI::Option* const file = command->add_option(
-        "FILE", options->file, "The configuration; by default the one that the daemon reads");
-    CLI::Option* const user =
-        command->add_option("-u,--user", options->user, "The daemon's start option")
-            ->type_name("UID:GID")
-            ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
+    command->add_option("FILE", options->file,
+                        "The configuration; by default the one that the daemon reads");
+    command->add_option("-u,--user", options->user, "The daemon's start option")
+        ->type_name("UID:GID")
+        ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
     command->add_option("-d,--detector", options->detectors, "The daemon's start option")
         ->type_name("ID:SOURCE:TARGET")
         ->allow_extra_args(false);
     command->add_flag("--json", options->asJson, "Print JSON");
+    command->add_flag("--no-network", options->noNetwork,
+                      "Do not list the detectors' shares, each of which is listed once otherwise");
     command->footer("Exit status: 0 no mistakes, 1 warnings, 2 errors (also when the file can't be "
                     "read).");
-    command->callback([options, file, user, &exitStatus] {
-        options->hasFile = file->count() > 0;
-        options->hasUser = user->count() > 0;
+    command->callback([options, &exitStatus] {
         try {
-            options->startOptions = startOptionsOf(*options);
             exitStatus = check(*options);
         } catch (const std::exception& error) {
             complain(error.what());

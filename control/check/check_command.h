@@ -3,6 +3,9 @@
 
 #include "control/command.h"
 
+#include <string>
+#include <vector>
+
 namespace control {
 
 /// Adds the subcommand "check". Its exit status is 0 when nothing is wrong, 1 when there are
@@ -12,5 +15,8 @@ void addCheckCommand(CLI::App& app, const CommonOptions& common, int& exitStatus
 /// What keeps the daemon from coming up with these start options on this host, as one sentence;
 /// empty if nothing is found. Asks no detector.
 std::string whatIsFatal(const std::vector<std::string>& startOptions);
+
+/// The start options that the text of /etc/default/skarn has for the unit of systemd.
+std::vector<std::string> parseUnitOptions(const std::string& text);
 
 } // namespace control

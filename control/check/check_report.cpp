@@ -5,37 +5,22 @@
 #include "daemon/global.h"
 #include "transfer/copy_command.h"
 
-#include <map>
+#include <algorithm>
 #include <nlohmann/json.hpp>
 #include <sstream>
 
 namespace control {
 
-namespace {
-
 using nlohmann::json;
 
-/// One detector as it is served, with the block that defines it.
-struct Plan {
-    const Detector& detector;
-    const ConfigBlock& block;
-    const BlockPauses& pauses;
-};
+NLOHMANN_JSON_SERIALIZE_ENUM(Severity, {{Severity::error, "error"},
+                                        {Severity::fatal, "error"},
+                                        {Severity::warning, "warning"}})
+NLOHMANN_JSON_SERIALIZE_ENUM(Finding::About, {{Finding::About::configuration, "configuration"},
+                                              {Finding::About::startOptions, "start options"},
+                                              {Finding::About::host, "host"}})
 
-/// The plans in the order in which the daemon starts them.
-std::vector<Plan> plansOf(const CheckReport& report) {
-    std::map<std::string, std::size_t> served;
-    const std::vector<ConfigBlock>& blocks = report.view->blocks();
-    for (std::size_t i = 0; i < blocks.size(); ++i) {
-        served[blocks[i].id] = i;
-    }
-    std::vector<Plan> plans;
-    for (const Detector& detector : report.configuration->detectors) {
-        const std::size_t block = served.at(detector.id);
-        plans.push_back({detector, blocks[block], report.view->pauses()[block]});
-    }
-    return plans;
-}
+namespace {
 
 /// How the daemon gives a target to its owner in each cycle; empty if it does not.
 std::string ownerCommand(const Configuration& configuration, const Detector& detector) {
@@ -48,197 +33,122 @@ std::string ownerCommand(const Configuration& configuration, const Detector& det
     return changeOwnerCommand(detector.target);
 }
 
-std::string originText(const Origin& origin) {
-    switch (origin.kind) {
-    case Origin::Kind::own:
-        return "line " + std::to_string(origin.line);
-    case Origin::Kind::inherited:
-        return "of detector " + inQuotes(origin.detector) + ", line " + std::to_string(origin.line);
-    case Origin::Kind::byDefault:
-        break;
+/// A word for what the value of a setting comes from.
+std::string placeOf(const CheckReport& report, const char* key) {
+    const bool isOwner = key == std::string_view("uid") || key == std::string_view("gid");
+    const auto& words = report.startOptions;
+    if (isOwner && std::find(words.begin(), words.end(), "-u") != words.end()) {
+        return "start option";
     }
-    return "default";
+    const KeyUse* const use = report.view->find(key);
+    return use == nullptr || !use->taken ? "default" : "line " + std::to_string(use->line);
+}
+
+std::string pauseText(const Pause& pause, const Detector& detector) {
+    std::string text = std::to_string(pause.milliseconds) + " ms  (";
+    if (pause.line == 0) {
+        return text + "default)";
+    }
+    if (pause.detector != detector.id) {
+        text += "of detector " + inQuotes(pause.detector) + ", ";
+    }
+    return text + "line " + std::to_string(pause.line) + ")";
 }
 
 std::string pluralOf(std::size_t number, const char* word) {
     return std::to_string(number) + " " + word + (number == 1 ? "" : "s");
 }
 
-const char* nameOf(Severity severity) {
-    return severity == Severity::warning ? "warning" : "error";
+json orNull(const std::string& text) {
+    return text.empty() ? json() : json(text);
 }
 
-const char* nameOf(Finding::About about) {
-    switch (about) {
-    case Finding::About::configuration:
-        return "configuration";
-    case Finding::About::startOptions:
-        return "start options";
-    case Finding::About::host:
-        break;
-    }
-    return "host";
-}
-
-/// Writes a report line by line, each made fit for a terminal.
-class TextReport {
-public:
-    TextReport(const CheckReport& checked, bool showUnicode)
-        : report(checked), unicode(showUnicode) {}
-
-    std::string write() {
-        line("Configuration: " + report.file);
-        if (report.configuration) {
-            writeSettings();
-            writeDetectors();
-        }
-        writeFindings();
-        return text.str();
-    }
-
-private:
-    void line(const std::string& content) { text << displayable(content, unicode) << '\n'; }
-
-    /// Where a setting stands, when the value that counts is the file's.
-    std::string placeOf(const char* key) const {
-        const KeyUse* const use = report.view->find(key);
-        return use == nullptr || !use->hasValue ? "default" : "line " + std::to_string(use->line);
-    }
-
-    std::string ownerText(const char* key, const std::string& value) const {
-        if (value.empty()) {
-            return "not set";
-        }
-        for (std::size_t i = 0; i < report.startOptions.size(); i += 2) {
-            if (report.startOptions[i] == "-u") {
-                return value + "  (start option)";
-            }
-        }
-        return value + "  (" + placeOf(key) + ")";
-    }
-
-    void writeSettings() {
-        const Configuration& settings = *report.configuration;
-        const int size = settings.logFileMaxSize;
-        std::string limit = std::to_string(size) + " bytes";
-        if (size < 0) {
-            limit += ", that is never";
-        } else if (size >= 1024) {
-            limit += ", " + byteText(static_cast<std::uint64_t>(size));
-        }
-        const std::string number = std::to_string(settings.logFileMaxNumber);
-        line("");
-        line("Settings");
-        line("  logfile             " + settings.logFileName + "  (" + placeOf("logfile") + ")");
-        line("  logfile_max_size    " + limit + "  (" + placeOf("logfile_max_size") + ")");
-        line("  logfile_max_number  " + number + "  (" + placeOf("logfile_max_number") + ")");
-        line("  uid                 " + ownerText("uid", settings.uid));
-        line("  gid                 " + ownerText("gid", settings.gid));
-        line("  usrdir              " + (settings.usrdir.empty()
-                                             ? "not set"
-                                             : settings.usrdir + "  (" + placeOf("usrdir") + ")"));
-    }
-
-    void writeDetectors() {
-        line("");
-        const std::vector<Plan> plans = plansOf(report);
-        line(plans.empty() ? "No detectors" : "Detectors, in the order of their start");
-        for (const Plan& plan : plans) {
-            line("  " + inQuotes(plan.detector.id) + "  (line " + std::to_string(plan.block.line) +
-                 ")");
-            line("    share           " + plan.detector.shareUrl);
-            line("    target          " + plan.detector.target);
-            const std::string owner = ownerCommand(*report.configuration, plan.detector);
-            if (!owner.empty()) {
-                line("    owner           " + owner);
-            }
-            line("    minpause        " + std::to_string(plan.detector.minPause) + " ms  (" +
-                 originText(plan.pauses.minPauseOrigin) + ")");
-            line("    interrun_pause  " + std::to_string(plan.detector.interrunPause) + " ms  (" +
-                 originText(plan.pauses.interrunPauseOrigin) + ")");
-        }
-    }
-
-    void writeFindings() {
-        line("");
-        for (const Finding& finding : report.findings) {
-            std::string place = nameOf(finding.about);
-            if (finding.about == Finding::About::configuration) {
-                place = report.file;
-                place += finding.line > 0 ? ":" + std::to_string(finding.line) : "";
-            }
-            line(place + ": " + nameOf(finding.severity) + ": " + finding.text + " [" +
-                 finding.code + "]");
-            line("    " + finding.advice);
-        }
-        if (report.findings.empty()) {
-            line("no mistakes found");
-            return;
-        }
-        line(pluralOf(count(report.findings, Severity::error), "error") + ", " +
-             pluralOf(count(report.findings, Severity::warning), "warning"));
-    }
-
-    const CheckReport& report;
-    bool unicode;
-    std::ostringstream text;
-};
-
-json originJson(int milliseconds, const Origin& origin) {
-    json made = {{"milliseconds", milliseconds},
-                 {"from", "default"},
-                 {"line", nullptr},
-                 {"detector", nullptr}};
-    if (origin.kind != Origin::Kind::byDefault) {
-        made["from"] = origin.kind == Origin::Kind::own ? "own" : "inherited";
-        made["line"] = origin.line;
-        made["detector"] = origin.detector;
-    }
-    return made;
-}
-
-json detectorJson(const Plan& plan, const Configuration& configuration) {
-    const Detector& detector = plan.detector;
-    const std::string owner = ownerCommand(configuration, detector);
-    return {
-        {"id", detector.id},
-        {"line", plan.block.line},
-        {"remoteIP", detector.remoteIp},
-        {"share_url", detector.shareUrl},
-        {"listing_command", listingCommand(detector.shareUrl)},
-        {"target", detector.target},
-        {"destination", detector.destination()},
-        {"owner_command", owner.empty() ? json(nullptr) : json(owner)},
-        {"minpause", originJson(detector.minPause, plan.pauses.minPauseOrigin)},
-        {"interrun_pause", originJson(detector.interrunPause, plan.pauses.interrunPauseOrigin)}};
-}
-
-json findingJson(const Finding& finding, const std::string& file) {
-    const bool isOfFile = finding.about == Finding::About::configuration;
-    return {{"severity", nameOf(finding.severity)},
-            {"code", finding.code},
-            {"about", nameOf(finding.about)},
-            {"file", isOfFile ? json(file) : json(nullptr)},
-            {"line", finding.line > 0 ? json(finding.line) : json(nullptr)},
-            {"subject", finding.subject},
-            {"text", finding.text},
-            {"advice", finding.advice}};
+json pauseJson(const Pause& pause, const Detector& detector) {
+    const bool isDefault = pause.line == 0;
+    return {{"milliseconds", pause.milliseconds},
+            {"from", isDefault                       ? "default"
+                     : pause.detector == detector.id ? "own"
+                                                     : "inherited"},
+            {"line", isDefault ? json() : json(pause.line)},
+            {"detector", isDefault ? json() : json(pause.detector)}};
 }
 
 } // namespace
 
 std::string checkText(const CheckReport& report, bool unicode) {
-    return TextReport(report, unicode).write();
+    std::ostringstream text;
+    const auto line = [&](const std::string& content) {
+        text << displayable(content, unicode) << '\n';
+    };
+    line("Configuration: " + report.file);
+    if (!report.optionsFile.empty()) {
+        std::string words;
+        for (const std::string& word : report.startOptions) {
+            words += " " + word;
+        }
+        line("Start options:" + words + "  (" + report.optionsFile + ")");
+    }
+    if (report.configuration) {
+        const Configuration& settings = *report.configuration;
+        const int size = settings.logFileMaxSize;
+        const auto setting = [&](const char* key, const std::string& value) {
+            const std::string name = std::string("  ") + key;
+            line(name + std::string(22 - name.size(), ' ') +
+                 (value.empty() ? "not set" : value + "  (" + placeOf(report, key) + ")"));
+        };
+        line("");
+        line("Settings");
+        setting("logfile", settings.logFileName);
+        setting("logfile_max_size",
+                std::to_string(size) + " bytes" +
+                    (size < 0      ? ", that is never"
+                     : size < 1024 ? ""
+                                   : ", " + byteText(static_cast<std::uint64_t>(size))));
+        setting("logfile_max_number", std::to_string(settings.logFileMaxNumber));
+        setting("uid", settings.uid);
+        setting("gid", settings.gid);
+        setting("usrdir", settings.usrdir);
+
+        line("");
+        line(settings.detectors.empty() ? "No detectors"
+                                        : "Detectors, in the order of their start");
+        for (const Detector& detector : settings.detectors) {
+            const ConfigBlock& block = *report.view->servedBlock(detector.id);
+            const std::string owner = ownerCommand(settings, detector);
+            line("  " + inQuotes(detector.id) + "  (line " + std::to_string(block.line) + ")");
+            line("    share           " + detector.shareUrl);
+            line("    target          " + detector.target);
+            if (!owner.empty()) {
+                line("    owner           " + owner);
+            }
+            line("    minpause        " + pauseText(block.minPause, detector));
+            line("    interrun_pause  " + pauseText(block.interrunPause, detector));
+        }
+    }
+    line("");
+    for (const Finding& finding : report.findings) {
+        std::string place = json(finding.about).get<std::string>();
+        if (finding.about == Finding::About::configuration) {
+            place = report.file + (finding.line > 0 ? ":" + std::to_string(finding.line) : "");
+        }
+        line(place + ": " + json(finding.severity).get<std::string>() + ": " + finding.text + " [" +
+             finding.code + "]");
+        line("    " + finding.advice);
+    }
+    line(report.findings.empty() ? "no mistakes found"
+                                 : pluralOf(countErrors(report.findings), "error") + ", " +
+                                       pluralOf(countWarnings(report.findings), "warning"));
+    return text.str();
 }
 
 std::string checkJson(const CheckReport& report) {
-    json made = {{"file", report.file.empty() ? json(nullptr) : json(report.file)},
+    json made = {{"file", orNull(report.file)},
                  {"start_options", report.startOptions},
                  {"settings", nullptr},
                  {"detectors", json::array()},
                  {"findings", json::array()},
-                 {"errors", count(report.findings, Severity::error)},
-                 {"warnings", count(report.findings, Severity::warning)}};
+                 {"errors", countErrors(report.findings)},
+                 {"warnings", countWarnings(report.findings)}};
     if (report.configuration) {
         const Configuration& settings = *report.configuration;
         made["settings"] = {{"logfile", settings.logFileName},
@@ -247,15 +157,34 @@ std::string checkJson(const CheckReport& report) {
                             {"uid", settings.uid},
                             {"gid", settings.gid},
                             {"usrdir", settings.usrdir}};
-        for (const Plan& plan : plansOf(report)) {
-            made["detectors"].push_back(detectorJson(plan, settings));
+        for (const Detector& detector : settings.detectors) {
+            const ConfigBlock& block = *report.view->servedBlock(detector.id);
+            made["detectors"].push_back(
+                {{"id", detector.id},
+                 {"line", block.line},
+                 {"remoteIP", detector.remoteIp},
+                 {"share_url", detector.shareUrl},
+                 {"listing_command", listingCommand(detector.shareUrl)},
+                 {"target", detector.target},
+                 {"destination", detector.destination()},
+                 {"owner_command", orNull(ownerCommand(settings, detector))},
+                 {"minpause", pauseJson(block.minPause, detector)},
+                 {"interrun_pause", pauseJson(block.interrunPause, detector)}});
         }
     }
     for (const Finding& finding : report.findings) {
-        made["findings"].push_back(findingJson(finding, report.file));
+        const bool isOfFile = finding.about == Finding::About::configuration;
+        made["findings"].push_back({{"severity", finding.severity},
+                                    {"code", finding.code},
+                                    {"about", finding.about},
+                                    {"file", isOfFile ? json(report.file) : json()},
+                                    {"line", finding.line > 0 ? json(finding.line) : json()},
+                                    {"subject", finding.subject},
+                                    {"text", finding.text},
+                                    {"advice", finding.advice}});
     }
     constexpr int indent = 2;
-    return made.dump(indent, ' ', false, json::error_handler_t::replace) + "\n";
+    return made.dump(indent, ' ', true, json::error_handler_t::replace) + "\n";
 }
 
 } // namespace control

@@ -14,6 +14,7 @@ namespace control {
 struct CheckReport {
     std::string file;                           // empty if none was found
     std::vector<std::string> startOptions;      // as given
+    std::string optionsFile;                    // that they stand in; empty if it is none
     std::optional<Configuration> configuration; // nothing if the file can't be read
     std::optional<ConfigView> view;             // the same
     Findings findings;                          // of the file, then of the host

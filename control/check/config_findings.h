@@ -17,8 +17,14 @@ namespace control {
 /// no more than a few hundred are told.
 ///
 /// `start` is the same file with the start options applied, `startOptions` the options in it.
+/// `folders` are those that the targets of its detectors lead to, one for each, in their order.
 Findings findInConfiguration(const ConfigView& view, const Configuration& start,
-                             const std::vector<std::string>& startOptions);
+                             const std::vector<std::string>& startOptions,
+                             const std::vector<std::string>& folders);
+
+/// The folder that a target leads to for the daemon, whose directory is "/": without ".", ".." and
+/// needless slashes. Looks at no file, and so knows of no link.
+std::string targetFolder(const std::string& target);
 
 /// The known key that is most like a word, if one is like it.
 std::string nearestKey(std::string_view word);

@@ -5,16 +5,11 @@
 #include "utilities/text.h"
 
 #include <algorithm>
-#include <map>
 #include <sstream>
 
 namespace control {
 
 namespace {
-
-bool contains(const std::vector<std::string>& words, std::string_view word) {
-    return std::find(words.begin(), words.end(), word) != words.end();
-}
 
 /// What the daemon keeps of one line; nothing if it drops the line, or can't read it.
 std::optional<std::string> keptText(const std::string& line) {
@@ -33,42 +28,81 @@ bool fits(const std::string& line) {
     return !readConfigText(stream).empty();
 }
 
+/// What the daemon's own lookup makes of a key; nothing if it would leave what was there.
+std::optional<std::string> takenBy(const Key& key, const std::string& text) {
+    if (key.kind == Key::Kind::size) {
+        int size = 0;
+        UTILITIES::parseSizeVar(text, key.name, size);
+        const bool hasValue = UTILITIES::findValue(text, key.name) != std::string::npos;
+        return hasValue ? std::optional<std::string>(std::to_string(size)) : std::nullopt;
+    }
+    if (key.kind == Key::Kind::number) {
+        // What is left alone is left at both.
+        int first = 0;
+        int second = 1;
+        UTILITIES::readVar(text, key.name, first);
+        UTILITIES::readVar(text, key.name, second);
+        return first == second ? std::optional<std::string>(std::to_string(first)) : std::nullopt;
+    }
+    std::string word = " "; // which no word is
+    UTILITIES::readVar(text, key.name, word);
+    return word == " " ? std::nullopt : std::optional<std::string>(word);
+}
+
+const KeyUse* lookUp(const std::map<std::string, KeyUse>& uses, const std::string& key) {
+    const auto found = uses.find(key);
+    return found == uses.end() ? nullptr : &found->second;
+}
+
 } // namespace
 
-const std::vector<std::string>& settingKeys() {
-    static const std::vector<std::string> keys = {
-        "logfile", "logfile_max_number", "logfile_max_size", "uid", "gid", "usrdir"};
+const std::vector<Key>& allKeys() {
+    using Kind = Key::Kind;
+    static const std::vector<Key> keys = {
+        {"logfile", Kind::path, false, false},
+        {"logfile_max_number", Kind::number, false, false},
+        {"logfile_max_size", Kind::size, false, false},
+        {"uid", Kind::word, false, true},
+        {"gid", Kind::word, false, true},
+        {"usrdir", Kind::path, false, true},
+        {"detectorID", Kind::word, true, false},
+        {"remoteIP", Kind::word, true, true},
+        {"source", Kind::path, true, true},
+        {"target", Kind::path, true, true},
+        {"minpause", Kind::number, true, false},
+        {"interrun_pause", Kind::number, true, false},
+    };
     return keys;
 }
 
-const std::vector<std::string>& detectorKeys() {
-    static const std::vector<std::string> keys = {"detectorID", "remoteIP", "source",
-                                                  "target",     "minpause", "interrun_pause"};
-    return keys;
+const Key* findKey(std::string_view name) {
+    for (const Key& key : allKeys()) {
+        if (key.name == name) {
+            return &key;
+        }
+    }
+    return nullptr;
 }
 
-bool isSettingKey(std::string_view word) {
-    return contains(settingKeys(), word);
+std::string_view trimmed(std::string_view text) {
+    constexpr std::string_view whiteSpace = " \t\n\v\f\r";
+    text.remove_prefix(std::min(text.find_first_not_of(whiteSpace), text.size()));
+    return text.substr(0, text.find_last_not_of(whiteSpace) + 1);
 }
 
-bool isDetectorKey(std::string_view word) {
-    return contains(detectorKeys(), word);
+const KeyUse* ConfigBlock::find(const std::string& key) const {
+    return lookUp(uses, key);
 }
 
-std::optional<int> readNumber(const std::string& scope) {
-    // What is left alone is left at both.
-    int first = 0;
-    int second = 1;
-    UTILITIES::readVar("x " + scope, "x", first);
-    UTILITIES::readVar("x " + scope, "x", second);
-    return first == second ? std::optional<int>(first) : std::nullopt;
+std::string ConfigBlock::valueOf(const std::string& key) const {
+    const KeyUse* const use = find(key);
+    return use != nullptr ? use->taken.value_or("") : "";
 }
 
 ConfigView::ConfigView(const std::string& file) {
     readLines(file);
-    settingUses = findAll(settingKeys(), wholeText, 0);
+    settingUses = findAll(false, wholeText, 0);
     readBlocks();
-    readPauses();
 }
 
 void ConfigView::readLines(const std::string& file) {
@@ -76,14 +110,14 @@ void ConfigView::readLines(const std::string& file) {
     std::string line;
     for (int number = 1; std::getline(stream, line); ++number) {
         if (readingCut) {
-            readingCut->ignored.push_back(line);
+            ++readingCut->ignored;
             continue;
         }
         if (!fits(line)) {
-            readingCut = Cut{number, line.size(), {}};
+            readingCut = Cut{number, line.size(), 0};
             continue;
         }
-        if (line.find('\0') != std::string::npos && nulLines++ == 0) {
+        if (line.find('\0') != std::string::npos && firstNulLine == 0) {
             firstNulLine = number;
         }
         if (const std::optional<std::string> kept = keptText(line)) {
@@ -94,44 +128,32 @@ void ConfigView::readLines(const std::string& file) {
 }
 
 void ConfigView::readBlocks() {
-    std::map<std::string, std::size_t> last;
-    for (const std::string& block : cutDetectorBlocks(wholeText)) {
-        ConfigBlock found;
+    Pause minPause;
+    Pause interrunPause;
+    const auto read = [](const ConfigBlock& block, const char* key, Pause& pause) {
+        // What a block does not say is that of the one before.
+        const KeyUse* const use = block.find(key);
+        if (use != nullptr && use->taken) {
+            pause = {std::stoi(*use->taken), use->line, block.id};
+        }
+        return pause;
+    };
+    for (const std::string& piece : cutDetectorBlocks(wholeText)) {
+        ConfigBlock block;
         // The blocks join without a gap, from the first one to the end of the text.
-        found.begin = allBlocks.empty() ? wholeText.find(block) : allBlocks.back().end;
-        found.end = found.begin + block.size();
-        found.text = block;
-        found.line = lineAt(found.begin);
-        found.insideLine = found.begin > 0 && wholeText[found.begin - 1] != '\n';
-        UTILITIES::readVar(block, "detectorID", found.id);
-        found.uses = findAll(detectorKeys(), block, found.begin);
-        const auto [earlier, isNew] = last.try_emplace(found.id, allBlocks.size());
+        block.begin = allBlocks.empty() ? wholeText.find(piece) : allBlocks.back().end;
+        block.end = block.begin + piece.size();
+        block.line = lineAt(block.begin);
+        block.uses = findAll(true, piece, block.begin);
+        block.id = block.valueOf("detectorID");
+        block.minPause = read(block, "minpause", minPause);
+        block.interrunPause = read(block, "interrun_pause", interrunPause);
+        const auto [earlier, isNew] = served.try_emplace(block.id, allBlocks.size());
         if (!isNew) {
             allBlocks[earlier->second].served = false;
             earlier->second = allBlocks.size();
         }
-        allBlocks.push_back(std::move(found));
-    }
-}
-
-void ConfigView::readPauses() {
-    BlockPauses pauses;
-    const auto read = [](const ConfigBlock& block, const char* key, int& value, Origin& origin) {
-        if (origin.kind == Origin::Kind::own) {
-            origin.kind = Origin::Kind::inherited;
-        }
-        const KeyUse* const use = find(key, block);
-        const std::optional<int> number =
-            use != nullptr && use->hasValue ? readNumber(use->scope) : std::nullopt;
-        if (number) {
-            value = *number;
-            origin = {Origin::Kind::own, use->line, block.id};
-        }
-    };
-    for (const ConfigBlock& block : allBlocks) {
-        read(block, "minpause", pauses.minPause, pauses.minPauseOrigin);
-        read(block, "interrun_pause", pauses.interrunPause, pauses.interrunPauseOrigin);
-        allPauses.push_back(pauses);
+        allBlocks.push_back(std::move(block));
     }
 }
 
@@ -149,40 +171,33 @@ const ConfigBlock* ConfigView::blockAt(std::size_t offset) const {
     return behind == allBlocks.begin() ? nullptr : &*std::prev(behind);
 }
 
+const ConfigBlock* ConfigView::servedBlock(const std::string& id) const {
+    const auto found = served.find(id);
+    return found == served.end() ? nullptr : &allBlocks[found->second];
+}
+
 const KeyUse* ConfigView::find(const std::string& settingKey) const {
-    const auto found = settingUses.find(settingKey);
-    return found == settingUses.end() ? nullptr : &found->second;
+    return lookUp(settingUses, settingKey);
 }
 
-const KeyUse* ConfigView::find(const std::string& detectorKey, const ConfigBlock& block) {
-    const auto found = block.uses.find(detectorKey);
-    return found == block.uses.end() ? nullptr : &found->second;
-}
-
-std::map<std::string, KeyUse> ConfigView::findAll(const std::vector<std::string>& keys,
-                                                  const std::string& piece,
+std::map<std::string, KeyUse> ConfigView::findAll(bool ofDetector, const std::string& piece,
                                                   std::size_t begin) const {
-    // The value of a key is the next word, at the furthest in the next line.
-    constexpr std::size_t twoLines = 2048;
     std::map<std::string, KeyUse> uses;
     const std::string haystack = "\n" + piece;
-    for (const std::string& key : keys) {
-        const std::size_t found = haystack.find("\n" + key + " ");
-        if (found == std::string::npos) {
+    for (const Key& key : allKeys()) {
+        const std::size_t found = haystack.find("\n" + key.name + " ");
+        if (key.ofDetector != ofDetector || found == std::string::npos) {
             continue;
         }
         KeyUse use;
-        use.key = key;
+        use.key = &key;
         // The line feed in front of the piece makes up for the one in front of the key.
         use.offset = begin + found;
         use.line = lineAt(use.offset);
-        const std::size_t value = UTILITIES::findValue(haystack, key);
-        use.hasValue = value != std::string::npos;
-        if (use.hasValue) {
-            use.scope = haystack.substr(value, twoLines);
-            use.rest = use.scope.substr(0, use.scope.find('\n'));
-        }
-        uses.emplace(key, std::move(use));
+        const std::size_t value = found + 1 + key.name.size();
+        use.written = trimmed(haystack.substr(value, haystack.find('\n', value) - value));
+        use.taken = takenBy(key, haystack);
+        uses.emplace(key.name, std::move(use));
     }
     return uses;
 }

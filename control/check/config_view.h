@@ -10,11 +10,20 @@
 
 namespace control {
 
-/// The keys that the daemon looks up: for itself, and in each detector's block.
-const std::vector<std::string>& settingKeys();
-const std::vector<std::string>& detectorKeys();
-bool isSettingKey(std::string_view word);
-bool isDetectorKey(std::string_view word);
+/// A key that the daemon looks up: for itself, or in each detector's block.
+struct Key {
+    enum class Kind { word, path, number, size };
+
+    std::string name;
+    Kind kind;
+    bool ofDetector;
+    bool reachesShell; // its value becomes part of a shell's command line
+};
+
+const std::vector<Key>& allKeys();
+
+/// The key of this name; null if there is none.
+const Key* findKey(std::string_view name);
 
 /// A line that the daemon keeps: neither empty nor a comment.
 struct ConfigLine {
@@ -23,42 +32,39 @@ struct ConfigLine {
     std::size_t offset = 0; // of the text's first character in the daemon's text
 };
 
-/// One key in the part of the text that it is looked up in.
+/// One key in the part of the text that it is looked up in: what its author wrote, and what the
+/// daemon takes from there.
 struct KeyUse {
-    std::string key;
+    const Key* key = nullptr;
     int line = 0;
-    std::size_t offset = 0; // of the key in the daemon's text
-    std::string rest;       // of its line, behind the key and the spaces that follow
-    std::string scope;      // the rest and what follows, as far as the daemon may look for a value
-    bool hasValue = false;  // for the daemon's lookup, which sees blanks but no other white space
+    std::size_t offset = 0;           // of the key in the daemon's text
+    std::string written;              // the rest of its line, without white space around it
+    std::optional<std::string> taken; // nothing if the daemon goes on as if the key were not there
+};
+
+/// A pause of a detector and where it comes from.
+struct Pause {
+    int milliseconds = 0;
+    int line = 0;         // 0 if it is the default
+    std::string detector; // whose block it stands in, if any
 };
 
 /// The stretch of the daemon's text that makes one detector.
 struct ConfigBlock {
     std::size_t begin = 0; // in the daemon's text; of the "d" of "detectorID "
     std::size_t end = 0;   // behind its last character
-    std::string text;
-    int line = 0;                       // that it begins in
-    bool insideLine = false;            // begins behind other text of its line
-    std::string id;                     // may be empty
-    bool served = true;                 // false if a later block has the same ID
-    std::map<std::string, KeyUse> uses; // the detector's keys that are in it
-};
+    int line = 0;          // that it begins in
+    std::string id;        // may be empty
+    bool served = true;    // false if a later block has the same ID
+    std::map<std::string, KeyUse> uses;
+    Pause minPause;
+    Pause interrunPause;
 
-/// Where a value of a detector comes from.
-struct Origin {
-    enum class Kind { own, inherited, byDefault };
-    Kind kind = Kind::byDefault;
-    int line = 0;         // of the key; 0 by default
-    std::string detector; // whose block it stands in; not by default
-};
+    /// Where the daemon finds a key in it; null if it does not.
+    const KeyUse* find(const std::string& key) const;
 
-/// The pauses of one block, and where they come from.
-struct BlockPauses {
-    int minPause = 0;
-    int interrunPause = 0;
-    Origin minPauseOrigin;
-    Origin interrunPauseOrigin;
+    /// The value that it finds there; empty if it finds none.
+    std::string valueOf(const std::string& key) const;
 };
 
 /// The configuration file as its author sees it (lines with numbers) beside what the daemon makes
@@ -74,52 +80,46 @@ public:
     /// The lines that are kept, in their order.
     const std::vector<ConfigLine>& lines() const { return keptLines; }
 
-    /// The line, as it stands, that is too long and ends the reading; and all lines behind it.
+    /// The line that is too long and ends the reading, its length, and how many lines follow.
     struct Cut {
         int line = 0;
         std::size_t length = 0;
-        std::vector<std::string> ignored;
+        int ignored = 0;
     };
     const std::optional<Cut>& cut() const { return readingCut; }
 
-    /// The lines that are read and hold a NUL byte: how many, and the number of the first (or 0).
-    std::size_t linesWithNul() const { return nulLines; }
+    /// The number of the first line that is read and holds a NUL byte; 0 if none does.
     int firstNul() const { return firstNulLine; }
-
-    /// The number of the line with a place of the daemon's text in it.
-    int lineAt(std::size_t offset) const;
 
     /// All blocks, in their order.
     const std::vector<ConfigBlock>& blocks() const { return allBlocks; }
 
-    /// The pauses of each block, in the blocks' order.
-    const std::vector<BlockPauses>& pauses() const { return allPauses; }
-
     /// The block that a place of the text is in; nothing before the first one.
     const ConfigBlock* blockAt(std::size_t offset) const;
 
-    /// Where the daemon finds a setting of its own, or a key of a block. Null if it does not.
+    /// The block of a detector that is served; null if there is none.
+    const ConfigBlock* servedBlock(const std::string& id) const;
+
+    /// Where the daemon finds a setting of its own. Null if it does not.
     const KeyUse* find(const std::string& settingKey) const;
-    static const KeyUse* find(const std::string& detectorKey, const ConfigBlock& block);
 
 private:
     void readLines(const std::string& file);
     void readBlocks();
-    void readPauses();
-    std::map<std::string, KeyUse> findAll(const std::vector<std::string>& keys,
-                                          const std::string& piece, std::size_t begin) const;
+    int lineAt(std::size_t offset) const;
+    std::map<std::string, KeyUse> findAll(bool ofDetector, const std::string& piece,
+                                          std::size_t begin) const;
 
     std::string wholeText;
     std::vector<ConfigLine> keptLines;
     std::optional<Cut> readingCut;
-    std::size_t nulLines = 0;
     int firstNulLine = 0;
     std::vector<ConfigBlock> allBlocks;
-    std::vector<BlockPauses> allPauses;
+    std::map<std::string, std::size_t> served; // by ID
     std::map<std::string, KeyUse> settingUses;
 };
 
-/// The value of a whole number as the daemon reads it: nothing if it would leave what was there.
-std::optional<int> readNumber(const std::string& scope);
+/// A text without white space around it.
+std::string_view trimmed(std::string_view text);
 
 } // namespace control

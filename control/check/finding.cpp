@@ -5,11 +5,14 @@
 
 namespace control {
 
-std::size_t count(const Findings& findings, Severity severity) {
+std::size_t countWarnings(const Findings& findings) {
     return static_cast<std::size_t>(
-        std::count_if(findings.begin(), findings.end(), [severity](const Finding& each) {
-            return (each.severity == Severity::warning) == (severity == Severity::warning);
-        }));
+        std::count_if(findings.begin(), findings.end(),
+                      [](const Finding& each) { return each.severity == Severity::warning; }));
+}
+
+std::size_t countErrors(const Findings& findings) {
+    return findings.size() - countWarnings(findings);
 }
 
 std::string inQuotes(std::string_view text) {

@@ -17,7 +17,7 @@ enum class Severity {
 
 struct Finding {
     Severity severity = Severity::error;
-    std::string code;    // what kind it is: short, fixed, for programs ("key-followed-by-tab")
+    std::string code;    // what kind it is: short, fixed, for programs ("not-taken")
     int line = 0;        // of the configuration file, from 1; 0 if it is not about one line
     std::string subject; // the key, detector, option or path that it is about; any bytes
     std::string text;    // one sentence: what is there, and what the daemon makes of it; any bytes
@@ -27,8 +27,9 @@ struct Finding {
 
 using Findings = std::vector<Finding>;
 
-/// How many of them are warnings; or errors, fatal ones with them.
-std::size_t count(const Findings& findings, Severity severity);
+/// How many of them are warnings, or are not.
+std::size_t countWarnings(const Findings& findings);
+std::size_t countErrors(const Findings& findings);
 
 /// A text as it is quoted in a sentence; the end of one beyond 80 bytes is cut off.
 std::string inQuotes(std::string_view text);
