@@ -1,19 +1,21 @@
 // Who reads the hand-off pipe, found out without touching it.
 #include "control/consumer_pipe.h"
 
+#include "control/file.h"
 #include "control/process.h"
 #include "daemon/global.h"
 #include "utilities/descriptors.h"
 
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <iterator>
 #include <sstream>
 #include <system_error>
+#include <utility>
 #include <vector>
 
 #include <fcntl.h>
@@ -26,27 +28,6 @@ namespace control {
 namespace {
 
 namespace fs = std::filesystem;
-
-/// What two names of one file have in common.
-struct FileIdentity {
-    unsigned major = 0;
-    unsigned minor = 0;
-    std::uint64_t inode = 0;
-
-    bool operator==(const FileIdentity& other) const {
-        return major == other.major && minor == other.minor && inode == other.inode;
-    }
-};
-
-/// Of the file that a path leads to, as far as the kernel knows it without asking a file server: a
-/// dead one must not stop the search.
-std::optional<FileIdentity> identify(const std::string& path) {
-    struct statx status = {};
-    if (statx(AT_FDCWD, path.c_str(), AT_STATX_DONT_SYNC, STATX_INO, &status) != 0) {
-        return std::nullopt;
-    }
-    return FileIdentity{status.stx_dev_major, status.stx_dev_minor, status.stx_ino};
-}
 
 /// The names in a folder; nothing if it may not be looked at. One that has gone is empty.
 std::optional<std::vector<std::string>> namesIn(const std::string& folder) {
@@ -62,17 +43,45 @@ std::optional<std::vector<std::string>> namesIn(const std::string& folder) {
     return names;
 }
 
+/// Which processes may open a pipe for reading.
+enum class Right {
+    none,
+    asAnybody, // since everybody may
+    asItsOwn,  // as root, its owner or one of its group
+};
+
+Right rightOf(pid_t pid, const struct stat& pipe) {
+    const std::vector<std::uint64_t> users = statusNumbers(pid, "Uid");
+    if (users.empty()) {
+        return Right::asItsOwn; // it can't be told
+    }
+    for (const std::uint64_t user : users) {
+        if (user == 0 || user == pipe.st_uid) {
+            return Right::asItsOwn;
+        }
+    }
+    if ((pipe.st_mode & S_IRGRP) != 0) {
+        for (const char* const key : {"Gid", "Groups"}) {
+            for (const std::uint64_t group : statusNumbers(pid, key)) {
+                if (group == pipe.st_gid) {
+                    return Right::asItsOwn;
+                }
+            }
+        }
+    }
+    return (pipe.st_mode & S_IROTH) != 0 ? Right::asAnybody : Right::none;
+}
+
 /// True if the process has no descriptors at all: the kernel's own, and those that have ended.
 /// Anybody may see that of any process, unless /proc hides the others.
 bool hasNoMemory(pid_t pid) {
-    std::ifstream file("/proc/" + std::to_string(pid) + "/cmdline", std::ios::binary);
-    return file.is_open() && file.get() == std::char_traits<char>::eof();
+    return !statusNumbers(pid, "Uid").empty() && statusNumbers(pid, "VmSize").empty();
 }
 
 /// The answer to whether a process reads a file.
 enum class Answer { no, yes, notAllowed };
 
-Answer holdsForReading(pid_t pid, const FileIdentity& pipe) {
+Answer holdsForReading(pid_t pid, const FileId& pipe) {
     const std::string process = "/proc/" + std::to_string(pid);
     const std::optional<std::vector<std::string>> descriptors = namesIn(process + "/fd");
     if (!descriptors) {
@@ -81,7 +90,7 @@ Answer holdsForReading(pid_t pid, const FileIdentity& pipe) {
     const std::string files = process + "/fd/";
     const std::string modes = process + "/fdinfo/";
     for (const std::string& descriptor : *descriptors) {
-        const std::optional<FileIdentity> file = identify(files + descriptor);
+        const std::optional<FileId> file = fileIdOf(files + descriptor);
         if (file && *file == pipe && isOpenForReading(readProcFile(modes + descriptor))) {
             return Answer::yes;
         }
@@ -101,7 +110,9 @@ std::string textAt(pid_t pid, std::uint64_t address) {
 }
 
 /// Whether a process has asked to read the file and waits for a writer: it has no descriptor yet.
-Answer waitsForWriter(pid_t pid, const FileIdentity& pipe) {
+/// Whoever it is no pipe for is not asked for the path: his memory may make its reader wait for
+/// ever.
+Answer waitsForWriter(pid_t pid, Right right, const FileId& pipe) {
     const std::string process = "/proc/" + std::to_string(pid);
     const std::optional<std::vector<std::string>> threads = namesIn(process + "/task");
     if (!threads) {
@@ -124,6 +135,9 @@ Answer waitsForWriter(pid_t pid, const FileIdentity& pipe) {
         if (!pending) {
             continue;
         }
+        if (right != Right::asItsOwn) {
+            return Answer::notAllowed;
+        }
         const std::string name = textAt(pid, pending->pathAddress);
         const bool isWhole = !name.empty() && name.front() == '/';
         std::string path = process;
@@ -134,7 +148,7 @@ Answer waitsForWriter(pid_t pid, const FileIdentity& pipe) {
         } else {
             path.append("/fd/").append(std::to_string(pending->folder)).append("/");
         }
-        const std::optional<FileIdentity> found = identify(path + name);
+        const std::optional<FileId> found = fileIdOf(path + name);
         if (!name.empty() && found && *found == pipe) {
             return Answer::yes;
         }
@@ -199,11 +213,9 @@ std::optional<PendingOpen> parsePendingOpen(std::string_view text) {
     return pending;
 }
 
-PipeSnapshot lookAtConsumerPipe() {
-    return lookAtConsumerPipe(GLOBAL::pathToVantrelFifo);
-}
+namespace {
 
-PipeSnapshot lookAtConsumerPipe(const std::string& path) {
+PipeSnapshot look(const std::string& path) {
     PipeSnapshot snapshot;
     snapshot.path = path;
     struct stat status = {};
@@ -216,18 +228,22 @@ PipeSnapshot lookAtConsumerPipe(const std::string& path) {
         snapshot.state = PipeSnapshot::State::notAPipe;
         return snapshot;
     }
-    const std::optional<FileIdentity> pipe = identify(path);
-    if (!pipe) {
-        snapshot.state = PipeSnapshot::State::unknown;
-        return snapshot;
-    }
-
+    const FileId pipe{status.st_dev, status.st_ino};
     const std::vector<pid_t> processes = allProcesses();
+    std::vector<std::pair<pid_t, Right>> candidates;
+    for (const pid_t pid : processes) {
+        const Right right = rightOf(pid, status);
+        if (right != Right::none) {
+            candidates.emplace_back(pid, right);
+        }
+    }
     // The first process is always there; unless it is hidden, and others are too.
     bool allSeen = !processes.empty() && processes.front() == 1;
-    for (const auto& isReader : {holdsForReading, waitsForWriter}) {
-        for (const pid_t pid : processes) {
-            const Answer answer = isReader(pid, *pipe);
+    // The second, dearer question is for a pipe that nobody seems to read.
+    for (const bool waits : {false, true}) {
+        for (const auto& [pid, right] : candidates) {
+            const Answer answer =
+                waits ? waitsForWriter(pid, right, pipe) : holdsForReading(pid, pipe);
             if (answer == Answer::notAllowed && !hasNoMemory(pid)) {
                 allSeen = false;
             }
@@ -238,13 +254,34 @@ PipeSnapshot lookAtConsumerPipe(const std::string& path) {
             }
         }
         if (!snapshot.readers.empty()) {
-            // The second, dearer question is for a pipe that nobody seems to read.
             snapshot.state = PipeSnapshot::State::read;
             return snapshot;
         }
     }
     snapshot.state = allSeen ? PipeSnapshot::State::noReader : PipeSnapshot::State::unknown;
     return snapshot;
+}
+
+} // namespace
+
+PipeSnapshot lookAtConsumerPipe() {
+    return lookAtConsumerPipe(GLOBAL::pathToVantrelFifo);
+}
+
+PipeSnapshot lookAtConsumerPipe(const std::string& path) {
+    constexpr std::chrono::seconds limit{2};
+    static std::atomic<bool> isUnderWay{false}; // one that hangs is not joined by others
+    PipeSnapshot unknown;
+    unknown.path = path;
+    if (isUnderWay.exchange(true)) {
+        return unknown;
+    }
+    std::future<PipeSnapshot> snapshot = inBackground([path] {
+        PipeSnapshot found = look(path);
+        isUnderWay = false;
+        return found;
+    });
+    return resultBy(std::chrono::steady_clock::now() + limit, snapshot).value_or(unknown);
 }
 
 } // namespace control

@@ -15,10 +15,12 @@ namespace control {
 /// The pipe is never opened: an open for writing would release a consumer that waits in its own
 /// open, and give it an end of file. The descriptors of all processes are looked through instead,
 /// and the open calls in which they wait. A descriptor for writing alone, such as the daemon's, is
-/// no reader. One call costs a few system calls for each open file of the machine.
+/// no reader. One call costs a few system calls for each open file of the processes that may read
+/// the pipe: root's, its owner's, its group's or, as its mode says, all. Of others nothing is
+/// believed.
 ///
-/// `unknown` when the path itself may not be looked at, and when no reader was found but some
-/// process may not be looked at.
+/// `unknown` when the path itself may not be looked at, when no reader was found but some process
+/// may not be looked at, and when the look is not over within two seconds.
 PipeSnapshot lookAtConsumerPipe();
 
 /// The same for a path of the caller's choice.

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <array>
 #include <charconv>
+#include <cstdlib>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
@@ -122,25 +123,31 @@ std::string executable(pid_t pid) {
     return error ? std::string() : path.string();
 }
 
-std::optional<uid_t> userOf(pid_t pid) {
-    // The owner of the folder would be root for a process that may not be dumped.
-    std::istringstream text(readProcFile(folderOf(pid) + "/status"));
-    std::string line;
-    while (std::getline(text, line)) {
-        uid_t real = 0;
-        uid_t effective = 0;
-        std::string key;
-        std::istringstream fields(line);
-        if (fields >> key >> real >> effective && key == "Uid:") {
-            return effective;
-        }
+std::vector<std::uint64_t> statusNumbers(pid_t pid, const std::string& key, int base) {
+    const std::string text = "\n" + readProcFile(folderOf(pid) + "/status");
+    const std::size_t begin = text.find("\n" + key + ":");
+    std::vector<std::uint64_t> numbers;
+    if (begin == std::string::npos) {
+        return numbers;
     }
-    return std::nullopt;
+    const std::size_t values = begin + key.size() + 2;
+    std::istringstream words(text.substr(values, text.find('\n', values) - values));
+    std::string word;
+    while (words >> word) {
+        numbers.push_back(std::strtoull(word.c_str(), nullptr, base));
+    }
+    return numbers;
+}
+
+std::optional<uid_t> userOf(pid_t pid) {
+    // The owner of its folder would be root for a process that may not be dumped.
+    const std::vector<std::uint64_t> users = statusNumbers(pid, "Uid");
+    return users.size() < 2 ? std::nullopt : std::optional<uid_t>(static_cast<uid_t>(users[1]));
 }
 
 bool sharesPidNamespace(pid_t pid) {
-    const std::optional<FileId> theirs = fileIdOf(folderOf(pid) + "/ns/pid");
-    return !theirs || theirs == fileIdOf("/proc/self/ns/pid");
+    // In a namespace below this one it has a number there, too.
+    return statusNumbers(pid, "NSpid").size() <= 1;
 }
 
 std::vector<pid_t> threadsOf(pid_t pid) {

@@ -27,8 +27,6 @@ namespace {
 constexpr int warningsStatus = 1;
 constexpr int errorsStatus = 2;
 
-const char* const unitOptionsFile = "/etc/default/skarn";
-
 struct CheckOptions {
     std::optional<std::string> file;
     std::optional<std::string> user;
@@ -115,8 +113,7 @@ int check(const CheckOptions& options) {
     report.file = options.file.value_or(findFile());
     report.startOptions = startOptionsOf(options);
     if (!options.file && report.startOptions.empty()) {
-        constexpr std::size_t enough = 65536;
-        report.startOptions = parseUnitOptions(readFile(unitOptionsFile, enough).text.value_or(""));
+        report.startOptions = unitOptions();
         report.optionsFile = report.startOptions.empty() ? "" : unitOptionsFile;
     }
     fill(report, options.file.has_value(), !options.noNetwork);
@@ -140,10 +137,11 @@ int check(const CheckOptions& options) {
 
 } // namespace
 
-std::vector<std::string> parseUnitOptions(const std::string& text) {
+std::vector<std::string> unitOptions() {
+    constexpr std::size_t enough = 65536;
     constexpr std::string_view key = "SKARN_OPTIONS=";
     std::vector<std::string> words;
-    std::istringstream lines(text);
+    std::istringstream lines(readFile(unitOptionsFile, enough).text.value_or(""));
     std::string line;
     while (std::getline(lines, line)) {
         std::string_view value = trimmed(line);

@@ -16,7 +16,8 @@ void addCheckCommand(CLI::App& app, const CommonOptions& common, int& exitStatus
 /// empty if nothing is found. Asks no detector.
 std::string whatIsFatal(const std::vector<std::string>& startOptions);
 
-/// The start options that the text of /etc/default/skarn has for the unit of systemd.
-std::vector<std::string> parseUnitOptions(const std::string& text);
+/// Where the start options of the unit of systemd stand, and these.
+constexpr const char* unitOptionsFile = "/etc/default/skarn";
+std::vector<std::string> unitOptions();
 
 } // namespace control

@@ -361,11 +361,12 @@ void HostFinder::lookAtFixedFolders() {
             if (lstat(path.c_str(), &status) != 0) {
                 continue;
             }
-            const int reason = refusal(path, W_OK);
-            if (!S_ISREG(status.st_mode) || reason != 0) {
+            const bool isFile = S_ISREG(status.st_mode);
+            const int reason = isFile ? refusal(path, W_OK) : 0;
+            if (!isFile || reason != 0) {
                 tell(Severity::fatal, "run-folder", path,
                      path + " can't be written: " +
-                         (reason != 0 ? std::strerror(reason) : "it is no regular file"),
+                         (isFile ? std::strerror(reason) : "it is no regular file"),
                      "remove it, or let root write it");
             }
         }

@@ -7,9 +7,7 @@
 
 #include <algorithm>
 #include <csignal>
-#include <cstdlib>
 #include <filesystem>
-#include <sstream>
 #include <system_error>
 
 #include <sys/stat.h>
@@ -81,13 +79,10 @@ bool isStopped(const ProcessHandle& daemon) {
 
 /// Whether SIGTERM is neither ignored, blocked nor caught: it may have been started so.
 bool canBeTerminated(pid_t pid) {
-    std::istringstream lines(readProcFile("/proc/" + std::to_string(pid) + "/status"));
     std::uint64_t changed = 0;
-    std::string key;
-    std::string value;
-    while (lines >> key && std::getline(lines, value)) {
-        if (key == "SigBlk:" || key == "SigIgn:" || key == "SigCgt:") {
-            changed |= std::strtoull(value.c_str(), nullptr, 16);
+    for (const char* const key : {"SigBlk", "SigIgn", "SigCgt"}) {
+        for (const std::uint64_t signals : statusNumbers(pid, key, 16)) {
+            changed |= signals;
         }
     }
     return (changed >> (SIGTERM - 1) & 1U) == 0;

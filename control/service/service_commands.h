@@ -3,20 +3,15 @@
 
 #include "control/command.h"
 
-#include <optional>
-#include <string>
-
 namespace control {
 
 /// Adds start, restart, stop and status. `common` is looked at when the command line is parsed.
 void addServiceCommands(CLI::App& app, const CommonOptions& common, int& exitStatus);
 
 /// Where the words begin that `start` or `restart` passes on: the index behind that word, which is
-/// the first that is neither --daemon nor its value. argc for any other command line. These words
-/// are the daemon's, whatever they look like, so this program's parser must not see them.
+/// the first that is neither --daemon nor its value, and behind the --when-idle of `restart`. argc
+/// for any other command line. These words are the daemon's, whatever they look like, so this
+/// program's parser must not see them.
 int firstStartOption(int argc, const char* const* argv);
-
-/// A number of seconds on the command line, up to a day; nothing for any other text.
-std::optional<int> parseSeconds(const std::string& text);
 
 } // namespace control

@@ -7,15 +7,16 @@
 #include "control/configuration.h"
 #include "control/control_files.h"
 #include "control/service/daemon_processes.h"
-#include "control/service/launch.h"
 #include "control/service/process_handle.h"
 #include "daemon/global.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
 
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -65,6 +66,61 @@ Log findLog() {
         log.size = readFile(log.path, 0).status.st_size;
     }
     return log;
+}
+
+/// What the start command left.
+struct Launch {
+    int startError = 0;            // an errno value: it could not be run at all
+    bool letGo = false;            // it ended, and it and the daemon closed their output, in time
+    int status = 0;                // its wait status, once it has let go
+    std::string output;            // what it printed, the beginning at least
+    std::optional<Process> daemon; // what it left running, or as a zombie that is to be waited for
+};
+
+/// The oldest child that was not there before: the start command's own, whose parent this process
+/// has become. (A daemon that has ended already may have left copy processes here, too.)
+std::optional<Process> adoptedSince(const std::vector<pid_t>& before, const Process& starter) {
+    std::optional<Process> oldest;
+    for (const pid_t pid : childrenOf(getpid())) {
+        const std::optional<Process> process = readProcess(pid);
+        if (process && pid != starter.pid && process->startTicks >= starter.startTicks &&
+            !std::binary_search(before.begin(), before.end(), pid) &&
+            (!oldest || process->startTicks < oldest->startTicks)) {
+            oldest = process;
+        }
+    }
+    return oldest;
+}
+
+/// Runs the daemon's executable with these words, as a Child.
+///
+/// Makes this process the parent of what detaches from it (a "child subreaper", for the rest of its
+/// life), so that the daemon is known for certain and its exit status can be had: wait for
+/// `daemon`. A start command that has not let go in time is killed.
+Launch launchDaemon(const std::string& path, const std::vector<std::string>& words) {
+    Launch launch;
+    if (prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0) != 0) {
+        launch.startError = errno;
+        return launch;
+    }
+    const std::vector<pid_t> before = childrenOf(getpid());
+    std::vector<std::string> command = {path};
+    command.insert(command.end(), words.begin(), words.end());
+    Child starter(command);
+    launch.startError = starter.startError();
+    if (launch.startError != 0) {
+        return launch;
+    }
+    // Read before it is waited for, so that the number is still its own.
+    const std::optional<Process> process = readProcess(starter.pid());
+    launch.letGo = starter.finish(Child::Clock::now() + limit);
+    if (process) {
+        launch.daemon = adoptedSince(before, *process);
+    }
+    starter.kill();
+    launch.status = starter.status().value_or(0);
+    launch.output = starter.text();
+    return launch;
 }
 
 /// How far the daemon has come, once it has detached.
@@ -134,7 +190,7 @@ int startDaemon(const std::string& daemonPath, const std::vector<std::string>& s
         return failed;
     }
     const Log log = findLog();
-    const Launch launch = launchDaemon(daemonPath, startOptions, limit);
+    const Launch launch = launchDaemon(daemonPath, startOptions);
     Progress progress;
     if (launch.daemon) {
         progress = watchUntilItWorks(launch.daemon->pid);

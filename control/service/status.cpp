@@ -9,34 +9,25 @@
 
 namespace control {
 
+using nlohmann::json;
+
+NLOHMANN_JSON_SERIALIZE_ENUM(PidFile::State, {{PidFile::State::absent, "absent"},
+                                              {PidFile::State::unreadable, "unreadable"},
+                                              {PidFile::State::damaged, "damaged"},
+                                              {PidFile::State::whole, "whole"}})
+
 namespace {
 
-std::string pidFileState(PidFile::State state) {
-    switch (state) {
-    case PidFile::State::absent:
-        return "absent";
-    case PidFile::State::unreadable:
-        return "unreadable";
-    case PidFile::State::damaged:
-        return "damaged";
-    case PidFile::State::whole:
-        break;
-    }
-    return "whole";
-}
-
 /// Times as whole seconds: their fractions are not certain.
-std::int64_t wholeSeconds(double time) {
+json wholeSeconds(double time) {
     return static_cast<std::int64_t>(std::floor(time));
 }
 
 /// A word as a shell would want it, so that where one ends can be seen.
 std::string shellWord(const std::string& word) {
-    const bool isPlain =
-        !word.empty() && word.find_first_not_of("abcdefghijklmnopqrstuvwxyz"
+    if (!word.empty() && word.find_first_not_of("abcdefghijklmnopqrstuvwxyz"
                                                 "ABCDEFGHIJKLMNOPQRSTUVWXYZ"
-                                                "0123456789_-+=:,./@%") == std::string::npos;
-    if (isPlain) {
+                                                "0123456789_-+=:,./@%") == std::string::npos) {
         return word;
     }
     std::string quoted = "'";
@@ -63,19 +54,15 @@ int statusCode(DaemonProcesses::State state) {
 }
 
 std::string statusText(const DaemonProcesses& found) {
-    std::string text = displayable(found.text, false) + "\n";
-    if (!found.startOptions.empty()) {
-        text += "start options:";
-        for (const std::string& word : found.startOptions) {
-            text += " " + displayable(shellWord(word), false);
-        }
-        text += "\n";
+    std::string shown = displayable(found.text, false);
+    shown += found.startOptions.empty() ? "" : "\nstart options:";
+    for (const std::string& word : found.startOptions) {
+        shown += " " + displayable(shellWord(word), false);
     }
-    return text;
+    return shown + "\n";
 }
 
 std::string statusJson(const DaemonProcesses& found, const std::optional<int>& processLimit) {
-    using nlohmann::json;
     json copies = json::array();
     for (const Process& process : found.copyProcesses) {
         copies.push_back({{"pid", process.pid}, {"since", wholeSeconds(startTime(process))}});
@@ -90,18 +77,19 @@ std::string statusJson(const DaemonProcesses& found, const std::optional<int>& p
         {"exit_status", statusCode(found.state)},
         {"text", found.text},
         {"pid", runs ? json(found.pid()) : json()},
-        {"since", found.upSince ? json(wholeSeconds(*found.upSince)) : json()},
+        {"since", found.upSince ? wholeSeconds(*found.upSince) : json()},
         {"start_options", found.startOptions},
         {"copy_processes", copies},
         {"copy_process_limit", runs && processLimit ? json(*processLimit) : json()},
         {"unvouched_processes", unvouched},
         {"pid_file",
          {{"path", pidFilePath()},
-          {"state", pidFileState(found.pidFile.state)},
+          {"state", found.pidFile.state},
           {"problem", found.pidFile.problem}}},
     };
-    // Start options may hold any byte; what is no UTF-8 is shown as U+FFFD.
-    return status.dump(2, ' ', false, json::error_handler_t::replace) + "\n";
+    // Start options may hold any byte; what is no UTF-8 is shown as U+FFFD, and the rest as ASCII,
+    // so that nothing steers a terminal.
+    return status.dump(2, ' ', true, json::error_handler_t::replace) + "\n";
 }
 
 } // namespace control

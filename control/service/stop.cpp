@@ -15,6 +15,7 @@
 #include <csignal>
 #include <cstdio>
 #include <ctime>
+#include <map>
 #include <utility>
 #include <vector>
 
@@ -93,40 +94,30 @@ public:
 
     /// Says how they went; returns the exit status for it.
     int report() const {
-        std::vector<pid_t> byTerm;
-        std::vector<pid_t> byKill;
-        std::vector<pid_t> byThemselves;
-        std::vector<pid_t> forbidden;
-        std::vector<pid_t> left;
+        std::map<Fate, std::vector<pid_t>> pids;
         for (const One& one : all) {
-            const bool runs = one.handle.isRunning();
-            std::vector<pid_t>& list = one.sent == ProcessHandle::Sent::notAllowed ? forbidden
-                                       : runs                                      ? left
-                                       : one.killed                                ? byKill
-                                       : one.sent == ProcessHandle::Sent::ended    ? byThemselves
-                                                                                   : byTerm;
-            list.push_back(one.handle.pid());
+            pids[fateOf(one)].push_back(one.handle.pid());
         }
         std::string line;
-        const auto tell = [&](const std::vector<pid_t>& pids, const std::string& how) {
-            if (!pids.empty()) {
-                line += (line.empty() ? "" : "; ") + named(pids, kind) + " " + how;
+        for (const auto& [fate, how] :
+             {std::pair{Fate::byItself, "had ended"}, std::pair{Fate::byTerm, "ended by SIGTERM"},
+              std::pair{Fate::byKill, "ended by SIGKILL, not having heeded SIGTERM"}}) {
+            if (pids.count(fate) > 0) {
+                line += (line.empty() ? "" : "; ") + named(pids[fate], kind) + " " + how;
             }
-        };
-        tell(byThemselves, "had ended");
-        tell(byTerm, "ended by SIGTERM");
-        tell(byKill, "ended by SIGKILL, not having heeded SIGTERM");
+        }
         if (!line.empty()) {
             say(line);
         }
-        if (!left.empty()) {
-            complain(named(left, kind) + " would not end, not even by SIGKILL");
+        if (pids.count(Fate::left) > 0) {
+            complain(named(pids[Fate::left], kind) + " would not end, not even by SIGKILL");
         }
-        if (!forbidden.empty()) {
-            complain(named(forbidden, kind) + " may not be signalled without root's rights");
+        if (pids.count(Fate::forbidden) > 0) {
+            complain(named(pids[Fate::forbidden], kind) +
+                     " may not be signalled without root's rights");
             return notAllowed;
         }
-        return left.empty() ? succeeded : failed;
+        return pids.count(Fate::left) > 0 ? failed : succeeded;
     }
 
 private:
@@ -135,6 +126,18 @@ private:
         ProcessHandle::Sent sent; // of SIGTERM
         bool killed;
     };
+    enum class Fate { byItself, byTerm, byKill, left, forbidden };
+
+    static Fate fateOf(const One& one) {
+        if (one.sent == ProcessHandle::Sent::notAllowed) {
+            return Fate::forbidden;
+        }
+        return one.handle.isRunning()                   ? Fate::left
+               : one.killed                             ? Fate::byKill
+               : one.sent == ProcessHandle::Sent::ended ? Fate::byItself
+                                                        : Fate::byTerm;
+    }
+
     std::string kind;
     std::vector<One> all;
 };
@@ -145,17 +148,6 @@ void finish(Ending& ending, Milliseconds patience) {
         ending.killTheRest();
         waitFor([&ending] { return ending.isOver(); }, killLimit);
     }
-}
-
-/// What the sessions of these still hold once they themselves have ended.
-std::vector<Process> leftInSessions(const std::vector<Process>& leaders) {
-    std::vector<Process> found;
-    for (const Process& leader : leaders) {
-        for (const Process& member : findSessionMembers(leader)) {
-            found.push_back(member);
-        }
-    }
-    return found;
 }
 
 /// Ends copy processes that have lost their daemon, then the rest of their sessions and its own.
@@ -191,8 +183,10 @@ int endLeftBehind(const EndedDaemon& daemon, const std::vector<Process>& known,
                   leaders.end());
     // They start no sessions, but may start processes: look a second time.
     for (int round = 0; round < 2; ++round) {
-        for (const Process& each : leftInSessions(leaders)) {
-            rest.add(each);
+        for (const Process& leader : leaders) {
+            for (const Process& member : findSessionMembers(leader)) {
+                rest.add(member);
+            }
         }
         finish(rest, patience);
     }

@@ -89,7 +89,9 @@ def test_every_subcommand_and_option_of_the_program_is_offered() -> None:
 
 def test_start_options() -> None:
     for subcommand in ("start", "restart"):
-        assert offered(f"skarnctl {subcommand} ") == ["--detector", "--user", "-d", "-u"]
+        its_own = ["--when-idle"] if subcommand == "restart" else []
+        words = sorted(["--detector", "--user", "-d", "-u", *its_own])
+        assert offered(f"skarnctl {subcommand} ") == words
         assert offered(f"skarnctl {subcommand} -u 1:2 --d") == ["--detector"]
 
 

@@ -180,6 +180,19 @@ def test_restart_takes_new_start_options() -> None:
     assert not is_running(first)
 
 
+def test_restart_waits_for_an_idle_moment() -> None:
+    gate = scripted.gate("busy")
+    pid, copies = copy_processes(1, [f"wait {gate}", "confirm-all"])
+    result = skarnctl("restart", "--when-idle=1", "-u", "3:4")
+    assert result.status == 1 and "always had copy processes" in result.complaint
+    assert is_running(pid) and is_running(copies[0])
+    gate.touch()
+    result = skarnctl("restart", "--when-idle", "-u", "3:4")
+    assert (result.status, result.errors) == (0, "")
+    assert re.match(idle_line(pid) + r"skarn started, process \d+\n", told(result)), result
+    assert skarnctl("status", "--json").json["start_options"] == ["-u", "3:4"]
+
+
 def test_restart_starts_also_what_did_not_run() -> None:
     result = skarnctl("restart")
     assert result.status == 0

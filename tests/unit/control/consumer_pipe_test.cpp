@@ -250,6 +250,34 @@ TEST_F(ConsumerPipe, IsNotReadByOneWhoWaitsForAReader) {
     }
 }
 
+/// Opens the pipe for reading, as another user, and waits for a writer.
+int waitAsNobody(const std::string& path) {
+    return setgid(65534) == 0 && setuid(65534) == 0 && open(path.c_str(), O_RDONLY | O_CLOEXEC) >= 0
+               ? 0
+               : 1;
+}
+
+TEST_F(ConsumerPipe, TakesNobodysWordWhoMayNotOpenIt) {
+    // His memory names the pipe, but he waits in the open of another one.
+    const std::string other = folder + "/other";
+    ASSERT_EQ(mkfifo(other.c_str(), 0666), 0);
+    ASSERT_EQ(chmod(other.c_str(), 0666), 0);
+    ASSERT_EQ(chmod(path.c_str(), 0600), 0);
+    const Child stranger([&other] { return waitAsNobody(other); });
+    UTILITIES::sleepMilliSeconds(200);
+    EXPECT_EQ(lookAtConsumerPipe(path).state, State::noReader);
+    // Where everybody may open it, one who waits somewhere may be its reader.
+    ASSERT_EQ(chmod(path.c_str(), 0666), 0);
+    EXPECT_EQ(await(State::unknown).state, State::unknown);
+}
+
+TEST_F(ConsumerPipe, IsReadByOneOfItsGroup) {
+    ASSERT_EQ(chown(path.c_str(), 0, 65534), 0);
+    ASSERT_EQ(chmod(path.c_str(), 0640), 0);
+    const Child reader([this] { return waitAsNobody(path); });
+    EXPECT_EQ(await(State::read).state, State::read);
+}
+
 /// What another user, who may not look at this process, finds.
 State asNobody(const std::string& path, bool reading) {
     Child other([&path, reading] {

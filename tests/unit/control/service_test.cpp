@@ -29,6 +29,9 @@ TEST(FirstStartOption, IsBehindTheWordThatStarts) {
     EXPECT_EQ(firstOf({"start"}), 2);
     EXPECT_EQ(firstOf({"start", "-u", "1:2"}), 2);
     EXPECT_EQ(firstOf({"restart", "stop", "--", ""}), 2);
+    EXPECT_EQ(firstOf({"restart", "--when-idle", "-u", "1:2"}), 3);
+    EXPECT_EQ(firstOf({"restart", "--when-idle=5", "-u", "1:2"}), 3);
+    EXPECT_EQ(firstOf({"start", "--when-idle", "-u", "1:2"}), 2);
     EXPECT_EQ(firstOf({"--daemon", "/a/skarn", "start", "start"}), 4);
     EXPECT_EQ(firstOf({"--daemon=/a/skarn", "restart", "-x"}), 3);
     EXPECT_EQ(firstOf({"--daemon", "start", "start", "-x"}), 4);
@@ -43,16 +46,6 @@ TEST(FirstStartOption, IsTheEndForEverythingElse) {
     EXPECT_EQ(firstOf({"", "start"}), 3);
     EXPECT_EQ(firstOf({"check", "-u", "start"}), 4);
     EXPECT_EQ(firstOf({"--daemonstart", "start"}), 3);
-}
-
-TEST(ParseSeconds, TakesWholeSecondsUpToADay) {
-    EXPECT_EQ(parseSeconds("0"), 0);
-    EXPECT_EQ(parseSeconds("60"), 60);
-    EXPECT_EQ(parseSeconds("86400"), 86400);
-    for (const char* const text :
-         {"", "-0", "-1", "+1", " 1", "1 ", "1.5", "1e3", "0x10", "86401", "99999999999", "a"}) {
-        EXPECT_EQ(parseSeconds(text), std::nullopt) << text;
-    }
 }
 
 TEST(IsFileListOf, KnowsTheListsOfOneDaemon) {
