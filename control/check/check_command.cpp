@@ -89,6 +89,7 @@ void fill(CheckReport& report, bool isNamed, bool withNetwork) {
 
     const std::vector<TargetLook> targets = lookAtTargets(*report.configuration);
     std::vector<std::string> folders;
+    folders.reserve(targets.size());
     for (const TargetLook& look : targets) {
         folders.push_back(look.folder);
     }

@@ -401,11 +401,13 @@ void HostFinder::tellOfTargets(const std::vector<TargetLook>& targets) {
         unsafe.insert(look.unsafe.begin(), look.unsafe.end());
     }
     for (const auto& [folder, who] : unsafe) {
-        tell(Severity::error, "unsafe-folder", folder,
-             inQuotes(folder) + ", on the way to a target, " + who +
-                 ": who puts a link in the place of what lies below it has root make folders, "
-                 "write files and give them away wherever he wants",
-             "chown root:root " + folder + " && chmod go-w " + folder);
+        std::string text = inQuotes(folder);
+        text += ", on the way to a target, " + who +
+                ": who puts a link in the place of what lies below it has root make folders, "
+                "write files and give them away wherever he wants";
+        std::string advice = "chown root:root " + folder;
+        advice += " && chmod go-w " + folder;
+        tell(Severity::error, "unsafe-folder", folder, text, advice);
     }
 }
 
@@ -471,9 +473,9 @@ Findings findInShares(const Configuration& configuration) {
                          : "";
         }
         if (!reason.empty()) {
-            findings.push_back(hostFinding(Severity::error, "share", detector,
-                                           "the share of detector " + inQuotes(detector) + ", " +
-                                               share + ", can't be listed: " + reason,
+            std::string text = "the share of detector " + inQuotes(detector);
+            text.append(", ").append(share).append(", can't be listed: ").append(reason);
+            findings.push_back(hostFinding(Severity::error, "share", detector, text,
                                            "look at the detector's rsync daemon: address, port "
                                            "49371, module ramdisk, password"));
         }
@@ -484,9 +486,11 @@ Findings findInShares(const Configuration& configuration) {
 Findings judgePasswordFile(const struct stat& status, std::string_view content) {
     const std::string& path = GLOBAL::passwordFile;
     Findings findings;
-    const auto tell = [&](Severity severity, const std::string& text, const std::string& advice) {
-        findings.push_back(hostFinding(severity, "password-file", path,
-                                       "the password file " + path + " " + text, advice));
+    const auto tell = [&findings](Severity severity, const std::string& text,
+                                  const std::string& advice) {
+        findings.push_back(hostFinding(severity, "password-file", GLOBAL::passwordFile,
+                                       "the password file " + GLOBAL::passwordFile + " " + text,
+                                       advice));
     };
     if (!S_ISREG(status.st_mode)) {
         tell(Severity::error, "is no regular file",
@@ -515,9 +519,11 @@ Findings judgePasswordFile(const struct stat& status, std::string_view content) 
 Findings judgeCopyProgram(const struct stat& status, std::string_view content) {
     const std::string& path = GLOBAL::rsyncCommand;
     Findings findings;
-    const auto tell = [&](Severity severity, const std::string& text, const std::string& advice) {
-        findings.push_back(hostFinding(severity, "copy-program", path,
-                                       "the copy program " + path + " " + text, advice));
+    const auto tell = [&findings](Severity severity, const std::string& text,
+                                  const std::string& advice) {
+        findings.push_back(hostFinding(severity, "copy-program", GLOBAL::rsyncCommand,
+                                       "the copy program " + GLOBAL::rsyncCommand + " " + text,
+                                       advice));
     };
     if (!S_ISREG(status.st_mode)) {
         tell(Severity::error, "is no regular file", "install the copy program in its place");

@@ -166,7 +166,7 @@ std::string whatWasSeen(const std::string& daemonPath, const Launch& launch,
         return daemonPath + " did not detach" + within + " and was killed";
     }
     const std::string logged = log.complaint();
-    const std::string said = logged.empty() ? firstLine(launch.output) : logged;
+    std::string said = logged.empty() ? firstLine(launch.output) : logged;
     if (!said.empty()) {
         return said;
     }
