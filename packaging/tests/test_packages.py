@@ -245,6 +245,8 @@ def test_watch_and_metrics_tell_the_same(machine: Machine) -> None:
 
 def test_skarnctl_leaves_the_daemon_to_systemd_which_would_start_it_again(machine: Machine) -> None:
     before = pid_of_daemon(machine)
+    main = machine.succeed("systemctl show --property=MainPID --value skarn")
+    assert main == f"{before}\n", "systemd has to know which process is the daemon"
     for command in ("stop", "stop --when-idle", "restart -u 1:2"):
         done = machine.run(f"skarnctl {command}")
         assert done.returncode == 1
