@@ -1,7 +1,7 @@
 // What every subcommand of skarnctl agrees on: how it is added, its exit statuses, its complaints.
 #include "control/command.h"
 
-#include "control/observe/display_text.h"
+#include "control/display_text.h"
 
 #include <cstdio>
 

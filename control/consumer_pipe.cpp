@@ -6,8 +6,8 @@
 #include "daemon/global.h"
 #include "utilities/descriptors.h"
 
+#include <algorithm>
 #include <array>
-#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
@@ -41,35 +41,6 @@ std::optional<std::vector<std::string>> namesIn(const std::string& folder) {
         return std::nullopt;
     }
     return names;
-}
-
-/// Which processes may open a pipe for reading.
-enum class Right {
-    none,
-    asAnybody, // since everybody may
-    asItsOwn,  // as root, its owner or one of its group
-};
-
-Right rightOf(pid_t pid, const struct stat& pipe) {
-    const std::vector<std::uint64_t> users = statusNumbers(pid, "Uid");
-    if (users.empty()) {
-        return Right::asItsOwn; // it can't be told
-    }
-    for (const std::uint64_t user : users) {
-        if (user == 0 || user == pipe.st_uid) {
-            return Right::asItsOwn;
-        }
-    }
-    if ((pipe.st_mode & S_IRGRP) != 0) {
-        for (const char* const key : {"Gid", "Groups"}) {
-            for (const std::uint64_t group : statusNumbers(pid, key)) {
-                if (group == pipe.st_gid) {
-                    return Right::asItsOwn;
-                }
-            }
-        }
-    }
-    return (pipe.st_mode & S_IROTH) != 0 ? Right::asAnybody : Right::none;
 }
 
 /// True if the process has no descriptors at all: the kernel's own, and those that have ended.
@@ -109,33 +80,36 @@ std::string textAt(pid_t pid, std::uint64_t address) {
     return got > 0 ? std::string(text.data()) : std::string();
 }
 
+/// The text of a thread's file in /proc; nothing, errno set, if it can't be read.
+std::optional<std::string> readThreadFile(pid_t pid, const std::string& thread, const char* name) {
+    const std::string path = "/proc/" + std::to_string(pid) + "/task/" + thread + "/" + name;
+    const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    std::array<char, 4096> text = {};
+    const ssize_t got = read(file.get(), text.data(), text.size());
+    return got < 0 ? std::nullopt
+                   : std::optional(std::string(text.data(), static_cast<std::size_t>(got)));
+}
+
 /// Whether a process has asked to read the file and waits for a writer: it has no descriptor yet.
 /// Whoever it is no pipe for is not asked for the path: his memory may make its reader wait for
 /// ever.
-Answer waitsForWriter(pid_t pid, Right right, const FileId& pipe) {
+Answer waitsForWriter(pid_t pid, ReadRight right, const FileId& pipe) {
     const std::string process = "/proc/" + std::to_string(pid);
     const std::optional<std::vector<std::string>> threads = namesIn(process + "/task");
     if (!threads) {
         return Answer::notAllowed;
     }
     for (const std::string& thread : *threads) {
-        std::string call = process;
-        call.append("/task/").append(thread).append("/syscall");
-        const Descriptor file(open(call.c_str(), O_RDONLY | O_CLOEXEC));
-        std::array<char, 256> text = {};
-        const ssize_t got = read(file.get(), text.data(), text.size());
-        if (got < 0) {
-            if (errno == EPERM || errno == EACCES) {
-                return Answer::notAllowed;
-            }
-            continue; // it has ended, or the kernel does not tell
+        const std::optional<std::string> text = readThreadFile(pid, thread, "syscall");
+        if (!text && (errno == EPERM || errno == EACCES)) {
+            return Answer::notAllowed;
         }
-        const std::optional<PendingOpen> pending =
-            parsePendingOpen({text.data(), static_cast<std::size_t>(got)});
-        if (!pending) {
-            continue;
+        const std::optional<PendingCall> pending =
+            text ? parsePendingCall(*text) : std::optional<PendingCall>();
+        if (!pending || pending->kind != PendingCall::Kind::openToRead) {
+            continue; // the thread has ended, or does something else
         }
-        if (right != Right::asItsOwn) {
+        if (right != ReadRight::asItsOwn) {
             return Answer::notAllowed;
         }
         const std::string name = textAt(pid, pending->pathAddress);
@@ -143,10 +117,10 @@ Answer waitsForWriter(pid_t pid, Right right, const FileId& pipe) {
         std::string path = process;
         if (isWhole) {
             path += "/root";
-        } else if (pending->folder == AT_FDCWD) {
+        } else if (pending->descriptor == AT_FDCWD) {
             path += "/cwd/";
         } else {
-            path.append("/fd/").append(std::to_string(pending->folder)).append("/");
+            path.append("/fd/").append(std::to_string(pending->descriptor)).append("/");
         }
         const std::optional<FileId> found = fileIdOf(path + name);
         if (!name.empty() && found && *found == pipe) {
@@ -159,25 +133,32 @@ Answer waitsForWriter(pid_t pid, Right right, const FileId& pipe) {
 } // namespace
 
 bool isOpenForReading(std::string_view fdinfo) {
-    constexpr std::string_view key = "flags:";
-    std::istringstream lines{std::string(fdinfo)};
-    std::string line;
-    while (std::getline(lines, line)) {
-        if (line.compare(0, key.size(), key) != 0) {
-            continue;
-        }
-        const std::string digits = line.substr(key.size());
-        char* end = nullptr;
-        const unsigned long flags = std::strtoul(digits.c_str(), &end, 8);
-        const unsigned long access = flags & O_ACCMODE;
-        // One that was opened as a mere place shows the same access as one for reading.
-        return end != digits.c_str() && (flags & O_PATH) == 0 &&
-               (access == O_RDONLY || access == O_RDWR);
+    const std::vector<std::uint64_t> flags = statusNumbers(fdinfo, "flags", 8);
+    if (flags.empty() || (flags.front() & O_PATH) != 0) {
+        return false; // one that was opened as a mere place shows the same access as for reading
     }
-    return false;
+    const std::uint64_t access = flags.front() & O_ACCMODE;
+    return access == O_RDONLY || access == O_RDWR;
 }
 
-std::optional<PendingOpen> parsePendingOpen(std::string_view text) {
+ReadRight readRight(std::string_view status, uid_t owner, gid_t group, mode_t mode) {
+    // Real, effective, saved and for file systems: whichever it could take on.
+    const std::vector<std::uint64_t> users = statusNumbers(status, "Uid");
+    if (users.empty() || std::any_of(users.begin(), users.end(), [owner](std::uint64_t user) {
+            return user == 0 || user == owner;
+        })) {
+        return ReadRight::asItsOwn;
+    }
+    std::vector<std::uint64_t> groups = statusNumbers(status, "Gid");
+    const std::vector<std::uint64_t> more = statusNumbers(status, "Groups");
+    groups.insert(groups.end(), more.begin(), more.end());
+    if ((mode & S_IRGRP) != 0 && std::find(groups.begin(), groups.end(), group) != groups.end()) {
+        return ReadRight::asItsOwn;
+    }
+    return (mode & S_IROTH) != 0 ? ReadRight::asAnybody : ReadRight::none;
+}
+
+std::optional<PendingCall> parsePendingCall(std::string_view text) {
     // NUMBER ARGUMENT1 ... ARGUMENT6 STACK PROGRAM, or "running".
     std::istringstream words{std::string(text)};
     long number = -1;
@@ -192,30 +173,69 @@ std::optional<PendingOpen> parsePendingOpen(std::string_view text) {
     const auto value = [&arguments](std::size_t index) {
         return static_cast<std::uint64_t>(std::strtoull(arguments[index].c_str(), nullptr, 16));
     };
-    PendingOpen pending;
+    PendingCall pending;
+    pending.descriptor = static_cast<int>(static_cast<std::uint32_t>(value(0)));
     std::uint64_t flags = 0;
+    if (number == SYS_write) {
+        pending.kind = PendingCall::Kind::write;
+        return pending;
+    }
     if (number == SYS_openat) {
-        pending.folder = static_cast<int>(static_cast<std::uint32_t>(value(0)));
         pending.pathAddress = value(1);
         flags = value(2);
 #ifdef SYS_open // the newer machines have no such call
     } else if (number == SYS_open) {
-        pending.folder = AT_FDCWD;
+        pending.descriptor = AT_FDCWD;
         pending.pathAddress = value(0);
         flags = value(1);
 #endif
     } else {
         return std::nullopt;
     }
-    if ((flags & O_ACCMODE) == O_WRONLY) {
-        return std::nullopt;
-    }
+    pending.kind = (flags & O_ACCMODE) == O_WRONLY ? PendingCall::Kind::openToWrite
+                                                   : PendingCall::Kind::openToRead;
     return pending;
 }
 
-namespace {
+std::optional<std::vector<PipeWait>> findPipeWaits(pid_t daemon) {
+    const std::string process = "/proc/" + std::to_string(daemon);
+    std::vector<PipeWait> waits;
+    for (const std::string& thread :
+         namesIn(process + "/task").value_or(std::vector<std::string>())) {
+        const std::optional<std::string> text = readThreadFile(daemon, thread, "syscall");
+        if (!text && (errno == EPERM || errno == EACCES)) {
+            return std::nullopt;
+        }
+        const std::optional<PendingCall> pending =
+            text ? parsePendingCall(*text) : std::optional<PendingCall>();
+        if (!pending || pending->kind == PendingCall::Kind::openToRead) {
+            continue;
+        }
+        PipeWait wait;
+        wait.opens = pending->kind == PendingCall::Kind::openToWrite;
+        if (wait.opens) {
+            if (textAt(daemon, pending->pathAddress) != GLOBAL::pathToVantrelFifo) {
+                continue;
+            }
+        } else {
+            // It writes into no other pipe.
+            struct statx status = {};
+            const std::string file = process + "/fd/" + std::to_string(pending->descriptor);
+            if (statx(AT_FDCWD, file.c_str(), AT_STATX_DONT_SYNC, STATX_TYPE, &status) != 0 ||
+                !S_ISFIFO(status.stx_mode)) {
+                continue;
+            }
+        }
+        const std::vector<std::uint64_t> switches = statusNumbers(
+            readThreadFile(daemon, thread, "status").value_or(""), "voluntary_ctxt_switches");
+        wait.thread = static_cast<pid_t>(std::strtol(thread.c_str(), nullptr, 10));
+        wait.switches = switches.empty() ? 0 : switches.front();
+        waits.push_back(wait);
+    }
+    return waits;
+}
 
-PipeSnapshot look(const std::string& path) {
+PipeSnapshot lookAtConsumerPipe(const std::string& path) {
     PipeSnapshot snapshot;
     snapshot.path = path;
     struct stat status = {};
@@ -230,10 +250,11 @@ PipeSnapshot look(const std::string& path) {
     }
     const FileId pipe{status.st_dev, status.st_ino};
     const std::vector<pid_t> processes = allProcesses();
-    std::vector<std::pair<pid_t, Right>> candidates;
+    std::vector<std::pair<pid_t, ReadRight>> candidates;
     for (const pid_t pid : processes) {
-        const Right right = rightOf(pid, status);
-        if (right != Right::none) {
+        const std::string process = readProcFile("/proc/" + std::to_string(pid) + "/status");
+        const ReadRight right = readRight(process, status.st_uid, status.st_gid, status.st_mode);
+        if (right != ReadRight::none) {
             candidates.emplace_back(pid, right);
         }
     }
@@ -260,28 +281,6 @@ PipeSnapshot look(const std::string& path) {
     }
     snapshot.state = allSeen ? PipeSnapshot::State::noReader : PipeSnapshot::State::unknown;
     return snapshot;
-}
-
-} // namespace
-
-PipeSnapshot lookAtConsumerPipe() {
-    return lookAtConsumerPipe(GLOBAL::pathToVantrelFifo);
-}
-
-PipeSnapshot lookAtConsumerPipe(const std::string& path) {
-    constexpr std::chrono::seconds limit{2};
-    static std::atomic<bool> isUnderWay{false}; // one that hangs is not joined by others
-    PipeSnapshot unknown;
-    unknown.path = path;
-    if (isUnderWay.exchange(true)) {
-        return unknown;
-    }
-    std::future<PipeSnapshot> snapshot = inBackground([path] {
-        PipeSnapshot found = look(path);
-        isUnderWay = false;
-        return found;
-    });
-    return resultBy(std::chrono::steady_clock::now() + limit, snapshot).value_or(unknown);
 }
 
 } // namespace control

@@ -22,6 +22,15 @@ std::optional<FileId> fileIdOf(const std::string& path) {
     return FileId{makedev(status.stx_dev_major, status.stx_dev_minor), status.stx_ino};
 }
 
+std::optional<double> modificationTime(const std::string& path) {
+    struct stat status = {};
+    if (lstat(path.c_str(), &status) != 0) {
+        return std::nullopt;
+    }
+    return static_cast<double>(status.st_mtim.tv_sec) +
+           static_cast<double>(status.st_mtim.tv_nsec) / 1e9;
+}
+
 FileText readFile(const std::string& path, std::size_t limit, off_t offset, int flags) {
     FileText file;
     const auto refuse = [&file](int error) {

@@ -2,14 +2,9 @@
 // be.
 #pragma once
 
-#include <chrono>
 #include <cstddef>
-#include <future>
 #include <optional>
 #include <string>
-#include <thread>
-#include <type_traits>
-#include <utility>
 
 #include <sys/stat.h>
 #include <sys/types.h>
@@ -31,6 +26,10 @@ struct FileId {
 /// file server is asked for what the kernel knows: a dead one must not stop a search.
 std::optional<FileId> fileIdOf(const std::string& path);
 
+/// When what is at this path, a link itself, was last written, in seconds since 1970; nothing when
+/// it may not be looked at.
+std::optional<double> modificationTime(const std::string& path);
+
 /// Either the text of a file, or why there is none.
 struct FileText {
     std::optional<std::string> text;
@@ -43,25 +42,5 @@ struct FileText {
 /// being opened, since that could block, or change what a device or a pipe does. `flags` are
 /// further ones of open(2), such as O_NOFOLLOW.
 FileText readFile(const std::string& path, std::size_t limit, off_t offset = 0, int flags = 0);
-
-/// Runs `look` on a thread of its own. Whoever does not wait for its result, since a file server
-/// does not answer, say, leaves the thread to itself: so `look` has to own all that it uses.
-template<typename Look>
-std::future<std::invoke_result_t<Look>> inBackground(Look look) {
-    std::packaged_task<std::invoke_result_t<Look>()> task(std::move(look));
-    std::future<std::invoke_result_t<Look>> result = task.get_future();
-    std::thread(std::move(task)).detach();
-    return result;
-}
-
-/// What came of a look by some time; nothing if it is not back.
-template<typename Result>
-std::optional<Result> resultBy(std::chrono::steady_clock::time_point end,
-                               std::future<Result>& result) {
-    if (result.wait_until(end) != std::future_status::ready) {
-        return std::nullopt;
-    }
-    return result.get();
-}
 
 } // namespace control

@@ -2,6 +2,9 @@
 #include "control/check/check_command.h"
 #include "control/command.h"
 #include "control/metrics/metrics_command.h"
+#include "control/observe/events_command.h"
+#include "control/observe/log_command.h"
+#include "control/observe/unannounced_command.h"
 #include "control/observe/watch_command.h"
 #include "control/service/service_commands.h"
 #include "daemon/daemon.h"
@@ -39,6 +42,9 @@ int run(int argc, char** argv) {
     control::addCheckCommand(app, common, exitStatus);
     control::addWatchCommand(app, common, exitStatus);
     control::addMetricsCommand(app, common, exitStatus);
+    control::addEventsCommand(app, exitStatus);
+    control::addUnannouncedCommand(app, common, exitStatus);
+    control::addLogCommand(app, common, exitStatus);
 
     const int end = control::firstStartOption(argc, argv);
     common.startOptions.assign(argv + end, argv + argc);

@@ -123,20 +123,30 @@ std::string executable(pid_t pid) {
     return error ? std::string() : path.string();
 }
 
-std::vector<std::uint64_t> statusNumbers(pid_t pid, const std::string& key, int base) {
-    const std::string text = "\n" + readProcFile(folderOf(pid) + "/status");
-    const std::size_t begin = text.find("\n" + key + ":");
+std::vector<std::uint64_t> statusNumbers(std::string_view status, std::string_view key, int base) {
     std::vector<std::uint64_t> numbers;
-    if (begin == std::string::npos) {
-        return numbers;
-    }
-    const std::size_t values = begin + key.size() + 2;
-    std::istringstream words(text.substr(values, text.find('\n', values) - values));
-    std::string word;
-    while (words >> word) {
-        numbers.push_back(std::strtoull(word.c_str(), nullptr, base));
+    std::istringstream lines{std::string(status)};
+    std::string line;
+    while (std::getline(lines, line)) {
+        if (line.size() <= key.size() || line[key.size()] != ':' ||
+            line.compare(0, key.size(), key) != 0) {
+            continue;
+        }
+        std::istringstream words(line.substr(key.size() + 1));
+        std::string word;
+        while (words >> word) {
+            char* end = nullptr;
+            const std::uint64_t number = std::strtoull(word.c_str(), &end, base);
+            if (*end == '\0') {
+                numbers.push_back(number);
+            }
+        }
     }
     return numbers;
+}
+
+std::vector<std::uint64_t> statusNumbers(pid_t pid, std::string_view key, int base) {
+    return statusNumbers(readProcFile(folderOf(pid) + "/status"), key, base);
 }
 
 std::optional<uid_t> userOf(pid_t pid) {

@@ -44,9 +44,13 @@ bool isRunning(const Process& process);
 /// shifts them. Negative when the system does not tell.
 double startTime(const Process& process);
 
-/// The numbers behind a key of /proc/PID/status, such as "Uid"; empty if there is no such process
-/// or key. Nobody's memory is read for it.
-std::vector<std::uint64_t> statusNumbers(pid_t pid, const std::string& key, int base = 10);
+/// The numbers behind a key, such as "Uid", of the text of a /proc/PID/status file; empty if there
+/// is no such key.
+std::vector<std::uint64_t> statusNumbers(std::string_view status, std::string_view key,
+                                         int base = 10);
+
+/// The same of a process. Nobody's memory is read for it.
+std::vector<std::uint64_t> statusNumbers(pid_t pid, std::string_view key, int base = 10);
 
 /// The words of its command line; empty for a kernel thread, one that has ended, or one that may
 /// not be looked at.

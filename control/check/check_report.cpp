@@ -1,7 +1,7 @@
 // What a check of a configuration found, as text and as JSON.
 #include "control/check/check_report.h"
 
-#include "control/observe/display_text.h"
+#include "control/display_text.h"
 #include "daemon/global.h"
 #include "transfer/copy_command.h"
 

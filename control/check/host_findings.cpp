@@ -1,6 +1,7 @@
 // What this host lacks, or has in the way, for a configuration to work.
 #include "control/check/host_findings.h"
 
+#include "control/aside.h"
 #include "control/check/config_findings.h"
 #include "control/child.h"
 #include "control/consumer_pipe.h"
@@ -42,6 +43,7 @@ constexpr std::size_t mostDetectors = 256;
 /// For all targets together, and for all shares.
 constexpr std::chrono::seconds targetLimit{3};
 constexpr std::chrono::seconds shareLimit{4};
+constexpr std::chrono::seconds pipeLimit{2};
 
 bool isRoot() {
     return geteuid() == 0;
@@ -299,7 +301,10 @@ void HostFinder::lookAtCopyProgram() {
 }
 
 void HostFinder::lookAtPipe() {
-    const PipeSnapshot pipe = lookAtConsumerPipe();
+    PipeSnapshot unknown;
+    unknown.path = GLOBAL::pathToVantrelFifo;
+    const auto look = [] { return lookAtConsumerPipe(GLOBAL::pathToVantrelFifo); };
+    const PipeSnapshot pipe = Aside<PipeSnapshot>().ask(look, pipeLimit).value_or(unknown);
     const std::string make =
         "mkfifo -m 0600 " + pipe.path + ", chown it to the consumer's user, and start the consumer";
     const std::string name = "the hand-off pipe " + pipe.path + " ";
@@ -415,21 +420,21 @@ void HostFinder::tellOfTargets(const std::vector<TargetLook>& targets) {
 
 std::vector<TargetLook> lookAtTargets(const Configuration& configuration) {
     const Clock::time_point end = Clock::now() + targetLimit;
-    std::vector<std::future<TargetLook>> begun;
-    for (const Detector& detector : configuration.detectors) {
-        if (begun.size() < mostDetectors) {
-            begun.push_back(inBackground(
-                [id = detector.id, target = detector.target] { return lookAtTarget(id, target); }));
-        }
+    std::vector<Aside<TargetLook>> asides(std::min(configuration.detectors.size(), mostDetectors));
+    for (std::size_t i = 0; i < asides.size(); ++i) {
+        asides[i].begin(
+            [id = configuration.detectors[i].id, target = configuration.detectors[i].target] {
+                return lookAtTarget(id, target);
+            });
     }
     std::vector<TargetLook> looks(configuration.detectors.size());
     for (std::size_t i = 0; i < looks.size(); ++i) {
         const Detector& detector = configuration.detectors[i];
         looks[i].folder = targetFolder(detector.target);
-        if (i >= begun.size()) {
+        if (i >= asides.size()) {
             continue;
         }
-        if (std::optional<TargetLook> look = resultBy(end, begun[i])) {
+        if (std::optional<TargetLook> look = asides[i].answerBy(end)) {
             looks[i] = std::move(*look);
         } else {
             looks[i].findings = {

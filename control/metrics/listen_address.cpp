@@ -8,7 +8,6 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 namespace control {
 
@@ -29,23 +28,6 @@ std::uint16_t portOf(const std::string& digits) {
     const unsigned long number = plain ? std::stoul(digits) : 0;
     return number <= 65535 ? static_cast<std::uint16_t>(number) : std::uint16_t{0};
 }
-
-/// A socket that is closed again.
-class Socket {
-public:
-    explicit Socket(int family) : descriptor(socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0)) {}
-    ~Socket() {
-        if (descriptor >= 0) {
-            close(descriptor);
-        }
-    }
-    Socket(const Socket&) = delete;
-    Socket& operator=(const Socket&) = delete;
-    int fd() const { return descriptor; }
-
-private:
-    int descriptor;
-};
 
 } // namespace
 
@@ -82,36 +64,32 @@ ListenAddress parseListenAddress(const std::string& text) {
     return address;
 }
 
-std::string whyNotListen(const ListenAddress& address) {
-    const auto because = [&address](int error) {
-        return "cannot listen at " + address.text + ": " + std::strerror(error);
-    };
-    const Socket socket(address.isVersion6 ? AF_INET6 : AF_INET);
-    if (socket.fd() < 0) {
-        return because(errno);
-    }
-    // As the server does it: what is left of ended connections does not hinder.
+Descriptor listenAt(const ListenAddress& address, std::string& problem) {
+    Descriptor listening(socket(address.isVersion6 ? AF_INET6 : AF_INET,
+                                SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    // What is left of ended connections does not hinder.
     const int on = 1;
-    setsockopt(socket.fd(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    setsockopt(listening.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    sockaddr_in6 name6{};
+    sockaddr_in name4{};
     int bound = -1;
     if (address.isVersion6) {
-        setsockopt(socket.fd(), IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on);
-        sockaddr_in6 name{};
-        name.sin6_family = AF_INET6;
-        name.sin6_port = htons(address.port);
-        inet_pton(AF_INET6, address.host.c_str(), &name.sin6_addr);
-        bound = bind(socket.fd(), reinterpret_cast<const sockaddr*>(&name), sizeof name);
+        setsockopt(listening.get(), IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on);
+        name6.sin6_family = AF_INET6;
+        name6.sin6_port = htons(address.port);
+        inet_pton(AF_INET6, address.host.c_str(), &name6.sin6_addr);
+        bound = bind(listening.get(), reinterpret_cast<const sockaddr*>(&name6), sizeof name6);
     } else {
-        sockaddr_in name{};
-        name.sin_family = AF_INET;
-        name.sin_port = htons(address.port);
-        inet_pton(AF_INET, address.host.c_str(), &name.sin_addr);
-        bound = bind(socket.fd(), reinterpret_cast<const sockaddr*>(&name), sizeof name);
+        name4.sin_family = AF_INET;
+        name4.sin_port = htons(address.port);
+        inet_pton(AF_INET, address.host.c_str(), &name4.sin_addr);
+        bound = bind(listening.get(), reinterpret_cast<const sockaddr*>(&name4), sizeof name4);
     }
-    if (bound != 0 || listen(socket.fd(), 1) != 0) {
-        return because(errno);
+    if (bound != 0 || listen(listening.get(), SOMAXCONN) != 0) {
+        problem = "cannot listen at " + address.text + ": " + std::strerror(errno);
+        return Descriptor();
     }
-    return "";
+    return listening;
 }
 
 } // namespace control

@@ -1,6 +1,8 @@
 // Where to serve: the text ADDRESS:PORT.
 #pragma once
 
+#include "utilities/descriptors.h"
+
 #include <cstdint>
 #include <string>
 
@@ -19,7 +21,7 @@ struct ListenAddress {
 /// be reached from everywhere is to be said (0.0.0.0 or [::]). Port 0 too: nobody would know it.
 ListenAddress parseListenAddress(const std::string& text);
 
-/// Whether something may listen there now; empty if so, else one sentence that says why not.
-std::string whyNotListen(const ListenAddress& address);
+/// A socket that listens there. None, and `problem` says why in a sentence, if that can't be.
+Descriptor listenAt(const ListenAddress& address, std::string& problem);
 
 } // namespace control

@@ -1,124 +1,150 @@
-// skarnctl metrics: the daemon's figures for Prometheus, over HTTP or once.
+// skarnctl metrics: the daemon's figures for Prometheus, over HTTP, in a file or once.
 #include "control/metrics/metrics_command.h"
 
+#include "control/file.h"
 #include "control/metrics/listen_address.h"
-#include "control/metrics/metric_families.h"
+#include "control/metrics/metrics_server.h"
+#include "control/observe/event_watch.h"
+#include "control/observe/figures.h"
 #include "control/observe/snapshot_source.h"
+#include "control/process.h"
 #include "utilities/descriptors.h"
 
 #include <CLI/CLI.hpp>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
+#include <cstdio>
 #include <cstring>
-#include <ctime>
-#include <exception>
+#include <fstream>
+#include <iterator>
 #include <memory>
-#include <mutex>
+#include <optional>
 #include <string>
+#include <thread>
 #include <utility>
-#include <vector>
 
-#include <prometheus/collectable.h>
-#include <prometheus/exposer.h>
-#include <prometheus/text_serializer.h>
-#include <pthread.h>
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace control {
 
 namespace {
 
+constexpr std::chrono::seconds betweenLooks(1);
+
+/// A file of figures that has not changed for so many looks says nothing of now.
+constexpr int oldestLook = 10;
+
 struct MetricsOptions {
     std::string listen;
+    std::string write;
+    std::string from;
     bool once = false;
     std::string configFile;
 };
 
-/// The source behind a lock: scrapes come on the server's threads, and the log is followed between
-/// them.
-class Figures : public prometheus::Collectable {
+/// Looks, and notes what changed in the event journal.
+class Observer {
 public:
-    explicit Figures(SnapshotOptions options) : source(std::move(options)) {}
+    explicit Observer(SnapshotOptions options) : source(std::move(options)) {}
 
-    std::vector<prometheus::MetricFamily> Collect() const override {
-        return metricFamilies(look());
-    }
-
-    /// One look, so that no rotation is missed while nobody scrapes.
-    Snapshot look() const {
-        const std::lock_guard<std::mutex> guard(mutex);
-        return source.take();
+    std::string look() {
+        const Snapshot snapshot = source.look();
+        const std::vector<std::string> texts = watch.changes(snapshot);
+        const std::string problem = texts.empty() ? std::string() : noteEvents(texts);
+        if (!problem.empty() && !complained) {
+            complained = true;
+            complain(problem);
+        }
+        return metricsText(snapshot);
     }
 
 private:
-    mutable std::mutex mutex;
-    mutable SnapshotSource source; // guarded by `mutex`
+    SnapshotSource source;
+    EventWatch watch;
+    bool complained = false;
 };
 
-/// Blocks the signals that end this program, for all threads that are made later.
-class EndSignals {
-public:
-    EndSignals() {
-        sigemptyset(&set);
-        sigaddset(&set, SIGTERM);
-        sigaddset(&set, SIGINT);
-        pthread_sigmask(SIG_BLOCK, &set, nullptr);
-    }
+/// Ends at once: nothing is left half-done that matters.
+void endOnSignals() {
+    const auto end = [](int) { _exit(succeeded); };
+    std::signal(SIGTERM, end);
+    std::signal(SIGINT, end);
+}
 
-    /// Waits for one of them, a second at most. True when there was one.
-    bool arrived() const {
-        const timespec second = {1, 0};
-        return sigtimedwait(&set, nullptr, &second) > 0;
+int failedToWrite(const std::string& what) {
+    complain("cannot write" + what + ": " + std::strerror(errno));
+    return failed;
+}
+
+int printOnce(const SnapshotOptions& options) {
+    const std::string text = metricsText(SnapshotSource(options).look());
+    return writeAll(STDOUT_FILENO, text) ? succeeded : failedToWrite("");
+}
+
+/// Replaces the file after each look.
+int writeFile(const SnapshotOptions& options, const std::string& path) {
+    endOnSignals();
+    Observer observer(options);
+    for (;;) {
+        const std::string text = observer.look();
+        const std::string fresh = path + ".new";
+        unlink(fresh.c_str());
+        const Descriptor file(open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
+        if (file.get() < 0 || fchmod(file.get(), 0644) != 0 || !writeAll(file.get(), text) ||
+            std::rename(fresh.c_str(), path.c_str()) != 0) {
+            return failedToWrite(" " + path);
+        }
+        std::this_thread::sleep_for(betweenLooks);
+    }
+}
+
+/// What another one has written, as long as that one lives: each look is a new file.
+class WrittenFigures {
+public:
+    explicit WrittenFigures(std::string file) : path(std::move(file)) {}
+
+    std::optional<std::string> look() {
+        std::ifstream file(path, std::ios::binary);
+        std::string text{std::istreambuf_iterator<char>(file), {}};
+        const std::optional<double> changed = modificationTime(path);
+        unchanged = changed == lastChange ? unchanged + 1 : 0;
+        lastChange = changed;
+        return text.empty() || unchanged > oldestLook ? std::nullopt : std::optional(text);
     }
 
 private:
-    sigset_t set{};
+    std::string path;
+    std::optional<double> lastChange;
+    int unchanged = 0;
 };
 
-std::string firstLine(const std::string& text) {
-    return text.substr(0, text.find('\n'));
-}
-
-int printOnce(const Figures& figures) {
-    const std::string text = prometheus::TextSerializer().Serialize(figures.Collect());
-    if (!writeAll(STDOUT_FILENO, text)) {
-        complain(std::string("cannot write: ") + std::strerror(errno));
-        return failed;
-    }
-    return succeeded;
-}
-
-int serve(const std::shared_ptr<Figures>& figures, const std::string& where) {
-    const ListenAddress address = parseListenAddress(where);
+int serve(const MetricsOptions& options, const SnapshotOptions& where) {
+    const ListenAddress address = parseListenAddress(options.listen);
     if (!address.problem.empty()) {
         complain(address.problem);
         return badUsage;
     }
-    // The server's own words for it would name no reason.
-    if (const std::string problem = whyNotListen(address); !problem.empty()) {
+    std::string problem;
+    Descriptor listening = listenAt(address, problem);
+    if (!problem.empty()) {
         complain(problem);
         return failed;
     }
-    const EndSignals signals;
-    std::unique_ptr<prometheus::Exposer> exposer;
-    try {
-        // A client that says nothing must not hold a thread for long.
-        exposer = std::make_unique<prometheus::Exposer>(std::vector<std::string>{
-            "listening_ports", address.text, "num_threads", "4", "request_timeout_ms", "5000"});
-    } catch (const std::exception& error) {
-        // The address could be listened at just now.
-        complain("cannot listen at " + address.text + ": " +
-                 (address.isVersion6 ? "the HTTP library here was built without IPv6; use an IPv4 "
-                                       "address, such as 127.0.0.1, and a proxy before it"
-                                     : firstLine(error.what())));
-        return failed;
+    endOnSignals();
+    MetricsServer server(std::move(listening));
+    if (!options.from.empty()) {
+        for (WrittenFigures figures(options.from);;) {
+            server.setPage(figures.look());
+            server.serve(betweenLooks);
+        }
     }
-    figures->look();
-    exposer->RegisterCollectable(figures);
-    while (!signals.arrived()) {
-        figures->look();
+    for (Observer observer(where);;) {
+        server.setPage(observer.look());
+        server.serve(betweenLooks);
     }
-    return succeeded;
 }
 
 } // namespace
@@ -132,19 +158,35 @@ void addMetricsCommand(CLI::App& app, const CommonOptions& common, int& exitStat
             ->add_option("--listen", options->listen,
                          "Serve them at http://ADDRESS:PORT/metrics, until ended by SIGTERM")
             ->type_name("ADDRESS:PORT");
-    command->add_flag("--once", options->once, "Print them once")->excludes(listen);
+    CLI::Option* const write =
+        command
+            ->add_option("--write", options->write,
+                         "Write them to this file each second, until ended by SIGTERM")
+            ->type_name("FILE")
+            ->excludes(listen);
+    command
+        ->add_option("--from", options->from,
+                     "With --listen: serve what another one writes to this file")
+        ->type_name("FILE")
+        ->needs(listen);
+    command->add_flag("--once", options->once, "Print them once")
+        ->excludes(listen)
+        ->excludes(write);
     command->add_option("--config", options->configFile, "Read this configuration file")
         ->type_name("FILE");
     command->callback([options, &common, &exitStatus] {
-        if (options->once == !options->listen.empty()) {
-            complain("metrics takes either --listen ADDRESS:PORT or --once");
+        if ((options->once ? 1 : 0) + (options->listen.empty() ? 0 : 1) +
+                (options->write.empty() ? 0 : 1) !=
+            1) {
+            complain("metrics takes --listen ADDRESS:PORT, --write FILE or --once");
             exitStatus = badUsage;
             return;
         }
         std::signal(SIGPIPE, SIG_IGN);
-        const auto figures =
-            std::make_shared<Figures>(SnapshotOptions{options->configFile, common.daemonPath});
-        exitStatus = options->once ? printOnce(*figures) : serve(figures, options->listen);
+        const SnapshotOptions where{options->configFile, common.daemonPath};
+        exitStatus = options->once            ? printOnce(where)
+                     : options->write.empty() ? serve(*options, where)
+                                              : writeFile(where, options->write);
     });
 }
 

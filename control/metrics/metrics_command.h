@@ -5,7 +5,7 @@
 
 namespace control {
 
-/// Adds the subcommand. Its callback serves until it gets SIGTERM or SIGINT (--listen), or prints
+/// Adds the subcommand. Its callback serves or writes until it gets SIGTERM or SIGINT, or prints
 /// the figures (--once), and sets the exit status. `common` and `exitStatus` must outlive the
 /// parsing.
 void addMetricsCommand(CLI::App& app, const CommonOptions& common, int& exitStatus);

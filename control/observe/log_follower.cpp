@@ -1,6 +1,8 @@
 // Reads the daemon's log as it grows, through its rotations.
 #include "control/observe/log_follower.h"
 
+#include "daemon/global.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -17,10 +19,17 @@ namespace {
 
 constexpr std::size_t pieceSize = 65536;
 
+/// How far back the banner is searched for, and in pieces of which size.
+constexpr std::uint64_t longestSearch = 256ULL * 1024 * 1024;
+constexpr std::uint64_t searchPiece = 1024UL * 1024;
+
 /// Of a line that has no end yet, this much of its beginning and of its end is kept.
 constexpr std::size_t longestUnfinished = 65536;
 constexpr std::size_t keptHead = 1024;
 constexpr std::size_t keptTail = 32768;
+
+/// So many bytes tell whether a file is still the one that was read.
+constexpr std::uint64_t tailSize = 64;
 
 /// A rotation in progress leaves one archive missing, and whoever cleans up by hand may leave more.
 constexpr int missingInARow = 8;
@@ -36,26 +45,6 @@ std::string numbered(const std::string& path, int number) {
     return path + "." + std::to_string(number);
 }
 
-bool exists(const std::string& name) {
-    struct stat status = {};
-    return stat(name.c_str(), &status) == 0;
-}
-
-/// The highest number of an archive that is there; -1 if there is none.
-int highestThere(const std::string& path, int highest) {
-    int found = -1;
-    int missing = 0;
-    for (int number = 0; number <= highest && missing < missingInARow; ++number) {
-        if (exists(numbered(path, number))) {
-            found = number;
-            missing = 0;
-        } else {
-            ++missing;
-        }
-    }
-    return found;
-}
-
 std::string kindOf(mode_t mode) {
     if (S_ISDIR(mode)) {
         return "a folder";
@@ -63,10 +52,19 @@ std::string kindOf(mode_t mode) {
     if (S_ISFIFO(mode)) {
         return "a named pipe";
     }
-    if (S_ISCHR(mode) || S_ISBLK(mode)) {
-        return "a device";
-    }
-    return "no regular file";
+    return S_ISCHR(mode) || S_ISBLK(mode) ? "a device" : "no regular file";
+}
+
+std::string textAt(const Descriptor& file, std::uint64_t position, std::uint64_t size) {
+    std::string text(size, '\0');
+    const ssize_t got = pread(file.get(), text.data(), text.size(), static_cast<off_t>(position));
+    text.resize(got > 0 ? static_cast<std::size_t>(got) : 0);
+    return text;
+}
+
+std::uint64_t sizeOf(const Descriptor& file) {
+    struct stat status = {};
+    return fstat(file.get(), &status) == 0 ? static_cast<std::uint64_t>(status.st_size) : 0;
 }
 
 void waitALittle(int attempt) {
@@ -78,15 +76,18 @@ void waitALittle(int attempt) {
 
 int countArchives(const std::string& path, int highestArchive) {
     int count = 0;
-    const int last = highestThere(path, std::max(highestArchive, 0));
-    for (int number = 0; number <= last; ++number) {
-        count += exists(numbered(path, number)) ? 1 : 0;
+    int missing = 0;
+    for (int number = 0; number <= std::max(highestArchive, 0) && missing < missingInARow;
+         ++number) {
+        const bool isThere = fileIdOf(numbered(path, number)).has_value();
+        count += isThere ? 1 : 0;
+        missing = isThere ? 0 : missing + 1;
     }
     return count;
 }
 
-LogFollower::LogFollower(std::string logPath, int highestArchive)
-    : path(std::move(logPath)), highest(std::max(highestArchive, 0)) {
+LogFollower::LogFollower(std::string logPath, int highestArchive, BannerTest test)
+    : path(std::move(logPath)), highest(std::max(highestArchive, 0)), mayBeBanner(std::move(test)) {
 }
 
 std::string LogFollower::archive(int number) const {
@@ -94,16 +95,16 @@ std::string LogFollower::archive(int number) const {
 }
 
 void LogFollower::poll(LogSink& sink) {
-    if (file.get() < 0 && !openOldest()) {
+    if (file.get() < 0 && !begin()) {
         return;
     }
+    heedRewriting(sink);
     int attempt = 0;
     for (int steps = 0; steps < mostSteps && attempt <= patience; ++steps) {
         readNew(sink);
         const Step step = advance(sink, attempt == patience);
         if (step == Step::caughtUp) {
-            caughtUpOnce = true;
-            return;
+            break;
         }
         if (step == Step::moved) {
             attempt = 0;
@@ -112,45 +113,99 @@ void LogFollower::poll(LogSink& sink) {
             ++attempt;
         }
     }
+    const std::uint64_t size = std::min(offset, tailSize);
+    tail = textAt(file, offset - size, size);
 }
 
-/// Opens what is to be read first. False, and `trouble` says why, if there is nothing.
-bool LogFollower::openOldest() {
-    Place place;
-    for (int number = highestThere(path, highest); number >= 0; --number) {
-        struct stat status = {};
-        // What stands beside a device or a pipe of that name is not the daemon's.
-        if (stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
+/// Finds what is to be read first. False, and `trouble` says why, if there is nothing.
+bool LogFollower::begin() {
+    Descriptor log;
+    FileId id;
+    const bool isThere = openFile(path, log, id);
+    if (!isThere && errno != ENOENT) {
+        return false; // what stands beside a device or a pipe of that name is not the daemon's
+    }
+    const std::string whyNot = trouble;
+    if (sawNothing) {
+        return beginWithOldest(std::move(log), id);
+    }
+    std::uint64_t budget = longestSearch;
+    for (int number = -1; number <= highest; ++number) {
+        Descriptor older;
+        FileId olderId = id;
+        std::uint64_t position = 0;
+        if (number >= 0 && !openFile(archive(number), older, olderId)) {
+            if (number == 0) {
+                continue; // a rotation may be going on
+            }
             break;
         }
-        if (openNext(archive(number), file, place)) {
-            // A rotation may have moved the oldest one up before it was opened.
-            if (number < highest && exists(archive(number + 1))) {
-                Descriptor older;
-                Place olderPlace;
-                if (openNext(archive(number + 1), older, olderPlace)) {
-                    file = std::move(older);
-                    place = olderPlace;
-                    ++number;
-                }
-            }
-            current = place;
-            lastNumber = number;
+        Descriptor& searched = number >= 0 ? older : log;
+        if (searchBanner(searched, position, budget)) {
+            file = std::move(searched);
+            current = olderId;
+            offset = position;
             trouble.clear();
             return true;
         }
     }
-    if (!openNext(path, file, place)) {
+    trouble = whyNot;
+    if (!isThere) {
+        sawNothing = !fileIdOf(archive(0));
         return false;
     }
-    current = place;
-    lastNumber = 0;
+    file = std::move(log);
+    current = id;
+    offset = sizeOf(file);
     return true;
+}
+
+/// Begins with all that there is: nothing was there at the first look.
+bool LogFollower::beginWithOldest(Descriptor log, const FileId& id) {
+    int oldest = -1;
+    while (oldest < highest && fileIdOf(archive(oldest + 1))) {
+        ++oldest;
+    }
+    file = std::move(log);
+    current = id;
+    if (oldest >= 0) {
+        openFile(archive(oldest), file, current);
+    }
+    return file.get() >= 0;
+}
+
+/// Searches a file backwards. `budget` is what may still be read.
+bool LogFollower::searchBanner(const Descriptor& opened, std::uint64_t& position,
+                               std::uint64_t& budget) {
+    static const std::string mark = std::string(78, '+') + "\n\n++ " + GLOBAL::progName + " ";
+    constexpr std::uint64_t overlap = 512; // a banner's first lines are shorter
+    std::uint64_t end = opened.get() < 0 ? 0 : sizeOf(opened);
+    while (end > 0 && budget > 0) {
+        const std::uint64_t begin = end - std::min(end, searchPiece);
+        const std::string text = textAt(opened, begin, end - begin + overlap);
+        std::size_t found = text.rfind(mark, end - begin);
+        while (found != std::string::npos) {
+            const std::size_t date = text.find("\n++ on ", found + mark.size());
+            const std::size_t dateEnd =
+                text.find('\n', date == std::string::npos ? date : date + 1);
+            const bool beginsLine = begin + found == 0 || (found > 0 && text[found - 1] == '\n');
+            if (beginsLine && dateEnd != std::string::npos &&
+                (!mayBeBanner ||
+                 mayBeBanner(std::string_view(text).substr(date + 7, dateEnd - date - 7)))) {
+                position = begin + found;
+                return true;
+            }
+            found = found == 0 ? std::string::npos : text.rfind(mark, found - 1);
+        }
+        budget -= std::min(budget, end - begin);
+        end = begin;
+    }
+    return false;
 }
 
 /// Opens a regular file without ever waiting. On failure `trouble` says why, and errno is ENOENT
 /// exactly if there is none.
-bool LogFollower::openNext(const std::string& name, Descriptor& opened, Place& place) {
+bool LogFollower::openFile(const std::string& name, Descriptor& opened, FileId& id) {
     struct stat status = {};
     int error = stat(name.c_str(), &status) == 0 ? 0 : errno;
     if (error == 0 && !S_ISREG(status.st_mode)) {
@@ -172,19 +227,16 @@ bool LogFollower::openNext(const std::string& name, Descriptor& opened, Place& p
         errno = error;
         return false;
     }
-    place = {status.st_dev, status.st_ino};
+    id = {status.st_dev, status.st_ino};
     opened = std::move(descriptor);
     trouble.clear();
     return true;
 }
 
 void LogFollower::readNew(LogSink& sink) {
-    struct stat status = {};
-    if (fstat(file.get(), &status) != 0) {
-        return;
-    }
+    const std::uint64_t end = sizeOf(file);
     buffer.resize(pieceSize);
-    while (offset < static_cast<std::uint64_t>(status.st_size)) {
+    while (offset < end) {
         const ssize_t got =
             pread(file.get(), buffer.data(), buffer.size(), static_cast<off_t>(offset));
         if (got < 0 && errno == EINTR) {
@@ -222,139 +274,64 @@ void LogFollower::takePiece(std::string_view piece, LogSink& sink) {
     }
 }
 
-/// An operator may have emptied the file.
-void LogFollower::heedTruncation(LogSink& sink) {
-    struct stat status = {};
-    if (fstat(file.get(), &status) == 0 && static_cast<std::uint64_t>(status.st_size) < offset) {
-        offset = 0;
-        unfinished.clear();
-        sink.takeGap();
-        readNew(sink);
+/// An operator may have emptied the file, and the daemon may have filled it again since.
+void LogFollower::heedRewriting(LogSink& sink) {
+    if (sizeOf(file) >= offset &&
+        textAt(file, offset - std::min<std::uint64_t>(offset, tail.size()), tail.size()) == tail) {
+        return;
     }
+    offset = 0;
+    unfinished.clear();
+    sink.takeGap();
 }
 
-/// Goes from the file that was read to the next newer one, if there is one.
-LogFollower::Step LogFollower::advance(LogSink& sink, bool isLastTry) {
-    heedTruncation(sink);
-    struct stat status = {};
-    if (stat(path.c_str(), &status) == 0) {
-        const Place now = {status.st_dev, status.st_ino};
-        if (now == current) {
-            lastNumber = 0;
-            return Step::caughtUp;
+/// The number of the archive that is this file; -1 if none is.
+int LogFollower::numberOf(const FileId& id) const {
+    int missing = 0;
+    for (int number = 0; number <= highest && missing < missingInARow; ++number) {
+        const std::optional<FileId> found = fileIdOf(archive(number));
+        if (found == id) {
+            return number;
         }
-    }
-    const int number = numberOf(current);
-    // Whatever was written before it was renamed is there by now.
-    readNew(sink);
-    return number < 0 ? skipAhead(sink, oldestArchive() + 1) : advanceFrom(number, sink, isLastTry);
-}
-
-/// The number of the archive that is this file; -1 if none is. Archives only move to higher
-/// numbers, and so does this search: a rotation meanwhile does not hide the file from it.
-int LogFollower::numberOf(const Place& place) {
-    for (const int begin : {lastNumber, 0}) {
-        int missing = 0;
-        for (int number = begin; number <= highest && missing < missingInARow; ++number) {
-            struct stat status = {};
-            if (stat(archive(number).c_str(), &status) != 0) {
-                ++missing;
-                continue;
-            }
-            missing = 0;
-            if (place == Place{status.st_dev, status.st_ino}) {
-                lastNumber = number;
-                return number;
-            }
-        }
+        missing = found ? 0 : missing + 1;
     }
     return -1;
 }
 
-/// `file` is the archive of this number: the one below it, or the log, came after it. Only while
-/// `file` still has that number after the other was opened: renames begin at the highest.
-LogFollower::Step LogFollower::advanceFrom(int number, LogSink& sink, bool isLastTry) {
-    const std::string next = number == 0 ? path : archive(number - 1);
+/// Goes from the file that was read to the next newer one, if there is one.
+LogFollower::Step LogFollower::advance(LogSink& sink, bool isLastTry) {
+    if (fileIdOf(path) == current) {
+        return Step::caughtUp;
+    }
+    const int number = numberOf(current);
+    readNew(sink); // whatever was written before it was renamed is there by now
     Descriptor opened;
-    Place place;
-    const bool isOpen = openNext(next, opened, place);
-    const bool isMissing = !isOpen && errno == ENOENT;
-    struct stat status = {};
-    if (stat(archive(number).c_str(), &status) != 0 ||
-        !(current == Place{status.st_dev, status.st_ino})) {
+    FileId id;
+    const bool isOpen = openFile(number <= 0 ? path : archive(number - 1), opened, id);
+    // Only while it still has that number is the other file the one that came after it.
+    if (number >= 0 && !(fileIdOf(archive(number)) == current) && !isLastTry) {
         return Step::again;
     }
-    if (isOpen) {
-        if (number == 0) {
-            predecessor = current;
+    if (!isOpen) {
+        if (number <= 0 || !openFile(path, opened, id)) {
+            if (errno == ENOENT) {
+                trouble.clear(); // nothing was written since
+            }
+            return Step::caughtUp;
         }
-        moveTo(std::move(opened), place, sink);
-        lastNumber = std::max(number - 1, 0);
-        return Step::moved;
-    }
-    if (number == 0) {
-        if (isMissing) {
-            trouble.clear(); // nothing was written since the rotation
+        if (!isLastTry) {
+            return Step::again; // a rotation has moved `file` and is about to move the next one
         }
-        return Step::caughtUp;
-    }
-    // A rotation has moved `file` and is about to move the next one, or somebody has removed it.
-    return isMissing && !isLastTry ? Step::again : skipAhead(sink, number - 1);
-}
-
-/// The oldest archive that was written to after `file`; -1 if there is none. When in doubt it is
-/// left out: what was read once is not to be counted again.
-int LogFollower::oldestArchive() const {
-    struct stat own = {};
-    if (fstat(file.get(), &own) != 0) {
-        return -1;
-    }
-    int oldest = -1;
-    for (int number = 0; number <= highest; ++number) {
-        struct stat status = {};
-        if (stat(archive(number).c_str(), &status) != 0 ||
-            std::pair(status.st_mtim.tv_sec, status.st_mtim.tv_nsec) <=
-                std::pair(own.st_mtim.tv_sec, own.st_mtim.tv_nsec)) {
-            break;
-        }
-        oldest = number;
-    }
-    return oldest;
-}
-
-/// Goes on where it can: with the oldest archive whose number is below `below`, or else the log.
-LogFollower::Step LogFollower::skipAhead(LogSink& sink, int below) {
-    struct stat status = {};
-    const Place newest =
-        stat(archive(0).c_str(), &status) == 0 ? Place{status.st_dev, status.st_ino} : Place{};
-    // A log that was removed by hand was the newest all the same.
-    const bool nothingRotated = newest == predecessor && numberOf(current) < 0;
-    if (nothingRotated) {
-        below = 0;
-    }
-    Descriptor opened;
-    Place place;
-    for (int number = below - 1; number >= 0; --number) {
-        if (openNext(archive(number), opened, place)) {
-            moveTo(std::move(opened), place, sink);
-            sink.takeGap();
-            lastNumber = number;
-            return Step::moved;
-        }
-    }
-    if (!openNext(path, opened, place)) {
-        return Step::caughtUp;
-    }
-    moveTo(std::move(opened), place, sink);
-    if (!nothingRotated) {
         sink.takeGap();
     }
-    predecessor = newest;
-    lastNumber = 0;
+    if (number < 0) {
+        sink.takeGap(); // removed by hand, or rotated away faster than it was read
+    }
+    moveTo(std::move(opened), id, sink);
     return Step::moved;
 }
 
-void LogFollower::moveTo(Descriptor opened, const Place& place, LogSink& sink) {
+void LogFollower::moveTo(Descriptor opened, const FileId& id, LogSink& sink) {
     if (!unfinished.empty()) {
         // Its end was never written.
         unfinished += '\n';
@@ -362,9 +339,9 @@ void LogFollower::moveTo(Descriptor opened, const Place& place, LogSink& sink) {
         unfinished.clear();
     }
     file = std::move(opened);
-    current = place;
+    current = id;
     offset = 0;
-    rotationCount += caughtUpOnce ? 1 : 0;
+    ++rotationCount;
 }
 
 } // namespace control

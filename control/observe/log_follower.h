@@ -1,13 +1,13 @@
 // Reads the daemon's log as it grows, through its rotations.
 #pragma once
 
+#include "control/process.h"
 #include "utilities/descriptors.h"
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
-
-#include <sys/types.h>
 
 namespace control {
 
@@ -24,18 +24,21 @@ public:
     virtual void takeGap() = 0;
 };
 
+/// Whether the daemon can have written a banner with this date.
+using BannerTest = std::function<bool(std::string_view date)>;
+
 /// Follows a log that is rotated by renaming: NAME.i to NAME.(i+1), NAME to NAME.0, and a fresh
 /// NAME at the next write.
 ///
-/// It begins with the oldest archive. The file that was read last stays open, so that no other file
-/// can get its inode and be taken for it; under whatever name it is found again, the files behind
-/// it are those that came after it. Memory is bounded: of a line of more than 64 KiB the middle is
-/// left out.
+/// It begins with the last banner that the daemon can have written, searched backwards through
+/// the archives for some hundred megabytes; if there is none, with what is written from now on. The
+/// file that was read last stays open, so that no other file can get its inode and be taken for it.
+/// Memory is bounded: of a line of more than 64 KiB the middle is left out.
 class LogFollower {
 public:
     /// `path` is the log's absolute path, `highestArchive` the number of the oldest archive that
     /// the daemon keeps (below 0 counts as 0).
-    LogFollower(std::string path, int highestArchive);
+    LogFollower(std::string path, int highestArchive, BannerTest test);
 
     /// Hands on what came since the last call. A last line waits until it is whole.
     void poll(LogSink& sink);
@@ -47,41 +50,31 @@ public:
     std::uint64_t rotations() const { return rotationCount; }
 
 private:
-    /// What one name stands for, at one moment.
-    struct Place {
-        dev_t device = 0;
-        ino_t inode = 0;
-        bool operator==(const Place& other) const {
-            return device == other.device && inode == other.inode;
-        }
-    };
-
     enum class Step { caughtUp, moved, again };
 
     std::string archive(int number) const;
-    int numberOf(const Place& place);
-    int oldestArchive() const;
-    bool openOldest();
-    bool openNext(const std::string& name, Descriptor& opened, Place& place);
+    bool begin();
+    bool beginWithOldest(Descriptor log, const FileId& id);
+    bool searchBanner(const Descriptor& opened, std::uint64_t& position, std::uint64_t& budget);
+    bool openFile(const std::string& name, Descriptor& opened, FileId& id);
+    int numberOf(const FileId& id) const;
     void readNew(LogSink& sink);
     void takePiece(std::string_view piece, LogSink& sink);
-    void heedTruncation(LogSink& sink);
+    void heedRewriting(LogSink& sink);
     Step advance(LogSink& sink, bool isLastTry);
-    Step advanceFrom(int number, LogSink& sink, bool isLastTry);
-    Step skipAhead(LogSink& sink, int below);
-    void moveTo(Descriptor opened, const Place& place, LogSink& sink);
+    void moveTo(Descriptor opened, const FileId& id, LogSink& sink);
 
     std::string path;
     int highest;
+    BannerTest mayBeBanner;
+    bool sawNothing = false; // at the first look: all that comes is new
     std::string trouble;
     Descriptor file;
-    Place current;      // of `file`
-    Place predecessor;  // the newest archive when `file` was opened as the log; no inode: none
-    int lastNumber = 0; // of the archive that `file` was when it was last looked for
+    FileId current; // of `file`
     std::uint64_t offset = 0;
+    std::string tail;       // of what was read of `file`, to see whether it was written anew
     std::string unfinished; // the beginning of a line whose end is not there yet
     std::string buffer;
-    bool caughtUpOnce = false;
     std::uint64_t rotationCount = 0;
 };
 

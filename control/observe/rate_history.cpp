@@ -27,10 +27,6 @@ void History::add(double time, double value) {
     }
 }
 
-void History::clear() {
-    samples.clear();
-}
-
 double History::at(double time) const {
     const auto after =
         std::lower_bound(samples.begin(), samples.end(), time,

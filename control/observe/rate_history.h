@@ -18,9 +18,6 @@ public:
     /// One more sample. One that is not later than the last replaces it.
     void add(double time, double value);
 
-    /// Forgets everything.
-    void clear();
-
     /// The change in a second over the last `seconds` before the last sample, or since the first
     /// one if that is shorter. Nothing if it is shorter than `atLeast`.
     std::optional<double> slope(double seconds, double atLeast) const;

@@ -16,50 +16,42 @@ bool someCopyProcessRuns(const Snapshot& snapshot) {
 }
 
 std::optional<double> since(std::optional<double> moment, double now) {
-    if (!moment) {
-        return std::nullopt;
-    }
-    return std::max(0.0, now - *moment);
+    return moment ? std::optional(std::max(0.0, now - *moment)) : std::nullopt;
 }
 
 } // namespace
 
 void RecentChanges::note(Snapshot& snapshot) {
-    const double now = snapshot.time;
-    const Counts& counts = snapshot.total;
+    const double now = snapshot.uptime;
+    const Totals current{snapshot.counts, snapshot.files};
     if (!before) {
         began = now;
-        before = counts;
+        before = current;
     }
-    if (counts.files < before->files || counts.processes < before->processes ||
-        counts.reports < before->reports || counts.lost < before->lost) {
+    const Counts& counts = current.counts;
+    if (current.files < before->files || counts.processes < before->counts.processes ||
+        counts.reports < before->counts.reports || counts.lost < before->counts.lost) {
         // A daemon that was started again counts from nothing. What happened before is over.
         const double watchedSince = began;
         *this = RecentChanges{};
         began = watchedSince;
-        before = Counts{};
+        before = Totals{{}, snapshot.hasFigures ? current.files : 0};
     }
-    const Counts& old = *before;
-
-    if (counts.lost > old.lost) {
-        lost = now;
-    }
-    if (counts.failedHandoffs > old.failedHandoffs) {
-        failedHandoff = now;
-    }
-    if (counts.complaints > old.complaints) {
-        complaint = now;
-    }
+    const Counts& old = before->counts;
+    const auto noteIf = [now](bool happened, std::optional<double>& moment) {
+        moment = happened ? std::optional(now) : moment;
+    };
+    noteIf(counts.lost > old.lost, moments.lost);
+    noteIf(counts.failedHandoffs > old.failedHandoffs, moments.failedHandoff);
+    noteIf(counts.withoutPipe > old.withoutPipe, moments.withoutPipe);
+    noteIf(counts.failedStarts + counts.failedListings > old.failedStarts + old.failedListings,
+           moments.failedStart);
+    noteIf(counts.complaints > old.complaints, moments.complaint);
+    noteIf(current.files > before->files, moments.file);
 
     const bool busy = someCopyProcessRuns(snapshot) || counts.processes > old.processes;
-    if (busy) {
-        busyAt = now;
-    }
-    if (counts.files > old.files) {
-        file = now;
-        fruitlessSince.reset();
-    } else if (now - busyAt > quietAfter ||
-               snapshot.daemonState != Snapshot::DaemonState::running) {
+    busyAt = busy ? now : busyAt;
+    if (current.files > before->files || now - busyAt > quietAfter || !snapshot.isServed()) {
         fruitlessSince.reset();
     } else if (busy && !fruitlessSince) {
         fruitlessSince = now;
@@ -69,14 +61,17 @@ void RecentChanges::note(Snapshot& snapshot) {
         fruitlessReports += counts.reports - old.reports;
     }
 
-    snapshot.recent.watched = std::max(0.0, now - began);
-    snapshot.recent.file = since(file, now);
-    snapshot.recent.lost = since(lost, now);
-    snapshot.recent.failedHandoff = since(failedHandoff, now);
-    snapshot.recent.complaint = since(complaint, now);
-    snapshot.recent.fruitless = since(fruitlessSince, now);
-    snapshot.recent.fruitlessReports = fruitlessSince ? fruitlessReports : 0;
-    before = counts;
+    Recent& recent = snapshot.recent;
+    recent.watched = std::max(0.0, now - began);
+    recent.file = since(moments.file, now);
+    recent.lost = since(moments.lost, now);
+    recent.failedHandoff = since(moments.failedHandoff, now);
+    recent.withoutPipe = since(moments.withoutPipe, now);
+    recent.failedStart = since(moments.failedStart, now);
+    recent.complaint = since(moments.complaint, now);
+    recent.fruitless = since(fruitlessSince, now);
+    recent.fruitlessReports = fruitlessSince ? fruitlessReports : 0;
+    before = current;
 }
 
 } // namespace control

@@ -6,19 +6,21 @@
 namespace control {
 
 /// Remembers what it needs of the snapshots before. The counts of the first one are history: it
-/// does not know when they came about.
+/// does not know when they came about. Goes by the host's uptime, which nobody sets.
 class RecentChanges {
 public:
     /// Fills in `recent` of the newest snapshot from all that were noted and this one.
     void note(Snapshot& snapshot);
 
 private:
-    std::optional<Counts> before; // of all detectors
+    struct Totals {
+        Counts counts;
+        std::uint64_t files = 0;
+    };
+
+    std::optional<Totals> before;
     double began = 0;
-    std::optional<double> file;
-    std::optional<double> lost;
-    std::optional<double> failedHandoff;
-    std::optional<double> complaint;
+    Recent moments; // when each was last seen, not how long ago
     std::optional<double> fruitlessSince;
     double busyAt = 0;                  // when a copy process was last seen
     std::uint64_t fruitlessReports = 0; // since fruitlessSince

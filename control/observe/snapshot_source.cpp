@@ -1,25 +1,27 @@
 // Looks at the daemon from outside, again and again, and says what it saw.
 #include "control/observe/snapshot_source.h"
 
+#include "control/aside.h"
 #include "control/configuration.h"
-#include "control/consumer_pipe.h"
 #include "control/control_files.h"
+#include "control/event_journal.h"
+#include "control/file.h"
+#include "control/observe/detector_watch.h"
 #include "control/observe/free_space.h"
 #include "control/observe/log_follower.h"
 #include "control/observe/log_model.h"
 #include "control/observe/rate_history.h"
 #include "control/observe/recent_changes.h"
 #include "control/process.h"
-#include "control/service/daemon_processes.h"
 #include "daemon/global.h"
-#include "transfer/copy_command.h"
-#include "utilities/text.h"
 
 #include <algorithm>
 #include <cmath>
 #include <ctime>
 #include <map>
 #include <optional>
+#include <set>
+#include <string_view>
 #include <tuple>
 #include <utility>
 #include <vector>
@@ -33,7 +35,7 @@ namespace {
 constexpr double secondsKept = 300;
 constexpr double shortWhile = 10;
 constexpr double shortestForRate = 1;
-constexpr double shortestForFilling = 10;
+constexpr double shortestForFilling = 60;
 constexpr int secondsOfHistory = 60;
 
 /// Beyond that a target is not called filling.
@@ -43,9 +45,17 @@ constexpr double longestUntilFull = 365 * 86400.0;
 /// part of the time, and be this old at most.
 constexpr double partForPipe = 0.004;
 constexpr double oldestPipe = 30;
+constexpr std::chrono::milliseconds patienceForPipe(1000);
 
-/// The date of the configuration file and the start of the daemon come from different clocks.
+/// So often it is asked which lost files have come, and of how many.
+constexpr double lostPause = 5;
+constexpr std::size_t mostLost = 500;
+
+/// The dates of the configuration file and of the banner, and the start of the daemon, come from
+/// different clocks.
 constexpr double clockTolerance = 1;
+constexpr double bannerTolerance = 3;
+constexpr double summerTime = 3600;
 
 double secondsOf(clockid_t clock) {
     timespec time = {};
@@ -56,122 +66,13 @@ double secondsOf(clockid_t clock) {
 /// Which content a file has, as far as its status tells.
 using Version = std::tuple<dev_t, ino_t, off_t, time_t, long>;
 
-std::optional<Version> versionOf(const std::string& path, double* modified = nullptr) {
+std::optional<Version> versionOf(const std::string& path) {
     struct stat status = {};
     if (stat(path.c_str(), &status) != 0) {
         return std::nullopt;
     }
-    if (modified != nullptr) {
-        *modified = static_cast<double>(status.st_mtim.tv_sec) +
-                    static_cast<double>(status.st_mtim.tv_nsec) / 1e9;
-    }
     return Version{status.st_dev, status.st_ino, status.st_size, status.st_mtim.tv_sec,
                    status.st_mtim.tv_nsec};
-}
-
-/// Hands lines on from the file to the model.
-class ModelSink : public LogSink {
-public:
-    explicit ModelSink(LogModel& logModel) : model(logModel) {}
-    void takeLines(std::string_view lines) override {
-        model.feed(lines);
-        took = true;
-    }
-    void takeGap() override { model.lostTrack(); }
-    bool tookAny() const { return took; }
-
-private:
-    LogModel& model;
-    bool took = false;
-};
-
-/// One log with what was read in it.
-struct WatchedLog {
-    WatchedLog(const std::string& path, int highestArchive)
-        : sink(model), follower(path, highestArchive) {}
-
-    LogModel model;
-    ModelSink sink;
-    LogFollower follower;
-};
-
-/// What one of the daemon's children is there for.
-struct ChildTask {
-    enum class Kind { other, listing, copying };
-    Kind kind = Kind::other;
-    std::string url;
-    std::string destination; // when copying
-};
-
-ChildTask taskOf(const std::vector<std::string>& words) {
-    ChildTask task;
-    if (words.size() < 2) {
-        return task;
-    }
-    const auto begins = [&words](std::string_view beginning) {
-        return std::any_of(words.begin(), words.end(), [beginning](const std::string& word) {
-            return word.compare(0, beginning.size(), beginning) == 0;
-        });
-    };
-    if (words[1] == "-c") {
-        // The shell that a listing is run through, unless it has become the listing already.
-        constexpr std::string_view redirection = " 2>";
-        const std::string& command = words.back();
-        const std::size_t end = command.rfind(redirection);
-        const std::size_t begin = command.rfind(' ', end == 0 ? 0 : end - 1);
-        if (command.find(" --list-only ") != std::string::npos && end != std::string::npos &&
-            begin != std::string::npos) {
-            task.kind = ChildTask::Kind::listing;
-            task.url = command.substr(begin + 1, end - begin - 1);
-        }
-    } else if (begins("--files-from=") && words.size() > 2) {
-        task.kind = ChildTask::Kind::copying;
-        task.url = words[words.size() - 2];
-        task.destination = words.back();
-    } else if (begins("--list-only")) {
-        task.kind = ChildTask::Kind::listing;
-        task.url = words.back();
-    }
-    return task;
-}
-
-/// What runs for one detector.
-struct Running {
-    int copyProcesses = 0;
-    bool isListing = false;
-};
-
-/// Says of each detector what the daemon's children do for it. Where two detectors have the same
-/// share and target, nothing tells their children apart: then they are nobody's.
-std::map<std::string, Running> lookAtChildren(pid_t daemon,
-                                              const std::vector<Detector>& detectors) {
-    std::map<std::pair<std::string, std::string>, std::vector<std::string>> byPlaces;
-    std::map<std::string, std::vector<std::string>> byUrl;
-    for (const Detector& detector : detectors) {
-        // As the daemon splits them: quotation marks are gone.
-        const std::vector<std::string> words =
-            UTILITIES::splitWords(detector.shareUrl + " " + detector.destination(), ' ');
-        if (words.size() == 2) {
-            byPlaces[{words[0], words[1]}].push_back(detector.id);
-        }
-        byUrl[detector.shareUrl].push_back(detector.id);
-    }
-    std::map<std::string, Running> running;
-    for (const pid_t child : childrenOf(daemon)) {
-        const ChildTask task = taskOf(commandLine(child));
-        if (task.kind == ChildTask::Kind::copying) {
-            const auto found = byPlaces.find({task.url, task.destination});
-            if (found != byPlaces.end() && found->second.size() == 1) {
-                ++running[found->second.front()].copyProcesses;
-            }
-        } else if (task.kind == ChildTask::Kind::listing) {
-            const auto found = byUrl.find(task.url);
-            if (found != byUrl.end() && found->second.size() == 1) {
-                running[found->second.front()].isListing = true;
-            }
-        }
-    }
-    return running;
 }
 
 /// The daemon's working directory is "/".
@@ -179,73 +80,143 @@ std::string absolute(const std::string& path) {
     return path.empty() || path.front() != '/' ? "/" + path : path;
 }
 
+/// Whether the running daemon can have written a banner with this date. Looks anew, since a banner
+/// that just came is that of a daemon that just started.
+bool isDaemonsDate(const std::string& daemonPath, std::string_view date) {
+    const DaemonProcesses found = findDaemon(daemonPath);
+    std::tm parts = {};
+    if (strptime(std::string(date).c_str(), "%a %b %e %H:%M:%S %Y", &parts) == nullptr) {
+        return false;
+    }
+    if (!found.upSince) {
+        return true;
+    }
+    parts.tm_isdst = -1;
+    const double apart = std::abs(static_cast<double>(std::mktime(&parts)) - *found.upSince);
+    return apart <= bannerTolerance || std::abs(apart - summerTime) <= bannerTolerance;
+}
+
+/// One log with what was read in it.
+struct WatchedLog {
+    WatchedLog(const std::string& path, int highestArchive, const BannerTest& isBanner)
+        : model(isBanner), follower(path, highestArchive, isBanner) {}
+
+    LogModel model;
+    LogFollower follower;
+};
+
+/// What takes long to find out.
+struct FarLook {
+    PipeSnapshot pipe;
+    std::vector<pid_t> otherDaemons;
+    double took = 0; // seconds of the processor
+};
+
+/// Those of these names of which a file is below one of the targets.
+std::set<std::string> arrived(const std::vector<std::string>& names,
+                              const std::vector<std::string>& targets) {
+    std::set<std::string> found;
+    for (const std::string& name : names) {
+        for (const std::string& target : targets) {
+            struct stat status = {};
+            if (lstat((target + "/" + name).c_str(), &status) == 0) {
+                found.insert(name);
+            }
+        }
+    }
+    return found;
+}
+
 } // namespace
 
 class SnapshotSource::State {
 public:
-    explicit State(SnapshotOptions chosen) : options(std::move(chosen)), files(secondsKept) {}
+    explicit State(SnapshotOptions chosen) : options(std::move(chosen)) {}
 
-    Snapshot take();
+    Snapshot look();
 
 private:
-    void takeDaemon(Snapshot& snapshot);
-    void takeConfiguration(Snapshot& snapshot);
+    void lookAtDaemon(Snapshot& snapshot);
+    void lookAtConfiguration(Snapshot& snapshot);
+    void lookAtEvents(Snapshot& snapshot);
     void readLog(Snapshot& snapshot);
-    void takeDetectors(Snapshot& snapshot);
-    void takeSpace(Snapshot& snapshot);
-    void takeRates(Snapshot& snapshot);
-    void takePipe(Snapshot& snapshot);
+    void sumUp(Snapshot& snapshot);
+    void lookForLost(Snapshot& snapshot);
+    void lookAtSpace(Snapshot& snapshot);
+    void addRates(Snapshot& snapshot);
+    void lookAtPipe(Snapshot& snapshot);
+    void lookAtWaits(Snapshot& snapshot);
 
     SnapshotOptions options;
-    double now = 0; // of a clock that does not jump
+    double now = 0; // by the host's uptime
 
     DaemonProcesses processes;
     std::vector<std::string> startOptions; // of the last daemon that was seen running
 
     /// All that the configuration depends on.
     std::tuple<std::string, std::optional<Version>, std::vector<std::string>> loadedFrom;
-    bool tried = false;
+    std::uint64_t loadedFor = 0; // start of the daemon that runs by it
     std::optional<Configuration> configuration;
     std::string configProblem;
+
+    std::optional<Version> eventsVersion;
+    std::vector<Event> events;
 
     std::optional<WatchedLog> log;
     std::string logPath;
     int logNumber = 0;
 
+    DetectorWatch detectors{FIGURES_FOLDER};
     RecentChanges changes;
-    GrowingTotal copied;
-    History files;
+    GrowingTotal counted;
+    History files{secondsKept};
+    History bytes{secondsKept};
     FreeSpace space;
     std::map<std::string, History> freeHistory; // by target
 
-    std::optional<PipeSnapshot> pipe;
-    std::optional<Version> pipeVersion;
-    double pipeDue = 0;
+    Aside<FarLook> far;
+    FarLook lastFar;
+    std::optional<FileId> farPipe; // the pipe and the daemon of the last far look
+    pid_t farDaemon = -1;
+    double farDue = 0;
+
+    std::vector<std::pair<PipeWait, double>> waits; // with the moment at which each was first seen
+
+    Aside<std::set<std::string>> lost;
+    double lostDue = 0;
 };
 
-Snapshot SnapshotSource::State::take() {
-    now = secondsOf(CLOCK_MONOTONIC);
+Snapshot SnapshotSource::State::look() {
+    now = secondsOf(CLOCK_BOOTTIME);
     Snapshot snapshot;
     snapshot.time = secondsOf(CLOCK_REALTIME);
-    takeDaemon(snapshot);
-    takeConfiguration(snapshot);
+    snapshot.uptime = now;
+    lookAtDaemon(snapshot);
+    lookAtConfiguration(snapshot);
+    lookAtEvents(snapshot);
     readLog(snapshot);
-    takeDetectors(snapshot);
-    takeSpace(snapshot);
-    takeRates(snapshot);
-    takePipe(snapshot);
+    if (configuration) {
+        detectors.look(configuration->detectors, snapshot.isServed() ? &processes.daemon : nullptr,
+                       snapshot);
+    }
+    sumUp(snapshot);
+    lookForLost(snapshot);
+    lookAtSpace(snapshot);
+    addRates(snapshot);
+    lookAtPipe(snapshot);
+    lookAtWaits(snapshot);
     changes.note(snapshot);
     return snapshot;
 }
 
-void SnapshotSource::State::takeDaemon(Snapshot& snapshot) {
+void SnapshotSource::State::lookAtDaemon(Snapshot& snapshot) {
     processes = findDaemon(options.daemonPath);
     snapshot.daemonState = processes.state;
     snapshot.daemonText = processes.text;
     snapshot.processLimit = readStatusFile();
-    if (processes.state == Snapshot::DaemonState::running) {
+    if (snapshot.isServed()) {
         startOptions = processes.startOptions;
-        snapshot.pid = processes.pid();
+        snapshot.pid = processes.daemon.pid;
         if (processes.upSince) {
             // It is as exact as the kernel's ticks; what lies behind that would change each time.
             snapshot.upSince = std::round(*processes.upSince * 100) / 100;
@@ -254,16 +225,23 @@ void SnapshotSource::State::takeDaemon(Snapshot& snapshot) {
     }
 }
 
-void SnapshotSource::State::takeConfiguration(Snapshot& snapshot) {
+void SnapshotSource::State::lookAtConfiguration(Snapshot& snapshot) {
     std::string path = options.configFile;
     if (path.empty()) {
         path = findConfigFile().value_or("");
     }
-    double modified = 0;
-    const std::optional<Version> version = versionOf(path, &modified);
+    const std::optional<Version> version = versionOf(path);
+    snapshot.configFile = path;
+    snapshot.configChanged =
+        version && snapshot.upSince &&
+        modificationTime(path).value_or(0) > *snapshot.upSince + clockTolerance;
+
+    // What this daemon has read stays true when the file is changed.
+    const std::uint64_t daemon = snapshot.isServed() ? processes.daemon.startTicks : 0;
+    const bool isKept = configuration && configProblem.empty() && snapshot.configChanged &&
+                        daemon != 0 && daemon == loadedFor;
     auto source = std::tuple(path, version, startOptions);
-    if (!tried || source != loadedFrom || !configProblem.empty()) {
-        tried = true;
+    if (!isKept && (source != loadedFrom || !configProblem.empty() || !configuration)) {
         loadedFrom = std::move(source);
         configProblem.clear();
         if (path.empty()) {
@@ -281,10 +259,25 @@ void SnapshotSource::State::takeConfiguration(Snapshot& snapshot) {
             }
         }
     }
-    snapshot.configFile = path;
+    if (!isKept) {
+        loadedFor = snapshot.configChanged ? 0 : daemon;
+    }
     snapshot.configProblem = configProblem;
-    snapshot.configChanged =
-        version && snapshot.upSince && modified > *snapshot.upSince + clockTolerance;
+}
+
+void SnapshotSource::State::lookAtEvents(Snapshot& snapshot) {
+    const std::optional<Version> version = versionOf(eventJournalPath());
+    if (version != eventsVersion) {
+        eventsVersion = version;
+        events = readEvents();
+        // Only these are asked for.
+        events.erase(std::remove_if(events.begin(), events.end(),
+                                    [](const Event& event) {
+                                        return event.text.rfind("the daemon ", 0) != 0;
+                                    }),
+                     events.end());
+    }
+    snapshot.deaths = deathsIn(events, snapshot.time);
 }
 
 void SnapshotSource::State::readLog(Snapshot& snapshot) {
@@ -298,133 +291,166 @@ void SnapshotSource::State::readLog(Snapshot& snapshot) {
     if (!log || shown.path != logPath || configuration->logFileMaxNumber != logNumber) {
         logPath = shown.path;
         logNumber = configuration->logFileMaxNumber;
-        log.emplace(logPath, logNumber);
+        log.emplace(logPath, logNumber, [daemonPath = options.daemonPath](std::string_view date) {
+            return isDaemonsDate(daemonPath, date);
+        });
     }
-    std::vector<std::string> ids;
-    for (const Detector& detector : configuration->detectors) {
-        ids.push_back(detector.id);
-    }
-    LogModel& model = log->model;
-    model.setDetectors(ids, configProblem.empty() && !snapshot.configChanged);
-    log->follower.poll(log->sink);
+    log->follower.poll(log->model);
 
+    const LogModel& model = log->model;
     shown.problem = log->follower.problem();
     shown.started = model.started();
     shown.rotations = log->follower.rotations();
     shown.archives = countArchives(logPath, logNumber);
     struct stat status = {};
-    if (stat(logPath.c_str(), &status) == 0 && S_ISREG(status.st_mode)) {
+    const bool isThere = stat(logPath.c_str(), &status) == 0 && S_ISREG(status.st_mode);
+    if (isThere) {
         shown.bytes = static_cast<std::uint64_t>(status.st_size);
     }
-    if (!log->sink.tookAny()) {
+    if (!shown.problem.empty()) {
         shown.coverage = LogCoverage::none;
-        if (shown.problem.empty()) {
-            shown.problem = "the log " + logPath + " is empty";
-        }
     } else if (model.hasGap()) {
         shown.coverage = LogCoverage::withGap;
     } else {
-        shown.coverage = model.starts() > 0 ? LogCoverage::sinceStart : LogCoverage::sinceOldest;
+        shown.coverage = model.starts() > 0 ? LogCoverage::sinceStart : LogCoverage::sinceWatch;
     }
-    snapshot.total = model.total();
-    snapshot.unattributed = model.unattributed();
-    snapshot.undecided = model.undecided();
-    snapshot.lastFile = model.lastFile();
+    snapshot.counts = model.counts();
     snapshot.lastComplaint = model.lastComplaint();
 }
 
-void SnapshotSource::State::takeDetectors(Snapshot& snapshot) {
-    std::map<std::string, DetectorSnapshot> byId;
-    std::map<std::string, Running> running;
-    const bool isServed = snapshot.daemonState == Snapshot::DaemonState::running;
-    if (configuration) {
-        for (const Detector& detector : configuration->detectors) {
-            DetectorSnapshot& shown = byId[detector.id];
-            shown.shareUrl = detector.shareUrl;
-            shown.target = detector.target;
+/// The copy program's figures count each file as it is announced, the log when its copy process has
+/// ended.
+void SnapshotSource::State::sumUp(Snapshot& snapshot) {
+    snapshot.files = snapshot.counts.files;
+    snapshot.lastFile = log ? log->model.lastFile() : "";
+    if (!snapshot.hasFigures) {
+        if (snapshot.log.coverage == LogCoverage::sinceStart) {
+            snapshot.filesSince = snapshot.upSince;
         }
-        if (isServed) {
-            running = lookAtChildren(snapshot.pid, configuration->detectors);
-        }
+        return;
     }
-    if (log) {
-        // Also those that the daemon serves and that the configuration no longer names.
-        for (const auto& [id, logged] : log->model.detectors()) {
-            DetectorSnapshot& shown = byId[id];
-            shown.counts = logged.counts;
-            shown.lastFile = logged.lastFile;
-            if (isServed && logged.copying) {
-                shown.state = DetectorSnapshot::State::copying;
-            }
+    snapshot.files = 0;
+    double newest = -1;
+    for (const DetectorSnapshot& detector : snapshot.detectors) {
+        if (!detector.figures) {
+            continue;
         }
-    }
-    for (auto& [id, shown] : byId) {
-        shown.id = id;
-        if (isServed) {
-            const Running& runs = running[id];
-            shown.copyProcesses = runs.copyProcesses;
-            if (runs.copyProcesses > 0) {
-                shown.state = DetectorSnapshot::State::copying;
-            } else if (runs.isListing) {
-                shown.state = DetectorSnapshot::State::listing;
-            } else if (shown.state == DetectorSnapshot::State::notServed) {
-                shown.state = DetectorSnapshot::State::idle;
-            }
+        const CopyFigures& figures = *detector.figures;
+        snapshot.files += figures.files;
+        snapshot.bytes += figures.bytes;
+        snapshot.filesSince = std::min(snapshot.filesSince.value_or(figures.since), figures.since);
+        if (figures.announcedAgo && (newest < 0 || *figures.announcedAgo < newest)) {
+            newest = *figures.announcedAgo;
+            snapshot.lastFile = figures.lastFile;
         }
-        snapshot.detectors.push_back(std::move(shown));
     }
 }
 
-void SnapshotSource::State::takeSpace(Snapshot& snapshot) {
-    std::vector<std::string> targets;
-    for (const DetectorSnapshot& detector : snapshot.detectors) {
-        if (!detector.target.empty()) {
+void SnapshotSource::State::lookForLost(Snapshot& snapshot) {
+    if (!log || log->model.lostNames().empty()) {
+        return;
+    }
+    if (now >= lostDue) {
+        std::vector<std::string> names(log->model.lostNames().begin(),
+                                       log->model.lostNames().end());
+        names.resize(std::min(names.size(), mostLost));
+        std::vector<std::string> targets;
+        for (const DetectorSnapshot& detector : snapshot.detectors) {
             targets.push_back(detector.target);
         }
+        const auto found = lost.ask([names, targets] { return arrived(names, targets); },
+                                    std::chrono::milliseconds(100));
+        for (const std::string& name : found.value_or(std::set<std::string>())) {
+            log->model.forgetLost(name);
+        }
+        lostDue = now + lostPause;
     }
-    const std::map<std::string, Space> found = space.ask(targets);
+    snapshot.missing = log->model.lostNames().size();
+}
+
+void SnapshotSource::State::lookAtSpace(Snapshot& snapshot) {
     for (DetectorSnapshot& detector : snapshot.detectors) {
-        const auto entry = found.find(detector.target);
-        if (entry == found.end()) {
+        if (detector.target.empty()) {
             continue;
         }
-        detector.freeBytes = entry->second.free;
-        detector.totalBytes = entry->second.total;
+        const std::optional<std::optional<Space>> answer = space.ask(detector.target);
+        detector.targetIsSilent = !answer;
+        if (!answer || !*answer) {
+            continue;
+        }
+        const Space& found = **answer;
+        detector.freeBytes = found.free;
+        detector.totalBytes = found.total;
+        if (found.totalInodes > 0) {
+            detector.freeInodes = found.freeInodes;
+            detector.totalInodes = found.totalInodes;
+        }
+        const auto free = static_cast<double>(found.free);
         History& history = freeHistory.try_emplace(detector.target, secondsKept).first->second;
-        history.add(now, static_cast<double>(entry->second.free));
+        history.add(now, free);
         const std::optional<double> until =
-            secondsUntilGone(static_cast<double>(entry->second.free),
-                             history.slope(secondsKept, shortestForFilling));
+            secondsUntilGone(free, history.slope(secondsKept, shortestForFilling));
         if (until && *until <= longestUntilFull) {
             detector.secondsUntilFull = until;
         }
     }
 }
 
-void SnapshotSource::State::takeRates(Snapshot& snapshot) {
-    if (!log) {
-        return;
-    }
-    files.add(now, copied.take(snapshot.total.files, log->model.starts()));
+void SnapshotSource::State::addRates(Snapshot& snapshot) {
+    const std::uint64_t epoch = snapshot.hasFigures || !log ? 0 : log->model.starts();
+    files.add(now, counted.take(snapshot.files, epoch));
     snapshot.rates.lastSeconds = files.slope(shortWhile, shortestForRate);
     snapshot.rates.lastMinutes = files.slope(secondsKept, shortestForRate);
     snapshot.rates.history = files.changes(secondsOfHistory);
+    if (snapshot.hasFigures) {
+        bytes.add(now, static_cast<double>(snapshot.bytes));
+        snapshot.rates.bytes = bytes.slope(shortWhile, shortestForRate);
+    }
 }
 
-void SnapshotSource::State::takePipe(Snapshot& snapshot) {
-    // Only whether it is the same pipe: each record changes its date.
-    std::optional<Version> version = versionOf(GLOBAL::pathToVantrelFifo);
-    if (version) {
-        version = Version{std::get<0>(*version), std::get<1>(*version), 0, 0, 0};
+void SnapshotSource::State::lookAtPipe(Snapshot& snapshot) {
+    const std::optional<FileId> pipe = fileIdOf(GLOBAL::pathToVantrelFifo);
+    const pid_t daemon = snapshot.pid;
+    if (farDaemon != daemon || !(farPipe == pipe) || now >= farDue) {
+        const auto question = [daemon, path = options.daemonPath] {
+            FarLook look;
+            const double before = secondsOf(CLOCK_THREAD_CPUTIME_ID);
+            look.pipe = lookAtConsumerPipe(GLOBAL::pathToVantrelFifo);
+            if (daemon != 0) {
+                for (const Process& other : findDaemon(path, Search::always).unvouched) {
+                    look.otherDaemons.push_back(other.pid);
+                }
+            }
+            look.took = secondsOf(CLOCK_THREAD_CPUTIME_ID) - before;
+            return look;
+        };
+        const std::optional<FarLook> found = far.ask(question, patienceForPipe);
+        lastFar = found.value_or(FarLook());
+        farPipe = pipe;
+        farDaemon = daemon;
+        farDue = now + std::min(lastFar.took / partForPipe, oldestPipe);
     }
-    if (!pipe || version != pipeVersion || now >= pipeDue) {
-        const double before = secondsOf(CLOCK_THREAD_CPUTIME_ID);
-        pipe = lookAtConsumerPipe();
-        const double took = secondsOf(CLOCK_THREAD_CPUTIME_ID) - before;
-        pipeVersion = version;
-        pipeDue = now + std::min(took / partForPipe, oldestPipe);
+    snapshot.pipe = lastFar.pipe;
+    snapshot.pipe.path = GLOBAL::pathToVantrelFifo;
+    snapshot.otherDaemons = lastFar.otherDaemons;
+}
+
+/// A thread that has gone to sleep as often as at the last look has not been woken since.
+void SnapshotSource::State::lookAtWaits(Snapshot& snapshot) {
+    const std::optional<std::vector<PipeWait>> found =
+        snapshot.isServed() ? findPipeWaits(snapshot.pid) : std::nullopt;
+    snapshot.waits.known = found.has_value();
+    std::vector<std::pair<PipeWait, double>> seen;
+    for (const PipeWait& wait : found.value_or(std::vector<PipeWait>())) {
+        const auto before = std::find_if(waits.begin(), waits.end(),
+                                         [&wait](const auto& each) { return each.first == wait; });
+        const double since = before == waits.end() ? now : before->second;
+        seen.emplace_back(wait, since);
+        std::optional<double>& longest =
+            wait.opens ? snapshot.waits.opening : snapshot.waits.writing;
+        longest = std::max(longest.value_or(0), now - since);
     }
-    snapshot.pipe = *pipe;
+    waits = std::move(seen);
 }
 
 SnapshotSource::SnapshotSource(SnapshotOptions options)
@@ -433,8 +459,8 @@ SnapshotSource::SnapshotSource(SnapshotOptions options)
 
 SnapshotSource::~SnapshotSource() = default;
 
-Snapshot SnapshotSource::take() {
-    return state->take();
+Snapshot SnapshotSource::look() {
+    return state->look();
 }
 
 } // namespace control

@@ -14,11 +14,9 @@ struct SnapshotOptions {
     std::string daemonPath; // of the daemon's executable
 };
 
-/// Reads the log (through its rotations), the PID and the status file, the configuration, /proc and
-/// the free space at the targets. Writes nothing, starts nothing and waits for nobody.
-///
-/// The first look reads the log from its oldest archive on, which takes a while when it is large;
-/// the later ones read what is new. For one thread at a time.
+/// Reads the copy program's figures, the log (through its rotations), the PID and the status file,
+/// the configuration, the event journal, /proc and the free space at the targets. Writes nothing,
+/// starts nothing and waits for nobody. For one thread at a time.
 class SnapshotSource {
 public:
     explicit SnapshotSource(SnapshotOptions options);
@@ -29,7 +27,7 @@ public:
     /// What is known now. Rates are those over the calls so far, so call it regularly: every second
     /// or so. Never throws for what it finds or does not find outside; what can't be seen is said
     /// in the snapshot.
-    Snapshot take();
+    Snapshot look();
 
 private:
     class State;

@@ -1,10 +1,12 @@
 // Whether the daemon keeps up, in one line, and why not: what is read first at night.
 #include "control/observe/verdict.h"
 
-#include "control/observe/display_text.h"
+#include "control/display_text.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <map>
+#include <tuple>
 #include <utility>
 
 namespace control {
@@ -13,34 +15,19 @@ namespace {
 
 using Level = Verdict::Level;
 
-constexpr double fresh = 300;                        // seconds for which a fault counts as present
-constexpr double soon = 3600;                        // seconds until a target is full
-constexpr double later = 24 * 3600.0;                // the same
+constexpr double fresh = 300;         // seconds for which what just happened is told
+constexpr double freshComplaint = 60; // the same of a complaint
+constexpr double freshDeath = 600;    // the same of a death of the daemon
+constexpr double soon = 3600;         // seconds until a target is full
+constexpr double roomy = 0.2;         // part of a target: with more, "full soon" is only a guess
+constexpr double tight = 0.02;        // part of a target: with less, it is nearly full
 constexpr std::uint64_t nothingLeft = 1024 * 1024UL; // bytes: a target with less is full
-constexpr double patience = 60; // seconds for which copy processes may run without a report
+constexpr std::uint64_t fewInodes = 16;              // the same
+constexpr double waitProves = 1.5; // seconds: nobody reads who has not read for so long
+constexpr double patience = 60;    // seconds for which copy processes may run without a report
 constexpr std::uint64_t enoughReports = 2; // ended without a file: no mere chance any more
 constexpr double enoughSeconds = 10;       // the same
-
-/// Collects reasons; within one level they stay in the order in which they were given.
-class Reasons {
-public:
-    void add(Level level, std::string reason) { found.emplace_back(level, std::move(reason)); }
-
-    Verdict verdict() {
-        std::stable_sort(found.begin(), found.end(), [](const auto& one, const auto& other) {
-            return one.first > other.first;
-        });
-        Verdict result;
-        for (auto& [level, reason] : found) {
-            result.level = std::max(result.level, level);
-            result.reasons.push_back(std::move(reason));
-        }
-        return result;
-    }
-
-private:
-    std::vector<std::pair<Level, std::string>> found;
-};
+constexpr std::size_t mostReasons = 8;     // in one sentence
 
 std::string count(std::uint64_t number, const std::string& one, const std::string& several) {
     return grouped(number) + " " + (number == 1 ? one : several);
@@ -57,226 +44,322 @@ std::string orElse(const std::string& text, const std::string& instead) {
     return text.empty() ? instead : withoutFullStop(text);
 }
 
-bool isFresh(const std::optional<double>& ago) {
-    return ago && *ago <= fresh;
-}
-
-/// ", the last one 12 s ago"; empty if it is not known when it was.
+/// ", the last one 12 s ago"
 std::string when(const std::optional<double>& ago) {
-    return ago ? ", the last one " + durationText(*ago) + " ago" : "";
+    return ", the last one " + durationText(ago.value_or(0)) + " ago";
 }
 
-void judgeDaemon(const Snapshot& snapshot, Reasons& reasons) {
-    switch (snapshot.daemonState) {
-    case Snapshot::DaemonState::running:
-        break;
-    case Snapshot::DaemonState::dead:
-        reasons.add(Level::down, orElse(snapshot.daemonText, "the daemon is dead"));
-        break;
-    case Snapshot::DaemonState::notRunning:
-        reasons.add(Level::down, orElse(snapshot.daemonText, "no daemon runs"));
-        break;
-    case Snapshot::DaemonState::unknown:
-        reasons.add(Level::cannotTell,
-                    orElse(snapshot.daemonText, "it is not known whether a daemon runs"));
-        break;
+/// "03:12", or with the date if it was not today.
+std::string clockTime(double moment, double now) {
+    const char* const day = "%Y-%m-%d";
+    return localTime(moment, day) == localTime(now, day) ? localTime(moment, "%H:%M")
+                                                         : localTime(moment, "%Y-%m-%d %H:%M");
+}
+
+/// Judges one snapshot. Within one level reasons stay in the order in which they are given.
+class Judge {
+public:
+    explicit Judge(const Snapshot& aSnapshot) : snapshot(aSnapshot) {}
+
+    Verdict judge() {
+        judgeDaemon();
+        if (snapshot.isServed()) {
+            judgeDetectors();
+            judgePipe();
+        }
+        judgeTargets();
+        if (snapshot.isServed()) {
+            judgeProgress();
+        }
+        judgeHistory();
+        judgeSources();
+        std::stable_sort(
+            result.reasons.begin(), result.reasons.end(),
+            [](const auto& one, const auto& other) { return one.level > other.level; });
+        if (!result.reasons.empty()) {
+            result.level = result.reasons.front().level;
+        }
+        return std::move(result);
     }
-}
 
-void judgePipe(const Snapshot& snapshot, Reasons& reasons) {
-    const std::string& path = snapshot.pipe.path;
-    switch (snapshot.pipe.state) {
-    case PipeSnapshot::State::noReader:
-        reasons.add(Level::notKeepingUp, "nobody reads the pipe " + path +
-                                             ", so copying stands still until somebody does");
-        break;
-    case PipeSnapshot::State::absent:
-        reasons.add(Level::notKeepingUp,
-                    "there is no pipe " + path + ", so files are copied and announced to nobody");
-        break;
-    case PipeSnapshot::State::notAPipe:
-        reasons.add(Level::notKeepingUp,
-                    "what stands at " + path + " is no pipe, so files are announced to nobody");
-        break;
-    case PipeSnapshot::State::unknown:
-        reasons.add(Level::attention, "whether somebody reads the pipe can't be seen");
-        break;
-    case PipeSnapshot::State::read:
-        break;
+private:
+    void add(Level level, std::string text, std::string key = {}) {
+        result.reasons.push_back({level, std::move(text), std::move(key)});
     }
-}
 
-/// The detectors by the size and the free space of their targets: those that have both in common
-/// share a file system, and one reason will do for them.
-std::map<std::pair<std::uint64_t, std::uint64_t>, std::vector<const DetectorSnapshot*>>
-byFileSystem(const Snapshot& snapshot) {
-    std::map<std::pair<std::uint64_t, std::uint64_t>, std::vector<const DetectorSnapshot*>> found;
-    for (const DetectorSnapshot& detector : snapshot.detectors) {
-        if (detector.freeBytes) {
-            found[{*detector.freeBytes, detector.totalBytes.value_or(0)}].push_back(&detector);
+    void judgeDaemon() {
+        const std::string& text = snapshot.daemonText;
+        switch (snapshot.daemonState) {
+        case DaemonState::running:
+            break;
+        case DaemonState::seemsToRun:
+            add(Level::attention, orElse(text, "only root can be sure that the daemon runs"));
+            break;
+        case DaemonState::dead:
+            add(Level::down, orElse(text, "the daemon is dead"));
+            break;
+        case DaemonState::notRunning:
+            add(Level::down, orElse(text, "no daemon runs"));
+            break;
+        case DaemonState::unknown:
+            add(Level::cannotTell, orElse(text, "it is not known whether a daemon runs"), "daemon");
+            break;
+        }
+        if (!snapshot.otherDaemons.empty()) {
+            std::string others;
+            for (const pid_t pid : snapshot.otherDaemons) {
+                others.append(others.empty() ? "" : ", ").append(std::to_string(pid));
+            }
+            add(Level::notKeepingUp,
+                "another daemon runs beside it (process " + others +
+                    "), so files are announced twice: end one of them",
+                "two daemons");
+        }
+        const Deaths& deaths = snapshot.deaths;
+        if (deaths.lastDay == 0) {
+            return;
+        }
+        const double last = deaths.last.value_or(0);
+        const std::string how = deaths.how.empty() ? "" : " by " + deaths.how;
+        result.note = "the daemon died " +
+                      count(static_cast<std::uint64_t>(deaths.lastDay), "time", "times") +
+                      " in the last 24 h, the last time at " + clockTime(last, snapshot.time) + how;
+        if (snapshot.isServed() && snapshot.time - last < freshDeath) {
+            add(Level::attention, std::exchange(result.note, {}));
         }
     }
-    return found;
-}
 
-void judgeTargets(const Snapshot& snapshot, bool running, Reasons& reasons) {
-    for (const auto& [space, detectors] : byFileSystem(snapshot)) {
-        std::string target = "the target of detector " + detectors.front()->id;
+    void judgeDetectors() {
+        for (const DetectorSnapshot& each : snapshot.detectors) {
+            judgeDetector(each);
+        }
+        if (!snapshot.listingComplaint.empty()) {
+            add(Level::notKeepingUp,
+                "a listing fails, it is not known of which detector: " +
+                    withoutFullStop(snapshot.listingComplaint),
+                "listing");
+        }
+    }
+
+    void judgeDetector(const DetectorSnapshot& each) {
+        using State = DetectorSnapshot::State;
+        const std::string name = "detector " + each.id + " (" + each.remoteIp + ")";
+        const std::string key = "detector " + each.id;
+        if (each.state == State::unreachable) {
+            const std::string since =
+                each.failingSince ? " since " + clockTime(*each.failingSince, snapshot.time) : "";
+            add(Level::notKeepingUp,
+                name + " can't be listed" + since + ": " + withoutFullStop(each.complaint), key);
+        } else if (each.state == State::hanging && each.preparing) {
+            add(Level::notKeepingUp,
+                "the target of " + name + ", " + each.target + ", has not answered for " +
+                    durationText(each.noAnswer.value_or(0)),
+                key);
+        } else if (each.state == State::hanging) {
+            add(Level::notKeepingUp,
+                "the listing of " + name + " has had no answer for " +
+                    durationText(each.noAnswer.value_or(0)),
+                key);
+        } else if (!each.complaint.empty()) {
+            add(Level::attention,
+                "the listing of " + name + " complains: " + withoutFullStop(each.complaint), key);
+        }
+    }
+
+    void judgePipe() {
+        const PipeSnapshot& pipe = snapshot.pipe;
+        const bool full = snapshot.waits.writing.value_or(0) >= waitProves;
+        const bool opening = snapshot.waits.opening.value_or(0) >= waitProves;
+        if (full) {
+            std::string who;
+            for (const std::string& reader : pipe.readers) {
+                who += (who.empty() ? "" : ", ") + reader;
+            }
+            add(Level::notKeepingUp,
+                orElse(who, "the consumer") + " holds the pipe open and has read nothing for " +
+                    durationText(*snapshot.waits.writing) + ": copying stands still",
+                "consumer");
+        }
+        if (opening && pipe.state != PipeSnapshot::State::noReader &&
+            pipe.state != PipeSnapshot::State::unknown) {
+            add(Level::notKeepingUp,
+                "a copy waits for a reader of a pipe that was removed: restart the daemon",
+                "removed pipe");
+        }
+        switch (pipe.state) {
+        case PipeSnapshot::State::noReader:
+            add(Level::notKeepingUp,
+                "nobody reads the pipe " + pipe.path +
+                    ", so copying stands still until somebody does",
+                "pipe");
+            break;
+        case PipeSnapshot::State::absent:
+            add(Level::notKeepingUp,
+                "there is no pipe " + pipe.path + ", so files are copied and announced to nobody",
+                "pipe");
+            break;
+        case PipeSnapshot::State::notAPipe:
+            add(Level::notKeepingUp,
+                "what stands at " + pipe.path + " is no pipe, so files are announced to nobody",
+                "pipe");
+            break;
+        case PipeSnapshot::State::unknown:
+            add(Level::attention, "whether somebody reads the pipe can't be seen");
+            break;
+        case PipeSnapshot::State::read:
+            break;
+        }
+    }
+
+    /// Detectors whose targets have the same figures share a file system, and one reason will do.
+    void judgeTargets() {
+        std::map<std::tuple<std::uint64_t, std::uint64_t, std::uint64_t>,
+                 std::vector<const DetectorSnapshot*>>
+            fileSystems;
+        for (const DetectorSnapshot& each : snapshot.detectors) {
+            if (each.targetIsSilent) {
+                add(snapshot.isServed() ? Level::notKeepingUp : Level::attention,
+                    "the file system of detector " + each.id + "'s target " + each.target +
+                        " does not answer",
+                    "target " + each.id);
+            } else if (each.freeBytes) {
+                fileSystems[{*each.freeBytes, each.totalBytes.value_or(0),
+                             each.freeInodes.value_or(UINT64_MAX)}]
+                    .push_back(&each);
+            }
+        }
+        for (const auto& [figures, detectors] : fileSystems) {
+            judgeFileSystem(detectors);
+        }
+    }
+
+    void judgeFileSystem(const std::vector<const DetectorSnapshot*>& detectors) {
+        const DetectorSnapshot& first = *detectors.front();
+        std::string target = "the target of detector " + first.id;
+        const std::string key = "target " + first.id;
         if (detectors.size() > 1) {
             target += " (and of " + grouped(detectors.size() - 1) + " more)";
         }
+        const double total = static_cast<double>(first.totalBytes.value_or(0));
+        const double free = total > 0 ? static_cast<double>(*first.freeBytes) / total : 1;
+        const double inodes =
+            first.freeInodes && first.totalInodes && *first.totalInodes > 0
+                ? static_cast<double>(*first.freeInodes) / static_cast<double>(*first.totalInodes)
+                : 1;
         std::optional<double> left;
-        for (const DetectorSnapshot* const detector : detectors) {
-            if (detector->secondsUntilFull) {
-                left = std::min(left.value_or(*detector->secondsUntilFull),
-                                *detector->secondsUntilFull);
+        for (const DetectorSnapshot* const each : detectors) {
+            if (each->secondsUntilFull) {
+                left = std::min(left.value_or(*each->secondsUntilFull), *each->secondsUntilFull);
             }
         }
-        if (space.first < nothingLeft) {
-            reasons.add(Level::notKeepingUp, target + " is full");
-        } else if (running && left && *left <= later) {
-            reasons.add(*left <= soon ? Level::notKeepingUp : Level::attention,
-                        target + " is full in " + durationText(*left));
+        if (*first.freeBytes < nothingLeft) {
+            add(Level::notKeepingUp, target + " is full: no space left on device", key);
+        } else if (inodes < 1 && *first.freeInodes < fewInodes) {
+            add(Level::notKeepingUp, target + " has no free inodes: no further file can be made",
+                key);
+        } else if (free < tight) {
+            add(Level::attention, target + " is nearly full: " + byteText(*first.freeBytes), key);
+        } else if (inodes < tight) {
+            add(Level::attention, target + " has few free inodes: " + grouped(*first.freeInodes),
+                key);
+        } else if (snapshot.isServed() && left && *left <= soon && free < roomy) {
+            add(Level::attention, target + " is full in " + durationText(*left), key);
         }
     }
-}
 
-void judgeProgress(const Snapshot& snapshot, Reasons& reasons) {
-    const Recent& recent = snapshot.recent;
-    if (!recent.fruitless) {
-        return;
-    }
-    if (recent.fruitlessReports >= enoughReports && *recent.fruitless >= enoughSeconds) {
-        reasons.add(Level::notKeepingUp,
-                    grouped(recent.fruitlessReports) + " copy processes ended in the last " +
-                        durationText(*recent.fruitless) + ", and no file was confirmed");
-    } else if (*recent.fruitless >= patience) {
-        reasons.add(Level::attention, "copy processes run, but none has confirmed a file for " +
-                                          durationText(*recent.fruitless) +
-                                          " (files count when their copy process has ended)");
-    }
-}
-
-void judgeHandoff(const Snapshot& snapshot, Reasons& reasons) {
-    const Counts& total = snapshot.total;
-    if (total.failedHandoffs > 0) {
-        reasons.add(isFresh(snapshot.recent.failedHandoff) ? Level::notKeepingUp : Level::attention,
-                    count(total.failedHandoffs, "file was", "files were") +
-                        " copied but could not be announced" + when(snapshot.recent.failedHandoff));
-    }
-    if (total.withoutPipe > 0 && snapshot.pipe.state != PipeSnapshot::State::absent) {
-        reasons.add(Level::attention, count(total.withoutPipe, "copy process", "copy processes") +
-                                          " found no pipe and announced nothing");
-    }
-}
-
-void judgeLosses(const Snapshot& snapshot, Reasons& reasons) {
-    if (snapshot.total.lost > 0) {
-        reasons.add(isFresh(snapshot.recent.lost) ? Level::notKeepingUp : Level::attention,
-                    count(snapshot.total.lost, "file was", "files were") + " reported lost" +
-                        when(snapshot.recent.lost));
-    }
-}
-
-void judgeStarts(const Snapshot& snapshot, Reasons& reasons) {
-    const Counts& total = snapshot.total;
-    if (total.failedStarts > 0) {
-        reasons.add(Level::attention, count(total.failedStarts, "copy process", "copy processes") +
-                                          " could not be started");
-    }
-    if (total.failedListings > 0) {
-        reasons.add(Level::attention,
-                    count(total.failedListings, "listing", "listings") + " could not be started");
-    }
-    if (isFresh(snapshot.recent.complaint)) {
-        reasons.add(Level::attention,
-                    "copy processes complain: " + withoutFullStop(snapshot.lastComplaint));
-    }
-    if (total.longRecords > 0) {
-        reasons.add(Level::attention,
-                    count(total.longRecords, "announcement was", "announcements were") +
-                        " longer than the pipe passes in one piece");
-    }
-    if (total.failedRemovals > 0) {
-        reasons.add(Level::attention, count(total.failedRemovals, "file list", "file lists") +
-                                          " could not be removed");
-    }
-}
-
-void judgeSources(const Snapshot& snapshot, bool running, Reasons& reasons) {
-    switch (snapshot.log.coverage) {
-    case LogCoverage::none:
-        if (running) {
-            reasons.add(Level::cannotTell,
-                        orElse(snapshot.log.problem, "there is no log to read, so nothing that "
-                                                     "the daemon did can be counted"));
+    void judgeProgress() {
+        const Recent& recent = snapshot.recent;
+        if (!recent.fruitless) {
+            return;
         }
-        break;
-    case LogCoverage::sinceOldest:
-        reasons.add(Level::attention,
-                    "the log's beginning was rotated away, so the counts are too low");
-        break;
-    case LogCoverage::withGap:
-        reasons.add(Level::attention,
-                    "the log was rotated faster than it was read, so the counts are too low");
-        break;
-    case LogCoverage::sinceStart:
-        break;
+        if (recent.fruitlessReports >= enoughReports && *recent.fruitless >= enoughSeconds) {
+            add(Level::notKeepingUp,
+                grouped(recent.fruitlessReports) + " copy processes ended in the last " +
+                    durationText(*recent.fruitless) + ", and no file was confirmed",
+                "fruitless");
+        } else if (*recent.fruitless >= patience) {
+            add(Level::attention, "copy processes run, but none has confirmed a file for " +
+                                      durationText(*recent.fruitless));
+        }
     }
-    if (!snapshot.configProblem.empty()) {
-        reasons.add(running ? Level::cannotTell : Level::attention,
-                    withoutFullStop(snapshot.configProblem));
-    } else if (snapshot.configChanged) {
-        reasons.add(Level::attention,
-                    "the configuration was changed after the daemon read it: restart it, or what "
-                    "is shown may be wrong");
+
+    /// What happened just now, and is told for some minutes.
+    void judgeHistory() {
+        const Recent& recent = snapshot.recent;
+        const Counts& counts = snapshot.counts;
+        const auto isFresh = [](const std::optional<double>& ago, double limit = fresh) {
+            return ago && *ago <= limit;
+        };
+        if (isFresh(recent.failedHandoff)) {
+            add(Level::notKeepingUp, count(counts.failedHandoffs, "file was", "files were") +
+                                         " copied but could not be announced" +
+                                         when(recent.failedHandoff) +
+                                         " (skarnctl unannounced names them)");
+        }
+        if (isFresh(recent.withoutPipe) && snapshot.pipe.state != PipeSnapshot::State::absent) {
+            add(Level::attention, count(counts.withoutPipe, "copy process", "copy processes") +
+                                      " found no pipe and announced nothing" +
+                                      when(recent.withoutPipe));
+        }
+        if (isFresh(recent.lost) && snapshot.missing > 0) {
+            add(Level::attention, count(snapshot.missing, "file was", "files were") +
+                                      " sent and not confirmed" + when(recent.lost));
+        }
+        if (isFresh(recent.failedStart)) {
+            add(Level::attention,
+                "copy processes or listings could not be started" + when(recent.failedStart));
+        }
+        if (isFresh(recent.complaint, freshComplaint)) {
+            add(Level::attention,
+                "copy processes complain: " + withoutFullStop(snapshot.lastComplaint));
+        }
     }
-}
+
+    void judgeSources() {
+        const bool running = snapshot.isServed();
+        if (running && snapshot.log.coverage == LogCoverage::none) {
+            add(snapshot.hasFigures ? Level::attention : Level::cannotTell,
+                orElse(snapshot.log.problem,
+                       "there is no log to read, so what the daemon did can't be counted"));
+        }
+        if (!snapshot.configProblem.empty()) {
+            add(running ? Level::cannotTell : Level::attention,
+                withoutFullStop(snapshot.configProblem), "configuration");
+        } else if (snapshot.configChanged) {
+            add(Level::attention,
+                "the configuration was changed after the daemon read it: restart it, or what "
+                "is shown may be wrong",
+                "configuration");
+        }
+    }
+
+    const Snapshot& snapshot;
+    Verdict result;
+};
 
 } // namespace
 
 std::string headline(Verdict::Level level) {
-    switch (level) {
-    case Level::keepingUp:
-        return "KEEPING UP";
-    case Level::attention:
-        return "KEEPING UP, BUT";
-    case Level::cannotTell:
-        return "CAN'T TELL";
-    case Level::notKeepingUp:
-        return "NOT KEEPING UP";
-    case Level::down:
-        return "DOWN";
-    }
-    return "CAN'T TELL";
+    static const std::vector<const char*> words{"KEEPING UP", "KEEPING UP, BUT", "CAN'T TELL",
+                                                "NOT KEEPING UP", "DOWN"};
+    return words.at(static_cast<std::size_t>(level));
 }
 
 Verdict verdict(const Snapshot& snapshot) {
-    Reasons reasons;
-    const bool running = snapshot.daemonState == Snapshot::DaemonState::running;
-    judgeDaemon(snapshot, reasons);
-    if (running) {
-        judgePipe(snapshot, reasons);
-    }
-    judgeTargets(snapshot, running, reasons);
-    if (running) {
-        judgeProgress(snapshot, reasons);
-    }
-    judgeHandoff(snapshot, reasons);
-    judgeLosses(snapshot, reasons);
-    judgeStarts(snapshot, reasons);
-    judgeSources(snapshot, running, reasons);
-    return reasons.verdict();
+    return Judge(snapshot).judge();
 }
 
 std::string sentence(const Verdict& verdict) {
     std::string text = headline(verdict.level);
     const char* separator = ": ";
-    for (const std::string& reason : verdict.reasons) {
-        text += separator + reason;
+    for (std::size_t index = 0; index < std::min(verdict.reasons.size(), mostReasons); ++index) {
+        text += separator + verdict.reasons[index].text;
         separator = "; ";
     }
-    return text;
+    if (verdict.reasons.size() > mostReasons) {
+        text += "; and " + grouped(verdict.reasons.size() - mostReasons) + " more";
+    }
+    return verdict.note.empty() ? text : text + separator + verdict.note;
 }
 
 } // namespace control

@@ -1,10 +1,10 @@
 // skarnctl watch: shows what the daemon does.
 #include "control/observe/watch_command.h"
 
-#include "control/observe/snapshot_json.h"
+#include "control/observe/figures.h"
 #include "control/observe/snapshot_source.h"
+#include "control/observe/watch_layout.h"
 #include "control/observe/watch_screen.h"
-#include "control/observe/watch_text.h"
 #include "utilities/descriptors.h"
 
 #include <CLI/CLI.hpp>
@@ -81,8 +81,7 @@ int print(const std::string& text, bool& goesOn) {
 /// Whether there is anything to be shown at all.
 bool knowsNothing(const Snapshot& snapshot) {
     return !snapshot.configProblem.empty() && snapshot.detectors.empty() &&
-           snapshot.log.coverage == LogCoverage::none &&
-           snapshot.daemonState != Snapshot::DaemonState::running;
+           snapshot.log.coverage == LogCoverage::none && !snapshot.isServed();
 }
 
 bool isUnicodeLocale() {
@@ -92,7 +91,7 @@ bool isUnicodeLocale() {
 
 /// One report, after a while of looking.
 int reportOnce(SnapshotSource& source, bool asJson) {
-    const Snapshot first = source.take();
+    const Snapshot first = source.look();
     if (knowsNothing(first)) {
         complain(first.configProblem);
         return failed;
@@ -101,9 +100,8 @@ int reportOnce(SnapshotSource& source, bool asJson) {
     if (!goesOn) {
         return succeeded;
     }
-    const Snapshot snapshot = source.take();
-    return print(asJson ? snapshotJsonText(snapshot, false) + "\n"
-                        : watchText(snapshot, isUnicodeLocale()),
+    const Snapshot snapshot = source.look();
+    return print(asJson ? jsonText(snapshot, false) + "\n" : watchText(snapshot, isUnicodeLocale()),
                  goesOn);
 }
 
@@ -113,12 +111,12 @@ int reportLines(SnapshotSource& source, double interval) {
     int status = succeeded;
     double next = monotonicSeconds();
     for (bool isFirst = true; goesOn; isFirst = false) {
-        const Snapshot snapshot = source.take();
+        const Snapshot snapshot = source.look();
         if (isFirst && knowsNothing(snapshot)) {
             complain(snapshot.configProblem);
             return failed;
         }
-        status = print(snapshotJsonText(snapshot, true) + "\n", goesOn);
+        status = print(jsonText(snapshot, true) + "\n", goesOn);
         // One that comes late does not let the next ones come faster.
         next = std::max(next + interval, monotonicSeconds());
         goesOn = goesOn && waitUntil(next);

@@ -1,13 +1,13 @@
 // What the full-screen view shows, as lines of styled text: everything of it but the terminal.
 #include "control/observe/watch_layout.h"
 
-#include "control/observe/display_text.h"
+#include "control/display_text.h"
+#include "control/observe/figures.h"
 #include "control/observe/verdict.h"
 
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <ctime>
 #include <functional>
 #include <utility>
 
@@ -94,22 +94,10 @@ constexpr int pipe = 8;
 constexpr int log = 9;
 constexpr int furtherDetectors = 10; // the third and the fourth
 constexpr int reasons = 11;
-constexpr int unattributed = 12;
-constexpr int complaint = 13;
-constexpr int manyDetectors = 14;
-constexpr int blank = 15;
+constexpr int complaint = 12;
+constexpr int manyDetectors = 13;
+constexpr int blank = 14;
 } // namespace rank
-
-std::string timeText(double seconds, const char* format) {
-    const auto moment = static_cast<std::time_t>(seconds);
-    std::tm parts{};
-    std::array<char, 64> text{};
-    if (localtime_r(&moment, &parts) == nullptr ||
-        std::strftime(text.data(), text.size(), format, &parts) == 0) {
-        return "?";
-    }
-    return text.data();
-}
 
 Style styleOf(Verdict::Level level) {
     switch (level) {
@@ -126,17 +114,36 @@ Style styleOf(Verdict::Level level) {
 }
 
 std::string stateText(DetectorSnapshot::State state) {
+    std::string text = nameOf(state);
+    std::replace(text.begin(), text.end(), '_', ' ');
+    return text;
+}
+
+Style styleOf(DetectorSnapshot::State state) {
     switch (state) {
-    case DetectorSnapshot::State::notServed:
-        return "not served";
-    case DetectorSnapshot::State::listing:
-        return "listing";
     case DetectorSnapshot::State::copying:
-        return "copying";
+        return Style::good;
+    case DetectorSnapshot::State::notServed:
+    case DetectorSnapshot::State::unreachable:
+    case DetectorSnapshot::State::hanging:
+        return Style::bad;
+    case DetectorSnapshot::State::listing:
     case DetectorSnapshot::State::idle:
-        return "idle";
+        break;
     }
-    return "?";
+    return Style::dim;
+}
+
+/// Millions of bytes a second.
+std::string megabytes(double bytes) {
+    return rateText(bytes / 1e6);
+}
+
+/// "17", "34 k", "2 M": so many that the rest does not matter.
+std::string countText(std::uint64_t number) {
+    return number < 10000     ? grouped(number)
+           : number < 9500000 ? grouped(number / 1000) + " k"
+                              : grouped(number / 1000000) + " M";
 }
 
 std::string joined(const std::vector<std::string>& words, const char* separator) {
@@ -174,8 +181,7 @@ public:
 
     Layout layOut() {
         makeBlocks();
-        const std::vector<bool> chosen = choose();
-        return arrange(chosen);
+        return arrange(choose());
     }
 
 private:
@@ -203,7 +209,6 @@ private:
                                                 : rank::manyDetectors;
             add(importance, detectorLines(snapshot.detectors[index]), true);
         }
-        addUnattributed();
         addBlank();
         add(rank::pipe, {pipeLine()});
         add(rank::log, {logLine()});
@@ -215,51 +220,71 @@ private:
     /// The verdict with its gravest reason, which may take a line or two more.
     void addVerdict() {
         LineBuilder built = line();
-        const Style style = styleOf(judgement.level);
-        built.add(style, headline(judgement.level));
-        if (judgement.reasons.empty()) {
-            const std::string how = progressText();
-            built.add(Style::normal, how.empty() ? "" : ": " + how);
-            add(rank::verdict, {built.take()});
-            return;
+        built.add(styleOf(judgement.level), headline(judgement.level));
+        std::string text =
+            judgement.reasons.empty() ? progressText() : judgement.reasons.front().text;
+        if (judgement.reasons.size() < 2 && !judgement.note.empty()) {
+            text += (text.empty() ? "" : "; ") + judgement.note;
         }
-        built.add(Style::normal, ": ");
-        const std::vector<std::string> parts = wrapped(
-            displayable(judgement.reasons.front(), view.unicode), built.room(), view.width - 4);
-        for (std::size_t index = 0; index < parts.size() && index < 3; ++index) {
+        built.add(Style::normal, text.empty() ? "" : ": ");
+        addWrapped(std::move(built), text, view.whole ? text.size() : 3, rank::verdict,
+                   rank::moreOfVerdict);
+    }
+
+    /// A text of unknown origin in as many lines as are allowed, the first of which was begun.
+    void addWrapped(LineBuilder built, const std::string& text, std::size_t most, int firstRank,
+                    int otherRank) {
+        const std::vector<std::string> parts =
+            wrapped(displayable(text, view.unicode), built.room(), view.width - 4);
+        for (std::size_t index = 0; index < parts.size() && index < std::max<std::size_t>(1, most);
+             ++index) {
             built.add(Style::normal, index == 0 ? parts[index] : "    " + parts[index]);
-            add(index == 0 ? rank::verdict : rank::moreOfVerdict, {built.take()});
+            add(index == 0 ? firstRank : otherRank, {built.take()});
             built = line();
         }
     }
 
     std::string progressText() const {
+        const std::string unsure =
+            snapshot.isServed() && !snapshot.hasFigures
+                ? ", as far as can be seen: the copy program does not say how its listings go"
+                : "";
         if (snapshot.recent.file && *snapshot.recent.file < 300) {
-            return "files are coming in";
+            return "files are coming in" + unsure;
         }
         if (snapshot.recent.fruitless) {
-            return "copy processes run";
+            return "copy processes run" + unsure;
         }
         if (snapshot.recent.watched >= 5) {
             return "nothing to copy for the last " +
-                   durationText(snapshot.recent.file.value_or(snapshot.recent.watched));
+                   durationText(snapshot.recent.file.value_or(snapshot.recent.watched)) + unsure;
         }
-        return "";
+        return unsure.empty() ? "" : unsure.substr(2);
     }
 
     void addReasons() {
-        if (judgement.reasons.empty()) {
+        std::vector<std::string> others;
+        for (const Verdict::Reason& reason : judgement.reasons) {
+            others.push_back(reason.text);
+        }
+        if (others.empty()) {
             return;
         }
-        const std::vector<std::string> others(judgement.reasons.begin() + 1,
-                                              judgement.reasons.end());
-        constexpr std::size_t most = 3;
+        others.erase(others.begin());
+        if (!others.empty() && !judgement.note.empty()) {
+            others.push_back(judgement.note);
+        }
+        const std::size_t most = view.whole ? others.size() : 3;
         for (std::size_t index = 0; index < others.size() && index < most; ++index) {
-            const bool last = index + 1 == most && others.size() > most;
             LineBuilder built = line();
             built.add(Style::dim, "  - ");
+            if (view.whole) {
+                addWrapped(std::move(built), others[index], others[index].size(), rank::reasons,
+                           rank::reasons);
+                continue;
+            }
             built.add(Style::normal, others[index]);
-            if (last) {
+            if (index + 1 == most && others.size() > most) {
                 built.add(Style::dim, "; and " + grouped(others.size() - most) + " more");
             }
             add(rank::reasons, {built.take()});
@@ -268,29 +293,38 @@ private:
 
     Line daemonLine() const {
         LineBuilder built = line();
-        if (snapshot.daemonState == Snapshot::DaemonState::running) {
-            built.add(Style::normal, "Daemon " + std::to_string(snapshot.pid));
-            if (snapshot.upSince) {
-                built.add(Style::normal,
-                          " up " + durationText(snapshot.time - *snapshot.upSince) + " (since " +
-                              timeText(*snapshot.upSince, "%Y-%m-%d %H:%M:%S") + ")");
-            }
-            built.add(Style::dim, snapshot.startOptions.empty()
-                                      ? std::string(", no start options")
-                                      : ", options " + joined(snapshot.startOptions, " "));
-        } else {
-            built.add(Style::normal, snapshot.daemonState == Snapshot::DaemonState::unknown
+        if (!snapshot.isServed()) {
+            built.add(Style::normal, snapshot.daemonState == DaemonState::unknown
                                          ? "Whether a daemon runs can't be seen."
                                          : "No daemon runs. The counts are those of the last one.");
+            return built.take();
         }
+        built.add(Style::normal, "Daemon " + std::to_string(snapshot.pid));
+        if (snapshot.upSince) {
+            built.add(Style::normal, " up " + durationText(snapshot.time - *snapshot.upSince) +
+                                         " (since " + localTime(*snapshot.upSince) + ")");
+        }
+        built.add(Style::dim, snapshot.startOptions.empty()
+                                  ? std::string(", no start options")
+                                  : ", options " + joined(snapshot.startOptions, " "));
         return built.take();
     }
 
     Line filesLine() const {
         LineBuilder built = line();
-        built.add(Style::heading, "Files ").add(Style::normal, grouped(snapshot.total.files));
+        built.add(Style::heading, "Files ").add(Style::normal, grouped(snapshot.files));
+        if (snapshot.hasFigures) {
+            built.add(Style::normal, ", " + byteText(snapshot.bytes));
+        }
+        if (snapshot.filesSince && view.width >= 100) {
+            built.add(Style::dim, " since " + localTime(*snapshot.filesSince, "%m-%d %H:%M"));
+        }
         if (snapshot.rates.lastSeconds) {
             built.add(Style::normal, "  " + rateText(*snapshot.rates.lastSeconds) + "/s");
+            if (snapshot.rates.bytes) {
+                const double bytes = std::clamp(*snapshot.rates.bytes, 0.0, 1e18);
+                built.add(Style::normal, ", " + megabytes(bytes) + " MB/s");
+            }
             built.add(Style::dim, " now");
         }
         if (snapshot.rates.lastMinutes) {
@@ -312,24 +346,16 @@ private:
     }
 
     Line countsLine() const {
-        const Counts& total = snapshot.total;
         LineBuilder built = line();
-        const auto figure = [this, &built](const char* name, std::uint64_t number, Style ifAny) {
-            const bool stands = number > 0 && ifAny != Style::normal;
-            const std::string text = grouped(number) + (stands ? "!" : "");
+        for (const TitledFigure& each : titledFigures(snapshot)) {
+            const bool stands = each.number > 0 && each.isBad;
+            const std::string text = grouped(each.number) + (stands ? "!" : "");
             const std::string title =
-                std::string(built.room() < view.width ? "  " : "") + name + " ";
+                std::string(built.room() < view.width ? "  " : "") + each.title + " ";
             if (displayWidth(title) + displayWidth(text) <= built.room()) {
-                built.add(Style::dim, title).add(number > 0 ? ifAny : Style::normal, text);
+                built.add(Style::dim, title).add(stands ? Style::warning : Style::normal, text);
             }
-        };
-        figure("lost", total.lost, Style::bad);
-        figure("not announced", total.failedHandoffs, Style::bad);
-        figure("no pipe", total.withoutPipe, Style::warning);
-        figure("failed starts", total.failedStarts + total.failedListings, Style::warning);
-        figure("complaints", total.complaints, Style::warning);
-        figure("cycles", total.cycles, Style::normal);
-        figure("processes", total.processes, Style::normal);
+        }
         return built.take();
     }
 
@@ -341,15 +367,12 @@ private:
         LineBuilder built = line();
         const auto all = static_cast<int>(snapshot.detectors.size());
         built.cell(Style::heading, "DETECTOR", idColumns());
-        built.cell(Style::heading, "STATE", 10);
+        built.cell(Style::heading, "STATE", stateColumns);
         if (!narrow()) {
             built.cell(Style::heading, "PROCESSES", barColumns + 4);
         }
         built.cell(Style::heading, "FILES", 11, true);
-        if (!narrow()) {
-            built.cell(Style::heading, "CYCLES", 8, true);
-        }
-        built.cell(Style::heading, "LOST", 6, true);
+        built.cell(Style::heading, "BYTES", bytesColumns, true);
         if (wide()) {
             built.cell(Style::heading, "FREE AT TARGET", spaceColumns);
         }
@@ -378,6 +401,10 @@ private:
     }
 
     void addSpace(LineBuilder& built, const DetectorSnapshot& detector, bool whole) const {
+        if (detector.targetIsSilent) {
+            built.add(Style::bad, "the target does not answer!");
+            return;
+        }
         if (!detector.freeBytes || !detector.totalBytes || *detector.totalBytes == 0) {
             built.add(Style::dim, "free space can't be seen");
             return;
@@ -392,36 +419,52 @@ private:
         if (tight) {
             built.add(Style::bad, "!");
         }
-        if (detector.secondsUntilFull) {
-            built.add(Style::normal, ", ");
-            const double left = *detector.secondsUntilFull;
-            built.add(left < 3600        ? Style::bad
-                      : left < 24 * 3600 ? Style::warning
-                                         : Style::dim,
-                      "full in " + durationText(left));
+        if (detector.freeInodes && detector.totalInodes) {
+            const bool few = *detector.freeInodes < *detector.totalInodes / 50;
+            if (few || whole) {
+                built.add(few ? Style::bad : Style::dim,
+                          ", " + countText(*detector.freeInodes) + " inodes" + (few ? "!" : ""));
+            }
         }
+        if (detector.secondsUntilFull) {
+            const double left = *detector.secondsUntilFull;
+            built.add(left < 3600 ? Style::warning : Style::dim, ", full in " + durationText(left));
+        }
+    }
+
+    /// The last file, or why there can't be one.
+    void addLast(LineBuilder& built, const DetectorSnapshot& detector) const {
+        if (!detector.complaint.empty()) {
+            built.addName(Style::bad, detector.complaint, built.room());
+        } else if (detector.noAnswer) {
+            built.add(Style::bad, "no answer for " + durationText(*detector.noAnswer));
+        } else if (detector.figures) {
+            built.addName(Style::normal, detector.figures->lastFile, built.room());
+        } else {
+            built.add(Style::dim, "not known");
+        }
+    }
+
+    /// How far the cycle is that runs.
+    void addCycle(LineBuilder& built, const DetectorSnapshot& detector) const {
+        if (!detector.dealt || !detector.cycleSeconds) {
+            return;
+        }
+        built.add(Style::dim,
+                  "  cycle: " + (detector.finished ? grouped(*detector.finished) + " of " : "") +
+                      grouped(*detector.dealt) + " names, " + durationText(*detector.cycleSeconds));
     }
 
     std::vector<Line> detectorLines(const DetectorSnapshot& detector) const {
         LineBuilder built = line();
         built.cell(Style::normal, detector.id, idColumns());
-        Style stateStyle = Style::normal;
-        if (detector.state == DetectorSnapshot::State::copying) {
-            stateStyle = Style::good;
-        } else if (detector.state == DetectorSnapshot::State::notServed) {
-            stateStyle = Style::bad;
-        } else {
-            stateStyle = Style::dim;
-        }
-        built.cell(stateStyle, stateText(detector.state), 10);
+        built.cell(styleOf(detector.state), stateText(detector.state), stateColumns);
         if (!narrow()) {
             addProcesses(built, detector);
         }
-        built.cell(Style::normal, grouped(detector.counts.files), 11, true);
-        if (!narrow()) {
-            built.cell(Style::normal, grouped(detector.counts.cycles), 8, true);
-        }
-        addLost(built, detector.counts.lost);
+        const auto& figures = detector.figures;
+        built.cell(Style::normal, figures ? grouped(figures->files) : "-", 11, true);
+        built.cell(Style::normal, figures ? byteText(figures->bytes) : "-", bytesColumns, true);
         if (narrow()) {
             return {built.take()};
         }
@@ -429,43 +472,17 @@ private:
             const int from = built.room();
             addSpace(built, detector, false);
             built.fill(from, spaceColumns + 1);
-            built.addName(Style::normal, detector.lastFile, built.room());
+            addLast(built, detector);
+            addCycle(built, detector);
             return {built.take()};
         }
-        built.addName(Style::normal, detector.lastFile, built.room());
+        addLast(built, detector);
         LineBuilder second = line();
         second.add(Style::normal, "  ");
         addSpace(second, detector, true);
+        addCycle(second, detector);
         second.add(Style::dim, "  ").addName(Style::dim, detector.target, second.room());
         return {built.take(), second.take()};
-    }
-
-    static void addLost(LineBuilder& built, std::uint64_t lost) {
-        built.cell(lost > 0 ? Style::bad : Style::normal, grouped(lost) + (lost > 0 ? "!" : ""), 6,
-                   true);
-    }
-
-    void addUnattributed() {
-        const Counts& counts = snapshot.unattributed;
-        if (counts.reports == 0 && counts.files == 0 && counts.lost == 0 &&
-            counts.complaints == 0) {
-            return;
-        }
-        LineBuilder built = line();
-        const int name = idColumns() + 1 + 10 + (narrow() ? 0 : 1 + barColumns + 4);
-        built.cell(Style::dim, narrow() ? "not known" : "not known (several copied)", name);
-        built.cell(Style::normal, grouped(counts.files), 11, true);
-        if (!narrow()) {
-            built.cell(Style::normal, "", 8);
-        }
-        addLost(built, counts.lost);
-        if (wide()) {
-            built.cell(Style::normal, "", spaceColumns);
-        }
-        if (!narrow()) {
-            built.addName(Style::normal, snapshot.lastFile, built.room());
-        }
-        add(rank::unattributed, {built.take()});
     }
 
     Line pipeLine() const {
@@ -482,8 +499,14 @@ private:
             built.add(Style::bad, "no reader!");
             break;
         case PipeSnapshot::State::read:
-            built.add(Style::good, "read")
-                .add(Style::normal, " by " + joined(snapshot.pipe.readers, ", "));
+            if (snapshot.waits.writing.value_or(0) >= 1) {
+                built.add(Style::bad, "full!");
+                built.add(Style::normal,
+                          " nothing read for " + durationText(*snapshot.waits.writing) + ", open");
+            } else {
+                built.add(Style::good, "read");
+            }
+            built.add(Style::normal, " by " + joined(snapshot.pipe.readers, ", "));
             break;
         case PipeSnapshot::State::unknown:
             built.add(Style::warning, "reader unknown: only root can see it");
@@ -516,8 +539,8 @@ private:
         case LogCoverage::sinceStart:
             built.add(Style::good, "counts since the start");
             break;
-        case LogCoverage::sinceOldest:
-            built.add(Style::warning, "counts too low: its beginning is rotated away");
+        case LogCoverage::sinceWatch:
+            built.add(Style::warning, "counts since this view began: the start is rotated away");
             break;
         case LogCoverage::withGap:
             built.add(Style::warning, "counts too low: lines were missed");
@@ -534,6 +557,12 @@ private:
     }
 
     void addComplaint() {
+        if (!snapshot.hasFigures && !snapshot.lastFile.empty()) {
+            LineBuilder built = line();
+            built.add(Style::heading, "Last file ")
+                .addName(Style::normal, snapshot.lastFile, built.room());
+            add(rank::complaint, {built.take()});
+        }
         if (snapshot.lastComplaint.empty()) {
             return;
         }
@@ -544,7 +573,7 @@ private:
 
     Line keysLine(const std::string& position) const {
         LineBuilder built = line();
-        const std::string clock = timeText(snapshot.time, "%H:%M:%S");
+        const std::string clock = localTime(snapshot.time, "%H:%M:%S");
         built.add(Style::warning, position);
         if (view.paused) {
             built.add(Style::warning, "PAUSED at " + clock + "  ");
@@ -562,6 +591,9 @@ private:
     // Finding room.
 
     std::vector<bool> choose() const {
+        if (view.whole) {
+            return std::vector<bool>(blocks.size(), true);
+        }
         std::vector<std::size_t> order(blocks.size());
         for (std::size_t index = 0; index < order.size(); ++index) {
             order[index] = index;
@@ -612,6 +644,9 @@ private:
             }
             layout.lines.insert(layout.lines.end(), block->lines.begin(), block->lines.end());
         }
+        if (view.whole) {
+            return layout;
+        }
         const auto height = static_cast<std::size_t>(std::max(0, view.height));
         if (height > 0) {
             layout.lines.resize(std::max(layout.lines.size(), height - 1));
@@ -624,6 +659,8 @@ private:
     }
 
     static constexpr int spaceColumns = 43;
+    static constexpr int stateColumns = 11;
+    static constexpr int bytesColumns = 8;
 
     const Snapshot& snapshot;
     const View& view;
@@ -637,37 +674,36 @@ struct Explanation {
     const char* text;
 };
 
-constexpr std::array<Explanation, 23> explanations{{
+constexpr std::array<Explanation, 26> explanations{{
     {"Keys", ""},
     {"q, Ctrl-C", "quit; the daemon is not touched by anything that is done here"},
     {"h, ?", "these explanations, and back"},
     {"space", "pause: the screen stands still until the next space"},
     {"j k, arrows, PgUp PgDn, Home End", "scroll the detectors, or this text"},
     {"r, Ctrl-L", "draw the screen again"},
-    {"First line", ""},
+    {"First line", "what is now. What is over is in the figures below, and in skarnctl events"},
     {"KEEPING UP", "the daemon runs and nothing is known to hinder it"},
-    {"KEEPING UP, BUT", "something happened, or is going to: look at it by day"},
-    {"NOT KEEPING UP", "files stay at their detector, or are announced to nobody. Faults count "
-                       "for five minutes after they were last seen"},
-    {"CAN'T TELL", "the daemon runs, but its log or its configuration can't be read"},
+    {"KEEPING UP, BUT", "something just happened, or is going to: look at it by day"},
+    {"NOT KEEPING UP", "files stay at their detector, or are announced to nobody"},
+    {"CAN'T TELL", "the daemon runs, but what it does can't be seen"},
     {"DOWN", "no daemon runs"},
-    {"Figures", "counted in the log since the daemon's last start"},
-    {"Files", "copied and confirmed. A file counts when its copy process has ended: while "
-              "large files are being copied, nothing seems to come"},
-    {"/s", "the log bears no time, so rates begin when this view begins. The row of bars "
-           "is the last 60 seconds"},
-    {"lost", "sent but never confirmed. They mostly stay at their detector, and the next cycle "
+    {"Figures", "of the copy program since the host's boot; with one that keeps none, of the log"},
+    {"Files", "confirmed. The copy program counts each as it is announced, the log when its copy "
+              "process has ended"},
+    {"/s", "rates begin when this view begins. The row of bars is the last 60 seconds"},
+    {"lost and so on", "counted in the log since the daemon's last start, of all detectors"},
+    {"lost", "sent but not confirmed. They mostly stay at their detector, and the next cycle "
              "fetches them again: see whether the number grows"},
-    {"not announced", "copied, but the consumer was not told: the log has their names"},
-    {"no pipe", "copy processes that found no pipe and announced none of their files"},
+    {"not announced", "copied, but the consumer was not told: skarnctl unannounced names them"},
     {"complaints", "other lines that copy processes printed, such as errors of rsync"},
-    {"Detectors", "the log names no detector in the block of a copy process. A block counts for "
-                  "one when no other can have left it; the others stand under 'not "
-                  "known'. The last file may therefore be older than the last one that was copied"},
+    {"Detectors", ""},
+    {"unreachable", "the last listing failed; where the last file stands, the reason does"},
+    {"hanging", "its listing, or mkdir and chown at its target, get no answer"},
     {"PROCESSES", "copy processes now, of those that one detector may have"},
+    {"cycle", "names dealt to copy processes, and how many of them are confirmed"},
     {"FREE AT TARGET", "the bar is what is used. 'full in' goes by the rate of the last minutes, "
                        "and counts what others write there too"},
-    {"Pipe", "who has it open for reading. That somebody has does not mean that he reads"},
+    {"Pipe", "who has it open for reading, and whether he reads"},
 }};
 
 Layout layOutHelp(const View& view) {
@@ -770,6 +806,20 @@ Layout layOut(const Snapshot& snapshot, const View& view) {
     usable.width = std::max(1, view.width);
     usable.height = std::max(0, view.height);
     return usable.help ? layOutHelp(usable) : Figures(snapshot, usable).layOut();
+}
+
+std::string watchText(const Snapshot& snapshot, bool unicode) {
+    View view;
+    view.width = 110;
+    view.unicode = unicode;
+    view.whole = true;
+    std::string text;
+    for (const Line& line : layOut(snapshot, view).lines) {
+        std::string plain = plainText(line);
+        plain.erase(plain.find_last_not_of(' ') + 1);
+        text += plain + "\n";
+    }
+    return text;
 }
 
 } // namespace control

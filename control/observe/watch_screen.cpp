@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <utility>
 
 #include <langinfo.h>
 #include <poll.h>
@@ -198,15 +199,15 @@ bool isUsable() {
 /// One run of the view.
 class Screen {
 public:
-    Screen(SnapshotSource& aSource, double intervalSeconds)
-        : source(aSource), interval(std::chrono::duration_cast<Clock::duration>(
-                               std::chrono::duration<double>(intervalSeconds))) {
+    Screen(SnapshotSource& aSource, Snapshot first, double intervalSeconds)
+        : source(aSource), snapshot(std::move(first)),
+          interval(std::chrono::duration_cast<Clock::duration>(
+              std::chrono::duration<double>(intervalSeconds))) {
         view.unicode = std::strcmp(nl_langinfo(CODESET), "UTF-8") == 0;
     }
 
     /// Returns the signal that ended it, or 0.
     int run(const HeldSignals& signals, const Terminal& terminal) {
-        snapshot = source.take();
         Clock::time_point due = Clock::now() + interval;
         while (!quit) {
             show(terminal);
@@ -220,7 +221,7 @@ public:
             takeKeys();
             if (Clock::now() >= due) {
                 // Read on while paused, too: rates and rotations must not be missed.
-                Snapshot fresh = source.take();
+                Snapshot fresh = source.look();
                 if (!view.paused) {
                     snapshot = std::move(fresh);
                 }
@@ -328,8 +329,8 @@ private:
     }
 
     SnapshotSource& source;
-    Clock::duration interval;
     Snapshot snapshot;
+    Clock::duration interval;
     View view;
     int otherScroll = 0; // of the help while the figures are shown, and the other way round
     int maxScroll = 0;
@@ -343,6 +344,8 @@ int runWatchScreen(SnapshotSource& source, double intervalSeconds) {
     if (!isUsable()) {
         return failed;
     }
+    // While no signal is held back: the first look may take a while.
+    Snapshot first = source.look();
     int signal = 0;
     {
         const HeldSignals signals;
@@ -356,7 +359,7 @@ int runWatchScreen(SnapshotSource& source, double intervalSeconds) {
                 complain("the terminal can't be drawn on; --once or --json show the same");
                 return failed;
             }
-            signal = Screen(source, intervalSeconds).run(signals, terminal);
+            signal = Screen(source, std::move(first), intervalSeconds).run(signals, terminal);
         }
         if (signal != 0 && signal != SIGINT) {
             // It ends the program as soon as it is no longer held back.

@@ -1,11 +1,11 @@
 // Which processes are the daemon and its copy processes, whatever the PID file claims.
 #include "control/service/daemon_processes.h"
 
+#include "control/display_text.h"
 #include "control/file.h"
 #include "daemon/global.h"
 
 #include <algorithm>
-#include <ctime>
 #include <filesystem>
 #include <iterator>
 #include <string_view>
@@ -193,20 +193,22 @@ std::string examine(const Program& program, DaemonProcesses& result) {
         return named + judgement.reason;
     }
 
-    result.isCertain = static_cast<bool>(judgement);
-    result.state = DaemonProcesses::State::running;
+    result.state = judgement ? DaemonState::running : DaemonState::seemsToRun;
     result.daemon = evidence->process;
     result.upSince = evidence->started;
     // Its owner could write the PID file: it is no stranger's memory.
     const std::vector<std::string> words = commandLine(pid);
     result.startOptions.assign(words.begin() + (words.empty() ? 0 : 1), words.end());
     result.copyProcesses = findCopyProcesses(*evidence);
-    result.text = GLOBAL::progName + (result.isCertain ? " runs" : " seems to run") +
-                  " as process " + std::to_string(pid) + " since " + localTime(evidence->started);
+    const std::string number = std::to_string(pid);
+    result.text = GLOBAL::progName +
+                  (judgement ? " runs as process " + number
+                             : " seems to run: process " + number + ", " + name + ",") +
+                  " since " + localTime(evidence->started);
     if (!result.copyProcesses.empty()) {
         result.text += ", with " + counted(result.copyProcesses, "copy process");
     }
-    if (!result.isCertain) {
+    if (!judgement) {
         result.text += "; only root can be sure";
     }
     constexpr std::string_view deleted = " (deleted)";
@@ -395,6 +397,22 @@ DaemonProcesses findDaemon(const std::string& daemonPath, Search extent) {
     return result;
 }
 
+const char* nameOf(DaemonState state) {
+    switch (state) {
+    case DaemonState::running:
+        return "running";
+    case DaemonState::seemsToRun:
+        return "seems_to_run";
+    case DaemonState::dead:
+        return "dead";
+    case DaemonState::notRunning:
+        return "not_running";
+    case DaemonState::unknown:
+        break;
+    }
+    return "unknown";
+}
+
 std::string listOfPids(const std::vector<Process>& processes) {
     std::string list;
     for (std::size_t i = 0; i < processes.size(); ++i) {
@@ -404,17 +422,6 @@ std::string listOfPids(const std::vector<Process>& processes) {
         list += std::to_string(processes[i].pid);
     }
     return list;
-}
-
-std::string localTime(double secondsSince1970) {
-    const auto time = static_cast<time_t>(secondsSince1970);
-    tm parts = {};
-    char text[64] = "";
-    if (localtime_r(&time, &parts) == nullptr ||
-        strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &parts) == 0) {
-        return "an unknown time";
-    }
-    return text;
 }
 
 } // namespace control

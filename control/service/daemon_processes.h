@@ -23,7 +23,6 @@
 #pragma once
 
 #include "control/control_files.h"
-#include "control/observe/snapshot.h"
 #include "control/process.h"
 
 #include <optional>
@@ -89,17 +88,28 @@ struct EndedDaemon {
 Judgement judgeOrphan(const Evidence& evidence, const Program& copyProgram,
                       const EndedDaemon& daemon);
 
+/// Whether a daemon runs.
+enum class DaemonState {
+    running,
+    seemsToRun, // by all that this user may see; only root can be sure
+    dead,       // its PID file is left
+    notRunning,
+    unknown,
+};
+
+/// The name of it that other programs read.
+const char* nameOf(DaemonState state);
+
 /// What was found out about the daemon at one moment.
 struct DaemonProcesses {
-    using State = Snapshot::DaemonState;
+    using State = DaemonState;
 
     State state = State::unknown;
     std::string text; // one sentence
     PidFile pidFile;
 
-    // When running:
+    // When it runs, or seems to:
     Process daemon;
-    bool isCertain = true;         // false if only the one who may see its executable can be sure
     std::optional<double> upSince; // seconds since 1970
     std::vector<std::string> startOptions;
 
@@ -112,8 +122,10 @@ struct DaemonProcesses {
     std::vector<Process> unvouched;
     std::vector<Process> hidden;
 
-    /// The daemon's number when it runs, else 0.
-    pid_t pid() const { return state == State::running ? daemon.pid : 0; }
+    /// The daemon's number when it runs, or seems to, else 0.
+    pid_t pid() const {
+        return state == State::running || state == State::seemsToRun ? daemon.pid : 0;
+    }
 };
 
 /// Whether to look for daemons that no PID file vouches for also when one is found without them:
@@ -133,8 +145,5 @@ std::vector<Process> findSessionMembers(const Process& leader);
 
 /// "812", "812 and 813", "812, 813 and 814".
 std::string listOfPids(const std::vector<Process>& processes);
-
-/// Local time as "2026-11-21 12:02:17".
-std::string localTime(double secondsSince1970);
 
 } // namespace control

@@ -149,7 +149,7 @@ void addServiceCommands(CLI::App& app, const CommonOptions& common, int& exitSta
 
     CLI::App* const status =
         app.add_subcommand("status", "Tell whether the daemon runs (exit status 0: it does, 1: "
-                                     "dead, 3: it does not, 4: unknown)");
+                                     "dead, 3: it does not, 4: unknown, 5: it seems to)");
     const auto json = std::make_shared<bool>(false);
     status->add_flag("--json", *json, "As one JSON object");
     status->callback([&common, &exitStatus, json] {

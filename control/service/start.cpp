@@ -30,8 +30,7 @@ constexpr std::chrono::seconds limit{10};
 
 /// Why no daemon may be started now; empty if one may.
 std::string whyNotNow(const DaemonProcesses& found) {
-    if (found.state == DaemonProcesses::State::running || !found.unvouched.empty() ||
-        !found.hidden.empty()) {
+    if (found.pid() != 0 || !found.unvouched.empty() || !found.hidden.empty()) {
         return found.text;
     }
     // The daemon would wait at a named pipe, and write through a link over some other file.

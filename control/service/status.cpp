@@ -1,8 +1,7 @@
 // What is told of the daemon to people and to scripts.
 #include "control/service/status.h"
 
-#include "control/observe/display_text.h"
-#include "control/observe/snapshot_names.h"
+#include "control/display_text.h"
 
 #include <cmath>
 #include <nlohmann/json.hpp>
@@ -47,6 +46,8 @@ int statusCode(DaemonProcesses::State state) {
         return 1;
     case DaemonProcesses::State::notRunning:
         return 3;
+    case DaemonProcesses::State::seemsToRun:
+        return 5;
     case DaemonProcesses::State::unknown:
         break;
     }
@@ -71,7 +72,7 @@ std::string statusJson(const DaemonProcesses& found, const std::optional<int>& p
     for (const Process& process : found.unvouched) {
         unvouched.push_back(process.pid);
     }
-    const bool runs = found.state == DaemonProcesses::State::running;
+    const bool runs = found.pid() != 0;
     const json status = {
         {"state", nameOf(found.state)},
         {"exit_status", statusCode(found.state)},

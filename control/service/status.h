@@ -9,7 +9,7 @@
 namespace control {
 
 /// The exit status that init scripts agree on: 0 running, 1 dead with a PID file, 3 not running,
-/// 4 unknown.
+/// 4 unknown; and 5, it seems to run, but only root can be sure.
 int statusCode(DaemonProcesses::State state);
 
 /// A few lines of text. Start options are shown with what could steer a terminal in octal.

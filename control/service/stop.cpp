@@ -3,7 +3,8 @@
 
 #include "control/command.h"
 #include "control/control_files.h"
-#include "control/observe/display_text.h"
+#include "control/display_text.h"
+#include "control/event_journal.h"
 #include "control/service/daemon_processes.h"
 #include "control/service/idle_moment.h"
 #include "control/service/process_handle.h"
@@ -248,6 +249,7 @@ int stopOne(const Process& process, const std::vector<Process>& copies,
         return failed;
     }
     if (const std::optional<ProcessHandle> daemon = ProcessHandle::hold(process)) {
+        noteEvents({std::string(toldToEnd)}); // so that it does not count as a death
         if (const int status = endDaemon(*daemon, options); status != succeeded) {
             return status;
         }
@@ -266,8 +268,8 @@ int stopDaemon(const std::string& daemonPath, const StopOptions& options) {
     const DaemonProcesses found = findDaemon(daemonPath, Search::always);
     std::vector<Process> daemons = found.unvouched;
     std::vector<Process> uncertain = found.hidden;
-    if (found.state == State::running) {
-        std::vector<Process>& list = found.isCertain ? daemons : uncertain;
+    if (found.pid() != 0) {
+        std::vector<Process>& list = found.state == State::running ? daemons : uncertain;
         list.insert(list.begin(), found.daemon);
     }
 

@@ -137,8 +137,9 @@ def test_installing_starts_nothing_and_makes_no_configuration(machine: Machine) 
     machine.succeed("cd /root/packages && " + block_of_the_page("apt-get install"), timeout=300)
     page = machine.path("/usr/share/doc/skarn/operations.md").read_text(encoding="utf-8")
     assert page == PAGE.read_text(encoding="utf-8")
-    assert machine.run("systemctl is-active skarn skarn-metrics").stdout.split() == ["inactive"] * 2
-    assert machine.run("systemctl is-enabled skarn skarn-metrics").stdout.split() == ["disabled"] * 2
+    units = "skarn skarn-look skarn-metrics"
+    assert machine.run(f"systemctl is-active {units}").stdout.split() == ["inactive"] * 3
+    assert machine.run(f"systemctl is-enabled {units}").stdout.split() == ["disabled"] * 3
     assert not list(machine.path("/etc").glob("skarn_orbelin*"))
     assert os.readlink(machine.path(LINK)) == "/usr/lib/skarn/rsync_orbelin"
     assert machine.run("skarnctl status").returncode == 3
@@ -146,9 +147,9 @@ def test_installing_starts_nothing_and_makes_no_configuration(machine: Machine) 
 
 def test_the_units_are_sound(machine: Machine) -> None:
     # man is not on so small a machine; everything else that verify looks at is.
-    complaints = machine.run("systemd-analyze verify skarn.service skarn-metrics.service").stdout
+    complaints = machine.run("systemd-analyze verify skarn.service skarn-look.service skarn-metrics.service").stdout
     assert [line for line in complaints.splitlines() if "Command 'man " not in line] == []
-    for unit in ("skarn", "skarn-metrics"):
+    for unit in ("skarn", "skarn-look", "skarn-metrics"):
         text = machine.succeed(f"systemd-analyze security --offline=true {unit}.service")
         score = re.search(r"exposure level for \S+: ([0-9.]+)", text)
         assert score, text
@@ -203,7 +204,7 @@ def test_a_drain_as_the_manual_tells_it(machine: Machine) -> None:
     said = machine.succeed(block_of_the_page("cp /usr/share"))
     assert said.endswith("\nno mistakes found\n")
     machine.succeed(block_of_the_page("systemctl enable"))
-    machine.succeed("systemctl start skarn-metrics")
+    machine.succeed("systemctl start skarn-look skarn-metrics")
     assert machine.run("systemctl is-active skarn").stdout == "active\n"
     assert "usershift:  " in records(machine)
     assert machine.succeed("skarnctl status").startswith("skarn runs as process ")
@@ -278,7 +279,7 @@ def test_there_are_never_two_daemons(machine: Machine) -> None:
     done = machine.run("systemctl start skarn")
     assert done.returncode != 0, "the unit must see a daemon that was started by hand"
     journal = machine.run("journalctl --no-pager -u skarn -n 20").stdout
-    assert f"nothing was started: skarn seems to run as process {first}" in journal, journal
+    assert f"nothing was started: skarn seems to run: process {first}, " in journal, journal
     assert machine.succeed("grep -lx skarn /proc/[0-9]*/comm").split() == [f"/proc/{first}/comm"]
     # Nor does the unit's stop, which may not look at it, end it; but skarnctl by hand does.
     machine.run("systemctl stop skarn")
@@ -336,14 +337,14 @@ def test_each_command_for_daily_life_runs_as_it_stands_on_the_page(machine: Mach
     options = machine.path("/etc/default/skarn").read_text(encoding="utf-8")
     machine.succeed("systemctl start skarn")
     commands = daily_commands(1)
-    assert len(commands) == 9, commands
+    assert len(commands) == 13, commands
     for command in commands:
         machine.succeed(command)
     assert "-d 1:/run7:/data/run7" in machine.succeed("skarnctl status")
     machine.write("/etc/default/skarn", options)
     machine.succeed("systemctl stop skarn && skarnctl start")
     commands = daily_commands(2)
-    assert len(commands) == 7, commands
+    assert len(commands) == 11, commands
     for command in commands:
         # The service goes on for ever; here its end is a matter of seconds.
         if "--listen" in command:

@@ -18,7 +18,9 @@ from support.daemon import CONFIGURATION, SECOND_CONFIGURATION, write_raw_config
 PROJECT = Path(__file__).resolve().parents[2]
 COMPLETION = PROJECT / "packaging" / "completion" / "skarnctl"
 HELPERS = Path("/usr/share/bash-completion/bash_completion")
-SUBCOMMANDS = ["check", "metrics", "restart", "start", "status", "stop", "watch"]
+SUBCOMMANDS = (
+    "check events log metrics restart start status stop unannounced watch".split()
+)
 
 # Does what bash does with the line up to the cursor: readline's cutting into words, then the call.
 SCRIPT = r"""

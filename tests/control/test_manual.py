@@ -21,7 +21,9 @@ def test_every_subcommand_and_option() -> None:
     text = manual("skarnctl.8")
     listed = skarnctl("--help").output.partition("Subcommands:\n")[2]
     subcommands = re.findall(r"^  (\w+)", listed, re.MULTILINE)
-    assert {"start", "restart", "stop", "status", "check", "watch", "metrics"} == set(subcommands)
+    assert set(subcommands) == set(
+        "start restart stop status check watch metrics events unannounced log".split()
+    )
     for subcommand in subcommands:
         assert re.search(rf"^\.(Cm|It Cm).*\b{subcommand}\b", text, re.MULTILINE), subcommand
         for option in re.findall(r"(?<![\w-])--([a-z][a-z-]*)", skarnctl(subcommand, "--help").output):

@@ -253,7 +253,7 @@ def test_a_daemon_that_may_not_be_looked_at_is_not_ended() -> None:
         assert result.complaint.startswith(f"process {pid} seems to be skarn, and was not stopped")
     result = skarnctl("start", wrapper=limited)
     assert result.status == 1
-    assert result.complaint.startswith(f"nothing was started: skarn seems to run as process {pid}")
+    assert result.complaint.startswith(f"nothing was started: skarn seems to run: process {pid}, ")
     PID_FILE.unlink()
     result = skarnctl("start", wrapper=limited)
     assert result.status == 1 and "only root may look at 1 process" in result.complaint

@@ -87,26 +87,30 @@ def test_a_drain_is_followed_file_by_file() -> None:
         with watching(columns=120) as terminal:
             bed.simulator.burst((f"frame_{number:04d}.raw" for number in range(150)), 500)
             bed.wait_announced(150)
-            terminal.wait_for(r"^Files 150 ")
+            terminal.wait_for(r"^Files 150[, ]")
             bed.stations[1].simulator.write("the_last.raw")
             bed.wait_announced(151)
             terminal.wait_for(r"^2 +idle .* the_last\.raw$")
-            screen = terminal.wait_for(r"^Files 151 .* peak ")  # there after the first whole second
+            screen = terminal.wait_for(r"^Files 151[, ].* peak ")  # there after the first whole second
         picture = [re.sub("^(# )(listing|idle)", r"\1quiet", line) for line in masked(screen)]
         assert picture[0] == "KEEPING UP: files are coming in"
         assert picture[1] == "Daemon # up # s (since #-#-# #:#:#), no start options"
         assert picture[2] == ""
-        assert re.fullmatch(r"Files # (?:#/s now )?(?:#/s over # s )?\| peak #/s", picture[3])
+        assert re.fullmatch(
+            r"Files #,? # B since #-# #:# +(?:#/s, #(?:\.#)? MB/s now )?(?:#/s over # s )?\|? ?peak #/s",
+            picture[3],
+        ), picture[3]
         assert picture[4:7] == [
-            "lost # not announced # no pipe # failed starts # complaints # cycles # processes #",
+            "lost # not announced # no pipe # failed starts # failed listings # complaints # "
+            "long records # lists left #",
             "",
-            "DETECTOR STATE PROCESSES FILES CYCLES LOST LAST FILE",
+            "DETECTOR STATE PROCESSES FILES BYTES LAST FILE",
         ]
-        assert picture[7:11] == [
-            "# quiet | #/# # # # frame_#.raw",
-            "| # B of # B free /srv/images/#/.",
-            "# quiet | #/# # # # the_last.raw",
-            "| # B of # B free /srv/images/#/.",
+        assert [re.sub("#,? [kM] inodes", "# inodes", line) for line in picture[7:11]] == [
+            "# quiet | #/# # # B frame_#.raw",
+            "| # B of # B free, # inodes /srv/images/#/.",
+            "# quiet | #/# # # B the_last.raw",
+            "| # B of # B free, # inodes /srv/images/#/.",
         ]
         assert re.fullmatch(
             r"Pipe read by .+ \(#\) /var/run/vantrel_orbelin_files", picture[12]
@@ -154,7 +158,7 @@ def test_losses_and_complaints_are_shown_without_steering_the_terminal() -> None
             )
             scripted.add_listing(["gone", "kept"], detector)
             daemon.wait_for_log("RSYNC OUTPUT END")
-            screen = terminal.wait_for(r"^NOT KEEPING UP: \d files? w")
+            screen = terminal.wait_for(r"^KEEPING UP, BUT: \d files? w")
             text = "\n".join(screen)
             assert "rsync: \\033[31mred\\033[0m" in text and "\\233" in text, text
             assert "kept\\033]0;t\\007\\033[2J" in text, text

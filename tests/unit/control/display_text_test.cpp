@@ -1,5 +1,5 @@
 // Text of any bytes becomes text that steers no terminal and has a known width.
-#include "control/observe/display_text.h"
+#include "control/display_text.h"
 
 #include <clocale>
 #include <cmath>

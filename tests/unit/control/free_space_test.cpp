@@ -1,6 +1,11 @@
 // How much room there is, also where nothing is yet.
 #include "control/observe/free_space.h"
 
+#include <chrono>
+#include <future>
+#include <memory>
+#include <thread>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -31,15 +36,34 @@ TEST(SpaceAt, IsNotKnownWithoutAPath) {
 TEST(FreeSpace, AnswersForAllThatCanBeAsked) {
     FreeSpace space;
     for (int i = 0; i < 50; ++i) {
-        const auto found = space.ask({"/tmp", "/tmp/there/is/nothing", std::string(10000, '/')});
-        EXPECT_EQ(found.count("/tmp"), 1U);
-        EXPECT_EQ(found.count("/tmp/there/is/nothing"), 1U);
+        for (const char* const path : {"/tmp", "/tmp/there/is/nothing"}) {
+            const auto found = space.ask(path);
+            ASSERT_TRUE(found && *found) << path;
+        }
+        const auto none = space.ask(std::string(10000, '/'));
+        EXPECT_TRUE(none && !*none);
     }
-    EXPECT_TRUE(space.ask({}).empty());
 }
 
-TEST(FreeSpace, NeedsNoQuestion) {
-    const FreeSpace space;
+TEST(Aside, LeavesAQuestionThatIsNotAnsweredToItself) {
+    using std::chrono::milliseconds;
+    const auto gate = std::make_shared<std::promise<void>>();
+    std::shared_future<void> opened(gate->get_future());
+    Aside<int> aside;
+    const auto question = [opened] {
+        opened.wait();
+        return 7;
+    };
+    EXPECT_EQ(aside.ask(question, milliseconds(10)), std::nullopt);
+    EXPECT_EQ(aside.ask([] { return 8; }, milliseconds(10)), std::nullopt) << "one at a time";
+    gate->set_value();
+    std::optional<int> late;
+    for (int i = 0; i < 1000 && !late; ++i) {
+        std::this_thread::sleep_for(milliseconds(10));
+        late = aside.ask([] { return 8; }, milliseconds(10));
+    }
+    EXPECT_EQ(late, 7) << "the answer to the earlier one";
+    EXPECT_EQ(aside.ask([] { return 9; }, milliseconds(10000)), 9);
 }
 
 } // namespace

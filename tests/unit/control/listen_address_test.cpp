@@ -43,13 +43,12 @@ INSTANTIATE_TEST_SUITE_P(Texts, RefusedAddress,
                                          "[::1]", "[::1]80", "[127.0.0.1]:80", "[]:80", "[:80",
                                          "[::1]:80,127.0.0.1:81", "127.0.0.1:80s"));
 
-TEST(WhyNotListen, FindsNothingWrongWithAFreePort) {
-    EXPECT_EQ(whyNotListen(parseListenAddress("127.0.0.1:9751")), "");
-}
-
-TEST(WhyNotListen, SaysThatAnAddressIsNotThisMachines) {
-    EXPECT_EQ(whyNotListen(parseListenAddress("192.0.2.1:9751")),
-              "cannot listen at 192.0.2.1:9751: Cannot assign requested address");
+TEST(ListenAt, GivesASocketOrTheReason) {
+    std::string problem;
+    EXPECT_GE(listenAt(parseListenAddress("127.0.0.1:9751"), problem).get(), 0);
+    EXPECT_EQ(problem, "");
+    EXPECT_LT(listenAt(parseListenAddress("192.0.2.1:9751"), problem).get(), 0);
+    EXPECT_EQ(problem, "cannot listen at 192.0.2.1:9751: Cannot assign requested address");
 }
 
 } // namespace

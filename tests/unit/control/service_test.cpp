@@ -63,6 +63,7 @@ TEST(StatusCode, IsThatOfInitScripts) {
     EXPECT_EQ(statusCode(State::dead), 1);
     EXPECT_EQ(statusCode(State::notRunning), 3);
     EXPECT_EQ(statusCode(State::unknown), 4);
+    EXPECT_EQ(statusCode(State::seemsToRun), 5);
 }
 
 TEST(StatusText, QuotesTheStartOptionsAndSteersNoTerminal) {

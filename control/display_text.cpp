@@ -1,11 +1,12 @@
 // Text of unknown origin made fit for a terminal: no byte of it steers the terminal, and its width
 // is known.
-#include "control/observe/display_text.h"
+#include "control/display_text.h"
 
 #include <algorithm>
 #include <array>
 #include <cmath>
 #include <cstdio>
+#include <ctime>
 #include <vector>
 
 #include <wchar.h>
@@ -202,6 +203,17 @@ std::string durationText(double seconds) {
         return std::to_string(hours) + " h " + std::to_string(minutes % 60) + " min";
     }
     return grouped(days) + " d " + std::to_string(hours % 24) + " h";
+}
+
+std::string localTime(double secondsSince1970, const char* format) {
+    const auto time = static_cast<std::time_t>(secondsSince1970);
+    std::tm parts = {};
+    std::array<char, 64> text{};
+    if (localtime_r(&time, &parts) == nullptr ||
+        std::strftime(text.data(), text.size(), format, &parts) == 0) {
+        return "an unknown time";
+    }
+    return text.data();
 }
 
 std::string rateText(double perSecond) {

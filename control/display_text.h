@@ -44,6 +44,9 @@ std::string byteText(std::uint64_t bytes);
 /// "45 s", "12 min", "3 h 20 min", "4 d 3 h": what matters of a duration in seconds.
 std::string durationText(double seconds);
 
+/// Local time as "2026-11-21 12:02:17", or in another format of strftime.
+std::string localTime(double secondsSince1970, const char* format = "%Y-%m-%d %H:%M:%S");
+
 /// A rate as "0", "0.4", "12" or "1,234"; without a unit.
 std::string rateText(double perSecond);
 

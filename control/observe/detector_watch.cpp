@@ -1,0 +1,400 @@
+// What the daemon does for each detector: by its children in /proc, and by what the copy program
+// says of its listings and copies.
+#include "control/observe/detector_watch.h"
+
+#include "control/observe/log_model.h"
+#include "shares/share_figures.h"
+#include "utilities/descriptors.h"
+#include "utilities/text.h"
+
+#include <algorithm>
+#include <array>
+#include <sstream>
+#include <string_view>
+#include <utility>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace control {
+
+namespace {
+
+using State = DetectorSnapshot::State;
+using confirming::ShareFigures;
+
+/// So long may a listing be without an answer, or a target's preparation take.
+constexpr double patience = 3;
+
+/// The same where this user may not see whether it has an answer.
+constexpr double longPatience = 60;
+
+/// So long a complaint in the error file is believed: the next listing of any detector empties it.
+constexpr double complaintKept = 15;
+
+constexpr std::size_t longestErrorFile = 65536;
+constexpr int mostLists = 1024;
+
+/// What one of the daemon's children is there for.
+struct Task {
+    enum class Kind { other, listing, copying, preparing };
+    Kind kind = Kind::other;
+    std::string url;
+    std::string destination; // when copying or preparing
+    std::string list;        // when copying
+};
+
+bool startsWith(std::string_view text, std::string_view beginning) {
+    return text.substr(0, beginning.size()) == beginning;
+}
+
+Task taskOf(std::vector<std::string> words) {
+    if (words.size() == 3 && words[1] == "-c") {
+        // The shell that it is run through, unless it has become the program already.
+        words = UTILITIES::splitWords(words[2], ' ');
+        if (!words.empty() && startsWith(words.back(), "2>")) {
+            words.pop_back();
+        }
+    }
+    Task task;
+    if (words.size() < 3) {
+        return task;
+    }
+    if (words[0] == "mkdir" || words[0] == "chown") {
+        task.kind = Task::Kind::preparing;
+        task.destination = words.back();
+        return task;
+    }
+    for (const std::string& word : words) {
+        constexpr std::string_view option = "--files-from=";
+        if (startsWith(word, option)) {
+            task.kind = Task::Kind::copying;
+            task.list = word.substr(option.size());
+            task.url = words[words.size() - 2];
+            task.destination = words.back();
+            return task;
+        }
+        if (startsWith(word, "--list-only")) {
+            task.kind = Task::Kind::listing;
+            task.url = words.back();
+        }
+    }
+    return task;
+}
+
+/// As the daemon splits it: quotation marks are gone.
+std::string firstWord(const std::string& text) {
+    const std::vector<std::string> words = UTILITIES::splitWords(text, ' ');
+    return words.empty() ? std::string() : words.front();
+}
+
+bool isFor(const Task& task, const DetectorSnapshot& detector) {
+    const std::string target = firstWord(detector.target);
+    switch (task.kind) {
+    case Task::Kind::copying:
+        return task.url == firstWord(detector.shareUrl) && task.destination == target + "/";
+    case Task::Kind::listing:
+        return task.url == firstWord(detector.shareUrl);
+    case Task::Kind::preparing:
+        return task.destination == target;
+    case Task::Kind::other:
+        break;
+    }
+    return false;
+}
+
+/// All bytes that a process and those below it have read; nothing if it may not be seen.
+std::optional<std::uint64_t> bytesRead(pid_t pid, int depth = 0) {
+    std::istringstream text(readProcFile("/proc/" + std::to_string(pid) + "/io"));
+    std::string key;
+    std::uint64_t bytes = 0;
+    if (!(text >> key >> bytes) || key != "rchar:") {
+        return std::nullopt;
+    }
+    for (const pid_t child : childrenOf(pid)) {
+        bytes += depth < 4 ? bytesRead(child, depth + 1).value_or(0) : 0;
+    }
+    return bytes;
+}
+
+double sinceBoot(const Process& process) {
+    return static_cast<double>(process.startTicks) / static_cast<double>(sysconf(_SC_CLK_TCK));
+}
+
+double seconds(std::uint64_t nanoseconds) {
+    return static_cast<double>(nanoseconds) / 1e9;
+}
+
+std::optional<double> ago(const confirming::Moment& moment, const Snapshot& snapshot) {
+    return moment.boottime == 0
+               ? std::nullopt
+               : std::optional(std::max(0.0, snapshot.uptime - seconds(moment.boottime)));
+}
+
+void addListing(const ShareFigures& listing, const Process* daemon, const Snapshot& snapshot,
+                DetectorSnapshot& detector) {
+    CopyFigures& figures = *detector.figures;
+    figures.listings = listing.counts[ShareFigures::begun];
+    figures.entries = listing.last.entries;
+    figures.listedAgo = ago(listing.last.at, snapshot);
+    // What another daemon has found says nothing of now.
+    if (daemon == nullptr || seconds(listing.last.at.boottime) + 0.1 < sinceBoot(*daemon) ||
+        listing.last.status == 0) {
+        return;
+    }
+    detector.complaint = causeIn(listing.lastText);
+    if (detector.complaint.empty()) {
+        detector.complaint =
+            "the copy program ended with status " + std::to_string(listing.last.status);
+    }
+    if (const auto failing = ago(listing.last.failingSince, snapshot)) {
+        detector.failingSince = snapshot.time - *failing;
+    }
+    if (listing.last.entries == 0) {
+        detector.state = State::unreachable;
+    }
+}
+
+void addCopies(const ShareFigures& copies, const Snapshot& snapshot, DetectorSnapshot& detector) {
+    using Count = ShareFigures::Count;
+    CopyFigures& figures = *detector.figures;
+    const auto& counts = copies.counts;
+    figures.files = counts[Count::confirmedFiles] + counts[Count::recoveredFiles];
+    figures.bytes = counts[Count::confirmedBytes] + counts[Count::recoveredBytes];
+    figures.recovered = counts[Count::recoveredFiles];
+    figures.unconfirmed = counts[Count::unconfirmedFiles];
+    figures.copies = counts[Count::begun];
+    figures.flushErrors = counts[Count::flushErrors];
+    figures.announcedAgo = ago(copies.last.at, snapshot);
+    figures.lastFile = copies.lastText;
+}
+
+std::uint64_t countNames(const std::string& path) {
+    const Descriptor file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    struct stat status = {};
+    std::array<char, 65536> block{};
+    std::uint64_t names = 0;
+    ssize_t got = 0;
+    // Anybody may have made a file of such a name below /tmp.
+    if (fstat(file.get(), &status) != 0 || (status.st_uid != 0 && status.st_uid != geteuid())) {
+        return 0;
+    }
+    while ((got = read(file.get(), block.data(), block.size())) > 0) {
+        names += static_cast<std::uint64_t>(std::count(block.data(), block.data() + got, '\n'));
+    }
+    return names;
+}
+
+} // namespace
+
+std::string causeIn(const std::string& text) {
+    std::istringstream lines(text);
+    std::string line;
+    std::string found;
+    while (std::getline(lines, line)) {
+        if (!line.empty() && (found.empty() || (!tellsCause(found) && tellsCause(line)))) {
+            found = line;
+        }
+    }
+    for (const char* const prefix : {"rsync: ", "[Receiver] ", "[receiver] "}) {
+        if (startsWith(found, prefix)) {
+            found.erase(0, std::string_view(prefix).size());
+        }
+    }
+    // "failed to connect to 10.0.0.1 (10.0.0.1): Connection refused (111)"
+    const std::size_t reason = found.rfind(": ");
+    if (startsWith(found, "failed to connect to ") && reason != std::string::npos) {
+        found.erase(0, reason + 2);
+    }
+    const std::size_t number = found.rfind(" (");
+    if (number != std::string::npos && number + 3 < found.size() && found.back() == ')' &&
+        found.find_first_not_of("0123456789", number + 2) == found.size() - 1) {
+        found.erase(number);
+    }
+    return found;
+}
+
+void DetectorWatch::look(const std::vector<Detector>& detectors, const Process* daemon,
+                         Snapshot& snapshot) {
+    for (const Detector& detector : detectors) {
+        DetectorSnapshot shown;
+        shown.id = detector.id;
+        shown.remoteIp = detector.remoteIp;
+        shown.shareUrl = detector.shareUrl;
+        shown.target = detector.target;
+        shown.state = daemon == nullptr ? State::notServed : State::idle;
+        snapshot.detectors.push_back(std::move(shown));
+    }
+    addFigures(daemon, snapshot);
+    if (daemon != nullptr) {
+        const std::string root = "/proc/" + std::to_string(daemon->pid) + "/root";
+        addChildren(*daemon, snapshot);
+        if (!snapshot.hasFigures) {
+            readErrorFile(root, snapshot);
+        }
+    }
+    for (const DetectorSnapshot& detector : snapshot.detectors) {
+        lastFiles[detector.id] = detector.figures ? detector.figures->files : 0;
+    }
+}
+
+void DetectorWatch::addFigures(const Process* daemon, Snapshot& snapshot) const {
+    std::string boot = readProcFile("/proc/sys/kernel/random/boot_id");
+    boot.erase(std::min(boot.find('\n'), boot.size()));
+    for (const ShareFigures& each : confirming::readAllShareFigures(base)) {
+        for (DetectorSnapshot& detector : snapshot.detectors) {
+            const bool isCopies = !each.destination.empty();
+            if (each.boot != boot || each.share != firstWord(detector.shareUrl) ||
+                (isCopies && each.destination != firstWord(detector.target) + "/")) {
+                continue;
+            }
+            snapshot.hasFigures = true;
+            const double since = snapshot.time - ago(each.since, snapshot).value_or(0);
+            if (!detector.figures) {
+                detector.figures.emplace();
+                detector.figures->since = since;
+            }
+            detector.figures->since = std::min(detector.figures->since, since);
+            if (isCopies) {
+                addCopies(each, snapshot, detector);
+            } else {
+                addListing(each, daemon, snapshot, detector);
+            }
+        }
+    }
+}
+
+void DetectorWatch::addChildren(const Process& daemon, Snapshot& snapshot) {
+    std::map<std::string, Answer> seen;
+    for (const pid_t pid : childrenOf(daemon.pid)) {
+        const Task task = taskOf(commandLine(pid));
+        const std::optional<Process> child = readProcess(pid);
+        const auto isHis = [&task](const DetectorSnapshot& each) { return isFor(task, each); };
+        auto& all = snapshot.detectors;
+        // Where two detectors have the same share and target, nothing tells their children apart.
+        if (!child || !isRunning(*child) || std::count_if(all.begin(), all.end(), isHis) != 1) {
+            continue;
+        }
+        DetectorSnapshot& detector = *std::find_if(all.begin(), all.end(), isHis);
+        if (task.kind == Task::Kind::copying) {
+            ++detector.copyProcesses;
+            detector.state = State::copying;
+            const double age = snapshot.uptime - sinceBoot(*child);
+            detector.cycleSeconds = std::max(detector.cycleSeconds.value_or(0), age);
+            addProgress("/proc/" + std::to_string(daemon.pid) + "/root", task.list, snapshot,
+                        detector);
+            continue;
+        }
+        const std::string key = detector.id + (task.kind == Task::Kind::listing ? " l" : " p");
+        detector.preparing = task.kind == Task::Kind::preparing;
+        noteAnswer(*child, key, snapshot, detector);
+        seen[key] = answers[key];
+    }
+    answers = std::move(seen);
+}
+
+/// Tells a listing that goes on from one that hangs.
+void DetectorWatch::noteAnswer(const Process& child, const std::string& key,
+                               const Snapshot& snapshot, DetectorSnapshot& detector) {
+    const double age = snapshot.uptime - sinceBoot(child);
+    const std::optional<std::uint64_t> bytes = bytesRead(child.pid);
+    Answer& answer = answers[key];
+    if (answer.startTicks != child.startTicks || answer.bytes != bytes.value_or(0)) {
+        // Nobody has seen what it did before; but one that is old already hangs when it does
+        // nothing between two looks.
+        answer = {child.startTicks, bytes.value_or(0), snapshot.uptime};
+    }
+    const bool unchanged = snapshot.uptime - answer.unchangedSince > 1;
+    if (age >= (bytes ? patience : longPatience) && (unchanged || !bytes)) {
+        detector.noAnswer = age;
+    }
+    if (detector.state != State::idle) {
+        return;
+    }
+    detector.state = detector.noAnswer    ? State::hanging
+                     : detector.preparing ? State::idle
+                                          : State::listing;
+}
+
+/// `list` is one of the file lists of the cycle: ".../file_list_PID_THREAD_INDEX".
+void DetectorWatch::addProgress(const std::string& root, const std::string& list,
+                                const Snapshot& snapshot, DetectorSnapshot& detector) {
+    const std::size_t underscore = list.rfind('_');
+    if (detector.dealt || underscore == std::string::npos) {
+        return;
+    }
+    const std::string beginning = root + list.substr(0, underscore + 1);
+    const std::optional<FileId> first = fileIdOf(beginning + "0");
+    if (!first) {
+        return;
+    }
+    auto [entry, isNew] = cycles.try_emplace(detector.id);
+    Cycle& cycle = entry->second;
+    if (isNew || !(cycle.list == *first)) {
+        cycle = {*first, 0, {}};
+        for (int index = 0; index < mostLists && fileIdOf(beginning + std::to_string(index));
+             ++index) {
+            cycle.dealt += countNames(beginning + std::to_string(index));
+        }
+        const auto before = lastFiles.find(detector.id);
+        if (before != lastFiles.end() && detector.figures) {
+            cycle.begunAt = before->second;
+        }
+    }
+    detector.dealt = cycle.dealt;
+    if (cycle.begunAt && detector.figures && snapshot.hasFigures) {
+        detector.finished =
+            std::min(cycle.dealt,
+                     detector.figures->files - std::min(*cycle.begunAt, detector.figures->files));
+    }
+}
+
+void DetectorWatch::readErrorFile(const std::string& root, Snapshot& snapshot) {
+    const std::string path = root + "/tmp/skarn_error.log";
+    const Descriptor file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    struct stat status = {};
+    std::string text(longestErrorFile, '\0');
+    if (fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
+        return;
+    }
+    const ssize_t got = read(file.get(), text.data(), text.size());
+    text.resize(got > 0 ? static_cast<std::size_t>(got) : 0);
+    if (!text.empty()) {
+        std::string whose;
+        for (const DetectorSnapshot& detector : snapshot.detectors) {
+            const std::size_t at = text.find(detector.remoteIp);
+            const std::size_t end = at + detector.remoteIp.size();
+            if (!detector.remoteIp.empty() && at != std::string::npos &&
+                (end == text.size() || (text[end] < '0' || text[end] > '9'))) {
+                whose = detector.id;
+            }
+        }
+        if (snapshot.detectors.size() == 1) {
+            whose = snapshot.detectors.front().id;
+        }
+        complaints[whose] = {causeIn(text), snapshot.uptime};
+    } else if (snapshot.detectors.size() == 1) {
+        complaints.clear(); // its own listing has emptied it
+    }
+    for (auto entry = complaints.begin(); entry != complaints.end();) {
+        if (snapshot.uptime - entry->second.seen > complaintKept) {
+            entry = complaints.erase(entry);
+            continue;
+        }
+        for (DetectorSnapshot& detector : snapshot.detectors) {
+            if (detector.id == entry->first && !entry->first.empty()) {
+                detector.complaint = entry->second.text;
+                if (detector.state != State::copying) {
+                    detector.state = State::unreachable;
+                }
+            }
+        }
+        if (entry->first.empty()) {
+            snapshot.listingComplaint = entry->second.text;
+        }
+        ++entry;
+    }
+}
+
+} // namespace control

@@ -1,0 +1,282 @@
+// skarnctl unannounced: files that were copied and that the consumer may not know of.
+#include "control/observe/unannounced_command.h"
+
+#include "control/configuration.h"
+#include "control/display_text.h"
+#include "control/event_journal.h"
+#include "control/observe/log_follower.h"
+#include "control/observe/log_model.h"
+#include "control/service/daemon_processes.h"
+#include "daemon/global.h"
+#include "shares/destination.h"
+#include "shares/encoded_name.h"
+#include "shares/files.h"
+#include "shares/journal_folder.h"
+#include "shares/left_file.h"
+#include "utilities/descriptors.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <fstream>
+#include <memory>
+#include <optional>
+#include <set>
+#include <tuple>
+#include <utility>
+#include <vector>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <unistd.h>
+
+namespace control {
+
+namespace {
+
+using confirming::Destination;
+
+/// So long the consumer may take to make room in the pipe, in milliseconds.
+constexpr int patience = 10000;
+
+/// What was announced here because the log named it: the log goes on naming it.
+constexpr const char* announcedBefore = "/var/log/skarn/announced";
+
+/// A file of the copy program's journals.
+struct Journal {
+    std::string share;
+    std::string destination;
+    const char* file = nullptr; // its name; null for none
+
+    bool operator==(const Journal& other) const {
+        return std::tie(share, destination, file) ==
+               std::tie(other.share, other.destination, other.file);
+    }
+    std::string path() const {
+        return confirming::journalFolder(JOURNAL_FOLDER, share, destination) + "/" + file;
+    }
+};
+
+/// A file that may be unannounced.
+struct Candidate {
+    std::string target; // ends in a slash
+    std::string name;   // below it, as rsync prints it
+    std::string why;
+    Journal journal; // that has its name; none if it is from the log
+
+    std::string record() const { return target + name; }
+    Destination::Presence presence() const { return Destination(target).presence(name); }
+};
+
+/// The names in the copy program's journals of a share and a target that no detector has now. What
+/// was left for one that it has is announced by its next copy. False if one can't be read.
+bool addJournals(const Configuration& configuration, std::vector<Candidate>& candidates) {
+    const auto isServed = [&configuration](const Journal& journal) {
+        return std::any_of(configuration.detectors.begin(), configuration.detectors.end(),
+                           [&journal](const Detector& each) {
+                               return each.shareUrl == journal.share &&
+                                      each.destination() == journal.destination;
+                           });
+    };
+    bool allRead = true;
+    for (const std::string& name :
+         confirming::namesIn(confirming::openOwnFolder(AT_FDCWD, JOURNAL_FOLDER))) {
+        const std::string share = confirming::decodedName(name).value_or(name);
+        for (const auto& [destination, folder] :
+             confirming::openJournalFolders(JOURNAL_FOLDER, share)) {
+            for (const char* const file : {confirming::asideName, confirming::leftName}) {
+                const Journal journal{share, destination, file};
+                bool isDamaged = false;
+                const auto left = confirming::readLeft(folder, file, isDamaged);
+                if (!left) {
+                    complain(journal.path() + (isDamaged ? " is damaged" : " can't be read"));
+                    allRead = false;
+                    continue;
+                }
+                for (const confirming::OpenName& open : left->names) {
+                    if (open.isGone && !isServed(journal)) {
+                        candidates.push_back(
+                            {destination, open.name, "left open under another target", journal});
+                    }
+                }
+            }
+        }
+    }
+    return allRead;
+}
+
+/// The names that the log gives, of the daemon's last start.
+void addLogged(const Configuration& configuration, std::vector<Candidate>& candidates) {
+    std::set<std::string> announced;
+    std::ifstream before(announcedBefore);
+    for (std::string line; std::getline(before, line);) {
+        announced.insert(line);
+    }
+    LogModel model;
+    LogFollower follower("/" + configuration.logFileName, configuration.logFileMaxNumber, {});
+    follower.poll(model);
+    const auto add = [&](const std::set<std::string>& names, const std::string& why) {
+        for (const std::string& name : names) {
+            for (const Detector& detector : configuration.detectors) {
+                const Candidate candidate{detector.destination(), name, why, {}};
+                // The log names no target: where the file is, it was meant.
+                if (!name.empty() && announced.count(candidate.record()) == 0 &&
+                    candidate.presence() == Destination::Presence::there) {
+                    candidates.push_back(candidate);
+                }
+            }
+        }
+    };
+    add(model.unannouncedNames(), "the pipe did not take it");
+    add(model.lostNames(), "sent and not confirmed; a later copy may have announced it");
+}
+
+/// Writes a record with one call, as the daemon does. An error's number, or 0.
+int announce(int pipe, const std::string& record) {
+    if (record.size() > PIPE_BUF) {
+        return EMSGSIZE;
+    }
+    for (;;) {
+        if (write(pipe, record.data(), record.size()) == static_cast<ssize_t>(record.size())) {
+            return 0;
+        }
+        pollfd room = {pipe, POLLOUT, 0};
+        if (errno != EAGAIN || poll(&room, 1, patience) <= 0) {
+            return errno;
+        }
+    }
+}
+
+/// Takes the names out of the file of a journal. False if that can't be done, for instance since a
+/// listing or a copy is at work on it.
+bool forget(const Journal& journal, const std::set<std::string>& names) {
+    const auto folders = confirming::openJournalFolders(JOURNAL_FOLDER, journal.share);
+    const auto folder = folders.find(journal.destination);
+    bool isDamaged = false;
+    if (folder == folders.end() || !confirming::hold(folder->second)) {
+        return false;
+    }
+    auto left = confirming::readLeft(folder->second, journal.file, isDamaged);
+    if (!left) {
+        return false;
+    }
+    left->names.erase(std::remove_if(left->names.begin(), left->names.end(),
+                                     [&names](const confirming::OpenName& open) {
+                                         return open.isGone && names.count(open.name) > 0;
+                                     }),
+                      left->names.end());
+    return confirming::writeLeft(folder->second, journal.file, *left);
+}
+
+/// Why a file can't be announced; empty if it is there.
+std::string whyNot(const Candidate& candidate) {
+    switch (candidate.presence()) {
+    case Destination::Presence::there:
+        return {};
+    case Destination::Presence::absent:
+        return "it is not there";
+    case Destination::Presence::unknown:
+        break;
+    }
+    return "whether it is there can't be told";
+}
+
+void say(const std::string& text) {
+    std::printf("%s\n", displayable(text, false).c_str());
+}
+
+int announceAll(const std::vector<Candidate>& candidates) {
+    const std::string& path = GLOBAL::pathToVantrelFifo;
+    const Descriptor pipe(open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC));
+    if (pipe.get() < 0) {
+        complain(errno == ENXIO ? "nobody reads the pipe " + path + "; nothing was announced"
+                                : "cannot open " + path + ": " + std::strerror(errno));
+        return failed;
+    }
+    std::vector<std::pair<Journal, std::set<std::string>>> announced; // names of each journal
+    std::size_t count = 0;
+    std::string fromLog;
+    int status = succeeded;
+    for (const Candidate& each : candidates) {
+        if (const std::string reason = whyNot(each); !reason.empty()) {
+            say(each.record() + ": not announced, " + reason);
+            continue;
+        }
+        const int error = announce(pipe.get(), each.record() + "\n");
+        if (error != 0) {
+            complain(each.record() + " could not be announced: " + std::strerror(error));
+            status = failed;
+            break;
+        }
+        say(each.record() + ": announced");
+        ++count;
+        if (each.journal.file == nullptr) {
+            fromLog += each.record() + "\n";
+        } else {
+            // The candidates come journal by journal.
+            if (announced.empty() || !(announced.back().first == each.journal)) {
+                announced.emplace_back(each.journal, std::set<std::string>());
+            }
+            announced.back().second.insert(each.name);
+        }
+    }
+    if (count == 0) {
+        return status;
+    }
+    noteEvents({grouped(count) + " files announced by hand (skarnctl unannounced)"});
+    const Descriptor before(
+        open(announcedBefore, O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC, 0644));
+    writeAll(before.get(), fromLog);
+    for (const auto& [journal, names] : announced) {
+        if (!forget(journal, names)) {
+            complain("the names stay in " + journal.path() + ", so they will be named again");
+            status = failed;
+        }
+    }
+    return status;
+}
+
+int run(const CommonOptions& common, bool isToAnnounce) {
+    const std::string path = findConfigFile().value_or(configFilePaths().front());
+    const LoadedConfiguration loaded =
+        loadConfiguration(path, findDaemon(common.daemonPath).startOptions);
+    if (!loaded.configuration) {
+        complain(loaded.problem);
+        return failed;
+    }
+    if (access(JOURNAL_FOLDER, R_OK) != 0 && errno == EACCES) {
+        complain(std::string("only root may look into ") + JOURNAL_FOLDER);
+        return notAllowed;
+    }
+    std::vector<Candidate> candidates;
+    const int status = addJournals(*loaded.configuration, candidates) ? succeeded : failed;
+    addLogged(*loaded.configuration, candidates);
+    if (candidates.empty()) {
+        say("no file is known that was copied and not announced");
+        return status;
+    }
+    if (isToAnnounce) {
+        return std::max(status, announceAll(candidates));
+    }
+    for (const Candidate& each : candidates) {
+        const std::string reason = whyNot(each);
+        say(each.record() + ": " + each.why + (reason.empty() ? "" : "; " + reason));
+    }
+    return status;
+}
+
+} // namespace
+
+void addUnannouncedCommand(CLI::App& app, const CommonOptions& common, int& exitStatus) {
+    const auto isToAnnounce = std::make_shared<bool>(false);
+    CLI::App* const command = app.add_subcommand(
+        "unannounced", "Name files that were copied and that the consumer may not know of");
+    command->add_flag("--announce", *isToAnnounce,
+                      "Write those that are there into the consumer's pipe");
+    command->callback(
+        [&common, &exitStatus, isToAnnounce] { exitStatus = run(common, *isToAnnounce); });
+}
+
+} // namespace control
