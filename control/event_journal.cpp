@@ -3,6 +3,7 @@
 
 #include "control/display_text.h"
 #include "utilities/descriptors.h"
+#include "utilities/text.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -21,6 +22,8 @@ namespace control {
 
 namespace {
 
+using UTILITIES::stringBegin;
+
 constexpr const char* folder = "/var/log/skarn";
 constexpr off_t largest = 1024L * 1024;
 
@@ -31,10 +34,6 @@ constexpr double sameEnd = 10;
 
 /// So long an end may take that was asked for.
 constexpr double endingTime = 120;
-
-bool startsWith(std::string_view text, std::string_view beginning) {
-    return text.substr(0, beginning.size()) == beginning;
-}
 
 double now() {
     return static_cast<double>(std::time(nullptr));
@@ -109,9 +108,9 @@ Deaths deathsIn(const std::vector<Event>& events, double now) {
     double lastEnd = -day;
     bool counts = false; // the end that is being told was no death that counts
     for (const Event& event : events) {
-        if (startsWith(event.text, toldToEnd)) {
+        if (stringBegin(event.text, toldToEnd)) {
             told = event.time;
-        } else if (startsWith(event.text, daemonEnded)) {
+        } else if (stringBegin(event.text, daemonEnded)) {
             if (event.time - lastEnd > sameEnd) {
                 counts = event.time - told > endingTime && now - event.time <= day;
                 deaths.lastDay += counts ? 1 : 0;

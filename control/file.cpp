@@ -2,8 +2,6 @@
 // be.
 #include "control/file.h"
 
-#include "utilities/descriptors.h"
-
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -31,12 +29,12 @@ std::optional<double> modificationTime(const std::string& path) {
            static_cast<double>(status.st_mtim.tv_nsec) / 1e9;
 }
 
-FileText readFile(const std::string& path, std::size_t limit, off_t offset, int flags) {
-    FileText file;
+OpenedFile openRegularFile(const std::string& path, int flags) {
+    OpenedFile file;
     const auto refuse = [&file](int error) {
         file.error = error;
         file.problem = std::strerror(error);
-        return file;
+        return std::move(file);
     };
     const Descriptor place(open(path.c_str(), O_PATH | O_CLOEXEC | flags));
     if (place.get() < 0 || fstat(place.get(), &file.status) != 0) {
@@ -50,29 +48,36 @@ FileText readFile(const std::string& path, std::size_t limit, off_t offset, int 
     }
     // The very file that was looked at. Some files of the kernel would block all the same.
     const std::string opened = "/proc/self/fd/" + std::to_string(place.get());
-    const Descriptor descriptor(open(opened.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-    if (descriptor.get() < 0) {
-        return refuse(errno);
-    }
+    file.descriptor = Descriptor(open(opened.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    return file.descriptor.get() < 0 ? refuse(errno) : std::move(file);
+}
+
+FileText readFile(const std::string& path, std::size_t limit, off_t offset, int flags) {
+    const OpenedFile file = openRegularFile(path, flags);
+    FileText read{std::nullopt, file.problem, file.error, file.status};
     std::string text;
     char part[16384];
-    while (text.size() < limit) {
+    while (file.descriptor && text.size() < limit) {
         const ssize_t got =
-            pread(descriptor.get(), part, std::min(sizeof part, limit - text.size()),
+            pread(file.descriptor.get(), part, std::min(sizeof part, limit - text.size()),
                   offset + static_cast<off_t>(text.size()));
         if (got < 0 && errno == EINTR) {
             continue;
         }
         if (got < 0) {
-            return refuse(errno);
+            read.error = errno;
+            read.problem = std::strerror(errno);
+            return read;
         }
         if (got == 0) {
             break;
         }
         text.append(part, static_cast<std::size_t>(got));
     }
-    file.text = std::move(text);
-    return file;
+    if (file.descriptor) {
+        read.text = std::move(text);
+    }
+    return read;
 }
 
 } // namespace control

@@ -2,6 +2,8 @@
 // be.
 #pragma once
 
+#include "utilities/descriptors.h"
+
 #include <cstddef>
 #include <optional>
 #include <string>
@@ -30,17 +32,27 @@ std::optional<FileId> fileIdOf(const std::string& path);
 /// it may not be looked at.
 std::optional<double> modificationTime(const std::string& path);
 
+/// A regular file that is open for reading, or why it is not.
+struct OpenedFile {
+    Descriptor descriptor;
+    std::string problem; // "No such file or directory", "it is a directory", ...
+    int error = 0;       // errno value; 0 for what is not a regular file
+    struct stat status = {};
+};
+
+/// Opens a regular file. Anything else is refused without being opened, since that could block, or
+/// change what a device or a pipe does. `flags` are further ones of open(2), such as O_NOFOLLOW.
+OpenedFile openRegularFile(const std::string& path, int flags = 0);
+
 /// Either the text of a file, or why there is none.
 struct FileText {
     std::optional<std::string> text;
-    std::string problem;     // "No such file or directory", "not a regular file", ...
-    int error = 0;           // errno value; 0 for what is not a regular file
+    std::string problem; // these two as in an OpenedFile
+    int error = 0;
     struct stat status = {}; // when `text` is there; as it was before the reading
 };
 
-/// Reads a regular file, `limit` bytes from `offset` at most. Anything else is refused without
-/// being opened, since that could block, or change what a device or a pipe does. `flags` are
-/// further ones of open(2), such as O_NOFOLLOW.
+/// Reads a file that openRegularFile() opens, `limit` bytes from `offset` at most.
 FileText readFile(const std::string& path, std::size_t limit, off_t offset = 0, int flags = 0);
 
 } // namespace control

@@ -1,11 +1,5 @@
 // skarnctl: the command line, and the way to the subcommand that it names.
-#include "control/check/check_command.h"
 #include "control/command.h"
-#include "control/metrics/metrics_command.h"
-#include "control/observe/events_command.h"
-#include "control/observe/log_command.h"
-#include "control/observe/unannounced_command.h"
-#include "control/observe/watch_command.h"
 #include "control/service/service_commands.h"
 #include "daemon/daemon.h"
 #include "daemon/global.h"
@@ -39,7 +33,7 @@ int run(int argc, char** argv) {
 
     int exitStatus = control::succeeded;
     control::addServiceCommands(app, common, exitStatus);
-    control::addCheckCommand(app, common, exitStatus);
+    control::addCheckCommand(app, exitStatus);
     control::addWatchCommand(app, common, exitStatus);
     control::addMetricsCommand(app, common, exitStatus);
     control::addEventsCommand(app, exitStatus);

@@ -4,19 +4,16 @@
 #include "control/check/check_report.h"
 #include "control/check/config_findings.h"
 #include "control/check/host_findings.h"
+#include "control/command.h"
 #include "utilities/text.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cerrno>
-#include <clocale>
-#include <cstdio>
-#include <cstring>
 #include <exception>
 #include <memory>
 #include <sstream>
 
-#include <langinfo.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -106,10 +103,6 @@ void fill(CheckReport& report, bool isNamed, bool withNetwork) {
 }
 
 int check(const CheckOptions& options) {
-    // Only for telling which characters can be shown.
-    std::setlocale(LC_CTYPE, "");
-    const bool unicode = std::strcmp(nl_langinfo(CODESET), "UTF-8") == 0;
-
     CheckReport report;
     report.file = options.file.value_or(findFile());
     report.startOptions = startOptionsOf(options);
@@ -123,14 +116,9 @@ int check(const CheckOptions& options) {
         complain(report.findings.front().text);
     }
     const std::string output = options.asJson         ? checkJson(report)
-                               : report.configuration ? checkText(report, unicode)
+                               : report.configuration ? checkText(report, usesUnicode())
                                                       : "";
-    if (std::fwrite(output.data(), 1, output.size(), stdout) != output.size() ||
-        std::fflush(stdout) != 0) {
-        complain(std::string("cannot write the result: ") + std::strerror(errno));
-        return errorsStatus;
-    }
-    if (countErrors(report.findings) > 0) {
+    if (print(output) || countErrors(report.findings) > 0) {
         return errorsStatus;
     }
     return report.findings.empty() ? 0 : warningsStatus;
@@ -170,7 +158,7 @@ std::string whatIsFatal(const std::vector<std::string>& startOptions) {
     return {};
 }
 
-void addCheckCommand(CLI::App& app, const CommonOptions& /*common*/, int& exitStatus) {
+void addCheckCommand(CLI::App& app, int& exitStatus) {
     CLI::App* const command =
         app.add_subcommand("check", "Say what the daemon would do with a configuration, and every "
                                     "mistake in it or on this host");

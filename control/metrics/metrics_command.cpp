@@ -1,8 +1,6 @@
 // skarnctl metrics: the daemon's figures for Prometheus, over HTTP, in a file or once.
-#include "control/metrics/metrics_command.h"
-
+#include "control/command.h"
 #include "control/file.h"
-#include "control/metrics/listen_address.h"
 #include "control/metrics/metrics_server.h"
 #include "control/observe/event_watch.h"
 #include "control/observe/figures.h"
@@ -74,16 +72,6 @@ void endOnSignals() {
     std::signal(SIGINT, end);
 }
 
-int failedToWrite(const std::string& what) {
-    complain("cannot write" + what + ": " + std::strerror(errno));
-    return failed;
-}
-
-int printOnce(const SnapshotOptions& options) {
-    const std::string text = metricsText(SnapshotSource(options).look());
-    return writeAll(STDOUT_FILENO, text) ? succeeded : failedToWrite("");
-}
-
 /// Replaces the file after each look.
 int writeFile(const SnapshotOptions& options, const std::string& path) {
     endOnSignals();
@@ -95,7 +83,8 @@ int writeFile(const SnapshotOptions& options, const std::string& path) {
         const Descriptor file(open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
         if (file.get() < 0 || fchmod(file.get(), 0644) != 0 || !writeAll(file.get(), text) ||
             std::rename(fresh.c_str(), path.c_str()) != 0) {
-            return failedToWrite(" " + path);
+            complain("cannot write " + path + ": " + std::strerror(errno));
+            return failed;
         }
         std::this_thread::sleep_for(betweenLooks);
     }
@@ -122,19 +111,13 @@ private:
 };
 
 int serve(const MetricsOptions& options, const SnapshotOptions& where) {
-    const ListenAddress address = parseListenAddress(options.listen);
-    if (!address.problem.empty()) {
-        complain(address.problem);
-        return badUsage;
-    }
-    std::string problem;
-    Descriptor listening = listenAt(address, problem);
-    if (!problem.empty()) {
-        complain(problem);
-        return failed;
+    Listening listening = listenAt(options.listen);
+    if (!listening.problem.empty()) {
+        complain(listening.problem);
+        return listening.isWrong ? badUsage : failed;
     }
     endOnSignals();
-    MetricsServer server(std::move(listening));
+    MetricsServer server(std::move(listening.socket));
     if (!options.from.empty()) {
         for (WrittenFigures figures(options.from);;) {
             server.setPage(figures.look());
@@ -184,7 +167,8 @@ void addMetricsCommand(CLI::App& app, const CommonOptions& common, int& exitStat
         }
         std::signal(SIGPIPE, SIG_IGN);
         const SnapshotOptions where{options->configFile, common.daemonPath};
-        exitStatus = options->once            ? printOnce(where)
+        exitStatus = options->once
+                         ? print(metricsText(SnapshotSource(where).look())).value_or(succeeded)
                      : options->write.empty() ? serve(*options, where)
                                               : writeFile(where, options->write);
     });

@@ -21,6 +21,8 @@ namespace control {
 
 namespace {
 
+using UTILITIES::stringBegin;
+
 using State = DetectorSnapshot::State;
 using confirming::ShareFigures;
 
@@ -45,15 +47,11 @@ struct Task {
     std::string list;        // when copying
 };
 
-bool startsWith(std::string_view text, std::string_view beginning) {
-    return text.substr(0, beginning.size()) == beginning;
-}
-
 Task taskOf(std::vector<std::string> words) {
     if (words.size() == 3 && words[1] == "-c") {
         // The shell that it is run through, unless it has become the program already.
         words = UTILITIES::splitWords(words[2], ' ');
-        if (!words.empty() && startsWith(words.back(), "2>")) {
+        if (!words.empty() && stringBegin(words.back(), "2>")) {
             words.pop_back();
         }
     }
@@ -68,14 +66,14 @@ Task taskOf(std::vector<std::string> words) {
     }
     for (const std::string& word : words) {
         constexpr std::string_view option = "--files-from=";
-        if (startsWith(word, option)) {
+        if (stringBegin(word, option)) {
             task.kind = Task::Kind::copying;
             task.list = word.substr(option.size());
             task.url = words[words.size() - 2];
             task.destination = words.back();
             return task;
         }
-        if (startsWith(word, "--list-only")) {
+        if (stringBegin(word, "--list-only")) {
             task.kind = Task::Kind::listing;
             task.url = words.back();
         }
@@ -198,13 +196,13 @@ std::string causeIn(const std::string& text) {
         }
     }
     for (const char* const prefix : {"rsync: ", "[Receiver] ", "[receiver] "}) {
-        if (startsWith(found, prefix)) {
+        if (stringBegin(found, prefix)) {
             found.erase(0, std::string_view(prefix).size());
         }
     }
     // "failed to connect to 10.0.0.1 (10.0.0.1): Connection refused (111)"
     const std::size_t reason = found.rfind(": ");
-    if (startsWith(found, "failed to connect to ") && reason != std::string::npos) {
+    if (stringBegin(found, "failed to connect to ") && reason != std::string::npos) {
         found.erase(0, reason + 2);
     }
     const std::size_t number = found.rfind(" (");

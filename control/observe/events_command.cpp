@@ -1,9 +1,9 @@
 // skarnctl events: when did what begin and end.
 #include "control/observe/events_command.h"
 
+#include "control/command.h"
 #include "control/display_text.h"
 #include "control/event_journal.h"
-#include "utilities/descriptors.h"
 
 #include <CLI/CLI.hpp>
 #include <cerrno>
@@ -41,7 +41,7 @@ int noteEnd() {
     return problem.empty() ? succeeded : failed;
 }
 
-int print(const std::string& since) {
+int show(const std::string& since) {
     const auto now = static_cast<double>(std::time(nullptr));
     const std::optional<double> begin = since.empty() ? 0 : parseMoment(since, now);
     if (!begin) {
@@ -60,11 +60,7 @@ int print(const std::string& since) {
             text += localTime(event.time) + "  " + displayable(event.text, false) + "\n";
         }
     }
-    if (!writeAll(STDOUT_FILENO, text)) {
-        complain(std::string("cannot write: ") + std::strerror(errno));
-        return failed;
-    }
-    return succeeded;
+    return print(text).value_or(succeeded);
 }
 
 } // namespace
@@ -99,9 +95,8 @@ void addEventsCommand(CLI::App& app, int& exitStatus) {
         ->type_name("TIME");
     command->add_flag("--ended", options->ended,
                       "Note how the daemon ended, by what systemd says (for ExecStopPost=)");
-    command->callback([options, &exitStatus] {
-        exitStatus = options->ended ? noteEnd() : print(options->since);
-    });
+    command->callback(
+        [options, &exitStatus] { exitStatus = options->ended ? noteEnd() : show(options->since); });
 }
 
 } // namespace control

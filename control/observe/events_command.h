@@ -1,15 +1,10 @@
 // skarnctl events: when did what begin and end.
 #pragma once
 
-#include "control/command.h"
-
 #include <optional>
 #include <string>
 
 namespace control {
-
-/// Adds the subcommand. When it is called it writes its status to `exitStatus`.
-void addEventsCommand(CLI::App& app, int& exitStatus);
 
 /// The moment that a text names: "90 s", "30min", "2h" or "3d" before `now`, or local time as
 /// "2026-11-22", "2026-11-22 03:12" and with seconds. Nothing if it names none.

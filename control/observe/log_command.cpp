@@ -1,30 +1,28 @@
 // skarnctl log: the daemon's log, readable.
 #include "control/observe/log_command.h"
 
+#include "control/command.h"
 #include "control/configuration.h"
 #include "control/display_text.h"
 #include "control/observe/explanations.h"
 #include "control/service/daemon_processes.h"
-#include "utilities/descriptors.h"
+#include "utilities/text.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
-#include <clocale>
 #include <csignal>
-#include <cstdlib>
-#include <cstring>
 #include <memory>
 #include <thread>
 #include <utility>
 
-#include <langinfo.h>
 #include <unistd.h>
 
 namespace control {
 
 namespace {
+
+using UTILITIES::stringBegin;
 
 /// Lines of one block that are shown.
 constexpr std::size_t longestBlock = 20;
@@ -34,10 +32,6 @@ constexpr const char* green = "\033[32m";
 constexpr const char* yellow = "\033[33m";
 constexpr const char* dim = "\033[2m";
 constexpr const char* plain = "";
-
-bool startsWith(const std::string& line, const std::string& beginning) {
-    return line.compare(0, beginning.size(), beginning) == 0;
-}
 
 bool has(const std::string& line, const char* part) {
     return line.find(part) != std::string::npos;
@@ -53,10 +47,10 @@ const char* colourOf(const std::string& line) {
         has(line, "@ERROR")) {
         return red;
     }
-    if (has(line, "Warning: ") || has(line, "WARNING: ") || startsWith(line, "rsync_orbelin: ")) {
+    if (has(line, "Warning: ") || has(line, "WARNING: ") || stringBegin(line, "rsync_orbelin: ")) {
         return yellow;
     }
-    if (startsWith(line, "Copied ") || startsWith(line, "++ skarn ")) {
+    if (stringBegin(line, "Copied ") || stringBegin(line, "++ skarn ")) {
         return green;
     }
     return has(line, ": rsync call: ") || has(line, ": Removed file ") || has(line, ": Child ")
@@ -95,7 +89,7 @@ void ReadableLog::takeLine(const std::string& line) {
     if (inBlock) {
         if (has(line, "++ RSYNC OUTPUT END ")) {
             endBlock();
-        } else if (block.size() < longestBlock || startsWith(line, "Copied ")) {
+        } else if (block.size() < longestBlock || stringBegin(line, "Copied ")) {
             block.push_back(line);
         } else {
             ++leftOut;
@@ -117,7 +111,7 @@ void ReadableLog::endBlock() {
         return;
     }
     inBlock = false;
-    const bool hasSummary = !block.empty() && startsWith(block.back(), "Copied ");
+    const bool hasSummary = !block.empty() && stringBegin(block.back(), "Copied ");
     const std::string first = hasSummary ? block.back() : "A copy process ended, with no file";
     if (hasSummary) {
         block.pop_back();
@@ -175,12 +169,8 @@ int run(const CommonOptions& common, const LogOptions& options) {
             complain(follower.problem());
             return failed;
         }
-        if (!writeAll(STDOUT_FILENO, log.take())) {
-            if (errno == EPIPE) {
-                return succeeded; // the reader has seen enough
-            }
-            complain(std::string("cannot write: ") + std::strerror(errno));
-            return failed;
+        if (const std::optional<int> end = print(log.take())) {
+            return *end;
         }
         if (options.follow) {
             std::this_thread::sleep_for(std::chrono::milliseconds(500));
@@ -200,11 +190,8 @@ void addLogCommand(CLI::App& app, const CommonOptions& common, int& exitStatus) 
     command->add_flag("--explain", options->view.explain, "Cause and cure below each line");
     command->callback([options, &common, &exitStatus] {
         std::signal(SIGPIPE, SIG_IGN);
-        const char* const refused = std::getenv("NO_COLOR");
-        options->view.colours =
-            isatty(STDOUT_FILENO) != 0 && (refused == nullptr || *refused == '\0');
-        options->view.unicode = std::setlocale(LC_CTYPE, "") != nullptr &&
-                                std::strcmp(nl_langinfo(CODESET), "UTF-8") == 0;
+        options->view.colours = isatty(STDOUT_FILENO) != 0 && wantsColours();
+        options->view.unicode = usesUnicode();
         exitStatus = run(common, *options);
     });
 }

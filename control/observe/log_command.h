@@ -1,7 +1,6 @@
 // skarnctl log: the daemon's log, readable.
 #pragma once
 
-#include "control/command.h"
 #include "control/observe/log_follower.h"
 
 #include <string>
@@ -9,9 +8,6 @@
 #include <vector>
 
 namespace control {
-
-/// Adds the subcommand. When it is called it writes its status to `exitStatus`.
-void addLogCommand(CLI::App& app, const CommonOptions& common, int& exitStatus);
 
 /// How the log is to be shown.
 struct LogView {

@@ -45,16 +45,6 @@ std::string numbered(const std::string& path, int number) {
     return path + "." + std::to_string(number);
 }
 
-std::string kindOf(mode_t mode) {
-    if (S_ISDIR(mode)) {
-        return "a folder";
-    }
-    if (S_ISFIFO(mode)) {
-        return "a named pipe";
-    }
-    return S_ISCHR(mode) || S_ISBLK(mode) ? "a device" : "no regular file";
-}
-
 std::string textAt(const Descriptor& file, std::uint64_t position, std::uint64_t size) {
     std::string text(size, '\0');
     const ssize_t got = pread(file.get(), text.data(), text.size(), static_cast<off_t>(position));
@@ -203,32 +193,18 @@ bool LogFollower::searchBanner(const Descriptor& opened, std::uint64_t& position
     return false;
 }
 
-/// Opens a regular file without ever waiting. On failure `trouble` says why, and errno is ENOENT
+/// On failure `trouble` says why, and errno is ENOENT
 /// exactly if there is none.
 bool LogFollower::openFile(const std::string& name, Descriptor& opened, FileId& id) {
-    struct stat status = {};
-    int error = stat(name.c_str(), &status) == 0 ? 0 : errno;
-    if (error == 0 && !S_ISREG(status.st_mode)) {
-        trouble = name + " is " + kindOf(status.st_mode) + ": it keeps nothing that could be read";
-        errno = EINVAL;
+    OpenedFile found = openRegularFile(name);
+    if (!found.descriptor) {
+        trouble = found.error == ENOENT ? "there is no " + name
+                                        : "cannot read " + name + ": " + found.problem;
+        errno = found.error == 0 ? EINVAL : found.error;
         return false;
     }
-    Descriptor descriptor;
-    if (error == 0) {
-        descriptor = Descriptor(open(name.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-        error = descriptor.get() < 0 || fstat(descriptor.get(), &status) != 0 ? errno : 0;
-    }
-    if (error == 0 && !S_ISREG(status.st_mode)) {
-        error = EINVAL;
-    }
-    if (error != 0) {
-        trouble = error == ENOENT ? "there is no " + name
-                                  : "cannot read " + name + ": " + std::strerror(error);
-        errno = error;
-        return false;
-    }
-    id = {status.st_dev, status.st_ino};
-    opened = std::move(descriptor);
+    id = {found.status.st_dev, found.status.st_ino};
+    opened = std::move(found.descriptor);
     trouble.clear();
     return true;
 }

@@ -15,6 +15,8 @@ namespace control {
 
 namespace {
 
+using UTILITIES::stringBegin;
+
 constexpr std::string_view beginMark = "++ RSYNC OUTPUT BEGIN ++++++++++++++++++";
 constexpr std::string_view endMark = "++ RSYNC OUTPUT END ++++++++++++++++++++";
 
@@ -26,10 +28,6 @@ constexpr std::size_t longestHeld = 16384;
 constexpr std::size_t longestShown = 1024;
 
 constexpr std::size_t mostNames = 4096;
-
-bool startsWith(std::string_view text, std::string_view beginning) {
-    return text.substr(0, beginning.size()) == beginning;
-}
 
 bool endsWith(std::string_view text, std::string_view ending) {
     return text.size() >= ending.size() && text.substr(text.size() - ending.size()) == ending;
@@ -43,7 +41,7 @@ bool isWord(std::string_view text) {
 /// The text between a beginning and an ending; nothing if it has not both.
 std::optional<std::string_view> between(std::string_view text, std::string_view beginning,
                                         std::string_view ending) {
-    if (text.size() < beginning.size() + ending.size() || !startsWith(text, beginning) ||
+    if (text.size() < beginning.size() + ending.size() || !stringBegin(text, beginning) ||
         !endsWith(text, ending)) {
         return std::nullopt;
     }
@@ -98,12 +96,13 @@ std::optional<Summary> parseSummary(std::string_view line) {
 bool isOrdinary(std::string_view line) {
     return std::all_of(line.begin(), line.end(), UTILITIES::isSpace) ||
            line == "receiving incremental file list" ||
-           startsWith(line, "receiving file list ...") ||
-           (startsWith(line, "sent ") && endsWith(line, " bytes/sec")) ||
-           (startsWith(line, "total size is ") &&
+           stringBegin(line, "receiving file list ...") ||
+           (stringBegin(line, "sent ") && endsWith(line, " bytes/sec")) ||
+           (stringBegin(line, "total size is ") &&
             line.find("  speedup is ") != std::string_view::npos) ||
-           startsWith(line, "created directory ") ||
-           (startsWith(line, "created ") && line.find(" directory for ") != std::string_view::npos);
+           stringBegin(line, "created directory ") ||
+           (stringBegin(line, "created ") &&
+            line.find(" directory for ") != std::string_view::npos);
 }
 
 void keep(std::set<std::string>& names, std::string_view name) {
@@ -115,8 +114,8 @@ void keep(std::set<std::string>& names, std::string_view name) {
 } // namespace
 
 bool tellsCause(std::string_view line) {
-    return !startsWith(line, "rsync error: ") && !startsWith(line, "rsync warning: ") &&
-           !startsWith(line, "rsync: connection unexpectedly closed");
+    return !stringBegin(line, "rsync error: ") && !stringBegin(line, "rsync warning: ") &&
+           !stringBegin(line, "rsync: connection unexpectedly closed");
 }
 
 void LogModel::takeLines(std::string_view lines) {
@@ -151,7 +150,7 @@ void LogModel::takeLine(std::string_view line) {
     if (const auto name = between(line, "Error: Lost ", ""); name && isWord(*name)) {
         ++total.lost;
         keep(lost, *name);
-    } else if (startsWith(line, "++ ")) {
+    } else if (stringBegin(line, "++ ")) {
         takeOwnLine(line);
     } else {
         takeWorkerLine(line);
@@ -189,7 +188,7 @@ void LogModel::takeOwnLine(std::string_view line) {
                failed && (failed->empty() || isWord(*failed))) {
         ++total.failedHandoffs;
         keep(unannounced, *failed);
-    } else if (startsWith(line, "++ Warning: Path to \"") &&
+    } else if (stringBegin(line, "++ Warning: Path to \"") &&
                line.find("\" is longer than ") != std::string_view::npos) {
         ++total.longRecords;
     }
@@ -206,11 +205,11 @@ void LogModel::takeWorkerLine(std::string_view line) {
         total.cycles += asNumber(*number) ? 1 : 0;
     } else if (blank == 0 || line[blank - 1] != ':') {
         return;
-    } else if (startsWith(rest, " rsync call: ")) {
+    } else if (stringBegin(rest, " rsync call: ")) {
         ++total.processes;
     } else if (rest == " Error: Could not fork subprocess") {
         ++total.failedStarts;
-    } else if (startsWith(rest, " Error: could not remove ")) {
+    } else if (stringBegin(rest, " Error: could not remove ")) {
         ++total.failedRemovals;
     } else if (rest == " Error: Listing failed") {
         ++total.failedListings;

@@ -1,38 +1,24 @@
 // Looks at the daemon from outside, again and again, and says what it saw.
 #include "control/observe/snapshot_source.h"
 
-#include "control/aside.h"
-#include "control/configuration.h"
 #include "control/control_files.h"
-#include "control/event_journal.h"
 #include "control/file.h"
-#include "control/observe/detector_watch.h"
-#include "control/observe/free_space.h"
-#include "control/observe/log_follower.h"
-#include "control/observe/log_model.h"
-#include "control/observe/rate_history.h"
-#include "control/observe/recent_changes.h"
 #include "control/process.h"
 #include "daemon/global.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
 #include <ctime>
-#include <map>
-#include <optional>
-#include <set>
 #include <string_view>
-#include <tuple>
-#include <utility>
-#include <vector>
 
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 
 namespace control {
 
 namespace {
 
-constexpr double secondsKept = 300;
 constexpr double shortWhile = 10;
 constexpr double shortestForRate = 1;
 constexpr double shortestForFilling = 60;
@@ -46,6 +32,8 @@ constexpr double longestUntilFull = 365 * 86400.0;
 constexpr double partForPipe = 0.004;
 constexpr double oldestPipe = 30;
 constexpr std::chrono::milliseconds patienceForPipe(1000);
+
+constexpr std::chrono::milliseconds patienceForSpace(200);
 
 /// So often it is asked which lost files have come, and of how many.
 constexpr double lostPause = 5;
@@ -63,16 +51,14 @@ double secondsOf(clockid_t clock) {
     return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
 }
 
-/// Which content a file has, as far as its status tells.
-using Version = std::tuple<dev_t, ino_t, off_t, time_t, long>;
-
-std::optional<Version> versionOf(const std::string& path) {
+/// The version of the file at a path; nothing if it can't be looked at.
+std::optional<FileVersion> versionOf(const std::string& path) {
     struct stat status = {};
     if (stat(path.c_str(), &status) != 0) {
         return std::nullopt;
     }
-    return Version{status.st_dev, status.st_ino, status.st_size, status.st_mtim.tv_sec,
-                   status.st_mtim.tv_nsec};
+    return FileVersion{status.st_dev, status.st_ino, status.st_size, status.st_mtim.tv_sec,
+                       status.st_mtim.tv_nsec};
 }
 
 /// The daemon's working directory is "/".
@@ -96,22 +82,6 @@ bool isDaemonsDate(const std::string& daemonPath, std::string_view date) {
     return apart <= bannerTolerance || std::abs(apart - summerTime) <= bannerTolerance;
 }
 
-/// One log with what was read in it.
-struct WatchedLog {
-    WatchedLog(const std::string& path, int highestArchive, const BannerTest& isBanner)
-        : model(isBanner), follower(path, highestArchive, isBanner) {}
-
-    LogModel model;
-    LogFollower follower;
-};
-
-/// What takes long to find out.
-struct FarLook {
-    PipeSnapshot pipe;
-    std::vector<pid_t> otherDaemons;
-    double took = 0; // seconds of the processor
-};
-
 /// Those of these names of which a file is below one of the targets.
 std::set<std::string> arrived(const std::vector<std::string>& names,
                               const std::vector<std::string>& targets) {
@@ -129,64 +99,24 @@ std::set<std::string> arrived(const std::vector<std::string>& names,
 
 } // namespace
 
-class SnapshotSource::State {
-public:
-    explicit State(SnapshotOptions chosen) : options(std::move(chosen)) {}
+std::optional<Space> spaceAt(std::string path) {
+    struct statvfs status = {};
+    while (statvfs(path.c_str(), &status) != 0) {
+        const std::size_t slash = path.rfind('/');
+        if ((errno != ENOENT && errno != ENOTDIR) || slash == std::string::npos || path == "/") {
+            return std::nullopt;
+        }
+        path.resize(slash == 0 ? 1 : slash);
+    }
+    const std::uint64_t block = status.f_frsize;
+    return Space{status.f_bfree * block, status.f_blocks * block, status.f_ffree, status.f_files};
+}
 
-    Snapshot look();
+SnapshotSource::SnapshotSource(SnapshotOptions chosen)
+    : options(std::move(chosen)), detectors(FIGURES_FOLDER) {
+}
 
-private:
-    void lookAtDaemon(Snapshot& snapshot);
-    void lookAtConfiguration(Snapshot& snapshot);
-    void lookAtEvents(Snapshot& snapshot);
-    void readLog(Snapshot& snapshot);
-    void sumUp(Snapshot& snapshot);
-    void lookForLost(Snapshot& snapshot);
-    void lookAtSpace(Snapshot& snapshot);
-    void addRates(Snapshot& snapshot);
-    void lookAtPipe(Snapshot& snapshot);
-    void lookAtWaits(Snapshot& snapshot);
-
-    SnapshotOptions options;
-    double now = 0; // by the host's uptime
-
-    DaemonProcesses processes;
-    std::vector<std::string> startOptions; // of the last daemon that was seen running
-
-    /// All that the configuration depends on.
-    std::tuple<std::string, std::optional<Version>, std::vector<std::string>> loadedFrom;
-    std::uint64_t loadedFor = 0; // start of the daemon that runs by it
-    std::optional<Configuration> configuration;
-    std::string configProblem;
-
-    std::optional<Version> eventsVersion;
-    std::vector<Event> events;
-
-    std::optional<WatchedLog> log;
-    std::string logPath;
-    int logNumber = 0;
-
-    DetectorWatch detectors{FIGURES_FOLDER};
-    RecentChanges changes;
-    GrowingTotal counted;
-    History files{secondsKept};
-    History bytes{secondsKept};
-    FreeSpace space;
-    std::map<std::string, History> freeHistory; // by target
-
-    Aside<FarLook> far;
-    FarLook lastFar;
-    std::optional<FileId> farPipe; // the pipe and the daemon of the last far look
-    pid_t farDaemon = -1;
-    double farDue = 0;
-
-    std::vector<std::pair<PipeWait, double>> waits; // with the moment at which each was first seen
-
-    Aside<std::set<std::string>> lost;
-    double lostDue = 0;
-};
-
-Snapshot SnapshotSource::State::look() {
+Snapshot SnapshotSource::look() {
     now = secondsOf(CLOCK_BOOTTIME);
     Snapshot snapshot;
     snapshot.time = secondsOf(CLOCK_REALTIME);
@@ -209,7 +139,7 @@ Snapshot SnapshotSource::State::look() {
     return snapshot;
 }
 
-void SnapshotSource::State::lookAtDaemon(Snapshot& snapshot) {
+void SnapshotSource::lookAtDaemon(Snapshot& snapshot) {
     processes = findDaemon(options.daemonPath);
     snapshot.daemonState = processes.state;
     snapshot.daemonText = processes.text;
@@ -225,12 +155,12 @@ void SnapshotSource::State::lookAtDaemon(Snapshot& snapshot) {
     }
 }
 
-void SnapshotSource::State::lookAtConfiguration(Snapshot& snapshot) {
+void SnapshotSource::lookAtConfiguration(Snapshot& snapshot) {
     std::string path = options.configFile;
     if (path.empty()) {
         path = findConfigFile().value_or("");
     }
-    const std::optional<Version> version = versionOf(path);
+    const std::optional<FileVersion> version = versionOf(path);
     snapshot.configFile = path;
     snapshot.configChanged =
         version && snapshot.upSince &&
@@ -265,8 +195,8 @@ void SnapshotSource::State::lookAtConfiguration(Snapshot& snapshot) {
     snapshot.configProblem = configProblem;
 }
 
-void SnapshotSource::State::lookAtEvents(Snapshot& snapshot) {
-    const std::optional<Version> version = versionOf(eventJournalPath());
+void SnapshotSource::lookAtEvents(Snapshot& snapshot) {
+    const std::optional<FileVersion> version = versionOf(eventJournalPath());
     if (version != eventsVersion) {
         eventsVersion = version;
         events = readEvents();
@@ -280,7 +210,7 @@ void SnapshotSource::State::lookAtEvents(Snapshot& snapshot) {
     snapshot.deaths = deathsIn(events, snapshot.time);
 }
 
-void SnapshotSource::State::readLog(Snapshot& snapshot) {
+void SnapshotSource::readLog(Snapshot& snapshot) {
     LogSnapshot& shown = snapshot.log;
     if (!configuration) {
         shown.problem = "without a configuration it is not known where the log is";
@@ -320,7 +250,7 @@ void SnapshotSource::State::readLog(Snapshot& snapshot) {
 
 /// The copy program's figures count each file as it is announced, the log when its copy process has
 /// ended.
-void SnapshotSource::State::sumUp(Snapshot& snapshot) {
+void SnapshotSource::sumUp(Snapshot& snapshot) {
     snapshot.files = snapshot.counts.files;
     snapshot.lastFile = log ? log->model.lastFile() : "";
     if (!snapshot.hasFigures) {
@@ -346,7 +276,7 @@ void SnapshotSource::State::sumUp(Snapshot& snapshot) {
     }
 }
 
-void SnapshotSource::State::lookForLost(Snapshot& snapshot) {
+void SnapshotSource::lookForLost(Snapshot& snapshot) {
     if (!log || log->model.lostNames().empty()) {
         return;
     }
@@ -368,12 +298,13 @@ void SnapshotSource::State::lookForLost(Snapshot& snapshot) {
     snapshot.missing = log->model.lostNames().size();
 }
 
-void SnapshotSource::State::lookAtSpace(Snapshot& snapshot) {
+void SnapshotSource::lookAtSpace(Snapshot& snapshot) {
     for (DetectorSnapshot& detector : snapshot.detectors) {
         if (detector.target.empty()) {
             continue;
         }
-        const std::optional<std::optional<Space>> answer = space.ask(detector.target);
+        const std::optional<std::optional<Space>> answer = spaces[detector.target].ask(
+            [target = detector.target] { return spaceAt(target); }, patienceForSpace);
         detector.targetIsSilent = !answer;
         if (!answer || !*answer) {
             continue;
@@ -396,7 +327,7 @@ void SnapshotSource::State::lookAtSpace(Snapshot& snapshot) {
     }
 }
 
-void SnapshotSource::State::addRates(Snapshot& snapshot) {
+void SnapshotSource::addRates(Snapshot& snapshot) {
     const std::uint64_t epoch = snapshot.hasFigures || !log ? 0 : log->model.starts();
     files.add(now, counted.take(snapshot.files, epoch));
     snapshot.rates.lastSeconds = files.slope(shortWhile, shortestForRate);
@@ -408,7 +339,7 @@ void SnapshotSource::State::addRates(Snapshot& snapshot) {
     }
 }
 
-void SnapshotSource::State::lookAtPipe(Snapshot& snapshot) {
+void SnapshotSource::lookAtPipe(Snapshot& snapshot) {
     const std::optional<FileId> pipe = fileIdOf(GLOBAL::pathToVantrelFifo);
     const pid_t daemon = snapshot.pid;
     if (farDaemon != daemon || !(farPipe == pipe) || now >= farDue) {
@@ -436,7 +367,7 @@ void SnapshotSource::State::lookAtPipe(Snapshot& snapshot) {
 }
 
 /// A thread that has gone to sleep as often as at the last look has not been woken since.
-void SnapshotSource::State::lookAtWaits(Snapshot& snapshot) {
+void SnapshotSource::lookAtWaits(Snapshot& snapshot) {
     const std::optional<std::vector<PipeWait>> found =
         snapshot.isServed() ? findPipeWaits(snapshot.pid) : std::nullopt;
     snapshot.waits.known = found.has_value();
@@ -451,16 +382,6 @@ void SnapshotSource::State::lookAtWaits(Snapshot& snapshot) {
         longest = std::max(longest.value_or(0), now - since);
     }
     waits = std::move(seen);
-}
-
-SnapshotSource::SnapshotSource(SnapshotOptions options)
-    : state(std::make_unique<State>(std::move(options))) {
-}
-
-SnapshotSource::~SnapshotSource() = default;
-
-Snapshot SnapshotSource::look() {
-    return state->look();
 }
 
 } // namespace control

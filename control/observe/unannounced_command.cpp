@@ -1,6 +1,5 @@
 // skarnctl unannounced: files that were copied and that the consumer may not know of.
-#include "control/observe/unannounced_command.h"
-
+#include "control/command.h"
 #include "control/configuration.h"
 #include "control/display_text.h"
 #include "control/event_journal.h"
@@ -181,10 +180,6 @@ std::string whyNot(const Candidate& candidate) {
         break;
     }
     return "whether it is there can't be told";
-}
-
-void say(const std::string& text) {
-    std::printf("%s\n", displayable(text, false).c_str());
 }
 
 int announceAll(const std::vector<Candidate>& candidates) {

@@ -27,7 +27,6 @@ constexpr double waitProves = 1.5; // seconds: nobody reads who has not read for
 constexpr double patience = 60;    // seconds for which copy processes may run without a report
 constexpr std::uint64_t enoughReports = 2; // ended without a file: no mere chance any more
 constexpr double enoughSeconds = 10;       // the same
-constexpr std::size_t mostReasons = 8;     // in one sentence
 
 std::string count(std::uint64_t number, const std::string& one, const std::string& several) {
     return grouped(number) + " " + (number == 1 ? one : several);
@@ -347,19 +346,6 @@ std::string headline(Verdict::Level level) {
 
 Verdict verdict(const Snapshot& snapshot) {
     return Judge(snapshot).judge();
-}
-
-std::string sentence(const Verdict& verdict) {
-    std::string text = headline(verdict.level);
-    const char* separator = ": ";
-    for (std::size_t index = 0; index < std::min(verdict.reasons.size(), mostReasons); ++index) {
-        text += separator + verdict.reasons[index].text;
-        separator = "; ";
-    }
-    if (verdict.reasons.size() > mostReasons) {
-        text += "; and " + grouped(verdict.reasons.size() - mostReasons) + " more";
-    }
-    return verdict.note.empty() ? text : text + separator + verdict.note;
 }
 
 } // namespace control

@@ -34,7 +34,4 @@ std::string headline(Verdict::Level level);
 /// figures and events tell of it.
 Verdict verdict(const Snapshot& snapshot);
 
-/// The headline, the reasons and the note in one line: "NOT KEEPING UP: nobody reads ...; ...".
-std::string sentence(const Verdict& verdict);
-
 } // namespace control

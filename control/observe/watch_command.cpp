@@ -1,25 +1,19 @@
 // skarnctl watch: shows what the daemon does.
-#include "control/observe/watch_command.h"
-
+#include "control/command.h"
 #include "control/observe/figures.h"
 #include "control/observe/snapshot_source.h"
 #include "control/observe/watch_layout.h"
 #include "control/observe/watch_screen.h"
-#include "utilities/descriptors.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <cerrno>
-#include <clocale>
 #include <cmath>
 #include <csignal>
-#include <cstring>
 #include <ctime>
 #include <memory>
+#include <optional>
 #include <string>
-#include <string_view>
 
-#include <langinfo.h>
 #include <poll.h>
 #include <unistd.h>
 
@@ -65,28 +59,10 @@ bool waitUntil(double moment) {
     }
 }
 
-/// Writes to the standard output; the status to end with if that is not possible, else `succeeded`.
-int print(const std::string& text, bool& goesOn) {
-    if (writeAll(STDOUT_FILENO, text)) {
-        return succeeded;
-    }
-    goesOn = false;
-    if (errno == EPIPE) {
-        return succeeded; // the reader has seen enough
-    }
-    complain(std::string("cannot write: ") + std::strerror(errno));
-    return failed;
-}
-
 /// Whether there is anything to be shown at all.
 bool knowsNothing(const Snapshot& snapshot) {
     return !snapshot.configProblem.empty() && snapshot.detectors.empty() &&
            snapshot.log.coverage == LogCoverage::none && !snapshot.isServed();
-}
-
-bool isUnicodeLocale() {
-    return std::setlocale(LC_CTYPE, "") != nullptr &&
-           std::string_view(nl_langinfo(CODESET)) == "UTF-8";
 }
 
 /// One report, after a while of looking.
@@ -96,42 +72,32 @@ int reportOnce(SnapshotSource& source, bool asJson) {
         complain(first.configProblem);
         return failed;
     }
-    bool goesOn = waitUntil(monotonicSeconds() + lookingTime);
-    if (!goesOn) {
+    if (!waitUntil(monotonicSeconds() + lookingTime)) {
         return succeeded;
     }
     const Snapshot snapshot = source.look();
-    return print(asJson ? jsonText(snapshot, false) + "\n" : watchText(snapshot, isUnicodeLocale()),
-                 goesOn);
+    return print(asJson ? jsonText(snapshot, false) + "\n" : watchText(snapshot, usesUnicode()))
+        .value_or(succeeded);
 }
 
 /// One line of JSON after each interval, until nobody reads them.
 int reportLines(SnapshotSource& source, double interval) {
-    bool goesOn = true;
-    int status = succeeded;
     double next = monotonicSeconds();
-    for (bool isFirst = true; goesOn; isFirst = false) {
+    for (bool isFirst = true;; isFirst = false) {
         const Snapshot snapshot = source.look();
         if (isFirst && knowsNothing(snapshot)) {
             complain(snapshot.configProblem);
             return failed;
         }
-        status = print(jsonText(snapshot, true) + "\n", goesOn);
+        if (const std::optional<int> end = print(jsonText(snapshot, true) + "\n")) {
+            return *end;
+        }
         // One that comes late does not let the next ones come faster.
         next = std::max(next + interval, monotonicSeconds());
-        goesOn = goesOn && waitUntil(next);
+        if (!waitUntil(next)) {
+            return succeeded;
+        }
     }
-    return status;
-}
-
-std::string checkInterval(const std::string& text) {
-    char* end = nullptr;
-    const double seconds = std::strtod(text.c_str(), &end);
-    if (end == text.c_str() || *end != '\0' ||
-        !(seconds >= shortestInterval && seconds <= longestInterval)) {
-        return "must be from 0.2 to 3600 seconds, not " + text;
-    }
-    return {};
 }
 
 } // namespace
@@ -148,7 +114,14 @@ void addWatchCommand(CLI::App& app, const CommonOptions& common, int& exitStatus
             ->add_option("--interval", options->interval, "Seconds between two looks (0.2 to 3600)")
             ->type_name("SECONDS")
             ->capture_default_str()
-            ->check(CLI::Validator(checkInterval, ""))
+            ->check(CLI::Validator(
+                [](const std::string& text) {
+                    const double seconds = std::strtod(text.c_str(), nullptr); // may be no number
+                    return seconds >= shortestInterval && seconds <= longestInterval
+                               ? std::string()
+                               : "must be from 0.2 to 3600 seconds, not " + text;
+                },
+                ""))
             ->excludes(once);
     command->add_option("--config", options->configFile, "Read this configuration file")
         ->type_name("FILE");

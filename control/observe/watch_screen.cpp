@@ -3,12 +3,12 @@
 
 #include "control/command.h"
 #include "control/observe/watch_layout.h"
+#include "utilities/descriptors.h"
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
-#include <clocale>
 #include <csignal>
 #include <cstdint>
 #include <cstdlib>
@@ -16,7 +16,6 @@
 #include <string>
 #include <utility>
 
-#include <langinfo.h>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/signalfd.h>
@@ -50,30 +49,25 @@ public:
             sigaddset(&set, signal);
         }
         pthread_sigmask(SIG_BLOCK, &set, &before);
-        descriptor = signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
+        descriptor = Descriptor(signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
     }
-    ~HeldSignals() {
-        if (descriptor >= 0) {
-            close(descriptor);
-        }
-        pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    }
+    ~HeldSignals() { pthread_sigmask(SIG_SETMASK, &before, nullptr); }
     HeldSignals(const HeldSignals&) = delete;
     HeldSignals& operator=(const HeldSignals&) = delete;
 
-    int fd() const { return descriptor; }
+    int fd() const { return descriptor.get(); }
 
     /// The next one that arrived, or 0.
     int next() const {
         signalfd_siginfo info{};
-        return read(descriptor, &info, sizeof info) == static_cast<ssize_t>(sizeof info)
+        return read(descriptor.get(), &info, sizeof info) == static_cast<ssize_t>(sizeof info)
                    ? static_cast<int>(info.ssi_signo)
                    : 0;
     }
 
 private:
     sigset_t before{};
-    int descriptor = -1;
+    Descriptor descriptor;
 };
 
 /// The terminal in ncurses' hands; as it was when this ends.
@@ -127,8 +121,7 @@ private:
     enum Pair : short { goodPair = 1, warningPair, badPair, barPair };
 
     void useColours() {
-        const char* refused = std::getenv("NO_COLOR");
-        if ((refused != nullptr && *refused != '\0') || !has_colors() || start_color() == ERR) {
+        if (!wantsColours() || !has_colors() || start_color() == ERR) {
             return;
         }
         const short background = use_default_colors() == OK ? -1 : COLOR_BLACK;
@@ -199,11 +192,11 @@ bool isUsable() {
 /// One run of the view.
 class Screen {
 public:
-    Screen(SnapshotSource& aSource, Snapshot first, double intervalSeconds)
+    Screen(SnapshotSource& aSource, Snapshot first, double intervalSeconds, bool unicode)
         : source(aSource), snapshot(std::move(first)),
           interval(std::chrono::duration_cast<Clock::duration>(
               std::chrono::duration<double>(intervalSeconds))) {
-        view.unicode = std::strcmp(nl_langinfo(CODESET), "UTF-8") == 0;
+        view.unicode = unicode;
     }
 
     /// Returns the signal that ended it, or 0.
@@ -340,7 +333,7 @@ private:
 } // namespace
 
 int runWatchScreen(SnapshotSource& source, double intervalSeconds) {
-    std::setlocale(LC_CTYPE, "");
+    const bool unicode = usesUnicode();
     if (!isUsable()) {
         return failed;
     }
@@ -359,7 +352,8 @@ int runWatchScreen(SnapshotSource& source, double intervalSeconds) {
                 complain("the terminal can't be drawn on; --once or --json show the same");
                 return failed;
             }
-            signal = Screen(source, std::move(first), intervalSeconds).run(signals, terminal);
+            signal =
+                Screen(source, std::move(first), intervalSeconds, unicode).run(signals, terminal);
         }
         if (signal != 0 && signal != SIGINT) {
             // It ends the program as soon as it is no longer held back.

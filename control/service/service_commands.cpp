@@ -3,6 +3,7 @@
 
 #include "control/check/check_command.h"
 #include "control/child.h"
+#include "control/command.h"
 #include "control/control_files.h"
 #include "control/service/daemon_processes.h"
 #include "control/service/process_handle.h"
@@ -80,7 +81,7 @@ int restartService(const std::string& service, const CommonOptions& common) {
         complain("systemd did not restart " + service + ": " + firstLine(systemctl.text()));
         return failed;
     }
-    std::printf("systemd has restarted %s\n", service.c_str());
+    say("systemd has restarted " + service);
     return succeeded;
 }
 
@@ -155,8 +156,7 @@ void addServiceCommands(CLI::App& app, const CommonOptions& common, int& exitSta
     status->callback([&common, &exitStatus, json] {
         const DaemonProcesses found = findDaemon(common.daemonPath, Search::always);
         const std::string text = *json ? statusJson(found, readStatusFile()) : statusText(found);
-        std::fputs(text.c_str(), stdout);
-        exitStatus = statusCode(found.state);
+        exitStatus = print(text).value_or(statusCode(found.state));
     });
 }
 

@@ -1,12 +1,7 @@
 // The subcommands that start, stop and ask after the daemon.
 #pragma once
 
-#include "control/command.h"
-
 namespace control {
-
-/// Adds start, restart, stop and status. `common` is looked at when the command line is parsed.
-void addServiceCommands(CLI::App& app, const CommonOptions& common, int& exitStatus);
 
 /// Where the words begin that `start` or `restart` passes on: the index behind that word, which is
 /// the first that is neither --daemon nor its value, and behind the --when-idle of `restart`. argc

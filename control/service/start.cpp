@@ -13,7 +13,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
-#include <cstdio>
 #include <cstring>
 
 #include <sys/prctl.h>
@@ -195,12 +194,11 @@ int startDaemon(const std::string& daemonPath, const std::vector<std::string>& s
         progress = watchUntilItWorks(launch.daemon->pid);
     }
     if (progress.works) {
-        std::printf("%s started, process %d%s\n", GLOBAL::progName.c_str(), launch.daemon->pid,
-                    before.copyProcesses.empty()
-                        ? ""
-                        : (" (the daemon before it died and left copy processes: " +
-                           listOfPids(before.copyProcesses) + ")")
-                              .c_str());
+        say(GLOBAL::progName + " started, process " + std::to_string(launch.daemon->pid) +
+            (before.copyProcesses.empty()
+                 ? ""
+                 : " (the daemon before it died and left copy processes: " +
+                       listOfPids(before.copyProcesses) + ")"));
         return succeeded;
     }
 

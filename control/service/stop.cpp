@@ -3,7 +3,6 @@
 
 #include "control/command.h"
 #include "control/control_files.h"
-#include "control/display_text.h"
 #include "control/event_journal.h"
 #include "control/service/daemon_processes.h"
 #include "control/service/idle_moment.h"
@@ -34,11 +33,6 @@ constexpr Milliseconds killLimit{5000};
 
 /// Milliseconds after which a child that was forked is sure to be another program.
 constexpr long forkToExec = 20;
-
-void say(const std::string& text) {
-    std::printf("%s\n", displayable(text, false).c_str());
-    std::fflush(stdout); // what comes next may take its time
-}
 
 /// "2 copy processes (905, 903)"; without a kind it is the daemon, of which there is one.
 std::string named(const std::vector<pid_t>& pids, const std::string& kind) {

@@ -748,7 +748,7 @@ def test_an_output_that_takes_nothing() -> None:
         run = subprocess.run([binary(), "check", "--no-network"], env=environment(), stdout=full,
                              stderr=subprocess.PIPE, timeout=60, check=False)
     assert run.returncode == 2
-    assert run.stderr == b"skarnctl: cannot write the result: No space left on device\n"
+    assert run.stderr == b"skarnctl: cannot write: No space left on device\n"
 
 
 def test_another_user_is_told_what_was_not_looked_at() -> None:

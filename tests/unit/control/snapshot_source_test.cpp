@@ -1,5 +1,6 @@
-// How much room there is, also where nothing is yet.
-#include "control/observe/free_space.h"
+// What a look asks of things that may not answer: how much room there is, also where nothing is
+// yet.
+#include "control/observe/snapshot_source.h"
 
 #include <chrono>
 #include <future>
@@ -31,18 +32,6 @@ TEST(SpaceAt, IsNotKnownWithoutAPath) {
     EXPECT_FALSE(spaceAt(""));
     EXPECT_FALSE(spaceAt("relative"));
     EXPECT_FALSE(spaceAt(std::string(10000, 'x')));
-}
-
-TEST(FreeSpace, AnswersForAllThatCanBeAsked) {
-    FreeSpace space;
-    for (int i = 0; i < 50; ++i) {
-        for (const char* const path : {"/tmp", "/tmp/there/is/nothing"}) {
-            const auto found = space.ask(path);
-            ASSERT_TRUE(found && *found) << path;
-        }
-        const auto none = space.ask(std::string(10000, '/'));
-        EXPECT_TRUE(none && !*none);
-    }
 }
 
 TEST(Aside, LeavesAQuestionThatIsNotAnsweredToItself) {
