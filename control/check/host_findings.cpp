@@ -13,12 +13,14 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <filesystem>
 #include <iterator>
 #include <map>
 #include <set>
 #include <system_error>
+#include <thread>
 #include <utility>
 
 #include <fcntl.h>
@@ -44,6 +46,13 @@ constexpr std::size_t mostDetectors = 256;
 constexpr std::chrono::seconds targetLimit{3};
 constexpr std::chrono::seconds shareLimit{4};
 constexpr std::chrono::seconds pipeLimit{2};
+
+/// Nobody reads who has not read for so long while a copy waits for him.
+constexpr std::chrono::milliseconds waitProves{1200};
+
+/// With less, in bytes and in files, a file system is full.
+constexpr std::uint64_t nothingLeft = 1024 * 1024UL;
+constexpr std::uint64_t fewInodes = 16;
 
 bool isRoot() {
     return geteuid() == 0;
@@ -149,11 +158,14 @@ TargetLook lookAtTarget(const std::string& id, const std::string& target) {
         tell(Severity::error, "lies on a file system that holds no files", advice);
     } else {
         struct statvfs system = {};
-        if (statvfs(nearest.c_str(), &system) == 0 &&
-            ((system.f_blocks > 0 && system.f_bfree == 0) ||
-             (system.f_files > 0 && system.f_ffree == 0))) {
+        const bool isKnown = statvfs(nearest.c_str(), &system) == 0;
+        if (isKnown && system.f_blocks > 0 && system.f_bfree * system.f_frsize < nothingLeft) {
             tell(Severity::warning, "lies on a file system that is full: nothing can be copied",
                  "make room there");
+        } else if (isKnown && system.f_files > 0 && system.f_ffree < fewInodes) {
+            tell(Severity::warning,
+                 "lies on a file system without free inodes: no further file can be made",
+                 "remove files there");
         }
     }
     return look;
@@ -192,6 +204,7 @@ private:
     void lookAtPasswordFile();
     void lookAtCopyProgram();
     void lookAtPipe();
+    void lookAtWaits(const PipeSnapshot& pipe);
     bool isUsableFolder(const char* code, const std::string& path, const std::string& use);
     void lookAtFixedFolders();
     void lookAtOwner();
@@ -331,7 +344,44 @@ void HostFinder::lookAtPipe() {
         }
         break;
     case PipeSnapshot::State::read:
+        lookAtWaits(pipe);
         break;
+    }
+}
+
+/// Whether copying stands still although somebody has the pipe open for reading.
+void HostFinder::lookAtWaits(const PipeSnapshot& pipe) {
+    // Only a claim; but of a stranger's threads none waits in this pipe.
+    const pid_t daemon = readPidFile().daemon;
+    const auto look = [daemon] {
+        auto waits = findPipeWaits(daemon).value_or(std::vector<PipeWait>());
+        if (!waits.empty()) {
+            // Who was not woken meanwhile waits still.
+            std::this_thread::sleep_for(waitProves);
+            const auto later = findPipeWaits(daemon).value_or(std::vector<PipeWait>());
+            waits.erase(std::remove_if(waits.begin(), waits.end(),
+                                       [&later](const PipeWait& wait) {
+                                           return std::find(later.begin(), later.end(), wait) ==
+                                                  later.end();
+                                       }),
+                        waits.end());
+        }
+        return waits;
+    };
+    const auto found =
+        daemon == 0 ? std::nullopt : Aside<std::vector<PipeWait>>().ask(look, pipeLimit);
+    for (const PipeWait& wait : found.value_or(std::vector<PipeWait>())) {
+        if (wait.opens) {
+            tell(Severity::warning, "pipe", pipe.path,
+                 "a copy waits for a reader of a pipe that was removed, and stands still",
+                 "restart the daemon");
+        } else {
+            tell(Severity::warning, "pipe", pipe.path,
+                 pipe.readers.front() + " holds the hand-off pipe " + pipe.path +
+                     " open and does not read: copying stands still",
+                 "look at the consumer, or start it anew");
+        }
+        break; // all of them wait for the same
     }
 }
 

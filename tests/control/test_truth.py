@@ -82,6 +82,14 @@ def event(pattern: str) -> None:
     )
 
 
+def checked() -> str:
+    """What a check of the host finds in that time."""
+    begun = time.monotonic()
+    result = skarnctl("check")
+    assert result.errors == "" and time.monotonic() - begun < WITHIN, result
+    return result.output
+
+
 def test_a_detector_that_refuses_is_named_with_its_reason_and_comes_back() -> None:
     with Bed(2) as bed:
         bed.start()
@@ -96,6 +104,7 @@ def test_a_detector_that_refuses_is_named_with_its_reason_and_comes_back() -> No
             )
             metric('skarn_detector_state{detector="2",state="unreachable"} 1')
             metric('skarn_detector_state{detector="1",state="unreachable"} 0')
+            assert re.search(r'share of detector "2", .* can.t be listed: .*onnection refused', checked())
             event(r"detector 2 .* can't be listed since .*: Connection refused")
             bed.stations[1].server.start()
             says("^KEEPING UP")
@@ -114,6 +123,7 @@ def test_a_detector_whose_listing_hangs_is_named() -> None:
             metric('skarn_detector_state{detector="2",state="hanging"} 1')
             metric(r'skarn_no_answer_seconds{detector="2"} [\d.]+')
             event("the listing of detector 2 .* has had no answer")
+            assert re.search(r'share of detector "2", .* can.t be listed: no answer within', checked())
 
 
 def test_a_wrong_password_is_named() -> None:
@@ -123,6 +133,7 @@ def test_a_wrong_password_is_named() -> None:
         says(r"^NOT KEEPING UP: detector 1 \(127\.0\.0\.1\) can't be listed .*auth failed")
         metric('skarn_detector_state{detector="1",state="unreachable"} 1')
         event("auth failed")
+        assert re.search(r'share of detector "1", .* can.t be listed: .*auth failed', checked())
 
 
 def test_a_consumer_that_holds_the_pipe_and_does_not_read_is_named() -> None:
@@ -135,6 +146,7 @@ def test_a_consumer_that_holds_the_pipe_and_does_not_read_is_named() -> None:
         says(r"^NOT KEEPING UP: .* holds the pipe open and has read nothing for \d+ s")
         metric(r"skarn_pipe_write_blocked_seconds [1-9][\d.]*")
         event("holds the pipe open and has read nothing")
+        assert f"holds the hand-off pipe {FIFO} open and does not read" in checked()
         bed.consumer.start()
         os.close(reader)
         says("^KEEPING UP")
@@ -152,6 +164,7 @@ def test_a_pipe_that_was_removed_while_nobody_read_it_is_named() -> None:
         bed.consumer.start()
         says("^NOT KEEPING UP: a copy waits for a reader of a pipe that was removed")
         event("a pipe that was removed")
+        assert "a copy waits for a reader of a pipe that was removed" in checked()
         bed.daemon.end(signal.SIGKILL)
 
 
@@ -170,6 +183,7 @@ def test_a_full_target_is_named(options: str, sentence: str) -> None:
         bed.simulator.burst(frame_names(60), 100_000)
         says("^NOT KEEPING UP: .*" + sentence)
         event(sentence)
+        assert re.search(r'target of detector "1", .* lies on a file system (that is full|without free inodes)', checked())
         bed.daemon.end(signal.SIGKILL)
         subprocess.run(["umount", "--lazy", str(bed.target)], check=True)
 
