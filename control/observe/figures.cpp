@@ -35,6 +35,11 @@ std::vector<const char*> all(const std::array<const char*, count>& names) {
 }
 
 template<class Value>
+json orNull(const Value& value) {
+    return json(value);
+}
+
+template<class Value>
 json orNull(const std::optional<Value>& value) {
     return value ? json(*value) : json(nullptr);
 }
@@ -42,6 +47,16 @@ json orNull(const std::optional<Value>& value) {
 /// For texts that are empty when there is nothing to say.
 json orNull(const std::string& text) {
     return text.empty() ? json(nullptr) : json(text);
+}
+
+/// The value at the end of these members: at<&Snapshot::log, &LogSnapshot::bytes>.
+template<auto member, auto... others, class Of>
+json at(const Of& of) {
+    if constexpr (sizeof...(others) == 0) {
+        return orNull(of.*member);
+    } else {
+        return at<others...>(of.*member);
+    }
 }
 
 json onlyIf(bool isKnown, json value) {
@@ -111,7 +126,7 @@ constexpr std::array<LogCount, 11> logCounts{{
 const std::vector<Figure<Snapshot>>& snapshotFigures() {
     using S = Snapshot;
     static const std::vector<Figure<S>> figures = {
-        {"", "time", [](const S& s) { return json(s.time); }},
+        {"", "time", at<&S::time>},
         {"verdict", "level", [](const S& s) { return json(nameIn(levels, verdict(s).level)); },
          "skarn_verdict", "state", "What skarnctl watch says in its first line.", all(levels)},
         {"verdict", "reasons",
@@ -135,52 +150,49 @@ const std::vector<Figure<Snapshot>>& snapshotFigures() {
          "Whether the daemon runs."},
         {"daemon", "text", [](const S& s) { return json(s.daemonText); }},
         {"daemon", "pid", [](const S& s) { return onlyIf(s.isServed(), s.pid); }},
-        {"daemon", "up_since", [](const S& s) { return orNull(s.upSince); },
-         "skarn_start_time_seconds", "gauge",
+        {"daemon", "up_since", at<&S::upSince>, "skarn_start_time_seconds", "gauge",
          "When the running daemon was started, in seconds since 1970."},
         {"daemon", "start_options",
          [](const S& s) { return onlyIf(s.isServed(), s.startOptions); }},
-        {"daemon", "process_limit", [](const S& s) { return orNull(s.processLimit); },
-         "skarn_copy_process_limit", "gauge", "Copy processes that one detector may have."},
+        {"daemon", "process_limit", at<&S::processLimit>, "skarn_copy_process_limit", "gauge",
+         "Copy processes that one detector may have."},
         {"daemon", "others", [](const S& s) { return json(s.otherDaemons.size()); },
          "skarn_other_daemons", "gauge", "Daemons that run beside the first one."},
-        {"daemon", "deaths_last_day", [](const S& s) { return json(s.deaths.lastDay); },
+        {"daemon", "deaths_last_day", at<&S::deaths, &Deaths::lastDay>,
          "skarn_daemon_deaths_last_day", "gauge",
          "How often the daemon ended in the last 24 hours without being told to, by the event "
          "journal."},
-        {"daemon", "last_death", [](const S& s) { return orNull(s.deaths.last); },
+        {"daemon", "last_death", at<&S::deaths, &Deaths::last>,
          "skarn_daemon_last_death_time_seconds", "gauge",
          "When it did so last, in seconds since 1970."},
-        {"daemon", "last_death_by", [](const S& s) { return orNull(s.deaths.how); }},
-        {"configuration", "file", [](const S& s) { return orNull(s.configFile); }},
-        {"configuration", "problem", [](const S& s) { return orNull(s.configProblem); }},
+        {"daemon", "last_death_by", at<&S::deaths, &Deaths::how>},
+        {"configuration", "file", at<&S::configFile>},
+        {"configuration", "problem", at<&S::configProblem>},
         {"configuration", "readable", [](const S& s) { return json(s.configProblem.empty()); },
          "skarn_config_readable", "gauge", "Whether the configuration can be read."},
-        {"configuration", "changed_since_start", [](const S& s) { return json(s.configChanged); },
-         "skarn_config_changed", "gauge",
-         "Whether the configuration was changed after the daemon read it."},
-        {"total", "files", [](const S& s) { return json(s.files); }},
+        {"configuration", "changed_since_start", at<&S::configChanged>, "skarn_config_changed",
+         "gauge", "Whether the configuration was changed after the daemon read it."},
+        {"total", "files", at<&S::files>},
         {"total", "bytes", [](const S& s) { return onlyIf(s.hasFigures, s.bytes); }},
-        {"total", "since", [](const S& s) { return orNull(s.filesSince); }},
-        {"total", "missing", [](const S& s) { return json(s.missing); }, "skarn_files_missing",
-         "gauge", "Files reported lost that have not come since."},
-        {"", "copy_program_figures", [](const S& s) { return json(s.hasFigures); },
-         "skarn_copy_program_figures", "gauge",
+        {"total", "since", at<&S::filesSince>},
+        {"total", "missing", at<&S::missing>, "skarn_files_missing", "gauge",
+         "Files reported lost that have not come since."},
+        {"", "copy_program_figures", at<&S::hasFigures>, "skarn_copy_program_figures", "gauge",
          "Whether the copy program says how its listings and copies go."},
-        {"", "last_file", [](const S& s) { return orNull(s.lastFile); }},
-        {"", "last_complaint", [](const S& s) { return orNull(s.lastComplaint); }},
-        {"", "listing_complaint", [](const S& s) { return orNull(s.listingComplaint); }},
-        {"rates", "last_seconds", [](const S& s) { return orNull(s.rates.lastSeconds); }},
-        {"rates", "last_minutes", [](const S& s) { return orNull(s.rates.lastMinutes); }},
-        {"rates", "bytes", [](const S& s) { return orNull(s.rates.bytes); }},
-        {"rates", "history", [](const S& s) { return json(s.rates.history); }},
+        {"", "last_file", at<&S::lastFile>},
+        {"", "last_complaint", at<&S::lastComplaint>},
+        {"", "listing_complaint", at<&S::listingComplaint>},
+        {"rates", "last_seconds", at<&S::rates, &Rates::lastSeconds>},
+        {"rates", "last_minutes", at<&S::rates, &Rates::lastMinutes>},
+        {"rates", "bytes", at<&S::rates, &Rates::bytes>},
+        {"rates", "history", at<&S::rates, &Rates::history>},
         {"pipe", "state", [](const S& s) { return json(nameIn(pipeStates, s.pipe.state)); },
          "skarn_pipe_state", "state",
          "The hand-off pipe: read by somebody, without a reader, absent, something else, or not "
          "known.",
          all(pipeStates)},
         {"pipe", "path", [](const S& s) { return json(s.pipe.path); }},
-        {"pipe", "readers", [](const S& s) { return json(s.pipe.readers); }},
+        {"pipe", "readers", at<&S::pipe, &PipeSnapshot::readers>},
         {"pipe", "reader_count",
          [](const S& s) {
              return onlyIf(s.pipe.state != PipeSnapshot::State::unknown, s.pipe.readers.size());
@@ -195,22 +207,22 @@ const std::vector<Figure<Snapshot>>& snapshotFigures() {
          [](const S& s) { return onlyIf(s.waits.known, s.waits.opening.value_or(0)); },
          "skarn_pipe_open_blocked_seconds", "gauge",
          "For how long a copy has waited for a reader of the pipe; 0 if none does."},
-        {"log", "path", [](const S& s) { return orNull(s.log.path); }},
+        {"log", "path", at<&S::log, &LogSnapshot::path>},
         {"log", "coverage", [](const S& s) { return json(nameIn(coverages, s.log.coverage)); },
          "skarn_log_coverage", "state",
          "What the counters of the log cover: all since the daemon's start, what came since this "
          "program looks, the same with a gap, or nothing as there is no log.",
          all(coverages)},
-        {"log", "problem", [](const S& s) { return orNull(s.log.problem); }},
-        {"log", "bytes", [](const S& s) { return json(s.log.bytes); }, "skarn_log_size_bytes",
-         "gauge", "Size of the present log file."},
+        {"log", "problem", at<&S::log, &LogSnapshot::problem>},
+        {"log", "bytes", at<&S::log, &LogSnapshot::bytes>, "skarn_log_size_bytes", "gauge",
+         "Size of the present log file."},
         {"log", "limit", [](const S& s) { return onlyIf(s.log.limit >= 0, s.log.limit); },
          "skarn_log_limit_bytes", "gauge", "Size above which the daemon rotates its log."},
-        {"log", "archives", [](const S& s) { return json(s.log.archives); }, "skarn_log_archives",
-         "gauge", "Rotated log files that are there."},
-        {"log", "rotations", [](const S& s) { return json(s.log.rotations); },
-         "skarn_log_rotations_total", "counter", "Rotations of the log since this program looks."},
-        {"log", "started", [](const S& s) { return orNull(s.log.started); }},
+        {"log", "archives", at<&S::log, &LogSnapshot::archives>, "skarn_log_archives", "gauge",
+         "Rotated log files that are there."},
+        {"log", "rotations", at<&S::log, &LogSnapshot::rotations>, "skarn_log_rotations_total",
+         "counter", "Rotations of the log since this program looks."},
+        {"log", "started", at<&S::log, &LogSnapshot::started>},
     };
     return figures;
 }
@@ -225,23 +237,21 @@ const std::vector<Figure<DetectorSnapshot>>& detectorFigures() {
     using D = DetectorSnapshot;
     static const std::vector<Figure<D>> figures = {
         {"", "id", [](const D& d) { return json(d.id); }},
-        {"", "address", [](const D& d) { return orNull(d.remoteIp); }},
-        {"", "share", [](const D& d) { return orNull(d.shareUrl); }},
-        {"", "target", [](const D& d) { return orNull(d.target); }},
+        {"", "address", at<&D::remoteIp>},
+        {"", "share", at<&D::shareUrl>},
+        {"", "target", at<&D::target>},
         {"", "state", [](const D& d) { return json(nameOf(d.state)); }, "skarn_detector_state",
          "state",
          "What the daemon does for a detector, or why it can do nothing: its last listing failed, "
          "or the present one gets no answer.",
          all(detectorStates)},
-        {"", "copy_processes", [](const D& d) { return json(d.copyProcesses); },
-         "skarn_copy_processes", "gauge", "Copy processes that run now."},
-        {"", "complaint", [](const D& d) { return orNull(d.complaint); }},
-        {"", "failing_since", [](const D& d) { return orNull(d.failingSince); },
-         "skarn_listing_failing_since_seconds", "gauge",
+        {"", "copy_processes", at<&D::copyProcesses>, "skarn_copy_processes", "gauge",
+         "Copy processes that run now."},
+        {"", "complaint", at<&D::complaint>},
+        {"", "failing_since", at<&D::failingSince>, "skarn_listing_failing_since_seconds", "gauge",
          "Since when all listings have failed, in seconds since 1970; absent if the last one did "
          "not."},
-        {"", "no_answer_seconds", [](const D& d) { return orNull(d.noAnswer); },
-         "skarn_no_answer_seconds", "gauge",
+        {"", "no_answer_seconds", at<&D::noAnswer>, "skarn_no_answer_seconds", "gauge",
          "For how long what runs has had no answer; absent if it has one."},
         {"counts", "files", figure<&CopyFigures::files>, "skarn_files_copied_total", "counter",
          "Files copied and confirmed. Without a label: counted in the log, which names no "
@@ -268,26 +278,24 @@ const std::vector<Figure<DetectorSnapshot>>& detectorFigures() {
          "skarn_listing_age_seconds", "gauge", "Seconds since the last listing ended."},
         {"", "last_file",
          [](const D& d) { return d.figures ? orNull(d.figures->lastFile) : json(nullptr); }},
-        {"cycle", "seconds", [](const D& d) { return orNull(d.cycleSeconds); },
-         "skarn_cycle_age_seconds", "gauge",
+        {"cycle", "seconds", at<&D::cycleSeconds>, "skarn_cycle_age_seconds", "gauge",
          "Seconds since the oldest copy process that runs was started; absent if none runs."},
-        {"cycle", "dealt", [](const D& d) { return orNull(d.dealt); }, "skarn_cycle_names", "gauge",
+        {"cycle", "dealt", at<&D::dealt>, "skarn_cycle_names", "gauge",
          "Names on the file lists of the cycle that runs."},
-        {"cycle", "finished", [](const D& d) { return orNull(d.finished); },
-         "skarn_cycle_names_confirmed", "gauge", "Of these, those that are confirmed."},
-        {"", "target_is_silent", [](const D& d) { return json(d.targetIsSilent); },
-         "skarn_target_silent", "gauge", "Whether the target's file system does not answer."},
-        {"", "free_bytes", [](const D& d) { return orNull(d.freeBytes); },
-         "skarn_target_free_bytes", "gauge",
+        {"cycle", "finished", at<&D::finished>, "skarn_cycle_names_confirmed", "gauge",
+         "Of these, those that are confirmed."},
+        {"", "target_is_silent", at<&D::targetIsSilent>, "skarn_target_silent", "gauge",
+         "Whether the target's file system does not answer."},
+        {"", "free_bytes", at<&D::freeBytes>, "skarn_target_free_bytes", "gauge",
          "Free space of the target's file system, as far as root may fill it."},
-        {"", "total_bytes", [](const D& d) { return orNull(d.totalBytes); },
-         "skarn_target_size_bytes", "gauge", "Size of the target's file system."},
-        {"", "free_inodes", [](const D& d) { return orNull(d.freeInodes); },
-         "skarn_target_free_inodes", "gauge", "Files that can still be made there."},
-        {"", "total_inodes", [](const D& d) { return orNull(d.totalInodes); },
-         "skarn_target_inodes", "gauge", "Files that it can hold."},
-        {"", "seconds_until_full", [](const D& d) { return orNull(d.secondsUntilFull); },
-         "skarn_target_until_full_seconds", "gauge",
+        {"", "total_bytes", at<&D::totalBytes>, "skarn_target_size_bytes", "gauge",
+         "Size of the target's file system."},
+        {"", "free_inodes", at<&D::freeInodes>, "skarn_target_free_inodes", "gauge",
+         "Files that can still be made there."},
+        {"", "total_inodes", at<&D::totalInodes>, "skarn_target_inodes", "gauge",
+         "Files that it can hold."},
+        {"", "seconds_until_full", at<&D::secondsUntilFull>, "skarn_target_until_full_seconds",
+         "gauge",
          "Seconds until the target's file system is full, at the rate of the last minutes; absent "
          "while it is not filling."},
     };

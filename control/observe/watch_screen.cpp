@@ -165,24 +165,20 @@ bool isUsable() {
         complain("the live view needs a terminal; --once or --json show the same without one");
         return false;
     }
-    const char* name = std::getenv("TERM");
-    if (name == nullptr || *name == '\0') {
-        complain("the variable TERM names no terminal; --once or --json show the same without it");
-        return false;
-    }
     // Asked before newterm(), which would leave some memory behind where it fails.
+    const char* const name = std::getenv("TERM");
     int found = 0;
-    if (setupterm(name, STDOUT_FILENO, &found) == ERR) {
-        complain("the terminal \"" + std::string(name) +
-                 "\" (variable TERM) is not known here; --once or --json show the same without it");
-        return false;
-    }
-    const char* const move = tigetstr("cup");
+    const bool isKnown =
+        name != nullptr && *name != '\0' && setupterm(name, STDOUT_FILENO, &found) != ERR;
+    const char* const move = isKnown ? tigetstr("cup") : nullptr;
     // -1 stands for a name that tigetstr() does not know.
     const bool canMove = move != nullptr && reinterpret_cast<std::intptr_t>(move) != -1;
-    del_curterm(cur_term);
+    if (isKnown) {
+        del_curterm(cur_term);
+    }
     if (!canMove) {
-        complain("no screen can be drawn on the terminal \"" + std::string(name) +
+        complain("no screen can be drawn on a terminal \"" +
+                 std::string(name == nullptr ? "" : name) +
                  "\" (variable TERM); --once or --json show the same without one");
         return false;
     }
