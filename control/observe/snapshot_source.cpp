@@ -89,7 +89,9 @@ std::set<std::string> arrived(const std::vector<std::string>& names,
     for (const std::string& name : names) {
         for (const std::string& target : targets) {
             struct stat status = {};
-            if (lstat((target + "/" + name).c_str(), &status) == 0) {
+            std::string path = target;
+            path.append("/").append(name);
+            if (lstat(path.c_str(), &status) == 0) {
                 found.insert(name);
             }
         }

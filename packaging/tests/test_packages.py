@@ -110,13 +110,18 @@ def start_consumer(machine: Machine) -> None:
     machine.succeed("systemctl start vantrel")
 
 
-def write_files(machine: Machine, folder: str, count: int, size: int) -> set[str]:
-    """Lets the detector write `count` files, each renamed into place when it is whole."""
+def write_into(machine: Machine, folder: str, count: int, size: int) -> None:
+    """Writes so many files there."""
     machine.succeed(
-        f"mkdir -p /ramdisk/{folder} && cd /ramdisk/{folder} && for i in $(seq {count}); do "
+        f"mkdir -p {folder} && cd {folder} && for i in $(seq {count}); do "
         f"head -c {size} /dev/zero >f$i.tmp && mv f$i.tmp f$i.dat; done",
         timeout=300,
     )
+
+
+def write_files(machine: Machine, folder: str, count: int, size: int) -> set[str]:
+    """Lets the detector write `count` files, each renamed into place when it is whole."""
+    write_into(machine, f"/ramdisk/{folder}", count, size)
     return {f"/data/detector1/./{folder}/f{i}.dat" for i in range(1, count + 1)}
 
 
@@ -302,7 +307,11 @@ def test_a_consumer_that_closes_the_pipe_costs_no_announcement(machine: Machine)
     machine.succeed("systemctl stop vantrel")
     # This one leaves in the middle of the records, and of a line, which the next one must not go on.
     machine.start("hasty", f"exec 3<{PIPE}; (head -c 2000 <&3; echo) >>/root/records; exec 3<&-")
-    names = write_files(machine, "run2", 2000, 100)
+    # All at once, in one cycle: it leaves while the daemon is writing. What is in the pipe when nobody
+    # has it open any more, the daemon neither, is lost with it.
+    write_into(machine, "/root/staged/run2", 2000, 100)
+    machine.succeed("mv /root/staged/run2 /ramdisk/run2")
+    names = {f"/data/detector1/./run2/f{i}.dat" for i in range(1, 2001)}
     wait_until(lambda: machine.run("systemctl is-active hasty").returncode != 0, "hasty left", 60)
     start_consumer(machine)
     wait_until(lambda: arrived(machine, names), "all files are announced", 120)
