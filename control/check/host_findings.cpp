@@ -471,11 +471,10 @@ void HostFinder::tellOfTargets(const std::vector<TargetLook>& targets) {
 std::vector<TargetLook> lookAtTargets(const Configuration& configuration) {
     const Clock::time_point end = Clock::now() + targetLimit;
     std::vector<Aside<TargetLook>> asides(std::min(configuration.detectors.size(), mostDetectors));
-    for (std::size_t i = 0; i < asides.size(); ++i) {
-        asides[i].begin(
-            [id = configuration.detectors[i].id, target = configuration.detectors[i].target] {
-                return lookAtTarget(id, target);
-            });
+    auto next = configuration.detectors.begin();
+    for (Aside<TargetLook>& aside : asides) {
+        aside.begin([id = next->id, target = next->target] { return lookAtTarget(id, target); });
+        ++next;
     }
     std::vector<TargetLook> looks(configuration.detectors.size());
     for (std::size_t i = 0; i < looks.size(); ++i) {
