@@ -110,18 +110,21 @@ def start_consumer(machine: Machine) -> None:
     machine.succeed("systemctl start vantrel")
 
 
-def write_into(machine: Machine, folder: str, count: int, size: int) -> None:
-    """Writes so many files there."""
+def write_files(
+    machine: Machine, folder: str, count: int, size: int, *, at_once: bool = False
+) -> set[str]:
+    """Lets the detector write `count` files, each renamed into place when it is whole.
+
+    With `at_once` it is the folder that is renamed into place, so that one listing has them all.
+    """
+    place = f"/ramdisk/{folder}"
+    written = f"/root/{folder}" if at_once else place
     machine.succeed(
-        f"mkdir -p {folder} && cd {folder} && for i in $(seq {count}); do "
-        f"head -c {size} /dev/zero >f$i.tmp && mv f$i.tmp f$i.dat; done",
+        f"mkdir -p {written} && cd {written} && for i in $(seq {count}); do "
+        f"head -c {size} /dev/zero >f$i.tmp && mv f$i.tmp f$i.dat; done; "
+        f"test {written} = {place} || mv {written} {place}",
         timeout=300,
     )
-
-
-def write_files(machine: Machine, folder: str, count: int, size: int) -> set[str]:
-    """Lets the detector write `count` files, each renamed into place when it is whole."""
-    write_into(machine, f"/ramdisk/{folder}", count, size)
     return {f"/data/detector1/./{folder}/f{i}.dat" for i in range(1, count + 1)}
 
 
@@ -308,15 +311,13 @@ def test_a_consumer_that_closes_the_pipe_costs_no_announcement(machine: Machine)
     assert not int(field[1], 16) & 1 << (signal.SIGPIPE - 1), field
     machine.succeed("systemctl stop vantrel")
     # This one leaves in the middle of the records, and of a line, which the next one must not go on.
+    # They are those of one cycle: what one that was over before had left in the pipe goes with it.
     machine.start("hasty", f"exec 3<{PIPE}; (head -c 2000 <&3; echo) >>/root/records; exec 3<&-")
-    # All at once, in one cycle: it leaves while the daemon is writing. What is in the pipe when nobody
-    # has it open any more, the daemon neither, is lost with it.
-    write_into(machine, "/root/staged/run2", 2000, 100)
-    machine.succeed("mv /root/staged/run2 /ramdisk/run2")
-    names = {f"/data/detector1/./run2/f{i}.dat" for i in range(1, 2001)}
+    names = write_files(machine, "run2", 3000, 100, at_once=True)
     wait_until(lambda: machine.run("systemctl is-active hasty").returncode != 0, "hasty left", 60)
     start_consumer(machine)
     wait_until(lambda: arrived(machine, names), "all files are announced", 120)
+    assert pid_of_daemon(machine) != before, "it was not met while it wrote"
 
 
 def test_a_killed_daemon_is_started_again(machine: Machine) -> None:

@@ -43,6 +43,7 @@ from support.rsync_server import RsyncServer
 from support.waiting import wait_until
 
 MINPAUSE = 30  # milliseconds, so that a run is short
+LOST = re.compile(r"^Error: Lost (.*)$", re.MULTILINE)
 LEAK_CHECK_FAILED = re.compile(
     r"^==\d+==(LeakSanitizer has encountered a fatal error\.|HINT: .*)\n", re.MULTILINE
 )
@@ -83,6 +84,16 @@ class Outcome:
     broken: tuple[str, ...] = ()
 
 
+def identified_lists() -> set[tuple[Path, int]]:
+    """The file lists that are there now, each with its inode: a list of an old name is another."""
+    lists = set()
+    for path in skarn.file_lists():
+        with suppress(FileNotFoundError):  # its daemon has removed it meanwhile
+            lists.add((path, path.lstat().st_ino))
+    return lists
+
+
+
 class Bed:
     """One installation for one run; see the module's description.
 
@@ -113,6 +124,7 @@ class Bed:
             **(settings or {}),
         }
         self._daemon_pids: list[int] = []
+        self._old_lists: set[tuple[Path, int]] = set()
         self._kill_times: list[float] = []
         self._end = threading.Event()
         self._watch: threading.Thread | None = None
@@ -144,6 +156,8 @@ class Bed:
         """Starts a daemon; there must be none."""
         if self._daemon_pids:
             self.note_kill()  # the last one died between what was noted before and now
+        # Those of a dead daemon stay, and after 32,768 processes its number comes again.
+        self._old_lists = identified_lists()
         # It never ends by itself, and where no process can be had the leak check fails on its own.
         started = self.daemon.start(leak_check=False)
         assert started.status == 0 and self.daemon.detached, started
@@ -250,7 +264,8 @@ class Bed:
         if not self.daemon.is_running():
             return False
         mine = f"{skarn.FILE_LISTS}{self.daemon.pid}_"
-        return any(path.name.startswith(mine) for path in skarn.file_lists())
+        new = identified_lists() - self._old_lists
+        return any(path.name.startswith(mine) for path, _ in new)
 
     @contextmanager
     def standing_still(self, timeout: float = 30) -> Iterator[bool]:
@@ -368,13 +383,23 @@ class Bed:
         begin = time.monotonic()
         done = begin
         while done - begin < limit:
-            if not self.left() and not any(each.ledger.unannounced() for each in self.stations):
-                break
+            if not self.left():
+                self._note_told_lost()
+                if not any(each.ledger.unannounced() for each in self.stations):
+                    break
             self._wait(0.05)
             done = time.monotonic()
         else:
             self.ledger.complain(f"not all was moved and announced; {self.describe()}")
         return done - begin
+
+    def _note_told_lost(self) -> None:
+        """Tells the ledgers of targets that a fault took away what the log has as lost."""
+        away = [each.ledger for each in self.stations if len(each.ledger.places) > 1]
+        if any(ledger.unannounced() for ledger in away):
+            lost = set(LOST.findall(self.daemon.archived_log()))
+            for ledger in away:
+                ledger.told_lost = lost
 
     def describe(self) -> str:
         """What is there and runs at this moment, for whoever asks why it stands still."""
@@ -467,7 +492,7 @@ class Bed:
         """Compares what the log says with what was produced, and looks for a sanitizer's words."""
         log = self.daemon.archived_log()
         names = {entry.name for each in self.stations for entry in each.ledger.entries()}
-        for name in re.findall(r"^Error: Lost (.*)$", log, re.MULTILINE):
+        for name in LOST.findall(log):
             if name not in names:
                 self.ledger.complain(f"the log says that {name!r} is lost, which never was")
         # What a sanitizer has to say of the copy program comes out where its errors go. That its

@@ -43,6 +43,7 @@ class Ledger:
         self.bytes = 0
         self.moved = 0  # files that have left the source
         self.something_died = False
+        self.told_lost: set[str] = set()  # names that the log has as sent and never confirmed
         self.made_up: set[str] = set()  # names that a fault itself announces; they don't count
         self._entries: dict[str, Entry] = {}
         self._present: dict[str, Entry] = {}
@@ -156,8 +157,9 @@ class Ledger:
     def unannounced(self) -> list[str]:
         """The names of the files that left the source, need a record and have none.
 
-        When something has died, a file that a fault has taken away from the target since needs
-        none: what a death left open is announced only if it is still there.
+        A file that a fault has taken away from the target needs none in two cases, for nothing is
+        announced that is not there: when something has died since, or when it was gone before the
+        copy program could look at it and the log has told so.
         """
         with self._lock:
             open_entries = [
@@ -166,10 +168,11 @@ class Ledger:
                 if entry.gone is not None
                 and not (entry.records or entry.excused or entry.withdrawn or entry.stays)
             ]
-        if self.something_died and len(self.places) > 1:
+        if len(self.places) > 1:
             for entry in open_entries:
-                found = self.find(entry.name)
-                entry.excused = found not in (None, self.places[0] / entry.name)
+                if self.something_died or entry.name in self.told_lost:
+                    found = self.find(entry.name)
+                    entry.excused = found not in (None, self.places[0] / entry.name)
         return [entry.name for entry in open_entries if not entry.excused]
 
     def is_open(self, names: Iterable[str]) -> bool:

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import os
 import re
 from pathlib import Path
 from random import Random
@@ -89,6 +90,22 @@ def test_what_a_fault_moved_the_target_to_counts_as_the_target() -> None:
     assert ledger.unannounced() == [] and ledger.entries()[0].excused
 
 
+def test_what_was_moved_away_before_the_look_has_to_be_told_as_lost() -> None:
+    ledger, source, target = produce()
+    ledger.places.append(Path("/srv/moved"))
+    target.write_bytes(b"whole")
+    source.unlink()
+    ledger.look()
+    # At its target it has to be announced, whatever the log says.
+    ledger.told_lost = {"a.raw"}
+    assert ledger.unannounced() == ["a.raw"]
+    TARGET.rename("/srv/moved")
+    ledger.told_lost = {"other.raw"}
+    assert ledger.unannounced() == ["a.raw"]
+    ledger.told_lost = {"a.raw"}
+    assert ledger.unannounced() == [] and ledger.entries()[0].excused
+
+
 def test_the_consumer_passes_records_on_and_notices_strange_ones() -> None:
     ledger, _, target = produce()
     target.write_bytes(b"whole")
@@ -137,6 +154,21 @@ def test_vanishing_files_are_none_that_have_to_stay(monkeypatch: pytest.MonkeyPa
     assert not (SHARE / "a.raw").exists()
     names_with_blanks.heal(bed)
     assert ledger.broken == []
+
+
+def test_lists_of_a_dead_daemon_with_the_same_number_keep_nobody_busy() -> None:
+    for number in range(os.getpid(), os.getpid() + 2000):
+        Path(f"/tmp/file_list_{number}_1_0").touch()
+    bed = Bed("any")
+    bed.install()
+    with bed:
+        bed.start_daemon()
+        mine = Path(f"/tmp/file_list_{bed.daemon.pid}_1_0")
+        assert mine.exists() and not bed.is_busy()
+        mine.unlink()
+        mine.touch()
+        assert bed.is_busy()
+        bed.daemon.end()
 
 
 def judged(bed: Bed, outcome: Outcome) -> list[str]:
