@@ -399,6 +399,19 @@ def test_it_ends_cleanly(number: int) -> None:
         assert (exporter.returncode, output, errors) == (0, "", "")
 
 
+@pytest.mark.parametrize("words", [["metrics", "--write", "/srv/figures"], ["watch", "--once"]])
+def test_it_can_be_ended_while_it_takes_its_first_look(words: list[str]) -> None:
+    write_configuration(None, [Detector("1")])
+    # Searched backwards for a banner, most of it.
+    with LOG_FILE.open("wb") as log:
+        log.truncate(400_000_000)
+    for tenths in range(5):
+        with subprocess.Popen([SKARNCTL, *words], stdout=subprocess.DEVNULL) as run:
+            time.sleep(tenths / 10)
+            run.terminate()
+            assert run.wait(2) in (0, -signal.SIGTERM)
+
+
 def test_only_the_metrics_are_served() -> None:
     with serving():
         with pytest.raises(urllib.error.HTTPError) as refused:

@@ -158,7 +158,8 @@ def test_losses_and_complaints_are_shown_without_steering_the_terminal() -> None
             )
             scripted.add_listing(["gone", "kept"], detector)
             daemon.wait_for_log("RSYNC OUTPUT END")
-            screen = terminal.wait_for(r"^KEEPING UP, BUT: \d files? w")
+            terminal.wait_for(r"^KEEPING UP, BUT: \d files? w")
+            screen = terminal.wait_for("^Last complaint")  # which is drawn after all the rest
             text = "\n".join(screen)
             assert "rsync: \\033[31mred\\033[0m" in text and "\\233" in text, text
             assert "kept\\033]0;t\\007\\033[2J" in text, text
