@@ -14,8 +14,6 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <memory>
 #include <optional>
 #include <string>
@@ -34,6 +32,9 @@ constexpr std::chrono::seconds betweenLooks(1);
 
 /// A file of figures that has not changed for so many looks says nothing of now.
 constexpr int oldestLook = 10;
+
+/// More bytes of figures than any configuration makes.
+constexpr std::size_t mostFigures = 64UL * 1024 * 1024;
 
 struct MetricsOptions {
     std::string listen;
@@ -96,12 +97,10 @@ public:
     explicit WrittenFigures(std::string file) : path(std::move(file)) {}
 
     std::optional<std::string> look() {
-        std::ifstream file(path, std::ios::binary);
-        std::string text{std::istreambuf_iterator<char>(file), {}};
         const std::optional<double> changed = modificationTime(path);
         unchanged = changed == lastChange ? unchanged + 1 : 0;
         lastChange = changed;
-        return text.empty() || unchanged > oldestLook ? std::nullopt : std::optional(text);
+        return unchanged > oldestLook ? std::nullopt : readFile(path, mostFigures).text;
     }
 
 private:

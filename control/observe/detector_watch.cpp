@@ -4,7 +4,6 @@
 
 #include "control/observe/log_model.h"
 #include "shares/share_figures.h"
-#include "utilities/descriptors.h"
 #include "utilities/text.h"
 
 #include <algorithm>
@@ -14,7 +13,6 @@
 #include <utility>
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace control {
@@ -169,16 +167,16 @@ void addCopies(const ShareFigures& copies, const Snapshot& snapshot, DetectorSna
 }
 
 std::uint64_t countNames(const std::string& path) {
-    const Descriptor file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    struct stat status = {};
+    const OpenedFile file = openRegularFile(path, O_NOFOLLOW);
+    const uid_t owner = file.status.st_uid;
+    // Anybody may have made a file of such a name below /tmp.
+    if (!file.descriptor || (owner != 0 && owner != geteuid())) {
+        return 0;
+    }
     std::array<char, 65536> block{};
     std::uint64_t names = 0;
     ssize_t got = 0;
-    // Anybody may have made a file of such a name below /tmp.
-    if (fstat(file.get(), &status) != 0 || (status.st_uid != 0 && status.st_uid != geteuid())) {
-        return 0;
-    }
-    while ((got = read(file.get(), block.data(), block.size())) > 0) {
+    while ((got = read(file.descriptor.get(), block.data(), block.size())) > 0) {
         names += static_cast<std::uint64_t>(std::count(block.data(), block.data() + got, '\n'));
     }
     return names;
@@ -349,15 +347,11 @@ void DetectorWatch::addProgress(const std::string& root, const std::string& list
 }
 
 void DetectorWatch::readErrorFile(const std::string& root, Snapshot& snapshot) {
-    const std::string path = root + "/tmp/skarn_error.log";
-    const Descriptor file(open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
-    struct stat status = {};
-    std::string text(longestErrorFile, '\0');
-    if (fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
+    const FileText file = readFile(root + "/tmp/skarn_error.log", longestErrorFile, 0, O_NOFOLLOW);
+    if (!file.text) {
         return;
     }
-    const ssize_t got = read(file.get(), text.data(), text.size());
-    text.resize(got > 0 ? static_cast<std::size_t>(got) : 0);
+    const std::string& text = *file.text;
     if (!text.empty()) {
         std::string whose;
         for (const DetectorSnapshot& detector : snapshot.detectors) {
