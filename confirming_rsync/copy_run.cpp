@@ -463,7 +463,7 @@ void CopyRun::attend(Child& child, const Sinks& sinks) {
 
 /// Says so in the report, too.
 bool CopyRun::hasComeToAStandstill(Standstill& standstill) {
-    // So many files that could not be created, and no fewer, can bring stock rsync there.
+    // So many files that could not be created or put in place, and no fewer, stop stock rsync.
     constexpr std::size_t failuresToWaitFor = 10;
     const bool failing = filter_.receiverFailures() >= failuresToWaitFor;
     const auto limit = failing ? limits_.standstillAfterFailures : limits_.standstill;

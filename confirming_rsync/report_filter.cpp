@@ -18,6 +18,17 @@ bool beginsWith(std::string_view text, std::string_view beginning) {
     return text.substr(0, beginning.size()) == beginning;
 }
 
+/// True if rsync complains of this call at the target. Versions before 3.2 don't say which side it
+/// was.
+bool isOfReceiver(std::string_view line, std::string_view call) {
+    for (const std::string_view beginning : {"rsync: [receiver] ", "rsync: "}) {
+        if (beginsWith(line, beginning) && beginsWith(line.substr(beginning.size()), call)) {
+            return true;
+        }
+    }
+    return false;
+}
+
 /// The line's first word, as a reader sees it that splits at white space and stops at a NUL byte.
 std::string_view firstWord(std::string_view line) {
     const std::size_t begin = line.find_first_not_of(blanks);
@@ -187,6 +198,7 @@ void ReportFilter::handleRemoved(const std::string& name, std::string_view line)
 ///   file has vanished: "/NAME" (in MODULE)
 ///   ERROR: NAME failed verification -- update discarded.
 ///   rsync: [receiver] mkstemp "PATH" failed: Read-only file system (30)
+///   rsync: [receiver] rename "PATH" -> "NAME": No such file or directory (2)
 /// False if the complaint is none to be told.
 bool ReportFilter::rememberComplaint(std::string_view line) {
     constexpr std::string_view error = "ERROR: ";
@@ -197,10 +209,12 @@ bool ReportFilter::rememberComplaint(std::string_view line) {
             mark(line.substr(error.size(), end - error.size()), &File::isDiscarded);
         }
     }
-    // Versions before 3.2 don't say which side complains.
-    if (beginsWith(line, "rsync: [receiver] mkstemp ") || beginsWith(line, "rsync: mkstemp ")) {
+    if (isOfReceiver(line, "mkstemp ")) {
         ++receiverFailures_;
         return pass_ != Pass::remove;
+    }
+    if (isOfReceiver(line, "rename ")) {
+        ++receiverFailures_;
     }
     const std::size_t begin = line.find('"');
     const std::size_t end = line.rfind("\" (in ");

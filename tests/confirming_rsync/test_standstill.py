@@ -83,6 +83,19 @@ def test_one_that_waits_for_the_reader_is_let_be() -> None:
     assert ENDED not in result.lines
 
 
+@pytest.mark.parametrize(("created", "renamed"), [(10, 0), (9, 1), (0, 10)])
+def test_ten_files_that_could_not_be_put_in_place_leave_little_to_wait_for(
+    created: int, renamed: int
+) -> None:
+    """A target that goes away fails the file that is being renamed, and then the next ones."""
+    complaints = [f'rsync: [receiver] mkstemp "/x/.{i}.R4" failed: (2)' for i in range(created)]
+    complaints += [f'rsync: [receiver] rename "/x/.{i}.R4" -> "{i}": (2)' for i in range(renamed)]
+    names("a")
+    script_rsync("\n".join([f"err({line!r} + '\\n')" for line in complaints] + ["time.sleep(100)"]))
+    result = run(scripted_binary())
+    assert ENDED.replace(f"{LIMIT} seconds", "2 seconds") in result.lines
+
+
 @pytest.mark.parametrize("size", [20, 200_000])
 def test_files_that_cannot_be_created_do_not_hold_the_rest_for_ever(size: int) -> None:
     """Stock rsync then waits for ever, once some of them are under way."""

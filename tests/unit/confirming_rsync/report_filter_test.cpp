@@ -332,7 +332,7 @@ TEST(ReportFilter, ConfirmsNothingThatWasNotToBeCopied) {
     EXPECT_FALSE(filter.wasSent("b"));
 }
 
-TEST(ReportFilter, CountsTheFilesThatCouldNotBeCreated) {
+TEST(ReportFilter, CountsTheFilesThatCouldNotBeCreatedOrPutInPlace) {
     const std::string complaints =
         "rsync: [receiver] mkstemp \"/x/.a.R4\" failed: Read-only file system (30)\n"
         "rsync: mkstemp \"/x/.a.R4\" failed: Permission denied (13)\n"
@@ -342,6 +342,11 @@ TEST(ReportFilter, CountsTheFilesThatCouldNotBeCreated) {
     EXPECT_EQ(filter.takeReport(), complaints);
     filter.takeOutput("rsync: [receiver] mkstemp \"/x\"\n");
     EXPECT_EQ(filter.receiverFailures(), 2U);
+    // Of one file: the first line is no failure yet.
+    filter.takeErrorOutput("rsync: [receiver] stat \"/x/.a.R4\" failed: No such file (2)\n"
+                           "rsync: [receiver] rename \"/x/.a.R4\" -> \"a\": No such file (2)\n"
+                           "rsync: rename \"/x/.b.R4\" -> \"b\": No such file (2)\n");
+    EXPECT_EQ(filter.receiverFailures(), 4U);
     filter.beginPass(Pass::copy);
     EXPECT_EQ(filter.receiverFailures(), 0U);
 }
