@@ -6,10 +6,10 @@
 #include <algorithm>
 #include <cctype>
 #include <climits>
+#include <cmath>
 #include <cstdlib>
 #include <filesystem>
 #include <map>
-#include <regex>
 #include <set>
 #include <utility>
 
@@ -74,23 +74,26 @@ std::string meantKey(std::string_view word) {
 
 /// The number of bytes that a size says to a human being; nothing if it is none.
 std::optional<double> meantSize(const std::string& written) {
-    static const std::regex form("([+-]?) *([0-9]+) *([KMG]?)(I?B)?", std::regex::icase);
-    std::smatch parts;
-    constexpr std::size_t longest = 100;
-    if (written.size() > longest || !std::regex_match(written, parts, form)) {
+    // Such as "+ 20 MiB".
+    const std::size_t begin = written.find_first_of("0123456789");
+    const std::size_t end = written.find_first_not_of("0123456789", begin);
+    if (begin == std::string::npos) {
         return std::nullopt;
     }
-    const std::size_t power = lowerCase(" " + parts[3].str()).find_first_of("kmg");
-    double size = std::strtod((parts[1].str() + parts[2].str()).c_str(), nullptr);
-    if (power != std::string::npos) {
-        for (char each : std::string("kmg")) {
-            size *= 1024;
-            if (each == lowerCase(parts[3].str()).front()) {
-                break;
-            }
-        }
+    const std::string sign = written.substr(0, begin);
+    const std::string number = written.substr(begin, end - begin);
+    std::string unit = end == std::string::npos ? "" : lowerCase(written.substr(end));
+    unit.erase(0, unit.find_first_not_of(' '));
+    const std::set<std::string> ends = {"", "b", "ib"};
+    const std::size_t power = unit.empty() ? std::string::npos : std::string("kmg").find(unit[0]);
+    const bool hasPower = power != std::string::npos;
+    if (sign.find_first_not_of(' ', sign.find_first_of("+-") == 0 ? 1 : 0) != std::string::npos ||
+        ends.count(hasPower ? unit.substr(1) : unit) == 0) {
+        return std::nullopt;
     }
-    return size;
+    const double size = std::strtod(number.c_str(), nullptr);
+    const double factor = hasPower ? std::pow(1024.0, static_cast<double>(power + 1)) : 1;
+    return (sign.substr(0, 1) == "-" ? -size : size) * factor;
 }
 
 /// An IPv6 address in the form that a URL takes. The shell finds no file by this pattern, and so

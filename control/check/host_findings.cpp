@@ -171,6 +171,47 @@ TargetLook lookAtTarget(const std::string& id, const std::string& target) {
     return look;
 }
 
+/// What there is to say of the log at this absolute path; runs on a thread of its own.
+Findings lookAtLog(const std::string& log) {
+    Findings findings;
+    const auto tellOf = [&](Severity severity, const std::string& text) {
+        findings.push_back(hostFinding(severity, "log", log, text,
+                                       "let it be a file that root can write, in a folder of "
+                                       "root's"));
+    };
+    struct stat status = {};
+    const bool exists = stat(log.c_str(), &status) == 0;
+    if (exists && !S_ISREG(status.st_mode)) {
+        tellOf(Severity::fatal, "the log " + inQuotes(log) + " is " +
+                                    (S_ISDIR(status.st_mode) ? "a directory" : "no regular file"));
+        return findings;
+    }
+    // A link to a file that does not exist yet leads to where it will be.
+    std::error_code failure;
+    const fs::path place = fs::weakly_canonical(log, failure);
+    const std::string folder = (failure ? fs::path(log) : place).parent_path().string();
+    const std::string ofFolder = "the folder of the log, " + inQuotes(folder) + ", ";
+    struct stat folderStatus = {};
+    if (stat(folder.c_str(), &folderStatus) != 0 || !S_ISDIR(folderStatus.st_mode)) {
+        tellOf(Severity::fatal, ofFolder + "does not exist: the daemon does not start");
+        return findings;
+    }
+    const int rotation = refusal(folder, W_OK | X_OK);
+    if (const int reason = exists ? refusal(log, W_OK) : rotation) {
+        tellOf(Severity::fatal, "the log " + inQuotes(log) + " can't be written (" +
+                                    std::strerror(reason) + "): the daemon does not start");
+    } else if (rotation != 0) {
+        tellOf(Severity::warning, ofFolder + "can't be written (" + std::strerror(rotation) +
+                                      "): the log is never rotated");
+    }
+    if ((folderStatus.st_mode & S_IWOTH) != 0) {
+        tellOf(Severity::warning,
+               ofFolder + "may be written by everyone: who puts a link there has the daemon write "
+                          "to, and change the mode of, another file");
+    }
+    return findings;
+}
+
 /// Gathers findings for findOnHost.
 class HostFinder {
 public:
@@ -183,7 +224,7 @@ public:
                  "run it as root for the rest");
         }
         lookAtConfigurationFile(file);
-        lookAtLog();
+        askOfLog();
         lookAtPasswordFile();
         lookAtCopyProgram();
         lookAtPipe();
@@ -200,7 +241,7 @@ private:
     }
 
     void lookAtConfigurationFile(const std::string& file);
-    void lookAtLog();
+    void askOfLog();
     void lookAtPasswordFile();
     void lookAtCopyProgram();
     void lookAtPipe();
@@ -231,44 +272,18 @@ void HostFinder::lookAtConfigurationFile(const std::string& file) {
     }
 }
 
-void HostFinder::lookAtLog() {
+void HostFinder::askOfLog() {
     const std::string& log = configuration.logFileName;
     if (log == "/dev/null" || log.empty() || log.front() != '/') {
         return; // told of where it is configured
     }
-    const auto tellOf = [&](Severity severity, const std::string& text) {
-        tell(severity, "log", log, text,
-             "let it be a file that root can write, in a folder of root's");
-    };
-    struct stat status = {};
-    const bool exists = stat(log.c_str(), &status) == 0;
-    if (exists && !S_ISREG(status.st_mode)) {
-        tellOf(Severity::fatal, "the log " + inQuotes(log) + " is " +
-                                    (S_ISDIR(status.st_mode) ? "a directory" : "no regular file"));
-        return;
-    }
-    // A link to a file that does not exist yet leads to where it will be.
-    std::error_code failure;
-    const fs::path place = fs::weakly_canonical(log, failure);
-    const std::string folder = (failure ? fs::path(log) : place).parent_path().string();
-    const std::string ofFolder = "the folder of the log, " + inQuotes(folder) + ", ";
-    struct stat folderStatus = {};
-    if (stat(folder.c_str(), &folderStatus) != 0 || !S_ISDIR(folderStatus.st_mode)) {
-        tellOf(Severity::fatal, ofFolder + "does not exist: the daemon does not start");
-        return;
-    }
-    const int rotation = refusal(folder, W_OK | X_OK);
-    if (const int reason = exists ? refusal(log, W_OK) : rotation) {
-        tellOf(Severity::fatal, "the log " + inQuotes(log) + " can't be written (" +
-                                    std::strerror(reason) + "): the daemon does not start");
-    } else if (rotation != 0) {
-        tellOf(Severity::warning, ofFolder + "can't be written (" + std::strerror(rotation) +
-                                      "): the log is never rotated");
-    }
-    if ((folderStatus.st_mode & S_IWOTH) != 0) {
-        tellOf(Severity::warning,
-               ofFolder + "may be written by everyone: who puts a link there has the daemon write "
-                          "to, and change the mode of, another file");
+    const auto found = Aside<Findings>().ask([log] { return lookAtLog(log); }, targetLimit);
+    if (found) {
+        findings.insert(findings.end(), found->begin(), found->end());
+    } else {
+        tell(Severity::fatal, "log", log,
+             "the log " + inQuotes(log) + " does not answer: the daemon does not start",
+             "look at its file system, and at the server that it is of");
     }
 }
 

@@ -160,16 +160,16 @@ int run(const CommonOptions& common, const LogOptions& options) {
         complain(loaded.problem);
         return failed;
     }
-    LogFollower follower("/" + loaded.configuration->logFileName,
-                         loaded.configuration->logFileMaxNumber, {});
-    ReadableLog log(options.view);
+    const auto log = std::make_shared<ReadableLog>(options.view);
+    LogAside reader(loaded.configuration->logFileName, loaded.configuration->logFileMaxNumber, {},
+                    log);
     do {
-        follower.poll(log);
-        if (!follower.problem().empty() && !options.follow) {
-            complain(follower.problem());
+        const bool isRead = reader.poll();
+        if (!reader.problem().empty() && !options.follow) {
+            complain(reader.problem());
             return failed;
         }
-        if (const std::optional<int> end = print(log.take())) {
+        if (const std::optional<int> end = print(isRead ? log->take() : "")) {
             return *end;
         }
         if (options.follow) {

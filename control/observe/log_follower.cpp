@@ -38,6 +38,9 @@ constexpr int missingInARow = 8;
 /// pause: a quarter of a second in all.
 constexpr int patience = 8;
 
+/// So long a file system may take for one piece.
+constexpr std::chrono::seconds patienceForPiece(2);
+
 /// More than any daemon can rotate through between two looks, or keep.
 constexpr int mostSteps = 1000000;
 
@@ -62,8 +65,7 @@ void waitALittle(int attempt) {
     nanosleep(&pause, nullptr);
 }
 
-} // namespace
-
+/// How many rotated files there are.
 int countArchives(const std::string& path, int highestArchive) {
     int count = 0;
     int missing = 0;
@@ -76,6 +78,8 @@ int countArchives(const std::string& path, int highestArchive) {
     return count;
 }
 
+} // namespace
+
 LogFollower::LogFollower(std::string logPath, int highestArchive, BannerTest test)
     : path(std::move(logPath)), highest(std::max(highestArchive, 0)), mayBeBanner(std::move(test)) {
 }
@@ -85,9 +89,17 @@ std::string LogFollower::archive(int number) const {
 }
 
 void LogFollower::poll(LogSink& sink) {
-    if (file.get() < 0 && !begin()) {
-        return;
+    if (file.get() >= 0 || begin()) {
+        readAll(sink);
     }
+    archiveCount = countArchives(path, highest);
+    struct stat status = {};
+    const bool isThere = stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode);
+    fileSize = isThere ? static_cast<std::uint64_t>(status.st_size) : 0;
+}
+
+/// Hands on what came, through as many rotations as there were.
+void LogFollower::readAll(LogSink& sink) {
     heedRewriting(sink);
     int attempt = 0;
     for (int steps = 0; steps < mostSteps && attempt <= patience; ++steps) {
@@ -173,6 +185,7 @@ bool LogFollower::searchBanner(const Descriptor& opened, std::uint64_t& position
     while (end > 0 && budget > 0) {
         const std::uint64_t begin = end - std::min(end, searchPiece);
         const std::string text = textAt(opened, begin, end - begin + overlap);
+        ++pieces;
         std::size_t found = text.rfind(mark, end - begin);
         while (found != std::string::npos) {
             const std::size_t date = text.find("\n++ on ", found + mark.size());
@@ -223,6 +236,7 @@ void LogFollower::readNew(LogSink& sink) {
             return;
         }
         offset += static_cast<std::uint64_t>(got);
+        ++pieces;
         takePiece({buffer.data(), static_cast<std::size_t>(got)}, sink);
     }
 }
@@ -318,6 +332,32 @@ void LogFollower::moveTo(Descriptor opened, const FileId& id, LogSink& sink) {
     current = id;
     offset = 0;
     ++rotationCount;
+}
+
+LogAside::LogAside(const std::string& configured, int highestArchive, BannerTest test,
+                   std::shared_ptr<LogSink> sink)
+    : path(configured.substr(0, 1) == "/" ? configured : "/" + configured),
+      reading(new Reading{{path, highestArchive, std::move(test)}, std::move(sink)}) {
+}
+
+bool LogAside::poll() {
+    const bool isNew = aside.begin([reading = reading] {
+        reading->follower.poll(*reading->sink);
+        return true;
+    });
+    const auto patience = isNew ? patienceForPiece : std::chrono::seconds(0);
+    isSilent = true;
+    for (bool goesOn = true; goesOn && isSilent;) {
+        const std::uint64_t before = reading->follower.progress();
+        isSilent = !aside.answerBy(Aside<bool>::Clock::now() + patience);
+        goesOn = reading->follower.progress() != before;
+    }
+    return !isSilent;
+}
+
+std::string LogAside::problem() const {
+    return isSilent ? "the log " + path + " can't be read: its file system does not answer"
+                    : reading->follower.problem();
 }
 
 } // namespace control

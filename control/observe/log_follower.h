@@ -1,11 +1,14 @@
 // Reads the daemon's log as it grows, through its rotations.
 #pragma once
 
+#include "control/aside.h"
 #include "control/process.h"
 #include "utilities/descriptors.h"
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -49,6 +52,13 @@ public:
     /// Rotations seen since the first poll.
     std::uint64_t rotations() const { return rotationCount; }
 
+    /// Rotated files that were there at the last poll, and the bytes of the file that was not.
+    int archives() const { return archiveCount; }
+    std::uint64_t bytes() const { return fileSize; }
+
+    /// Grows as long as poll() gets what it asks for. For any thread.
+    std::uint64_t progress() const { return pieces; }
+
 private:
     enum class Step { caughtUp, moved, again };
 
@@ -58,6 +68,7 @@ private:
     bool searchBanner(const Descriptor& opened, std::uint64_t& position, std::uint64_t& budget);
     bool openFile(const std::string& name, Descriptor& opened, FileId& id);
     int numberOf(const FileId& id) const;
+    void readAll(LogSink& sink);
     void readNew(LogSink& sink);
     void takePiece(std::string_view piece, LogSink& sink);
     void heedRewriting(LogSink& sink);
@@ -76,9 +87,40 @@ private:
     std::string unfinished; // the beginning of a line whose end is not there yet
     std::string buffer;
     std::uint64_t rotationCount = 0;
+    int archiveCount = 0;
+    std::uint64_t fileSize = 0;
+    std::atomic<std::uint64_t> pieces{0};
 };
 
-/// How many rotated files there are.
-int countArchives(const std::string& path, int highestArchive);
+/// A log that is followed on a thread aside, since its file system may never answer.
+class LogAside {
+public:
+    /// As of a LogFollower, but for `configured`: the daemon takes it from "/". What is read goes
+    /// to `sink`.
+    LogAside(const std::string& configured, int highestArchive, BannerTest test,
+             std::shared_ptr<LogSink> sink);
+
+    /// Hands on what came since the last call, however long that is. False if for two seconds
+    /// nothing can be read; and from then on at once, until it could. Only after a true one may the
+    /// sink be used, and follower().
+    bool poll();
+
+    /// One sentence that says why the log can't be read; empty when it can.
+    std::string problem() const;
+
+    const std::string& absolutePath() const { return path; }
+    const LogFollower& follower() const { return reading->follower; }
+
+private:
+    struct Reading {
+        LogFollower follower;
+        std::shared_ptr<LogSink> sink;
+    };
+
+    std::string path;
+    std::shared_ptr<Reading> reading; // the thread's own, too
+    Aside<bool> aside;
+    bool isSilent = false;
+};
 
 } // namespace control

@@ -61,11 +61,6 @@ std::optional<FileVersion> versionOf(const std::string& path) {
                        status.st_mtim.tv_nsec};
 }
 
-/// The daemon's working directory is "/".
-std::string absolute(const std::string& path) {
-    return path.empty() || path.front() != '/' ? "/" + path : path;
-}
-
 /// Whether the running daemon can have written a banner with this date. Looks anew, since a banner
 /// that just came is that of a daemon that just started.
 bool isDaemonsDate(const std::string& daemonPath, std::string_view date) {
@@ -126,7 +121,7 @@ Snapshot SnapshotSource::look() {
     lookAtDaemon(snapshot);
     lookAtConfiguration(snapshot);
     lookAtEvents(snapshot);
-    readLog(snapshot);
+    lookAtLog(snapshot);
     if (configuration) {
         detectors.look(configuration->detectors, snapshot.isServed() ? &processes.daemon : nullptr,
                        snapshot);
@@ -212,49 +207,59 @@ void SnapshotSource::lookAtEvents(Snapshot& snapshot) {
     snapshot.deaths = deathsIn(events, snapshot.time);
 }
 
-void SnapshotSource::readLog(Snapshot& snapshot) {
-    LogSnapshot& shown = snapshot.log;
+void SnapshotSource::lookAtLog(Snapshot& snapshot) {
     if (!configuration) {
-        shown.problem = "without a configuration it is not known where the log is";
+        snapshot.log.problem = "without a configuration it is not known where the log is";
         return;
     }
-    shown.path = absolute(configuration->logFileName);
-    shown.limit = configuration->logFileMaxSize;
-    if (!log || shown.path != logPath || configuration->logFileMaxNumber != logNumber) {
-        logPath = shown.path;
-        logNumber = configuration->logFileMaxNumber;
-        log.emplace(logPath, logNumber, [daemonPath = options.daemonPath](std::string_view date) {
+    const auto source = std::tuple(configuration->logFileName, configuration->logFileMaxNumber);
+    if (!log || source != logSource) {
+        const auto isBanner = [daemonPath = options.daemonPath](std::string_view date) {
             return isDaemonsDate(daemonPath, date);
-        });
+        };
+        logSource = source;
+        model = std::make_shared<LogModel>(isBanner);
+        log.emplace(configuration->logFileName, configuration->logFileMaxNumber, isBanner, model);
+        lastLog = {};
+        lastLog.shown.path = log->absolutePath();
     }
-    log->follower.poll(log->model);
+    isLogRead = log->poll();
+    if (isLogRead) {
+        noteLog();
+    } else {
+        lastLog.shown.coverage = LogCoverage::none;
+    }
+    lastLog.shown.problem = log->problem();
+    snapshot.log = lastLog.shown;
+    snapshot.log.limit = configuration->logFileMaxSize;
+    snapshot.counts = lastLog.counts;
+    snapshot.lastComplaint = lastLog.lastComplaint;
+}
 
-    const LogModel& model = log->model;
-    shown.problem = log->follower.problem();
-    shown.started = model.started();
-    shown.rotations = log->follower.rotations();
-    shown.archives = countArchives(logPath, logNumber);
-    struct stat status = {};
-    const bool isThere = stat(logPath.c_str(), &status) == 0 && S_ISREG(status.st_mode);
-    if (isThere) {
-        shown.bytes = static_cast<std::uint64_t>(status.st_size);
-    }
-    if (!shown.problem.empty()) {
+void SnapshotSource::noteLog() {
+    LogSnapshot& shown = lastLog.shown;
+    shown.started = model->started();
+    shown.rotations = log->follower().rotations();
+    shown.archives = log->follower().archives();
+    shown.bytes = log->follower().bytes();
+    if (!log->problem().empty()) {
         shown.coverage = LogCoverage::none;
-    } else if (model.hasGap()) {
+    } else if (model->hasGap()) {
         shown.coverage = LogCoverage::withGap;
     } else {
-        shown.coverage = model.starts() > 0 ? LogCoverage::sinceStart : LogCoverage::sinceWatch;
+        shown.coverage = model->starts() > 0 ? LogCoverage::sinceStart : LogCoverage::sinceWatch;
     }
-    snapshot.counts = model.counts();
-    snapshot.lastComplaint = model.lastComplaint();
+    lastLog.counts = model->counts();
+    lastLog.lastFile = model->lastFile();
+    lastLog.lastComplaint = model->lastComplaint();
+    lastLog.starts = model->starts();
 }
 
 /// The copy program's figures count each file as it is announced, the log when its copy process has
 /// ended.
 void SnapshotSource::sumUp(Snapshot& snapshot) {
     snapshot.files = snapshot.counts.files;
-    snapshot.lastFile = log ? log->model.lastFile() : "";
+    snapshot.lastFile = lastLog.lastFile;
     if (!snapshot.hasFigures) {
         if (snapshot.log.coverage == LogCoverage::sinceStart) {
             snapshot.filesSince = snapshot.upSince;
@@ -279,12 +284,8 @@ void SnapshotSource::sumUp(Snapshot& snapshot) {
 }
 
 void SnapshotSource::lookForLost(Snapshot& snapshot) {
-    if (!log || log->model.lostNames().empty()) {
-        return;
-    }
-    if (now >= lostDue) {
-        std::vector<std::string> names(log->model.lostNames().begin(),
-                                       log->model.lostNames().end());
+    if (isLogRead && !model->lostNames().empty() && now >= lostDue) {
+        std::vector<std::string> names(model->lostNames().begin(), model->lostNames().end());
         names.resize(std::min(names.size(), mostLost));
         std::vector<std::string> targets;
         for (const DetectorSnapshot& detector : snapshot.detectors) {
@@ -293,11 +294,14 @@ void SnapshotSource::lookForLost(Snapshot& snapshot) {
         const auto found = lost.ask([names, targets] { return arrived(names, targets); },
                                     std::chrono::milliseconds(100));
         for (const std::string& name : found.value_or(std::set<std::string>())) {
-            log->model.forgetLost(name);
+            model->forgetLost(name);
         }
         lostDue = now + lostPause;
     }
-    snapshot.missing = log->model.lostNames().size();
+    if (isLogRead) {
+        lastLog.missing = model->lostNames().size();
+    }
+    snapshot.missing = lastLog.missing;
 }
 
 void SnapshotSource::lookAtSpace(Snapshot& snapshot) {
@@ -330,7 +334,7 @@ void SnapshotSource::lookAtSpace(Snapshot& snapshot) {
 }
 
 void SnapshotSource::addRates(Snapshot& snapshot) {
-    const std::uint64_t epoch = snapshot.hasFigures || !log ? 0 : log->model.starts();
+    const std::uint64_t epoch = snapshot.hasFigures ? 0 : lastLog.starts;
     files.add(now, counted.take(snapshot.files, epoch));
     snapshot.rates.lastSeconds = files.slope(shortWhile, shortestForRate);
     snapshot.rates.lastMinutes = files.slope(secondsKept, shortestForRate);

@@ -13,6 +13,7 @@
 
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <optional>
 #include <set>
 #include <string>
@@ -65,13 +66,14 @@ private:
         double took = 0; // seconds of the processor
     };
 
-    /// One log with what was read in it.
-    struct WatchedLog {
-        WatchedLog(const std::string& path, int highestArchive, const BannerTest& isBanner)
-            : model(isBanner), follower(path, highestArchive, isBanner) {}
-
-        LogModel model;
-        LogFollower follower;
+    /// What was known when the log could be read last.
+    struct LogLook {
+        LogSnapshot shown;
+        Counts counts;
+        std::string lastFile;
+        std::string lastComplaint;
+        std::uint64_t starts = 0;
+        std::size_t missing = 0;
     };
 
     /// Rates and the filling of targets go by so many seconds.
@@ -80,7 +82,8 @@ private:
     void lookAtDaemon(Snapshot& snapshot);
     void lookAtConfiguration(Snapshot& snapshot);
     void lookAtEvents(Snapshot& snapshot);
-    void readLog(Snapshot& snapshot);
+    void lookAtLog(Snapshot& snapshot);
+    void noteLog();
     void sumUp(Snapshot& snapshot);
     void lookForLost(Snapshot& snapshot);
     void lookAtSpace(Snapshot& snapshot);
@@ -103,9 +106,11 @@ private:
     std::optional<FileVersion> eventsVersion;
     std::vector<Event> events;
 
-    std::optional<WatchedLog> log;
-    std::string logPath;
-    int logNumber = 0;
+    std::optional<LogAside> log;
+    std::shared_ptr<LogModel> model; // of what was read in it
+    bool isLogRead = false;          // at this look: else `model` is not to be touched
+    LogLook lastLog;
+    std::tuple<std::string, int> logSource; // as configured: path, number of archives
 
     DetectorWatch detectors;
     RecentChanges changes;

@@ -1,4 +1,5 @@
 // skarnctl unannounced: files that were copied and that the consumer may not know of.
+#include "control/aside.h"
 #include "control/command.h"
 #include "control/configuration.h"
 #include "control/display_text.h"
@@ -40,6 +41,9 @@ using confirming::Destination;
 /// So long the consumer may take to make room in the pipe, in milliseconds.
 constexpr int patience = 10000;
 
+/// So long a target may take to tell of one file.
+constexpr std::chrono::seconds patienceForTarget(2);
+
 /// What was announced here because the log named it: the log goes on naming it.
 constexpr const char* announcedBefore = "/var/log/skarn/announced";
 
@@ -66,7 +70,41 @@ struct Candidate {
     Journal journal; // that has its name; none if it is from the log
 
     std::string record() const { return target + name; }
-    Destination::Presence presence() const { return Destination(target).presence(name); }
+};
+
+/// Looks into targets; one that once does not answer is not asked again.
+class Targets {
+public:
+    Destination::Presence presenceOf(const Candidate& file) {
+        if (silent.count(file.target) > 0) {
+            return Destination::Presence::unknown;
+        }
+        const auto look = [target = file.target, name = file.name] {
+            return Destination(target).presence(name);
+        };
+        const auto found = Aside<Destination::Presence>().ask(look, patienceForTarget);
+        if (!found) {
+            silent.insert(file.target);
+        }
+        return found.value_or(Destination::Presence::unknown);
+    }
+
+    /// Why a file can't be announced; empty if it is there.
+    std::string whyNot(const Candidate& file) {
+        switch (presenceOf(file)) {
+        case Destination::Presence::there:
+            return {};
+        case Destination::Presence::absent:
+            return "it is not there";
+        case Destination::Presence::unknown:
+            break;
+        }
+        return silent.count(file.target) > 0 ? "the file system of its target does not answer"
+                                             : "whether it is there can't be told";
+    }
+
+private:
+    std::set<std::string> silent;
 };
 
 /// The names in the copy program's journals of a share and a target that no detector has now. What
@@ -106,30 +144,58 @@ bool addJournals(const Configuration& configuration, std::vector<Candidate>& can
     return allRead;
 }
 
-/// The names that the log gives, of the daemon's last start.
-void addLogged(const Configuration& configuration, std::vector<Candidate>& candidates) {
-    std::set<std::string> announced;
-    std::ifstream before(announcedBefore);
-    for (std::string line; std::getline(before, line);) {
-        announced.insert(line);
+/// The names that the log gives, of the daemon's last start. `announced` becomes those records that
+/// were announced before and that the log still names. False if it can't be read.
+bool addLogged(const Configuration& configuration, Targets& targets,
+               std::vector<Candidate>& candidates, std::set<std::string>& announced) {
+    const auto model = std::make_shared<LogModel>();
+    LogAside log(configuration.logFileName, configuration.logFileMaxNumber, {}, model);
+    std::set<std::string> before;
+    std::ifstream file(announcedBefore);
+    for (std::string line; std::getline(file, line);) {
+        before.insert(line);
     }
-    LogModel model;
-    LogFollower follower("/" + configuration.logFileName, configuration.logFileMaxNumber, {});
-    follower.poll(model);
+    if (!log.poll()) {
+        complain(log.problem());
+        announced = std::move(before); // any of them may still be named
+        return false;
+    }
+    std::set<std::string> added;
     const auto add = [&](const std::set<std::string>& names, const std::string& why) {
         for (const std::string& name : names) {
             for (const Detector& detector : configuration.detectors) {
                 const Candidate candidate{detector.destination(), name, why, {}};
+                const std::string record = candidate.record();
+                if (before.count(record) > 0) {
+                    announced.insert(record);
+                    continue;
+                }
                 // The log names no target: where the file is, it was meant.
-                if (!name.empty() && announced.count(candidate.record()) == 0 &&
-                    candidate.presence() == Destination::Presence::there) {
+                if (!name.empty() && added.count(record) == 0 &&
+                    targets.presenceOf(candidate) == Destination::Presence::there) {
                     candidates.push_back(candidate);
+                    added.insert(record);
                 }
             }
         }
     };
-    add(model.unannouncedNames(), "the pipe did not take it");
-    add(model.lostNames(), "sent and not confirmed; a later copy may have announced it");
+    add(model->unannouncedNames(), "the pipe did not take it");
+    add(model->lostNames(), "sent and not confirmed; a later copy may have announced it");
+    return true;
+}
+
+/// Notes what the log will go on naming, and nothing else, so that this does not grow for ever.
+/// False if that can't be done.
+bool noteAnnounced(const std::set<std::string>& records) {
+    std::string lines;
+    for (const std::string& record : records) {
+        lines += record + "\n";
+    }
+    const std::string fresh = std::string(announcedBefore) + ".new";
+    unlink(fresh.c_str());
+    const Descriptor file(open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
+    return file.get() >= 0 && writeAll(file.get(), lines) &&
+           std::rename(fresh.c_str(), announcedBefore) == 0;
 }
 
 /// Writes a record with one call, as the daemon does. An error's number, or 0.
@@ -169,20 +235,9 @@ bool forget(const Journal& journal, const std::set<std::string>& names) {
     return confirming::writeLeft(folder->second, journal.file, *left);
 }
 
-/// Why a file can't be announced; empty if it is there.
-std::string whyNot(const Candidate& candidate) {
-    switch (candidate.presence()) {
-    case Destination::Presence::there:
-        return {};
-    case Destination::Presence::absent:
-        return "it is not there";
-    case Destination::Presence::unknown:
-        break;
-    }
-    return "whether it is there can't be told";
-}
-
-int announceAll(const std::vector<Candidate>& candidates) {
+/// `announced` are the records that the log names and that were announced before.
+int announceAll(const std::vector<Candidate>& candidates, Targets& targets,
+                std::set<std::string> announced) {
     const std::string& path = GLOBAL::pathToVantrelFifo;
     const Descriptor pipe(open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC));
     if (pipe.get() < 0) {
@@ -190,12 +245,11 @@ int announceAll(const std::vector<Candidate>& candidates) {
                                 : "cannot open " + path + ": " + std::strerror(errno));
         return failed;
     }
-    std::vector<std::pair<Journal, std::set<std::string>>> announced; // names of each journal
+    std::vector<std::pair<Journal, std::set<std::string>>> forgotten; // names of each journal
     std::size_t count = 0;
-    std::string fromLog;
     int status = succeeded;
     for (const Candidate& each : candidates) {
-        if (const std::string reason = whyNot(each); !reason.empty()) {
+        if (const std::string reason = targets.whyNot(each); !reason.empty()) {
             say(each.record() + ": not announced, " + reason);
             continue;
         }
@@ -208,23 +262,24 @@ int announceAll(const std::vector<Candidate>& candidates) {
         say(each.record() + ": announced");
         ++count;
         if (each.journal.file == nullptr) {
-            fromLog += each.record() + "\n";
+            announced.insert(each.record());
         } else {
             // The candidates come journal by journal.
-            if (announced.empty() || !(announced.back().first == each.journal)) {
-                announced.emplace_back(each.journal, std::set<std::string>());
+            if (forgotten.empty() || !(forgotten.back().first == each.journal)) {
+                forgotten.emplace_back(each.journal, std::set<std::string>());
             }
-            announced.back().second.insert(each.name);
+            forgotten.back().second.insert(each.name);
         }
     }
     if (count == 0) {
         return status;
     }
     noteEvents({grouped(count) + " files announced by hand (skarnctl unannounced)"});
-    const Descriptor before(
-        open(announcedBefore, O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_CLOEXEC, 0644));
-    writeAll(before.get(), fromLog);
-    for (const auto& [journal, names] : announced) {
+    if (!noteAnnounced(announced)) {
+        complain(std::string("cannot write ") + announcedBefore + ": " + std::strerror(errno));
+        status = failed;
+    }
+    for (const auto& [journal, names] : forgotten) {
         if (!forget(journal, names)) {
             complain("the names stay in " + journal.path() + ", so they will be named again");
             status = failed;
@@ -246,17 +301,21 @@ int run(const CommonOptions& common, bool isToAnnounce) {
         return notAllowed;
     }
     std::vector<Candidate> candidates;
-    const int status = addJournals(*loaded.configuration, candidates) ? succeeded : failed;
-    addLogged(*loaded.configuration, candidates);
+    std::set<std::string> announced;
+    Targets targets;
+    bool isWhole = addJournals(*loaded.configuration, candidates);
+    isWhole = addLogged(*loaded.configuration, targets, candidates, announced) && isWhole;
+    const int status = isWhole ? succeeded : failed;
     if (candidates.empty()) {
-        say("no file is known that was copied and not announced");
+        say(isWhole ? "no file is known that was copied and not announced"
+                    : "no such file is known, but not all could be looked through");
         return status;
     }
     if (isToAnnounce) {
-        return std::max(status, announceAll(candidates));
+        return std::max(status, announceAll(candidates, targets, announced));
     }
     for (const Candidate& each : candidates) {
-        const std::string reason = whyNot(each);
+        const std::string reason = targets.whyNot(each);
         say(each.record() + ": " + each.why + (reason.empty() ? "" : "; " + reason));
     }
     return status;

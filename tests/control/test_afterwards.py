@@ -6,6 +6,7 @@ import os
 import re
 import signal
 import subprocess
+import time
 from pathlib import Path
 
 import pytest
@@ -13,13 +14,22 @@ import pytest
 from support import scripted
 from support.bed import Bed
 from support.consumer import Consumer
-from support.control import skarnctl
-from support.daemon import FIFO, Daemon, Detector, install_password_file, write_configuration
+from support.control import PATIENCE, skarnctl
+from support.daemon import (
+    FIFO,
+    Daemon,
+    Detector,
+    install_password_file,
+    write_configuration,
+    write_raw_configuration,
+)
+from support.dead_file_system import dead_file_system
 from support.scripted import err, out
 
 JOURNAL = Path("/var/lib/skarn/journal")
 TARGET = Path("/srv/images/1")
 OLD = Path("/srv/old")
+ANNOUNCED = Path("/var/log/skarn/announced")
 QUIET = 600_000
 
 
@@ -108,6 +118,45 @@ def test_names_that_the_pipe_did_not_take_are_announced_once() -> None:
             assert consumer.announced() == [f"{TARGET}/./a"]
             daemon.end(signal.SIGKILL)
     assert "no file is known" in skarnctl("unannounced").output
+
+
+def test_what_was_announced_is_noted_as_long_as_the_log_names_it() -> None:
+    ANNOUNCED.parent.mkdir(parents=True, exist_ok=True)
+    long_ago = "".join(f"{TARGET}/./old-{number}\n" for number in range(1000))
+    ANNOUNCED.write_text(f"{long_ago}{TARGET}/./c\n", encoding="utf-8")
+    scripted.add_listing(["c", "d"])
+    (TARGET / "c").touch()
+    (TARGET / "d").touch()
+    FIFO.mkdir()  # opens for nobody who wants to write
+    with Daemon() as daemon:
+        daemon.start()
+        daemon.wait_for_log("1: Removed file")
+        FIFO.rmdir()
+        with Consumer() as consumer:
+            assert skarnctl("unannounced", "--announce").status == 0
+            consumer.wait_for(1)
+            assert consumer.announced() == [f"{TARGET}/./d"], "c was announced before"
+            daemon.end(signal.SIGKILL)
+    assert ANNOUNCED.read_text(encoding="utf-8") == f"{TARGET}/./c\n{TARGET}/./d\n"
+
+
+def test_a_file_system_that_does_not_answer_holds_up_nothing() -> None:
+    with dead_file_system() as dead:
+        block = f"detectorID 1\nremoteIP 127.0.0.1\nsource /\ntarget {TARGET}\n"
+        write_raw_configuration(f"logfile {dead}/log\n{block}")
+        leave_journal("rsync://root@127.0.0.8:49371/ramdisk/", f"{dead}/./", "gone a\ngone b\n")
+        silent = f"the log {dead}/log can't be read: its file system does not answer"
+        begun = time.monotonic()
+        log = skarnctl("log")
+        assert (log.status, log.output, log.complaint) == (1, "", silent)
+        listed = skarnctl("unannounced")
+        assert (listed.status, listed.complaint) == (1, silent)
+        assert listed.output == "".join(
+            f"{dead}/./{name}: left open under another target; "
+            "the file system of its target does not answer\n"
+            for name in ("a", "b")
+        )
+        assert time.monotonic() - begun < PATIENCE
 
 
 def test_the_log_is_readable_and_explained() -> None:

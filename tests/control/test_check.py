@@ -2,7 +2,6 @@
 
 from __future__ import annotations
 
-import ctypes
 import os
 import re
 import shutil
@@ -18,7 +17,7 @@ import pytest
 
 from support.consumer import Consumer
 from support import processes
-from support.control import Result, begin, binary, environment, skarnctl
+from support.control import PATIENCE, Result, binary, environment, skarnctl
 from support.daemon import (
     CONFIGURATION,
     COPY_PROGRAM,
@@ -35,6 +34,7 @@ from support.daemon import (
     write_configuration,
     write_raw_configuration,
 )
+from support.dead_file_system import dead_file_system
 from support.rsync_server import RsyncServer
 from support.twenty_mistakes import LINES, PLANTED, TEXT
 from support.waiting import wait_until
@@ -440,28 +440,14 @@ def test_folders_on_the_way_that_others_may_change() -> None:
     assert of_host() == ["error unsafe-folder"]
 
 
-def test_a_target_that_never_answers() -> None:
-    # A file server that takes every question and answers none.
-    place = Path("/srv/dead")
-    place.mkdir()
-    device = os.open("/dev/fuse", os.O_RDWR)
-    options = f"fd={device},rootmode=40000,user_id=0,group_id=0"
-    ctypes.set_errno(0)
-    libc = ctypes.CDLL(None, use_errno=True)
-    if libc.mount(b"dead", bytes(place), b"fuse.dead", 0, options.encode()) != 0:
-        pytest.exit(f"no file system in user space here: {os.strerror(ctypes.get_errno())}", 77)
-    try:
-        write_raw_configuration(GOOD.replace("/srv/1", f"{place}/below"))
+def test_a_target_and_a_log_that_never_answer() -> None:
+    with dead_file_system() as dead:
+        write_raw_configuration(f"logfile {dead}/log\n" + BLOCK.replace("/srv/1", f"{dead}/below"))
         begun = time.monotonic()
-        run = begin("check", "--no-network")
-        assert run.stdout is not None
-        said = run.stdout.read()
-        assert time.monotonic() - begun < 10
-        assert '"/srv/dead/below/.", does not answer [target]' in said
-    finally:
-        os.close(device)  # ends the connection, so that whoever waits gets an error
-        run.wait(30)
-        libc.umount2(bytes(place), 2)
+        said = skarnctl("check", "--no-network").output
+        assert time.monotonic() - begun < PATIENCE
+        assert f'"{dead}/below/.", does not answer [target]' in said
+        assert f'the log "{dead}/log" does not answer: the daemon does not start [log]' in said
 
 
 def test_a_full_target() -> None:

@@ -30,6 +30,7 @@ from support.daemon import (
     write_configuration,
     write_raw_configuration,
 )
+from support.scripted import err, out
 from support.waiting import LIMIT, wait_until
 
 SKARNCTL = os.environ["SKARNCTL_BINARY"]
@@ -232,6 +233,60 @@ def test_rotations_between_two_scrapes_are_not_missed() -> None:
             assert figures("skarn_log_rotations_total") >= 1
             assert figures("skarn_log_archives") >= 1
             assert figures("skarn_log_coverage", coverage="with_gap") == 0
+
+
+def test_no_counter_falls_to_less_when_the_banner_was_rotated_away() -> None:
+    """A fall to 0 is a restart; one to anything else would count all that is left as new."""
+    with Bed(settings={"logfile_max_size": 2000, "logfile_max_number": 1}) as bed:
+        bed.start()
+        with serving():
+            bed.simulator.burst([f"early_{number}" for number in range(20)])
+            bed.wait_announced(20)
+            wait_until(lambda: scrape().sum("skarn_files_copied_total") == 20, "early files")
+        for number in range(20):
+            bed.simulator.write(f"late_{number}")
+            bed.wait_announced(21 + number)
+        assert "++ skarn " not in bed.daemon.archived_log(), "the banner has gone"
+        with serving():
+            before = scrape()
+            assert before("skarn_files_copied_total", detector="1") == 40
+        bed.simulator.burst([f"last_{number}" for number in range(20)])
+        bed.wait_announced(60)
+        with serving():
+            after = scrape()
+            assert after("skarn_files_copied_total", detector="1") == 60
+            counters = re.findall("(?m)^# TYPE (\\S+) counter$", after.text)
+            assert len(counters) > 5
+            for (name, labels), value in after.samples.items():
+                was = before.samples.get((name, labels), 0)
+                assert name not in counters or value >= was or value == 0, (name, labels, was, value)
+        bed.finish()
+
+
+def test_thousands_of_detectors_that_a_message_makes_up_are_nowhere() -> None:
+    detector = Detector("1")
+    install_password_file()
+    scripted.install()
+    write_configuration(None, [detector])
+    made_up = "".join(
+        f"++ Starting copy thread for detector fake{number}\n"
+        f"fake{number} Starting 4 copy processes\n"
+        f"fake{number}: rsync call: x\nfake{number}: Removed file x\n"
+        for number in range(4200)
+    )
+    end = "++ RSYNC OUTPUT END ++++++++++++++++++++\n"
+    scripted.add_listing(["a"], detector)
+    scripted.add_copy([out("SENT: a\nCONFIRMED: removed a\n"), err(end + made_up)], detector)
+    with Consumer(), Daemon() as daemon:
+        daemon.start()
+        daemon.wait_for_log("1: Removed file")
+        with serving():
+            begun = time.monotonic()
+            figures = scrape()
+            assert time.monotonic() - begun < 2, "the page is there already"
+            assert "fake" not in figures.text and len(figures.text) < 100_000
+            shown = {dict(labels).get("detector", "1") for _, labels in figures.samples}
+            assert shown == {"1"}
 
 
 def test_several_clients_scrape_at_once() -> None:

@@ -4,6 +4,7 @@ cause, in the view, in the metrics, and afterwards in the events.
 
 from __future__ import annotations
 
+import json
 import os
 import re
 import signal
@@ -16,9 +17,21 @@ from pathlib import Path
 
 import pytest
 
+from support import scripted
 from support.bed import Bed
+from support.consumer import Consumer
 from support.control import begin, finish, pids_in_file, skarnctl
-from support.daemon import FIFO, PASSWORD_FILE, write_configuration
+from support.daemon import (
+    CONFIGURATION,
+    FIFO,
+    LOG_FILE,
+    PASSWORD_FILE,
+    Daemon,
+    install_password_file,
+    write_configuration,
+    write_raw_configuration,
+)
+from support.dead_file_system import dead_file_system
 from support.detector import frame_names
 from support.rsync_server import PORT
 from support.waiting import LIMIT, wait_until
@@ -188,6 +201,24 @@ def test_a_full_target_is_named(options: str, sentence: str) -> None:
         subprocess.run(["umount", "--lazy", str(bed.target)], check=True)
 
 
+def test_a_target_that_is_nearly_full_is_told() -> None:
+    with Bed() as bed, observing():
+        bed.target.mkdir(parents=True)
+        subprocess.run(["mount", "-t", "tmpfs", "-o", "size=120m", "none", str(bed.target)], check=True)
+        bed.start()
+        says("^KEEPING UP$")
+        filler = bed.target / "filler"
+        filler.write_bytes(bytes(118 * 1024 * 1024))
+        sentence = r"the target of detector 1 is nearly full: 2\.\d MiB"
+        says("^KEEPING UP, BUT: .*" + sentence)
+        event(sentence)
+        metric(r'skarn_target_free_bytes\{detector="1"\} 2\d{6}')
+        filler.unlink()
+        event("over after .*: the target of detector 1 is nearly full")
+        bed.finish()
+        subprocess.run(["umount", "--lazy", str(bed.target)], check=True)
+
+
 def test_a_user_without_root_is_told_what_he_can_know() -> None:
     with Bed() as bed:
         bed.start()
@@ -276,21 +307,46 @@ def test_a_file_system_that_does_not_answer_holds_up_nothing() -> None:
         hanging.wait(LIMIT)
 
 
-@contextmanager
-def dead_file_system() -> Iterator[Path]:
-    """A mounted file system of which nobody ever answers a question: a FUSE one without a server."""
-    try:
-        fuse = os.open("/dev/fuse", os.O_RDWR)
-    except OSError as error:
-        pytest.exit(f"no FUSE here: {error}", 77)
-    place = Path("/srv/dead")
-    place.mkdir()
-    options = f"fd={fuse},rootmode=40000,user_id=0,group_id=0"
-    subprocess.run(
-        ["mount", "-i", "-t", "fuse", "-o", options, "dead", str(place)], check=True, pass_fds=[fuse]
+def test_a_log_and_a_target_that_do_not_answer_hold_up_nothing() -> None:
+    with Bed() as bed:
+        bed.start()
+        bed.simulator.burst(frame_names(3))
+        bed.wait_announced(3)
+        with dead_file_system() as dead:
+            # Another look is led there, not the daemon, which would stand still, too.
+            other = Path("/srv/elsewhere.conf")
+            text = CONFIGURATION.read_text(encoding="utf-8")
+            text = re.sub(r"(?m)^(logfile|target).*$", rf"\1 {dead}/below", text)
+            other.write_text(text, encoding="utf-8")
+            begun = time.monotonic()
+            report = skarnctl("watch", "--once", "--config", str(other))
+            silent = f"the log {dead}/below can't be read: its file system does not answer"
+            assert report.status == 0 and silent in re.sub(r"\n *", " ", report.output), report
+            assert f"{dead}/below" in report.output
+            figures = skarnctl("metrics", "--once", "--config", str(other))
+            assert figures.status == 0 and 'skarn_log_coverage{coverage="none"} 1' in figures.output
+            assert 'skarn_target_silent{detector="1"} 1' in figures.output, figures.output
+            assert time.monotonic() - begun < 4 * WITHIN
+        bed.finish()
+
+
+def test_no_json_steers_a_terminal() -> None:
+    """Not by an identifier, a path or a complaint with bytes that some terminals heed."""
+    scripted.install()
+    install_password_file()
+    odd = b"a\xc2\x9b31m\x9b\x1b[2J\xff"
+    LOG_FILE.parent.mkdir(parents=True, exist_ok=True)
+    write_raw_configuration(
+        b"logfile %s\nbad%s 1\ndetectorID %s\nremoteIP 127.0.0.1\nsource /\ntarget /srv/%s\n"
+        % (bytes(LOG_FILE), odd, odd, odd)
     )
-    try:
-        yield place
-    finally:
-        os.close(fuse)  # ends all that wait
-        subprocess.run(["umount", "--lazy", str(place)], check=True)
+    with Consumer(), Daemon() as daemon:
+        daemon.start("-d", os.fsdecode(odd + b":" + odd + b":/srv/" + odd))
+        for words in (["watch", "--json"], ["check", "--no-network", "--json"], ["status", "--json"]):
+            ended = subprocess.run(
+                [os.environ["SKARNCTL_BINARY"], *words], check=False, capture_output=True, timeout=LIMIT
+            )
+            assert b"31m" in ended.stdout and b"detector" in ended.stdout or words[0] == "status"
+            assert json.loads(ended.stdout)
+            assert re.fullmatch(rb"[\n -~]*", ended.stdout), ended.stdout
+            assert ended.stderr == b""

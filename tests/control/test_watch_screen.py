@@ -23,8 +23,11 @@ from support.daemon import (
     Detector,
     install_password_file,
     write_configuration,
+    write_raw_configuration,
 )
+from support.dead_file_system import dead_file_system
 from support.terminal import COLOUR, Terminal
+from support.waiting import wait_until
 
 SKARNCTL = os.environ["SKARNCTL_BINARY"]
 FAST = ("watch", "--interval", "0.2")
@@ -244,6 +247,26 @@ def test_every_way_out_restores_the_terminal(how: str | int, status: int) -> Non
         assert terminal.screen()[0] == "the screen before"
         assert terminal.cursor_is_visible() and not terminal.is_on_second_screen()
         assert daemon.is_running()
+
+
+@pytest.mark.parametrize(("how", "status"), [(signal.SIGTERM, 143), (signal.SIGHUP, 129)])
+def test_it_can_be_ended_during_its_first_look(how: int, status: int) -> None:
+    with dead_file_system() as dead, Terminal(100, 30) as terminal:
+        # For seconds no answer comes from there.
+        write_raw_configuration(
+            f"logfile {dead}/log\ndetectorID 1\nremoteIP 127.0.0.1\nsource /\ntarget /srv/1\n"
+        )
+        terminal.run([SKARNCTL, *FAST])
+        pid = terminal.child("skarnctl")
+        wait_until(
+            lambda: len(os.listdir(f"/proc/{pid}/task")) > 1, "the look at the log to have begun"
+        )
+        assert not terminal.is_on_second_screen()
+        begun = time.monotonic()
+        os.kill(pid, how)
+        assert terminal.wait_status() == status
+        assert time.monotonic() - begun < 1.5
+        assert terminal.settings("before") == terminal.settings("after")
 
 
 def test_it_can_be_stopped_and_continued() -> None:

@@ -125,7 +125,8 @@ TEST_F(LogFollowerTest, BeginsWithTheLastBanner) {
     EXPECT_EQ(read.text.substr(0, begin.size()), begin);
     EXPECT_EQ(read.text.substr(read.text.size() - 7), "file 1\n");
     EXPECT_EQ(follower.problem(), "");
-    EXPECT_EQ(countArchives(path, 2), 1);
+    EXPECT_EQ(follower.archives(), 1);
+    EXPECT_EQ(follower.bytes(), 7U);
 }
 
 TEST_F(LogFollowerTest, BelievesNoBannerThatTheDaemonCannotHaveWritten) {
