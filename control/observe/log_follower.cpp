@@ -345,11 +345,11 @@ bool LogAside::poll() {
         reading->follower.poll(*reading->sink);
         return true;
     });
-    const auto patience = isNew ? patienceForPiece : std::chrono::seconds(0);
+    const auto limit = isNew ? patienceForPiece : std::chrono::seconds(0);
     isSilent = true;
     for (bool goesOn = true; goesOn && isSilent;) {
         const std::uint64_t before = reading->follower.progress();
-        isSilent = !aside.answerBy(Aside<bool>::Clock::now() + patience);
+        isSilent = !aside.answerBy(Aside<bool>::Clock::now() + limit);
         goesOn = reading->follower.progress() != before;
     }
     return !isSilent;
