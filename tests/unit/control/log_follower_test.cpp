@@ -7,6 +7,8 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <future>
+#include <memory>
 #include <random>
 #include <string>
 #include <thread>
@@ -372,6 +374,46 @@ TEST_F(LogFollowerTest, ReadsAllOfItWhileItIsRotated) {
     EXPECT_EQ(read.gaps, 0);
     EXPECT_TRUE(read.text == written) << read.text.size() << " of " << written.size() << " bytes";
     EXPECT_GT(follower.rotations(), 900U);
+}
+
+/// Takes nothing before it is let go.
+class Gate : public Collector {
+public:
+    void takeLines(std::string_view lines) override {
+        opened.wait();
+        Collector::takeLines(lines);
+    }
+
+    std::promise<void> open;
+
+private:
+    std::shared_future<void> opened{open.get_future()};
+};
+
+TEST_F(LogFollowerTest, AReadingThatStandsStillIsLeftToItselfAndGoesOn) {
+    write(banner("Monday") + "one\n");
+    const auto gate = std::make_shared<Gate>();
+    LogAside log(path.substr(1), 2, believed, gate);
+    EXPECT_FALSE(log.poll());
+    EXPECT_EQ(log.absolutePath(), path);
+    EXPECT_EQ(log.problem(), "the log " + path + " can't be read: its file system does not answer");
+    const auto begun = std::chrono::steady_clock::now();
+    EXPECT_FALSE(log.poll());
+    EXPECT_LT(std::chrono::steady_clock::now() - begun, std::chrono::seconds(1));
+
+    gate->open.set_value();
+    bool isRead = false;
+    for (int wait = 0; !isRead && wait < 10000; ++wait) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        isRead = log.poll();
+    }
+    EXPECT_TRUE(isRead);
+    EXPECT_EQ(log.problem(), "");
+    EXPECT_EQ(gate->text, banner("Monday") + "one\n");
+    write("two\n");
+    EXPECT_TRUE(log.poll());
+    EXPECT_EQ(gate->text, banner("Monday") + "one\ntwo\n");
+    EXPECT_EQ(log.follower().bytes(), gate->text.size());
 }
 
 } // namespace
