@@ -105,8 +105,8 @@ public:
     /// What it complained about until then is not there.
     bool sawFileList() const { return sawFileList_; }
 
-    /// How many files the last rsync could not create or put in place here. In a pass that removes, these are files
-    /// that have changed since they were copied; they are not told of.
+    /// How many files the last rsync could not create or put in place here. In a pass that removes,
+    /// these are files that have changed since they were copied; they are not told of.
     std::size_t receiverFailures() const { return receiverFailures_; }
 
     /// True if rsync complained about this name as one of the share's.

@@ -80,7 +80,7 @@ def table(runs: list[dict[str, Any]]) -> str:
         '- "Recovered in" is the longest time from the end of the last fault of a run until all',
         "  was moved and announced.",
         f"- {excused:,} files were moved while there was no pipe to announce them in, or taken",
-        "  away from the target before they could be announced: after a death, or told as lost.",
+        "  away from the target before they could be announced: after a death, or named as lost.",
         '  They are not counted as "never announced".',
         f"- {cut:,} of the growing files were taken as they were while the detector paused, and it",
         "  wanted to go on writing afterwards.",

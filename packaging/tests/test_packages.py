@@ -121,8 +121,8 @@ def write_files(
     written = f"/root/{folder}" if at_once else place
     machine.succeed(
         f"mkdir -p {written} && cd {written} && for i in $(seq {count}); do "
-        f"head -c {size} /dev/zero >f$i.tmp && mv f$i.tmp f$i.dat; done; "
-        f"test {written} = {place} || mv {written} {place}",
+        f"head -c {size} /dev/zero >f$i.tmp && mv f$i.tmp f$i.dat; done && "
+        f"{{ test {written} = {place} || mv {written} {place}; }}",
         timeout=300,
     )
     return {f"/data/detector1/./{folder}/f{i}.dat" for i in range(1, count + 1)}
