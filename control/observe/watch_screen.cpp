@@ -149,7 +149,7 @@ private:
             return colour(badPair) | A_BOLD | A_REVERSE;
         case Style::heading:
             return A_BOLD;
-        case Style::bar:
+        case Style::graph:
             return colour(barPair);
         }
         return A_NORMAL;
