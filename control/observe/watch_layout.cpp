@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <map>
 #include <sstream>
 #include <utility>
 
@@ -66,13 +65,8 @@ constexpr std::array<CountTitle, 10> countTitles{{
     {"processes", &Counts::processes, false},
 }};
 
-/// The help: a term and what is to be known of it.
-struct Explanation {
-    const char* term;
-    const char* text;
-};
-
-constexpr std::array<Explanation, 26> explanations{{
+/// The help: terms and what is to be known of them; headings.
+constexpr std::array<std::pair<const char*, const char*>, 26> explanations{{
     {"Keys", ""},
     {"q, Ctrl-C", "quit; the daemon is not touched by anything that is done here"},
     {"h, ?", "these explanations, and back"},
@@ -248,7 +242,7 @@ public:
             addHelp();
             return arranged();
         }
-        addVerdict(0, 1, 11);
+        addVerdict(); // 0, what more it has 1, further reasons 11
         add(4, daemonLine());
         add(14, {});
         add(5, filesLine());
@@ -279,7 +273,7 @@ private:
     void add(int rank, const Line& line) { blocks.push_back({rank, {fit(line)}}); }
 
     /// The verdict with its gravest reason, which may take a line or two more; then the others.
-    void addVerdict(int firstRank, int moreRank, int otherRank) {
+    void addVerdict() {
         std::vector<std::string> texts;
         for (const Verdict::Reason& reason : judgement.reasons) {
             texts.push_back(reason.text);
@@ -298,20 +292,16 @@ private:
             texts.resize(most);
         }
         static constexpr std::array styles{good, warning, warning, bad, bad};
-        Line begun{
+        const Line first{
             {styles.at(static_cast<std::size_t>(judgement.level)), headline(judgement.level)},
             {normal, texts[0].empty() ? "" : ": "}};
-        int rank = firstRank;
-        std::size_t lines = 3;
         for (const std::string& text : texts) {
+            const bool isFirst = &text == &texts[0];
+            const std::size_t lines = view.whole ? noLimit : isFirst ? 3 : 1;
             for (const Line& line :
-                 wrapped(std::move(begun), {normal, text}, 4, view, view.whole ? noLimit : lines)) {
-                add(rank, line);
-                rank = rank == firstRank ? moreRank : rank;
+                 wrapped(isFirst ? first : Line{{dim, "  - "}}, {normal, text}, 4, view, lines)) {
+                add(!isFirst ? 11 : blocks.empty() ? 0 : 1, line);
             }
-            rank = otherRank;
-            lines = 1;
-            begun = {{dim, "  - "}};
         }
     }
 
@@ -347,32 +337,30 @@ private:
 
     Line filesLine() const {
         const Rates& rates = snapshot.rates;
-        Line line{{heading, "Files "},
-                  {normal, grouped(snapshot.files) +
-                               (snapshot.hasFigures ? ", " + byteText(snapshot.bytes) : "")}};
-        if (snapshot.filesSince && view.width >= 100) {
-            line.push_back({dim, " since " + localTime(*snapshot.filesSince, "%m-%d %H:%M")});
-        }
+        const std::optional<double>& since = snapshot.filesSince;
+        Line line{
+            {heading, "Files "},
+            {normal, grouped(snapshot.files)},
+            {normal, snapshot.hasFigures ? ", " + byteText(snapshot.bytes) : ""},
+            {dim, since && view.width >= 100 ? " since " + localTime(*since, "%m-%d %H:%M") : ""}};
         if (rates.lastSeconds) {
-            const std::string megabytes =
-                rates.bytes ? ", " + rateText(*rates.bytes / 1e6) + " MB/s" : "";
-            append(line, {{normal, "  " + rateText(*rates.lastSeconds) + "/s" + megabytes},
-                          {dim, " now"}});
+            append(line,
+                   {{normal, "  " + rateText(*rates.lastSeconds) + "/s"},
+                    {normal, rates.bytes ? ", " + rateText(*rates.bytes / 1e6) + " MB/s" : ""},
+                    {dim, " now"}});
         }
         if (rates.lastMinutes) {
             append(line,
                    {{normal, "  " + rateText(*rates.lastMinutes) + "/s"}, {dim, " over 5 min"}});
         }
         const std::vector<double>& history = rates.history;
-        if (!history.empty()) {
-            const std::string scale =
-                "  peak " + rateText(*std::max_element(history.begin(), history.end())) + "/s";
-            const int room = view.width - widthOf(line) - 2 - displayWidth(scale);
-            if (room >= 8) {
-                append(line, {blanks(2),
-                              {graph, sparkline(history, std::min(60, room), view.unicode)},
-                              {dim, scale}});
-            }
+        const auto highest = std::max_element(history.begin(), history.end());
+        const std::string peak = history.empty() ? "" : "  peak " + rateText(*highest) + "/s";
+        const int room = view.width - widthOf(line) - 2 - displayWidth(peak);
+        if (!history.empty() && room >= 8) {
+            append(line, {blanks(2),
+                          {graph, sparkline(history, std::min(60, room), view.unicode)},
+                          {dim, peak}});
         }
         return line;
     }
@@ -453,73 +441,64 @@ private:
     }
 
     Line pipeLine() const {
-        using State = PipeSnapshot::State;
-        static const std::map<State, Segment> faults{
-            {State::absent, {bad, "absent!"}},
-            {State::notAPipe, {bad, "not a pipe!"}},
-            {State::noReader, {bad, "no reader!"}},
-            {State::unknown, {warning, "reader unknown: only root can see it"}}};
-        Line line{{heading, "Pipe "}};
-        if (snapshot.pipe.state != State::read) {
-            line.push_back(faults.at(snapshot.pipe.state));
-        } else {
-            const double blocked = snapshot.waits.writing.value_or(0);
-            const std::string readers = " by " + joined(snapshot.pipe.readers, ", ");
-            append(line, blocked < 1 ? Line{{good, "read"}, {normal, readers}}
-                                     : Line{{bad, "full!"},
-                                            {normal, " nothing read for " + durationText(blocked) +
-                                                         ", open" + readers}});
-        }
-        append(line, {blanks(2), {dim, snapshot.pipe.path, true}});
-        return line;
+        const double blocked = snapshot.waits.writing.value_or(0);
+        const std::array<Segment, 5> states{
+            {{bad, "absent!"},
+             {bad, "not a pipe!"},
+             {bad, "no reader!"},
+             {blocked < 1 ? good : bad, blocked < 1 ? "read" : "full!"},
+             {warning, "reader unknown: only root can see it"}}};
+        const bool isRead = snapshot.pipe.state == PipeSnapshot::State::read;
+        const std::string wait = " nothing read for " + durationText(blocked) + ", open";
+        return {{heading, "Pipe "},
+                states.at(static_cast<std::size_t>(snapshot.pipe.state)),
+                {normal, isRead && blocked >= 1 ? wait : ""},
+                {normal, isRead ? " by " + joined(snapshot.pipe.readers, ", ") : ""},
+                blanks(2),
+                {dim, snapshot.pipe.path, true}};
     }
 
     Line logLine() const {
         const LogSnapshot& log = snapshot.log;
-        Line line{{heading, "Log  "}};
         if (log.coverage == LogCoverage::none) {
-            append(line,
-                   {{bad, "not read!"}, {normal, (log.problem.empty() ? "" : " ") + log.problem}});
-            return line;
+            return {{heading, "Log  "},
+                    {bad, "not read!"},
+                    {normal, (log.problem.empty() ? "" : " ") + log.problem}};
         }
-        if (log.limit > 0) {
-            const auto limit = static_cast<std::uint64_t>(log.limit);
-            append(line, {{graph, bar(partOf(log.bytes, limit), barColumns, view.unicode)},
-                          {normal, " " + byteText(log.bytes) + " of " + byteText(limit)}});
-        } else {
-            line.push_back(
-                {normal, byteText(log.bytes) + (log.limit < 0 ? ", never rotated" : "")});
-        }
-        static const std::map<LogCoverage, Segment> coverages{
-            {LogCoverage::sinceStart, {good, "counts since the start"}},
-            {LogCoverage::sinceWatch,
-             {warning, "counts since this view began: the start is rotated away"}},
-            {LogCoverage::withGap, {warning, "counts too low: lines were missed"}}};
-        const auto archives = static_cast<std::uint64_t>(log.archives);
-        append(line, {blanks(2),
-                      coverages.at(log.coverage),
-                      {dim, "  " + several(archives, "archive") + ", " +
-                                several(log.rotations, "rotation") + " seen"},
-                      blanks(2),
-                      {dim, log.path, true}});
-        return line;
+        const auto limit = static_cast<std::uint64_t>(std::max<std::int64_t>(0, log.limit));
+        const std::string ofLimit = limit > 0 ? " of " + byteText(limit) : "";
+        static const std::array<Segment, 4> coverages{
+            {{},
+             {good, "counts since the start"},
+             {warning, "counts since this view began: the start is rotated away"},
+             {warning, "counts too low: lines were missed"}}};
+        return {
+            {heading, "Log  "},
+            {graph, limit > 0 ? bar(partOf(log.bytes, limit), barColumns, view.unicode) + " " : ""},
+            {normal, byteText(log.bytes) + (log.limit < 0 ? ", never rotated" : ofLimit)},
+            blanks(2),
+            coverages.at(static_cast<std::size_t>(log.coverage)),
+            {dim, "  " + several(static_cast<std::uint64_t>(log.archives), "archive") + ", " +
+                      several(log.rotations, "rotation") + " seen"},
+            blanks(2),
+            {dim, log.path, true}};
     }
 
     void addHelp() {
         const int indent = kind() == narrow ? 2 : 20;
         const auto addLine = [this](const Line& line) { blocks.push_back({0, {fit(line)}, true}); };
-        for (const Explanation& each : explanations) {
-            const bool isHeading = *each.text == '\0';
+        for (const auto& [term, text] : explanations) {
+            const bool isHeading = *text == '\0';
             if (isHeading && !blocks.empty()) {
                 addLine({});
             }
-            Line first{{isHeading ? heading : normal, each.term}};
+            Line first{{isHeading ? heading : normal, term}};
             if (isHeading || kind() == narrow || widthOf(first) >= indent) {
                 addLine(std::exchange(first, {}));
             }
             if (!isHeading) {
                 first.push_back(blanks(indent - widthOf(first)));
-                for (const Line& line : wrapped(first, {dim, each.text}, indent, view)) {
+                for (const Line& line : wrapped(first, {dim, text}, indent, view)) {
                     addLine(line);
                 }
             }
