@@ -29,11 +29,8 @@ public:
     /// `listening` is a socket that listens and does not block.
     explicit MetricsServer(Descriptor listening) : socket(std::move(listening)) {}
 
-    /// What is served from now on; nothing: that there is no page at present (status 503).
-    void setPage(std::optional<std::string> text) { page = std::move(text); }
-
-    /// Serves for so long.
-    void serve(std::chrono::milliseconds duration);
+    /// Serves this page for so long; nothing: that there is none at present (status 503).
+    void serve(std::optional<std::string> text, std::chrono::milliseconds duration);
 
 private:
     using Clock = std::chrono::steady_clock;

@@ -167,15 +167,16 @@ json jsonOf(const Snapshot& snapshot) {
     };
 }
 
-/// A figure as Prometheus gets it: a counter if its name says so, else a gauge.
+/// A figure as Prometheus gets it: a counter if its name says so, else a gauge. It stands at a
+/// place of the JSON object; behind "detectors" in each of them.
 struct Metric {
     const char* name;
-    const char* where; // in the JSON object of the snapshot or of a detector
+    const char* where;
     const char* help;
     const std::vector<std::string>* states = nullptr; // a sample for each of these
 };
 
-constexpr std::array<Metric, 21> snapshotMetrics{{
+constexpr std::array<Metric, 54> metrics{{
     {"skarn_verdict", "/verdict/level",
      "What skarnctl watch says in its first line. 1 for what is the case.", &levels},
     {"skarn_daemon_state", "/daemon/state",
@@ -218,10 +219,6 @@ constexpr std::array<Metric, 21> snapshotMetrics{{
     {"skarn_log_archives", "/log/archives", "Rotated log files that are there."},
     {"skarn_log_rotations_total", "/log/rotations",
      "Rotations of the log since this program looks."},
-}};
-
-/// Nothing was counted where nothing could be read.
-constexpr std::array<Metric, 11> logMetrics{{
     {"skarn_files_lost_total", "/total/lost",
      "Files that were sent and not confirmed. Most of them are copied by a later cycle."},
     {"skarn_handoff_failures_total", "/total/failed_handoffs",
@@ -242,44 +239,44 @@ constexpr std::array<Metric, 11> logMetrics{{
     {"skarn_copy_processes_started_total", "/total/processes", "Copy processes started."},
     {"skarn_copy_reports_total", "/total/reports",
      "Copy processes that ended and whose report is in the log."},
-}};
-
-constexpr std::array<Metric, 22> detectorMetrics{{
-    {"skarn_detector_state", "/state",
+    {"skarn_detector_state", "detectors/state",
      "What the daemon does for a detector, or why it can do nothing: its last listing failed, or "
      "the present one gets no answer. 1 for what is the case.",
      &detectorStates},
-    {"skarn_copy_processes", "/copy_processes", "Copy processes that run now."},
-    {"skarn_listing_failing_since_seconds", "/failing_since",
+    {"skarn_copy_processes", "detectors/copy_processes", "Copy processes that run now."},
+    {"skarn_listing_failing_since_seconds", "detectors/failing_since",
      "Since when all listings have failed, in seconds since 1970; absent if the last one did not."},
-    {"skarn_no_answer_seconds", "/no_answer_seconds",
+    {"skarn_no_answer_seconds", "detectors/no_answer_seconds",
      "For how long what runs has had no answer; absent if it has one."},
-    {"skarn_files_copied_total", "/counts/files",
+    {"skarn_files_copied_total", "detectors/counts/files",
      "Files copied and confirmed. Without a label: counted in the log, which names no detector, "
      "since the copy program keeps no figures."},
-    {"skarn_bytes_copied_total", "/counts/bytes", "Bytes of these files."},
-    {"skarn_files_recovered_total", "/counts/recovered",
+    {"skarn_bytes_copied_total", "detectors/counts/bytes", "Bytes of these files."},
+    {"skarn_files_recovered_total", "detectors/counts/recovered",
      "Of these files, those that were announced for a run that had died."},
-    {"skarn_files_unconfirmed_total", "/counts/unconfirmed",
+    {"skarn_files_unconfirmed_total", "detectors/counts/unconfirmed",
      "Files that a copy process left unconfirmed; a later one takes them."},
-    {"skarn_listings_total", "/counts/listings", "Listings begun."},
-    {"skarn_copies_total", "/counts/copies", "Copies begun."},
-    {"skarn_flush_errors_total", "/counts/flush_errors",
+    {"skarn_listings_total", "detectors/counts/listings", "Listings begun."},
+    {"skarn_copies_total", "detectors/counts/copies", "Copies begun."},
+    {"skarn_flush_errors_total", "detectors/counts/flush_errors",
      "Times that what was copied could not be made durable."},
-    {"skarn_listing_entries", "/entries", "Entries of the last listing that ended."},
-    {"skarn_listing_age_seconds", "/listed_seconds_ago", "Seconds since the last listing ended."},
-    {"skarn_cycle_age_seconds", "/cycle/seconds",
+    {"skarn_listing_entries", "detectors/entries", "Entries of the last listing that ended."},
+    {"skarn_listing_age_seconds", "detectors/listed_seconds_ago",
+     "Seconds since the last listing ended."},
+    {"skarn_cycle_age_seconds", "detectors/cycle/seconds",
      "Seconds since the oldest copy process that runs was started; absent if none runs."},
-    {"skarn_cycle_names", "/cycle/dealt", "Names on the file lists of the cycle that runs."},
-    {"skarn_cycle_names_confirmed", "/cycle/finished", "Of these, those that are confirmed."},
-    {"skarn_target_silent", "/target_is_silent",
+    {"skarn_cycle_names", "detectors/cycle/dealt",
+     "Names on the file lists of the cycle that runs."},
+    {"skarn_cycle_names_confirmed", "detectors/cycle/finished",
+     "Of these, those that are confirmed."},
+    {"skarn_target_silent", "detectors/target_is_silent",
      "Whether the target's file system does not answer."},
-    {"skarn_target_free_bytes", "/free_bytes",
+    {"skarn_target_free_bytes", "detectors/free_bytes",
      "Free space of the target's file system, as far as root may fill it."},
-    {"skarn_target_size_bytes", "/total_bytes", "Size of the target's file system."},
-    {"skarn_target_free_inodes", "/free_inodes", "Files that can still be made there."},
-    {"skarn_target_inodes", "/total_inodes", "Files that it can hold."},
-    {"skarn_target_until_full_seconds", "/seconds_until_full",
+    {"skarn_target_size_bytes", "detectors/total_bytes", "Size of the target's file system."},
+    {"skarn_target_free_inodes", "detectors/free_inodes", "Files that can still be made there."},
+    {"skarn_target_inodes", "detectors/total_inodes", "Files that it can hold."},
+    {"skarn_target_until_full_seconds", "detectors/seconds_until_full",
      "Seconds until the target's file system is full, at the rate of the last minutes; absent "
      "while it is not filling."},
 }};
@@ -292,41 +289,37 @@ std::string label(const std::string& name, std::string_view text) {
     return name + "=\"" + value + "\"";
 }
 
-/// Prometheus's text: families, each with its samples.
-class MetricsText {
-public:
-    void begin(const std::string& name, const std::string& help) {
-        const bool isTotal = name.size() > 6 && name.compare(name.size() - 6, 6, "_total") == 0;
-        family = name;
-        head = "# HELP " + name + " " + help + "\n# TYPE " + name +
-               (isTotal ? " counter\n" : " gauge\n");
-    }
+bool endsWith(const std::string& text, const std::string& end) {
+    return text.size() >= end.size() &&
+           text.compare(text.size() - end.size(), end.size(), end) == 0;
+}
 
-    void add(const std::string& labels, const std::string& value) {
-        text += std::exchange(head, {}) + family + (labels.empty() ? "" : "{" + labels + "}") +
-                " " + value + "\n";
-    }
+/// The head of a family, which is written with its first sample.
+std::string head(const std::string& name, const std::string& help) {
+    return "# HELP " + name + " " + help + "\n# TYPE " + name +
+           (endsWith(name, "_total") ? " counter\n" : " gauge\n");
+}
 
-    /// The samples of a figure that stands in this object.
-    void add(const Metric& metric, const json& object, const std::string& labels) {
-        const json& value = object.at(json::json_pointer(metric.where));
-        if (metric.states != nullptr) {
-            const std::string name = json::json_pointer(metric.where).back();
-            for (const std::string& state : *metric.states) {
-                add(labels + (labels.empty() ? "" : ",") + label(name, state),
-                    value == state ? "1" : "0");
-            }
-        } else if (!value.is_null()) {
-            add(labels, value.is_boolean() ? (value.get<bool>() ? "1" : "0") : value.dump());
-        }
-    }
+std::string sample(const std::string& name, const std::string& labels, const std::string& value) {
+    return name + (labels.empty() ? "" : "{" + labels + "}") + " " + value + "\n";
+}
 
+/// The samples of a figure, if it is known.
+std::string samples(const Metric& metric, const json& value, const std::string& labels) {
+    if (metric.states == nullptr) {
+        return value.is_null()      ? ""
+               : value.is_boolean() ? sample(metric.name, labels, value.get<bool>() ? "1" : "0")
+                                    : sample(metric.name, labels, value.dump());
+    }
+    const std::string where = metric.where;
+    const std::string name = where.substr(where.rfind('/') + 1);
     std::string text;
-
-private:
-    std::string family;
-    std::string head; // written with the first sample
-};
+    for (const std::string& state : *metric.states) {
+        text += sample(metric.name, labels + (labels.empty() ? "" : ",") + label(name, state),
+                       value == state ? "1" : "0");
+    }
+    return text;
+}
 
 } // namespace
 
@@ -346,37 +339,39 @@ std::string jsonText(const Snapshot& snapshot, bool inOneLine) {
 }
 
 std::string metricsText(const Snapshot& snapshot) {
-    const json object = jsonOf(snapshot);
-    const bool hasLog = snapshot.log.coverage != LogCoverage::none;
-    MetricsText text;
-    for (const Metric& metric : snapshotMetrics) {
-        text.begin(metric.name, metric.help);
-        text.add(metric, object, {});
+    json object = jsonOf(snapshot);
+    if (snapshot.log.coverage == LogCoverage::none) {
+        object["total"] = {{"missing", snapshot.missing}}; // nothing was counted
     }
-    for (const Metric& metric : logMetrics) {
-        text.begin(metric.name, metric.help);
-        if (hasLog) {
-            text.add(metric, object, {});
+    std::string text;
+    for (const Metric& metric : metrics) {
+        const std::string where = metric.where;
+        std::string found;
+        if (where == "detectors/counts/files" && !snapshot.hasFigures) {
+            found = samples(metric, object["total"]["files"], {});
         }
+        if (where.front() == '/') {
+            found = samples(metric, object.value(json::json_pointer(where), json()), {});
+        } else {
+            const json::json_pointer inIt(where.substr(where.find('/')));
+            for (std::size_t index = 0; index < snapshot.detectors.size(); ++index) {
+                found += samples(metric, object["detectors"][index].at(inIt),
+                                 label("detector", snapshot.detectors[index].id));
+            }
+        }
+        text += found.empty() ? "" : head(metric.name, metric.help) + found;
     }
-    for (const Metric& metric : detectorMetrics) {
-        text.begin(metric.name, metric.help);
-        if (metric.name == std::string_view("skarn_files_copied_total") && !snapshot.hasFigures &&
-            hasLog) {
-            text.add({}, std::to_string(snapshot.files));
-        }
-        for (std::size_t index = 0; index < snapshot.detectors.size(); ++index) {
-            text.add(metric, object["detectors"][index],
-                     label("detector", snapshot.detectors[index].id));
-        }
-    }
-    text.begin("skarn_detector_info", "Where a detector's files come from and go to.");
+    const std::string info = "skarn_detector_info";
+    text += snapshot.detectors.empty()
+                ? ""
+                : head(info, "Where a detector's files come from and go to.");
     for (const DetectorSnapshot& detector : snapshot.detectors) {
-        text.add(label("detector", detector.id) + "," + label("share", detector.shareUrl) + "," +
-                     label("target", detector.target),
-                 "1");
+        text += sample(info,
+                       label("detector", detector.id) + "," + label("share", detector.shareUrl) +
+                           "," + label("target", detector.target),
+                       "1");
     }
-    return text.text;
+    return text;
 }
 
 } // namespace control

@@ -16,6 +16,8 @@ namespace {
 
 using Level = Verdict::Level;
 using Pipe = PipeSnapshot::State;
+constexpr Level grave = Level::notKeepingUp;
+constexpr Level notable = Level::attention;
 
 constexpr double fresh = 300;         // seconds for which what just happened is told
 constexpr double freshComplaint = 60; // the same of a complaint
@@ -87,13 +89,13 @@ std::vector<Rule> daemonRules(const Snapshot& now) {
         others += (others.empty() ? "" : ", ") + std::to_string(pid);
     }
     return {
-        {state == DaemonState::seemsToRun, Level::attention,
+        {state == DaemonState::seemsToRun, notable,
          say("only root can be sure that the daemon runs")},
         {state == DaemonState::dead, Level::down, say("the daemon is dead")},
         {state == DaemonState::notRunning, Level::down, say("no daemon runs")},
         {state == DaemonState::unknown, Level::cannotTell,
          say("it is not known whether a daemon runs"), "daemon"},
-        {!others.empty(), Level::notKeepingUp,
+        {!others.empty(), grave,
          "another daemon runs beside it (process " + others +
              "), so files are announced twice: end one of them",
          "two daemons"},
@@ -110,15 +112,14 @@ std::vector<Rule> detectorRules(const DetectorSnapshot& detector, double now) {
     const std::string since =
         detector.failingSince ? " since " + clockTime(*detector.failingSince, now) : "";
     return {
-        {unreachable, Level::notKeepingUp, name + " can't be listed" + since + ": " + complaint,
-         key},
-        {hanging && detector.preparing, Level::notKeepingUp,
+        {unreachable, grave, name + " can't be listed" + since + ": " + complaint, key},
+        {hanging && detector.preparing, grave,
          "the target of " + name + ", " + detector.target + ", has not answered for " +
              seconds(detector.noAnswer),
          key},
-        {hanging && !detector.preparing, Level::notKeepingUp,
+        {hanging && !detector.preparing, grave,
          "the listing of " + name + " has had no answer for " + seconds(detector.noAnswer), key},
-        {!unreachable && !hanging && !complaint.empty(), Level::attention,
+        {!unreachable && !hanging && !complaint.empty(), notable,
          "the listing of " + name + " complains: " + complaint, key},
     };
 }
@@ -126,29 +127,27 @@ std::vector<Rule> detectorRules(const DetectorSnapshot& detector, double now) {
 std::vector<Rule> pipeRules(const Snapshot& now) {
     const PipeSnapshot& pipe = now.pipe;
     return {
-        {!now.listingComplaint.empty(), Level::notKeepingUp,
+        {!now.listingComplaint.empty(), grave,
          "a listing fails, it is not known of which detector: " +
              withoutFullStop(now.listingComplaint),
          "listing"},
-        {now.waits.writing.value_or(0) >= waitProves, Level::notKeepingUp,
+        {now.waits.writing.value_or(0) >= waitProves, grave,
          orElse(joined(pipe.readers, ", "), "the consumer") +
              " holds the pipe open and has read nothing for " + seconds(now.waits.writing) +
              ": copying stands still",
          "consumer"},
         {now.waits.opening.value_or(0) >= waitProves && pipe.state != Pipe::noReader &&
              pipe.state != Pipe::unknown,
-         Level::notKeepingUp,
-         "a copy waits for a reader of a pipe that was removed: restart the daemon",
+         grave, "a copy waits for a reader of a pipe that was removed: restart the daemon",
          "removed pipe"},
-        {pipe.state == Pipe::noReader, Level::notKeepingUp,
+        {pipe.state == Pipe::noReader, grave,
          "nobody reads the pipe " + pipe.path + ", so copying stands still until somebody does",
          "pipe"},
-        {pipe.state == Pipe::absent, Level::notKeepingUp,
+        {pipe.state == Pipe::absent, grave,
          "there is no pipe " + pipe.path + ", so files are copied and announced to nobody", "pipe"},
-        {pipe.state == Pipe::notAPipe, Level::notKeepingUp,
+        {pipe.state == Pipe::notAPipe, grave,
          "what stands at " + pipe.path + " is no pipe, so files are announced to nobody", "pipe"},
-        {pipe.state == Pipe::unknown, Level::attention,
-         "whether somebody reads the pipe can't be seen"},
+        {pipe.state == Pipe::unknown, notable, "whether somebody reads the pipe can't be seen"},
     };
 }
 
@@ -174,14 +173,12 @@ std::vector<Rule> targetRules(const std::vector<const DetectorSnapshot*>& detect
         left = std::min(left, each->secondsUntilFull.value_or(left));
     }
     return {
-        {bytes < nothingLeft, Level::notKeepingUp, target + " is full: no space left on device",
-         key},
-        {freeInodes < 1 && inodes < fewInodes, Level::notKeepingUp,
+        {bytes < nothingLeft, grave, target + " is full: no space left on device", key},
+        {freeInodes < 1 && inodes < fewInodes, grave,
          target + " has no free inodes: no further file can be made", key},
-        {free < tight, Level::attention, target + " is nearly full: " + byteText(bytes), key},
-        {freeInodes < tight, Level::attention, target + " has few free inodes: " + grouped(inodes),
-         key},
-        {isServed && left <= soon && free < roomy, Level::attention,
+        {free < tight, notable, target + " is nearly full: " + byteText(bytes), key},
+        {freeInodes < tight, notable, target + " has few free inodes: " + grouped(inodes), key},
+        {isServed && left <= soon && free < roomy, notable,
          target + " is full in " + durationText(left), key},
     };
 }
@@ -192,25 +189,25 @@ std::vector<Rule> progressRules(const Snapshot& now) {
     const double fruitless = now.isServed() ? recent.fruitless.value_or(0) : 0;
     const bool isProven = recent.fruitlessReports >= enoughReports && fruitless >= enoughSeconds;
     return {
-        {isProven, Level::notKeepingUp,
+        {isProven, grave,
          grouped(recent.fruitlessReports) + " copy processes ended in the last " +
              durationText(fruitless) + ", and no file was confirmed",
          "fruitless"},
-        {fruitless >= patience && !isProven, Level::attention,
+        {fruitless >= patience && !isProven, notable,
          "copy processes run, but none has confirmed a file for " + durationText(fruitless)},
-        {isFresh(recent.failedHandoff), Level::notKeepingUp,
+        {isFresh(recent.failedHandoff), grave,
          count(counts.failedHandoffs, "file was", "files were") +
              " copied but could not be announced" + theLast(recent.failedHandoff) +
              " (skarnctl unannounced names them)"},
-        {isFresh(recent.withoutPipe) && now.pipe.state != Pipe::absent, Level::attention,
+        {isFresh(recent.withoutPipe) && now.pipe.state != Pipe::absent, notable,
          count(counts.withoutPipe, "copy process", "copy processes") +
              " found no pipe and announced nothing" + theLast(recent.withoutPipe)},
-        {isFresh(recent.lost) && now.missing > 0, Level::attention,
+        {isFresh(recent.lost) && now.missing > 0, notable,
          count(now.missing, "file was", "files were") + " sent and not confirmed" +
              theLast(recent.lost)},
-        {isFresh(recent.failedStart), Level::attention,
+        {isFresh(recent.failedStart), notable,
          "copy processes or listings could not be started" + theLast(recent.failedStart)},
-        {isFresh(recent.complaint, freshComplaint), Level::attention,
+        {isFresh(recent.complaint, freshComplaint), notable,
          "copy processes complain: " + withoutFullStop(now.lastComplaint)},
     };
 }
@@ -219,12 +216,12 @@ std::vector<Rule> sourceRules(const Snapshot& now) {
     const bool runs = now.isServed();
     return {
         {runs && now.log.coverage == LogCoverage::none,
-         now.hasFigures ? Level::attention : Level::cannotTell,
+         now.hasFigures ? notable : Level::cannotTell,
          orElse(now.log.problem,
                 "there is no log to read, so what the daemon did can't be counted")},
-        {!now.configProblem.empty(), runs ? Level::cannotTell : Level::attention,
+        {!now.configProblem.empty(), runs ? Level::cannotTell : notable,
          withoutFullStop(now.configProblem), "configuration"},
-        {now.configProblem.empty() && now.configChanged, Level::attention,
+        {now.configProblem.empty() && now.configChanged, notable,
          "the configuration was changed after the daemon read it: restart it, or what is shown "
          "may be wrong",
          "configuration"},
@@ -257,7 +254,7 @@ Verdict verdict(const Snapshot& snapshot) {
     judge(daemonRules(snapshot), result);
     const std::string died = deathsText(snapshot.deaths, snapshot.time);
     const bool justNow = isServed && snapshot.time - snapshot.deaths.last.value_or(0) < freshDeath;
-    judge({{justNow && !died.empty(), Level::attention, died}}, result);
+    judge({{justNow && !died.empty(), notable, died}}, result);
     result.note = justNow ? "" : died;
     if (isServed) {
         for (const DetectorSnapshot& detector : snapshot.detectors) {
@@ -270,7 +267,7 @@ Verdict verdict(const Snapshot& snapshot) {
              std::vector<const DetectorSnapshot*>>
         fileSystems;
     for (const DetectorSnapshot& each : snapshot.detectors) {
-        judge({{each.targetIsSilent, isServed ? Level::notKeepingUp : Level::attention,
+        judge({{each.targetIsSilent, isServed ? grave : notable,
                 "the file system of detector " + each.id + "'s target " + each.target +
                     " does not answer",
                 "target " + each.id}},

@@ -130,8 +130,9 @@ Segment blanks(int number) {
     return {normal, std::string(static_cast<std::size_t>(std::max(0, number)), ' ')};
 }
 
-void append(Line& line, const Line& more) {
+Line operator+(Line line, const Line& more) {
     line.insert(line.end(), more.begin(), more.end());
+    return line;
 }
 
 /// The line as it can be shown in so many columns.
@@ -269,8 +270,7 @@ private:
     static constexpr int headRank = 2;
 
     Table kind() const { return view.width < 60 ? narrow : view.width < 130 ? middle : wide; }
-    Line fit(const Line& line) const { return fitted(line, view.width, view.unicode); }
-    void add(int rank, const Line& line) { blocks.push_back({rank, {fit(line)}}); }
+    void add(int rank, const Line& line) { blocks.push_back({rank, {line}}); }
 
     /// The verdict with its gravest reason, which may take a line or two more; then the others.
     void addVerdict() {
@@ -344,25 +344,25 @@ private:
             {normal, snapshot.hasFigures ? ", " + byteText(snapshot.bytes) : ""},
             {dim, since && view.width >= 100 ? " since " + localTime(*since, "%m-%d %H:%M") : ""}};
         if (rates.lastSeconds) {
-            append(line,
-                   {{normal, "  " + rateText(*rates.lastSeconds) + "/s"},
-                    {normal, rates.bytes ? ", " + rateText(*rates.bytes / 1e6) + " MB/s" : ""},
-                    {dim, " now"}});
+            line = line +
+                   Line{{normal, "  " + rateText(*rates.lastSeconds) + "/s"},
+                        {normal, rates.bytes ? ", " + rateText(*rates.bytes / 1e6) + " MB/s" : ""},
+                        {dim, " now"}};
         }
         if (rates.lastMinutes) {
-            append(line,
-                   {{normal, "  " + rateText(*rates.lastMinutes) + "/s"}, {dim, " over 5 min"}});
+            line = line +
+                   Line{{normal, "  " + rateText(*rates.lastMinutes) + "/s"}, {dim, " over 5 min"}};
         }
         const std::vector<double>& history = rates.history;
         const auto highest = std::max_element(history.begin(), history.end());
         const std::string peak = history.empty() ? "" : "  peak " + rateText(*highest) + "/s";
         const int room = view.width - widthOf(line) - 2 - displayWidth(peak);
-        if (!history.empty() && room >= 8) {
-            append(line, {blanks(2),
-                          {graph, sparkline(history, std::min(60, room), view.unicode)},
-                          {dim, peak}});
+        if (history.empty() || room < 8) {
+            return line;
         }
-        return line;
+        return line + Line{blanks(2),
+                           {graph, sparkline(history, std::min(60, room), view.unicode)},
+                           {dim, peak}};
     }
 
     /// As many counts as there is room for.
@@ -374,7 +374,7 @@ private:
             const Line item{{dim, std::string(line.empty() ? "" : "  ") + each.title + " "},
                             {stands ? warning : normal, grouped(number) + (stands ? "!" : "")}};
             if (widthOf(line) + widthOf(item) <= view.width) {
-                append(line, item);
+                line = line + item;
             }
         }
         return line;
@@ -392,12 +392,11 @@ private:
             const int left = std::max(0, view.width - widthOf(line));
             const Line cell = fitted(cells.at(index), left, view.unicode, columns);
             const int missing = columns == noLimit ? 0 : std::min(columns, left) - widthOf(cell);
-            const Segment fill = blanks(missing);
-            append(line, table.at(index).isToTheRight ? Line{fill} : cell);
-            append(line, table.at(index).isToTheRight ? cell : Line{fill});
+            const Line fill{blanks(missing)};
+            line = line + (table.at(index).isToTheRight ? fill + cell : cell + fill);
             line.push_back(blanks(columns == noLimit ? 0 : 1));
         }
-        return fit(line);
+        return line;
     }
 
     Line tableHead(int first, int shown) const {
@@ -421,21 +420,16 @@ private:
         const Line processes{{graph, bar(busy, barColumns, view.unicode)},
                              {normal, " " + std::to_string(detector.copyProcesses) + "/" +
                                           (limit > 0 ? std::to_string(limit) : "?")}};
-        Line last = lastFile(detector);
-        if (kind() == wide) {
-            append(last, cycle(detector));
-        }
+        const Line progress = cycle(detector);
         std::vector<Line> lines{
             tableLine({Line{{normal, detector.id, true}}, state(detector), processes,
                        Line{{normal, figures ? grouped(figures->files) : "-"}},
                        Line{{normal, figures ? byteText(figures->bytes) : "-"}},
-                       space(detector, view.unicode, false), last})};
+                       space(detector, view.unicode, false),
+                       lastFile(detector) + (kind() == wide ? progress : Line())})};
         if (kind() == middle) {
-            Line second{blanks(2)};
-            append(second, space(detector, view.unicode, true));
-            append(second, cycle(detector));
-            append(second, {blanks(2), {dim, detector.target, true}});
-            lines.push_back(fit(second));
+            lines.push_back(Line{blanks(2)} + space(detector, view.unicode, true) + progress +
+                            Line{blanks(2), {dim, detector.target, true}});
         }
         blocks.push_back({rank, std::move(lines), true});
     }
@@ -486,7 +480,7 @@ private:
 
     void addHelp() {
         const int indent = kind() == narrow ? 2 : 20;
-        const auto addLine = [this](const Line& line) { blocks.push_back({0, {fit(line)}, true}); };
+        const auto addLine = [this](const Line& line) { blocks.push_back({0, {line}, true}); };
         for (const auto& [term, text] : explanations) {
             const bool isHeading = *text == '\0';
             if (isHeading && !blocks.empty()) {
@@ -522,7 +516,7 @@ private:
                             "  r redraw"}};
         const int room = view.width - widthOf(line) - 1 - displayWidth(clock);
         if (!view.paused && room >= 2) {
-            append(line, {blanks(room), {dim, clock}});
+            return line + Line{blanks(room), {dim, clock}};
         }
         return line;
     }
@@ -557,8 +551,8 @@ private:
             } else if (block.rank == headRank) {
                 block.lines = {tableHead(first, shown)};
             }
-            if (block.isShown) {
-                layout.lines.insert(layout.lines.end(), block.lines.begin(), block.lines.end());
+            for (std::size_t line = 0; block.isShown && line < block.lines.size(); ++line) {
+                layout.lines.push_back(fitted(block.lines[line], view.width, view.unicode));
             }
         }
         if (!view.whole && view.height > 0) {
