@@ -289,15 +289,10 @@ std::string label(const std::string& name, std::string_view text) {
     return name + "=\"" + value + "\"";
 }
 
-bool endsWith(const std::string& text, const std::string& end) {
-    return text.size() >= end.size() &&
-           text.compare(text.size() - end.size(), end.size(), end) == 0;
-}
-
 /// The head of a family, which is written with its first sample.
 std::string head(const std::string& name, const std::string& help) {
     return "# HELP " + name + " " + help + "\n# TYPE " + name +
-           (endsWith(name, "_total") ? " counter\n" : " gauge\n");
+           (name.find("_total") != std::string::npos ? " counter\n" : " gauge\n");
 }
 
 std::string sample(const std::string& name, const std::string& labels, const std::string& value) {

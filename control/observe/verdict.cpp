@@ -183,10 +183,11 @@ std::vector<Rule> targetRules(const std::vector<const DetectorSnapshot*>& detect
     };
 }
 
-std::vector<Rule> progressRules(const Snapshot& now) {
+std::vector<Rule> otherRules(const Snapshot& now) {
     const Recent& recent = now.recent;
     const Counts& counts = now.counts;
-    const double fruitless = now.isServed() ? recent.fruitless.value_or(0) : 0;
+    const bool runs = now.isServed();
+    const double fruitless = runs ? recent.fruitless.value_or(0) : 0;
     const bool isProven = recent.fruitlessReports >= enoughReports && fruitless >= enoughSeconds;
     return {
         {isProven, grave,
@@ -209,12 +210,6 @@ std::vector<Rule> progressRules(const Snapshot& now) {
          "copy processes or listings could not be started" + theLast(recent.failedStart)},
         {isFresh(recent.complaint, freshComplaint), notable,
          "copy processes complain: " + withoutFullStop(now.lastComplaint)},
-    };
-}
-
-std::vector<Rule> sourceRules(const Snapshot& now) {
-    const bool runs = now.isServed();
-    return {
         {runs && now.log.coverage == LogCoverage::none,
          now.hasFigures ? notable : Level::cannotTell,
          orElse(now.log.problem,
@@ -281,8 +276,7 @@ Verdict verdict(const Snapshot& snapshot) {
     for (const auto& [figures, detectors] : fileSystems) {
         judge(targetRules(detectors, isServed), result, true);
     }
-    judge(progressRules(snapshot), result);
-    judge(sourceRules(snapshot), result);
+    judge(otherRules(snapshot), result);
     std::vector<Verdict::Reason>& reasons = result.reasons;
     std::stable_sort(reasons.begin(), reasons.end(),
                      [](const auto& one, const auto& other) { return one.level > other.level; });

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <cmath>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -34,8 +35,6 @@ namespace control {
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
 constexpr double shortestInterval = 0.2;
 constexpr double longestInterval = 3600;
 
@@ -49,20 +48,21 @@ struct WatchOptions {
     std::string configFile;
 };
 
-Clock::duration duration(double seconds) {
-    return std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
+/// Seconds of a clock that nobody sets.
+double now() {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
 }
 
 /// Milliseconds to that moment for poll(), which is not to wake up before it.
-int millisecondsTo(Clock::time_point moment) {
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(moment - Clock::now()).count();
-    return static_cast<int>(std::clamp<long>(static_cast<long>(left), 0, 60000));
+int millisecondsTo(double moment) {
+    return static_cast<int>(std::ceil(std::clamp(moment - now(), 0.0, 60.0) * 1000));
 }
 
 /// Waits until then, or until nobody reads the standard output any more. False in that case.
-bool waitUntil(Clock::time_point moment) {
-    while (Clock::now() < moment) {
-        pollfd output = {STDOUT_FILENO, 0, 0};
+bool waitUntil(double moment) {
+    pollfd output = {STDOUT_FILENO, 0, 0};
+    while (now() < moment) {
         if (poll(&output, 1, millisecondsTo(moment)) > 0) {
             return false;
         }
@@ -79,15 +79,14 @@ int report(SnapshotSource& source, const WatchOptions& options, bool inLines) {
         complain(snapshot.configProblem); // there is nothing to be shown at all
         return failed;
     }
-    const Clock::duration pause = duration(inLines ? options.interval : lookingTime);
-    for (Clock::time_point next = Clock::now();;) {
+    for (double next = now();;) {
         if (inLines) {
             if (const std::optional<int> end = print(jsonText(snapshot, true) + "\n")) {
                 return *end;
             }
         }
         // One that comes late does not let the next ones come faster.
-        next = std::max(next + pause, Clock::now());
+        next = std::max(next + (inLines ? options.interval : lookingTime), now());
         if (!waitUntil(next)) {
             return succeeded;
         }
@@ -104,7 +103,7 @@ int report(SnapshotSource& source, const WatchOptions& options, bool inLines) {
 class Screen {
 public:
     Screen(SnapshotSource& aSource, Snapshot first, double seconds, bool unicode)
-        : source(aSource), snapshot(std::move(first)), interval(duration(seconds)),
+        : source(aSource), snapshot(std::move(first)), interval(seconds),
           screen(newterm(nullptr, stdout, stdin)) {
         view.unicode = unicode;
         if (screen == nullptr) {
@@ -141,7 +140,7 @@ public:
     /// Shows what the source sees until the operator leaves it, or until a signal, which is read
     /// from this descriptor. Returns the signal, or 0.
     int run(int signals) {
-        Clock::time_point due = Clock::now() + interval;
+        double due = now() + interval;
         while (!quit) {
             draw();
             std::array<pollfd, 2> inputs{{{STDIN_FILENO, POLLIN, 0}, {signals, POLLIN, 0}}};
@@ -161,13 +160,13 @@ public:
             for (int count = 0; count < 100 && !quit && (key = wgetch(stdscr)) != ERR; ++count) {
                 take(key);
             }
-            if (Clock::now() >= due) {
+            if (now() >= due) {
                 // Read on while paused, too: rates and rotations must not be missed.
                 Snapshot fresh = source.look();
                 if (!view.paused) {
                     snapshot = std::move(fresh);
                 }
-                due = Clock::now() + interval;
+                due = now() + interval;
             }
         }
         return 0;
@@ -253,7 +252,7 @@ private:
 
     SnapshotSource& source;
     Snapshot snapshot;
-    Clock::duration interval;
+    double interval;
     SCREEN* screen;
     bool hasColours = false;
     View view;

@@ -190,21 +190,17 @@ Line space(const DetectorSnapshot& detector, bool unicode, bool whole) {
     }
     const double free = partOf(*detector.freeBytes, *detector.totalBytes);
     const bool tight = free < 0.02;
-    Line line{{graph, bar(1 - free, barColumns, unicode)},
-              {tight ? bad : normal, " " + byteText(*detector.freeBytes)},
-              {normal, (whole ? " of " + byteText(*detector.totalBytes) : "") + " free"},
-              {bad, tight ? "!" : ""}};
-    if (detector.freeInodes && detector.totalInodes) {
-        const bool few = *detector.freeInodes < *detector.totalInodes / 50;
-        if (few || whole) {
-            line.push_back({few ? bad : dim,
-                            ", " + countText(*detector.freeInodes) + " inodes" + (few ? "!" : "")});
-        }
-    }
-    if (const std::optional<double>& left = detector.secondsUntilFull) {
-        line.push_back({*left < 3600 ? warning : dim, ", full in " + durationText(*left)});
-    }
-    return line;
+    const std::optional<std::uint64_t>& inodes = detector.freeInodes;
+    const bool few = inodes && *inodes < detector.totalInodes.value_or(0) / 50;
+    const std::optional<double>& left = detector.secondsUntilFull;
+    return {
+        {graph, bar(1 - free, barColumns, unicode)},
+        {tight ? bad : normal, " " + byteText(*detector.freeBytes)},
+        {normal, (whole ? " of " + byteText(*detector.totalBytes) : "") + " free"},
+        {bad, tight ? "!" : ""},
+        {few ? bad : dim, inodes && (few || whole) ? ", " + countText(*inodes) + " inodes" : ""},
+        {bad, few ? "!" : ""},
+        {left.value_or(0) < 3600 ? warning : dim, left ? ", full in " + durationText(*left) : ""}};
 }
 
 /// How far the cycle is that runs.
@@ -219,16 +215,11 @@ Line cycle(const DetectorSnapshot& detector) {
 
 /// The last file, or why there can't be one.
 Line lastFile(const DetectorSnapshot& detector) {
-    if (!detector.complaint.empty()) {
-        return {{bad, detector.complaint, true}};
-    }
-    if (detector.noAnswer) {
-        return {{bad, "no answer for " + durationText(*detector.noAnswer)}};
-    }
-    if (detector.figures) {
-        return {{normal, detector.figures->lastFile, true}};
-    }
-    return {{dim, "not known"}};
+    const std::optional<double>& wait = detector.noAnswer;
+    return !detector.complaint.empty() ? Line{{bad, detector.complaint, true}}
+           : wait                      ? Line{{bad, "no answer for " + durationText(*wait)}}
+           : detector.figures          ? Line{{normal, detector.figures->lastFile, true}}
+                                       : Line{{dim, "not known"}};
 }
 
 /// Lays out what is to be shown.
