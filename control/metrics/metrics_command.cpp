@@ -137,9 +137,7 @@ void addMetricsCommand(CLI::App& app, const CommonOptions& common, int& exitStat
     command->add_option("--config", options->configFile, "Read this configuration file")
         ->type_name("FILE");
     command->callback([options, &common, &exitStatus] {
-        if ((options->once ? 1 : 0) + (options->listen.empty() ? 0 : 1) +
-                (options->write.empty() ? 0 : 1) !=
-            1) {
+        if (!options->once && options->listen.empty() && options->write.empty()) {
             complain("metrics takes --listen ADDRESS:PORT, --write FILE or --once");
             exitStatus = badUsage;
             return;

@@ -54,8 +54,9 @@ std::vector<double> History::changes(int count) const {
     }
     const double end = std::floor(samples.rbegin()->first);
     const double begin = std::max(std::ceil(samples.begin()->first), end - count);
-    for (double second = begin; second < end; ++second) {
-        found.push_back(at(second + 1) - at(second));
+    const int seconds = static_cast<int>(end - begin);
+    for (int second = 0; second < seconds; ++second) {
+        found.push_back(at(begin + second + 1) - at(begin + second));
     }
     return found;
 }
