@@ -75,21 +75,6 @@ std::string_view ending(std::string_view text, int columns) {
     return text;
 }
 
-/// See cutEnd() and cutMiddle().
-std::string cut(std::string_view text, int columns, bool unicode, bool inTheMiddle) {
-    if (displayWidth(text) <= columns) {
-        return std::string(text);
-    }
-    const std::string mark = unicode ? "…" : "..";
-    const int left = columns - displayWidth(mark);
-    if (left < 0) {
-        return std::string(beginning(text, columns));
-    }
-    // What a name ends with (a running number, a suffix) tells more than what it begins with.
-    const int front = inTheMiddle && left > 1 ? left / 2 : left;
-    return std::string(beginning(text, front)) + mark + std::string(ending(text, left - front));
-}
-
 std::string decimal(double value, int digits) {
     std::array<char, 64> text{};
     std::snprintf(text.data(), text.size(), "%.*f", digits, value);
@@ -130,12 +115,18 @@ int displayWidth(std::string_view text) {
     return columns;
 }
 
-std::string cutEnd(std::string_view text, int columns, bool unicode) {
-    return cut(text, columns, unicode, false);
-}
-
-std::string cutMiddle(std::string_view text, int columns, bool unicode) {
-    return cut(text, columns, unicode, true);
+std::string cut(std::string_view text, int columns, bool unicode, bool inTheMiddle) {
+    if (displayWidth(text) <= columns) {
+        return std::string(text);
+    }
+    const std::string mark = unicode ? "…" : "..";
+    const int left = columns - displayWidth(mark);
+    if (left < 0) {
+        return std::string(beginning(text, columns));
+    }
+    // What a name ends with (a running number, a suffix) tells more than what it begins with.
+    const int front = inTheMiddle && left > 1 ? left / 2 : left;
+    return std::string(beginning(text, front)) + mark + std::string(ending(text, left - front));
 }
 
 std::string joined(const std::vector<std::string>& texts, const char* separator) {

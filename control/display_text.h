@@ -22,12 +22,9 @@ std::string displayable(std::string_view text, bool unicode);
 /// The columns that a displayable text takes.
 int displayWidth(std::string_view text);
 
-/// A displayable text cut to a number of columns; where something is missing at the end stands
-/// "…", or ".." without `unicode`.
-std::string cutEnd(std::string_view text, int columns, bool unicode);
-
-/// The same with what is missing taken out of the middle: names differ at both ends.
-std::string cutMiddle(std::string_view text, int columns, bool unicode);
+/// A displayable text cut to a number of columns. Where something is missing stands "…", or ".."
+/// without `unicode`: at the end, or in the middle, since names differ at both ends.
+std::string cut(std::string_view text, int columns, bool unicode, bool inTheMiddle = false);
 
 std::string joined(const std::vector<std::string>& texts, const char* separator);
 

@@ -140,8 +140,8 @@ Line fitted(const Line& line, int columns, bool unicode, int nameColumns = noLim
     Line shown;
     for (const Segment& each : line) {
         std::string text = displayable(each.text, unicode);
-        text = each.isName ? cutMiddle(text, std::min(columns, nameColumns), unicode)
-                           : cutEnd(text, columns, unicode);
+        text =
+            cut(text, each.isName ? std::min(columns, nameColumns) : columns, unicode, each.isName);
         if (!text.empty()) {
             columns -= displayWidth(text);
             shown.push_back({each.style, text});
