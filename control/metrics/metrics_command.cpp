@@ -14,7 +14,6 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
-#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -44,9 +43,6 @@ struct MetricsOptions {
     bool once = false;
     std::string configFile;
 };
-
-/// Gives the figures of now; nothing if there are none.
-using Look = std::function<std::optional<std::string>()>;
 
 /// Looks itself, and notes what changed in the event journal.
 Look observer(const SnapshotOptions& options) {
@@ -97,16 +93,13 @@ int writeFile(const SnapshotOptions& options, const std::string& path) {
 }
 
 int serve(const MetricsOptions& options, const SnapshotOptions& where) {
-    Listening listening = listenAt(options.listen);
+    const Listening listening = listenAt(options.listen);
     if (!listening.problem.empty()) {
         complain(listening.problem);
         return listening.isWrong ? badUsage : failed;
     }
     endOnSignals();
-    MetricsServer server(std::move(listening.socket));
-    for (const Look look = options.from.empty() ? observer(where) : reader(options.from);;) {
-        server.serve(look(), betweenLooks);
-    }
+    serveMetrics(listening.socket, options.from.empty() ? observer(where) : reader(options.from));
 }
 
 } // namespace
