@@ -7,7 +7,6 @@
 #include <cmath>
 #include <cstdio>
 #include <ctime>
-#include <vector>
 
 #include <wchar.h>
 
@@ -15,8 +14,31 @@ namespace control {
 
 namespace {
 
-unsigned char byteAt(std::string_view text, std::size_t position) {
-    return static_cast<unsigned char>(text[position]);
+struct Character {
+    std::string_view bytes; // a single one where there is no UTF-8
+    bool isUtf8 = false;
+    char32_t code = 0;
+};
+
+/// Takes the first character off a text that is not empty.
+Character takeCharacter(std::string_view& text) {
+    const auto byteAt = [&text](std::size_t position) -> char32_t {
+        return static_cast<unsigned char>(text[position]);
+    };
+    static constexpr std::array<char32_t, 5> least{0, 0, 0x80, 0x800, 0x10000}; // by length
+    const char32_t first = byteAt(0);
+    const std::size_t length = first < 0x80 ? 1 : first < 0xe0 ? 2 : first < 0xf0 ? 3 : 4;
+    bool isUtf8 = length == 1 || (first >= 0xc0 && first < 0xf8 && length <= text.size());
+    char32_t code = length == 1 ? first : first & (0x7fU >> length);
+    for (std::size_t position = 1; isUtf8 && position < length; ++position) {
+        isUtf8 = (byteAt(position) & 0xc0) == 0x80;
+        code = code << 6 | (byteAt(position) & 0x3f);
+    }
+    isUtf8 = isUtf8 && code >= least.at(length) && code <= 0x10ffff && code >> 11 != 0x1b;
+    const std::size_t bytes = isUtf8 ? length : 1;
+    const Character taken{text.substr(0, bytes), isUtf8, code};
+    text.remove_prefix(bytes);
+    return taken;
 }
 
 /// Columns of one character on a terminal; 0 or less if it has none of its own.
@@ -27,139 +49,92 @@ int columnsOf(char32_t code) {
     return wcwidth(static_cast<wchar_t>(code));
 }
 
-void appendOctal(std::string& text, unsigned char byte) {
-    std::array<char, 5> octal{};
-    std::snprintf(octal.data(), octal.size(), "\\%03o", static_cast<unsigned>(byte));
-    text += octal.data();
+/// The columns that the next character of a displayable text takes, which is taken off.
+int takeColumns(std::string_view& text) {
+    const Character next = takeCharacter(text);
+    return next.isUtf8 ? std::max(0, columnsOf(next.code)) : 1;
 }
 
 /// The longest beginning of the text that takes no more than that many columns.
 std::string_view beginning(std::string_view text, int columns) {
-    std::size_t end = 0;
-    while (end < text.size()) {
-        const Character next = firstCharacter(text.substr(end));
-        columns -= next.bytes == 0 ? 1 : std::max(0, columnsOf(next.code));
-        if (columns < 0) {
+    std::string_view rest = text;
+    for (std::string_view next = text; columns >= 0; columns -= takeColumns(next)) {
+        rest = next;
+        if (next.empty()) {
             break;
         }
-        end += std::max<std::size_t>(1, next.bytes);
     }
-    return text.substr(0, end);
+    return text.substr(0, text.size() - rest.size());
 }
 
 /// The longest end of it.
 std::string_view ending(std::string_view text, int columns) {
-    int surplus = displayWidth(text) - columns;
-    while (surplus > 0 && !text.empty()) {
-        const Character next = firstCharacter(text);
-        surplus -= next.bytes == 0 ? 1 : std::max(0, columnsOf(next.code));
-        text.remove_prefix(std::max<std::size_t>(1, next.bytes));
+    for (int surplus = displayWidth(text) - columns; surplus > 0 && !text.empty();) {
+        surplus -= takeColumns(text);
     }
     return text;
 }
 
-std::string_view ellipsis(bool unicode) {
-    return unicode ? "…" : "..";
-}
-
-std::string oneDecimal(double value, const char* unit) {
+std::string decimal(double value, int digits) {
     std::array<char, 64> text{};
-    std::snprintf(text.data(), text.size(), value < 99.95 ? "%.1f %s" : "%.0f %s", value, unit);
+    std::snprintf(text.data(), text.size(), "%.*f", digits, value);
     return text.data();
 }
 
 } // namespace
 
-Character firstCharacter(std::string_view text) {
-    const unsigned char first = byteAt(text, 0);
-    if (first < 0x80) {
-        return {first, 1};
-    }
-    struct Form {
-        unsigned char mask;
-        unsigned char mark;
-        std::size_t bytes;
-        char32_t least;
-    };
-    static constexpr std::array<Form, 3> forms{
-        {{0xe0, 0xc0, 2, 0x80}, {0xf0, 0xe0, 3, 0x800}, {0xf8, 0xf0, 4, 0x10000}}};
-    for (const Form& form : forms) {
-        if ((first & form.mask) != form.mark) {
+std::string escaped(std::string_view text, bool (*isPlain)(char32_t code)) {
+    std::string shown;
+    while (!text.empty()) {
+        const Character next = takeCharacter(text);
+        if (next.isUtf8 && isPlain(next.code)) {
+            shown += next.bytes;
             continue;
         }
-        if (text.size() < form.bytes) {
-            return {};
+        for (const char byte : next.bytes) {
+            const auto digit = [byte](int shift) {
+                return static_cast<char>('0' + (static_cast<unsigned char>(byte) >> shift & 7));
+            };
+            shown += {'\\', digit(6), digit(3), digit(0)};
         }
-        char32_t code = first & static_cast<unsigned char>(~form.mask);
-        for (std::size_t position = 1; position < form.bytes; ++position) {
-            const unsigned char byte = byteAt(text, position);
-            if ((byte & 0xc0) != 0x80) {
-                return {};
-            }
-            code = (code << 6) | (byte & 0x3fU);
-        }
-        const bool surrogate = code >= 0xd800 && code <= 0xdfff;
-        if (code < form.least || surrogate || code > 0x10ffff) {
-            return {};
-        }
-        return {code, form.bytes};
     }
-    return {};
+    return shown;
 }
 
 std::string displayable(std::string_view text, bool unicode) {
-    std::string shown;
-    shown.reserve(text.size());
-    while (!text.empty()) {
-        const Character next = firstCharacter(text);
-        const std::size_t bytes = std::max<std::size_t>(1, next.bytes);
-        const bool known = next.bytes == 1 || (unicode && next.bytes > 1);
-        if (known && columnsOf(next.code) > 0) {
-            shown += text.substr(0, bytes);
-        } else {
-            for (std::size_t position = 0; position < bytes; ++position) {
-                appendOctal(shown, byteAt(text, position));
-            }
-        }
-        text.remove_prefix(bytes);
-    }
-    return shown;
+    return escaped(
+        text, unicode ? [](char32_t code) { return columnsOf(code) > 0; }
+                      : [](char32_t code) { return code < 0x80 && columnsOf(code) > 0; });
 }
 
 int displayWidth(std::string_view text) {
     int columns = 0;
     while (!text.empty()) {
-        const Character next = firstCharacter(text);
-        columns += next.bytes == 0 ? 1 : std::max(0, columnsOf(next.code));
-        text.remove_prefix(std::max<std::size_t>(1, next.bytes));
+        columns += takeColumns(text);
     }
     return columns;
 }
 
-std::string cutEnd(std::string_view text, int columns, bool unicode) {
+std::string cut(std::string_view text, int columns, bool unicode, bool inTheMiddle) {
     if (displayWidth(text) <= columns) {
         return std::string(text);
     }
-    const std::string_view mark = ellipsis(unicode);
+    const std::string mark = unicode ? "…" : "..";
     const int left = columns - displayWidth(mark);
     if (left < 0) {
-        return std::string(beginning(text, std::max(0, columns)));
-    }
-    return std::string(beginning(text, left)).append(mark);
-}
-
-std::string cutMiddle(std::string_view text, int columns, bool unicode) {
-    if (displayWidth(text) <= columns) {
-        return std::string(text);
-    }
-    const std::string_view mark = ellipsis(unicode);
-    const int left = columns - displayWidth(mark);
-    if (left < 2) {
-        return cutEnd(text, columns, unicode);
+        return std::string(beginning(text, columns));
     }
     // What a name ends with (a running number, a suffix) tells more than what it begins with.
-    const int front = left / 2;
-    return std::string(beginning(text, front)).append(mark).append(ending(text, left - front));
+    const int front = inTheMiddle && left > 1 ? left / 2 : left;
+    return std::string(beginning(text, front)) + mark + std::string(ending(text, left - front));
+}
+
+std::string joined(const std::vector<std::string>& texts, const char* separator) {
+    std::string all;
+    for (const std::string& text : texts) {
+        all += (all.empty() ? "" : separator) + text;
+    }
+    return all;
 }
 
 std::string grouped(std::uint64_t number) {
@@ -174,14 +149,12 @@ std::string byteText(std::uint64_t bytes) {
     if (bytes < 1024) {
         return std::to_string(bytes) + " B";
     }
-    static constexpr std::array<const char*, 6> units{"KiB", "MiB", "GiB", "TiB", "PiB", "EiB"};
     double value = static_cast<double>(bytes) / 1024;
-    std::size_t unit = 0;
-    while (value >= 1023.5 && unit + 1 < units.size()) {
+    const char* prefix = "KMGTPE";
+    for (; value >= 1023.5; ++prefix) { // 2^64 bytes are 16 EiB
         value /= 1024;
-        ++unit;
     }
-    return oneDecimal(value, units[unit]);
+    return decimal(value, value < 99.95 ? 1 : 0) + " " + *prefix + "iB";
 }
 
 std::string durationText(double seconds) {
@@ -190,19 +163,11 @@ std::string durationText(double seconds) {
         return "more than 30 years";
     }
     const auto whole = static_cast<std::uint64_t>(std::max(0.0, seconds));
-    const std::uint64_t minutes = whole / 60;
-    const std::uint64_t hours = minutes / 60;
-    const std::uint64_t days = hours / 24;
-    if (whole < 60) {
-        return std::to_string(whole) + " s";
-    }
-    if (hours == 0) {
-        return std::to_string(minutes) + " min";
-    }
-    if (days == 0) {
-        return std::to_string(hours) + " h " + std::to_string(minutes % 60) + " min";
-    }
-    return grouped(days) + " d " + std::to_string(hours % 24) + " h";
+    const std::uint64_t hours = whole / 3600;
+    return whole < 60   ? std::to_string(whole) + " s"
+           : hours < 1  ? std::to_string(whole / 60) + " min"
+           : hours < 24 ? std::to_string(hours) + " h " + std::to_string(whole / 60 % 60) + " min"
+                        : grouped(hours / 24) + " d " + std::to_string(hours % 24) + " h";
 }
 
 std::string localTime(double secondsSince1970, const char* format) {
@@ -220,12 +185,9 @@ std::string rateText(double perSecond) {
     if (!(perSecond > 0)) {
         return "0";
     }
-    if (perSecond < 9.95) {
-        std::array<char, 32> text{};
-        std::snprintf(text.data(), text.size(), "%.1f", std::max(0.1, perSecond));
-        return text.data();
-    }
-    return grouped(static_cast<std::uint64_t>(std::llround(std::min(perSecond, 1e15))));
+    return perSecond < 9.95
+               ? decimal(std::max(0.1, perSecond), 1)
+               : grouped(static_cast<std::uint64_t>(std::llround(std::min(perSecond, 1e15))));
 }
 
 } // namespace control

@@ -2,38 +2,31 @@
 // is known.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace control {
 
-/// One character of a UTF-8 text.
-struct Character {
-    char32_t code = 0;
-    std::size_t bytes = 0; // 0: what stands there is no UTF-8
-};
+/// The text with every byte written as \ooo that is not part of a plain character of UTF-8.
+/// Overlong forms, surrogates and codes beyond U+10FFFF are no UTF-8.
+std::string escaped(std::string_view text, bool (*isPlain)(char32_t code));
 
-/// The first character of a text that is not empty. Overlong forms, surrogates and codes beyond
-/// U+10FFFF are no UTF-8.
-Character firstCharacter(std::string_view text);
-
-/// The text with every byte that is not part of a visible character written as \ooo: control
-/// characters, what is no UTF-8, and characters without a width of their own (such as those that
-/// turn the direction of writing). Without `unicode`, for a terminal that only knows ASCII, every
-/// byte above 0x7e too. With it the process's locale must be a UTF-8 one, for wcwidth().
+/// The same for a terminal: plain is what is visible. Control characters are not, nor are those
+/// without a width of their own (such as those that turn the direction of writing). Without
+/// `unicode`, for a terminal that only knows ASCII, nothing above 0x7e is plain. With it the
+/// process's locale must be a UTF-8 one, for wcwidth().
 std::string displayable(std::string_view text, bool unicode);
 
 /// The columns that a displayable text takes.
 int displayWidth(std::string_view text);
 
-/// A displayable text cut to a number of columns; where something is missing at the end stands
-/// "…", or ".." without `unicode`.
-std::string cutEnd(std::string_view text, int columns, bool unicode);
+/// A displayable text cut to a number of columns. Where something is missing stands "…", or ".."
+/// without `unicode`: at the end, or in the middle, since names differ at both ends.
+std::string cut(std::string_view text, int columns, bool unicode, bool inTheMiddle = false);
 
-/// The same with what is missing taken out of the middle: names differ at both ends.
-std::string cutMiddle(std::string_view text, int columns, bool unicode);
+std::string joined(const std::vector<std::string>& texts, const char* separator);
 
 /// "1,234,567"
 std::string grouped(std::uint64_t number);

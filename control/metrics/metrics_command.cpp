@@ -44,27 +44,29 @@ struct MetricsOptions {
     std::string configFile;
 };
 
-/// Looks, and notes what changed in the event journal.
-class Observer {
-public:
-    explicit Observer(SnapshotOptions options) : source(std::move(options)) {}
-
-    std::string look() {
-        const Snapshot snapshot = source.look();
+/// Looks itself, and notes what changed in the event journal.
+Look observer(const SnapshotOptions& options) {
+    return [source = std::make_shared<SnapshotSource>(options), watch = EventWatch(),
+            complained = false]() mutable {
+        const Snapshot snapshot = source->look();
         const std::vector<std::string> texts = watch.changes(snapshot);
         const std::string problem = texts.empty() ? std::string() : noteEvents(texts);
-        if (!problem.empty() && !complained) {
-            complained = true;
+        if (!problem.empty() && !std::exchange(complained, true)) {
             complain(problem);
         }
         return metricsText(snapshot);
-    }
+    };
+}
 
-private:
-    SnapshotSource source;
-    EventWatch watch;
-    bool complained = false;
-};
+/// Reads what another one has written, as long as that one lives: each look is a new file.
+Look reader(const std::string& path) {
+    return [path, lastChange = std::optional<double>(), unchanged = 0]() mutable {
+        const std::optional<double> changed = modificationTime(path);
+        unchanged = changed == lastChange ? unchanged + 1 : 0;
+        lastChange = changed;
+        return unchanged > oldestLook ? std::nullopt : readFile(path, mostFigures).text;
+    };
+}
 
 /// Ends at once: nothing is left half-done that matters.
 void endOnSignals() {
@@ -76,9 +78,8 @@ void endOnSignals() {
 /// Replaces the file after each look.
 int writeFile(const SnapshotOptions& options, const std::string& path) {
     endOnSignals();
-    Observer observer(options);
-    for (;;) {
-        const std::string text = observer.look();
+    for (const Look look = observer(options);;) {
+        const std::string text = look().value();
         const std::string fresh = path + ".new";
         unlink(fresh.c_str());
         const Descriptor file(open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
@@ -91,42 +92,14 @@ int writeFile(const SnapshotOptions& options, const std::string& path) {
     }
 }
 
-/// What another one has written, as long as that one lives: each look is a new file.
-class WrittenFigures {
-public:
-    explicit WrittenFigures(std::string file) : path(std::move(file)) {}
-
-    std::optional<std::string> look() {
-        const std::optional<double> changed = modificationTime(path);
-        unchanged = changed == lastChange ? unchanged + 1 : 0;
-        lastChange = changed;
-        return unchanged > oldestLook ? std::nullopt : readFile(path, mostFigures).text;
-    }
-
-private:
-    std::string path;
-    std::optional<double> lastChange;
-    int unchanged = 0;
-};
-
 int serve(const MetricsOptions& options, const SnapshotOptions& where) {
-    Listening listening = listenAt(options.listen);
+    const Listening listening = listenAt(options.listen);
     if (!listening.problem.empty()) {
         complain(listening.problem);
         return listening.isWrong ? badUsage : failed;
     }
     endOnSignals();
-    MetricsServer server(std::move(listening.socket));
-    if (!options.from.empty()) {
-        for (WrittenFigures figures(options.from);;) {
-            server.setPage(figures.look());
-            server.serve(betweenLooks);
-        }
-    }
-    for (Observer observer(where);;) {
-        server.setPage(observer.look());
-        server.serve(betweenLooks);
-    }
+    serveMetrics(listening.socket, options.from.empty() ? observer(where) : reader(options.from));
 }
 
 } // namespace
@@ -157,9 +130,7 @@ void addMetricsCommand(CLI::App& app, const CommonOptions& common, int& exitStat
     command->add_option("--config", options->configFile, "Read this configuration file")
         ->type_name("FILE");
     command->callback([options, &common, &exitStatus] {
-        if ((options->once ? 1 : 0) + (options->listen.empty() ? 0 : 1) +
-                (options->write.empty() ? 0 : 1) !=
-            1) {
+        if (!options->once && options->listen.empty() && options->write.empty()) {
             complain("metrics takes --listen ADDRESS:PORT, --write FILE or --once");
             exitStatus = badUsage;
             return;

@@ -1,11 +1,10 @@
-// The one table of all figures: what each is called in JSON and for Prometheus, and what it means.
+// All figures: what each is called in JSON and for Prometheus, and what it means.
 #pragma once
 
 #include "control/observe/snapshot.h"
 
 #include <string>
 #include <string_view>
-#include <vector>
 
 namespace control {
 
@@ -21,16 +20,6 @@ std::string metricsText(const Snapshot& snapshot);
 /// bytes that are no UTF-8 are written as \ooo. Different texts give different values, none of them
 /// empty.
 std::string labelValue(std::string_view text);
-
-/// A figure that the view shows by its title.
-struct TitledFigure {
-    const char* title;
-    std::uint64_t number;
-    bool isBad; // any but 0 is a fault
-};
-
-/// Those of the log, the gravest first.
-std::vector<TitledFigure> titledFigures(const Snapshot& snapshot);
 
 /// The name of a state that other programs read.
 const char* nameOf(DetectorSnapshot::State state);

@@ -5,10 +5,9 @@
 #include "control/configuration.h"
 #include "control/event_journal.h"
 #include "control/observe/detector_watch.h"
+#include "control/observe/figure_history.h"
 #include "control/observe/log_follower.h"
 #include "control/observe/log_model.h"
-#include "control/observe/rate_history.h"
-#include "control/observe/recent_changes.h"
 #include "control/observe/snapshot.h"
 
 #include <cstdint>

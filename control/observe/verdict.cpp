@@ -4,6 +4,7 @@
 #include "control/display_text.h"
 
 #include <algorithm>
+#include <array>
 #include <cstdint>
 #include <map>
 #include <tuple>
@@ -14,6 +15,9 @@ namespace control {
 namespace {
 
 using Level = Verdict::Level;
+using Pipe = PipeSnapshot::State;
+constexpr Level grave = Level::notKeepingUp;
+constexpr Level notable = Level::attention;
 
 constexpr double fresh = 300;         // seconds for which what just happened is told
 constexpr double freshComplaint = 60; // the same of a complaint
@@ -28,324 +32,256 @@ constexpr double patience = 60;    // seconds for which copy processes may run w
 constexpr std::uint64_t enoughReports = 2; // ended without a file: no mere chance any more
 constexpr double enoughSeconds = 10;       // the same
 
+/// What is said if the condition holds.
+struct Rule {
+    bool holds;
+    Level level;
+    std::string text;
+    std::string key = {};
+};
+
 std::string count(std::uint64_t number, const std::string& one, const std::string& several) {
     return grouped(number) + " " + (number == 1 ? one : several);
 }
 
+std::string seconds(const std::optional<double>& number) {
+    return durationText(number.value_or(0));
+}
+
 std::string withoutFullStop(std::string text) {
-    while (!text.empty() && (text.back() == '.' || text.back() == '\n')) {
-        text.pop_back();
-    }
-    return text;
+    return text.erase(text.find_last_not_of(".\n") + 1);
 }
 
 std::string orElse(const std::string& text, const std::string& instead) {
     return text.empty() ? instead : withoutFullStop(text);
 }
 
-/// ", the last one 12 s ago"
-std::string when(const std::optional<double>& ago) {
-    return ", the last one " + durationText(ago.value_or(0)) + " ago";
+std::string theLast(const std::optional<double>& ago) {
+    return ", the last one " + seconds(ago) + " ago";
+}
+
+bool isFresh(const std::optional<double>& ago, double limit = fresh) {
+    return ago && *ago <= limit;
 }
 
 /// "03:12", or with the date if it was not today.
 std::string clockTime(double moment, double now) {
     const char* const day = "%Y-%m-%d";
-    return localTime(moment, day) == localTime(now, day) ? localTime(moment, "%H:%M")
-                                                         : localTime(moment, "%Y-%m-%d %H:%M");
+    return localTime(moment,
+                     localTime(moment, day) == localTime(now, day) ? "%H:%M" : "%Y-%m-%d %H:%M");
 }
 
-/// Judges one snapshot. Within one level reasons stay in the order in which they are given.
-class Judge {
-public:
-    explicit Judge(const Snapshot& aSnapshot) : snapshot(aSnapshot) {}
+std::string deathsText(const Deaths& deaths, double now) {
+    return deaths.lastDay == 0
+               ? ""
+               : "the daemon died " +
+                     count(static_cast<std::uint64_t>(deaths.lastDay), "time", "times") +
+                     " in the last 24 h, the last time at " +
+                     clockTime(deaths.last.value_or(0), now) +
+                     (deaths.how.empty() ? "" : " by " + deaths.how);
+}
 
-    Verdict judge() {
-        judgeDaemon();
-        if (snapshot.isServed()) {
-            judgeDetectors();
-            judgePipe();
-        }
-        judgeTargets();
-        if (snapshot.isServed()) {
-            judgeProgress();
-        }
-        judgeHistory();
-        judgeSources();
-        std::stable_sort(
-            result.reasons.begin(), result.reasons.end(),
-            [](const auto& one, const auto& other) { return one.level > other.level; });
-        if (!result.reasons.empty()) {
-            result.level = result.reasons.front().level;
-        }
-        return std::move(result);
+std::vector<Rule> daemonRules(const Snapshot& now) {
+    const DaemonState state = now.daemonState;
+    const auto say = [&now](const char* instead) { return orElse(now.daemonText, instead); };
+    std::string others;
+    for (const pid_t pid : now.otherDaemons) {
+        others += (others.empty() ? "" : ", ") + std::to_string(pid);
     }
+    return {
+        {state == DaemonState::seemsToRun, notable,
+         say("only root can be sure that the daemon runs")},
+        {state == DaemonState::dead, Level::down, say("the daemon is dead")},
+        {state == DaemonState::notRunning, Level::down, say("no daemon runs")},
+        {state == DaemonState::unknown, Level::cannotTell,
+         say("it is not known whether a daemon runs"), "daemon"},
+        {!others.empty(), grave,
+         "another daemon runs beside it (process " + others +
+             "), so files are announced twice: end one of them",
+         "two daemons"},
+    };
+}
 
-private:
-    void add(Level level, std::string text, std::string key = {}) {
-        result.reasons.push_back({level, std::move(text), std::move(key)});
+std::vector<Rule> detectorRules(const DetectorSnapshot& detector, double now) {
+    using State = DetectorSnapshot::State;
+    const std::string name = "detector " + detector.id + " (" + detector.remoteIp + ")";
+    const std::string key = "detector " + detector.id;
+    const std::string complaint = withoutFullStop(detector.complaint);
+    const bool unreachable = detector.state == State::unreachable;
+    const bool hanging = detector.state == State::hanging;
+    const std::string since =
+        detector.failingSince ? " since " + clockTime(*detector.failingSince, now) : "";
+    return {
+        {unreachable, grave, name + " can't be listed" + since + ": " + complaint, key},
+        {hanging && detector.preparing, grave,
+         "the target of " + name + ", " + detector.target + ", has not answered for " +
+             seconds(detector.noAnswer),
+         key},
+        {hanging && !detector.preparing, grave,
+         "the listing of " + name + " has had no answer for " + seconds(detector.noAnswer), key},
+        {!unreachable && !hanging && !complaint.empty(), notable,
+         "the listing of " + name + " complains: " + complaint, key},
+    };
+}
+
+std::vector<Rule> pipeRules(const Snapshot& now) {
+    const PipeSnapshot& pipe = now.pipe;
+    return {
+        {!now.listingComplaint.empty(), grave,
+         "a listing fails, it is not known of which detector: " +
+             withoutFullStop(now.listingComplaint),
+         "listing"},
+        {now.waits.writing.value_or(0) >= waitProves, grave,
+         orElse(joined(pipe.readers, ", "), "the consumer") +
+             " holds the pipe open and has read nothing for " + seconds(now.waits.writing) +
+             ": copying stands still",
+         "consumer"},
+        {now.waits.opening.value_or(0) >= waitProves && pipe.state != Pipe::noReader &&
+             pipe.state != Pipe::unknown,
+         grave, "a copy waits for a reader of a pipe that was removed: restart the daemon",
+         "removed pipe"},
+        {pipe.state == Pipe::noReader, grave,
+         "nobody reads the pipe " + pipe.path + ", so copying stands still until somebody does",
+         "pipe"},
+        {pipe.state == Pipe::absent, grave,
+         "there is no pipe " + pipe.path + ", so files are copied and announced to nobody", "pipe"},
+        {pipe.state == Pipe::notAPipe, grave,
+         "what stands at " + pipe.path + " is no pipe, so files are announced to nobody", "pipe"},
+        {pipe.state == Pipe::unknown, notable, "whether somebody reads the pipe can't be seen"},
+    };
+}
+
+/// Of a file system, by the detectors whose targets are there.
+std::vector<Rule> targetRules(const std::vector<const DetectorSnapshot*>& detectors,
+                              bool isServed) {
+    const DetectorSnapshot& first = *detectors.front();
+    const std::string key = "target " + first.id;
+    const std::string target =
+        "the target of detector " + first.id +
+        (detectors.size() > 1 ? " (and of " + grouped(detectors.size() - 1) + " more)" : "");
+    const auto partOf = [](std::optional<std::uint64_t> free, std::optional<std::uint64_t> total) {
+        return free && total.value_or(0) > 0
+                   ? static_cast<double>(*free) / static_cast<double>(*total)
+                   : 1;
+    };
+    const std::uint64_t bytes = *first.freeBytes;
+    const double free = partOf(bytes, first.totalBytes);
+    const std::uint64_t inodes = first.freeInodes.value_or(0);
+    const double freeInodes = partOf(first.freeInodes, first.totalInodes);
+    double left = soon + 1;
+    for (const DetectorSnapshot* const each : detectors) {
+        left = std::min(left, each->secondsUntilFull.value_or(left));
     }
+    return {
+        {bytes < nothingLeft, grave, target + " is full: no space left on device", key},
+        {freeInodes < 1 && inodes < fewInodes, grave,
+         target + " has no free inodes: no further file can be made", key},
+        {free < tight, notable, target + " is nearly full: " + byteText(bytes), key},
+        {freeInodes < tight, notable, target + " has few free inodes: " + grouped(inodes), key},
+        {isServed && left <= soon && free < roomy, notable,
+         target + " is full in " + durationText(left), key},
+    };
+}
 
-    void judgeDaemon() {
-        const std::string& text = snapshot.daemonText;
-        switch (snapshot.daemonState) {
-        case DaemonState::running:
-            break;
-        case DaemonState::seemsToRun:
-            add(Level::attention, orElse(text, "only root can be sure that the daemon runs"));
-            break;
-        case DaemonState::dead:
-            add(Level::down, orElse(text, "the daemon is dead"));
-            break;
-        case DaemonState::notRunning:
-            add(Level::down, orElse(text, "no daemon runs"));
-            break;
-        case DaemonState::unknown:
-            add(Level::cannotTell, orElse(text, "it is not known whether a daemon runs"), "daemon");
-            break;
-        }
-        if (!snapshot.otherDaemons.empty()) {
-            std::string others;
-            for (const pid_t pid : snapshot.otherDaemons) {
-                others.append(others.empty() ? "" : ", ").append(std::to_string(pid));
-            }
-            add(Level::notKeepingUp,
-                "another daemon runs beside it (process " + others +
-                    "), so files are announced twice: end one of them",
-                "two daemons");
-        }
-        const Deaths& deaths = snapshot.deaths;
-        if (deaths.lastDay == 0) {
-            return;
-        }
-        const double last = deaths.last.value_or(0);
-        const std::string how = deaths.how.empty() ? "" : " by " + deaths.how;
-        result.note = "the daemon died " +
-                      count(static_cast<std::uint64_t>(deaths.lastDay), "time", "times") +
-                      " in the last 24 h, the last time at " + clockTime(last, snapshot.time) + how;
-        if (snapshot.isServed() && snapshot.time - last < freshDeath) {
-            add(Level::attention, std::exchange(result.note, {}));
-        }
-    }
+std::vector<Rule> otherRules(const Snapshot& now) {
+    const Recent& recent = now.recent;
+    const Counts& counts = now.counts;
+    const bool runs = now.isServed();
+    const double fruitless = runs ? recent.fruitless.value_or(0) : 0;
+    const bool isProven = recent.fruitlessReports >= enoughReports && fruitless >= enoughSeconds;
+    return {
+        {isProven, grave,
+         grouped(recent.fruitlessReports) + " copy processes ended in the last " +
+             durationText(fruitless) + ", and no file was confirmed",
+         "fruitless"},
+        {fruitless >= patience && !isProven, notable,
+         "copy processes run, but none has confirmed a file for " + durationText(fruitless)},
+        {isFresh(recent.failedHandoff), grave,
+         count(counts.failedHandoffs, "file was", "files were") +
+             " copied but could not be announced" + theLast(recent.failedHandoff) +
+             " (skarnctl unannounced names them)"},
+        {isFresh(recent.withoutPipe) && now.pipe.state != Pipe::absent, notable,
+         count(counts.withoutPipe, "copy process", "copy processes") +
+             " found no pipe and announced nothing" + theLast(recent.withoutPipe)},
+        {isFresh(recent.lost) && now.missing > 0, notable,
+         count(now.missing, "file was", "files were") + " sent and not confirmed" +
+             theLast(recent.lost)},
+        {isFresh(recent.failedStart), notable,
+         "copy processes or listings could not be started" + theLast(recent.failedStart)},
+        {isFresh(recent.complaint, freshComplaint), notable,
+         "copy processes complain: " + withoutFullStop(now.lastComplaint)},
+        {runs && now.log.coverage == LogCoverage::none,
+         now.hasFigures ? notable : Level::cannotTell,
+         orElse(now.log.problem,
+                "there is no log to read, so what the daemon did can't be counted")},
+        {!now.configProblem.empty(), runs ? Level::cannotTell : notable,
+         withoutFullStop(now.configProblem), "configuration"},
+        {now.configProblem.empty() && now.configChanged, notable,
+         "the configuration was changed after the daemon read it: restart it, or what is shown "
+         "may be wrong",
+         "configuration"},
+    };
+}
 
-    void judgeDetectors() {
-        for (const DetectorSnapshot& each : snapshot.detectors) {
-            judgeDetector(each);
-        }
-        if (!snapshot.listingComplaint.empty()) {
-            add(Level::notKeepingUp,
-                "a listing fails, it is not known of which detector: " +
-                    withoutFullStop(snapshot.listingComplaint),
-                "listing");
-        }
-    }
-
-    void judgeDetector(const DetectorSnapshot& each) {
-        using State = DetectorSnapshot::State;
-        const std::string name = "detector " + each.id + " (" + each.remoteIp + ")";
-        const std::string key = "detector " + each.id;
-        if (each.state == State::unreachable) {
-            const std::string since =
-                each.failingSince ? " since " + clockTime(*each.failingSince, snapshot.time) : "";
-            add(Level::notKeepingUp,
-                name + " can't be listed" + since + ": " + withoutFullStop(each.complaint), key);
-        } else if (each.state == State::hanging && each.preparing) {
-            add(Level::notKeepingUp,
-                "the target of " + name + ", " + each.target + ", has not answered for " +
-                    durationText(each.noAnswer.value_or(0)),
-                key);
-        } else if (each.state == State::hanging) {
-            add(Level::notKeepingUp,
-                "the listing of " + name + " has had no answer for " +
-                    durationText(each.noAnswer.value_or(0)),
-                key);
-        } else if (!each.complaint.empty()) {
-            add(Level::attention,
-                "the listing of " + name + " complains: " + withoutFullStop(each.complaint), key);
-        }
-    }
-
-    void judgePipe() {
-        const PipeSnapshot& pipe = snapshot.pipe;
-        const bool full = snapshot.waits.writing.value_or(0) >= waitProves;
-        const bool opening = snapshot.waits.opening.value_or(0) >= waitProves;
-        if (full) {
-            std::string who;
-            for (const std::string& reader : pipe.readers) {
-                who += (who.empty() ? "" : ", ") + reader;
-            }
-            add(Level::notKeepingUp,
-                orElse(who, "the consumer") + " holds the pipe open and has read nothing for " +
-                    durationText(*snapshot.waits.writing) + ": copying stands still",
-                "consumer");
-        }
-        if (opening && pipe.state != PipeSnapshot::State::noReader &&
-            pipe.state != PipeSnapshot::State::unknown) {
-            add(Level::notKeepingUp,
-                "a copy waits for a reader of a pipe that was removed: restart the daemon",
-                "removed pipe");
-        }
-        switch (pipe.state) {
-        case PipeSnapshot::State::noReader:
-            add(Level::notKeepingUp,
-                "nobody reads the pipe " + pipe.path +
-                    ", so copying stands still until somebody does",
-                "pipe");
-            break;
-        case PipeSnapshot::State::absent:
-            add(Level::notKeepingUp,
-                "there is no pipe " + pipe.path + ", so files are copied and announced to nobody",
-                "pipe");
-            break;
-        case PipeSnapshot::State::notAPipe:
-            add(Level::notKeepingUp,
-                "what stands at " + pipe.path + " is no pipe, so files are announced to nobody",
-                "pipe");
-            break;
-        case PipeSnapshot::State::unknown:
-            add(Level::attention, "whether somebody reads the pipe can't be seen");
-            break;
-        case PipeSnapshot::State::read:
-            break;
-        }
-    }
-
-    /// Detectors whose targets have the same figures share a file system, and one reason will do.
-    void judgeTargets() {
-        std::map<std::tuple<std::uint64_t, std::uint64_t, std::uint64_t>,
-                 std::vector<const DetectorSnapshot*>>
-            fileSystems;
-        for (const DetectorSnapshot& each : snapshot.detectors) {
-            if (each.targetIsSilent) {
-                add(snapshot.isServed() ? Level::notKeepingUp : Level::attention,
-                    "the file system of detector " + each.id + "'s target " + each.target +
-                        " does not answer",
-                    "target " + each.id);
-            } else if (each.freeBytes) {
-                fileSystems[{*each.freeBytes, each.totalBytes.value_or(0),
-                             each.freeInodes.value_or(UINT64_MAX)}]
-                    .push_back(&each);
+/// Notes what holds of these rules; `onlyFirst`: the first one alone.
+void judge(std::vector<Rule> rules, Verdict& verdict, bool onlyFirst = false) {
+    for (Rule& rule : rules) {
+        if (rule.holds) {
+            verdict.reasons.push_back({rule.level, std::move(rule.text), std::move(rule.key)});
+            if (onlyFirst) {
+                return;
             }
         }
-        for (const auto& [figures, detectors] : fileSystems) {
-            judgeFileSystem(detectors);
-        }
     }
-
-    void judgeFileSystem(const std::vector<const DetectorSnapshot*>& detectors) {
-        const DetectorSnapshot& first = *detectors.front();
-        std::string target = "the target of detector " + first.id;
-        const std::string key = "target " + first.id;
-        if (detectors.size() > 1) {
-            target += " (and of " + grouped(detectors.size() - 1) + " more)";
-        }
-        const double total = static_cast<double>(first.totalBytes.value_or(0));
-        const double free = total > 0 ? static_cast<double>(*first.freeBytes) / total : 1;
-        const double inodes =
-            first.freeInodes && first.totalInodes && *first.totalInodes > 0
-                ? static_cast<double>(*first.freeInodes) / static_cast<double>(*first.totalInodes)
-                : 1;
-        std::optional<double> left;
-        for (const DetectorSnapshot* const each : detectors) {
-            if (each->secondsUntilFull) {
-                left = std::min(left.value_or(*each->secondsUntilFull), *each->secondsUntilFull);
-            }
-        }
-        if (*first.freeBytes < nothingLeft) {
-            add(Level::notKeepingUp, target + " is full: no space left on device", key);
-        } else if (inodes < 1 && *first.freeInodes < fewInodes) {
-            add(Level::notKeepingUp, target + " has no free inodes: no further file can be made",
-                key);
-        } else if (free < tight) {
-            add(Level::attention, target + " is nearly full: " + byteText(*first.freeBytes), key);
-        } else if (inodes < tight) {
-            add(Level::attention, target + " has few free inodes: " + grouped(*first.freeInodes),
-                key);
-        } else if (snapshot.isServed() && left && *left <= soon && free < roomy) {
-            add(Level::attention, target + " is full in " + durationText(*left), key);
-        }
-    }
-
-    void judgeProgress() {
-        const Recent& recent = snapshot.recent;
-        if (!recent.fruitless) {
-            return;
-        }
-        if (recent.fruitlessReports >= enoughReports && *recent.fruitless >= enoughSeconds) {
-            add(Level::notKeepingUp,
-                grouped(recent.fruitlessReports) + " copy processes ended in the last " +
-                    durationText(*recent.fruitless) + ", and no file was confirmed",
-                "fruitless");
-        } else if (*recent.fruitless >= patience) {
-            add(Level::attention, "copy processes run, but none has confirmed a file for " +
-                                      durationText(*recent.fruitless));
-        }
-    }
-
-    /// What happened just now, and is told for some minutes.
-    void judgeHistory() {
-        const Recent& recent = snapshot.recent;
-        const Counts& counts = snapshot.counts;
-        const auto isFresh = [](const std::optional<double>& ago, double limit = fresh) {
-            return ago && *ago <= limit;
-        };
-        if (isFresh(recent.failedHandoff)) {
-            add(Level::notKeepingUp, count(counts.failedHandoffs, "file was", "files were") +
-                                         " copied but could not be announced" +
-                                         when(recent.failedHandoff) +
-                                         " (skarnctl unannounced names them)");
-        }
-        if (isFresh(recent.withoutPipe) && snapshot.pipe.state != PipeSnapshot::State::absent) {
-            add(Level::attention, count(counts.withoutPipe, "copy process", "copy processes") +
-                                      " found no pipe and announced nothing" +
-                                      when(recent.withoutPipe));
-        }
-        if (isFresh(recent.lost) && snapshot.missing > 0) {
-            add(Level::attention, count(snapshot.missing, "file was", "files were") +
-                                      " sent and not confirmed" + when(recent.lost));
-        }
-        if (isFresh(recent.failedStart)) {
-            add(Level::attention,
-                "copy processes or listings could not be started" + when(recent.failedStart));
-        }
-        if (isFresh(recent.complaint, freshComplaint)) {
-            add(Level::attention,
-                "copy processes complain: " + withoutFullStop(snapshot.lastComplaint));
-        }
-    }
-
-    void judgeSources() {
-        const bool running = snapshot.isServed();
-        if (running && snapshot.log.coverage == LogCoverage::none) {
-            add(snapshot.hasFigures ? Level::attention : Level::cannotTell,
-                orElse(snapshot.log.problem,
-                       "there is no log to read, so what the daemon did can't be counted"));
-        }
-        if (!snapshot.configProblem.empty()) {
-            add(running ? Level::cannotTell : Level::attention,
-                withoutFullStop(snapshot.configProblem), "configuration");
-        } else if (snapshot.configChanged) {
-            add(Level::attention,
-                "the configuration was changed after the daemon read it: restart it, or what "
-                "is shown may be wrong",
-                "configuration");
-        }
-    }
-
-    const Snapshot& snapshot;
-    Verdict result;
-};
+}
 
 } // namespace
 
 std::string headline(Verdict::Level level) {
-    static const std::vector<const char*> words{"KEEPING UP", "KEEPING UP, BUT", "CAN'T TELL",
-                                                "NOT KEEPING UP", "DOWN"};
+    static constexpr std::array<const char*, 5> words{"KEEPING UP", "KEEPING UP, BUT", "CAN'T TELL",
+                                                      "NOT KEEPING UP", "DOWN"};
     return words.at(static_cast<std::size_t>(level));
 }
 
 Verdict verdict(const Snapshot& snapshot) {
-    return Judge(snapshot).judge();
+    const bool isServed = snapshot.isServed();
+    Verdict result;
+    judge(daemonRules(snapshot), result);
+    const std::string died = deathsText(snapshot.deaths, snapshot.time);
+    const bool justNow = isServed && snapshot.time - snapshot.deaths.last.value_or(0) < freshDeath;
+    judge({{justNow && !died.empty(), notable, died}}, result);
+    result.note = justNow ? "" : died;
+    if (isServed) {
+        for (const DetectorSnapshot& detector : snapshot.detectors) {
+            judge(detectorRules(detector, snapshot.time), result);
+        }
+        judge(pipeRules(snapshot), result);
+    }
+    // Targets with the same figures share a file system, and one reason will do.
+    std::map<std::tuple<std::uint64_t, std::uint64_t, std::uint64_t>,
+             std::vector<const DetectorSnapshot*>>
+        fileSystems;
+    for (const DetectorSnapshot& each : snapshot.detectors) {
+        judge({{each.targetIsSilent, isServed ? grave : notable,
+                "the file system of detector " + each.id + "'s target " + each.target +
+                    " does not answer",
+                "target " + each.id}},
+              result);
+        if (!each.targetIsSilent && each.freeBytes) {
+            fileSystems[{*each.freeBytes, each.totalBytes.value_or(0),
+                         each.freeInodes.value_or(UINT64_MAX)}]
+                .push_back(&each);
+        }
+    }
+    for (const auto& [figures, detectors] : fileSystems) {
+        judge(targetRules(detectors, isServed), result, true);
+    }
+    judge(otherRules(snapshot), result);
+    std::vector<Verdict::Reason>& reasons = result.reasons;
+    std::stable_sort(reasons.begin(), reasons.end(),
+                     [](const auto& one, const auto& other) { return one.level > other.level; });
+    result.level = reasons.empty() ? Level::keepingUp : reasons.front().level;
+    return result;
 }
 
 } // namespace control

@@ -8,673 +8,65 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <functional>
+#include <sstream>
 #include <utility>
 
 namespace control {
 
 namespace {
 
+constexpr Style normal = Style::normal;
+constexpr Style dim = Style::dim;
+constexpr Style good = Style::good;
+constexpr Style warning = Style::warning;
+constexpr Style bad = Style::bad;
+constexpr Style heading = Style::heading;
+constexpr Style graph = Style::graph;
+
 constexpr int barColumns = 8;
-constexpr int wideTable = 130;  // columns from which a detector has one line
-constexpr int narrowTable = 60; // columns below which only the most important of it is shown
+constexpr int noLimit = 1 << 20;
+constexpr double fresh = 300; // seconds
 
-/// One line under construction: never wider than the screen.
-class LineBuilder {
-public:
-    LineBuilder(int width, bool asUnicode) : left(width), unicode(asUnicode) {}
+/// The tables that screens of different widths have room for.
+enum Table : std::size_t { narrow, middle, wide };
 
-    int room() const { return left; }
-
-    /// Adds text that may hold any byte.
-    LineBuilder& add(Style style, const std::string& text) {
-        return put(style, cutEnd(displayable(text, unicode), left, unicode));
-    }
-
-    /// The same, cut in the middle so as to take no more than that many columns.
-    LineBuilder& addName(Style style, const std::string& text, int columns) {
-        return put(style, cutMiddle(displayable(text, unicode), std::min(columns, left), unicode));
-    }
-
-    /// Fills up with blanks to that many columns from the left edge of the cell that began when
-    /// `room()` was `from`.
-    LineBuilder& fill(int from, int columns) {
-        const int blanks = std::min(left, columns - (from - left));
-        return blanks > 0 ? put(Style::normal, std::string(static_cast<std::size_t>(blanks), ' '))
-                          : *this;
-    }
-
-    /// A cell of a table: the text, cut if need be, to the left or to the right, and a blank.
-    LineBuilder& cell(Style style, const std::string& text, int columns, bool toTheRight = false) {
-        const int from = left;
-        const std::string shown =
-            cutMiddle(displayable(text, unicode), std::min(columns, left), unicode);
-        if (toTheRight) {
-            fill(from, columns - displayWidth(shown));
-        }
-        put(style, shown);
-        return fill(from, columns + 1);
-    }
-
-    Line take() { return std::move(line); }
-
-private:
-    LineBuilder& put(Style style, std::string text) {
-        text = cutEnd(text, left, unicode);
-        if (!text.empty()) {
-            left -= displayWidth(text);
-            line.push_back({style, std::move(text)});
-        }
-        return *this;
-    }
-
-    Line line;
-    int left;
-    bool unicode;
+/// A column of the table of detectors.
+struct Column {
+    const char* title;
+    std::array<int, 3> columns; // in each of these; 0: not there, noLimit: the rest of the line
+    bool isToTheRight = false;
 };
+constexpr std::array<Column, 7> table{{
+    {"DETECTOR", {8, 10, 12}},
+    {"STATE", {11, 11, 11}},
+    {"PROCESSES", {0, barColumns + 4, barColumns + 4}},
+    {"FILES", {11, 11, 11}, true},
+    {"BYTES", {8, 8, 8}, true},
+    {"FREE AT TARGET", {0, 0, 43}},
+    {"LAST FILE", {0, noLimit, noLimit}},
+}};
 
-/// One line or more that are shown together or not at all.
-struct Block {
-    int rank = 0; // those of a lower one are found room for first
-    std::vector<Line> lines;
-    bool detector = false;
+/// What the log counts: its title, and whether any but 0 is a fault. The gravest first.
+struct CountTitle {
+    const char* title;
+    std::uint64_t Counts::*count;
+    bool isBad = true;
 };
+constexpr std::array<CountTitle, 10> countTitles{{
+    {"lost", &Counts::lost},
+    {"not announced", &Counts::failedHandoffs},
+    {"no pipe", &Counts::withoutPipe},
+    {"failed starts", &Counts::failedStarts},
+    {"failed listings", &Counts::failedListings},
+    {"complaints", &Counts::complaints},
+    {"long records", &Counts::longRecords},
+    {"lists left", &Counts::failedRemovals},
+    {"cycles", &Counts::cycles, false},
+    {"processes", &Counts::processes, false},
+}};
 
-/// From what matters most to what matters least.
-namespace rank {
-constexpr int verdict = 0;
-constexpr int moreOfVerdict = 1;
-constexpr int tableHead = 2;
-constexpr int firstDetector = 3;
-constexpr int daemon = 4;
-constexpr int files = 5;
-constexpr int secondDetector = 6;
-constexpr int counts = 7;
-constexpr int pipe = 8;
-constexpr int log = 9;
-constexpr int furtherDetectors = 10; // the third and the fourth
-constexpr int reasons = 11;
-constexpr int complaint = 12;
-constexpr int manyDetectors = 13;
-constexpr int blank = 14;
-} // namespace rank
-
-Style styleOf(Verdict::Level level) {
-    switch (level) {
-    case Verdict::Level::keepingUp:
-        return Style::good;
-    case Verdict::Level::attention:
-    case Verdict::Level::cannotTell:
-        return Style::warning;
-    case Verdict::Level::notKeepingUp:
-    case Verdict::Level::down:
-        return Style::bad;
-    }
-    return Style::normal;
-}
-
-std::string stateText(DetectorSnapshot::State state) {
-    std::string text = nameOf(state);
-    std::replace(text.begin(), text.end(), '_', ' ');
-    return text;
-}
-
-Style styleOf(DetectorSnapshot::State state) {
-    switch (state) {
-    case DetectorSnapshot::State::copying:
-        return Style::good;
-    case DetectorSnapshot::State::notServed:
-    case DetectorSnapshot::State::unreachable:
-    case DetectorSnapshot::State::hanging:
-        return Style::bad;
-    case DetectorSnapshot::State::listing:
-    case DetectorSnapshot::State::idle:
-        break;
-    }
-    return Style::dim;
-}
-
-/// Millions of bytes a second.
-std::string megabytes(double bytes) {
-    return rateText(bytes / 1e6);
-}
-
-/// "17", "34 k", "2 M": so many that the rest does not matter.
-std::string countText(std::uint64_t number) {
-    return number < 10000     ? grouped(number)
-           : number < 9500000 ? grouped(number / 1000) + " k"
-                              : grouped(number / 1000000) + " M";
-}
-
-std::string joined(const std::vector<std::string>& words, const char* separator) {
-    std::string text;
-    for (const std::string& word : words) {
-        text += (text.empty() ? "" : separator) + word;
-    }
-    return text;
-}
-
-/// The words of a displayable text in lines of so many columns, the first one of another number.
-std::vector<std::string> wrapped(const std::string& text, int first, int others) {
-    std::vector<std::string> lines(1);
-    std::size_t position = 0;
-    while (position < text.size()) {
-        const std::size_t end = std::min(text.find(' ', position), text.size());
-        const std::string word = text.substr(position, end - position);
-        std::string& last = lines.back();
-        const int room = lines.size() == 1 ? first : others;
-        if (!last.empty() && displayWidth(last) + 1 + displayWidth(word) > room) {
-            lines.push_back(word);
-        } else {
-            last += (last.empty() ? "" : " ") + word;
-        }
-        position = end + 1;
-    }
-    return lines;
-}
-
-/// Lays the figures out.
-class Figures {
-public:
-    Figures(const Snapshot& aSnapshot, const View& aView)
-        : snapshot(aSnapshot), view(aView), judgement(verdict(aSnapshot)) {}
-
-    Layout layOut() {
-        makeBlocks();
-        return arrange(choose());
-    }
-
-private:
-    LineBuilder line() const { return {view.width, view.unicode}; }
-
-    void add(int rank, std::vector<Line> lines, bool detector = false) {
-        blocks.push_back({rank, std::move(lines), detector});
-    }
-
-    void addBlank() { add(rank::blank, {Line{}}); }
-
-    void makeBlocks() {
-        addVerdict();
-        addReasons();
-        add(rank::daemon, {daemonLine()});
-        addBlank();
-        add(rank::files, {filesLine()});
-        add(rank::counts, {countsLine()});
-        addBlank();
-        add(rank::tableHead, {}); // made when it is known which detectors are shown
-        for (std::size_t index = 0; index < snapshot.detectors.size(); ++index) {
-            const int importance = index == 0   ? rank::firstDetector
-                                   : index == 1 ? rank::secondDetector
-                                   : index < 4  ? rank::furtherDetectors
-                                                : rank::manyDetectors;
-            add(importance, detectorLines(snapshot.detectors[index]), true);
-        }
-        addBlank();
-        add(rank::pipe, {pipeLine()});
-        add(rank::log, {logLine()});
-        addComplaint();
-    }
-
-    // The lines.
-
-    /// The verdict with its gravest reason, which may take a line or two more.
-    void addVerdict() {
-        LineBuilder built = line();
-        built.add(styleOf(judgement.level), headline(judgement.level));
-        std::string text =
-            judgement.reasons.empty() ? progressText() : judgement.reasons.front().text;
-        if (judgement.reasons.size() < 2 && !judgement.note.empty()) {
-            text += (text.empty() ? "" : "; ") + judgement.note;
-        }
-        built.add(Style::normal, text.empty() ? "" : ": ");
-        addWrapped(std::move(built), text, view.whole ? text.size() : 3, rank::verdict,
-                   rank::moreOfVerdict);
-    }
-
-    /// A text of unknown origin in as many lines as are allowed, the first of which was begun.
-    void addWrapped(LineBuilder built, const std::string& text, std::size_t most, int firstRank,
-                    int otherRank) {
-        const std::vector<std::string> parts =
-            wrapped(displayable(text, view.unicode), built.room(), view.width - 4);
-        for (std::size_t index = 0; index < parts.size() && index < std::max<std::size_t>(1, most);
-             ++index) {
-            built.add(Style::normal, index == 0 ? parts[index] : "    " + parts[index]);
-            add(index == 0 ? firstRank : otherRank, {built.take()});
-            built = line();
-        }
-    }
-
-    std::string progressText() const {
-        const std::string unsure =
-            snapshot.isServed() && !snapshot.hasFigures
-                ? ", as far as can be seen: the copy program does not say how its listings go"
-                : "";
-        if (snapshot.recent.file && *snapshot.recent.file < 300) {
-            return "files are coming in" + unsure;
-        }
-        if (snapshot.recent.fruitless) {
-            return "copy processes run" + unsure;
-        }
-        if (snapshot.recent.watched >= 5) {
-            return "nothing to copy for the last " +
-                   durationText(snapshot.recent.file.value_or(snapshot.recent.watched)) + unsure;
-        }
-        return unsure.empty() ? "" : unsure.substr(2);
-    }
-
-    void addReasons() {
-        std::vector<std::string> others;
-        for (const Verdict::Reason& reason : judgement.reasons) {
-            others.push_back(reason.text);
-        }
-        if (others.empty()) {
-            return;
-        }
-        others.erase(others.begin());
-        if (!others.empty() && !judgement.note.empty()) {
-            others.push_back(judgement.note);
-        }
-        const std::size_t most = view.whole ? others.size() : 3;
-        for (std::size_t index = 0; index < others.size() && index < most; ++index) {
-            LineBuilder built = line();
-            built.add(Style::dim, "  - ");
-            if (view.whole) {
-                addWrapped(std::move(built), others[index], others[index].size(), rank::reasons,
-                           rank::reasons);
-                continue;
-            }
-            built.add(Style::normal, others[index]);
-            if (index + 1 == most && others.size() > most) {
-                built.add(Style::dim, "; and " + grouped(others.size() - most) + " more");
-            }
-            add(rank::reasons, {built.take()});
-        }
-    }
-
-    Line daemonLine() const {
-        LineBuilder built = line();
-        if (!snapshot.isServed()) {
-            built.add(Style::normal, snapshot.daemonState == DaemonState::unknown
-                                         ? "Whether a daemon runs can't be seen."
-                                         : "No daemon runs. The counts are those of the last one.");
-            return built.take();
-        }
-        built.add(Style::normal, "Daemon " + std::to_string(snapshot.pid));
-        if (snapshot.upSince) {
-            built.add(Style::normal, " up " + durationText(snapshot.time - *snapshot.upSince) +
-                                         " (since " + localTime(*snapshot.upSince) + ")");
-        }
-        built.add(Style::dim, snapshot.startOptions.empty()
-                                  ? std::string(", no start options")
-                                  : ", options " + joined(snapshot.startOptions, " "));
-        return built.take();
-    }
-
-    Line filesLine() const {
-        LineBuilder built = line();
-        built.add(Style::heading, "Files ").add(Style::normal, grouped(snapshot.files));
-        if (snapshot.hasFigures) {
-            built.add(Style::normal, ", " + byteText(snapshot.bytes));
-        }
-        if (snapshot.filesSince && view.width >= 100) {
-            built.add(Style::dim, " since " + localTime(*snapshot.filesSince, "%m-%d %H:%M"));
-        }
-        if (snapshot.rates.lastSeconds) {
-            built.add(Style::normal, "  " + rateText(*snapshot.rates.lastSeconds) + "/s");
-            if (snapshot.rates.bytes) {
-                const double bytes = std::clamp(*snapshot.rates.bytes, 0.0, 1e18);
-                built.add(Style::normal, ", " + megabytes(bytes) + " MB/s");
-            }
-            built.add(Style::dim, " now");
-        }
-        if (snapshot.rates.lastMinutes) {
-            built.add(Style::normal, "  " + rateText(*snapshot.rates.lastMinutes) + "/s");
-            built.add(Style::dim, " over 5 min");
-        }
-        const std::vector<double>& history = snapshot.rates.history;
-        if (!history.empty()) {
-            const double highest = *std::max_element(history.begin(), history.end());
-            const std::string scale = "  peak " + rateText(highest) + "/s";
-            const int columns = std::min<int>(60, built.room() - 2 - displayWidth(scale));
-            if (columns >= 8) {
-                built.add(Style::normal, "  ");
-                built.add(Style::bar, sparkline(history, columns, view.unicode));
-                built.add(Style::dim, scale);
-            }
-        }
-        return built.take();
-    }
-
-    Line countsLine() const {
-        LineBuilder built = line();
-        for (const TitledFigure& each : titledFigures(snapshot)) {
-            const bool stands = each.number > 0 && each.isBad;
-            const std::string text = grouped(each.number) + (stands ? "!" : "");
-            const std::string title =
-                std::string(built.room() < view.width ? "  " : "") + each.title + " ";
-            if (displayWidth(title) + displayWidth(text) <= built.room()) {
-                built.add(Style::dim, title).add(stands ? Style::warning : Style::normal, text);
-            }
-        }
-        return built.take();
-    }
-
-    bool wide() const { return view.width >= wideTable; }
-    bool narrow() const { return view.width < narrowTable; }
-    int idColumns() const { return wide() ? 12 : narrow() ? 8 : 10; }
-
-    Line tableHead(int firstShown, int shown) const {
-        LineBuilder built = line();
-        const auto all = static_cast<int>(snapshot.detectors.size());
-        built.cell(Style::heading, "DETECTOR", idColumns());
-        built.cell(Style::heading, "STATE", stateColumns);
-        if (!narrow()) {
-            built.cell(Style::heading, "PROCESSES", barColumns + 4);
-        }
-        built.cell(Style::heading, "FILES", 11, true);
-        built.cell(Style::heading, "BYTES", bytesColumns, true);
-        if (wide()) {
-            built.cell(Style::heading, "FREE AT TARGET", spaceColumns);
-        }
-        if (narrow()) {
-            return built.take();
-        }
-        if (shown < all) {
-            built.add(Style::warning, std::to_string(firstShown + 1) + "-" +
-                                          std::to_string(firstShown + shown) + " of " +
-                                          std::to_string(all) + " (j/k)");
-        } else {
-            built.add(Style::heading, "LAST FILE");
-        }
-        return built.take();
-    }
-
-    void addProcesses(LineBuilder& built, const DetectorSnapshot& detector) const {
-        const int from = built.room();
-        const int limit = snapshot.processLimit.value_or(0);
-        const double part = limit > 0 ? static_cast<double>(detector.copyProcesses) / limit : 0;
-        built.add(Style::bar, bar(part, barColumns, view.unicode));
-        built.add(Style::normal,
-                  " " + std::to_string(detector.copyProcesses) + "/" +
-                      (snapshot.processLimit ? std::to_string(*snapshot.processLimit) : "?"));
-        built.fill(from, barColumns + 5);
-    }
-
-    void addSpace(LineBuilder& built, const DetectorSnapshot& detector, bool whole) const {
-        if (detector.targetIsSilent) {
-            built.add(Style::bad, "the target does not answer!");
-            return;
-        }
-        if (!detector.freeBytes || !detector.totalBytes || *detector.totalBytes == 0) {
-            built.add(Style::dim, "free space can't be seen");
-            return;
-        }
-        const double free =
-            static_cast<double>(*detector.freeBytes) / static_cast<double>(*detector.totalBytes);
-        built.add(Style::bar, bar(1 - free, barColumns, view.unicode));
-        const bool tight = free < 0.02;
-        built.add(tight ? Style::bad : Style::normal, " " + byteText(*detector.freeBytes));
-        built.add(Style::normal,
-                  (whole ? " of " + byteText(*detector.totalBytes) : std::string()) + " free");
-        if (tight) {
-            built.add(Style::bad, "!");
-        }
-        if (detector.freeInodes && detector.totalInodes) {
-            const bool few = *detector.freeInodes < *detector.totalInodes / 50;
-            if (few || whole) {
-                built.add(few ? Style::bad : Style::dim,
-                          ", " + countText(*detector.freeInodes) + " inodes" + (few ? "!" : ""));
-            }
-        }
-        if (detector.secondsUntilFull) {
-            const double left = *detector.secondsUntilFull;
-            built.add(left < 3600 ? Style::warning : Style::dim, ", full in " + durationText(left));
-        }
-    }
-
-    /// The last file, or why there can't be one.
-    void addLast(LineBuilder& built, const DetectorSnapshot& detector) const {
-        if (!detector.complaint.empty()) {
-            built.addName(Style::bad, detector.complaint, built.room());
-        } else if (detector.noAnswer) {
-            built.add(Style::bad, "no answer for " + durationText(*detector.noAnswer));
-        } else if (detector.figures) {
-            built.addName(Style::normal, detector.figures->lastFile, built.room());
-        } else {
-            built.add(Style::dim, "not known");
-        }
-    }
-
-    /// How far the cycle is that runs.
-    void addCycle(LineBuilder& built, const DetectorSnapshot& detector) const {
-        if (!detector.dealt || !detector.cycleSeconds) {
-            return;
-        }
-        built.add(Style::dim,
-                  "  cycle: " + (detector.finished ? grouped(*detector.finished) + " of " : "") +
-                      grouped(*detector.dealt) + " names, " + durationText(*detector.cycleSeconds));
-    }
-
-    std::vector<Line> detectorLines(const DetectorSnapshot& detector) const {
-        LineBuilder built = line();
-        built.cell(Style::normal, detector.id, idColumns());
-        built.cell(styleOf(detector.state), stateText(detector.state), stateColumns);
-        if (!narrow()) {
-            addProcesses(built, detector);
-        }
-        const auto& figures = detector.figures;
-        built.cell(Style::normal, figures ? grouped(figures->files) : "-", 11, true);
-        built.cell(Style::normal, figures ? byteText(figures->bytes) : "-", bytesColumns, true);
-        if (narrow()) {
-            return {built.take()};
-        }
-        if (wide()) {
-            const int from = built.room();
-            addSpace(built, detector, false);
-            built.fill(from, spaceColumns + 1);
-            addLast(built, detector);
-            addCycle(built, detector);
-            return {built.take()};
-        }
-        addLast(built, detector);
-        LineBuilder second = line();
-        second.add(Style::normal, "  ");
-        addSpace(second, detector, true);
-        addCycle(second, detector);
-        second.add(Style::dim, "  ").addName(Style::dim, detector.target, second.room());
-        return {built.take(), second.take()};
-    }
-
-    Line pipeLine() const {
-        LineBuilder built = line();
-        built.add(Style::heading, "Pipe ");
-        switch (snapshot.pipe.state) {
-        case PipeSnapshot::State::absent:
-            built.add(Style::bad, "absent!");
-            break;
-        case PipeSnapshot::State::notAPipe:
-            built.add(Style::bad, "not a pipe!");
-            break;
-        case PipeSnapshot::State::noReader:
-            built.add(Style::bad, "no reader!");
-            break;
-        case PipeSnapshot::State::read:
-            if (snapshot.waits.writing.value_or(0) >= 1) {
-                built.add(Style::bad, "full!");
-                built.add(Style::normal,
-                          " nothing read for " + durationText(*snapshot.waits.writing) + ", open");
-            } else {
-                built.add(Style::good, "read");
-            }
-            built.add(Style::normal, " by " + joined(snapshot.pipe.readers, ", "));
-            break;
-        case PipeSnapshot::State::unknown:
-            built.add(Style::warning, "reader unknown: only root can see it");
-            break;
-        }
-        built.add(Style::dim, "  ").addName(Style::dim, snapshot.pipe.path, built.room());
-        return built.take();
-    }
-
-    Line logLine() const {
-        const LogSnapshot& log = snapshot.log;
-        LineBuilder built = line();
-        built.add(Style::heading, "Log  ");
-        if (log.coverage == LogCoverage::none) {
-            built.add(Style::bad, "not read!");
-            built.add(Style::normal, log.problem.empty() ? std::string() : " " + log.problem);
-            return built.take();
-        }
-        if (log.limit > 0) {
-            const double part = static_cast<double>(log.bytes) / static_cast<double>(log.limit);
-            built.add(Style::bar, bar(part, barColumns, view.unicode));
-            built.add(Style::normal, " " + byteText(log.bytes) + " of " +
-                                         byteText(static_cast<std::uint64_t>(log.limit)));
-        } else {
-            built.add(Style::normal,
-                      byteText(log.bytes) + (log.limit < 0 ? ", never rotated" : ""));
-        }
-        built.add(Style::normal, "  ");
-        switch (log.coverage) {
-        case LogCoverage::sinceStart:
-            built.add(Style::good, "counts since the start");
-            break;
-        case LogCoverage::sinceWatch:
-            built.add(Style::warning, "counts since this view began: the start is rotated away");
-            break;
-        case LogCoverage::withGap:
-            built.add(Style::warning, "counts too low: lines were missed");
-            break;
-        case LogCoverage::none:
-            break;
-        }
-        built.add(Style::dim, "  " + std::to_string(log.archives) +
-                                  (log.archives == 1 ? " archive, " : " archives, ") +
-                                  grouped(log.rotations) +
-                                  (log.rotations == 1 ? " rotation seen" : " rotations seen"));
-        built.add(Style::dim, "  ").addName(Style::dim, log.path, built.room());
-        return built.take();
-    }
-
-    void addComplaint() {
-        if (!snapshot.hasFigures && !snapshot.lastFile.empty()) {
-            LineBuilder built = line();
-            built.add(Style::heading, "Last file ")
-                .addName(Style::normal, snapshot.lastFile, built.room());
-            add(rank::complaint, {built.take()});
-        }
-        if (snapshot.lastComplaint.empty()) {
-            return;
-        }
-        LineBuilder built = line();
-        built.add(Style::heading, "Last complaint ").add(Style::warning, snapshot.lastComplaint);
-        add(rank::complaint, {built.take()});
-    }
-
-    Line keysLine(const std::string& position) const {
-        LineBuilder built = line();
-        const std::string clock = localTime(snapshot.time, "%H:%M:%S");
-        built.add(Style::warning, position);
-        if (view.paused) {
-            built.add(Style::warning, "PAUSED at " + clock + "  ");
-        }
-        built.add(Style::dim, "q quit  h help  space " +
-                                  std::string(view.paused ? "go on" : "pause") + "  r redraw");
-        // The last column of the last line stays free: some terminals scroll when it is written.
-        const int room = built.room() - 1 - displayWidth(clock);
-        if (!view.paused && room >= 2) {
-            built.add(Style::dim, std::string(static_cast<std::size_t>(room), ' ') + clock);
-        }
-        return built.take();
-    }
-
-    // Finding room.
-
-    std::vector<bool> choose() const {
-        if (view.whole) {
-            return std::vector<bool>(blocks.size(), true);
-        }
-        std::vector<std::size_t> order(blocks.size());
-        for (std::size_t index = 0; index < order.size(); ++index) {
-            order[index] = index;
-        }
-        std::stable_sort(order.begin(), order.end(), [this](std::size_t one, std::size_t other) {
-            return blocks[one].rank < blocks[other].rank;
-        });
-        int room = view.height - 1; // the line of keys
-        std::vector<bool> chosen(blocks.size(), false);
-        for (const std::size_t index : order) {
-            // The table's head is made later, and has one line.
-            const int lines = blocks[index].rank == rank::tableHead
-                                  ? 1
-                                  : static_cast<int>(blocks[index].lines.size());
-            if (lines <= room) {
-                chosen[index] = true;
-                room -= lines;
-            }
-        }
-        return chosen;
-    }
-
-    Layout arrange(const std::vector<bool>& chosen) const {
-        std::vector<const Block*> detectors;
-        int shown = 0;
-        for (std::size_t index = 0; index < blocks.size(); ++index) {
-            if (blocks[index].detector) {
-                detectors.push_back(&blocks[index]);
-                shown += chosen[index] ? 1 : 0;
-            }
-        }
-        Layout layout;
-        const auto all = static_cast<int>(detectors.size());
-        layout.maxScroll = shown > 0 ? all - shown : 0;
-        const int first = std::clamp(view.scroll, 0, layout.maxScroll);
-        int next = first;
-        for (std::size_t index = 0; index < blocks.size(); ++index) {
-            if (!chosen[index]) {
-                continue;
-            }
-            const Block* block = &blocks[index];
-            if (block->detector) {
-                block = detectors[static_cast<std::size_t>(next)];
-                ++next;
-            }
-            if (block->rank == rank::tableHead) {
-                layout.lines.push_back(tableHead(first, shown));
-            }
-            layout.lines.insert(layout.lines.end(), block->lines.begin(), block->lines.end());
-        }
-        if (view.whole) {
-            return layout;
-        }
-        const auto height = static_cast<std::size_t>(std::max(0, view.height));
-        if (height > 0) {
-            layout.lines.resize(std::max(layout.lines.size(), height - 1));
-            const bool unseen = narrow() && shown < all;
-            layout.lines.push_back(keysLine(
-                unseen ? std::to_string(shown) + " of " + std::to_string(all) + " (j/k)  " : ""));
-        }
-        layout.lines.resize(height);
-        return layout;
-    }
-
-    static constexpr int spaceColumns = 43;
-    static constexpr int stateColumns = 11;
-    static constexpr int bytesColumns = 8;
-
-    const Snapshot& snapshot;
-    const View& view;
-    const Verdict judgement;
-    std::vector<Block> blocks;
-};
-
-/// The help: a term and what is to be known of it.
-struct Explanation {
-    const char* term;
-    const char* text;
-};
-
-constexpr std::array<Explanation, 26> explanations{{
+/// The help: terms and what is to be known of them; headings.
+constexpr std::array<std::pair<const char*, const char*>, 26> explanations{{
     {"Keys", ""},
     {"q, Ctrl-C", "quit; the daemon is not touched by anything that is done here"},
     {"h, ?", "these explanations, and back"},
@@ -706,86 +98,493 @@ constexpr std::array<Explanation, 26> explanations{{
     {"Pipe", "who has it open for reading, and whether he reads"},
 }};
 
-Layout layOutHelp(const View& view) {
-    std::vector<Line> text;
-    const bool narrow = view.width < narrowTable;
-    const int indent = narrow ? 2 : 20;
-    for (const Explanation& each : explanations) {
-        const std::string term = each.term;
-        const std::string explanation = each.text;
-        const bool heading = explanation.empty();
-        if (heading && !text.empty()) {
-            text.emplace_back();
-        }
-        LineBuilder first(view.width, view.unicode);
-        first.add(heading ? Style::heading : Style::normal, term);
-        if (narrow || heading || static_cast<int>(term.size()) >= indent) {
-            text.push_back(first.take());
-            first = LineBuilder(view.width, view.unicode);
-        }
-        if (heading) {
-            continue;
-        }
-        for (const std::string& part :
-             wrapped(explanation, view.width - indent, view.width - indent)) {
-            first.fill(view.width, indent).add(Style::dim, part);
-            text.push_back(first.take());
-            first = LineBuilder(view.width, view.unicode);
-        }
-    }
-    Layout layout;
-    const int room = std::max(0, view.height - 1);
-    layout.maxScroll = std::max(0, static_cast<int>(text.size()) - room);
-    const int top = std::clamp(view.scroll, 0, layout.maxScroll);
-    const int end = std::min(top + room, static_cast<int>(text.size()));
-    layout.lines.assign(text.begin() + top, text.begin() + end);
-    layout.lines.resize(static_cast<std::size_t>(room));
-    if (view.height > 0) {
-        LineBuilder keys(view.width - 1, view.unicode);
-        keys.add(Style::dim, "h back  q quit");
-        if (layout.maxScroll > 0) {
-            keys.add(Style::warning, top < layout.maxScroll ? "  j more" : "  k back up");
-        }
-        layout.lines.push_back(keys.take());
-    }
-    return layout;
+/// Lines that are shown together or not at all.
+struct Block {
+    int rank = 0; // those of a lower one are found room for first
+    std::vector<Line> lines;
+    bool isScrolled = false; // one of a list, all of which have as many lines
+    bool isShown = true;
+};
+
+/// "3 archives"
+std::string several(std::uint64_t number, const std::string& one) {
+    return grouped(number) + " " + one + (number == 1 ? "" : "s");
 }
+
+/// "17", "34 k", "2 M": so many that the rest does not matter.
+std::string countText(std::uint64_t number) {
+    return number < 10000     ? grouped(number)
+           : number < 9500000 ? grouped(number / 1000) + " k"
+                              : grouped(number / 1000000) + " M";
+}
+
+double partOf(std::uint64_t part, std::uint64_t whole) {
+    return whole == 0 ? 0 : static_cast<double>(part) / static_cast<double>(whole);
+}
+
+int widthOf(const Line& line) {
+    return displayWidth(plainText(line));
+}
+
+Segment blanks(int number) {
+    return {normal, std::string(static_cast<std::size_t>(std::max(0, number)), ' ')};
+}
+
+Line operator+(Line line, const Line& more) {
+    line.insert(line.end(), more.begin(), more.end());
+    return line;
+}
+
+/// The line as it can be shown in so many columns.
+Line fitted(const Line& line, int columns, bool unicode, int nameColumns = noLimit) {
+    Line shown;
+    for (const Segment& each : line) {
+        std::string text = displayable(each.text, unicode);
+        text =
+            cut(text, each.isName ? std::min(columns, nameColumns) : columns, unicode, each.isName);
+        if (!text.empty()) {
+            columns -= displayWidth(text);
+            shown.push_back({each.style, text});
+        }
+    }
+    return shown;
+}
+
+/// Adds words to a line that was begun, and indented lines below it for those that there is no room
+/// for; the last one of `most` lines has all the rest.
+std::vector<Line> wrapped(Line begun, const Segment& text, int indent, const View& view,
+                          std::size_t most = noLimit) {
+    std::istringstream words(displayable(text.text, view.unicode));
+    int room = view.width - widthOf(begun);
+    std::vector<Line> lines{std::move(begun)};
+    std::string part;
+    for (std::string word; std::getline(words, word, ' ');) {
+        if (!part.empty() && lines.size() < most &&
+            displayWidth(part) + 1 + displayWidth(word) > room) {
+            lines.back().push_back({text.style, std::exchange(part, {})});
+            lines.push_back({blanks(indent)});
+            room = view.width - indent;
+        }
+        part += (part.empty() ? "" : " ") + word;
+    }
+    lines.back().push_back({text.style, part});
+    return lines;
+}
+
+// Of a detector.
+
+Line state(const DetectorSnapshot& detector) {
+    static constexpr std::array styles{bad, dim, good, dim, bad, bad};
+    std::string text = nameOf(detector.state);
+    std::replace(text.begin(), text.end(), '_', ' ');
+    return {{styles.at(static_cast<std::size_t>(detector.state)), text}};
+}
+
+/// Room at the target; `whole`: all that is known of it.
+Line space(const DetectorSnapshot& detector, bool unicode, bool whole) {
+    if (detector.targetIsSilent) {
+        return {{bad, "the target does not answer!"}};
+    }
+    if (!detector.freeBytes || detector.totalBytes.value_or(0) == 0) {
+        return {{dim, "free space can't be seen"}};
+    }
+    const double free = partOf(*detector.freeBytes, *detector.totalBytes);
+    const bool tight = free < 0.02;
+    const std::optional<std::uint64_t>& inodes = detector.freeInodes;
+    const bool few = inodes && *inodes < detector.totalInodes.value_or(0) / 50;
+    const std::optional<double>& left = detector.secondsUntilFull;
+    return {
+        {graph, bar(1 - free, barColumns, unicode)},
+        {tight ? bad : normal, " " + byteText(*detector.freeBytes)},
+        {normal, (whole ? " of " + byteText(*detector.totalBytes) : "") + " free"},
+        {bad, tight ? "!" : ""},
+        {few ? bad : dim, inodes && (few || whole) ? ", " + countText(*inodes) + " inodes" : ""},
+        {bad, few ? "!" : ""},
+        {left.value_or(0) < 3600 ? warning : dim, left ? ", full in " + durationText(*left) : ""}};
+}
+
+/// How far the cycle is that runs.
+Line cycle(const DetectorSnapshot& detector) {
+    if (!detector.dealt || !detector.cycleSeconds) {
+        return {};
+    }
+    return {{dim, "  cycle: " + (detector.finished ? grouped(*detector.finished) + " of " : "") +
+                      grouped(*detector.dealt) + " names, " +
+                      durationText(*detector.cycleSeconds)}};
+}
+
+/// The last file, or why there can't be one.
+Line lastFile(const DetectorSnapshot& detector) {
+    const std::optional<double>& wait = detector.noAnswer;
+    return !detector.complaint.empty() ? Line{{bad, detector.complaint, true}}
+           : wait                      ? Line{{bad, "no answer for " + durationText(*wait)}}
+           : detector.figures          ? Line{{normal, detector.figures->lastFile, true}}
+                                       : Line{{dim, "not known"}};
+}
+
+/// Lays out what is to be shown.
+class Page {
+public:
+    Page(const Snapshot& aSnapshot, const View& aView)
+        : snapshot(aSnapshot), view(aView), judgement(verdict(aSnapshot)) {}
+
+    /// Ranks are from what matters most to what matters least.
+    Layout layOut() {
+        if (view.help) {
+            addHelp();
+            return arranged();
+        }
+        addVerdict(); // 0, what more it has 1, further reasons 11
+        add(4, daemonLine());
+        add(14, {});
+        add(5, filesLine());
+        add(7, countsLine());
+        add(14, {});
+        add(headRank, {}); // made when it is known which detectors are shown
+        static constexpr std::array ranks{3, 6, 10, 10, 13};
+        for (std::size_t index = 0; index < snapshot.detectors.size(); ++index) {
+            addDetector(ranks.at(std::min(index, ranks.size() - 1)), snapshot.detectors[index]);
+        }
+        add(14, {});
+        add(8, pipeLine());
+        add(9, logLine());
+        if (!snapshot.hasFigures && !snapshot.lastFile.empty()) {
+            add(12, {{heading, "Last file "}, {normal, snapshot.lastFile, true}});
+        }
+        if (!snapshot.lastComplaint.empty()) {
+            add(12, {{heading, "Last complaint "}, {warning, snapshot.lastComplaint}});
+        }
+        return arranged();
+    }
+
+private:
+    static constexpr int headRank = 2;
+
+    Table kind() const { return view.width < 60 ? narrow : view.width < 130 ? middle : wide; }
+    void add(int rank, const Line& line) { blocks.push_back({rank, {line}}); }
+
+    /// The verdict with its gravest reason, which may take a line or two more; then the others.
+    void addVerdict() {
+        std::vector<std::string> texts;
+        for (const Verdict::Reason& reason : judgement.reasons) {
+            texts.push_back(reason.text);
+        }
+        if (texts.empty()) {
+            texts.push_back(progressText());
+        }
+        if (texts.size() > 1 && !judgement.note.empty()) {
+            texts.push_back(judgement.note);
+        } else if (!judgement.note.empty()) {
+            texts[0] += (texts[0].empty() ? "" : "; ") + judgement.note;
+        }
+        const std::size_t most = view.whole ? texts.size() : 4;
+        if (texts.size() > most) {
+            texts[most - 1] += "; and " + grouped(texts.size() - most) + " more";
+            texts.resize(most);
+        }
+        static constexpr std::array styles{good, warning, warning, bad, bad};
+        const Line first{
+            {styles.at(static_cast<std::size_t>(judgement.level)), headline(judgement.level)},
+            {normal, texts[0].empty() ? "" : ": "}};
+        for (const std::string& text : texts) {
+            const bool isFirst = &text == &texts[0];
+            const std::size_t lines = view.whole ? noLimit : isFirst ? 3 : 1;
+            for (const Line& line :
+                 wrapped(isFirst ? first : Line{{dim, "  - "}}, {normal, text}, 4, view, lines)) {
+                add(!isFirst ? 11 : blocks.empty() ? 0 : 1, line);
+            }
+        }
+    }
+
+    std::string progressText() const {
+        const Recent& recent = snapshot.recent;
+        std::string text = recent.file.value_or(fresh) < fresh ? "files are coming in"
+                           : recent.fruitless                  ? "copy processes run"
+                           : recent.watched >= 5
+                               ? "nothing to copy for the last " +
+                                     durationText(recent.file.value_or(recent.watched))
+                               : "";
+        if (snapshot.isServed() && !snapshot.hasFigures) {
+            text += (text.empty() ? "" : ", ") + std::string("as far as can be seen: the copy ") +
+                    "program does not say how its listings go";
+        }
+        return text;
+    }
+
+    Line daemonLine() const {
+        if (!snapshot.isServed()) {
+            return {{normal, snapshot.daemonState == DaemonState::unknown
+                                 ? "Whether a daemon runs can't be seen."
+                                 : "No daemon runs. The counts are those of the last one."}};
+        }
+        const std::optional<double>& since = snapshot.upSince;
+        const std::string options = joined(snapshot.startOptions, " ");
+        return {{normal, "Daemon " + std::to_string(snapshot.pid)},
+                {normal, since ? " up " + durationText(snapshot.time - *since) + " (since " +
+                                     localTime(*since) + ")"
+                               : ""},
+                {dim, options.empty() ? ", no start options" : ", options " + options}};
+    }
+
+    Line filesLine() const {
+        const Rates& rates = snapshot.rates;
+        const std::optional<double>& since = snapshot.filesSince;
+        Line line{
+            {heading, "Files "},
+            {normal, grouped(snapshot.files)},
+            {normal, snapshot.hasFigures ? ", " + byteText(snapshot.bytes) : ""},
+            {dim, since && view.width >= 100 ? " since " + localTime(*since, "%m-%d %H:%M") : ""}};
+        if (rates.lastSeconds) {
+            line = line +
+                   Line{{normal, "  " + rateText(*rates.lastSeconds) + "/s"},
+                        {normal, rates.bytes ? ", " + rateText(*rates.bytes / 1e6) + " MB/s" : ""},
+                        {dim, " now"}};
+        }
+        if (rates.lastMinutes) {
+            line = line +
+                   Line{{normal, "  " + rateText(*rates.lastMinutes) + "/s"}, {dim, " over 5 min"}};
+        }
+        const std::vector<double>& history = rates.history;
+        const auto highest = std::max_element(history.begin(), history.end());
+        const std::string peak = history.empty() ? "" : "  peak " + rateText(*highest) + "/s";
+        const int room = view.width - widthOf(line) - 2 - displayWidth(peak);
+        if (history.empty() || room < 8) {
+            return line;
+        }
+        return line + Line{blanks(2),
+                           {graph, sparkline(history, std::min(60, room), view.unicode)},
+                           {dim, peak}};
+    }
+
+    /// As many counts as there is room for.
+    Line countsLine() const {
+        Line line;
+        for (const CountTitle& each : countTitles) {
+            const std::uint64_t number = snapshot.counts.*each.count;
+            const bool stands = each.isBad && number > 0;
+            const Line item{{dim, std::string(line.empty() ? "" : "  ") + each.title + " "},
+                            {stands ? warning : normal, grouped(number) + (stands ? "!" : "")}};
+            if (widthOf(line) + widthOf(item) <= view.width) {
+                line = line + item;
+            }
+        }
+        return line;
+    }
+
+    /// One line of the table. What is too long for its column takes room from those behind it, but
+    /// names are cut.
+    Line tableLine(const std::array<Line, table.size()>& cells) const {
+        Line line;
+        for (std::size_t index = 0; index < table.size(); ++index) {
+            const int columns = table.at(index).columns.at(kind());
+            if (columns == 0) {
+                continue;
+            }
+            const int left = std::max(0, view.width - widthOf(line));
+            const Line cell = fitted(cells.at(index), left, view.unicode, columns);
+            const int missing = columns == noLimit ? 0 : std::min(columns, left) - widthOf(cell);
+            const Line fill{blanks(missing)};
+            line = line + (table.at(index).isToTheRight ? fill + cell : cell + fill);
+            line.push_back(blanks(columns == noLimit ? 0 : 1));
+        }
+        return line;
+    }
+
+    Line tableHead(int first, int shown) const {
+        std::array<Line, table.size()> titles;
+        for (std::size_t index = 0; index < table.size(); ++index) {
+            titles.at(index) = {{heading, table.at(index).title}};
+        }
+        const auto all = static_cast<int>(snapshot.detectors.size());
+        if (shown < all) {
+            titles.back() = {{warning, std::to_string(first + 1) + "-" +
+                                           std::to_string(first + shown) + " of " +
+                                           std::to_string(all) + " (j/k)"}};
+        }
+        return tableLine(titles);
+    }
+
+    void addDetector(int rank, const DetectorSnapshot& detector) {
+        const auto& figures = detector.figures;
+        const int limit = snapshot.processLimit.value_or(0);
+        const double busy = limit > 0 ? static_cast<double>(detector.copyProcesses) / limit : 0;
+        const Line processes{{graph, bar(busy, barColumns, view.unicode)},
+                             {normal, " " + std::to_string(detector.copyProcesses) + "/" +
+                                          (limit > 0 ? std::to_string(limit) : "?")}};
+        const Line progress = cycle(detector);
+        std::vector<Line> lines{
+            tableLine({Line{{normal, detector.id, true}}, state(detector), processes,
+                       Line{{normal, figures ? grouped(figures->files) : "-"}},
+                       Line{{normal, figures ? byteText(figures->bytes) : "-"}},
+                       space(detector, view.unicode, false),
+                       lastFile(detector) + (kind() == wide ? progress : Line())})};
+        if (kind() == middle) {
+            lines.push_back(Line{blanks(2)} + space(detector, view.unicode, true) + progress +
+                            Line{blanks(2), {dim, detector.target, true}});
+        }
+        blocks.push_back({rank, std::move(lines), true});
+    }
+
+    Line pipeLine() const {
+        const double blocked = snapshot.waits.writing.value_or(0);
+        const std::array<Segment, 5> states{
+            {{bad, "absent!"},
+             {bad, "not a pipe!"},
+             {bad, "no reader!"},
+             {blocked < 1 ? good : bad, blocked < 1 ? "read" : "full!"},
+             {warning, "reader unknown: only root can see it"}}};
+        const bool isRead = snapshot.pipe.state == PipeSnapshot::State::read;
+        const std::string wait = " nothing read for " + durationText(blocked) + ", open";
+        return {{heading, "Pipe "},
+                states.at(static_cast<std::size_t>(snapshot.pipe.state)),
+                {normal, isRead && blocked >= 1 ? wait : ""},
+                {normal, isRead ? " by " + joined(snapshot.pipe.readers, ", ") : ""},
+                blanks(2),
+                {dim, snapshot.pipe.path, true}};
+    }
+
+    Line logLine() const {
+        const LogSnapshot& log = snapshot.log;
+        if (log.coverage == LogCoverage::none) {
+            return {{heading, "Log  "},
+                    {bad, "not read!"},
+                    {normal, (log.problem.empty() ? "" : " ") + log.problem}};
+        }
+        const auto limit = static_cast<std::uint64_t>(std::max<std::int64_t>(0, log.limit));
+        const std::string ofLimit = limit > 0 ? " of " + byteText(limit) : "";
+        static const std::array<Segment, 4> coverages{
+            {{},
+             {good, "counts since the start"},
+             {warning, "counts since this view began: the start is rotated away"},
+             {warning, "counts too low: lines were missed"}}};
+        return {
+            {heading, "Log  "},
+            {graph, limit > 0 ? bar(partOf(log.bytes, limit), barColumns, view.unicode) + " " : ""},
+            {normal, byteText(log.bytes) + (log.limit < 0 ? ", never rotated" : ofLimit)},
+            blanks(2),
+            coverages.at(static_cast<std::size_t>(log.coverage)),
+            {dim, "  " + several(static_cast<std::uint64_t>(log.archives), "archive") + ", " +
+                      several(log.rotations, "rotation") + " seen"},
+            blanks(2),
+            {dim, log.path, true}};
+    }
+
+    void addHelp() {
+        const int indent = kind() == narrow ? 2 : 20;
+        const auto addLine = [this](const Line& line) { blocks.push_back({0, {line}, true}); };
+        for (const auto& [term, text] : explanations) {
+            const bool isHeading = *text == '\0';
+            if (isHeading && !blocks.empty()) {
+                addLine({});
+            }
+            Line first{{isHeading ? heading : normal, term}};
+            if (isHeading || kind() == narrow || widthOf(first) >= indent) {
+                addLine(std::exchange(first, {}));
+            }
+            if (!isHeading) {
+                first.push_back(blanks(indent - widthOf(first)));
+                for (const Line& line : wrapped(first, {dim, text}, indent, view)) {
+                    addLine(line);
+                }
+            }
+        }
+    }
+
+    Line keysLine(int first, int shown, int all) const {
+        if (view.help) {
+            return {{dim, "h back  q quit"},
+                    {warning, shown == all          ? ""
+                              : first + shown < all ? "  j more"
+                                                    : "  k back up"}};
+        }
+        const bool isUnseen = kind() == narrow && shown < all;
+        const std::string clock = localTime(snapshot.time, "%H:%M:%S");
+        Line line{{warning, isUnseen
+                                ? std::to_string(shown) + " of " + std::to_string(all) + " (j/k)  "
+                                : ""},
+                  {warning, view.paused ? "PAUSED at " + clock + "  " : ""},
+                  {dim, std::string("q quit  h help  space ") + (view.paused ? "go on" : "pause") +
+                            "  r redraw"}};
+        const int room = view.width - widthOf(line) - 1 - displayWidth(clock);
+        if (!view.paused && room >= 2) {
+            return line + Line{blanks(room), {dim, clock}};
+        }
+        return line;
+    }
+
+    /// Finds room for what matters most, and lays it out in its order.
+    Layout arranged() {
+        std::vector<Block*> order;
+        for (Block& block : blocks) {
+            order.push_back(&block);
+        }
+        std::stable_sort(order.begin(), order.end(), [](const Block* one, const Block* other) {
+            return one->rank < other->rank;
+        });
+        int room = view.whole ? noLimit : view.height - 1; // the line of keys
+        int all = 0;
+        int shown = 0;
+        for (Block* const block : order) {
+            const auto lines = static_cast<int>(block->lines.size());
+            block->isShown = lines <= room;
+            room -= block->isShown ? lines : 0;
+            all += block->isScrolled ? 1 : 0;
+            shown += block->isScrolled && block->isShown ? 1 : 0;
+        }
+        Layout layout;
+        layout.maxScroll = shown > 0 ? all - shown : 0;
+        const int first = std::clamp(view.scroll, 0, layout.maxScroll);
+        int index = 0;
+        for (Block& block : blocks) {
+            if (block.isScrolled) {
+                block.isShown = index >= first && index < first + shown;
+                ++index;
+            } else if (block.rank == headRank) {
+                block.lines = {tableHead(first, shown)};
+            }
+            for (std::size_t line = 0; block.isShown && line < block.lines.size(); ++line) {
+                layout.lines.push_back(fitted(block.lines[line], view.width, view.unicode));
+            }
+        }
+        if (!view.whole && view.height > 0) {
+            layout.lines.resize(static_cast<std::size_t>(view.height - 1));
+            // Its last column stays free: some terminals scroll when it is written.
+            layout.lines.push_back(
+                fitted(keysLine(first, shown, all), view.width - 1, view.unicode));
+        }
+        return layout;
+    }
+
+    const Snapshot& snapshot;
+    const View& view;
+    const Verdict judgement;
+    std::vector<Block> blocks;
+};
 
 } // namespace
 
 std::string sparkline(const std::vector<double>& values, int columns, bool unicode) {
-    static constexpr std::array<const char*, 9> blocks{" ", "▁", "▂", "▃", "▄", "▅", "▆", "▇", "█"};
-    static constexpr std::array<const char*, 9> letters{" ", "_", ".", ":", "-",
-                                                        "=", "+", "*", "#"};
-    const auto& steps = unicode ? blocks : letters;
-    const std::size_t room = columns > 0 ? static_cast<std::size_t>(columns) : 0;
+    static constexpr std::array blocks{" ", "▁", "▂", "▃", "▄", "▅", "▆", "▇", "█"};
+    static constexpr std::array letters{" ", "_", ".", ":", "-", "=", "+", "*", "#"};
+    const auto room = static_cast<std::size_t>(std::max(0, columns));
     const std::size_t shown = std::min(values.size(), room);
     const auto begin = values.end() - static_cast<std::ptrdiff_t>(shown);
-    double highest = 0;
-    for (auto value = begin; value != values.end(); ++value) {
-        highest = std::max(highest, *value);
-    }
+    const double highest = shown == 0 ? 0 : *std::max_element(begin, values.end());
     std::string row(room - shown, ' ');
     for (auto value = begin; value != values.end(); ++value) {
         // A little is not nothing.
-        const double height = highest > 0 && *value > 0 ? *value / highest * 8 : 0;
-        const auto step = static_cast<std::size_t>(std::ceil(std::clamp(height, 0.0, 8.0)));
-        row += steps[step];
+        const double height = highest > 0 ? std::ceil(std::max(0.0, *value) / highest * 8) : 0;
+        row += (unicode ? blocks : letters).at(static_cast<std::size_t>(height));
     }
     return row;
 }
 
 std::string bar(double part, int columns, bool unicode) {
-    if (!(part > 0)) {
-        part = 0;
-    }
-    int full = static_cast<int>(std::lround(std::min(part, 1.0) * columns));
-    if (part > 0) {
-        full = std::max(full, 1);
-    }
-    if (part < 1) {
-        full = std::min(full, columns - 1);
-    }
+    // Not filled by a little less than all, nor empty with a little.
+    const int full = part >= 1  ? columns
+                     : part > 0 ? std::clamp(static_cast<int>(std::lround(part * columns)), 1,
+                                             std::max(1, columns - 1))
+                                : 0;
     std::string text;
     for (int column = 0; column < columns; ++column) {
         text += column < full ? (unicode ? "█" : "#") : (unicode ? "░" : ".");
@@ -802,10 +601,7 @@ std::string plainText(const Line& line) {
 }
 
 Layout layOut(const Snapshot& snapshot, const View& view) {
-    View usable = view;
-    usable.width = std::max(1, view.width);
-    usable.height = std::max(0, view.height);
-    return usable.help ? layOutHelp(usable) : Figures(snapshot, usable).layOut();
+    return Page(snapshot, view).layOut();
 }
 
 std::string watchText(const Snapshot& snapshot, bool unicode) {

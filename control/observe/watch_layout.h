@@ -17,12 +17,13 @@ enum class Style {
     warning,
     bad,
     heading,
-    bar,
+    graph,
 };
 
 struct Segment {
     Style style = Style::normal;
-    std::string text; // displayable: see displayable()
+    std::string text;    // in a layout displayable: see displayable()
+    bool isName = false; // where there is no room it loses its middle, not its end
 };
 
 using Line = std::vector<Segment>;

@@ -1,5 +1,5 @@
 // When something was last counted, by snapshots that follow each other.
-#include "control/observe/recent_changes.h"
+#include "control/observe/figure_history.h"
 #include "example_snapshot.h"
 
 #include <gtest/gtest.h>

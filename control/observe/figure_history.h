@@ -1,7 +1,9 @@
-// How fast something grows or shrinks, from samples that come now and then.
+// How figures move from look to look: how fast, and which of them rose when.
 #pragma once
 
-#include <deque>
+#include "control/observe/snapshot.h"
+
+#include <map>
 #include <optional>
 #include <vector>
 
@@ -13,7 +15,7 @@ namespace control {
 class History {
 public:
     /// Keeps the samples of the last `secondsKept` seconds, and one before them.
-    explicit History(double secondsKept);
+    explicit History(double secondsKept) : kept(secondsKept) {}
 
     /// One more sample. One that is not later than the last replaces it.
     void add(double time, double value);
@@ -27,15 +29,10 @@ public:
     std::vector<double> changes(int count) const;
 
 private:
-    struct Sample {
-        double time;
-        double value;
-    };
-
     double at(double time) const;
 
     double kept;
-    std::deque<Sample> samples;
+    std::map<double, double> samples; // by time
 };
 
 /// A count that begins anew when what is counted begins anew, as the files of a daemon that was
@@ -56,5 +53,24 @@ private:
 /// Seconds until nothing is left of `free`, which changes by `slope` in a second. Nothing if it
 /// does not shrink.
 std::optional<double> secondsUntilGone(double free, std::optional<double> slope);
+
+/// Tells a fault that lasts from one that is over. The counts of the first snapshot are history: it
+/// is not known when they came about. Goes by the host's uptime, which nobody sets.
+class RecentChanges {
+public:
+    /// Fills in `recent` of the newest snapshot from all that were noted and this one.
+    void note(Snapshot& snapshot);
+
+private:
+    struct Totals {
+        Counts counts;
+        std::uint64_t files = 0;
+    };
+
+    std::optional<Totals> before;
+    double began = 0;
+    Recent moments;    // when each was last seen, not how long ago
+    double busyAt = 0; // when a copy process was last seen
+};
 
 } // namespace control
