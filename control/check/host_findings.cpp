@@ -1,8 +1,6 @@
 // What this host lacks, or has in the way, for a configuration to work.
-#include "control/check/host_findings.h"
-
 #include "control/aside.h"
-#include "control/check/config_findings.h"
+#include "control/check/findings.h"
 #include "control/child.h"
 #include "control/consumer_pipe.h"
 #include "control/control_files.h"
@@ -11,17 +9,11 @@
 #include "utilities/text.h"
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
-#include <cstdint>
 #include <cstring>
 #include <filesystem>
-#include <iterator>
-#include <map>
+#include <functional>
 #include <set>
-#include <system_error>
-#include <thread>
-#include <utility>
 
 #include <fcntl.h>
 #include <grp.h>
@@ -38,14 +30,17 @@ namespace {
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
+constexpr Severity warning = Severity::warning;
+constexpr Severity error = Severity::error;
+constexpr Severity fatal = Severity::fatal;
+
 /// Of a configuration with more detectors than this, the others' targets and shares are not
 /// looked at.
 constexpr std::size_t mostDetectors = 256;
 
-/// For all targets together, and for all shares.
-constexpr std::chrono::seconds targetLimit{3};
+/// For all places together, and for all shares.
+constexpr std::chrono::seconds placeLimit{3};
 constexpr std::chrono::seconds shareLimit{4};
-constexpr std::chrono::seconds pipeLimit{2};
 
 /// Nobody reads who has not read for so long while a copy waits for him.
 constexpr std::chrono::milliseconds waitProves{1200};
@@ -54,569 +49,478 @@ constexpr std::chrono::milliseconds waitProves{1200};
 constexpr std::uint64_t nothingLeft = 1024 * 1024UL;
 constexpr std::uint64_t fewInodes = 16;
 
+/// What is to be held against something, if it is so.
+struct Fault {
+    bool isSo;
+    Severity severity;
+    std::string text; // behind the name of what it is about
+    std::string advice;
+};
+
+/// Those that are so, of something of this kind and name.
+Findings whatIsSo(const std::string& code, const std::string& subject, const std::string& name,
+                  const std::vector<Fault>& faults) {
+    Findings findings;
+    for (const Fault& fault : faults) {
+        if (fault.isSo) {
+            findings.push_back({fault.severity, code, 0, subject, name + fault.text, fault.advice,
+                                Finding::About::host});
+        }
+    }
+    return findings;
+}
+
+/// What a look at one place gave.
+struct Look {
+    Look(Findings found = {}) : findings(std::move(found)) {}
+
+    Findings findings;
+    std::string folder; // of a target, through links
+};
+
 bool isRoot() {
     return geteuid() == 0;
 }
 
-/// Why this process may not use a path in this way; 0 if it may. For others than root, whose rights
-/// are not the daemon's, only what holds for root too.
-int refusal(const std::string& path, int mode) {
-    if (faccessat(AT_FDCWD, path.c_str(), mode, AT_EACCESS) == 0) {
-        return 0;
-    }
-    return isRoot() || errno == EROFS ? errno : 0;
+/// Why this process may not use a path in this way; empty if it may. For others than root, whose
+/// rights are not the daemon's, only what holds for root too.
+std::string refusal(const std::string& path, int mode) {
+    const bool isRefused = faccessat(AT_FDCWD, path.c_str(), mode, AT_EACCESS) != 0;
+    return isRefused && (isRoot() || errno == EROFS) ? std::strerror(errno) : "";
 }
 
-bool contains(std::string_view text, std::string_view word) {
-    return text.find(word) != std::string_view::npos;
+/// The same for a folder that the daemon writes to.
+std::string folderRefusal(const std::string& path) {
+    struct stat status = {};
+    return stat(path.c_str(), &status) != 0 ? std::strerror(errno)
+           : !S_ISDIR(status.st_mode)       ? std::strerror(ENOTDIR)
+                                            : refusal(path, W_OK | X_OK);
 }
 
-Finding hostFinding(Severity severity, const char* code, const std::string& subject,
-                    const std::string& text, const std::string& advice) {
-    return {severity, code, 0, subject, text, advice, Finding::About::host};
-}
-
-/// Who but root may change what a folder holds; empty if nobody.
+/// Who but root may change what a file or folder holds; empty if nobody.
 std::string whoElseWrites(const struct stat& status) {
-    if (status.st_uid != 0) {
-        return "belongs to user " + std::to_string(status.st_uid);
-    }
-    return (status.st_mode & (S_IWGRP | S_IWOTH)) != 0 ? "may be written by others" : "";
+    return status.st_uid != 0 ? "belongs to user " + std::to_string(status.st_uid)
+           : (status.st_mode & (S_IWGRP | S_IWOTH)) != 0 ? "may be written by others"
+                                                         : "";
+}
+
+std::string whoElseWrites(const std::string& path) {
+    struct stat status = {};
+    return stat(path.c_str(), &status) == 0 ? whoElseWrites(status) : "";
 }
 
 /// True for a file system that is no place for files: what is written there is gone, or refused.
 bool holdsNoFiles(const std::string& folder) {
     struct statfs system = {};
-    const bool isDevices = (folder + "/").compare(0, 5, "/dev/") == 0 &&
-                           (folder + "/").compare(0, 9, "/dev/shm/") != 0;
+    const bool isDevices = UTILITIES::stringBegin(folder + "/", "/dev/") &&
+                           !UTILITIES::stringBegin(folder + "/", "/dev/shm/");
     static const std::set<long> kinds = {PROC_SUPER_MAGIC,    SYSFS_MAGIC,       CGROUP_SUPER_MAGIC,
                                          CGROUP2_SUPER_MAGIC, DEBUGFS_MAGIC,     TRACEFS_MAGIC,
                                          SECURITYFS_MAGIC,    DEVPTS_SUPER_MAGIC};
     return isDevices || (statfs(folder.c_str(), &system) == 0 && kinds.count(system.f_type) > 0);
 }
 
-/// Looks at one target; runs on a thread of its own.
-TargetLook lookAtTarget(const std::string& id, const std::string& target) {
-    TargetLook look;
-    look.folder = targetFolder(target);
-    const auto tell = [&](Severity severity, const std::string& text, const std::string& advice) {
-        look.findings.push_back(hostFinding(severity, "target", id,
-                                            "the target of detector " + inQuotes(id) + ", " +
-                                                inQuotes(target) + ", " + text,
-                                            advice));
+Findings lookAtConfigurationFile(const std::string& file) {
+    const std::vector<std::string>& paths = configFilePaths();
+    const bool isInPlace = std::find(paths.begin(), paths.end(), file) != paths.end();
+    return whatIsSo(
+        "configuration-file", file, "",
+        {{file == paths[0] && access(paths[1].c_str(), F_OK) == 0, warning,
+          "there is a second configuration, " + paths[1] + ", which is not read", "remove it"},
+         {isInPlace && !whoElseWrites(file).empty(), warning,
+          "others than root may write the configuration, whose values reach a shell of root's",
+          "chown root " + file + " && chmod go-w " + file}});
+}
+
+Findings lookAtLog(const std::string& log) {
+    struct stat status = {};
+    struct stat folderStatus = {};
+    const bool exists = stat(log.c_str(), &status) == 0;
+    // A link to a file that does not exist yet leads to where it will be.
+    std::error_code failure;
+    const fs::path place = fs::weakly_canonical(log, failure);
+    const std::string folder = (failure ? fs::path(log) : place).parent_path().string();
+    const bool isFile = !exists || S_ISREG(status.st_mode);
+    const bool isInFolder =
+        stat(folder.c_str(), &folderStatus) == 0 && S_ISDIR(folderStatus.st_mode);
+    const std::string rotation = refusal(folder, W_OK | X_OK);
+    const std::string reason = exists ? refusal(log, W_OK) : rotation;
+    const std::string name = "the log " + inQuotes(log) + " ";
+    const std::string ofFolder = "the folder of the log, " + inQuotes(folder) + ", ";
+    const char* const advice = "let it be a file that root can write, in a folder of root's";
+    return whatIsSo(
+        "log", log, "",
+        {{!isFile, fatal,
+          name + (S_ISDIR(status.st_mode) ? "is a directory" : "is no regular file"), advice},
+         {isFile && !isInFolder, fatal, ofFolder + "does not exist: the daemon does not start",
+          advice},
+         {isFile && isInFolder && !reason.empty(), fatal,
+          name + "can't be written (" + reason + "): the daemon does not start", advice},
+         {isFile && isInFolder && reason.empty() && !rotation.empty(), warning,
+          ofFolder + "can't be written (" + rotation + "): the log is never rotated", advice},
+         {isFile && isInFolder && (folderStatus.st_mode & S_IWOTH) != 0, warning,
+          ofFolder + "may be written by everyone: who puts a link there has the daemon write to, "
+                     "and change the mode of, another file",
+          advice}});
+}
+
+/// "the password file /path "
+std::string named(std::string code, const std::string& path) {
+    std::replace(code.begin(), code.end(), '-', ' ');
+    return "the " + code + " " + path + " ";
+}
+
+/// Looks at a file that the daemon does not start without.
+Findings lookAtNeeded(const char* code, const std::string& path,
+                      Findings (*judge)(const struct stat&, std::string_view)) {
+    constexpr std::size_t enough = 16UL * 1024 * 1024;
+    struct stat status = {};
+    const int reason = stat(path.c_str(), &status) == 0 ? 0 : errno;
+    if (reason == 0) {
+        // Not known to others than root; a single letter stands for it.
+        return judge(status, readFile(path, enough).text.value_or("x"));
+    }
+    return whatIsSo(
+        code, path, named(code, path),
+        {{reason != EACCES || isRoot(), fatal,
+          std::string("can't be found (") + std::strerror(reason) + "): the daemon does not start",
+          "put it there: the password of the detectors' rsync daemons, with mode 0600; "
+          "the program of the package skarn-confirming-rsync"}});
+}
+
+/// What copying stands still for although somebody has the pipe open for reading: threads of the
+/// daemon that wait in it.
+std::vector<PipeWait> findWaits() {
+    // Only a claim; but of a stranger's threads none waits in this pipe.
+    const pid_t daemon = readPidFile().daemon;
+    const auto look = [daemon] {
+        return daemon == 0 ? std::vector<PipeWait>()
+                           : findPipeWaits(daemon).value_or(std::vector<PipeWait>());
     };
-    const std::string advice = "use a directory that root can make and write";
+    std::vector<PipeWait> waits = look();
+    if (!waits.empty()) {
+        // Who was not woken meanwhile waits still.
+        std::this_thread::sleep_for(waitProves);
+        const std::vector<PipeWait> later = look();
+        const auto isOver = [&later](const PipeWait& wait) {
+            return std::find(later.begin(), later.end(), wait) == later.end();
+        };
+        waits.erase(std::remove_if(waits.begin(), waits.end(), isOver), waits.end());
+    }
+    return waits;
+}
+
+Findings lookAtPipe() {
+    using State = PipeSnapshot::State;
+    const std::string path = GLOBAL::pathToVantrelFifo;
+    const PipeSnapshot pipe = lookAtConsumerPipe(path);
+    const std::vector<PipeWait> waits =
+        pipe.state == State::read ? findWaits() : std::vector<PipeWait>();
+    const std::string reader = pipe.readers.empty() ? "" : pipe.readers.front();
+    const std::string name = "the hand-off pipe " + path + " ";
+    const std::string make =
+        "mkfifo -m 0600 " + path + ", chown it to the consumer's user, and start the consumer";
+    return whatIsSo("pipe", path, "",
+                    {{pipe.state == State::absent, warning,
+                      name + "does not exist: files are copied, but nobody is told of them", make},
+                     {pipe.state == State::notAPipe, error,
+                      path + " is no named pipe, so that no consumer is told of a file",
+                      "remove it; then " + make},
+                     {pipe.state == State::noReader, warning,
+                      name + "is read by nobody: copying stands still until somebody does",
+                      "start the consumer"},
+                     {pipe.state == State::unknown && isRoot(), warning,
+                      name + "may have a reader or not: not every process may be looked at",
+                      "look at the consumer itself"},
+                     {!waits.empty() && waits.front().opens, warning,
+                      "a copy waits for a reader of a pipe that was removed, and stands still",
+                      "restart the daemon"},
+                     {!waits.empty() && !waits.front().opens, warning,
+                      reader + " holds the hand-off pipe " + path +
+                          " open and does not read: copying stands still",
+                      "look at the consumer, or start it anew"}});
+}
+
+Findings lookAtFixedFolders() {
+    const std::string capture = "/tmp/skarn_error.log";
+    struct stat status = {};
+    const bool isForeign =
+        lstat(capture.c_str(), &status) == 0 && (!S_ISREG(status.st_mode) || status.st_uid != 0);
+    const char* const advice = "make it a directory that root can write";
+    const std::string tmp = folderRefusal("/tmp");
+    const std::string run = folderRefusal("/var/run");
+    Findings findings = whatIsSo(
+        "tmp-folder", "/tmp", "",
+        {{!tmp.empty(), error,
+          "/tmp can't be written (" + tmp + "): nothing is listed and nothing is copied", advice},
+         {tmp.empty() && isForeign, error,
+          capture + " is not root's regular file: the listing may not be run, without a word in "
+                    "the log (unless the daemon has a /tmp of its own)",
+          "find out who made it, and remove it"}});
+    std::vector<Fault> faults = {
+        {!run.empty(), error,
+         "/var/run can't be written (" + run + "): the daemon ends as soon as it has started",
+         advice}};
+    for (const std::string& path : {pidFilePath(), statusFilePath()}) {
+        const bool exists = run.empty() && lstat(path.c_str(), &status) == 0;
+        const std::string reason = !exists                   ? ""
+                                   : S_ISREG(status.st_mode) ? refusal(path, W_OK)
+                                                             : "it is no regular file";
+        faults.push_back({!reason.empty(), fatal, path + " can't be written: " + reason,
+                          "remove it, or let root write it"});
+    }
+    const Findings ofRun = whatIsSo("run-folder", "/var/run", "", faults);
+    findings.insert(findings.end(), ofRun.begin(), ofRun.end());
+    return findings;
+}
+
+/// Looks at those to whom this host gives targets.
+Findings lookAtOwners(const std::string& uid, const std::string& gid) {
+    const auto isNumber = [](const std::string& text) {
+        return text.find_first_not_of("0123456789") == std::string::npos;
+    };
+    const char* const effect = ", so that no target can be given to it";
+    return whatIsSo(
+        "owner", uid + ":" + gid, "there is no ",
+        {{!isNumber(uid) && getpwnam(uid.c_str()) == nullptr, error,
+          "user " + inQuotes(uid) + effect, "write a user of this host, or a number"},
+         {!isNumber(gid) && getgrnam(gid.c_str()) == nullptr, error,
+          "group " + inQuotes(gid) + effect, "write a group of this host, or a number"}});
+}
+
+std::string targetName(const std::string& id, const std::string& target) {
+    return "the target of detector " + inQuotes(id) + ", " + inQuotes(target) + ", ";
+}
+
+Look lookAtTarget(const std::string& id, const std::string& target) {
+    Look look;
+    look.folder = targetFolder(target);
     // The way that "mkdir -p" goes, as far as it exists.
     fs::path nearest = "/";
-    std::set<fs::path> way = {nearest}; // each folder of it
+    std::set<std::string> way = {"/"}; // each folder of it
     struct stat status = {};
+    std::string refused;
     for (const fs::path& part : fs::path("/" + target).relative_path()) {
         const fs::path next = nearest / part;
         const int reason = stat(next.c_str(), &status) == 0 ? 0 : errno;
-        std::string what;
-        if (reason == 0 && !S_ISDIR(status.st_mode)) {
-            what = "is no directory";
-        } else if (reason == ENOENT && lstat(next.c_str(), &status) == 0) {
-            what = "is a link to nowhere";
-        } else if (reason != 0 && reason != ENOENT && (reason != EACCES || isRoot())) {
-            what = std::string("(") + std::strerror(reason) + ")";
+        const bool isThere = reason != ENOENT || lstat(next.c_str(), &status) == 0;
+        if (reason == 0 && S_ISDIR(status.st_mode)) {
+            nearest = next;
+            way.insert(targetFolder(nearest.string()));
+            continue;
         }
-        if (!what.empty()) {
-            tell(Severity::error, "can't be made: " + inQuotes(next.string()) + " " + what, advice);
-            return look;
+        if (isThere && (reason != EACCES || isRoot())) {
+            refused = inQuotes(next.string()) + (reason == 0        ? " is no directory"
+                                                 : reason == ENOENT ? " is a link to nowhere"
+                                                                    : "");
+            refused += reason == 0 || reason == ENOENT
+                           ? ""
+                           : std::string(" (") + std::strerror(reason) + ")";
         }
-        if (reason != 0) {
-            break;
-        }
-        nearest = next;
-        way.insert(targetFolder(nearest.string()));
+        break;
     }
 
     std::error_code failure;
     const fs::path real = fs::canonical(nearest, failure);
     const fs::path whole = fs::weakly_canonical("/" + target, failure);
-    if (!failure) {
+    if (!failure && refused.empty()) {
         look.folder = targetFolder(whole.string());
         for (fs::path each = real; each.has_relative_path(); each = each.parent_path()) {
-            way.insert(each);
+            way.insert(each.string());
         }
     }
+    if (refused.empty() && !refusal(nearest.string(), W_OK | X_OK).empty()) {
+        refused = inQuotes(nearest.string()) + ": " + refusal(nearest.string(), W_OK | X_OK);
+    }
+    const bool isPlace = !holdsNoFiles(real.string());
+    struct statvfs system = {};
+    const bool isKnown = refused.empty() && isPlace && statvfs(nearest.c_str(), &system) == 0;
+    const bool isFull =
+        isKnown && system.f_blocks > 0 && system.f_bfree * system.f_frsize < nothingLeft;
+    const char* const advice = "use a directory that root can make and write";
+    look.findings = whatIsSo(
+        "target", id, targetName(id, target),
+        {{!refused.empty(), error, "can't be made or written: " + refused, advice},
+         {refused.empty() && !isPlace, error, "lies on a file system that holds no files", advice},
+         {isFull, warning, "lies on a file system that is full: nothing can be copied",
+          "make room there"},
+         {isKnown && !isFull && system.f_files > 0 && system.f_ffree < fewInodes, warning,
+          "lies on a file system without free inodes: no further file can be made",
+          "remove files there"}});
+
     // The target itself is its owner's; what leads there has to be root's.
     way.erase(look.folder);
     way.erase(targetFolder(target));
-    for (const fs::path& folder : way) {
-        if (stat(folder.c_str(), &status) == 0 && !whoElseWrites(status).empty()) {
-            look.unsafe.emplace_back(folder.string(), whoElseWrites(status));
-        }
-    }
-    if (const int reason = refusal(nearest.string(), W_OK | X_OK)) {
-        tell(Severity::error,
-             "can't be made or written: " + inQuotes(nearest.string()) + ": " +
-                 std::strerror(reason),
-             advice);
-    } else if (holdsNoFiles(real.string())) {
-        tell(Severity::error, "lies on a file system that holds no files", advice);
-    } else {
-        struct statvfs system = {};
-        const bool isKnown = statvfs(nearest.c_str(), &system) == 0;
-        if (isKnown && system.f_blocks > 0 && system.f_bfree * system.f_frsize < nothingLeft) {
-            tell(Severity::warning, "lies on a file system that is full: nothing can be copied",
-                 "make room there");
-        } else if (isKnown && system.f_files > 0 && system.f_ffree < fewInodes) {
-            tell(Severity::warning,
-                 "lies on a file system without free inodes: no further file can be made",
-                 "remove files there");
-        }
+    for (const std::string& folder : way) {
+        const std::string who = whoElseWrites(folder);
+        const Findings unsafe = whatIsSo(
+            "unsafe-folder", folder, inQuotes(folder) + ", on the way to a target, " + who,
+            {{!who.empty(), error,
+              ": who puts a link in the place of what lies below it has root make folders, write "
+              "files and give them away wherever he wants",
+              "chown root:root " + folder + " && chmod go-w " + folder}});
+        look.findings.insert(look.findings.end(), unsafe.begin(), unsafe.end());
     }
     return look;
 }
 
-/// What there is to say of the log at this absolute path; runs on a thread of its own.
-Findings lookAtLog(const std::string& log) {
-    Findings findings;
-    const auto tellOf = [&](Severity severity, const std::string& text) {
-        findings.push_back(hostFinding(severity, "log", log, text,
-                                       "let it be a file that root can write, in a folder of "
-                                       "root's"));
-    };
-    struct stat status = {};
-    const bool exists = stat(log.c_str(), &status) == 0;
-    if (exists && !S_ISREG(status.st_mode)) {
-        tellOf(Severity::fatal, "the log " + inQuotes(log) + " is " +
-                                    (S_ISDIR(status.st_mode) ? "a directory" : "no regular file"));
-        return findings;
-    }
-    // A link to a file that does not exist yet leads to where it will be.
-    std::error_code failure;
-    const fs::path place = fs::weakly_canonical(log, failure);
-    const std::string folder = (failure ? fs::path(log) : place).parent_path().string();
-    const std::string ofFolder = "the folder of the log, " + inQuotes(folder) + ", ";
-    struct stat folderStatus = {};
-    if (stat(folder.c_str(), &folderStatus) != 0 || !S_ISDIR(folderStatus.st_mode)) {
-        tellOf(Severity::fatal, ofFolder + "does not exist: the daemon does not start");
-        return findings;
-    }
-    const int rotation = refusal(folder, W_OK | X_OK);
-    if (const int reason = exists ? refusal(log, W_OK) : rotation) {
-        tellOf(Severity::fatal, "the log " + inQuotes(log) + " can't be written (" +
-                                    std::strerror(reason) + "): the daemon does not start");
-    } else if (rotation != 0) {
-        tellOf(Severity::warning, ofFolder + "can't be written (" + std::strerror(rotation) +
-                                      "): the log is never rotated");
-    }
-    if ((folderStatus.st_mode & S_IWOTH) != 0) {
-        tellOf(Severity::warning,
-               ofFolder + "may be written by everyone: who puts a link there has the daemon write "
-                          "to, and change the mode of, another file");
-    }
-    return findings;
-}
-
-/// Gathers findings for findOnHost.
-class HostFinder {
-public:
-    explicit HostFinder(const Configuration& checked) : configuration(checked) {}
-
-    Findings find(const std::string& file, const std::vector<TargetLook>& targets) {
-        if (!isRoot()) {
-            tell(Severity::warning, "not-root", "user",
-                 "this is not run as root, so that what only root may see or do is not checked",
-                 "run it as root for the rest");
-        }
-        lookAtConfigurationFile(file);
-        askOfLog();
-        lookAtPasswordFile();
-        lookAtCopyProgram();
-        lookAtPipe();
-        lookAtFixedFolders();
-        lookAtOwner();
-        tellOfTargets(targets);
-        return std::move(findings);
-    }
-
-private:
-    void tell(Severity severity, const char* code, const std::string& subject,
-              const std::string& text, const std::string& advice) {
-        findings.push_back(hostFinding(severity, code, subject, text, advice));
-    }
-
-    void lookAtConfigurationFile(const std::string& file);
-    void askOfLog();
-    void lookAtPasswordFile();
-    void lookAtCopyProgram();
-    void lookAtPipe();
-    void lookAtWaits(const PipeSnapshot& pipe);
-    bool isUsableFolder(const char* code, const std::string& path, const std::string& use);
-    void lookAtFixedFolders();
-    void lookAtOwner();
-    void tellOfTargets(const std::vector<TargetLook>& targets);
-
-    const Configuration& configuration;
-    Findings findings;
-};
-
-void HostFinder::lookAtConfigurationFile(const std::string& file) {
-    const std::vector<std::string>& paths = configFilePaths();
-    struct stat status = {};
-    if (file == paths[0] && stat(paths[1].c_str(), &status) == 0) {
-        tell(Severity::warning, "configuration-file", paths[1],
-             "there is a second configuration, " + paths[1] + ", which is not read, since " +
-                 paths[0] + " exists",
-             "remove one of the two");
-    }
-    const bool isInPlace = std::find(paths.begin(), paths.end(), file) != paths.end();
-    if (isInPlace && stat(file.c_str(), &status) == 0 && !whoElseWrites(status).empty()) {
-        tell(Severity::warning, "configuration-file", file,
-             "others than root may write the configuration, whose values reach a shell of root's",
-             "chown root " + file + " && chmod go-w " + file);
-    }
-}
-
-void HostFinder::askOfLog() {
-    const std::string& log = configuration.logFileName;
-    if (log == "/dev/null" || log.empty() || log.front() != '/') {
-        return; // told of where it is configured
-    }
-    const auto found = Aside<Findings>().ask([log] { return lookAtLog(log); }, targetLimit);
-    if (found) {
-        findings.insert(findings.end(), found->begin(), found->end());
-    } else {
-        tell(Severity::fatal, "log", log,
-             "the log " + inQuotes(log) + " does not answer: the daemon does not start",
-             "look at its file system, and at the server that it is of");
-    }
-}
-
-void HostFinder::lookAtPasswordFile() {
-    const std::string& path = GLOBAL::passwordFile;
-    struct stat status = {};
-    if (stat(path.c_str(), &status) != 0) {
-        if (errno != EACCES || isRoot()) {
-            tell(Severity::fatal, "password-file", path,
-                 "the password file " + path + " can't be found (" + std::strerror(errno) +
-                     "): the daemon does not start",
-                 "put the password of the detectors' rsync daemons there, with mode 0600");
-        }
-        return;
-    }
-    // Not known to others than root; a single letter stands for a password.
-    constexpr std::size_t enough = 4096;
-    const Findings found = judgePasswordFile(status, readFile(path, enough).text.value_or("x"));
-    findings.insert(findings.end(), found.begin(), found.end());
-}
-
-void HostFinder::lookAtCopyProgram() {
-    const std::string& path = GLOBAL::rsyncCommand;
-    struct stat status = {};
-    if (stat(path.c_str(), &status) != 0) {
-        if (errno != EACCES || isRoot()) {
-            tell(Severity::fatal, "copy-program", path,
-                 "the copy program " + path + " can't be found (" + std::strerror(errno) +
-                     "): the daemon does not start",
-                 "install it, for instance with the package skarn-confirming-rsync");
-        }
-        return;
-    }
-    constexpr std::size_t enough = 16UL * 1024 * 1024;
-    const Findings found = judgeCopyProgram(status, readFile(path, enough).text.value_or(""));
-    findings.insert(findings.end(), found.begin(), found.end());
-    struct statvfs system = {};
-    if (statvfs(path.c_str(), &system) == 0 && (system.f_flag & ST_NOEXEC) != 0) {
-        tell(Severity::error, "copy-program", path,
-             "the file system of the copy program " + path + " is mounted with noexec",
-             "mount it without, or install the program elsewhere and link to it");
-    }
-}
-
-void HostFinder::lookAtPipe() {
-    PipeSnapshot unknown;
-    unknown.path = GLOBAL::pathToVantrelFifo;
-    const auto look = [] { return lookAtConsumerPipe(GLOBAL::pathToVantrelFifo); };
-    const PipeSnapshot pipe = Aside<PipeSnapshot>().ask(look, pipeLimit).value_or(unknown);
-    const std::string make =
-        "mkfifo -m 0600 " + pipe.path + ", chown it to the consumer's user, and start the consumer";
-    const std::string name = "the hand-off pipe " + pipe.path + " ";
-    switch (pipe.state) {
-    case PipeSnapshot::State::absent:
-        tell(Severity::warning, "pipe", pipe.path,
-             name + "does not exist: files are copied, but nobody is told of them", make);
-        break;
-    case PipeSnapshot::State::notAPipe:
-        tell(Severity::error, "pipe", pipe.path,
-             pipe.path + " is no named pipe, so that no consumer is told of a file",
-             "remove it; then " + make);
-        break;
-    case PipeSnapshot::State::noReader:
-        tell(Severity::warning, "pipe", pipe.path,
-             name + "is read by nobody: copying stands still until somebody does",
-             "start the consumer");
-        break;
-    case PipeSnapshot::State::unknown:
-        if (isRoot()) {
-            tell(Severity::warning, "pipe", pipe.path,
-                 name + "may have a reader or not: not every process may be looked at",
-                 "look at the consumer itself");
-        }
-        break;
-    case PipeSnapshot::State::read:
-        lookAtWaits(pipe);
-        break;
-    }
-}
-
-/// Whether copying stands still although somebody has the pipe open for reading.
-void HostFinder::lookAtWaits(const PipeSnapshot& pipe) {
-    // Only a claim; but of a stranger's threads none waits in this pipe.
-    const pid_t daemon = readPidFile().daemon;
-    const auto look = [daemon] {
-        auto waits = findPipeWaits(daemon).value_or(std::vector<PipeWait>());
-        if (!waits.empty()) {
-            // Who was not woken meanwhile waits still.
-            std::this_thread::sleep_for(waitProves);
-            const auto later = findPipeWaits(daemon).value_or(std::vector<PipeWait>());
-            waits.erase(std::remove_if(waits.begin(), waits.end(),
-                                       [&later](const PipeWait& wait) {
-                                           return std::find(later.begin(), later.end(), wait) ==
-                                                  later.end();
-                                       }),
-                        waits.end());
-        }
-        return waits;
-    };
-    const auto found =
-        daemon == 0 ? std::nullopt : Aside<std::vector<PipeWait>>().ask(look, pipeLimit);
-    for (const PipeWait& wait : found.value_or(std::vector<PipeWait>())) {
-        if (wait.opens) {
-            tell(Severity::warning, "pipe", pipe.path,
-                 "a copy waits for a reader of a pipe that was removed, and stands still",
-                 "restart the daemon");
-        } else {
-            tell(Severity::warning, "pipe", pipe.path,
-                 pipe.readers.front() + " holds the hand-off pipe " + pipe.path +
-                     " open and does not read: copying stands still",
-                 "look at the consumer, or start it anew");
-        }
-        break; // all of them wait for the same
-    }
-}
-
-bool HostFinder::isUsableFolder(const char* code, const std::string& path, const std::string& use) {
-    struct stat status = {};
-    int reason = stat(path.c_str(), &status) == 0 ? 0 : errno;
-    if (reason == 0) {
-        reason = S_ISDIR(status.st_mode) ? refusal(path, W_OK | X_OK) : ENOTDIR;
-    }
-    if (reason != 0) {
-        tell(Severity::error, code, path,
-             path + " can't be written (" + std::strerror(reason) + "): " + use,
-             "make it a directory that root can write");
-    }
-    return reason == 0;
-}
-
-void HostFinder::lookAtFixedFolders() {
-    struct stat status = {};
-    if (isUsableFolder("tmp-folder", "/tmp", "nothing is listed and nothing is copied")) {
-        const std::string capture = "/tmp/skarn_error.log";
-        if (lstat(capture.c_str(), &status) == 0 &&
-            (!S_ISREG(status.st_mode) || status.st_uid != 0)) {
-            tell(Severity::error, "tmp-folder", capture,
-                 capture + " is not root's regular file: the listing may not be run, without a "
-                           "word in the log (unless the daemon has a /tmp of its own)",
-                 "find out who made it, and remove it");
-        }
-    }
-    if (isUsableFolder("run-folder", "/var/run", "the daemon ends as soon as it has started")) {
-        for (const std::string& path : {pidFilePath(), statusFilePath()}) {
-            if (lstat(path.c_str(), &status) != 0) {
-                continue;
-            }
-            const bool isFile = S_ISREG(status.st_mode);
-            const int reason = isFile ? refusal(path, W_OK) : 0;
-            if (!isFile || reason != 0) {
-                tell(Severity::fatal, "run-folder", path,
-                     path + " can't be written: " +
-                         (isFile ? std::strerror(reason) : "it is no regular file"),
-                     "remove it, or let root write it");
-            }
-        }
-    }
-}
-
-void HostFinder::lookAtOwner() {
-    const auto isNumber = [](const std::string& text) {
-        return text.find_first_not_of("0123456789") == std::string::npos;
-    };
-    const std::string& uid = configuration.uid;
-    const std::string& gid = configuration.gid;
-    if (configuration.usrdir.empty()) {
-        return; // nothing is given to anyone by this host
-    }
-    if (!isNumber(uid) && getpwnam(uid.c_str()) == nullptr) {
-        tell(Severity::error, "owner", uid,
-             "there is no user " + inQuotes(uid) + ", so that no target can be given to it",
-             "write a user of this host, or a number");
-    }
-    if (!isNumber(gid) && getgrnam(gid.c_str()) == nullptr) {
-        tell(Severity::error, "owner", gid,
-             "there is no group " + inQuotes(gid) + ", so that no target can be given to it",
-             "write a group of this host, or a number");
-    }
-}
-
-void HostFinder::tellOfTargets(const std::vector<TargetLook>& targets) {
-    std::map<std::string, std::string> unsafe; // each folder once
-    for (const TargetLook& look : targets) {
-        findings.insert(findings.end(), look.findings.begin(), look.findings.end());
-        unsafe.insert(look.unsafe.begin(), look.unsafe.end());
-    }
-    for (const auto& [folder, who] : unsafe) {
-        std::string text = inQuotes(folder);
-        text += ", on the way to a target, " + who +
-                ": who puts a link in the place of what lies below it has root make folders, "
-                "write files and give them away wherever he wants";
-        std::string advice = "chown root:root " + folder;
-        advice += " && chmod go-w " + folder;
-        tell(Severity::error, "unsafe-folder", folder, text, advice);
-    }
-}
-
 } // namespace
 
-std::vector<TargetLook> lookAtTargets(const Configuration& configuration) {
-    const Clock::time_point end = Clock::now() + targetLimit;
-    std::vector<Aside<TargetLook>> asides(std::min(configuration.detectors.size(), mostDetectors));
-    auto next = configuration.detectors.begin();
-    for (Aside<TargetLook>& aside : asides) {
-        aside.begin([id = next->id, target = next->target] { return lookAtTarget(id, target); });
-        ++next;
+HostFindings findOnHost(const Configuration& configuration, const std::string& file) {
+    struct Place {
+        const char* code;
+        std::string subject;
+        std::string name;
+        Severity silence; // how bad it is that it does not answer
+        std::function<Look()> look;
+    };
+    const std::string& log = configuration.logFileName;
+    const std::string password = GLOBAL::passwordFile;
+    const std::string program = GLOBAL::rsyncCommand;
+    const std::string pipe = GLOBAL::pathToVantrelFifo;
+    std::vector<Place> places = {
+        {"configuration-file", file, file + " ", warning,
+         [file] { return lookAtConfigurationFile(file); }},
+        {"password-file", password, named("password-file", password), fatal,
+         [password] { return lookAtNeeded("password-file", password, judgePasswordFile); }},
+        {"copy-program", program, named("copy-program", program), fatal,
+         [program] { return lookAtNeeded("copy-program", program, judgeCopyProgram); }},
+        {"pipe", pipe, "the hand-off pipe " + pipe + " ", warning, lookAtPipe},
+        {"tmp-folder", "/tmp", "/tmp or /var/run ", error, lookAtFixedFolders}};
+    if (log != "/dev/null" && !log.empty() && log.front() == '/') { // else told of already
+        places.push_back({"log", log, "the log " + inQuotes(log) + " ", fatal,
+                          [log] { return lookAtLog(log); }});
     }
-    std::vector<TargetLook> looks(configuration.detectors.size());
-    for (std::size_t i = 0; i < looks.size(); ++i) {
-        const Detector& detector = configuration.detectors[i];
-        looks[i].folder = targetFolder(detector.target);
-        if (i >= asides.size()) {
-            continue;
-        }
-        if (std::optional<TargetLook> look = asides[i].answerBy(end)) {
-            looks[i] = std::move(*look);
-        } else {
-            looks[i].findings = {
-                hostFinding(Severity::error, "target", detector.id,
-                            "the target of detector " + inQuotes(detector.id) + ", " +
-                                inQuotes(detector.target) + ", does not answer",
-                            "look at its file system, and at the server that it is of")};
+    if (!configuration.usrdir.empty()) {
+        places.push_back({"owner", "owner", "the list of users ", warning,
+                          [uid = configuration.uid, gid = configuration.gid] {
+                              return lookAtOwners(uid, gid);
+                          }});
+    }
+    HostFindings found;
+    for (const Detector& detector : configuration.detectors) {
+        found.folders.push_back(targetFolder(detector.target));
+        if (found.folders.size() <= mostDetectors) {
+            places.push_back({"target", detector.id, targetName(detector.id, detector.target),
+                              error, [id = detector.id, target = detector.target] {
+                                  return lookAtTarget(id, target);
+                              }});
         }
     }
-    return looks;
+    found.findings = whatIsSo("not-root", "user", "",
+                              {{!isRoot(), warning,
+                                "this is not run as root, so that what only root may see or do is "
+                                "not checked",
+                                "run it as root for the rest"}});
+
+    const Clock::time_point end = Clock::now() + placeLimit;
+    std::vector<Aside<Look>> asides(places.size());
+    for (std::size_t i = 0; i < places.size(); ++i) {
+        asides[i].begin(places[i].look);
+    }
+    std::set<std::string> told; // a folder may be on the way to several targets
+    auto folder = found.folders.begin();
+    for (std::size_t i = 0; i < places.size(); ++i) {
+        const Place& place = places[i];
+        const std::optional<Look> look = asides[i].answerBy(end);
+        if (place.code == std::string_view("target")) {
+            *folder = look ? look->folder : *folder;
+            ++folder;
+        }
+        const Findings findings =
+            look ? look->findings
+                 : whatIsSo(place.code, place.subject, place.name,
+                            {{true, place.silence,
+                              std::string("does not answer") +
+                                  (place.silence == fatal ? ": the daemon does not start" : ""),
+                              "look for what hangs there, such as a file server"}});
+        std::copy_if(findings.begin(), findings.end(), std::back_inserter(found.findings),
+                     [&told](const Finding& each) { return told.insert(each.text).second; });
+    }
+    return found;
 }
 
 Findings findInShares(const Configuration& configuration) {
     const Clock::time_point end = Clock::now() + shareLimit;
-    std::map<std::string, std::string> detectorOf; // of each share, the first one
-    std::map<std::string, Child> listings;
+    std::map<std::string, std::pair<std::string, Child>> listings; // of each share, for the first
     for (const Detector& detector : configuration.detectors) {
-        if (isPlainWord(detector.shareUrl) && listings.size() < mostDetectors &&
-            detectorOf.emplace(detector.shareUrl, detector.id).second) {
-            std::vector<std::string> words =
-                UTILITIES::splitWords(listingCommand(detector.shareUrl), ' ');
+        const std::string& share = detector.shareUrl;
+        if (isPlainWord(share) && listings.size() < mostDetectors && listings.count(share) == 0) {
+            std::vector<std::string> words = UTILITIES::splitWords(listingCommand(share), ' ');
             words.pop_back(); // what sends its errors to a file
-            listings.emplace(detector.shareUrl, words);
+            listings.emplace(share, std::pair(detector.id, Child(words)));
         }
     }
     Findings findings;
-    for (auto& [share, listing] : listings) {
-        const std::string& detector = detectorOf.at(share);
-        const bool hasEnded = listing.startError() == 0 && listing.finish(end);
+    for (auto& [share, detectorAndListing] : listings) {
+        auto& [detector, listing] = detectorAndListing;
         std::string reason;
         if (listing.startError() != 0) {
             reason = std::strerror(listing.startError());
-        } else if (hasEnded && *listing.status() != 0) {
-            reason = firstLine(listing.text());
-            reason = reason.empty() ? howItEnded(*listing.status()) : reason;
-        } else if (!hasEnded) {
+        } else if (!listing.finish(end)) {
             listing.kill();
             // One that has begun to answer is only long.
             reason = listing.text().empty()
                          ? "no answer within " + std::to_string(shareLimit.count()) + " seconds"
                          : "";
+        } else if (*listing.status() != 0) {
+            reason = firstLine(listing.text());
+            reason = reason.empty() ? howItEnded(*listing.status()) : reason;
         }
-        if (!reason.empty()) {
-            std::string text = "the share of detector " + inQuotes(detector);
-            text.append(", ").append(share).append(", can't be listed: ").append(reason);
-            findings.push_back(hostFinding(Severity::error, "share", detector, text,
-                                           "look at the detector's rsync daemon: address, port "
-                                           "49371, module ramdisk, password"));
-        }
+        const Findings found = whatIsSo(
+            "share", detector, "the share of detector " + inQuotes(detector) + ", " + share,
+            {{!reason.empty(), error, ", can't be listed: " + reason,
+              "look at the detector's rsync daemon: address, port 49371, module ramdisk, "
+              "password"}});
+        findings.insert(findings.end(), found.begin(), found.end());
     }
     return findings;
 }
 
 Findings judgePasswordFile(const struct stat& status, std::string_view content) {
     const std::string& path = GLOBAL::passwordFile;
-    Findings findings;
-    const auto tell = [&findings](Severity severity, const std::string& text,
-                                  const std::string& advice) {
-        findings.push_back(hostFinding(severity, "password-file", GLOBAL::passwordFile,
-                                       "the password file " + GLOBAL::passwordFile + " " + text,
-                                       advice));
-    };
+    const auto isOpen = [&status](mode_t mode) { return (status.st_mode & mode) != 0; };
     if (!S_ISREG(status.st_mode)) {
-        tell(Severity::error, "is no regular file",
-             "make it a file with the password, of mode 0600");
-        return findings;
+        return whatIsSo("password-file", path, named("password-file", path),
+                        {{true, error, "is no regular file",
+                          "make it a file with the password, of mode 0600"}});
     }
-    if ((status.st_mode & (S_IROTH | S_IWOTH)) != 0) {
-        tell(Severity::error,
-             "may be read or written by everyone: rsync refuses it, and nothing is listed or "
-             "copied",
-             "chmod 0600 " + path);
-    } else if ((status.st_mode & (S_IRGRP | S_IWGRP)) != 0) {
-        tell(Severity::warning, "may be read or written by its group", "chmod 0600 " + path);
-    }
-    if (status.st_uid != 0) {
-        tell(Severity::error, "is not root's: rsync refuses it, and nothing is listed or copied",
-             "chown root " + path);
-    }
-    if (content.find_first_not_of(std::string_view("\r\n\0", 3)) == std::string_view::npos) {
-        tell(Severity::error, "holds no password: no detector lets the daemon in",
-             "write the password of the detectors' rsync daemons into it");
-    }
-    return findings;
+    return whatIsSo(
+        "password-file", path, named("password-file", path),
+        {{isOpen(S_IROTH | S_IWOTH), error,
+          "may be read or written by everyone: rsync refuses it, and nothing is listed or copied",
+          "chmod 0600 " + path},
+         {!isOpen(S_IROTH | S_IWOTH) && isOpen(S_IRGRP | S_IWGRP), warning,
+          "may be read or written by its group", "chmod 0600 " + path},
+         {status.st_uid != 0, error,
+          "is not root's: rsync refuses it, and nothing is listed or copied", "chown root " + path},
+         {content.find_first_not_of(std::string_view("\r\n\0", 3)) == std::string_view::npos, error,
+          "holds no password: no detector lets the daemon in",
+          "write the password of the detectors' rsync daemons into it"}});
 }
 
 Findings judgeCopyProgram(const struct stat& status, std::string_view content) {
     const std::string& path = GLOBAL::rsyncCommand;
-    Findings findings;
-    const auto tell = [&findings](Severity severity, const std::string& text,
-                                  const std::string& advice) {
-        findings.push_back(hostFinding(severity, "copy-program", GLOBAL::rsyncCommand,
-                                       "the copy program " + GLOBAL::rsyncCommand + " " + text,
-                                       advice));
+    const auto holds = [content](std::string_view word) {
+        return content.find(word) != std::string_view::npos;
     };
-    if (!S_ISREG(status.st_mode)) {
-        tell(Severity::error, "is no regular file", "install the copy program in its place");
-        return findings;
-    }
-    if ((status.st_mode & S_IXUSR) == 0) {
-        tell(Severity::fatal, "is not executable by its owner: the daemon does not start",
-             "chmod 0755 " + path);
-    }
-    if (!whoElseWrites(status).empty()) {
-        tell(Severity::warning, "may be changed by others than root, who runs it",
-             "chown root " + path + " && chmod 0755 " + path);
-    }
-    if (content.substr(0, 4) == "\177ELF" && contains(content, "remove-source-files") &&
-        !contains(content, "confirm-files")) {
-        tell(Severity::error, "does not know the option --confirm-files: nothing is copied",
-             "install a copy program that does; a stock rsync does not");
-    }
-    return findings;
-}
-
-Findings findOnHost(const Configuration& configuration, const std::string& file,
-                    const std::vector<TargetLook>& targets) {
-    return HostFinder(configuration).find(file, targets);
+    const bool isFile = S_ISREG(status.st_mode);
+    struct statvfs system = {};
+    return whatIsSo(
+        "copy-program", path, named("copy-program", path),
+        {{!isFile, error, "is no regular file", "install the copy program in its place"},
+         {isFile && (status.st_mode & S_IXUSR) == 0, fatal,
+          "is not executable by its owner: the daemon does not start", "chmod 0755 " + path},
+         {isFile && !whoElseWrites(status).empty(), warning,
+          "may be changed by others than root, who runs it",
+          "chown root " + path + " && chmod 0755 " + path},
+         {isFile && UTILITIES::stringBegin(content, "\177ELF") && holds("remove-source-files") &&
+              !holds("confirm-files"),
+          error, "does not know the option --confirm-files: nothing is copied",
+          "install a copy program that does; a stock rsync does not"},
+         {statvfs(path.c_str(), &system) == 0 && (system.f_flag & ST_NOEXEC) != 0, error,
+          "lies on a file system that is mounted with noexec",
+          "mount it without, or install the program elsewhere and link to it"}});
 }
 
 } // namespace control
