@@ -153,9 +153,6 @@ public:
         for (const ConfigLine& line : view.lines) {
             lookAtLine(line);
         }
-        for (const auto& [key, use] : view.settings) {
-            lookAtUse(use, nullptr);
-        }
         for (const ConfigBlock& block : view.blocks) {
             lookAtBlock(block);
         }
@@ -211,11 +208,10 @@ private:
         return (value.empty() ? "nothing" : inQuotes(value)) + " counts";
     }
 
-    /// Looks whether a line is one in which the daemon finds what stands there.
+    /// Looks whether the daemon finds what stands in a line, and what it takes there.
     void lookAtLine(const ConfigLine& line) {
         // A block may begin anywhere in a line, and several may.
-        const std::string withEnd = line.text + " ";
-        const bool hasBlockInside = withEnd.find(blockStart, 1) != std::string::npos;
+        const bool hasBlockInside = (line.text + " ").find(blockStart, 1) != std::string::npos;
         if (hasBlockInside) {
             add(error, "block-inside-line", line.number, "detectorID",
                 "\"detectorID \" stands inside the line, and a new detector begins there: what "
@@ -224,9 +220,10 @@ private:
         }
         std::string_view rest = line.text;
         const std::string word(UTILITIES::takeWord(rest));
+        const bool isAlone = rest.empty() || rest.front() == ' ';
         const ConfigBlock* const block = view.blockAt(line.offset);
         const std::string nothing = inQuotes(line.text) + ": the daemon takes nothing of it; ";
-        if (const Key* const key = withEnd[word.size()] == ' ' ? findKey(word) : nullptr) {
+        if (const Key* const key = isAlone ? findKey(word) : nullptr) {
             const KeyUse* const used = !key->ofDetector   ? view.settings.lookUp(word)
                                        : block == nullptr ? nullptr
                                                           : block->uses.lookUp(word);
@@ -237,11 +234,16 @@ private:
                 add(error, "not-taken", line.number, word,
                     nothing + "the key stands in line " + std::to_string(used->line) + " already",
                     "keep one of the two: the first counts, also if it has no value");
+            } else if (used->taken) {
+                lookAtValue(line, *key, std::string(trimmed(rest)), *used->taken, hasBlockInside);
+            } else if (key->isNumber() || !key->ofDetector) {
+                // Else what is told of a block that lacks it says enough.
+                tellOf(error, "not-taken", line.number, *key, nothing + whatCounts(*key, block));
             }
             return;
         }
         // What its author had in mind, behind the mark that some editors leave, and up to a sign.
-        const std::size_t mark = UTILITIES::stringBegin(word, "\xef\xbb\xbf") ? 3 : 0;
+        const std::ptrdiff_t mark = UTILITIES::stringBegin(word, "\xef\xbb\xbf") ? 3 : 0;
         const auto end = std::find_if(word.begin() + mark, word.end(), [](unsigned char sign) {
             return std::isalnum(sign) == 0 && sign != '_';
         });
@@ -258,52 +260,38 @@ private:
         }
     }
 
-    /// Looks whether the daemon takes from a key what was written there, and what comes of it.
-    void lookAtUse(const KeyUse& use, const ConfigBlock* block) {
-        const Key& key = *use.key;
-        const std::string line =
-            inQuotes(key.name + (use.written.empty() ? "" : " ") + use.written);
-        if (!use.taken) {
-            // What is told of a block that lacks these says enough.
-            if (key.isNumber() || !key.ofDetector) {
-                tellOf(error, "not-taken", use.line, key,
-                       line + ": the daemon takes nothing of it; " + whatCounts(key, block));
-            }
-            return;
-        }
-        const std::string& taken = *use.taken;
-        // What stands behind a value, and is no part of it.
-        std::string written = use.written;
-        const std::size_t blank = std::min(written.find_first_of(" \t"), written.size());
-        const std::size_t comment = written.find('#', blank);
-        const bool isToldOf = written.find(blockStart) != std::string::npos;
-        const bool hasComment = !isToldOf && comment != std::string::npos;
-        written = isToldOf ? taken : std::string(trimmed(written.substr(0, comment)));
+    /// Looks whether the daemon takes what was written behind a key, and what comes of it.
+    void lookAtValue(const ConfigLine& line, const Key& key, const std::string& behind,
+                     const std::string& taken, bool hasBlockInside) {
+        // What stands behind a value, and is no part of it. A block there is told of already.
+        const std::size_t blank = std::min(behind.find_first_of(" \t"), behind.size());
+        const std::size_t comment = hasBlockInside ? std::string::npos : behind.find('#', blank);
+        const std::string written =
+            hasBlockInside ? taken : std::string(trimmed(behind.substr(0, comment)));
+        const bool hasComment = comment != std::string::npos;
         const bool hasSign =
             !key.isNumber() && std::string_view("=:\"'").find(taken[0]) != std::string_view::npos;
-        const std::string effect = effectOf(key, taken);
         const bool isTaken = !hasSign && isAsMeant(key, written, taken);
+        const std::string effect = effectOf(key, taken);
         const std::string why =
-            use.written.empty() && key.kind != Key::Kind::size ? ", from the next line"
-            : hasSign                                          ? ", with the sign in front"
-            : !effect.empty()                                  ? ": " + effect
+            behind.empty() && key.kind != Key::Kind::size ? ", from the next line"
+            : hasSign                                     ? ", with the sign in front"
+            : !effect.empty()                             ? ": " + effect
             : isTaken ? "; \"#\" begins no comment behind a value, it is ignored by chance"
                       : "";
-        const bool isHarmless = !hasSign && !written.empty() && effect.empty() &&
+        const bool isHarmless = !hasSign && !behind.empty() && effect.empty() &&
                                 (isTaken || key.kind == Key::Kind::word || written == taken + "ms");
         if (!isTaken || hasComment) {
-            tellOf(isHarmless ? warning : error, "taken-otherwise", use.line, key,
-                   line + ": the daemon takes " + inQuotes(taken) + why);
+            tellOf(isHarmless ? warning : error, "taken-otherwise", line.number, key,
+                   inQuotes(line.text) + ": the daemon takes " + inQuotes(taken) + why);
         } else if (!effect.empty()) {
             const bool isSetting = key.isNumber() && !key.ofDetector;
-            tellOf(isSetting ? warning : error, "bad-value", use.line, key, line + ": " + effect);
+            tellOf(isSetting ? warning : error, "bad-value", line.number, key,
+                   inQuotes(line.text) + ": " + effect);
         }
     }
 
     void lookAtBlock(const ConfigBlock& block) {
-        for (const auto& [key, use] : block.uses) {
-            lookAtUse(use, &block);
-        }
         const std::string name = "detector " + inQuotes(block.id);
         if (!block.served) {
             add(error, "repeated-detector", block.line, block.id,

@@ -158,10 +158,7 @@ KeyUses ConfigView::findAll(bool ofDetector, const std::string& piece, std::size
         }
         // The line feed in front of the piece makes up for the one in front of the key.
         const std::size_t offset = begin + found;
-        const std::size_t value = found + 1 + key.name.size();
-        const std::string rest = haystack.substr(value, haystack.find('\n', value) - value);
-        uses[key.name] = {&key, lineAt(offset), offset, std::string(trimmed(rest)),
-                          takenBy(key, haystack)};
+        uses[key.name] = {lineAt(offset), offset, takenBy(key, haystack)};
     }
     return uses;
 }

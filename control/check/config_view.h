@@ -32,13 +32,10 @@ struct ConfigLine {
     std::size_t offset = 0; // of the text's first character in the daemon's text
 };
 
-/// One key in the part of the text that it is looked up in: what its author wrote, and what the
-/// daemon takes from there.
+/// What the daemon takes from a key in the part of the text that it is looked up in.
 struct KeyUse {
-    const Key* key = nullptr;
     int line = 0;
     std::size_t offset = 0;           // of the key in the daemon's text
-    std::string written;              // the rest of its line, without white space around it
     std::optional<std::string> taken; // nothing if the daemon goes on as if the key were not there
 };
 

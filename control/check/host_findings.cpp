@@ -57,12 +57,12 @@ struct Fault {
     std::string advice;
 };
 
-/// Those that are so, of something of this kind and name.
+/// Those that are so, of something of this kind and name; the first `most` of them.
 Findings whatIsSo(const std::string& code, const std::string& subject, const std::string& name,
-                  const std::vector<Fault>& faults) {
+                  const std::vector<Fault>& faults, std::size_t most = 9) {
     Findings findings;
     for (const Fault& fault : faults) {
-        if (fault.isSo) {
+        if (fault.isSo && findings.size() < most) {
             findings.push_back({fault.severity, code, 0, subject, name + fault.text, fault.advice,
                                 Finding::About::host});
         }
@@ -140,28 +140,27 @@ Findings lookAtLog(const std::string& log) {
     std::error_code failure;
     const fs::path place = fs::weakly_canonical(log, failure);
     const std::string folder = (failure ? fs::path(log) : place).parent_path().string();
-    const bool isFile = !exists || S_ISREG(status.st_mode);
-    const bool isInFolder =
+    const bool hasFolder =
         stat(folder.c_str(), &folderStatus) == 0 && S_ISDIR(folderStatus.st_mode);
     const std::string rotation = refusal(folder, W_OK | X_OK);
     const std::string reason = exists ? refusal(log, W_OK) : rotation;
     const std::string name = "the log " + inQuotes(log) + " ";
     const std::string ofFolder = "the folder of the log, " + inQuotes(folder) + ", ";
     const char* const advice = "let it be a file that root can write, in a folder of root's";
+    const std::string noStart = ": the daemon does not start";
     return whatIsSo(
         "log", log, "",
-        {{!isFile, fatal,
-          name + (S_ISDIR(status.st_mode) ? "is a directory" : "is no regular file"), advice},
-         {isFile && !isInFolder, fatal, ofFolder + "does not exist: the daemon does not start",
-          advice},
-         {isFile && isInFolder && !reason.empty(), fatal,
-          name + "can't be written (" + reason + "): the daemon does not start", advice},
-         {isFile && isInFolder && reason.empty() && !rotation.empty(), warning,
-          ofFolder + "can't be written (" + rotation + "): the log is never rotated", advice},
-         {isFile && isInFolder && (folderStatus.st_mode & S_IWOTH) != 0, warning,
-          ofFolder + "may be written by everyone: who puts a link there has the daemon write to, "
-                     "and change the mode of, another file",
-          advice}});
+        {{exists && S_ISDIR(status.st_mode), fatal, name + "is a directory", advice},
+         {exists && !S_ISREG(status.st_mode), fatal, name + "is no file", advice},
+         {!hasFolder, fatal, ofFolder + "does not exist" + noStart, advice},
+         {!reason.empty(), fatal, name + "can't be written (" + reason + ")" + noStart, advice},
+         {!rotation.empty(), warning,
+          ofFolder + "can't be written (" + rotation + "): it is never rotated", advice},
+         {(folderStatus.st_mode & S_IWOTH) != 0, warning,
+          ofFolder + "may be written by everyone, and a link there leads the daemon "
+                     "to any other file",
+          advice}},
+        1);
 }
 
 /// "the password file /path "
@@ -220,58 +219,55 @@ Findings lookAtPipe() {
     const std::string name = "the hand-off pipe " + path + " ";
     const std::string make =
         "mkfifo -m 0600 " + path + ", chown it to the consumer's user, and start the consumer";
-    return whatIsSo("pipe", path, "",
-                    {{pipe.state == State::absent, warning,
-                      name + "does not exist: files are copied, but nobody is told of them", make},
-                     {pipe.state == State::notAPipe, error,
-                      path + " is no named pipe, so that no consumer is told of a file",
-                      "remove it; then " + make},
-                     {pipe.state == State::noReader, warning,
-                      name + "is read by nobody: copying stands still until somebody does",
-                      "start the consumer"},
-                     {pipe.state == State::unknown && isRoot(), warning,
-                      name + "may have a reader or not: not every process may be looked at",
-                      "look at the consumer itself"},
-                     {!waits.empty() && waits.front().opens, warning,
-                      "a copy waits for a reader of a pipe that was removed, and stands still",
-                      "restart the daemon"},
-                     {!waits.empty() && !waits.front().opens, warning,
-                      reader + " holds the hand-off pipe " + path +
-                          " open and does not read: copying stands still",
-                      "look at the consumer, or start it anew"}});
+    return whatIsSo(
+        "pipe", path, "",
+        {{pipe.state == State::absent, warning,
+          name + "does not exist: files are copied, but nobody is told of them", make},
+         {pipe.state == State::notAPipe, error, path + " is no named pipe: nobody is told of files",
+          "remove it; then " + make},
+         {pipe.state == State::noReader, warning, name + "is read by nobody: copying stands still",
+          "start the consumer"},
+         {pipe.state == State::unknown && isRoot(), warning,
+          name + "may have a reader or not: not every process may be looked at",
+          "look at the consumer itself"},
+         {!waits.empty() && waits.front().opens, warning,
+          "a copy waits for a reader of a pipe that was removed, and stands still",
+          "restart the daemon"},
+         {!waits.empty(), warning,
+          reader + " holds " + name + "open and does not read: copying stands still",
+          "look at the consumer, or start it anew"}},
+        1);
 }
 
-Findings lookAtFixedFolders() {
+Findings lookAtTmp() {
     const std::string capture = "/tmp/skarn_error.log";
+    const std::string reason = folderRefusal("/tmp");
     struct stat status = {};
     const bool isForeign =
         lstat(capture.c_str(), &status) == 0 && (!S_ISREG(status.st_mode) || status.st_uid != 0);
-    const char* const advice = "make it a directory that root can write";
-    const std::string tmp = folderRefusal("/tmp");
-    const std::string run = folderRefusal("/var/run");
-    Findings findings = whatIsSo(
-        "tmp-folder", "/tmp", "",
-        {{!tmp.empty(), error,
-          "/tmp can't be written (" + tmp + "): nothing is listed and nothing is copied", advice},
-         {tmp.empty() && isForeign, error,
-          capture + " is not root's regular file: the listing may not be run, without a word in "
-                    "the log (unless the daemon has a /tmp of its own)",
-          "find out who made it, and remove it"}});
-    std::vector<Fault> faults = {
-        {!run.empty(), error,
-         "/var/run can't be written (" + run + "): the daemon ends as soon as it has started",
-         advice}};
-    for (const std::string& path : {pidFilePath(), statusFilePath()}) {
-        const bool exists = run.empty() && lstat(path.c_str(), &status) == 0;
-        const std::string reason = !exists                   ? ""
-                                   : S_ISREG(status.st_mode) ? refusal(path, W_OK)
-                                                             : "it is no regular file";
+    return whatIsSo("tmp-folder", "/tmp", "",
+                    {{!reason.empty(), error, "/tmp can't be written (" + reason + "): no copies",
+                      "make it a directory that root can write"},
+                     {isForeign, error,
+                      capture + " is not root's regular file: the listing may not be run, without "
+                                "a word in the log (unless the daemon has a /tmp of its own)",
+                      "find out who made it, and remove it"}},
+                    1);
+}
+
+/// Looks at /var/run, and at what the daemon writes there.
+Findings lookAtRun() {
+    std::vector<Fault> faults;
+    for (const std::string& path : {std::string("/var/run"), pidFilePath(), statusFilePath()}) {
+        struct stat status = {};
+        const std::string reason = faults.empty()                      ? folderRefusal(path)
+                                   : lstat(path.c_str(), &status) != 0 ? ""
+                                   : S_ISREG(status.st_mode)           ? refusal(path, W_OK)
+                                                                       : "it is no regular file";
         faults.push_back({!reason.empty(), fatal, path + " can't be written: " + reason,
                           "remove it, or let root write it"});
     }
-    const Findings ofRun = whatIsSo("run-folder", "/var/run", "", faults);
-    findings.insert(findings.end(), ofRun.begin(), ofRun.end());
-    return findings;
+    return whatIsSo("run-folder", "/var/run", "", faults);
 }
 
 /// Looks at those to whom this host gives targets.
@@ -303,19 +299,14 @@ Look lookAtTarget(const std::string& id, const std::string& target) {
     for (const fs::path& part : fs::path("/" + target).relative_path()) {
         const fs::path next = nearest / part;
         const int reason = stat(next.c_str(), &status) == 0 ? 0 : errno;
-        const bool isThere = reason != ENOENT || lstat(next.c_str(), &status) == 0;
         if (reason == 0 && S_ISDIR(status.st_mode)) {
             nearest = next;
             way.insert(targetFolder(nearest.string()));
             continue;
         }
-        if (isThere && (reason != EACCES || isRoot())) {
-            refused = inQuotes(next.string()) + (reason == 0        ? " is no directory"
-                                                 : reason == ENOENT ? " is a link to nowhere"
-                                                                    : "");
-            refused += reason == 0 || reason == ENOENT
-                           ? ""
-                           : std::string(" (") + std::strerror(reason) + ")";
+        const std::string why = reason != 0 ? std::strerror(reason) : "no directory";
+        if (reason == ENOENT ? fs::is_symlink(next) : reason != EACCES || isRoot()) {
+            refused = inQuotes(next.string()) + " (" + why + ")";
         }
         break;
     }
@@ -329,24 +320,21 @@ Look lookAtTarget(const std::string& id, const std::string& target) {
             way.insert(each.string());
         }
     }
-    if (refused.empty() && !refusal(nearest.string(), W_OK | X_OK).empty()) {
-        refused = inQuotes(nearest.string()) + ": " + refusal(nearest.string(), W_OK | X_OK);
-    }
-    const bool isPlace = !holdsNoFiles(real.string());
+    const std::string reason = refusal(nearest.string(), W_OK | X_OK);
+    refused += refused.empty() && !reason.empty() ? inQuotes(nearest.string()) + ": " + reason : "";
     struct statvfs system = {};
-    const bool isKnown = refused.empty() && isPlace && statvfs(nearest.c_str(), &system) == 0;
-    const bool isFull =
-        isKnown && system.f_blocks > 0 && system.f_bfree * system.f_frsize < nothingLeft;
+    const bool isKnown = statvfs(nearest.c_str(), &system) == 0;
     const char* const advice = "use a directory that root can make and write";
     look.findings = whatIsSo(
         "target", id, targetName(id, target),
         {{!refused.empty(), error, "can't be made or written: " + refused, advice},
-         {refused.empty() && !isPlace, error, "lies on a file system that holds no files", advice},
-         {isFull, warning, "lies on a file system that is full: nothing can be copied",
-          "make room there"},
-         {isKnown && !isFull && system.f_files > 0 && system.f_ffree < fewInodes, warning,
+         {holdsNoFiles(real.string()), error, "lies on a file system that holds no files", advice},
+         {isKnown && system.f_blocks > 0 && system.f_bfree * system.f_frsize < nothingLeft, warning,
+          "lies on a file system that is full: nothing can be copied", "make room there"},
+         {isKnown && system.f_files > 0 && system.f_ffree < fewInodes, warning,
           "lies on a file system without free inodes: no further file can be made",
-          "remove files there"}});
+          "remove files there"}},
+        1);
 
     // The target itself is its owner's; what leads there has to be root's.
     way.erase(look.folder);
@@ -386,7 +374,8 @@ HostFindings findOnHost(const Configuration& configuration, const std::string& f
         {"copy-program", program, named("copy-program", program), fatal,
          [program] { return lookAtNeeded("copy-program", program, judgeCopyProgram); }},
         {"pipe", pipe, "the hand-off pipe " + pipe + " ", warning, lookAtPipe},
-        {"tmp-folder", "/tmp", "/tmp or /var/run ", error, lookAtFixedFolders}};
+        {"tmp-folder", "/tmp", "/tmp ", error, lookAtTmp},
+        {"run-folder", "/var/run", "/var/run ", fatal, lookAtRun}};
     if (log != "/dev/null" && !log.empty() && log.front() == '/') { // else told of already
         places.push_back({"log", log, "the log " + inQuotes(log) + " ", fatal,
                           [log] { return lookAtLog(log); }});

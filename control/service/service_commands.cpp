@@ -4,28 +4,31 @@
 #include "control/check/check_command.h"
 #include "control/child.h"
 #include "control/command.h"
-#include "control/control_files.h"
-#include "control/service/daemon_processes.h"
+#include "control/display_text.h"
 #include "control/service/process_handle.h"
-#include "control/service/service_unit.h"
-#include "control/service/start.h"
-#include "control/service/status.h"
-#include "control/service/stop.h"
 #include "daemon/global.h"
-#include "utilities/descriptors.h"
+#include "utilities/text.h"
 
 #include <CLI/CLI.hpp>
 #include <cerrno>
-#include <cstdio>
+#include <cmath>
 #include <cstring>
 #include <functional>
 #include <memory>
-#include <string_view>
+#include <nlohmann/json.hpp>
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <unistd.h>
 
 namespace control {
+
+using nlohmann::json;
+
+NLOHMANN_JSON_SERIALIZE_ENUM(PidFile::State, {{PidFile::State::absent, "absent"},
+                                              {PidFile::State::unreadable, "unreadable"},
+                                              {PidFile::State::damaged, "damaged"},
+                                              {PidFile::State::whole, "whole"}})
 
 namespace {
 
@@ -35,6 +38,25 @@ constexpr std::chrono::seconds lockPatience{10};
 
 /// Longer than the unit gives the daemon to stop, and the next one to start.
 constexpr std::chrono::seconds systemctlPatience{150};
+
+/// Times as whole seconds: their fractions are not certain.
+json wholeSeconds(double time) {
+    return static_cast<std::int64_t>(std::floor(time));
+}
+
+/// A word as a shell would want it, so that where one ends can be seen.
+std::string shellWord(const std::string& word) {
+    if (!word.empty() && word.find_first_not_of("abcdefghijklmnopqrstuvwxyz"
+                                                "ABCDEFGHIJKLMNOPQRSTUVWXYZ"
+                                                "0123456789_-+=:,./@%") == std::string::npos) {
+        return word;
+    }
+    std::string quoted = "'";
+    for (const char character : word) {
+        quoted += character == '\'' ? std::string("'\\''") : std::string(1, character);
+    }
+    return quoted + "'";
+}
 
 /// Does something to the service while no other skarnctl does, wherever it runs: by hand or in a
 /// unit. The file stays; what counts is who has it locked, and no child inherits that.
@@ -56,8 +78,10 @@ int underLock(const std::function<int()>& action) {
 }
 
 /// Complains if it is clear that a start would fail: a daemon that works is not ended for that.
-bool wouldStart(const std::string& daemonPath, const std::vector<std::string>& startOptions) {
-    const std::string reason = whyItWouldNotStart(daemonPath, startOptions);
+bool wouldStart(const std::string& path, const std::vector<std::string>& startOptions) {
+    const std::string reason = access(path.c_str(), X_OK) != 0
+                                   ? "cannot run " + path + ": " + std::strerror(errno)
+                                   : whatIsFatal(startOptions);
     if (!reason.empty()) {
         complain("nothing was stopped: " + GLOBAL::progName + " would not start: " + reason);
     }
@@ -151,37 +175,80 @@ void addServiceCommands(CLI::App& app, const CommonOptions& common, int& exitSta
     CLI::App* const status =
         app.add_subcommand("status", "Tell whether the daemon runs (exit status 0: it does, 1: "
                                      "dead, 3: it does not, 4: unknown, 5: it seems to)");
-    const auto json = std::make_shared<bool>(false);
-    status->add_flag("--json", *json, "As one JSON object");
-    status->callback([&common, &exitStatus, json] {
+    const auto asJson = std::make_shared<bool>(false);
+    status->add_flag("--json", *asJson, "As one JSON object");
+    status->callback([&common, &exitStatus, asJson] {
         const DaemonProcesses found = findDaemon(common.daemonPath, Search::always);
-        const std::string text = *json ? statusJson(found, readStatusFile()) : statusText(found);
+        const std::string text = *asJson ? statusJson(found, readStatusFile()) : statusText(found);
         exitStatus = print(text).value_or(statusCode(found.state));
     });
 }
 
+int statusCode(DaemonState state) {
+    static constexpr int codes[] = {0, 5, 1, 3, 4};
+    return codes[static_cast<int>(state)];
+}
+
+std::string statusText(const DaemonProcesses& found) {
+    std::string shown = displayable(found.text, false);
+    shown += found.startOptions.empty() ? "" : "\nstart options:";
+    for (const std::string& word : found.startOptions) {
+        shown += " " + displayable(shellWord(word), false);
+    }
+    return shown + "\n";
+}
+
+std::string statusJson(const DaemonProcesses& found, const std::optional<int>& processLimit) {
+    json copies = json::array();
+    for (const Process& process : found.copyProcesses) {
+        copies.push_back({{"pid", process.pid}, {"since", wholeSeconds(startTime(process))}});
+    }
+    json unvouched = json::array();
+    for (const Process& process : found.unvouched) {
+        unvouched.push_back(process.pid);
+    }
+    const bool runs = found.pid() != 0;
+    const json status = {
+        {"state", nameOf(found.state)},
+        {"exit_status", statusCode(found.state)},
+        {"text", found.text},
+        {"pid", runs ? json(found.pid()) : json()},
+        {"since", found.upSince ? wholeSeconds(*found.upSince) : json()},
+        {"start_options", found.startOptions},
+        {"copy_processes", copies},
+        {"copy_process_limit", runs && processLimit ? json(*processLimit) : json()},
+        {"unvouched_processes", unvouched},
+        {"pid_file",
+         {{"path", pidFilePath()},
+          {"state", found.pidFile.state},
+          {"problem", found.pidFile.problem}}},
+    };
+    // Start options may hold any byte; what is no UTF-8 is shown as U+FFFD, and the rest as ASCII,
+    // so that nothing steers a terminal.
+    return status.dump(2, ' ', true, json::error_handler_t::replace) + "\n";
+}
+
 int firstStartOption(int argc, const char* const* argv) {
     const auto begins = [argv](int index, std::string_view beginning) {
-        return std::string_view(argv[index]).substr(0, beginning.size()) == beginning;
+        return UTILITIES::stringBegin(argv[index], beginning);
     };
-    for (int i = 1; i < argc; ++i) {
-        const std::string_view word = argv[i];
-        if (word == "start" || word == "restart") {
-            // Neither is an option of the daemon; alone, they ask for help.
-            const std::string_view last = argv[argc - 1];
-            if (i + 2 == argc && (last == "--help" || last == "-h")) {
-                return argc;
-            }
-            const bool isIdle = word == "restart" && i + 1 < argc && begins(i + 1, "--when-idle");
-            return i + (isIdle ? 2 : 1);
-        }
-        if (word == "--daemon") {
-            ++i;
-        } else if (!begins(i, "--daemon=")) {
+    int i = 1;
+    for (bool isAlone = false; i < argc; i += isAlone ? 2 : 1) {
+        isAlone = std::string_view(argv[i]) == "--daemon"; // its value is a word of its own
+        if (!isAlone && !begins(i, "--daemon=")) {
             break;
         }
     }
-    return argc;
+    const std::string_view word = i < argc ? argv[i] : "";
+    if (word != "start" && word != "restart") {
+        return argc;
+    }
+    // Neither is an option of the daemon; alone, they ask for help.
+    const std::string_view last = argv[argc - 1];
+    if (i + 2 == argc && (last == "--help" || last == "-h")) {
+        return argc;
+    }
+    return i + (word == "restart" && i + 1 < argc && begins(i + 1, "--when-idle") ? 2 : 1);
 }
 
 } // namespace control

@@ -3,7 +3,6 @@
 #include "control/service/idle_moment.h"
 #include "control/service/process_handle.h"
 #include "control/service/service_commands.h"
-#include "control/service/status.h"
 
 #include <csignal>
 #include <cstdio>
