@@ -1,6 +1,4 @@
 // skarnctl check: what the daemon would do with a configuration, and what is wrong with it.
-#include "control/check/check_command.h"
-
 #include "control/check/findings.h"
 #include "control/command.h"
 #include "control/display_text.h"

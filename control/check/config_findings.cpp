@@ -140,12 +140,20 @@ std::string effectOf(const Key& key, const std::string& value) {
                : "";
 }
 
-/// Gathers findings for findInConfiguration.
-class Finder {
-public:
-    Finder(const ConfigView& configView, const Configuration& startConfiguration,
-           const std::vector<std::string>& options, const std::vector<std::string>& targets)
-        : view(configView), start(startConfiguration), startOptions(options), folders(targets) {}
+/// Gathers findings for findInConfiguration, whose arguments it begins with.
+struct Finder {
+    const ConfigView& view;
+    const Configuration& start;
+    const std::vector<std::string>& startOptions;
+    const std::vector<std::string>& folders;
+
+    Findings findings = {};
+    Finding::About about = Finding::About::configuration; // what is being looked at
+    std::set<std::string> repointed = {};                 // detectors that a start option is about
+    std::map<std::string, std::size_t> told = {};         // how often each code was found
+
+    static constexpr Severity warning = Severity::warning;
+    static constexpr Severity error = Severity::error;
 
     Findings find() {
         lookAtStartOptions();
@@ -172,10 +180,6 @@ public:
         });
         return std::move(findings);
     }
-
-private:
-    static constexpr Severity warning = Severity::warning;
-    static constexpr Severity error = Severity::error;
 
     void add(Severity severity, const char* code, int line, const std::string& subject,
              const std::string& text, const std::string& advice) {
@@ -434,15 +438,6 @@ private:
             }
         }
     }
-
-    const ConfigView& view;
-    const Configuration& start;
-    const std::vector<std::string>& startOptions;
-    const std::vector<std::string>& folders;
-    Findings findings;
-    Finding::About about = Finding::About::configuration; // what is being looked at
-    std::set<std::string> repointed;                      // detectors that a start option is about
-    std::map<std::string, std::size_t> told;              // how often each code was found
 };
 
 } // namespace
@@ -494,7 +489,7 @@ std::string inQuotes(std::string_view text) {
 Findings findInConfiguration(const ConfigView& view, const Configuration& start,
                              const std::vector<std::string>& startOptions,
                              const std::vector<std::string>& folders) {
-    return Finder(view, start, startOptions, folders).find();
+    return Finder{view, start, startOptions, folders}.find();
 }
 
 } // namespace control

@@ -71,6 +71,14 @@ Findings judgePasswordFile(const struct stat& status, std::string_view content);
 /// what the file holds, or as much as is known of it.
 Findings judgeCopyProgram(const struct stat& status, std::string_view content);
 
+/// What keeps the daemon from coming up with these start options on this host, as one sentence;
+/// empty if nothing is found. Asks no detector.
+std::string whatIsFatal(const std::vector<std::string>& startOptions);
+
+/// Where the start options of the unit of systemd stand, and these.
+constexpr const char* unitOptionsFile = "/etc/default/skarn";
+std::vector<std::string> unitOptions();
+
 /// The settings by their keys, in the order in which they are shown.
 nlohmann::ordered_json settingsOf(const Configuration& configuration);
 

@@ -14,6 +14,7 @@
 #include <filesystem>
 #include <functional>
 #include <set>
+#include <utility>
 
 #include <fcntl.h>
 #include <grp.h>
@@ -57,26 +58,37 @@ struct Fault {
     std::string advice;
 };
 
-/// Those that are so, of something of this kind and name; the first `most` of them.
-Findings whatIsSo(const std::string& code, const std::string& subject, const std::string& name,
-                  const std::vector<Fault>& faults, std::size_t most = 9) {
-    Findings findings;
-    for (const Fault& fault : faults) {
-        if (fault.isSo && findings.size() < most) {
-            findings.push_back({fault.severity, code, 0, subject, name + fault.text, fault.advice,
-                                Finding::About::host});
+/// Something that is looked at, and what was found there.
+struct Place {
+    std::string code;
+    std::string subject; // a path, for most
+    std::string name;    // with which its findings begin
+    Findings findings = {};
+    std::string folder = {}; // of a target, through links
+
+    void add(const Findings& others) {
+        findings.insert(findings.end(), others.begin(), others.end());
+    }
+
+    /// Adds what is so, of the first `most` that are.
+    void judge(const std::vector<Fault>& faults, std::size_t most = 9) {
+        for (const Fault& fault : faults) {
+            if (fault.isSo && findings.size() < most) {
+                findings.push_back({fault.severity, code, 0, subject, name + fault.text,
+                                    fault.advice, Finding::About::host});
+            }
         }
     }
-    return findings;
+};
+
+Place passwordFile() {
+    return {"password-file", GLOBAL::passwordFile,
+            "the password file " + GLOBAL::passwordFile + " "};
 }
 
-/// What a look at one place gave.
-struct Look {
-    Look(Findings found = {}) : findings(std::move(found)) {}
-
-    Findings findings;
-    std::string folder; // of a target, through links
-};
+Place copyProgram() {
+    return {"copy-program", GLOBAL::rsyncCommand, "the copy program " + GLOBAL::rsyncCommand + " "};
+}
 
 bool isRoot() {
     return geteuid() == 0;
@@ -120,177 +132,155 @@ bool holdsNoFiles(const std::string& folder) {
     return isDevices || (statfs(folder.c_str(), &system) == 0 && kinds.count(system.f_type) > 0);
 }
 
-Findings lookAtConfigurationFile(const std::string& file) {
+void lookAtConfigurationFile(Place& place) {
+    const std::string& file = place.subject;
     const std::vector<std::string>& paths = configFilePaths();
     const bool isInPlace = std::find(paths.begin(), paths.end(), file) != paths.end();
-    return whatIsSo(
-        "configuration-file", file, "",
+    place.judge(
         {{file == paths[0] && access(paths[1].c_str(), F_OK) == 0, warning,
-          "there is a second configuration, " + paths[1] + ", which is not read", "remove it"},
+          "is read, and a second configuration, " + paths[1] + ", is not", "remove one of them"},
          {isInPlace && !whoElseWrites(file).empty(), warning,
-          "others than root may write the configuration, whose values reach a shell of root's",
+          "may be written by others than root; its values reach a shell of root's",
           "chown root " + file + " && chmod go-w " + file}});
 }
 
-Findings lookAtLog(const std::string& log) {
+void lookAtLog(Place& place) {
+    const std::string& log = place.subject;
+    const std::string name = std::exchange(place.name, "");
     struct stat status = {};
     struct stat folderStatus = {};
     const bool exists = stat(log.c_str(), &status) == 0;
     // A link to a file that does not exist yet leads to where it will be.
     std::error_code failure;
-    const fs::path place = fs::weakly_canonical(log, failure);
-    const std::string folder = (failure ? fs::path(log) : place).parent_path().string();
+    const fs::path real = fs::weakly_canonical(log, failure);
+    const std::string folder = (failure ? fs::path(log) : real).parent_path().string();
     const bool hasFolder =
         stat(folder.c_str(), &folderStatus) == 0 && S_ISDIR(folderStatus.st_mode);
     const std::string rotation = refusal(folder, W_OK | X_OK);
     const std::string reason = exists ? refusal(log, W_OK) : rotation;
-    const std::string name = "the log " + inQuotes(log) + " ";
     const std::string ofFolder = "the folder of the log, " + inQuotes(folder) + ", ";
     const char* const advice = "let it be a file that root can write, in a folder of root's";
-    const std::string noStart = ": the daemon does not start";
-    return whatIsSo(
-        "log", log, "",
+    place.judge(
         {{exists && S_ISDIR(status.st_mode), fatal, name + "is a directory", advice},
          {exists && !S_ISREG(status.st_mode), fatal, name + "is no file", advice},
-         {!hasFolder, fatal, ofFolder + "does not exist" + noStart, advice},
-         {!reason.empty(), fatal, name + "can't be written (" + reason + ")" + noStart, advice},
+         {!hasFolder, fatal, ofFolder + "does not exist: the daemon does not start", advice},
+         {!reason.empty(), fatal,
+          name + "can't be written (" + reason + "): the daemon does not start", advice},
          {!rotation.empty(), warning,
           ofFolder + "can't be written (" + rotation + "): it is never rotated", advice},
          {(folderStatus.st_mode & S_IWOTH) != 0, warning,
-          ofFolder + "may be written by everyone, and a link there leads the daemon "
-                     "to any other file",
+          ofFolder + "may be written by everyone, and a link there leads the daemon to any "
+                     "other file",
           advice}},
         1);
 }
 
-/// "the password file /path "
-std::string named(std::string code, const std::string& path) {
-    std::replace(code.begin(), code.end(), '-', ' ');
-    return "the " + code + " " + path + " ";
-}
-
 /// Looks at a file that the daemon does not start without.
-Findings lookAtNeeded(const char* code, const std::string& path,
-                      Findings (*judge)(const struct stat&, std::string_view)) {
+void lookAtNeeded(Place& place, Findings (*judge)(const struct stat&, std::string_view),
+                  const char* advice) {
     constexpr std::size_t enough = 16UL * 1024 * 1024;
     struct stat status = {};
-    const int reason = stat(path.c_str(), &status) == 0 ? 0 : errno;
-    if (reason == 0) {
-        // Not known to others than root; a single letter stands for it.
-        return judge(status, readFile(path, enough).text.value_or("x"));
+    if (stat(place.subject.c_str(), &status) == 0) {
+        // What it holds is not known to others than root; a single letter stands for it.
+        place.findings = judge(status, readFile(place.subject, enough).text.value_or("x"));
+        return;
     }
-    return whatIsSo(
-        code, path, named(code, path),
+    const int reason = errno;
+    place.judge(
         {{reason != EACCES || isRoot(), fatal,
           std::string("can't be found (") + std::strerror(reason) + "): the daemon does not start",
-          "put it there: the password of the detectors' rsync daemons, with mode 0600; "
-          "the program of the package skarn-confirming-rsync"}});
+          advice}});
 }
 
-/// What copying stands still for although somebody has the pipe open for reading: threads of the
-/// daemon that wait in it.
-std::vector<PipeWait> findWaits() {
+/// A thread of the daemon for which copying stands still although somebody has the pipe open.
+std::optional<PipeWait> findWait() {
     // Only a claim; but of a stranger's threads none waits in this pipe.
-    const pid_t daemon = readPidFile().daemon;
-    const auto look = [daemon] {
+    const auto look = [daemon = readPidFile().daemon] {
         return daemon == 0 ? std::vector<PipeWait>()
                            : findPipeWaits(daemon).value_or(std::vector<PipeWait>());
     };
-    std::vector<PipeWait> waits = look();
-    if (!waits.empty()) {
-        // Who was not woken meanwhile waits still.
-        std::this_thread::sleep_for(waitProves);
-        const std::vector<PipeWait> later = look();
-        const auto isOver = [&later](const PipeWait& wait) {
-            return std::find(later.begin(), later.end(), wait) == later.end();
-        };
-        waits.erase(std::remove_if(waits.begin(), waits.end(), isOver), waits.end());
+    const std::vector<PipeWait> before = look();
+    if (before.empty()) {
+        return std::nullopt;
     }
-    return waits;
+    // Who was not woken meanwhile waits still.
+    std::this_thread::sleep_for(waitProves);
+    const std::vector<PipeWait> later = look();
+    const auto still = std::find_first_of(before.begin(), before.end(), later.begin(), later.end());
+    return still == before.end() ? std::nullopt : std::optional<PipeWait>(*still);
 }
 
-Findings lookAtPipe() {
+void lookAtPipe(Place& place) {
     using State = PipeSnapshot::State;
-    const std::string path = GLOBAL::pathToVantrelFifo;
+    const std::string& path = place.subject;
     const PipeSnapshot pipe = lookAtConsumerPipe(path);
-    const std::vector<PipeWait> waits =
-        pipe.state == State::read ? findWaits() : std::vector<PipeWait>();
-    const std::string reader = pipe.readers.empty() ? "" : pipe.readers.front();
-    const std::string name = "the hand-off pipe " + path + " ";
+    const std::optional<PipeWait> wait = pipe.state == State::read ? findWait() : std::nullopt;
     const std::string make =
         "mkfifo -m 0600 " + path + ", chown it to the consumer's user, and start the consumer";
-    return whatIsSo(
-        "pipe", path, "",
-        {{pipe.state == State::absent, warning,
-          name + "does not exist: files are copied, but nobody is told of them", make},
-         {pipe.state == State::notAPipe, error, path + " is no named pipe: nobody is told of files",
-          "remove it; then " + make},
-         {pipe.state == State::noReader, warning, name + "is read by nobody: copying stands still",
-          "start the consumer"},
-         {pipe.state == State::unknown && isRoot(), warning,
-          name + "may have a reader or not: not every process may be looked at",
-          "look at the consumer itself"},
-         {!waits.empty() && waits.front().opens, warning,
-          "a copy waits for a reader of a pipe that was removed, and stands still",
-          "restart the daemon"},
-         {!waits.empty(), warning,
-          reader + " holds " + name + "open and does not read: copying stands still",
-          "look at the consumer, or start it anew"}},
-        1);
+    place.judge({{pipe.state == State::absent, warning,
+                  "does not exist: files are copied, but nobody is told of them", make},
+                 {pipe.state == State::notAPipe, error, "is no named pipe: nobody is told of files",
+                  "remove it; then " + make},
+                 {pipe.state == State::noReader, warning, "is read by nobody: copying stands still",
+                  "start the consumer"},
+                 {pipe.state == State::unknown && isRoot(), warning,
+                  "may have a reader or not: not every process may be looked at",
+                  "look at the consumer itself"}});
+    if (wait && wait->opens) {
+        place.name = "a copy waits for a reader of a pipe that was removed";
+        place.judge({{true, warning, ", and stands still", "restart the daemon"}});
+    } else if (wait) {
+        place.name = pipe.readers.front() + " holds " + place.name;
+        place.judge({{true, warning, "open and does not read: copying stands still",
+                      "look at the consumer, or start it anew"}});
+    }
 }
 
-Findings lookAtTmp() {
+void lookAtTmp(Place& place) {
     const std::string capture = "/tmp/skarn_error.log";
     const std::string reason = folderRefusal("/tmp");
     struct stat status = {};
     const bool isForeign =
         lstat(capture.c_str(), &status) == 0 && (!S_ISREG(status.st_mode) || status.st_uid != 0);
-    return whatIsSo("tmp-folder", "/tmp", "",
-                    {{!reason.empty(), error, "/tmp can't be written (" + reason + "): no copies",
-                      "make it a directory that root can write"},
-                     {isForeign, error,
-                      capture + " is not root's regular file: the listing may not be run, without "
-                                "a word in the log (unless the daemon has a /tmp of its own)",
-                      "find out who made it, and remove it"}},
-                    1);
+    place.judge({{!reason.empty(), error, "can't be written (" + reason + "): nothing is copied",
+                  "make it a directory that root can write"},
+                 {isForeign, error,
+                  "holds " + capture +
+                      ", which is not root's regular file: the listing may not be "
+                      "run, without a word in the log (unless the daemon has a "
+                      "/tmp of its own)",
+                  "find out who made it, and remove it"}},
+                1);
 }
 
 /// Looks at /var/run, and at what the daemon writes there.
-Findings lookAtRun() {
-    std::vector<Fault> faults;
+void lookAtRun(Place& place) {
     for (const std::string& path : {std::string("/var/run"), pidFilePath(), statusFilePath()}) {
         struct stat status = {};
-        const std::string reason = faults.empty()                      ? folderRefusal(path)
+        const std::string reason = path == place.subject               ? folderRefusal(path)
                                    : lstat(path.c_str(), &status) != 0 ? ""
                                    : S_ISREG(status.st_mode)           ? refusal(path, W_OK)
                                                                        : "it is no regular file";
-        faults.push_back({!reason.empty(), fatal, path + " can't be written: " + reason,
-                          "remove it, or let root write it"});
+        place.name = path;
+        place.judge({{!reason.empty(), fatal, " can't be written: " + reason,
+                      "remove it, or let root write it"}});
     }
-    return whatIsSo("run-folder", "/var/run", "", faults);
 }
 
 /// Looks at those to whom this host gives targets.
-Findings lookAtOwners(const std::string& uid, const std::string& gid) {
+void lookAtOwners(Place& place, const std::string& uid, const std::string& gid) {
     const auto isNumber = [](const std::string& text) {
         return text.find_first_not_of("0123456789") == std::string::npos;
     };
     const char* const effect = ", so that no target can be given to it";
-    return whatIsSo(
-        "owner", uid + ":" + gid, "there is no ",
-        {{!isNumber(uid) && getpwnam(uid.c_str()) == nullptr, error,
-          "user " + inQuotes(uid) + effect, "write a user of this host, or a number"},
-         {!isNumber(gid) && getgrnam(gid.c_str()) == nullptr, error,
-          "group " + inQuotes(gid) + effect, "write a group of this host, or a number"}});
+    const char* const advice = "write one of this host, or a number";
+    place.judge({{!isNumber(uid) && getpwnam(uid.c_str()) == nullptr, error,
+                  "no user " + inQuotes(uid) + effect, advice},
+                 {!isNumber(gid) && getgrnam(gid.c_str()) == nullptr, error,
+                  "no group " + inQuotes(gid) + effect, advice}});
 }
 
-std::string targetName(const std::string& id, const std::string& target) {
-    return "the target of detector " + inQuotes(id) + ", " + inQuotes(target) + ", ";
-}
-
-Look lookAtTarget(const std::string& id, const std::string& target) {
-    Look look;
-    look.folder = targetFolder(target);
+void lookAtTarget(Place& place, const std::string& target) {
     // The way that "mkdir -p" goes, as far as it exists.
     fs::path nearest = "/";
     std::set<std::string> way = {"/"}; // each folder of it
@@ -315,7 +305,7 @@ Look lookAtTarget(const std::string& id, const std::string& target) {
     const fs::path real = fs::canonical(nearest, failure);
     const fs::path whole = fs::weakly_canonical("/" + target, failure);
     if (!failure && refused.empty()) {
-        look.folder = targetFolder(whole.string());
+        place.folder = targetFolder(whole.string());
         for (fs::path each = real; each.has_relative_path(); each = each.parent_path()) {
             way.insert(each.string());
         }
@@ -325,8 +315,7 @@ Look lookAtTarget(const std::string& id, const std::string& target) {
     struct statvfs system = {};
     const bool isKnown = statvfs(nearest.c_str(), &system) == 0;
     const char* const advice = "use a directory that root can make and write";
-    look.findings = whatIsSo(
-        "target", id, targetName(id, target),
+    place.judge(
         {{!refused.empty(), error, "can't be made or written: " + refused, advice},
          {holdsNoFiles(real.string()), error, "lies on a file system that holds no files", advice},
          {isKnown && system.f_blocks > 0 && system.f_bfree * system.f_frsize < nothingLeft, warning,
@@ -337,95 +326,99 @@ Look lookAtTarget(const std::string& id, const std::string& target) {
         1);
 
     // The target itself is its owner's; what leads there has to be root's.
-    way.erase(look.folder);
+    way.erase(place.folder);
     way.erase(targetFolder(target));
     for (const std::string& folder : way) {
         const std::string who = whoElseWrites(folder);
-        const Findings unsafe = whatIsSo(
-            "unsafe-folder", folder, inQuotes(folder) + ", on the way to a target, " + who,
-            {{!who.empty(), error,
-              ": who puts a link in the place of what lies below it has root make folders, write "
-              "files and give them away wherever he wants",
-              "chown root:root " + folder + " && chmod go-w " + folder}});
-        look.findings.insert(look.findings.end(), unsafe.begin(), unsafe.end());
+        Place unsafe = {"unsafe-folder", folder, inQuotes(folder) + ", on the way to a target, "};
+        unsafe.judge({{!who.empty(), error,
+                       who + ": who puts a link in the place of what lies below it has root make "
+                             "folders, write files and give them away wherever he wants",
+                       "chown root:root " + folder + " && chmod go-w " + folder}});
+        place.add(unsafe.findings);
     }
-    return look;
 }
 
 } // namespace
 
 HostFindings findOnHost(const Configuration& configuration, const std::string& file) {
-    struct Place {
-        const char* code;
-        std::string subject;
-        std::string name;
+    struct Question {
+        Place place;
         Severity silence; // how bad it is that it does not answer
-        std::function<Look()> look;
+        std::function<void(Place&)> look;
     };
+    const std::string& pipe = GLOBAL::pathToVantrelFifo;
     const std::string& log = configuration.logFileName;
-    const std::string password = GLOBAL::passwordFile;
-    const std::string program = GLOBAL::rsyncCommand;
-    const std::string pipe = GLOBAL::pathToVantrelFifo;
-    std::vector<Place> places = {
-        {"configuration-file", file, file + " ", warning,
-         [file] { return lookAtConfigurationFile(file); }},
-        {"password-file", password, named("password-file", password), fatal,
-         [password] { return lookAtNeeded("password-file", password, judgePasswordFile); }},
-        {"copy-program", program, named("copy-program", program), fatal,
-         [program] { return lookAtNeeded("copy-program", program, judgeCopyProgram); }},
-        {"pipe", pipe, "the hand-off pipe " + pipe + " ", warning, lookAtPipe},
-        {"tmp-folder", "/tmp", "/tmp ", error, lookAtTmp},
-        {"run-folder", "/var/run", "/var/run ", fatal, lookAtRun}};
+    std::vector<Question> questions = {
+        {{"configuration-file", file, file + " "}, warning, lookAtConfigurationFile},
+        {passwordFile(), fatal,
+         [](Place& place) {
+             lookAtNeeded(place, judgePasswordFile,
+                          "put the password of the detectors' rsync daemons there, with mode 0600");
+         }},
+        {copyProgram(), fatal,
+         [](Place& place) {
+             lookAtNeeded(place, judgeCopyProgram,
+                          "install it, for instance with the package skarn-confirming-rsync");
+         }},
+        {{"pipe", pipe, "the hand-off pipe " + pipe + " "}, warning, lookAtPipe},
+        {{"tmp-folder", "/tmp", "/tmp "}, error, lookAtTmp},
+        {{"run-folder", "/var/run", "/var/run "}, fatal, lookAtRun}};
     if (log != "/dev/null" && !log.empty() && log.front() == '/') { // else told of already
-        places.push_back({"log", log, "the log " + inQuotes(log) + " ", fatal,
-                          [log] { return lookAtLog(log); }});
+        questions.push_back({{"log", log, "the log " + inQuotes(log) + " "}, fatal, lookAtLog});
     }
     if (!configuration.usrdir.empty()) {
-        places.push_back({"owner", "owner", "the list of users ", warning,
-                          [uid = configuration.uid, gid = configuration.gid] {
-                              return lookAtOwners(uid, gid);
-                          }});
+        questions.push_back({{"owner", "owner", "the host has "},
+                             warning,
+                             [uid = configuration.uid, gid = configuration.gid](Place& place) {
+                                 lookAtOwners(place, uid, gid);
+                             }});
     }
     HostFindings found;
     for (const Detector& detector : configuration.detectors) {
-        found.folders.push_back(targetFolder(detector.target));
+        const std::string& target = detector.target;
+        found.folders.push_back(targetFolder(target));
         if (found.folders.size() <= mostDetectors) {
-            places.push_back({"target", detector.id, targetName(detector.id, detector.target),
-                              error, [id = detector.id, target = detector.target] {
-                                  return lookAtTarget(id, target);
-                              }});
+            const std::string name =
+                "the target of detector " + inQuotes(detector.id) + ", " + inQuotes(target) + ", ";
+            questions.push_back({{"target", detector.id, name, {}, found.folders.back()},
+                                 error,
+                                 [target](Place& place) { lookAtTarget(place, target); }});
         }
     }
-    found.findings = whatIsSo("not-root", "user", "",
-                              {{!isRoot(), warning,
-                                "this is not run as root, so that what only root may see or do is "
-                                "not checked",
-                                "run it as root for the rest"}});
-
     const Clock::time_point end = Clock::now() + placeLimit;
-    std::vector<Aside<Look>> asides(places.size());
-    for (std::size_t i = 0; i < places.size(); ++i) {
-        asides[i].begin(places[i].look);
+    std::vector<Aside<Place>> asides(questions.size());
+    for (std::size_t i = 0; i < questions.size(); ++i) {
+        asides[i].begin([question = questions[i]]() mutable {
+            question.look(question.place);
+            return question.place;
+        });
     }
+    Place host = {"not-root", "user", ""};
+    host.judge({{!isRoot(), warning,
+                 "this is not run as root, so that what only root may see or do is not checked",
+                 "run it as root for the rest"}});
     std::set<std::string> told; // a folder may be on the way to several targets
     auto folder = found.folders.begin();
-    for (std::size_t i = 0; i < places.size(); ++i) {
-        const Place& place = places[i];
-        const std::optional<Look> look = asides[i].answerBy(end);
-        if (place.code == std::string_view("target")) {
-            *folder = look ? look->folder : *folder;
-            ++folder;
+    for (std::size_t i = 0; i < questions.size(); ++i) {
+        Place& place = questions[i].place;
+        if (std::optional<Place> answer = asides[i].answerBy(end)) {
+            place = std::move(*answer);
+        } else {
+            const bool isFatal = questions[i].silence == fatal;
+            place.judge(
+                {{true, questions[i].silence,
+                  std::string("does not answer") + (isFatal ? ": the daemon does not start" : ""),
+                  "look for what hangs there, such as a file server"}});
         }
-        const Findings findings =
-            look ? look->findings
-                 : whatIsSo(place.code, place.subject, place.name,
-                            {{true, place.silence,
-                              std::string("does not answer") +
-                                  (place.silence == fatal ? ": the daemon does not start" : ""),
-                              "look for what hangs there, such as a file server"}});
-        std::copy_if(findings.begin(), findings.end(), std::back_inserter(found.findings),
+        if (place.code == "target") {
+            *folder++ = place.folder;
+        }
+        std::copy_if(place.findings.begin(), place.findings.end(),
+                     std::back_inserter(host.findings),
                      [&told](const Finding& each) { return told.insert(each.text).second; });
     }
+    found.findings = std::move(host.findings);
     return found;
 }
 
@@ -456,47 +449,44 @@ Findings findInShares(const Configuration& configuration) {
             reason = firstLine(listing.text());
             reason = reason.empty() ? howItEnded(*listing.status()) : reason;
         }
-        const Findings found = whatIsSo(
-            "share", detector, "the share of detector " + inQuotes(detector) + ", " + share,
-            {{!reason.empty(), error, ", can't be listed: " + reason,
-              "look at the detector's rsync daemon: address, port 49371, module ramdisk, "
-              "password"}});
-        findings.insert(findings.end(), found.begin(), found.end());
+        Place place = {"share", detector, "the share of detector " + inQuotes(detector) + ", "};
+        place.judge({{!reason.empty(), error, share + ", can't be listed: " + reason,
+                      "look at the detector's rsync daemon: address, port 49371, module ramdisk, "
+                      "password"}});
+        findings.insert(findings.end(), place.findings.begin(), place.findings.end());
     }
     return findings;
 }
 
 Findings judgePasswordFile(const struct stat& status, std::string_view content) {
-    const std::string& path = GLOBAL::passwordFile;
     const auto isOpen = [&status](mode_t mode) { return (status.st_mode & mode) != 0; };
-    if (!S_ISREG(status.st_mode)) {
-        return whatIsSo("password-file", path, named("password-file", path),
-                        {{true, error, "is no regular file",
-                          "make it a file with the password, of mode 0600"}});
-    }
-    return whatIsSo(
-        "password-file", path, named("password-file", path),
-        {{isOpen(S_IROTH | S_IWOTH), error,
-          "may be read or written by everyone: rsync refuses it, and nothing is listed or copied",
-          "chmod 0600 " + path},
-         {!isOpen(S_IROTH | S_IWOTH) && isOpen(S_IRGRP | S_IWGRP), warning,
-          "may be read or written by its group", "chmod 0600 " + path},
-         {status.st_uid != 0, error,
-          "is not root's: rsync refuses it, and nothing is listed or copied", "chown root " + path},
-         {content.find_first_not_of(std::string_view("\r\n\0", 3)) == std::string_view::npos, error,
-          "holds no password: no detector lets the daemon in",
+    const bool isFile = S_ISREG(status.st_mode);
+    const bool isEmpty =
+        content.find_first_not_of(std::string_view("\r\n\0", 3)) == std::string_view::npos;
+    Place place = passwordFile();
+    const std::string close = "chmod 0600 " + place.subject;
+    place.judge(
+        {{!isFile, error, "is no regular file", "make it one, with mode 0600"},
+         {isFile && isOpen(S_IROTH | S_IWOTH), error,
+          "may be read or written by everyone: rsync refuses it, nothing is copied", close},
+         {isFile && !isOpen(S_IROTH | S_IWOTH) && isOpen(S_IRGRP | S_IWGRP), warning,
+          "may be read or written by its group", close},
+         {isFile && status.st_uid != 0, error, "is not root's: rsync refuses it, nothing is copied",
+          "chown root " + place.subject},
+         {isFile && isEmpty, error, "holds no password: no detector lets the daemon in",
           "write the password of the detectors' rsync daemons into it"}});
+    return place.findings;
 }
 
 Findings judgeCopyProgram(const struct stat& status, std::string_view content) {
-    const std::string& path = GLOBAL::rsyncCommand;
     const auto holds = [content](std::string_view word) {
         return content.find(word) != std::string_view::npos;
     };
     const bool isFile = S_ISREG(status.st_mode);
+    Place place = copyProgram();
+    const std::string& path = place.subject;
     struct statvfs system = {};
-    return whatIsSo(
-        "copy-program", path, named("copy-program", path),
+    place.judge(
         {{!isFile, error, "is no regular file", "install the copy program in its place"},
          {isFile && (status.st_mode & S_IXUSR) == 0, fatal,
           "is not executable by its owner: the daemon does not start", "chmod 0755 " + path},
@@ -510,6 +500,7 @@ Findings judgeCopyProgram(const struct stat& status, std::string_view content) {
          {statvfs(path.c_str(), &system) == 0 && (system.f_flag & ST_NOEXEC) != 0, error,
           "lies on a file system that is mounted with noexec",
           "mount it without, or install the program elsewhere and link to it"}});
+    return place.findings;
 }
 
 } // namespace control

@@ -1,8 +1,6 @@
 // The moment at which the daemon can be ended without a confirmed file that goes unannounced.
-#include "control/service/idle_moment.h"
 
-#include "control/control_files.h"
-#include "control/service/daemon_processes.h"
+#include "control/service/service_commands.h"
 #include "utilities/sleep.h"
 
 #include <algorithm>

@@ -1,11 +1,10 @@
 // The subcommands that start, stop and ask after the daemon.
 #include "control/service/service_commands.h"
 
-#include "control/check/check_command.h"
+#include "control/check/findings.h"
 #include "control/child.h"
 #include "control/command.h"
 #include "control/display_text.h"
-#include "control/service/process_handle.h"
 #include "daemon/global.h"
 #include "utilities/text.h"
 
@@ -16,6 +15,7 @@
 #include <functional>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <stdexcept>
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -63,65 +63,60 @@ std::string shellWord(const std::string& word) {
 int underLock(const std::function<int()>& action) {
     const Descriptor lock(
         open(lockPath, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600));
-    if (lock.get() < 0) {
+    if (!lock) {
         const bool isForbidden = errno == EACCES || errno == EPERM;
         complain(std::string("cannot open ") + lockPath + ": " + std::strerror(errno) +
                  (isForbidden ? "; this needs root's rights" : ""));
         return isForbidden ? notAllowed : failed;
     }
     if (!waitFor([&lock] { return flock(lock.get(), LOCK_EX | LOCK_NB) == 0; }, lockPatience)) {
-        complain(std::string("another skarnctl is starting or stopping the daemon (it has ") +
-                 lockPath + " locked)");
-        return failed;
+        throw std::runtime_error("another skarnctl is starting or stopping the daemon (it has " +
+                                 std::string(lockPath) + " locked)");
     }
     return action();
 }
 
-/// Complains if it is clear that a start would fail: a daemon that works is not ended for that.
-bool wouldStart(const std::string& path, const std::vector<std::string>& startOptions) {
+int start(const CommonOptions& common) {
+    startDaemon(common.daemonPath, common.startOptions);
+    return succeeded;
+}
+
+/// Throws if it is clear that a start would fail: a daemon that works is not ended for that.
+void refuseInVain(const std::string& path, const std::vector<std::string>& startOptions) {
     const std::string reason = access(path.c_str(), X_OK) != 0
                                    ? "cannot run " + path + ": " + std::strerror(errno)
                                    : whatIsFatal(startOptions);
     if (!reason.empty()) {
-        complain("nothing was stopped: " + GLOBAL::progName + " would not start: " + reason);
+        throw std::runtime_error("nothing was stopped: " + GLOBAL::progName +
+                                 " would not start: " + reason);
     }
-    return reason.empty();
-}
-
-/// Has systemd restart what it runs. Not under the lock, which the unit's own skarnctl needs.
-int restartService(const std::string& service, const CommonOptions& common) {
-    if (!common.startOptions.empty()) {
-        complain("nothing was stopped: systemd runs " + GLOBAL::progName + " as " + service +
-                 ", whose start options stand in " + unitOptionsFile);
-        return failed;
-    }
-    if (!wouldStart(common.daemonPath, unitOptions())) {
-        return failed;
-    }
-    Child systemctl({"/usr/bin/systemctl", "restart", "--", service});
-    const bool hasEnded =
-        systemctl.startError() == 0 && systemctl.finish(Child::Clock::now() + systemctlPatience);
-    if (!hasEnded || *systemctl.status() != 0) {
-        complain("systemd did not restart " + service + ": " + firstLine(systemctl.text()));
-        return failed;
-    }
-    say("systemd has restarted " + service);
-    return succeeded;
 }
 
 int restart(const CommonOptions& common, const StopOptions& options) {
     const DaemonProcesses found = findDaemon(common.daemonPath);
     const std::string service = found.pid() != 0 ? managingService(found.pid()) : "";
-    if (!service.empty()) {
-        return restartService(service, common);
+    if (service.empty()) {
+        return underLock([&] {
+            refuseInVain(common.daemonPath, common.startOptions);
+            const int stopped = stopDaemon(common.daemonPath, options);
+            return stopped == succeeded ? start(common) : stopped;
+        });
     }
-    return underLock([&] {
-        if (!wouldStart(common.daemonPath, common.startOptions)) {
-            return static_cast<int>(failed);
-        }
-        const int stopped = stopDaemon(common.daemonPath, options);
-        return stopped == succeeded ? startDaemon(common.daemonPath, common.startOptions) : stopped;
-    });
+    // systemd restarts what it runs. Not under the lock, which the unit's own skarnctl needs.
+    if (!common.startOptions.empty()) {
+        throw std::runtime_error("nothing was stopped: systemd runs " + GLOBAL::progName + " as " +
+                                 service + ", whose start options stand in " + unitOptionsFile);
+    }
+    refuseInVain(common.daemonPath, unitOptions());
+    Child systemctl({"/usr/bin/systemctl", "restart", "--", service});
+    const bool hasEnded =
+        systemctl.startError() == 0 && systemctl.finish(Child::Clock::now() + systemctlPatience);
+    if (!hasEnded || *systemctl.status() != 0) {
+        throw std::runtime_error("systemd did not restart " + service + ": " +
+                                 firstLine(systemctl.text()));
+    }
+    say("systemd has restarted " + service);
+    return succeeded;
 }
 
 /// Adds --when-idle to a command; gives what it makes of the options once the line is parsed.
@@ -148,8 +143,7 @@ void addServiceCommands(CLI::App& app, const CommonOptions& common, int& exitSta
     app.add_subcommand("start", "Start the daemon; all words behind it are the daemon's: "
                                 "[-u UID:GID] [-d DETECTOR_ID:SOURCE:TARGET]...")
         ->callback([&common, &exitStatus] {
-            exitStatus =
-                underLock([&] { return startDaemon(common.daemonPath, common.startOptions); });
+            exitStatus = underLock([&common] { return start(common); });
         });
 
     CLI::App* const again = app.add_subcommand(

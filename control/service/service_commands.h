@@ -2,8 +2,8 @@
 #pragma once
 
 #include "control/service/daemon_processes.h"
+#include "control/service/process_handle.h"
 
-#include <chrono>
 #include <optional>
 #include <string>
 #include <vector>
@@ -16,10 +16,10 @@ namespace control {
 /// program's parser must not see them.
 int firstStartOption(int argc, const char* const* argv);
 
-/// Starts the daemon with these words, unless one runs. Prints one line with its number, or
-/// complains in one: with the daemon's own words, and what `check` finds that keeps it from coming
-/// up. Returns the exit status for it. The caller has locked out every other skarnctl.
-int startDaemon(const std::string& daemonPath, const std::vector<std::string>& startOptions);
+/// Starts the daemon with these words, unless one runs. Prints one line with its number, or throws
+/// one: with the daemon's own words, and what `check` finds that keeps it from coming up. The
+/// caller has locked out every other skarnctl.
+void startDaemon(const std::string& daemonPath, const std::vector<std::string>& startOptions);
 
 /// How to stop.
 struct StopOptions {
@@ -38,6 +38,26 @@ struct StopOptions {
 /// nothing was there to end. Leaves to systemd what that would start again. The caller has locked
 /// out every other skarnctl.
 int stopDaemon(const std::string& daemonPath, const StopOptions& options);
+
+/// What came of waiting for a moment in which nothing is under way.
+enum class IdleEnd {
+    ended,    // there was one, and the daemon was ended in it
+    gone,     // the daemon had ended by itself
+    busy,     // there was none in the time given: the daemon goes on
+    cantTell, // this user may not look, or may not signal: the daemon goes on
+};
+
+/// Waits until the daemon has neither a copy process nor a file list, and ends it then.
+///
+/// The daemon writes its file lists before it starts copy processes, and removes them after it has
+/// read and passed on all that these reported. So while none is there, nothing is under way. To be
+/// sure of the moment the daemon is stopped (SIGSTOP), looked at again, and then either ended by
+/// SIGTERM without running again, or let go (SIGCONT). While it is stopped, the signals that end or
+/// stop this program wait, so that it is never left so.
+IdleEnd endWhenIdle(const ProcessHandle& daemon, std::chrono::seconds patience);
+
+/// True if a name in /tmp is that of a file list of this daemon.
+bool isFileListOf(const std::string& name, pid_t daemon);
 
 /// The service of systemd that would be surprised by an end of this daemon that it did not ask for,
 /// since it may start it again: one whose main process the daemon is (or of the daemon's name,

@@ -1,9 +1,8 @@
 // Starting the daemon, and finding out whether it really came up.
-#include "control/check/check_command.h"
+#include "control/check/findings.h"
 #include "control/child.h"
 #include "control/command.h"
 #include "control/configuration.h"
-#include "control/service/process_handle.h"
 #include "control/service/service_commands.h"
 #include "daemon/global.h"
 
@@ -11,6 +10,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <stdexcept>
 
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -133,24 +133,21 @@ std::string launch(const std::string& path, const std::vector<std::string>& word
 
 } // namespace
 
-int startDaemon(const std::string& daemonPath, const std::vector<std::string>& startOptions) {
+void startDaemon(const std::string& daemonPath, const std::vector<std::string>& startOptions) {
     const DaemonProcesses before = findDaemon(daemonPath, Search::always);
     if (const std::string reason = whyNotNow(before); !reason.empty()) {
-        complain("nothing was started: " + reason);
-        return failed;
+        throw std::runtime_error("nothing was started: " + reason);
     }
     pid_t daemon = 0;
     if (const std::string said = launch(daemonPath, startOptions, daemon); !said.empty()) {
         const std::string fatal = whatIsFatal(startOptions);
-        complain(GLOBAL::progName + " did not start: " + said +
-                 (fatal.empty() ? "" : " (" + fatal + ")"));
-        return failed;
+        throw std::runtime_error(GLOBAL::progName + " did not start: " + said +
+                                 (fatal.empty() ? "" : " (" + fatal + ")"));
     }
     say(GLOBAL::progName + " started, process " + std::to_string(daemon) +
         (before.copyProcesses.empty() ? ""
                                       : " (the daemon before it died and left copy processes: " +
                                             listOfPids(before.copyProcesses) + ")"));
-    return succeeded;
 }
 
 } // namespace control

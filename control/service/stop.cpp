@@ -2,8 +2,6 @@
 #include "control/child.h"
 #include "control/command.h"
 #include "control/event_journal.h"
-#include "control/service/idle_moment.h"
-#include "control/service/process_handle.h"
 #include "control/service/service_commands.h"
 #include "daemon/global.h"
 #include "utilities/sleep.h"
@@ -13,6 +11,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <map>
+#include <stdexcept>
 #include <utility>
 
 #include <systemd/sd-login.h>
@@ -274,8 +273,7 @@ int stopDaemon(const std::string& daemonPath, const StopOptions& options) {
         return notAllowed;
     }
     if (daemons.empty() && found.state == DaemonState::unknown) {
-        complain("nothing was stopped: " + found.text);
-        return failed;
+        throw std::runtime_error("nothing was stopped: " + found.text);
     }
     if (daemons.empty()) {
         say(found.text);
