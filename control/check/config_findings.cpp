@@ -253,7 +253,9 @@ struct Finder {
         });
         const Key* const meant = findKey(nearestKey(std::string(word.begin() + mark, end)));
         if (meant != nullptr && !hasBlockInside) {
-            tellOf(error, "not-taken", line.number, *meant, nothing + whatCounts(*meant, block));
+            tellOf(error, "not-taken", line.number, *meant,
+                   nothing + whatCounts(*meant, block) +
+                       (mark > 0 ? " (save the file without the byte order mark in front)" : ""));
         } else if (!hasBlockInside) {
             std::string keys;
             for (const Key& key : allKeys()) {

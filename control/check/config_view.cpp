@@ -48,16 +48,16 @@ const std::vector<Key>& allKeys() {
     static const std::vector<Key> keys = {
         {"logfile", Kind::path, false, false, "a whole path"},
         {"logfile_max_number", Kind::number, false, false, "a whole number, 1000 at most"},
-        {"logfile_max_size", Kind::size, false, false, "a number below 2G, as 10M or 512K"},
+        {"logfile_max_size", Kind::size, false, false, "a number below 2G, such as 10M"},
         {"uid", Kind::word, false, true, "a user, as one word"},
         {"gid", Kind::word, false, true, "a group, as one word"},
-        {"usrdir", Kind::path, false, true, "a path without blanks"},
+        {"usrdir", Kind::path, false, true, "a path with one $UID and one $GID at most"},
         {"detectorID", Kind::word, true, false, "one word"},
         {"remoteIP", Kind::word, true, true, "the detector's address or name alone"},
         {"source", Kind::path, true, true, "a folder of the share, without \"..\""},
         {"target", Kind::path, true, true, "a whole path"},
-        {"minpause", Kind::number, true, false, "a whole number of milliseconds"},
-        {"interrun_pause", Kind::number, true, false, "a whole number of milliseconds"},
+        {"minpause", Kind::number, true, false, "milliseconds, up to 2147483647"},
+        {"interrun_pause", Kind::number, true, false, "milliseconds, up to 2147483647"},
     };
     return keys;
 }

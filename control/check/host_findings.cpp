@@ -82,12 +82,13 @@ struct Place {
 };
 
 Place passwordFile() {
-    return {"password-file", GLOBAL::passwordFile,
-            "the password file " + GLOBAL::passwordFile + " "};
+    return Place{"password-file", GLOBAL::passwordFile,
+                 "the password file " + GLOBAL::passwordFile + " "};
 }
 
 Place copyProgram() {
-    return {"copy-program", GLOBAL::rsyncCommand, "the copy program " + GLOBAL::rsyncCommand + " "};
+    return Place{"copy-program", GLOBAL::rsyncCommand,
+                 "the copy program " + GLOBAL::rsyncCommand + " "};
 }
 
 bool isRoot() {
@@ -330,7 +331,7 @@ void lookAtTarget(Place& place, const std::string& target) {
     way.erase(targetFolder(target));
     for (const std::string& folder : way) {
         const std::string who = whoElseWrites(folder);
-        Place unsafe = {"unsafe-folder", folder, inQuotes(folder) + ", on the way to a target, "};
+        Place unsafe{"unsafe-folder", folder, inQuotes(folder) + ", on the way to a target, "};
         unsafe.judge({{!who.empty(), error,
                        who + ": who puts a link in the place of what lies below it has root make "
                              "folders, write files and give them away wherever he wants",
@@ -350,7 +351,12 @@ HostFindings findOnHost(const Configuration& configuration, const std::string& f
     const std::string& pipe = GLOBAL::pathToVantrelFifo;
     const std::string& log = configuration.logFileName;
     std::vector<Question> questions = {
-        {{"configuration-file", file, file + " "}, warning, lookAtConfigurationFile},
+        {Place{"configuration-file", file, file + " "}, warning, lookAtConfigurationFile}};
+    if (log != "/dev/null" && !log.empty() && log.front() == '/') { // else told of already
+        questions.push_back(
+            {Place{"log", log, "the log " + inQuotes(log) + " "}, fatal, lookAtLog});
+    }
+    const std::vector<Question> fixed = {
         {passwordFile(), fatal,
          [](Place& place) {
              lookAtNeeded(place, judgePasswordFile,
@@ -361,15 +367,12 @@ HostFindings findOnHost(const Configuration& configuration, const std::string& f
              lookAtNeeded(place, judgeCopyProgram,
                           "install it, for instance with the package skarn-confirming-rsync");
          }},
-        {{"pipe", pipe, "the hand-off pipe " + pipe + " "}, warning, lookAtPipe},
-        {{"tmp-folder", "/tmp", "/tmp "}, error, lookAtTmp},
-        {{"run-folder", "/var/run", "/var/run "}, fatal, lookAtRun}};
-    if (log != "/dev/null" && !log.empty() && log.front() == '/') { // else told of already
-        questions.push_back({{"log", log, "the log " + inQuotes(log) + " "}, fatal, lookAtLog});
-    }
+        {Place{"pipe", pipe, "the hand-off pipe " + pipe + " "}, warning, lookAtPipe},
+        {Place{"tmp-folder", "/tmp", "/tmp "}, error, lookAtTmp},
+        {Place{"run-folder", "/var/run", "/var/run "}, fatal, lookAtRun}};
+    questions.insert(questions.end(), fixed.begin(), fixed.end());
     if (!configuration.usrdir.empty()) {
-        questions.push_back({{"owner", "owner", "the host has "},
-                             warning,
+        questions.push_back({Place{"owner", "owner", "the host has "}, warning,
                              [uid = configuration.uid, gid = configuration.gid](Place& place) {
                                  lookAtOwners(place, uid, gid);
                              }});
@@ -381,9 +384,8 @@ HostFindings findOnHost(const Configuration& configuration, const std::string& f
         if (found.folders.size() <= mostDetectors) {
             const std::string name =
                 "the target of detector " + inQuotes(detector.id) + ", " + inQuotes(target) + ", ";
-            questions.push_back({{"target", detector.id, name, {}, found.folders.back()},
-                                 error,
-                                 [target](Place& place) { lookAtTarget(place, target); }});
+            questions.push_back({Place{"target", detector.id, name, {}, found.folders.back()},
+                                 error, [target](Place& place) { lookAtTarget(place, target); }});
         }
     }
     const Clock::time_point end = Clock::now() + placeLimit;
@@ -394,7 +396,7 @@ HostFindings findOnHost(const Configuration& configuration, const std::string& f
             return question.place;
         });
     }
-    Place host = {"not-root", "user", ""};
+    Place host{"not-root", "user", ""};
     host.judge({{!isRoot(), warning,
                  "this is not run as root, so that what only root may see or do is not checked",
                  "run it as root for the rest"}});
@@ -449,7 +451,7 @@ Findings findInShares(const Configuration& configuration) {
             reason = firstLine(listing.text());
             reason = reason.empty() ? howItEnded(*listing.status()) : reason;
         }
-        Place place = {"share", detector, "the share of detector " + inQuotes(detector) + ", "};
+        Place place{"share", detector, "the share of detector " + inQuotes(detector) + ", "};
         place.judge({{!reason.empty(), error, share + ", can't be listed: " + reason,
                       "look at the detector's rsync daemon: address, port 49371, module ramdisk, "
                       "password"}});

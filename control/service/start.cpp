@@ -23,20 +23,6 @@ namespace {
 /// For the start command, and again for what the daemon does then.
 constexpr std::chrono::seconds limit{10};
 
-/// Why no daemon may be started now; empty if one may.
-std::string whyNotNow(const DaemonProcesses& found) {
-    if (found.pid() != 0 || !found.unvouched.empty() || !found.hidden.empty()) {
-        return found.text;
-    }
-    // The daemon would wait at a named pipe, and write through a link over some other file.
-    struct stat status = {};
-    if (lstat(pidFilePath().c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
-        return pidFilePath() + " is in the way of the daemon's PID file and not a regular file; " +
-               "remove it";
-    }
-    return {};
-}
-
 /// The log that the daemon will write: it says there what it lacks, as long as it has not detached.
 /// Start options do not change it.
 std::string findLog() {
@@ -135,8 +121,15 @@ std::string launch(const std::string& path, const std::vector<std::string>& word
 
 void startDaemon(const std::string& daemonPath, const std::vector<std::string>& startOptions) {
     const DaemonProcesses before = findDaemon(daemonPath, Search::always);
-    if (const std::string reason = whyNotNow(before); !reason.empty()) {
-        throw std::runtime_error("nothing was started: " + reason);
+    if (before.pid() != 0 || !before.unvouched.empty() || !before.hidden.empty()) {
+        throw std::runtime_error("nothing was started: " + before.text);
+    }
+    // The daemon would wait at a named pipe, and write through a link over some other file.
+    struct stat status = {};
+    if (lstat(pidFilePath().c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
+        throw std::runtime_error("nothing was started: " + pidFilePath() +
+                                 " is in the way of the daemon's PID file and not a regular file; "
+                                 "remove it");
     }
     pid_t daemon = 0;
     if (const std::string said = launch(daemonPath, startOptions, daemon); !said.empty()) {

@@ -92,10 +92,11 @@ public:
             for (const pid_t pid : some) {
                 text += (text.empty() ? "" : ", ") + std::to_string(pid);
             }
-            text = kind.empty() ? GLOBAL::progName + ", process " + text + ", "
-                                : std::to_string(some.size()) + " " + kind +
-                                      (some.size() == 1 ? "" : "es") + " (" + text + ") ";
-            text += texts.at(fate);
+            const std::string plural = some.size() == 1 ? "" : "es";
+            const std::string who = kind.empty() ? GLOBAL::progName + ", process " + text + ", "
+                                                 : std::to_string(some.size()) + " " + kind +
+                                                       plural + " (" + text + ") ";
+            text = who + texts.at(fate);
             if (fate >= Fate::left) {
                 complain(text);
             } else {
@@ -225,7 +226,7 @@ int stopOne(const Process& process, const std::vector<Process>& copies,
 
 std::string unitOf(pid_t pid) {
     char* name = nullptr;
-    const std::string unit = sd_pid_get_unit(pid, &name) < 0 ? "" : name;
+    std::string unit = sd_pid_get_unit(pid, &name) < 0 ? "" : name;
     std::free(name);
     return unit;
 }
