@@ -427,10 +427,10 @@ struct Finder {
             while (above.has_relative_path() && byFolder.count(above.string()) == 0) {
                 above = above.parent_path();
             }
-            if (const std::string& first = byFolder.at(folder); first != id) {
+            if (byFolder.at(folder) != id) {
                 add(error, "same-target", line, detector.id,
-                    "detectors " + first + " and " + id + " have one target, " + inQuotes(folder) +
-                        ": files of the same name overwrite each other",
+                    "detectors " + byFolder.at(folder) + " and " + id + " have one target, " +
+                        inQuotes(folder) + ": files of the same name overwrite each other",
                     "give each detector a target of its own");
             } else if (above.has_relative_path()) {
                 add(warning, "nested-target", line, detector.id,
