@@ -88,15 +88,7 @@ public:
         }
         std::string said;
         for (const auto& [fate, some] : pids) {
-            std::string text;
-            for (const pid_t pid : some) {
-                text += (text.empty() ? "" : ", ") + std::to_string(pid);
-            }
-            const std::string plural = some.size() == 1 ? "" : "es";
-            const std::string who = kind.empty() ? GLOBAL::progName + ", process " + text + ", "
-                                                 : std::to_string(some.size()) + " " + kind +
-                                                       plural + " (" + text + ") ";
-            text = who + texts.at(fate);
+            const std::string text = named(some) + texts.at(fate);
             if (fate >= Fate::left) {
                 complain(text);
             } else {
@@ -122,6 +114,17 @@ private:
         {ProcessHandle::Sent::sent, Fate::byTerm},
         {ProcessHandle::Sent::ended, Fate::byItself},
         {ProcessHandle::Sent::notAllowed, Fate::forbidden}};
+
+    /// "2 copy processes (905, 903) "
+    std::string named(const std::vector<pid_t>& pids) const {
+        std::string list;
+        for (const pid_t pid : pids) {
+            list += (list.empty() ? "" : ", ") + std::to_string(pid);
+        }
+        return kind.empty() ? GLOBAL::progName + ", process " + list + ", "
+                            : std::to_string(pids.size()) + " " + kind +
+                                  (pids.size() == 1 ? "" : "es") + " (" + list + ") ";
+    }
 
     static bool isLeft(const One& one) {
         return one.fate != Fate::forbidden && one.handle.isRunning();
