@@ -1,8 +1,5 @@
 // The moment at which the daemon can be ended without a confirmed file that goes unannounced.
-#include "control/service/idle_moment.h"
-
-#include "control/control_files.h"
-#include "control/service/daemon_processes.h"
+#include "control/service/service_commands.h"
 #include "utilities/sleep.h"
 
 #include <algorithm>
@@ -30,22 +27,15 @@ constexpr Milliseconds killLimit{10000};
 
 enum class Work { none, some, hidden };
 
-double writtenAt(const struct stat& status) {
-    return static_cast<double>(status.st_mtim.tv_sec) +
-           static_cast<double>(status.st_mtim.tv_nsec) / 1e9;
-}
-
 /// Whether the daemon has file lists. Its /tmp may be its own.
 Work fileLists(const ProcessHandle& daemon) {
     const std::string root = "/proc/" + std::to_string(daemon.pid()) + "/root";
     const std::optional<uid_t> user = userOf(daemon.pid());
     // An earlier process of this number may have left a list that nobody will ever remove. The
     // clock may have been set since the start: what the daemon wrote then is another witness of it.
-    struct stat status = {};
     double started = startTime(daemon.process());
-    if (lstat(statusFilePath().c_str(), &status) == 0) {
-        started = std::min(started, writtenAt(status));
-    }
+    started = std::min(started, modificationTime(statusFilePath()).value_or(started));
+    struct stat status = {};
     std::error_code error;
     fs::directory_iterator entry(root + "/tmp", error);
     for (const fs::directory_iterator end; !error && entry != end; entry.increment(error)) {
@@ -53,7 +43,7 @@ Work fileLists(const ProcessHandle& daemon) {
         // Anybody may make a file of that name; the daemon's own are its user's.
         if (isFileListOf(entry->path().filename().string(), daemon.pid()) &&
             lstat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) && status.st_uid == user &&
-            writtenAt(status) >= started - 2) {
+            modificationTime(path) >= started - 2) {
             return Work::some;
         }
     }

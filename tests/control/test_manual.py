@@ -59,7 +59,7 @@ def test_every_code_of_a_finding() -> None:
     assert len(listed) > 25
     assert {code for code in listed if f'"{code}"' not in source} == set()
     # The other way round: what stands where a code does.
-    used = set(re.findall(r'(?:error|warning|add|tell|hostFinding)\((?:Severity::\w+, )?"([a-z-]+)",',
+    used = set(re.findall(r'(?:(?:fatal|error|warning), |Place(?: \w+)?\{)"([a-z-]+)",',
                           re.sub(r"\s+", " ", source)))
     assert len(used) > 20 and not used - listed
 

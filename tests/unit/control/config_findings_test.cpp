@@ -1,6 +1,6 @@
 // What is found in a configuration, mistake by mistake, and what is found to be none.
 #include "config/config_text.h"
-#include "control/check/config_findings.h"
+#include "control/check/findings.h"
 
 #include <algorithm>
 #include <random>
@@ -34,7 +34,7 @@ const std::string log = "logfile /var/log/skarn.log\n";
 
 Findings find(const std::string& text, const Words& startOptions = {}) {
     const ConfigView view(text);
-    const LoadedConfiguration loaded = makeConfiguration(view.text(), startOptions);
+    const LoadedConfiguration loaded = makeConfiguration(view.text, startOptions);
     EXPECT_TRUE(loaded.configuration) << loaded.problem;
     const Configuration configuration = loaded.configuration.value_or(Configuration());
     Words folders;
@@ -486,24 +486,24 @@ TEST(ConfigView, ReadsWhatTheDaemonReads) {
           log + std::string(1024, 'a') + "\n" + block(), std::string(1023, ' ') + "\nuid 1",
           std::string("uid\0 5\n\0\nx", 10)}) {
         std::istringstream stream(text);
-        EXPECT_EQ(ConfigView(text).text(), readConfigText(stream)) << text;
+        EXPECT_EQ(ConfigView(text).text, readConfigText(stream)) << text;
     }
 }
 
 TEST(ConfigView, KnowsWhereEverythingStands) {
     const ConfigView view("# c\n" + log + "\n" + block("a") + "uid 5 detectorID b\nminpause 7\n");
-    ASSERT_EQ(view.blocks().size(), 2U);
-    EXPECT_EQ(view.blocks()[0].line, 4);
-    EXPECT_EQ(view.blocks()[1].line, 9);
-    EXPECT_EQ(view.blocks()[1].id, "b");
-    EXPECT_EQ(view.find("logfile")->line, 2);
-    EXPECT_EQ(view.find("uid")->line, 9);
-    EXPECT_EQ(view.find("gid"), nullptr);
-    EXPECT_EQ(view.blocks()[0].find("target")->line, 7);
-    EXPECT_EQ(view.blocks()[1].find("target"), nullptr);
-    EXPECT_EQ(view.blocks()[1].minPause.milliseconds, 7);
-    EXPECT_EQ(view.blocks()[1].minPause.line, 10);
-    EXPECT_EQ(view.blocks()[0].interrunPause.line, 0);
+    ASSERT_EQ(view.blocks.size(), 2U);
+    EXPECT_EQ(view.blocks[0].line, 4);
+    EXPECT_EQ(view.blocks[1].line, 9);
+    EXPECT_EQ(view.blocks[1].id, "b");
+    EXPECT_EQ(view.settings.lookUp("logfile")->line, 2);
+    EXPECT_EQ(view.settings.lookUp("uid")->line, 9);
+    EXPECT_EQ(view.settings.lookUp("gid"), nullptr);
+    EXPECT_EQ(view.blocks[0].uses.lookUp("target")->line, 7);
+    EXPECT_EQ(view.blocks[1].uses.lookUp("target"), nullptr);
+    EXPECT_EQ(view.blocks[1].pauses.at("minpause").milliseconds, 7);
+    EXPECT_EQ(view.blocks[1].pauses.at("minpause").line, 10);
+    EXPECT_EQ(view.blocks[0].pauses.at("interrun_pause").line, 0);
 }
 
 /// Text in which every piece may meet every other.
@@ -541,11 +541,11 @@ TEST(ConfigView, AgreesWithTheConfigurationWhateverTheText) {
         const std::string text = randomText(random);
         const ConfigView view(text);
         std::istringstream stream(text);
-        ASSERT_EQ(view.text(), readConfigText(stream)) << text;
-        const LoadedConfiguration loaded = makeConfiguration(view.text(), {});
+        ASSERT_EQ(view.text, readConfigText(stream)) << text;
+        const LoadedConfiguration loaded = makeConfiguration(view.text, {});
         ASSERT_TRUE(loaded.configuration);
         std::size_t served = 0;
-        for (const ConfigBlock& one : view.blocks()) {
+        for (const ConfigBlock& one : view.blocks) {
             if (!one.served) {
                 continue;
             }
@@ -554,8 +554,9 @@ TEST(ConfigView, AgreesWithTheConfigurationWhateverTheText) {
                 loaded.configuration->detectors.begin(), loaded.configuration->detectors.end(),
                 [&one](const Detector& each) { return each.id == one.id; });
             ASSERT_NE(detector, loaded.configuration->detectors.end()) << text;
-            ASSERT_EQ(detector->minPause, one.minPause.milliseconds) << text;
-            ASSERT_EQ(detector->interrunPause, one.interrunPause.milliseconds) << text;
+            ASSERT_EQ(detector->minPause, one.pauses.at("minpause").milliseconds) << text;
+            ASSERT_EQ(detector->interrunPause, one.pauses.at("interrun_pause").milliseconds)
+                << text;
         }
         ASSERT_EQ(served, loaded.configuration->detectors.size()) << text;
         const Findings findings = find(text);

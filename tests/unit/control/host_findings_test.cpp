@@ -1,5 +1,5 @@
 // What is held against a password file and a copy program.
-#include "control/check/host_findings.h"
+#include "control/check/findings.h"
 
 #include <string>
 #include <vector>

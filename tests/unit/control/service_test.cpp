@@ -1,9 +1,6 @@
 // The parts of start, stop and status that need no daemon.
 #include "control/control_files.h"
-#include "control/service/idle_moment.h"
-#include "control/service/process_handle.h"
 #include "control/service/service_commands.h"
-#include "control/service/status.h"
 
 #include <csignal>
 #include <cstdio>
