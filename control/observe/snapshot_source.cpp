@@ -238,21 +238,22 @@ void SnapshotSource::lookAtLog(Snapshot& snapshot) {
 
 void SnapshotSource::noteLog() {
     LogSnapshot& shown = lastLog.shown;
-    shown.started = model->started();
+    shown.started = model->account().started;
     shown.rotations = log->follower().rotations();
     shown.archives = log->follower().archives();
     shown.bytes = log->follower().bytes();
     if (!log->problem().empty()) {
         shown.coverage = LogCoverage::none;
-    } else if (model->hasGap()) {
+    } else if (model->account().hasGap) {
         shown.coverage = LogCoverage::withGap;
     } else {
-        shown.coverage = model->starts() > 0 ? LogCoverage::sinceStart : LogCoverage::sinceWatch;
+        shown.coverage =
+            model->account().starts > 0 ? LogCoverage::sinceStart : LogCoverage::sinceWatch;
     }
-    lastLog.counts = model->counts();
-    lastLog.lastFile = model->lastFile();
-    lastLog.lastComplaint = model->lastComplaint();
-    lastLog.starts = model->starts();
+    lastLog.counts = model->account().counts;
+    lastLog.lastFile = model->account().lastFile;
+    lastLog.lastComplaint = model->account().lastComplaint;
+    lastLog.starts = model->account().starts;
 }
 
 /// The copy program's figures count each file as it is announced, the log when its copy process has
@@ -284,8 +285,8 @@ void SnapshotSource::sumUp(Snapshot& snapshot) {
 }
 
 void SnapshotSource::lookForLost(Snapshot& snapshot) {
-    if (isLogRead && !model->lostNames().empty() && now >= lostDue) {
-        std::vector<std::string> names(model->lostNames().begin(), model->lostNames().end());
+    if (isLogRead && !model->account().lost.empty() && now >= lostDue) {
+        std::vector<std::string> names(model->account().lost.begin(), model->account().lost.end());
         names.resize(std::min(names.size(), mostLost));
         std::vector<std::string> targets;
         for (const DetectorSnapshot& detector : snapshot.detectors) {
@@ -299,7 +300,7 @@ void SnapshotSource::lookForLost(Snapshot& snapshot) {
         lostDue = now + lostPause;
     }
     if (isLogRead) {
-        lastLog.missing = model->lostNames().size();
+        lastLog.missing = model->account().lost.size();
     }
     snapshot.missing = lastLog.missing;
 }

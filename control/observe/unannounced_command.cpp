@@ -179,8 +179,8 @@ bool addLogged(const Configuration& configuration, Targets& targets,
             }
         }
     };
-    add(model->unannouncedNames(), "the pipe did not take it");
-    add(model->lostNames(), "sent and not confirmed; a later copy may have announced it");
+    add(model->account().unannounced, "the pipe did not take it");
+    add(model->account().lost, "sent and not confirmed; a later copy may have announced it");
     return true;
 }
 
