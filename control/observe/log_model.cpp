@@ -6,8 +6,6 @@
 
 #include <algorithm>
 #include <array>
-#include <charconv>
-#include <limits>
 #include <optional>
 #include <utility>
 
@@ -36,17 +34,6 @@ bool endsWith(std::string_view text, std::string_view ending) {
 /// Of names: one word, as the daemon takes them out of a report.
 bool isWord(std::string_view text) {
     return !text.empty() && std::none_of(text.begin(), text.end(), UTILITIES::isSpace);
-}
-
-/// A decimal number as the daemon prints it: no sign, no leading zero.
-std::optional<std::uint64_t> asNumber(std::string_view text) {
-    std::uint64_t number = 0;
-    const char* const end = text.data() + text.size();
-    const auto read = std::from_chars(text.data(), end, number);
-    if (read.ec != std::errc() || read.ptr != end || (text.size() > 1 && text.front() == '0')) {
-        return std::nullopt;
-    }
-    return number;
 }
 
 /// What the first "*" of a pattern, of "A", "A*B" or "A*B*", stands for in a text; nothing if the
@@ -99,7 +86,7 @@ constexpr std::array<std::string_view, 6> ordinary{
 
 bool fits(std::string_view found, Content content) {
     return content == Content::any || (content == Content::word && isWord(found)) ||
-           (content == Content::number && asNumber(found)) ||
+           (content == Content::number && wholeNumber<int>(found)) ||
            (content == Content::wordOrNothing && (found.empty() || isWord(found)));
 }
 
@@ -212,15 +199,14 @@ bool LogModel::takeSummary(std::string_view line) {
     }
     const std::size_t number = begin + beginning.size();
     // A count is an int in the daemon.
-    const auto files = asNumber(line.substr(number, middleAt - std::min(number, middleAt)));
+    const auto files = wholeNumber<int>(line.substr(number, middleAt - std::min(number, middleAt)));
     const std::string_view names = line.substr(middleAt + middle.size());
     const auto first = captured(names, "* ... *");
     const std::string_view last = first ? names.substr(first->size() + 5) : "";
-    if (!first || !isWord(*first) || !isWord(last) || !files || *files == 0 ||
-        *files > std::numeric_limits<std::int32_t>::max()) {
+    if (!first || !isWord(*first) || !isWord(last) || !files) {
         return false;
     }
-    total.counts.files += *files;
+    total.counts.files += static_cast<std::uint64_t>(*files);
     total.lastFile = last.substr(0, longestShown);
     total.lost.erase(total.lastFile);
     return true;
