@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 
 #include <fcntl.h>
@@ -84,6 +85,14 @@ FileText readFile(const std::string& path, std::size_t limit, off_t offset, int 
         read.text = std::move(text);
     }
     return read;
+}
+
+bool replaceFile(const std::string& path, const std::string& text) {
+    const std::string fresh = path + ".new";
+    unlink(fresh.c_str());
+    const Descriptor file(open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
+    return file.get() >= 0 && fchmod(file.get(), 0644) == 0 && writeAll(file.get(), text) &&
+           std::rename(fresh.c_str(), path.c_str()) == 0;
 }
 
 } // namespace control

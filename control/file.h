@@ -66,4 +66,8 @@ struct FileText {
 /// Reads a file that openRegularFile() opens, `limit` bytes from `offset` at most.
 FileText readFile(const std::string& path, std::size_t limit, off_t offset = 0, int flags = 0);
 
+/// Puts a new file with this text, which all may read, in the place of what is at this path. False,
+/// errno set, if that fails.
+bool replaceFile(const std::string& path, const std::string& text);
+
 } // namespace control
