@@ -65,7 +65,8 @@ std::string noteEvents(const std::vector<std::string>& texts) {
         return problem("write");
     }
     if (fstat(file.get(), &status) == 0 && status.st_size > largest) {
-        const std::string newer = readFile(path, 2 * largest, largest / 2).text.value_or("");
+        const std::string newer =
+            readFile(path, static_cast<std::size_t>(status.st_size), largest / 2).text.value_or("");
         replaceFile(path, newer.substr(newer.find('\n') + 1)); // the first line is cut
     }
     return {};

@@ -132,15 +132,14 @@ void addListing(const ShareFigures& listing, const Process* daemon, const Snapsh
 }
 
 void addCopies(const ShareFigures& copies, const Snapshot& snapshot, DetectorSnapshot& detector) {
-    using Count = ShareFigures::Count;
     CopyFigures& figures = *detector.figures;
     const auto& counts = copies.counts;
-    figures.files = counts[Count::confirmedFiles] + counts[Count::recoveredFiles];
-    figures.bytes = counts[Count::confirmedBytes] + counts[Count::recoveredBytes];
-    figures.recovered = counts[Count::recoveredFiles];
-    figures.unconfirmed = counts[Count::unconfirmedFiles];
-    figures.copies = counts[Count::begun];
-    figures.flushErrors = counts[Count::flushErrors];
+    figures.recovered = counts[ShareFigures::recoveredFiles];
+    figures.files = counts[ShareFigures::confirmedFiles] + figures.recovered;
+    figures.bytes = counts[ShareFigures::confirmedBytes] + counts[ShareFigures::recoveredBytes];
+    figures.unconfirmed = counts[ShareFigures::unconfirmedFiles];
+    figures.copies = counts[ShareFigures::begun];
+    figures.flushErrors = counts[ShareFigures::flushErrors];
     figures.announcedAgo = ago(copies.last.at, snapshot);
     figures.lastFile = copies.lastText;
 }

@@ -35,8 +35,9 @@ constexpr std::chrono::milliseconds patienceForPipe(1000);
 
 constexpr std::chrono::milliseconds patienceForSpace(200);
 
-/// So often it is asked which lost files have come.
+/// So often it is asked which lost files have come, and of how many.
 constexpr double lostPause = 5;
+constexpr std::size_t mostLost = 500;
 constexpr std::chrono::milliseconds patienceForLost(100);
 
 /// The dates of the configuration file and of the banner, and the start of the daemon, come from
@@ -62,7 +63,7 @@ bool isDaemonsDate(const std::string& daemonPath, std::string_view date) {
 }
 
 /// Those of these names of which a file is below one of the targets.
-std::set<std::string> arrived(const std::set<std::string>& names,
+std::set<std::string> arrived(const std::vector<std::string>& names,
                               const std::vector<DetectorSnapshot>& detectors) {
     std::set<std::string> found;
     for (const std::string& name : names) {
@@ -246,9 +247,10 @@ void SnapshotSource::sumUp(Snapshot& snapshot) {
 
 void SnapshotSource::lookForLost(Snapshot& snapshot) {
     if (isLogRead && !account.lost.empty() && now >= lostDue) {
+        std::vector<std::string> names(account.lost.begin(), account.lost.end());
+        names.resize(std::min(names.size(), mostLost));
         const auto found = lost.ask(
-            [names = account.lost, all = snapshot.detectors] { return arrived(names, all); },
-            patienceForLost);
+            [names, all = snapshot.detectors] { return arrived(names, all); }, patienceForLost);
         for (const std::string& name : found.value_or(std::set<std::string>())) {
             model->forgetLost(name);
             account.lost.erase(name);
@@ -263,20 +265,20 @@ void SnapshotSource::lookAtSpace(Snapshot& snapshot) {
         if (detector.target.empty()) {
             continue;
         }
-        const std::optional<std::optional<Space>> answer = spaces[detector.target].ask(
+        const auto answer = spaces[detector.target].ask(
             [target = detector.target] { return spaceAt(target); }, patienceForSpace);
         detector.targetIsSilent = !answer;
-        if (!answer || !*answer) {
+        const std::optional<Space> found = answer.value_or(std::nullopt);
+        if (!found) {
             continue;
         }
-        const Space& found = **answer;
-        detector.freeBytes = found.free;
-        detector.totalBytes = found.total;
-        if (found.totalInodes > 0) {
-            detector.freeInodes = found.freeInodes;
-            detector.totalInodes = found.totalInodes;
+        detector.freeBytes = found->free;
+        detector.totalBytes = found->total;
+        if (found->totalInodes > 0) {
+            detector.freeInodes = found->freeInodes;
+            detector.totalInodes = found->totalInodes;
         }
-        const auto free = static_cast<double>(found.free);
+        const auto free = static_cast<double>(found->free);
         History& history = freeHistory.try_emplace(detector.target, secondsKept).first->second;
         history.add(now, free);
         const std::optional<double> until =
@@ -331,13 +333,13 @@ void SnapshotSource::lookAtWaits(Snapshot& snapshot) {
     snapshot.waits.known = found.has_value();
     std::vector<std::pair<PipeWait, double>> seen;
     for (const PipeWait& wait : found.value_or(std::vector<PipeWait>())) {
-        const auto before = std::find_if(waits.begin(), waits.end(),
-                                         [&wait](const auto& each) { return each.first == wait; });
-        const double since = before == waits.end() ? now : before->second;
-        seen.emplace_back(wait, since);
+        seen.emplace_back(wait, now);
+        for (const auto& [before, since] : waits) {
+            seen.back().second = before == wait ? since : seen.back().second;
+        }
         std::optional<double>& longest =
             wait.opens ? snapshot.waits.opening : snapshot.waits.writing;
-        longest = std::max(longest.value_or(0), now - since);
+        longest = std::max(longest.value_or(0), now - seen.back().second);
     }
     waits = std::move(seen);
 }
