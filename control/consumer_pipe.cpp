@@ -79,6 +79,10 @@ std::string textAt(const std::string& process, std::uint64_t address) {
     return got > 0 ? std::string(text.data()) : std::string();
 }
 
+std::string threadFile(const std::string& process, const std::string& thread, const char* name) {
+    return process + "/task/" + thread + "/" + name;
+}
+
 /// The pending calls of a process, with their threads. Nothing if it may not be looked at.
 std::optional<std::vector<std::pair<std::string, PendingCall>>>
 pendingCalls(const std::string& process) {
@@ -88,7 +92,7 @@ pendingCalls(const std::string& process) {
     }
     std::vector<std::pair<std::string, PendingCall>> found;
     for (const std::string& thread : *threads) {
-        const auto text = confirming::readTextFile(process + "/task/" + thread + "/syscall");
+        const auto text = confirming::readTextFile(threadFile(process, thread, "syscall"));
         if (!text && (errno == EPERM || errno == EACCES)) {
             return std::nullopt;
         }
@@ -120,7 +124,7 @@ Answer waitsForWriter(pid_t pid, ReadRight right, const FileId& pipe) {
                                   : pending.descriptor == AT_FDCWD
                                       ? "/cwd/"
                                       : "/fd/" + std::to_string(pending.descriptor) + "/";
-        if (!name.empty() && fileIdOf(process + place + name) == pipe) {
+        if (!name.empty() && fileIdOf(std::string(process).append(place).append(name)) == pipe) {
             return Answer::yes;
         }
     }
@@ -206,7 +210,7 @@ std::optional<std::vector<PipeWait>> findPipeWaits(pid_t daemon) {
             continue;
         }
         const std::vector<std::uint64_t> switches = statusNumbers(
-            readProcFile(process + "/task/" + thread + "/status"), "voluntary_ctxt_switches");
+            readProcFile(threadFile(process, thread, "status")), "voluntary_ctxt_switches");
         waits.push_back({std::stoi(thread), opens, switches.empty() ? 0 : switches.front()});
     }
     return waits;
