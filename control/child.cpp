@@ -62,21 +62,9 @@ Child::Child(const std::vector<std::string>& words) {
 }
 
 bool Child::finish(Clock::time_point end) {
-    while (true) {
+    while (output) {
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now());
         const int wait = static_cast<int>(std::max<long>(left.count(), 0));
-        if (output.get() < 0) {
-            // It has nothing more to say, and is on its way out.
-            int status = 0;
-            if (!waited && waitpid(number, &status, WNOHANG) == number) {
-                waited = status;
-            }
-            if (waited || wait == 0) {
-                return waited.has_value();
-            }
-            poll(nullptr, 0, std::min(wait, 10));
-            continue;
-        }
         pollfd polled = {output.get(), POLLIN, 0};
         // What is there is read also when the time is over, but not without end.
         if (poll(&polled, 1, wait) == 0 || (wait == 0 && printed.size() == outputLimit)) {
@@ -87,18 +75,28 @@ bool Child::finish(Clock::time_point end) {
         if (got == 0) {
             output.reset();
         }
-        const std::size_t room = outputLimit - printed.size();
-        printed.append(part.data(),
-                       std::min(room, static_cast<std::size_t>(std::max<ssize_t>(got, 0))));
+        printed.append(part.data(), std::min(outputLimit - printed.size(),
+                                             static_cast<std::size_t>(std::max<ssize_t>(got, 0))));
     }
+    // It has nothing more to say, and is on its way out.
+    while (!waitFor(WNOHANG) && Clock::now() < end) {
+        poll(nullptr, 0, 10);
+    }
+    return waited.has_value();
+}
+
+bool Child::waitFor(int options) {
+    int status = 0;
+    if (!waited && waitpid(number, &status, options) == number) {
+        waited = status;
+    }
+    return waited.has_value();
 }
 
 void Child::kill() {
     if (!waited) {
         ::kill(-number, SIGKILL); // still ours: it was not waited for
-        int status = 0;
-        waitpid(number, &status, 0);
-        waited = status;
+        waitFor(0);
     }
 }
 

@@ -40,6 +40,8 @@ public:
     const std::string& text() const { return printed; }
 
 private:
+    bool waitFor(int options);
+
     int error = 0;
     pid_t number = 0;
     Descriptor output;

@@ -3,7 +3,6 @@
 #include "control/configuration.h"
 
 #include "config/config_text.h"
-#include "daemon/global.h"
 #include "transfer/copy_command.h"
 #include "transfer/worker.h"
 #include "utilities/text.h"
@@ -25,14 +24,8 @@ public:
     using Worker::Worker;
 
     Detector detector() const {
-        Detector planned;
-        planned.id = detectorId;
-        planned.remoteIp = remoteIp;
-        planned.shareUrl = ::shareUrl(remoteIp, sourcePath);
-        planned.target = targetPath;
-        planned.minPause = minPause;
-        planned.interrunPause = interrunPause;
-        return planned;
+        const std::string url = ::shareUrl(remoteIp, sourcePath);
+        return {detectorId, remoteIp, url, targetPath, minPause, interrunPause};
     }
 };
 
@@ -43,18 +36,16 @@ Workers makeWorkers(const std::string& text) {
     int minPause = 0;
     int interrunPause = 0;
     for (const std::string& block : cutDetectorBlocks(text)) {
-        std::string id;
-        std::string remoteIp;
-        std::string source;
-        std::string target;
-        UTILITIES::readVar(block, "detectorID", id);
-        UTILITIES::readVar(block, "remoteIP", remoteIp);
-        UTILITIES::readVar(block, "source", source);
-        UTILITIES::readVar(block, "target", target);
+        const auto read = [&block](const char* key) {
+            std::string value;
+            UTILITIES::readVar(block, key, value);
+            return value;
+        };
+        const std::string id = read("detectorID");
         UTILITIES::readVar(block, "minpause", minPause);
         UTILITIES::readVar(block, "interrun_pause", interrunPause);
-        workers[id] =
-            std::make_unique<PlannedWorker>(id, remoteIp, source, target, minPause, interrunPause);
+        workers[id] = std::make_unique<PlannedWorker>(id, read("remoteIP"), read("source"),
+                                                      read("target"), minPause, interrunPause);
     }
     return workers;
 }
@@ -68,20 +59,15 @@ std::string applyStartOptions(const std::vector<std::string>& words, Configurati
         if (!isUser && option != "-d" && option != "--detector") {
             return "Unknown option " + option;
         }
-        std::vector<std::string> fields;
-        if (i + 1 < words.size()) {
-            fields = UTILITIES::splitWords(words[i + 1], ':');
+        const auto fields =
+            UTILITIES::splitWords(i + 1 < words.size() ? words[i + 1] : std::string(), ':');
+        if (fields.size() != (isUser ? 2 : 3)) {
+            return option + (isUser ? " needs UID:GID" : " needs DETECTOR_ID:SOURCE:TARGET");
         }
         if (isUser) {
-            if (fields.size() != 2) {
-                return option + " needs UID:GID";
-            }
             configuration.uid = fields[0];
             configuration.gid = fields[1];
             continue;
-        }
-        if (fields.size() != 3) {
-            return option + " needs DETECTOR_ID:SOURCE:TARGET";
         }
         const auto worker = workers.find(fields[0]);
         if (worker == workers.end()) {
@@ -101,16 +87,6 @@ void replaceFirst(std::string& text, const std::string& word, const std::string&
 }
 
 } // namespace
-
-Configuration::Configuration()
-    : logFileName(GLOBAL::logFileName), logFileMaxSize(GLOBAL::logFileMaxSize),
-      logFileMaxNumber(GLOBAL::logFileMaxNumber), uid(GLOBAL::uid), gid(GLOBAL::gid),
-      usrdir(GLOBAL::usrdir) {
-}
-
-std::string Detector::destination() const {
-    return target + "/";
-}
 
 const std::vector<std::string>& configFilePaths() {
     static const std::vector<std::string> paths = {"/etc/skarn_orbelin.conf",

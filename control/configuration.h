@@ -3,6 +3,7 @@
 #pragma once
 
 #include "control/file.h"
+#include "daemon/global.h"
 
 #include <cstddef>
 #include <optional>
@@ -21,19 +22,17 @@ struct Detector {
     int interrunPause = 0; // milliseconds
 
     /// The last argument of its copy processes.
-    std::string destination() const;
+    std::string destination() const { return target + "/"; }
 };
 
 /// The settings that a configuration file can make, with the daemon's defaults.
 struct Configuration {
-    Configuration();
-
-    std::string logFileName;
-    int logFileMaxSize;   // bytes; 0 rotates at once, a negative one never
-    int logFileMaxNumber; // of the highest archive
-    std::string uid;
-    std::string gid;
-    std::string usrdir; // $UID and $GID replaced
+    std::string logFileName = GLOBAL::logFileName;
+    int logFileMaxSize = GLOBAL::logFileMaxSize; // bytes; 0 rotates at once, a negative one never
+    int logFileMaxNumber = GLOBAL::logFileMaxNumber; // of the highest archive
+    std::string uid = GLOBAL::uid;
+    std::string gid = GLOBAL::gid;
+    std::string usrdir = GLOBAL::usrdir; // $UID and $GID replaced
 
     /// Those that are served, ascending by ID: of several with one ID, the last.
     std::vector<Detector> detectors;

@@ -4,15 +4,15 @@
 #include "control/file.h"
 #include "control/process.h"
 #include "daemon/global.h"
+#include "shares/files.h"
 #include "utilities/descriptors.h"
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <climits>
-#include <cstdlib>
 #include <filesystem>
-#include <iterator>
+#include <iomanip>
 #include <sstream>
 #include <system_error>
 #include <utility>
@@ -61,8 +61,8 @@ Answer holdsForReading(pid_t pid, const FileId& pipe) {
     const std::string files = process + "/fd/";
     const std::string modes = process + "/fdinfo/";
     for (const std::string& descriptor : *descriptors) {
-        const std::optional<FileId> file = fileIdOf(files + descriptor);
-        if (file && *file == pipe && isOpenForReading(readProcFile(modes + descriptor))) {
+        if (fileIdOf(files + descriptor) == pipe &&
+            isOpenForReading(readProcFile(modes + descriptor))) {
             return Answer::yes;
         }
     }
@@ -70,9 +70,8 @@ Answer holdsForReading(pid_t pid, const FileId& pipe) {
 }
 
 /// The text, ended by a NUL, at an address in a process's memory; empty if there is none.
-std::string textAt(pid_t pid, std::uint64_t address) {
-    const Descriptor memory(
-        open(("/proc/" + std::to_string(pid) + "/mem").c_str(), O_RDONLY | O_CLOEXEC));
+std::string textAt(const std::string& process, std::uint64_t address) {
+    const Descriptor memory(open((process + "/mem").c_str(), O_RDONLY | O_CLOEXEC));
     std::array<char, PATH_MAX> text = {};
     // What lies behind the text may end with its page: then less is read than was asked for.
     const ssize_t got =
@@ -80,14 +79,28 @@ std::string textAt(pid_t pid, std::uint64_t address) {
     return got > 0 ? std::string(text.data()) : std::string();
 }
 
-/// The text of a thread's file in /proc; nothing, errno set, if it can't be read.
-std::optional<std::string> readThreadFile(pid_t pid, const std::string& thread, const char* name) {
-    const std::string path = "/proc/" + std::to_string(pid) + "/task/" + thread + "/" + name;
-    const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    std::array<char, 4096> text = {};
-    const ssize_t got = read(file.get(), text.data(), text.size());
-    return got < 0 ? std::nullopt
-                   : std::optional(std::string(text.data(), static_cast<std::size_t>(got)));
+std::string threadFile(const std::string& process, const std::string& thread, const char* name) {
+    return process + "/task/" + thread + "/" + name;
+}
+
+/// The pending calls of a process, with their threads. Nothing if it may not be looked at.
+std::optional<std::vector<std::pair<std::string, PendingCall>>>
+pendingCalls(const std::string& process) {
+    const std::optional<std::vector<std::string>> threads = namesIn(process + "/task");
+    if (!threads) {
+        return std::nullopt;
+    }
+    std::vector<std::pair<std::string, PendingCall>> found;
+    for (const std::string& thread : *threads) {
+        const auto text = confirming::readTextFile(threadFile(process, thread, "syscall"));
+        if (!text && (errno == EPERM || errno == EACCES)) {
+            return std::nullopt;
+        }
+        if (const auto pending = parsePendingCall(text.value_or(""))) {
+            found.emplace_back(thread, *pending);
+        }
+    }
+    return found;
 }
 
 /// Whether a process has asked to read the file and waits for a writer: it has no descriptor yet.
@@ -95,35 +108,23 @@ std::optional<std::string> readThreadFile(pid_t pid, const std::string& thread, 
 /// ever.
 Answer waitsForWriter(pid_t pid, ReadRight right, const FileId& pipe) {
     const std::string process = "/proc/" + std::to_string(pid);
-    const std::optional<std::vector<std::string>> threads = namesIn(process + "/task");
-    if (!threads) {
+    const auto calls = pendingCalls(process);
+    if (!calls) {
         return Answer::notAllowed;
     }
-    for (const std::string& thread : *threads) {
-        const std::optional<std::string> text = readThreadFile(pid, thread, "syscall");
-        if (!text && (errno == EPERM || errno == EACCES)) {
-            return Answer::notAllowed;
-        }
-        const std::optional<PendingCall> pending =
-            text ? parsePendingCall(*text) : std::optional<PendingCall>();
-        if (!pending || pending->kind != PendingCall::Kind::openToRead) {
-            continue; // the thread has ended, or does something else
+    for (const auto& [thread, pending] : *calls) {
+        if (pending.kind != PendingCall::Kind::openToRead) {
+            continue;
         }
         if (right != ReadRight::asItsOwn) {
             return Answer::notAllowed;
         }
-        const std::string name = textAt(pid, pending->pathAddress);
-        const bool isWhole = !name.empty() && name.front() == '/';
-        std::string path = process;
-        if (isWhole) {
-            path += "/root";
-        } else if (pending->descriptor == AT_FDCWD) {
-            path += "/cwd/";
-        } else {
-            path.append("/fd/").append(std::to_string(pending->descriptor)).append("/");
-        }
-        const std::optional<FileId> found = fileIdOf(path + name);
-        if (!name.empty() && found && *found == pipe) {
+        const std::string name = textAt(process, pending.pathAddress);
+        const std::string place = !name.empty() && name.front() == '/' ? "/root"
+                                  : pending.descriptor == AT_FDCWD
+                                      ? "/cwd/"
+                                      : "/fd/" + std::to_string(pending.descriptor) + "/";
+        if (!name.empty() && fileIdOf(std::string(process).append(place).append(name)) == pipe) {
             return Answer::yes;
         }
     }
@@ -162,75 +163,55 @@ std::optional<PendingCall> parsePendingCall(std::string_view text) {
     // NUMBER ARGUMENT1 ... ARGUMENT6 STACK PROGRAM, or "running".
     std::istringstream words{std::string(text)};
     long number = -1;
-    std::array<std::string, 6> arguments;
-    words >> number;
-    for (std::string& argument : arguments) {
+    std::array<std::uint64_t, 6> arguments{};
+    words >> number >> std::hex;
+    for (std::uint64_t& argument : arguments) {
         words >> argument;
     }
     if (!words) {
         return std::nullopt;
     }
-    const auto value = [&arguments](std::size_t index) {
-        return static_cast<std::uint64_t>(std::strtoull(arguments[index].c_str(), nullptr, 16));
-    };
-    PendingCall pending;
-    pending.descriptor = static_cast<int>(static_cast<std::uint32_t>(value(0)));
-    std::uint64_t flags = 0;
+#ifdef SYS_open // the newer machines have no such call
+    if (number == SYS_open) {
+        number = SYS_openat;
+        arguments = {static_cast<std::uint64_t>(AT_FDCWD), arguments[0], arguments[1]};
+    }
+#endif
+    using Kind = PendingCall::Kind;
+    const auto descriptor = static_cast<int>(static_cast<std::uint32_t>(arguments[0]));
     if (number == SYS_write) {
-        pending.kind = PendingCall::Kind::write;
-        return pending;
+        return PendingCall{Kind::write, descriptor, 0};
     }
     if (number == SYS_openat) {
-        pending.pathAddress = value(1);
-        flags = value(2);
-#ifdef SYS_open // the newer machines have no such call
-    } else if (number == SYS_open) {
-        pending.descriptor = AT_FDCWD;
-        pending.pathAddress = value(0);
-        flags = value(1);
-#endif
-    } else {
-        return std::nullopt;
+        const bool writes = (arguments[2] & O_ACCMODE) == O_WRONLY;
+        return PendingCall{writes ? Kind::openToWrite : Kind::openToRead, descriptor, arguments[1]};
     }
-    pending.kind = (flags & O_ACCMODE) == O_WRONLY ? PendingCall::Kind::openToWrite
-                                                   : PendingCall::Kind::openToRead;
-    return pending;
+    return std::nullopt;
 }
 
 std::optional<std::vector<PipeWait>> findPipeWaits(pid_t daemon) {
     const std::string process = "/proc/" + std::to_string(daemon);
+    const auto calls = pendingCalls(process);
+    if (!calls) {
+        return std::nullopt;
+    }
     std::vector<PipeWait> waits;
-    for (const std::string& thread :
-         namesIn(process + "/task").value_or(std::vector<std::string>())) {
-        const std::optional<std::string> text = readThreadFile(daemon, thread, "syscall");
-        if (!text && (errno == EPERM || errno == EACCES)) {
-            return std::nullopt;
-        }
-        const std::optional<PendingCall> pending =
-            text ? parsePendingCall(*text) : std::optional<PendingCall>();
-        if (!pending || pending->kind == PendingCall::Kind::openToRead) {
+    for (const auto& [thread, pending] : *calls) {
+        const bool opens = pending.kind == PendingCall::Kind::openToWrite;
+        struct statx status = {};
+        const std::string file = process + "/fd/" + std::to_string(pending.descriptor);
+        // It writes into no other pipe.
+        const bool writes =
+            pending.kind == PendingCall::Kind::write &&
+            statx(AT_FDCWD, file.c_str(), AT_STATX_DONT_SYNC, STATX_TYPE, &status) == 0 &&
+            S_ISFIFO(status.stx_mode);
+        if (!writes &&
+            !(opens && textAt(process, pending.pathAddress) == GLOBAL::pathToVantrelFifo)) {
             continue;
         }
-        PipeWait wait;
-        wait.opens = pending->kind == PendingCall::Kind::openToWrite;
-        if (wait.opens) {
-            if (textAt(daemon, pending->pathAddress) != GLOBAL::pathToVantrelFifo) {
-                continue;
-            }
-        } else {
-            // It writes into no other pipe.
-            struct statx status = {};
-            const std::string file = process + "/fd/" + std::to_string(pending->descriptor);
-            if (statx(AT_FDCWD, file.c_str(), AT_STATX_DONT_SYNC, STATX_TYPE, &status) != 0 ||
-                !S_ISFIFO(status.stx_mode)) {
-                continue;
-            }
-        }
         const std::vector<std::uint64_t> switches = statusNumbers(
-            readThreadFile(daemon, thread, "status").value_or(""), "voluntary_ctxt_switches");
-        wait.thread = static_cast<pid_t>(std::strtol(thread.c_str(), nullptr, 10));
-        wait.switches = switches.empty() ? 0 : switches.front();
-        waits.push_back(wait);
+            readProcFile(threadFile(process, thread, "status")), "voluntary_ctxt_switches");
+        waits.push_back({std::stoi(thread), opens, switches.empty() ? 0 : switches.front()});
     }
     return waits;
 }
@@ -265,12 +246,9 @@ PipeSnapshot lookAtConsumerPipe(const std::string& path) {
         for (const auto& [pid, right] : candidates) {
             const Answer answer =
                 waits ? waitsForWriter(pid, right, pipe) : holdsForReading(pid, pipe);
-            if (answer == Answer::notAllowed && !hasNoMemory(pid)) {
-                allSeen = false;
-            }
+            allSeen = allSeen && (answer != Answer::notAllowed || hasNoMemory(pid));
             if (answer == Answer::yes) {
-                const std::optional<Process> process = readProcess(pid);
-                snapshot.readers.push_back((process ? process->name : "?") + " (" +
+                snapshot.readers.push_back(readProcess(pid).value_or(Process()).name + " (" +
                                            std::to_string(pid) + ")");
             }
         }

@@ -2,16 +2,16 @@
 #include "control/event_journal.h"
 
 #include "control/display_text.h"
+#include "control/file.h"
 #include "utilities/descriptors.h"
 #include "utilities/text.h"
 
-#include <algorithm>
 #include <cerrno>
-#include <cmath>
-#include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <fstream>
+#include <map>
+#include <sstream>
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -35,26 +35,8 @@ constexpr double sameEnd = 10;
 /// So long an end may take that was asked for.
 constexpr double endingTime = 120;
 
-double now() {
-    return static_cast<double>(std::time(nullptr));
-}
-
 std::string problem(const char* what) {
     return std::string("cannot ") + what + " " + eventJournalPath() + ": " + std::strerror(errno);
-}
-
-/// Writes the newer half to a new file that takes the old one's place.
-void halve(const std::string& path) {
-    std::ifstream old(path, std::ios::binary);
-    old.seekg(largest / 2);
-    std::string line;
-    std::getline(old, line); // the rest of one that is cut
-    const std::string fresh = path + ".new";
-    {
-        std::ofstream file(fresh, std::ios::binary | std::ios::trunc);
-        file << old.rdbuf();
-    }
-    std::rename(fresh.c_str(), path.c_str());
 }
 
 } // namespace
@@ -66,9 +48,11 @@ std::string eventJournalPath() {
 std::string noteEvents(const std::vector<std::string>& texts) {
     const std::string path = eventJournalPath();
     mkdir(folder, 0755);
+    const std::string time =
+        localTime(static_cast<double>(std::time(nullptr)), "%Y-%m-%dT%H:%M:%S%z ");
     std::string lines;
     for (const std::string& text : texts) {
-        lines += localTime(now(), "%Y-%m-%dT%H:%M:%S%z ") + displayable(text, false) + "\n";
+        lines += time + displayable(text, false) + "\n";
     }
     const Descriptor lock(open(folder, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (flock(lock.get(), LOCK_EX) != 0) {
@@ -81,7 +65,9 @@ std::string noteEvents(const std::vector<std::string>& texts) {
         return problem("write");
     }
     if (fstat(file.get(), &status) == 0 && status.st_size > largest) {
-        halve(path);
+        const std::string newer =
+            readFile(path, static_cast<std::size_t>(status.st_size), largest / 2).text.value_or("");
+        replaceFile(path, newer.substr(newer.find('\n') + 1)); // the first line is cut
     }
     return {};
 }
@@ -89,15 +75,13 @@ std::string noteEvents(const std::vector<std::string>& texts) {
 std::vector<Event> readEvents() {
     std::ifstream file(eventJournalPath());
     std::vector<Event> events;
-    std::string line;
-    while (std::getline(file, line)) {
+    for (std::string line; std::getline(file, line);) {
         std::tm parts = {};
         const char* const rest = strptime(line.c_str(), "%Y-%m-%dT%H:%M:%S%z", &parts);
-        if (rest == nullptr || *rest != ' ') {
-            continue;
+        if (rest != nullptr && *rest == ' ') {
+            const long offset = parts.tm_gmtoff;
+            events.push_back({static_cast<double>(timegm(&parts) - offset), rest + 1});
         }
-        const long offset = parts.tm_gmtoff;
-        events.push_back({static_cast<double>(timegm(&parts) - offset), rest + 1});
     }
     return events;
 }
@@ -118,16 +102,33 @@ Deaths deathsIn(const std::vector<Event>& events, double now) {
                 told = -day; // one request ends one daemon
             }
             lastEnd = event.time;
-            if (counts) {
-                deaths.last = event.time;
-                const std::size_t how = event.text.find("SIG");
-                const std::size_t end = event.text.find_first_of(", ", how);
-                deaths.how =
-                    how == std::string::npos ? deaths.how : event.text.substr(how, end - how);
+            const std::size_t how = event.text.find("SIG");
+            if (counts && how != std::string::npos) {
+                deaths.how = event.text.substr(how, event.text.find_first_of(", ", how) - how);
             }
+            deaths.last = counts ? event.time : deaths.last;
         }
     }
     return deaths;
+}
+
+std::optional<double> parseMoment(const std::string& text, double now) {
+    for (const char* const format : {"%Y-%m-%d %H:%M:%S", "%Y-%m-%d %H:%M", "%Y-%m-%d"}) {
+        std::tm parts = {};
+        const char* const rest = strptime(text.c_str(), format, &parts);
+        if (rest != nullptr && *rest == '\0') {
+            parts.tm_isdst = -1;
+            return static_cast<double>(std::mktime(&parts));
+        }
+    }
+    static const std::map<std::string, double> units{
+        {"s", 1}, {"min", 60}, {"m", 60}, {"h", 3600}, {"d", day}};
+    std::istringstream words(text);
+    double number = -1;
+    std::string unit;
+    words >> number >> unit;
+    const bool isDuration = number >= 0 && number < 1e6 && words.eof() && units.count(unit) > 0;
+    return isDuration ? std::optional(now - number * units.at(unit)) : std::nullopt;
 }
 
 } // namespace control

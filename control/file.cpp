@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 
 #include <fcntl.h>
@@ -20,13 +21,25 @@ std::optional<FileId> fileIdOf(const std::string& path) {
     return FileId{makedev(status.stx_dev_major, status.stx_dev_minor), status.stx_ino};
 }
 
-std::optional<double> modificationTime(const std::string& path) {
+FileVersion versionOf(const struct stat& status) {
+    return {status.st_dev, status.st_ino, status.st_size, status.st_mtim.tv_sec,
+            status.st_mtim.tv_nsec};
+}
+
+std::optional<FileVersion> versionOf(const std::string& path) {
     struct stat status = {};
-    if (lstat(path.c_str(), &status) != 0) {
-        return std::nullopt;
-    }
+    return stat(path.c_str(), &status) == 0 ? std::optional(versionOf(status)) : std::nullopt;
+}
+
+double modificationTime(const struct stat& status) {
     return static_cast<double>(status.st_mtim.tv_sec) +
            static_cast<double>(status.st_mtim.tv_nsec) / 1e9;
+}
+
+std::optional<double> modificationTime(const std::string& path) {
+    struct stat status = {};
+    return lstat(path.c_str(), &status) == 0 ? std::optional(modificationTime(status))
+                                             : std::nullopt;
 }
 
 OpenedFile openRegularFile(const std::string& path, int flags) {
@@ -57,20 +70,14 @@ FileText readFile(const std::string& path, std::size_t limit, off_t offset, int 
     FileText read{std::nullopt, file.problem, file.error, file.status};
     std::string text;
     char part[16384];
-    while (file.descriptor && text.size() < limit) {
-        const ssize_t got =
-            pread(file.descriptor.get(), part, std::min(sizeof part, limit - text.size()),
-                  offset + static_cast<off_t>(text.size()));
-        if (got < 0 && errno == EINTR) {
-            continue;
-        }
+    for (ssize_t got = 1; file.descriptor && got > 0 && text.size() < limit;) {
+        got = TEMP_FAILURE_RETRY(pread(file.descriptor.get(), part,
+                                       std::min(sizeof part, limit - text.size()),
+                                       offset + static_cast<off_t>(text.size())));
         if (got < 0) {
             read.error = errno;
             read.problem = std::strerror(errno);
             return read;
-        }
-        if (got == 0) {
-            break;
         }
         text.append(part, static_cast<std::size_t>(got));
     }
@@ -78,6 +85,14 @@ FileText readFile(const std::string& path, std::size_t limit, off_t offset, int 
         read.text = std::move(text);
     }
     return read;
+}
+
+bool replaceFile(const std::string& path, const std::string& text) {
+    const std::string fresh = path + ".new";
+    unlink(fresh.c_str());
+    const Descriptor file(open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
+    return file.get() >= 0 && fchmod(file.get(), 0644) == 0 && writeAll(file.get(), text) &&
+           std::rename(fresh.c_str(), path.c_str()) == 0;
 }
 
 } // namespace control

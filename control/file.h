@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <optional>
 #include <string>
+#include <tuple>
 
 #include <sys/stat.h>
 #include <sys/types.h>
@@ -27,6 +28,16 @@ struct FileId {
 /// looked at. "/proc/812/exe" gives the file that a process runs, also when that was removed. No
 /// file server is asked for what the kernel knows: a dead one must not stop a search.
 std::optional<FileId> fileIdOf(const std::string& path);
+
+/// Which content a file has, as far as its status tells.
+using FileVersion = std::tuple<dev_t, ino_t, off_t, time_t, long>;
+FileVersion versionOf(const struct stat& status);
+
+/// That of the file at this path; nothing if it can't be looked at.
+std::optional<FileVersion> versionOf(const std::string& path);
+
+/// When a file was last written, in seconds since 1970.
+double modificationTime(const struct stat& status);
 
 /// When what is at this path, a link itself, was last written, in seconds since 1970; nothing when
 /// it may not be looked at.
@@ -54,5 +65,9 @@ struct FileText {
 
 /// Reads a file that openRegularFile() opens, `limit` bytes from `offset` at most.
 FileText readFile(const std::string& path, std::size_t limit, off_t offset = 0, int flags = 0);
+
+/// Puts a new file with this text, which all may read, in the place of what is at this path. False,
+/// errno set, if that fails.
+bool replaceFile(const std::string& path, const std::string& text);
 
 } // namespace control

@@ -3,10 +3,13 @@
 
 #include "control/file.h"
 
+#include <charconv>
 #include <cstdint>
+#include <ctime>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <system_error>
 #include <vector>
 
 #include <sys/types.h>
@@ -25,12 +28,21 @@ struct Process {
     std::string name;             // of the program, at most 15 bytes
 };
 
+/// The decimal number above 0 that is the whole of a text, without a sign or a leading zero.
+template<typename Number>
+std::optional<Number> wholeNumber(std::string_view text) {
+    Number number = 0;
+    const char* const end = text.data() + text.size();
+    const auto read = std::from_chars(text.data(), end, number);
+    const bool isWhole = read.ec == std::errc() && read.ptr == end && number > 0;
+    return isWhole && text.front() != '0' ? std::optional(number) : std::nullopt;
+}
+
 /// Reads the text of /proc/PID/stat. Nothing if it is not in the kernel's form. The program's name,
 /// which may hold any byte, does not mislead it.
 std::optional<Process> parseProcess(std::string_view text);
 
-/// The text of a file in /proc; empty when it can't be read, cut off when its process ends in the
-/// middle of it.
+/// The text of a file in /proc; empty when it can't be read.
 std::string readProcFile(const std::string& path);
 
 /// The process that has this number now; nothing if there is none. One that has ended and was not
@@ -40,8 +52,13 @@ std::optional<Process> readProcess(pid_t pid);
 /// True unless it has ended.
 bool isRunning(const Process& process);
 
-/// Seconds since 1970 by the system's present clock, with fractions: a clock that was set since
-/// shifts them. Negative when the system does not tell.
+/// What a clock shows, in seconds.
+double secondsOf(clockid_t clock);
+
+/// When it was started, in seconds since the boot.
+double sinceBoot(const Process& process);
+
+/// The same in seconds since 1970 by the system's present clock: one that was set since shifts it.
 double startTime(const Process& process);
 
 /// The numbers behind a key, such as "Uid", of the text of a /proc/PID/status file; empty if there

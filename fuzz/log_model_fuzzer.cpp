@@ -20,28 +20,33 @@ constexpr std::array<std::uint64_t Counts::*, 12> fields = {
 
 /// Between two banners nothing shrinks.
 void checkGrowth(const LogModel& before, const LogModel& after) {
-    if (before.starts() != after.starts()) {
-        require(after.starts() > before.starts(), "banners are counted");
+    if (before.account().starts != after.account().starts) {
+        require(after.account().starts > before.account().starts, "banners are counted");
         return;
     }
     for (const auto field : fields) {
-        require(before.counts().*field <= after.counts().*field, "a count does not shrink");
+        require(before.account().counts.*field <= after.account().counts.*field,
+                "a count does not shrink");
     }
 }
 
 void checkBounds(const LogModel& model) {
-    require(model.lastComplaint().size() <= 1024, "what is shown of a complaint is bounded");
-    require(model.lastFile().size() <= 1024, "what is shown of a name is bounded");
-    require(model.started().size() <= 1024, "what is shown of a date is bounded");
-    require(model.lostNames().size() <= model.counts().lost, "each lost name was counted");
-    require(fuzz::split(model.lastComplaint(), '\n').size() <= 1, "a complaint is one line");
+    require(model.account().lastComplaint.size() <= 1024,
+            "what is shown of a complaint is bounded");
+    require(model.account().lastFile.size() <= 1024, "what is shown of a name is bounded");
+    require(model.account().started.size() <= 1024, "what is shown of a date is bounded");
+    require(model.account().lost.size() <= model.account().counts.lost,
+            "each lost name was counted");
+    require(fuzz::split(model.account().lastComplaint, '\n').size() <= 1,
+            "a complaint is one line");
 }
 
 bool isSame(const LogModel& one, const LogModel& other) {
-    return one.starts() == other.starts() && one.lastFile() == other.lastFile() &&
-           one.lastComplaint() == other.lastComplaint() &&
+    return one.account().starts == other.account().starts &&
+           one.account().lastFile == other.account().lastFile &&
+           one.account().lastComplaint == other.account().lastComplaint &&
            std::all_of(fields.begin(), fields.end(), [&](const auto field) {
-               return one.counts().*field == other.counts().*field;
+               return one.account().counts.*field == other.account().counts.*field;
            });
 }
 

@@ -3,6 +3,7 @@
 #include "control/observe/detector_watch.h"
 
 #include "control/observe/log_model.h"
+#include "shares/process_identity.h"
 #include "shares/share_figures.h"
 #include "utilities/text.h"
 
@@ -36,13 +37,24 @@ constexpr double complaintKept = 15;
 constexpr std::size_t longestErrorFile = 65536;
 constexpr int mostLists = 1024;
 
+/// As the daemon splits it: quotation marks are gone.
+std::string firstWord(const std::string& text) {
+    const std::vector<std::string> words = UTILITIES::splitWords(text, ' ');
+    return words.empty() ? std::string() : words.front();
+}
+
 /// What one of the daemon's children is there for.
 struct Task {
     enum class Kind { other, listing, copying, preparing };
     Kind kind = Kind::other;
-    std::string url;
-    std::string destination; // when copying or preparing
-    std::string list;        // when copying
+    std::string url;    // when listing or copying
+    std::string target; // when copying or preparing
+    std::string list;   // when copying
+
+    bool isFor(const DetectorSnapshot& detector) const {
+        return kind != Kind::other && (url.empty() || url == firstWord(detector.shareUrl)) &&
+               (target.empty() || target == firstWord(detector.target));
+    }
 };
 
 Task taskOf(std::vector<std::string> words) {
@@ -53,69 +65,36 @@ Task taskOf(std::vector<std::string> words) {
             words.pop_back();
         }
     }
-    Task task;
     if (words.size() < 3) {
-        return task;
+        return {};
     }
+    const auto option = [&words](std::string_view name) {
+        return std::find_if(words.begin(), words.end(),
+                            [name](const std::string& word) { return stringBegin(word, name); });
+    };
+    const std::string last = words.back();
     if (words[0] == "mkdir" || words[0] == "chown") {
-        task.kind = Task::Kind::preparing;
-        task.destination = words.back();
-        return task;
+        return {Task::Kind::preparing, "", last, ""};
     }
-    for (const std::string& word : words) {
-        constexpr std::string_view option = "--files-from=";
-        if (stringBegin(word, option)) {
-            task.kind = Task::Kind::copying;
-            task.list = word.substr(option.size());
-            task.url = words[words.size() - 2];
-            task.destination = words.back();
-            return task;
-        }
-        if (stringBegin(word, "--list-only")) {
-            task.kind = Task::Kind::listing;
-            task.url = words.back();
-        }
+    constexpr std::string_view files = "--files-from=";
+    if (const auto list = option(files); list != words.end()) {
+        const std::string target = last.substr(0, last.size() - (last.back() == '/' ? 1 : 0));
+        return {Task::Kind::copying, words[words.size() - 2], target, list->substr(files.size())};
     }
-    return task;
-}
-
-/// As the daemon splits it: quotation marks are gone.
-std::string firstWord(const std::string& text) {
-    const std::vector<std::string> words = UTILITIES::splitWords(text, ' ');
-    return words.empty() ? std::string() : words.front();
-}
-
-bool isFor(const Task& task, const DetectorSnapshot& detector) {
-    const std::string target = firstWord(detector.target);
-    switch (task.kind) {
-    case Task::Kind::copying:
-        return task.url == firstWord(detector.shareUrl) && task.destination == target + "/";
-    case Task::Kind::listing:
-        return task.url == firstWord(detector.shareUrl);
-    case Task::Kind::preparing:
-        return task.destination == target;
-    case Task::Kind::other:
-        break;
-    }
-    return false;
+    return option("--list-only") == words.end() ? Task() : Task{Task::Kind::listing, last, "", ""};
 }
 
 /// All bytes that a process and those below it have read; nothing if it may not be seen.
 std::optional<std::uint64_t> bytesRead(pid_t pid, int depth = 0) {
-    std::istringstream text(readProcFile("/proc/" + std::to_string(pid) + "/io"));
-    std::string key;
-    std::uint64_t bytes = 0;
-    if (!(text >> key >> bytes) || key != "rchar:") {
+    const auto found = statusNumbers(readProcFile("/proc/" + std::to_string(pid) + "/io"), "rchar");
+    if (found.empty()) {
         return std::nullopt;
     }
+    std::uint64_t bytes = found.front();
     for (const pid_t child : childrenOf(pid)) {
         bytes += depth < 4 ? bytesRead(child, depth + 1).value_or(0) : 0;
     }
     return bytes;
-}
-
-double sinceBoot(const Process& process) {
-    return static_cast<double>(process.startTicks) / static_cast<double>(sysconf(_SC_CLK_TCK));
 }
 
 double seconds(std::uint64_t nanoseconds) {
@@ -153,15 +132,14 @@ void addListing(const ShareFigures& listing, const Process* daemon, const Snapsh
 }
 
 void addCopies(const ShareFigures& copies, const Snapshot& snapshot, DetectorSnapshot& detector) {
-    using Count = ShareFigures::Count;
     CopyFigures& figures = *detector.figures;
     const auto& counts = copies.counts;
-    figures.files = counts[Count::confirmedFiles] + counts[Count::recoveredFiles];
-    figures.bytes = counts[Count::confirmedBytes] + counts[Count::recoveredBytes];
-    figures.recovered = counts[Count::recoveredFiles];
-    figures.unconfirmed = counts[Count::unconfirmedFiles];
-    figures.copies = counts[Count::begun];
-    figures.flushErrors = counts[Count::flushErrors];
+    figures.recovered = counts[ShareFigures::recoveredFiles];
+    figures.files = counts[ShareFigures::confirmedFiles] + figures.recovered;
+    figures.bytes = counts[ShareFigures::confirmedBytes] + counts[ShareFigures::recoveredBytes];
+    figures.unconfirmed = counts[ShareFigures::unconfirmedFiles];
+    figures.copies = counts[ShareFigures::begun];
+    figures.flushErrors = counts[ShareFigures::flushErrors];
     figures.announcedAgo = ago(copies.last.at, snapshot);
     figures.lastFile = copies.lastText;
 }
@@ -225,19 +203,18 @@ void DetectorWatch::look(const std::vector<Detector>& detectors, const Process* 
     addFigures(daemon, snapshot);
     if (daemon != nullptr) {
         const std::string root = "/proc/" + std::to_string(daemon->pid) + "/root";
-        addChildren(*daemon, snapshot);
+        addChildren(*daemon, root, snapshot);
         if (!snapshot.hasFigures) {
             readErrorFile(root, snapshot);
         }
     }
     for (const DetectorSnapshot& detector : snapshot.detectors) {
-        lastFiles[detector.id] = detector.figures ? detector.figures->files : 0;
+        known[detector.id].files = detector.figures ? detector.figures->files : 0;
     }
 }
 
 void DetectorWatch::addFigures(const Process* daemon, Snapshot& snapshot) const {
-    std::string boot = readProcFile("/proc/sys/kernel/random/boot_id");
-    boot.erase(std::min(boot.find('\n'), boot.size()));
+    const std::string boot = confirming::currentBoot();
     for (const ShareFigures& each : confirming::readAllShareFigures(base)) {
         for (DetectorSnapshot& detector : snapshot.detectors) {
             const bool isCopies = !each.destination.empty();
@@ -261,12 +238,12 @@ void DetectorWatch::addFigures(const Process* daemon, Snapshot& snapshot) const 
     }
 }
 
-void DetectorWatch::addChildren(const Process& daemon, Snapshot& snapshot) {
-    std::map<std::string, Answer> seen;
+void DetectorWatch::addChildren(const Process& daemon, const std::string& root,
+                                Snapshot& snapshot) {
     for (const pid_t pid : childrenOf(daemon.pid)) {
         const Task task = taskOf(commandLine(pid));
         const std::optional<Process> child = readProcess(pid);
-        const auto isHis = [&task](const DetectorSnapshot& each) { return isFor(task, each); };
+        const auto isHis = [&task](const DetectorSnapshot& each) { return task.isFor(each); };
         auto& all = snapshot.detectors;
         // Where two detectors have the same share and target, nothing tells their children apart.
         if (!child || !isRunning(*child) || std::count_if(all.begin(), all.end(), isHis) != 1) {
@@ -278,24 +255,20 @@ void DetectorWatch::addChildren(const Process& daemon, Snapshot& snapshot) {
             detector.state = State::copying;
             const double age = snapshot.uptime - sinceBoot(*child);
             detector.cycleSeconds = std::max(detector.cycleSeconds.value_or(0), age);
-            addProgress("/proc/" + std::to_string(daemon.pid) + "/root", task.list, snapshot,
-                        detector);
-            continue;
+            addProgress(root, task.list, detector);
+        } else {
+            detector.preparing = task.kind == Task::Kind::preparing;
+            noteAnswer(*child, snapshot, detector);
         }
-        const std::string key = detector.id + (task.kind == Task::Kind::listing ? " l" : " p");
-        detector.preparing = task.kind == Task::Kind::preparing;
-        noteAnswer(*child, key, snapshot, detector);
-        seen[key] = answers[key];
     }
-    answers = std::move(seen);
 }
 
-/// Tells a listing that goes on from one that hangs.
-void DetectorWatch::noteAnswer(const Process& child, const std::string& key,
-                               const Snapshot& snapshot, DetectorSnapshot& detector) {
+/// Tells a listing or a preparation that goes on from one that hangs.
+void DetectorWatch::noteAnswer(const Process& child, const Snapshot& snapshot,
+                               DetectorSnapshot& detector) {
     const double age = snapshot.uptime - sinceBoot(child);
     const std::optional<std::uint64_t> bytes = bytesRead(child.pid);
-    Answer& answer = answers[key];
+    Answer& answer = known[detector.id].answer;
     if (answer.startTicks != child.startTicks || answer.bytes != bytes.value_or(0)) {
         // Nobody has seen what it did before; but one that is old already hangs when it does
         // nothing between two looks.
@@ -305,17 +278,14 @@ void DetectorWatch::noteAnswer(const Process& child, const std::string& key,
     if (age >= (bytes ? patience : longPatience) && (unchanged || !bytes)) {
         detector.noAnswer = age;
     }
-    if (detector.state != State::idle) {
-        return;
+    if (detector.state == State::idle && (detector.noAnswer || !detector.preparing)) {
+        detector.state = detector.noAnswer ? State::hanging : State::listing;
     }
-    detector.state = detector.noAnswer    ? State::hanging
-                     : detector.preparing ? State::idle
-                                          : State::listing;
 }
 
 /// `list` is one of the file lists of the cycle: ".../file_list_PID_THREAD_INDEX".
 void DetectorWatch::addProgress(const std::string& root, const std::string& list,
-                                const Snapshot& snapshot, DetectorSnapshot& detector) {
+                                DetectorSnapshot& detector) {
     const std::size_t underscore = list.rfind('_');
     if (detector.dealt || underscore == std::string::npos) {
         return;
@@ -325,67 +295,48 @@ void DetectorWatch::addProgress(const std::string& root, const std::string& list
     if (!first) {
         return;
     }
-    auto [entry, isNew] = cycles.try_emplace(detector.id);
-    Cycle& cycle = entry->second;
-    if (isNew || !(cycle.list == *first)) {
-        cycle = {*first, 0, {}};
+    Known& seen = known[detector.id];
+    Cycle& cycle = seen.cycle;
+    if (!(cycle.list == *first)) {
+        cycle = {*first, 0, detector.figures ? seen.files : std::nullopt};
         for (int index = 0; index < mostLists && fileIdOf(beginning + std::to_string(index));
              ++index) {
             cycle.dealt += countNames(beginning + std::to_string(index));
         }
-        const auto before = lastFiles.find(detector.id);
-        if (before != lastFiles.end() && detector.figures) {
-            cycle.begunAt = before->second;
-        }
     }
     detector.dealt = cycle.dealt;
-    if (cycle.begunAt && detector.figures && snapshot.hasFigures) {
-        detector.finished =
-            std::min(cycle.dealt,
-                     detector.figures->files - std::min(*cycle.begunAt, detector.figures->files));
+    if (cycle.begunAt && detector.figures) {
+        const std::uint64_t files = detector.figures->files;
+        detector.finished = std::min(cycle.dealt, files - std::min(*cycle.begunAt, files));
     }
 }
 
 void DetectorWatch::readErrorFile(const std::string& root, Snapshot& snapshot) {
-    const FileText file = readFile(root + "/tmp/skarn_error.log", longestErrorFile, 0, O_NOFOLLOW);
-    if (!file.text) {
-        return;
+    const std::string text =
+        readFile(root + "/tmp/skarn_error.log", longestErrorFile, 0, O_NOFOLLOW).text.value_or("");
+    auto& all = snapshot.detectors;
+    std::string whose;
+    for (const DetectorSnapshot& detector : all) {
+        const std::size_t at = text.find(detector.remoteIp);
+        const std::size_t end = at + detector.remoteIp.size();
+        const bool isNamed = !detector.remoteIp.empty() && at != std::string::npos &&
+                             (end == text.size() || text[end] < '0' || text[end] > '9');
+        whose = isNamed || all.size() == 1 ? detector.id : whose;
     }
-    const std::string& text = *file.text;
-    if (!text.empty()) {
-        std::string whose;
-        for (const DetectorSnapshot& detector : snapshot.detectors) {
-            const std::size_t at = text.find(detector.remoteIp);
-            const std::size_t end = at + detector.remoteIp.size();
-            if (!detector.remoteIp.empty() && at != std::string::npos &&
-                (end == text.size() || (text[end] < '0' || text[end] > '9'))) {
-                whose = detector.id;
-            }
-        }
-        if (snapshot.detectors.size() == 1) {
-            whose = snapshot.detectors.front().id;
-        }
-        complaints[whose] = {causeIn(text), snapshot.uptime};
-    } else if (snapshot.detectors.size() == 1) {
-        complaints.clear(); // its own listing has emptied it
+    if (!text.empty() || all.size() == 1) { // a single one's own listing has emptied it
+        known[whose].complaint = causeIn(text);
+        known[whose].complainedAt = snapshot.uptime;
     }
-    for (auto entry = complaints.begin(); entry != complaints.end();) {
-        if (snapshot.uptime - entry->second.seen > complaintKept) {
-            entry = complaints.erase(entry);
-            continue;
+    const auto complaintOf = [this, &snapshot](const std::string& id) {
+        const Known& found = known[id];
+        return snapshot.uptime - found.complainedAt > complaintKept ? "" : found.complaint;
+    };
+    snapshot.listingComplaint = complaintOf("");
+    for (DetectorSnapshot& detector : all) {
+        detector.complaint = complaintOf(detector.id);
+        if (!detector.complaint.empty() && detector.state != State::copying) {
+            detector.state = State::unreachable;
         }
-        for (DetectorSnapshot& detector : snapshot.detectors) {
-            if (detector.id == entry->first && !entry->first.empty()) {
-                detector.complaint = entry->second.text;
-                if (detector.state != State::copying) {
-                    detector.state = State::unreachable;
-                }
-            }
-        }
-        if (entry->first.empty()) {
-            snapshot.listingComplaint = entry->second.text;
-        }
-        ++entry;
     }
 }
 

@@ -40,24 +40,23 @@ private:
         std::optional<std::uint64_t> begunAt; // files that had been counted before; if it was seen
     };
 
-    struct Complaint {
-        std::string text;
-        double seen = 0;
+    /// What was seen of a detector so far.
+    struct Known {
+        Answer answer;
+        Cycle cycle;
+        std::optional<std::uint64_t> files; // counted at the last look
+        std::string complaint;
+        double complainedAt = 0;
     };
 
     void addFigures(const Process* daemon, Snapshot& snapshot) const;
-    void addChildren(const Process& daemon, Snapshot& snapshot);
-    void noteAnswer(const Process& child, const std::string& key, const Snapshot& snapshot,
-                    DetectorSnapshot& detector);
-    void addProgress(const std::string& root, const std::string& list, const Snapshot& snapshot,
-                     DetectorSnapshot& detector);
+    void addChildren(const Process& daemon, const std::string& root, Snapshot& snapshot);
+    void noteAnswer(const Process& child, const Snapshot& snapshot, DetectorSnapshot& detector);
+    void addProgress(const std::string& root, const std::string& list, DetectorSnapshot& detector);
     void readErrorFile(const std::string& root, Snapshot& snapshot);
 
     std::string base;
-    std::map<std::string, Answer> answers;
-    std::map<std::string, Cycle> cycles;            // by detector
-    std::map<std::string, std::uint64_t> lastFiles; // by detector, at the last look
-    std::map<std::string, Complaint> complaints;    // by detector; "" if it is not known whose
+    std::map<std::string, Known> known; // by ID; "" has the complaint of one that is not known
 };
 
 /// The first line of a text that tells a cause; what rsync puts around it is left out.

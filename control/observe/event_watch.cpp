@@ -31,13 +31,10 @@ std::vector<std::string> EventWatch::changes(const Snapshot& snapshot) {
 }
 
 void EventWatch::noteDaemon(const Snapshot& snapshot, std::vector<std::string>& texts) {
-    if (snapshot.daemonState == DaemonState::unknown) {
-        return;
-    }
     const pid_t present = snapshot.isServed() ? snapshot.pid : 0;
     // A clock that was set moves the time of the start: the number alone tells, but for one that
     // was given again within a second.
-    if (present == daemon && begun) {
+    if (snapshot.daemonState == DaemonState::unknown || (present == daemon && begun)) {
         return;
     }
     if (daemon != 0) {
@@ -54,14 +51,13 @@ void EventWatch::noteDaemon(const Snapshot& snapshot, std::vector<std::string>& 
 
 void EventWatch::noteConditions(const Snapshot& snapshot, std::vector<std::string>& texts) {
     for (const Verdict::Reason& reason : verdict(snapshot).reasons) {
-        if (reason.key.empty()) {
-            continue;
-        }
-        const auto [entry, isNew] =
-            conditions.try_emplace(reason.key, Condition{reason.text, snapshot.uptime, 0});
-        entry->second.seen = snapshot.uptime;
-        if (isNew) {
-            texts.push_back(reason.text);
+        if (!reason.key.empty()) {
+            const auto [entry, isNew] =
+                conditions.try_emplace(reason.key, Condition{reason.text, snapshot.uptime, 0});
+            entry->second.seen = snapshot.uptime;
+            if (isNew) {
+                texts.push_back(reason.text);
+            }
         }
     }
     for (auto entry = conditions.begin(); entry != conditions.end();) {

@@ -1,6 +1,4 @@
 // skarnctl events: when did what begin and end.
-#include "control/observe/events_command.h"
-
 #include "control/command.h"
 #include "control/display_text.h"
 #include "control/event_journal.h"
@@ -35,10 +33,11 @@ int noteEnd() {
     const std::string problem =
         noteEvents({std::string(daemonEnded) +
                     (bySignal ? " by SIG" + status : " with status " + status) + ", says systemd"});
-    if (!problem.empty()) {
-        complain(problem);
+    if (problem.empty()) {
+        return succeeded;
     }
-    return problem.empty() ? succeeded : failed;
+    complain(problem);
+    return failed;
 }
 
 int show(const std::string& since) {
@@ -64,29 +63,6 @@ int show(const std::string& since) {
 }
 
 } // namespace
-
-std::optional<double> parseMoment(const std::string& text, double now) {
-    for (const char* const format : {"%Y-%m-%d %H:%M:%S", "%Y-%m-%d %H:%M", "%Y-%m-%d"}) {
-        std::tm parts = {};
-        const char* const rest = strptime(text.c_str(), format, &parts);
-        if (rest != nullptr && *rest == '\0') {
-            parts.tm_isdst = -1;
-            return static_cast<double>(std::mktime(&parts));
-        }
-    }
-    char* end = nullptr;
-    const double number = std::strtod(text.c_str(), &end);
-    if (end == text.c_str() || !(number >= 0 && number < 1e6)) {
-        return std::nullopt;
-    }
-    const std::string unit = *end == ' ' ? end + 1 : end;
-    const double seconds = unit == "s"                    ? 1
-                           : unit == "min" || unit == "m" ? 60
-                           : unit == "h"                  ? 3600
-                           : unit == "d"                  ? 86400
-                                                          : 0;
-    return seconds > 0 ? std::optional(now - number * seconds) : std::nullopt;
-}
 
 void addEventsCommand(CLI::App& app, int& exitStatus) {
     const auto options = std::make_shared<EventsOptions>();

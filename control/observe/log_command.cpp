@@ -4,18 +4,24 @@
 #include "control/command.h"
 #include "control/configuration.h"
 #include "control/display_text.h"
-#include "control/observe/explanations.h"
+#include "control/observe/log_follower.h"
 #include "control/service/daemon_processes.h"
+#include "log_tables.h"
 #include "utilities/text.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <csignal>
 #include <memory>
+#include <regex>
+#include <sstream>
+#include <string_view>
 #include <thread>
 #include <utility>
 
+#include <fnmatch.h>
 #include <unistd.h>
 
 namespace control {
@@ -33,166 +39,214 @@ constexpr const char* yellow = "\033[33m";
 constexpr const char* dim = "\033[2m";
 constexpr const char* plain = "";
 
-bool has(const std::string& line, const char* part) {
-    return line.find(part) != std::string::npos;
-}
+/// The first of these that a line has, or begins with, gives its colour.
+struct Style {
+    std::string_view part;
+    const char* colour;
+    bool isBeginning = false;
+};
 
-/// What the daemon writes between cycles.
-bool isMark(const std::string& line) {
-    return line.find_first_not_of("+ ") == std::string::npos;
-}
+constexpr std::array<Style, 12> styles{{{"Error: ", red},
+                                        {"rsync: ", red},
+                                        {"rsync error: ", red},
+                                        {"@ERROR", red},
+                                        {"Warning: ", yellow},
+                                        {"WARNING: ", yellow},
+                                        {"rsync_orbelin: ", yellow, true},
+                                        {"Copied ", green, true},
+                                        {"++ skarn ", green, true},
+                                        {": rsync call: ", dim},
+                                        {": Removed file ", dim},
+                                        {": Child ", dim}}};
 
-const char* colourOf(const std::string& line) {
-    if (has(line, "Error: ") || has(line, "rsync: ") || has(line, "rsync error: ") ||
-        has(line, "@ERROR")) {
-        return red;
+const char* colourOf(std::string_view line) {
+    for (const Style& style : styles) {
+        const std::size_t found = line.find(style.part);
+        if (found == 0 || (found != std::string_view::npos && !style.isBeginning)) {
+            return style.colour;
+        }
     }
-    if (has(line, "Warning: ") || has(line, "WARNING: ") || stringBegin(line, "rsync_orbelin: ")) {
-        return yellow;
-    }
-    if (stringBegin(line, "Copied ") || stringBegin(line, "++ skarn ")) {
-        return green;
-    }
-    return has(line, ": rsync call: ") || has(line, ": Removed file ") || has(line, ": Child ")
-               ? dim
-               : plain;
+    return plain;
 }
 
 /// The detector that a worker's line begins with; empty if it is no such line.
-std::string detectorOf(const std::string& line) {
+std::string_view detectorOf(std::string_view line) {
     const std::size_t blank = line.find(' ');
-    if (blank == std::string::npos || blank == 0) {
+    if (blank == std::string_view::npos || blank == 0) {
         return {};
     }
-    if (line[blank - 1] == ':' && line.compare(0, blank, "Error:") != 0) {
+    if (line[blank - 1] == ':' && !stringBegin(line, "Error:")) {
         return line.substr(0, blank - 1);
     }
-    return line.compare(blank, 10, " Starting ") == 0 ? line.substr(0, blank) : std::string();
+    return stringBegin(line.substr(blank), " Starting ") ? line.substr(0, blank)
+                                                         : std::string_view();
 }
 
-} // namespace
-
-void ReadableLog::takeLines(std::string_view lines) {
-    while (!lines.empty()) {
-        const std::size_t end = std::min(lines.find('\n'), lines.size());
-        takeLine(std::string(lines.substr(0, end)));
-        lines.remove_prefix(std::min(end + 1, lines.size()));
-    }
-}
-
-void ReadableLog::takeGap() {
-    endBlock();
-    print(yellow, "(lines are missing here)", "");
-}
-
-void ReadableLog::takeLine(const std::string& line) {
-    if (inBlock) {
-        if (has(line, "++ RSYNC OUTPUT END ")) {
-            endBlock();
-        } else if (block.size() < longestBlock || stringBegin(line, "Copied ")) {
-            block.push_back(line);
-        } else {
-            ++leftOut;
-        }
-        return;
-    }
-    if (has(line, "++ RSYNC OUTPUT BEGIN ")) {
-        inBlock = true;
-        return;
-    }
-    const std::string detector = detectorOf(line);
-    if (!isMark(line) && (view.detector.empty() || detector.empty() || detector == view.detector)) {
-        print(colourOf(line), line, "");
-    }
-}
-
-void ReadableLog::endBlock() {
-    if (!inBlock) {
-        return;
-    }
-    inBlock = false;
-    const bool hasSummary = !block.empty() && stringBegin(block.back(), "Copied ");
-    const std::string first = hasSummary ? block.back() : "A copy process ended, with no file";
-    if (hasSummary) {
-        block.pop_back();
-    }
-    print(colourOf(first), first, "");
-    for (const std::string& line : block) {
-        if (line.find_first_not_of(' ') != std::string::npos) {
-            print(colourOf(line), line, "    ");
-        }
-    }
-    if (leftOut > 0) {
-        print(dim, "(" + grouped(leftOut) + " more lines)", "    ");
-    }
-    block.clear();
-    leftOut = 0;
-}
-
-void ReadableLog::print(const char* colour, const std::string& line, const std::string& indent) {
-    const auto add = [this](const char* style, const std::string& shown) {
-        const bool isStyled = view.colours && *style != '\0';
-        text += (isStyled ? style : "") + displayable(shown, view.unicode) +
-                (isStyled ? "\033[0m" : "") + "\n";
-    };
-    add(colour, indent + line);
-    const Explanation* const found = view.explain ? explanationOf(line) : nullptr;
-    if (found != nullptr) {
-        add(dim, indent + "    " + found->cause);
-        if (!found->cure.empty()) {
-            add(dim, indent + "    Cure: " + found->cure);
-        }
-    }
-}
-
-namespace {
-
-struct LogOptions {
-    LogView view;
+/// How the log is to be shown.
+struct LogView {
+    std::string detector; // only this one's lines, and those that bear no detector's name
+    bool explain = false; // cause and cure below each line that has one
     bool follow = false;
+    bool colours = false;
+    bool unicode = false;
 };
 
-int run(const CommonOptions& common, const LogOptions& options) {
-    const std::string path = findConfigFile().value_or(configFilePaths().front());
+/// Makes the log readable: the marks between cycles are left out, and the block of a copy process
+/// becomes one line with its complaints below it.
+class ReadableLog : public LogSink {
+public:
+    explicit ReadableLog(LogView how) : view(std::move(how)) {}
+
+    void takeLine(std::string_view line) override {
+        if (inBlock) {
+            if (line.find("++ RSYNC OUTPUT END ") != std::string_view::npos) {
+                endBlock();
+            } else if (block.size() < longestBlock || stringBegin(line, "Copied ")) {
+                block.emplace_back(line);
+            } else {
+                ++leftOut;
+            }
+            return;
+        }
+        inBlock = line.find("++ RSYNC OUTPUT BEGIN ") != std::string_view::npos;
+        const std::string_view detector = detectorOf(line);
+        const bool isMark = line.find_first_not_of("+ ") == std::string_view::npos;
+        if (!inBlock && !isMark &&
+            (view.detector.empty() || detector.empty() || detector == view.detector)) {
+            show(colourOf(line), std::string(line), "");
+        }
+    }
+
+    void takeGap() override {
+        endBlock();
+        show(yellow, "(lines are missing here)", "");
+    }
+
+    /// What is to be printed by now.
+    std::string take() { return std::exchange(text, {}); }
+
+private:
+    void endBlock() {
+        if (!std::exchange(inBlock, false)) {
+            return;
+        }
+        std::string first = "A copy process ended, with no file";
+        if (!block.empty() && stringBegin(block.back(), "Copied ")) {
+            first = block.back();
+            block.pop_back();
+        }
+        show(colourOf(first), first, "");
+        for (const std::string& line : std::exchange(block, {})) {
+            if (line.find_first_not_of(' ') != std::string::npos) {
+                show(colourOf(line), line, "    ");
+            }
+        }
+        if (leftOut > 0) {
+            show(dim, "(" + grouped(std::exchange(leftOut, 0)) + " more lines)", "    ");
+        }
+    }
+
+    void show(const char* colour, const std::string& line, const std::string& indent) {
+        const auto add = [this](const char* style, const std::string& shown) {
+            const bool isStyled = view.colours && *style != '\0';
+            text += (isStyled ? style : "") + displayable(shown, view.unicode) +
+                    (isStyled ? "\033[0m" : "") + "\n";
+        };
+        add(colour, indent + line);
+        const Explanation* const found = view.explain ? explanationOf(line) : nullptr;
+        if (found != nullptr) {
+            add(dim, indent + "    " + found->cause);
+            if (!found->cure.empty()) {
+                add(dim, indent + "    Cure: " + found->cure);
+            }
+        }
+    }
+
+    LogView view;
+    std::string text;
+    bool inBlock = false;
+    std::vector<std::string> block;
+    std::size_t leftOut = 0;
+};
+
+int run(const CommonOptions& common, const LogView& view) {
     const LoadedConfiguration loaded =
-        loadConfiguration(path, findDaemon(common.daemonPath).startOptions);
+        loadConfiguration(findConfigFile().value_or(configFilePaths().front()),
+                          findDaemon(common.daemonPath).startOptions);
     if (!loaded.configuration) {
         complain(loaded.problem);
         return failed;
     }
-    const auto log = std::make_shared<ReadableLog>(options.view);
+    const auto log = std::make_shared<ReadableLog>(view);
     LogAside reader(loaded.configuration->logFileName, loaded.configuration->logFileMaxNumber, {},
                     log);
-    do {
+    for (;;) {
         const bool isRead = reader.poll();
-        if (!reader.problem().empty() && !options.follow) {
+        if (!reader.problem().empty() && !view.follow) {
             complain(reader.problem());
             return failed;
         }
-        if (const std::optional<int> end = print(isRead ? log->take() : "")) {
-            return *end;
+        const std::optional<int> end = print(isRead ? log->take() : "");
+        if (end || !view.follow) {
+            return end.value_or(succeeded);
         }
-        if (options.follow) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(500));
-        }
-    } while (options.follow);
-    return succeeded;
+        std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    }
 }
 
 } // namespace
 
+std::vector<Explanation> parseExplanations(const std::string& tables) {
+    static const std::regex threeCells(R"([^|]*\| *([^|]*?) *\| *([^|]*?) *\| *([^|]*?) *\|[^|]*)");
+    static const std::regex quoted("`([^`]*)`");
+    static const std::regex special(R"([*?\[\\])");
+    static const std::regex placeholder(
+        R"(\b(ID|N|NAME|PID|COMMAND|FIRST|LAST|DATE|FOLDER|TARGET|URL|LOG|reason)\b|\.\.\.)");
+    std::vector<Explanation> rows;
+    std::istringstream lines(tables);
+    std::smatch cells;
+    for (std::string line; std::getline(lines, line);) {
+        if (!std::regex_match(line, cells, threeCells)) {
+            continue;
+        }
+        Explanation row{{}, cells[2], cells[3]};
+        const std::string known = cells[1];
+        for (std::sregex_iterator each(known.begin(), known.end(), quoted), end; each != end;
+             ++each) {
+            const std::string literal = std::regex_replace((*each)[1].str(), special, R"(\$&)");
+            row.patterns.push_back(std::regex_replace(literal, placeholder, "*") + "*");
+        }
+        if (!row.patterns.empty()) {
+            rows.push_back(std::move(row));
+        }
+    }
+    return rows;
+}
+
+const Explanation* explanationOf(const std::string& line) {
+    static const std::vector<Explanation> rows = parseExplanations(logTables);
+    for (const Explanation& row : rows) {
+        for (const std::string& pattern : row.patterns) {
+            if (fnmatch(pattern.c_str(), line.c_str(), 0) == 0) {
+                return &row;
+            }
+        }
+    }
+    return nullptr;
+}
+
 void addLogCommand(CLI::App& app, const CommonOptions& common, int& exitStatus) {
-    const auto options = std::make_shared<LogOptions>();
+    const auto view = std::make_shared<LogView>();
     CLI::App* const command =
         app.add_subcommand("log", "Show the log since the daemon's start, readable");
-    command->add_option("DETECTOR", options->view.detector, "Only this detector's lines");
-    command->add_flag("-f,--follow", options->follow, "Go on with what comes");
-    command->add_flag("--explain", options->view.explain, "Cause and cure below each line");
-    command->callback([options, &common, &exitStatus] {
+    command->add_option("DETECTOR", view->detector, "Only this detector's lines");
+    command->add_flag("-f,--follow", view->follow, "Go on with what comes");
+    command->add_flag("--explain", view->explain, "Cause and cure below each line");
+    command->callback([view, &common, &exitStatus] {
         std::signal(SIGPIPE, SIG_IGN);
-        options->view.colours = isatty(STDOUT_FILENO) != 0 && wantsColours();
-        options->view.unicode = usesUnicode();
-        exitStatus = run(common, *options);
+        view->colours = isatty(STDOUT_FILENO) != 0 && wantsColours();
+        view->unicode = usesUnicode();
+        exitStatus = run(common, *view);
     });
 }
 

@@ -2,15 +2,17 @@
 #pragma once
 
 #include "control/aside.h"
-#include "control/process.h"
-#include "utilities/descriptors.h"
+#include "control/file.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 namespace control {
 
@@ -19,12 +21,20 @@ class LogSink {
 public:
     virtual ~LogSink() = default;
 
-    /// Whole lines in the order of the log, each with its line feed. The text is gone when this
-    /// returns.
-    virtual void takeLines(std::string_view lines) = 0;
+    /// The next line, without its line feed. The text is gone when this returns.
+    virtual void takeLine(std::string_view line) = 0;
 
-    /// Lines may be missing between the last ones and the next.
+    /// Lines may be missing between the last one and the next.
     virtual void takeGap() = 0;
+
+    /// Takes line by line. A text that does not end in a line feed is taken as if it did.
+    void takeLines(std::string_view lines) {
+        while (!lines.empty()) {
+            const std::size_t end = std::min(lines.find('\n'), lines.size());
+            takeLine(lines.substr(0, end));
+            lines.remove_prefix(std::min(end + 1, lines.size()));
+        }
+    }
 };
 
 /// Whether the daemon can have written a banner with this date.
@@ -53,7 +63,10 @@ public:
     std::uint64_t rotations() const { return rotationCount; }
 
     /// Rotated files that were there at the last poll, and the bytes of the file that was not.
-    int archives() const { return archiveCount; }
+    int archives() const {
+        return static_cast<int>(std::count_if(files.begin(), files.end(),
+                                              [](const auto& file) { return file.first >= 0; }));
+    }
     std::uint64_t bytes() const { return fileSize; }
 
     /// Grows as long as poll() gets what it asks for. For any thread.
@@ -62,32 +75,33 @@ public:
 private:
     enum class Step { caughtUp, moved, again };
 
-    std::string archive(int number) const;
+    /// A file of the log, open, and how far it was read.
+    struct Place {
+        Descriptor file;
+        FileId id;
+        std::uint64_t offset = 0;
+    };
+
+    // The files are numbered from the newest, the log itself being -1.
+    std::string nameOf(int number) const;
+    void lookForFiles();
+    bool open(int number, Place& place);
     bool begin();
-    bool beginWithOldest(Descriptor log, const FileId& id);
-    bool searchBanner(const Descriptor& opened, std::uint64_t& position, std::uint64_t& budget);
-    bool openFile(const std::string& name, Descriptor& opened, FileId& id);
-    int numberOf(const FileId& id) const;
+    bool searchBanner(Place& place, std::uint64_t& budget);
     void readAll(LogSink& sink);
     void readNew(LogSink& sink);
-    void takePiece(std::string_view piece, LogSink& sink);
-    void heedRewriting(LogSink& sink);
     Step advance(LogSink& sink, bool isLastTry);
-    void moveTo(Descriptor opened, const FileId& id, LogSink& sink);
 
     std::string path;
     int highest;
     BannerTest mayBeBanner;
     bool sawNothing = false; // at the first look: all that comes is new
     std::string trouble;
-    Descriptor file;
-    FileId current; // of `file`
-    std::uint64_t offset = 0;
-    std::string tail;       // of what was read of `file`, to see whether it was written anew
+    std::vector<std::pair<int, FileId>> files; // that there were, from the newest to the oldest
+    Place at;
+    std::string tail;       // of what was read of this file, to see whether it was written anew
     std::string unfinished; // the beginning of a line whose end is not there yet
-    std::string buffer;
     std::uint64_t rotationCount = 0;
-    int archiveCount = 0;
     std::uint64_t fileSize = 0;
     std::atomic<std::uint64_t> pieces{0};
 };

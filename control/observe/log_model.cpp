@@ -5,10 +5,8 @@
 #include "utilities/text.h"
 
 #include <algorithm>
-#include <charconv>
-#include <limits>
+#include <array>
 #include <optional>
-#include <system_error>
 #include <utility>
 
 namespace control {
@@ -38,77 +36,58 @@ bool isWord(std::string_view text) {
     return !text.empty() && std::none_of(text.begin(), text.end(), UTILITIES::isSpace);
 }
 
-/// The text between a beginning and an ending; nothing if it has not both.
-std::optional<std::string_view> between(std::string_view text, std::string_view beginning,
-                                        std::string_view ending) {
-    if (text.size() < beginning.size() + ending.size() || !stringBegin(text, beginning) ||
-        !endsWith(text, ending)) {
+/// What the first "*" of a pattern, of "A", "A*B" or "A*B*", stands for in a text; nothing if the
+/// text has not its form.
+std::optional<std::string_view> captured(std::string_view text, std::string_view pattern) {
+    const std::size_t star = pattern.find('*');
+    if (star == std::string_view::npos) {
+        return text == pattern ? std::optional(text.substr(text.size())) : std::nullopt;
+    }
+    if (!stringBegin(text, pattern.substr(0, star))) {
         return std::nullopt;
     }
-    return text.substr(beginning.size(), text.size() - beginning.size() - ending.size());
-}
-
-/// A decimal number as the daemon prints it: no sign, no leading zero.
-std::optional<std::uint64_t> asNumber(std::string_view text) {
-    std::uint64_t number = 0;
-    const char* const end = text.data() + text.size();
-    const auto read = std::from_chars(text.data(), end, number);
-    if (read.ec != std::errc() || read.ptr != end || (text.size() > 1 && text.front() == '0')) {
-        return std::nullopt;
+    text.remove_prefix(star);
+    pattern.remove_prefix(star + 1);
+    if (!pattern.empty() && pattern.back() == '*') {
+        const std::size_t end = text.find(pattern.substr(0, pattern.size() - 1));
+        return end == std::string_view::npos ? std::nullopt : std::optional(text.substr(0, end));
     }
-    return number;
+    return endsWith(text, pattern) ? std::optional(text.substr(0, text.size() - pattern.size()))
+                                   : std::nullopt;
 }
 
-/// Cuts the last word off a text, with the one blank in front of it.
-std::string_view takeLastWord(std::string_view& text) {
-    const std::size_t blank = text.rfind(' ');
-    const std::string_view word = text.substr(blank == std::string_view::npos ? 0 : blank + 1);
-    text = text.substr(0, blank == std::string_view::npos ? 0 : blank);
-    return word;
-}
+enum class Content { any, word, wordOrNothing, number };
 
-struct Summary {
-    std::uint64_t files = 0;
-    std::string_view last;
+/// A line outside blocks, and what it is for the account.
+struct Line {
+    std::string_view pattern; // with " " or ": " in front, of what stands behind a worker's ID
+    Content content;          // what the first "*" has to stand for
+    std::uint64_t Counts::*counted;
+    std::set<std::string> LogAccount::*named = nullptr;
 };
 
-/// Reads "Copied N files in the range of: FIRST ... LAST". What a copy program printed without a
-/// line feed may stand in front of it.
-std::optional<Summary> parseSummary(std::string_view line) {
-    Summary summary;
-    summary.last = takeLastWord(line);
-    if (!isWord(summary.last) || takeLastWord(line) != "..." || !isWord(takeLastWord(line)) ||
-        !endsWith(line, " files in the range of:")) {
-        return std::nullopt;
-    }
-    line.remove_suffix(std::string_view(" files in the range of:").size());
-    // A count is an int in the daemon.
-    const std::optional<std::uint64_t> files = asNumber(takeLastWord(line));
-    if (!endsWith(line, "Copied") || !files || *files == 0 ||
-        *files > std::numeric_limits<std::int32_t>::max()) {
-        return std::nullopt;
-    }
-    summary.files = *files;
-    return summary;
-}
+constexpr std::array<Line, 9> lines{{
+    {"Error: Lost *", Content::word, &Counts::lost, &LogAccount::lost},
+    {"++ Warning: No pipe to VANTREL", Content::any, &Counts::withoutPipe},
+    {"++ Error: Failed to pass * to VANTREL", Content::wordOrNothing, &Counts::failedHandoffs,
+     &LogAccount::unannounced},
+    {"++ Warning: Path to \"*\" is longer than *", Content::any, &Counts::longRecords},
+    {" Starting * copy processes", Content::number, &Counts::cycles},
+    {": rsync call: *", Content::any, &Counts::processes},
+    {": Error: Could not fork subprocess", Content::any, &Counts::failedStarts},
+    {": Error: could not remove *", Content::any, &Counts::failedRemovals},
+    {": Error: Listing failed", Content::any, &Counts::failedListings},
+}};
 
 /// What rsync prints in each healthy run.
-bool isOrdinary(std::string_view line) {
-    return std::all_of(line.begin(), line.end(), UTILITIES::isSpace) ||
-           line == "receiving incremental file list" ||
-           stringBegin(line, "receiving file list ...") ||
-           (stringBegin(line, "sent ") && endsWith(line, " bytes/sec")) ||
-           (stringBegin(line, "total size is ") &&
-            line.find("  speedup is ") != std::string_view::npos) ||
-           stringBegin(line, "created directory ") ||
-           (stringBegin(line, "created ") &&
-            line.find(" directory for ") != std::string_view::npos);
-}
+constexpr std::array<std::string_view, 6> ordinary{
+    "receiving incremental file list", "receiving file list ...*", "sent * bytes/sec",
+    "total size is *  speedup is *",   "created directory *",      "created * directory for *"};
 
-void keep(std::set<std::string>& names, std::string_view name) {
-    if (names.size() < mostNames) {
-        names.emplace(name.substr(0, longestShown * 4));
-    }
+bool fits(std::string_view found, Content content) {
+    return content == Content::any || (content == Content::word && isWord(found)) ||
+           (content == Content::number && wholeNumber<int>(found)) ||
+           (content == Content::wordOrNothing && (found.empty() || isWord(found)));
 }
 
 } // namespace
@@ -118,16 +97,8 @@ bool tellsCause(std::string_view line) {
            !stringBegin(line, "rsync: connection unexpectedly closed");
 }
 
-void LogModel::takeLines(std::string_view lines) {
-    while (!lines.empty()) {
-        const std::size_t end = lines.find('\n');
-        takeLine(lines.substr(0, end));
-        lines.remove_prefix(end == std::string_view::npos ? lines.size() : end + 1);
-    }
-}
-
 void LogModel::takeGap() {
-    gap = true;
+    total.hasGap = true;
     inBlock = false;
     bannerStage = 0;
 }
@@ -144,130 +115,101 @@ void LogModel::takeLine(std::string_view line) {
         complaint.clear();
         return;
     }
-    if (takeBanner(line)) {
-        return;
-    }
-    if (const auto name = between(line, "Error: Lost ", ""); name && isWord(*name)) {
-        ++total.lost;
-        keep(lost, *name);
-    } else if (stringBegin(line, "++ ")) {
-        takeOwnLine(line);
-    } else {
-        takeWorkerLine(line);
+    takeBanner(line);
+    // A worker's ID is one word.
+    const std::size_t idEnd = stringBegin(line, "++ ") ? line.size() : line.find(' ');
+    const std::string_view behind = line.substr(std::min(idEnd, line.size()));
+    const bool hasColon = !behind.empty() && idEnd > 0 && line[idEnd - 1] == ':';
+    for (const Line& known : lines) {
+        const char mark = known.pattern.front();
+        const auto found = captured(mark == ' '               ? behind
+                                    : mark == ':' && hasColon ? line.substr(idEnd - 1)
+                                                              : line,
+                                    known.pattern);
+        if (!found || !fits(*found, known.content)) {
+            continue;
+        }
+        ++(total.counts.*known.counted);
+        if (known.named != nullptr && (total.*known.named).size() < mostNames) {
+            (total.*known.named).emplace(found->substr(0, longestShown * 4));
+        }
     }
 }
 
 /// Recognises the banner by the lines that stand in it one after the other.
-bool LogModel::takeBanner(std::string_view line) {
-    constexpr std::size_t ruleLength = 78;
-    const auto version = between(line, "++ " + GLOBAL::progName + " ", " started");
-    const auto date = between(line, "++ on ", "");
-    if (line.size() == ruleLength && line.find_first_not_of('+') == std::string_view::npos) {
-        bannerStage = 1;
-    } else if (bannerStage == 1 && line.empty()) {
-        bannerStage = 2;
-    } else if (bannerStage == 2 && version && isWord(*version)) {
-        bannerStage = 3;
-    } else if (bannerStage == 3 && date && (!isBanner || isBanner(*date))) {
-        const std::uint64_t startsSoFar = banners;
-        *this = LogModel(std::move(isBanner));
-        banners = startsSoFar + 1;
-        bannerDate = date->substr(0, longestShown);
-        return true;
-    } else {
+void LogModel::takeBanner(std::string_view line) {
+    static const std::array<std::string, 4> banner{
+        std::string(78, '+'), "", "++ " + GLOBAL::progName + " * started", "++ on *"};
+    const auto found = captured(line, banner[bannerStage]);
+    if (!found || (bannerStage == 2 && !isWord(*found)) ||
+        (bannerStage == 3 && isBanner && !isBanner(*found))) {
+        bannerStage = line == banner[0] ? 1 : 0;
+    } else if (++bannerStage == banner.size()) {
+        const std::uint64_t startsSoFar = total.starts;
+        total = {};
+        total.starts = startsSoFar + 1;
+        total.started = found->substr(0, longestShown);
         bannerStage = 0;
-    }
-    return false;
-}
-
-/// Lines of those who hand the files on.
-void LogModel::takeOwnLine(std::string_view line) {
-    if (line == "++ Warning: No pipe to VANTREL") {
-        ++total.withoutPipe;
-    } else if (const auto failed = between(line, "++ Error: Failed to pass ", " to VANTREL");
-               failed && (failed->empty() || isWord(*failed))) {
-        ++total.failedHandoffs;
-        keep(unannounced, *failed);
-    } else if (stringBegin(line, "++ Warning: Path to \"") &&
-               line.find("\" is longer than ") != std::string_view::npos) {
-        ++total.longRecords;
-    }
-}
-
-/// Lines of a detector's worker: its ID, which is one word, mostly with a colon, and the rest.
-void LogModel::takeWorkerLine(std::string_view line) {
-    const std::size_t blank = line.find(' ');
-    if (blank == std::string_view::npos) {
-        return;
-    }
-    const std::string_view rest = line.substr(blank);
-    if (const auto number = between(rest, " Starting ", " copy processes")) {
-        total.cycles += asNumber(*number) ? 1 : 0;
-    } else if (blank == 0 || line[blank - 1] != ':') {
-        return;
-    } else if (stringBegin(rest, " rsync call: ")) {
-        ++total.processes;
-    } else if (rest == " Error: Could not fork subprocess") {
-        ++total.failedStarts;
-    } else if (stringBegin(rest, " Error: could not remove ")) {
-        ++total.failedRemovals;
-    } else if (rest == " Error: Listing failed") {
-        ++total.failedListings;
     }
 }
 
 void LogModel::takeInside(std::string_view line) {
-    if (!endsWith(line, endMark)) {
-        if (hasHeld) {
-            takeOutput(held);
-        }
-        held = line.substr(line.size() - std::min(line.size(), longestHeld));
-        hasHeld = true;
-        return;
-    }
-    const std::string_view unfinished = line.substr(0, line.size() - endMark.size());
-    if (unfinished.empty()) {
-        endBlock(held, hasHeld);
-        return;
-    }
-    // The last line of the output had no line feed. The summary always has one.
-    if (hasHeld) {
+    const bool isEnd = endsWith(line, endMark);
+    line.remove_suffix(isEnd ? endMark.size() : 0);
+    // If there is a text in front of END, the last line of the output had no line feed. The summary
+    // always has one.
+    if (hasHeld && !(isEnd && line.empty() && takeSummary(held))) {
         takeOutput(held);
     }
-    endBlock(unfinished, false);
+    hasHeld = !isEnd;
+    if (!isEnd) {
+        held = line.substr(line.size() - std::min(line.size(), longestHeld));
+        return;
+    }
+    takeOutput(line);
+    ++total.counts.reports;
+    if (!complaint.empty()) {
+        total.lastComplaint = std::exchange(complaint, {});
+    }
+    inBlock = false;
 }
 
 /// Takes a line that the copy program printed.
 void LogModel::takeOutput(std::string_view line) {
-    if (isOrdinary(line)) {
+    if (std::all_of(line.begin(), line.end(), UTILITIES::isSpace) ||
+        std::any_of(ordinary.begin(), ordinary.end(),
+                    [line](std::string_view form) { return captured(line, form).has_value(); })) {
         return;
     }
-    ++total.complaints;
-    if (complaint.empty() || (!tellsCause && control::tellsCause(line))) {
+    ++total.counts.complaints;
+    if (complaint.empty() || (!tellsCause(complaint) && tellsCause(line))) {
         complaint = line.substr(0, longestShown);
-        tellsCause = control::tellsCause(line);
     }
 }
 
-void LogModel::endBlock(std::string_view lastLine, bool mayBeSummary) {
-    if (const auto summary = mayBeSummary ? parseSummary(lastLine) : std::optional<Summary>()) {
-        total.files += summary->files;
-        newestFile = summary->last.substr(0, longestShown);
-        lost.erase(newestFile);
-    } else if (!lastLine.empty()) {
-        takeOutput(lastLine);
+/// Takes "Copied N files in the range of: FIRST ... LAST". What a copy program printed without a
+/// line feed may stand in front of it. False if it is no such line.
+bool LogModel::takeSummary(std::string_view line) {
+    constexpr std::string_view beginning = "Copied ";
+    constexpr std::string_view middle = " files in the range of: ";
+    const std::size_t middleAt = line.rfind(middle);
+    const std::size_t begin = line.rfind(beginning, middleAt);
+    if (middleAt == std::string_view::npos || begin == std::string_view::npos) {
+        return false;
     }
-    ++total.reports;
-    if (!complaint.empty()) {
-        newestComplaint = std::move(complaint);
-        complaint.clear();
+    const std::size_t number = begin + beginning.size();
+    // A count is an int in the daemon.
+    const auto files = wholeNumber<int>(line.substr(number, middleAt - std::min(number, middleAt)));
+    const std::string_view names = line.substr(middleAt + middle.size());
+    const auto first = captured(names, "* ... *");
+    const std::string_view last = first ? names.substr(first->size() + 5) : "";
+    if (!first || !isWord(*first) || !isWord(last) || !files) {
+        return false;
     }
-    inBlock = false;
-    hasHeld = false;
-    held.clear();
-    if (held.capacity() > longestShown) {
-        held.shrink_to_fit();
-    }
+    total.counts.files += static_cast<std::uint64_t>(*files);
+    total.lastFile = last.substr(0, longestShown);
+    total.lost.erase(total.lastFile);
+    return true;
 }
 
 } // namespace control

@@ -11,6 +11,20 @@
 
 namespace control {
 
+struct LogAccount {
+    Counts counts;
+    std::string lastFile;
+    std::string lastComplaint; // of the last block that had one, what tells most of the cause
+    std::string started;       // the date in the last banner; empty when none was seen
+    std::uint64_t starts = 0;  // banners seen: a change means that all counts began anew
+    bool hasGap = false;       // lines were missed since the last banner
+
+    /// The names of files reported lost that have not come since, and of those that could not be
+    /// announced; some thousand of them at most.
+    std::set<std::string> lost;
+    std::set<std::string> unannounced;
+};
+
 /// Reads the log line by line and keeps account.
 ///
 /// A line counts when it has exactly the form in which the daemon writes it. The lines of a block,
@@ -24,60 +38,28 @@ public:
     /// Without a test every banner is believed.
     explicit LogModel(BannerTest test = {}) : isBanner(std::move(test)) {}
 
-    /// Takes whole lines, each with its line feed. A text that does not end in one is taken as if
-    /// it did.
-    void takeLines(std::string_view lines) override;
-
+    void takeLine(std::string_view line) override;
     void takeGap() override;
 
-    const Counts& counts() const { return total; }
-    const std::string& lastFile() const { return newestFile; }
-
-    /// Of the last block that had one, the line that tells most of the cause.
-    const std::string& lastComplaint() const { return newestComplaint; }
-
-    /// The date in the last banner; empty when none was seen.
-    const std::string& started() const { return bannerDate; }
-
-    /// How many banners were seen: a change means that all counts began anew.
-    std::uint64_t starts() const { return banners; }
-
-    /// Whether lines were missed since the last banner.
-    bool hasGap() const { return gap; }
-
-    /// The names of files reported lost, and of those that could not be announced, each once; some
-    /// thousand of them at most.
-    const std::set<std::string>& lostNames() const { return lost; }
-    const std::set<std::string>& unannouncedNames() const { return unannounced; }
+    const LogAccount& account() const { return total; }
 
     /// Takes a name out of the lost ones: its file has come.
-    void forgetLost(const std::string& name) { lost.erase(name); }
+    void forgetLost(const std::string& name) { total.lost.erase(name); }
 
 private:
-    void takeLine(std::string_view line);
     void takeInside(std::string_view line);
     void takeOutput(std::string_view line);
-    bool takeBanner(std::string_view line);
-    void takeOwnLine(std::string_view line);
-    void takeWorkerLine(std::string_view line);
-    void endBlock(std::string_view lastLine, bool mayBeSummary);
+    bool takeSummary(std::string_view line);
+    void takeBanner(std::string_view line);
 
     BannerTest isBanner;
-    Counts total;
-    std::set<std::string> lost;
-    std::set<std::string> unannounced;
-    std::string newestFile;
-    std::string newestComplaint;
-    std::string bannerDate;
-    std::uint64_t banners = 0;
-    bool gap = false;
+    LogAccount total;
 
-    int bannerStage = 0;
+    std::size_t bannerStage = 0;
     bool inBlock = false;
     bool hasHeld = false;
-    std::string held;        // the last line of the block so far
-    std::string complaint;   // of the block: the best so far
-    bool tellsCause = false; // of `complaint`
+    std::string held;      // the last line of the block so far
+    std::string complaint; // of the block: the best so far
 };
 
 /// What is to be shown of a complaint of rsync's: the first of these lines that tells a cause, not

@@ -38,28 +38,13 @@ constexpr std::chrono::milliseconds patienceForSpace(200);
 /// So often it is asked which lost files have come, and of how many.
 constexpr double lostPause = 5;
 constexpr std::size_t mostLost = 500;
+constexpr std::chrono::milliseconds patienceForLost(100);
 
 /// The dates of the configuration file and of the banner, and the start of the daemon, come from
 /// different clocks.
 constexpr double clockTolerance = 1;
 constexpr double bannerTolerance = 3;
 constexpr double summerTime = 3600;
-
-double secondsOf(clockid_t clock) {
-    timespec time = {};
-    clock_gettime(clock, &time);
-    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
-}
-
-/// The version of the file at a path; nothing if it can't be looked at.
-std::optional<FileVersion> versionOf(const std::string& path) {
-    struct stat status = {};
-    if (stat(path.c_str(), &status) != 0) {
-        return std::nullopt;
-    }
-    return FileVersion{status.st_dev, status.st_ino, status.st_size, status.st_mtim.tv_sec,
-                       status.st_mtim.tv_nsec};
-}
 
 /// Whether the running daemon can have written a banner with this date. Looks anew, since a banner
 /// that just came is that of a daemon that just started.
@@ -79,14 +64,11 @@ bool isDaemonsDate(const std::string& daemonPath, std::string_view date) {
 
 /// Those of these names of which a file is below one of the targets.
 std::set<std::string> arrived(const std::vector<std::string>& names,
-                              const std::vector<std::string>& targets) {
+                              const std::vector<DetectorSnapshot>& detectors) {
     std::set<std::string> found;
     for (const std::string& name : names) {
-        for (const std::string& target : targets) {
-            struct stat status = {};
-            std::string path = target;
-            path.append("/").append(name);
-            if (lstat(path.c_str(), &status) == 0) {
+        for (const DetectorSnapshot& detector : detectors) {
+            if (modificationTime(detector.target + "/" + name)) {
                 found.insert(name);
             }
         }
@@ -157,37 +139,31 @@ void SnapshotSource::lookAtConfiguration(Snapshot& snapshot) {
     if (path.empty()) {
         path = findConfigFile().value_or("");
     }
-    const std::optional<FileVersion> version = versionOf(path);
+    auto source = std::tuple(path, versionOf(path), startOptions);
     snapshot.configFile = path;
     snapshot.configChanged =
-        version && snapshot.upSince &&
-        modificationTime(path).value_or(0) > *snapshot.upSince + clockTolerance;
+        snapshot.upSince && modificationTime(path).value_or(0) > *snapshot.upSince + clockTolerance;
 
-    // What this daemon has read stays true when the file is changed.
     const std::uint64_t daemon = snapshot.isServed() ? processes.daemon.startTicks : 0;
-    const bool isKept = configuration && configProblem.empty() && snapshot.configChanged &&
-                        daemon != 0 && daemon == loadedFor;
-    auto source = std::tuple(path, version, startOptions);
-    if (!isKept && (source != loadedFrom || !configProblem.empty() || !configuration)) {
-        loadedFrom = std::move(source);
-        configProblem.clear();
-        if (path.empty()) {
-            configProblem = "there is no configuration file (" + configFilePaths().front() +
-                            " or " + configFilePaths().back() + ")";
-        } else {
-            LoadedConfiguration loaded = loadConfiguration(path, startOptions);
-            if (!loaded.configuration) {
-                // It was changed since the daemon accepted these options, or can't be read.
-                configProblem = loaded.problem;
-                loaded = loadConfiguration(path, {});
-            }
-            if (loaded.configuration) {
-                configuration = std::move(loaded.configuration);
-            }
-        }
+    const bool isGood = configuration && configProblem.empty();
+    if (snapshot.configChanged && daemon != 0 && daemon == loadedFor && isGood) {
+        return; // what this daemon has read stays true when the file is changed
     }
-    if (!isKept) {
-        loadedFor = snapshot.configChanged ? 0 : daemon;
+    loadedFor = snapshot.configChanged ? 0 : daemon;
+    if (source != loadedFrom || !isGood) {
+        loadedFrom = std::move(source);
+        LoadedConfiguration loaded = loadConfiguration(path, startOptions);
+        configProblem = path.empty()
+                            ? "there is no configuration file (" + configFilePaths().front() +
+                                  " or " + configFilePaths().back() + ")"
+                            : loaded.problem;
+        if (!loaded.configuration) {
+            // It was changed since the daemon accepted these options, or can't be read.
+            loaded = loadConfiguration(path, {});
+        }
+        if (loaded.configuration) {
+            configuration = std::move(loaded.configuration);
+        }
     }
     snapshot.configProblem = configProblem;
 }
@@ -197,19 +173,14 @@ void SnapshotSource::lookAtEvents(Snapshot& snapshot) {
     if (version != eventsVersion) {
         eventsVersion = version;
         events = readEvents();
-        // Only these are asked for.
-        events.erase(std::remove_if(events.begin(), events.end(),
-                                    [](const Event& event) {
-                                        return event.text.rfind("the daemon ", 0) != 0;
-                                    }),
-                     events.end());
     }
     snapshot.deaths = deathsIn(events, snapshot.time);
 }
 
 void SnapshotSource::lookAtLog(Snapshot& snapshot) {
+    LogSnapshot& shown = snapshot.log;
     if (!configuration) {
-        snapshot.log.problem = "without a configuration it is not known where the log is";
+        shown.problem = "without a configuration it is not known where the log is";
         return;
     }
     const auto source = std::tuple(configuration->logFileName, configuration->logFileMaxNumber);
@@ -220,46 +191,37 @@ void SnapshotSource::lookAtLog(Snapshot& snapshot) {
         logSource = source;
         model = std::make_shared<LogModel>(isBanner);
         log.emplace(configuration->logFileName, configuration->logFileMaxNumber, isBanner, model);
+        account = {};
         lastLog = {};
-        lastLog.shown.path = log->absolutePath();
     }
     isLogRead = log->poll();
+    shown = lastLog;
+    shown.path = log->absolutePath();
+    shown.limit = configuration->logFileMaxSize;
+    shown.problem = log->problem();
+    shown.coverage = LogCoverage::none;
     if (isLogRead) {
-        noteLog();
-    } else {
-        lastLog.shown.coverage = LogCoverage::none;
+        account = model->account();
+        shown.started = account.started;
+        shown.rotations = log->follower().rotations();
+        shown.archives = log->follower().archives();
+        shown.bytes = log->follower().bytes();
+        lastLog = shown;
     }
-    lastLog.shown.problem = log->problem();
-    snapshot.log = lastLog.shown;
-    snapshot.log.limit = configuration->logFileMaxSize;
-    snapshot.counts = lastLog.counts;
-    snapshot.lastComplaint = lastLog.lastComplaint;
-}
-
-void SnapshotSource::noteLog() {
-    LogSnapshot& shown = lastLog.shown;
-    shown.started = model->started();
-    shown.rotations = log->follower().rotations();
-    shown.archives = log->follower().archives();
-    shown.bytes = log->follower().bytes();
-    if (!log->problem().empty()) {
-        shown.coverage = LogCoverage::none;
-    } else if (model->hasGap()) {
-        shown.coverage = LogCoverage::withGap;
-    } else {
-        shown.coverage = model->starts() > 0 ? LogCoverage::sinceStart : LogCoverage::sinceWatch;
+    if (isLogRead && shown.problem.empty()) {
+        shown.coverage = account.hasGap       ? LogCoverage::withGap
+                         : account.starts > 0 ? LogCoverage::sinceStart
+                                              : LogCoverage::sinceWatch;
     }
-    lastLog.counts = model->counts();
-    lastLog.lastFile = model->lastFile();
-    lastLog.lastComplaint = model->lastComplaint();
-    lastLog.starts = model->starts();
+    snapshot.counts = account.counts;
+    snapshot.lastComplaint = account.lastComplaint;
 }
 
 /// The copy program's figures count each file as it is announced, the log when its copy process has
 /// ended.
 void SnapshotSource::sumUp(Snapshot& snapshot) {
     snapshot.files = snapshot.counts.files;
-    snapshot.lastFile = lastLog.lastFile;
+    snapshot.lastFile = account.lastFile;
     if (!snapshot.hasFigures) {
         if (snapshot.log.coverage == LogCoverage::sinceStart) {
             snapshot.filesSince = snapshot.upSince;
@@ -284,24 +246,18 @@ void SnapshotSource::sumUp(Snapshot& snapshot) {
 }
 
 void SnapshotSource::lookForLost(Snapshot& snapshot) {
-    if (isLogRead && !model->lostNames().empty() && now >= lostDue) {
-        std::vector<std::string> names(model->lostNames().begin(), model->lostNames().end());
+    if (isLogRead && !account.lost.empty() && now >= lostDue) {
+        std::vector<std::string> names(account.lost.begin(), account.lost.end());
         names.resize(std::min(names.size(), mostLost));
-        std::vector<std::string> targets;
-        for (const DetectorSnapshot& detector : snapshot.detectors) {
-            targets.push_back(detector.target);
-        }
-        const auto found = lost.ask([names, targets] { return arrived(names, targets); },
-                                    std::chrono::milliseconds(100));
+        const auto found = lost.ask(
+            [names, all = snapshot.detectors] { return arrived(names, all); }, patienceForLost);
         for (const std::string& name : found.value_or(std::set<std::string>())) {
             model->forgetLost(name);
+            account.lost.erase(name);
         }
         lostDue = now + lostPause;
     }
-    if (isLogRead) {
-        lastLog.missing = model->lostNames().size();
-    }
-    snapshot.missing = lastLog.missing;
+    snapshot.missing = account.lost.size();
 }
 
 void SnapshotSource::lookAtSpace(Snapshot& snapshot) {
@@ -309,20 +265,20 @@ void SnapshotSource::lookAtSpace(Snapshot& snapshot) {
         if (detector.target.empty()) {
             continue;
         }
-        const std::optional<std::optional<Space>> answer = spaces[detector.target].ask(
+        const auto answer = spaces[detector.target].ask(
             [target = detector.target] { return spaceAt(target); }, patienceForSpace);
         detector.targetIsSilent = !answer;
-        if (!answer || !*answer) {
+        const std::optional<Space> found = answer.value_or(std::nullopt);
+        if (!found) {
             continue;
         }
-        const Space& found = **answer;
-        detector.freeBytes = found.free;
-        detector.totalBytes = found.total;
-        if (found.totalInodes > 0) {
-            detector.freeInodes = found.freeInodes;
-            detector.totalInodes = found.totalInodes;
+        detector.freeBytes = found->free;
+        detector.totalBytes = found->total;
+        if (found->totalInodes > 0) {
+            detector.freeInodes = found->freeInodes;
+            detector.totalInodes = found->totalInodes;
         }
-        const auto free = static_cast<double>(found.free);
+        const auto free = static_cast<double>(found->free);
         History& history = freeHistory.try_emplace(detector.target, secondsKept).first->second;
         history.add(now, free);
         const std::optional<double> until =
@@ -334,7 +290,7 @@ void SnapshotSource::lookAtSpace(Snapshot& snapshot) {
 }
 
 void SnapshotSource::addRates(Snapshot& snapshot) {
-    const std::uint64_t epoch = snapshot.hasFigures ? 0 : lastLog.starts;
+    const std::uint64_t epoch = snapshot.hasFigures ? 0 : account.starts;
     files.add(now, counted.take(snapshot.files, epoch));
     snapshot.rates.lastSeconds = files.slope(shortWhile, shortestForRate);
     snapshot.rates.lastMinutes = files.slope(secondsKept, shortestForRate);
@@ -346,9 +302,9 @@ void SnapshotSource::addRates(Snapshot& snapshot) {
 }
 
 void SnapshotSource::lookAtPipe(Snapshot& snapshot) {
-    const std::optional<FileId> pipe = fileIdOf(GLOBAL::pathToVantrelFifo);
     const pid_t daemon = snapshot.pid;
-    if (farDaemon != daemon || !(farPipe == pipe) || now >= farDue) {
+    const auto subject = std::pair(daemon, fileIdOf(GLOBAL::pathToVantrelFifo));
+    if (farSubject != subject || now >= farDue) {
         const auto question = [daemon, path = options.daemonPath] {
             FarLook look;
             const double before = secondsOf(CLOCK_THREAD_CPUTIME_ID);
@@ -361,10 +317,8 @@ void SnapshotSource::lookAtPipe(Snapshot& snapshot) {
             look.took = secondsOf(CLOCK_THREAD_CPUTIME_ID) - before;
             return look;
         };
-        const std::optional<FarLook> found = far.ask(question, patienceForPipe);
-        lastFar = found.value_or(FarLook());
-        farPipe = pipe;
-        farDaemon = daemon;
+        lastFar = far.ask(question, patienceForPipe).value_or(FarLook());
+        farSubject = subject;
         farDue = now + std::min(lastFar.took / partForPipe, oldestPipe);
     }
     snapshot.pipe = lastFar.pipe;
@@ -379,13 +333,13 @@ void SnapshotSource::lookAtWaits(Snapshot& snapshot) {
     snapshot.waits.known = found.has_value();
     std::vector<std::pair<PipeWait, double>> seen;
     for (const PipeWait& wait : found.value_or(std::vector<PipeWait>())) {
-        const auto before = std::find_if(waits.begin(), waits.end(),
-                                         [&wait](const auto& each) { return each.first == wait; });
-        const double since = before == waits.end() ? now : before->second;
-        seen.emplace_back(wait, since);
+        seen.emplace_back(wait, now);
+        for (const auto& [before, since] : waits) {
+            seen.back().second = before == wait ? since : seen.back().second;
+        }
         std::optional<double>& longest =
             wait.opens ? snapshot.waits.opening : snapshot.waits.writing;
-        longest = std::max(longest.value_or(0), now - since);
+        longest = std::max(longest.value_or(0), now - seen.back().second);
     }
     waits = std::move(seen);
 }

@@ -30,9 +30,6 @@ struct SnapshotOptions {
     std::string daemonPath; // of the daemon's executable
 };
 
-/// Which content a file has, as far as its status tells.
-using FileVersion = std::tuple<dev_t, ino_t, off_t, time_t, long>;
-
 /// Room on one file system. `free` is what root may still fill, in bytes.
 struct Space {
     std::uint64_t free = 0;
@@ -65,16 +62,6 @@ private:
         double took = 0; // seconds of the processor
     };
 
-    /// What was known when the log could be read last.
-    struct LogLook {
-        LogSnapshot shown;
-        Counts counts;
-        std::string lastFile;
-        std::string lastComplaint;
-        std::uint64_t starts = 0;
-        std::size_t missing = 0;
-    };
-
     /// Rates and the filling of targets go by so many seconds.
     static constexpr double secondsKept = 300;
 
@@ -82,7 +69,6 @@ private:
     void lookAtConfiguration(Snapshot& snapshot);
     void lookAtEvents(Snapshot& snapshot);
     void lookAtLog(Snapshot& snapshot);
-    void noteLog();
     void sumUp(Snapshot& snapshot);
     void lookForLost(Snapshot& snapshot);
     void lookAtSpace(Snapshot& snapshot);
@@ -106,10 +92,11 @@ private:
     std::vector<Event> events;
 
     std::optional<LogAside> log;
-    std::shared_ptr<LogModel> model; // of what was read in it
-    bool isLogRead = false;          // at this look: else `model` is not to be touched
-    LogLook lastLog;
     std::tuple<std::string, int> logSource; // as configured: path, number of archives
+    std::shared_ptr<LogModel> model;        // of what was read in it
+    bool isLogRead = false;                 // at this look: else `model` is not to be touched
+    LogSnapshot lastLog;                    // these two as of the last look at which it was read
+    LogAccount account;
 
     DetectorWatch detectors;
     RecentChanges changes;
@@ -121,8 +108,7 @@ private:
 
     Aside<FarLook> far;
     FarLook lastFar;
-    std::optional<FileId> farPipe; // the pipe and the daemon of the last far look
-    pid_t farDaemon = -1;
+    std::optional<std::pair<pid_t, std::optional<FileId>>> farSubject; // daemon and pipe
     double farDue = 0;
 
     std::vector<std::pair<PipeWait, double>> waits; // with the moment at which each was first seen

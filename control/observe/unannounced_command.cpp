@@ -4,6 +4,7 @@
 #include "control/configuration.h"
 #include "control/display_text.h"
 #include "control/event_journal.h"
+#include "control/file.h"
 #include "control/observe/log_follower.h"
 #include "control/observe/log_model.h"
 #include "control/service/daemon_processes.h"
@@ -21,6 +22,7 @@
 #include <climits>
 #include <cstring>
 #include <fstream>
+#include <map>
 #include <memory>
 #include <optional>
 #include <set>
@@ -51,10 +53,10 @@ constexpr const char* announcedBefore = "/var/log/skarn/announced";
 struct Journal {
     std::string share;
     std::string destination;
-    const char* file = nullptr; // its name; null for none
+    std::string file; // its name; empty for none
 
-    bool operator==(const Journal& other) const {
-        return std::tie(share, destination, file) ==
+    bool operator<(const Journal& other) const {
+        return std::tie(share, destination, file) <
                std::tie(other.share, other.destination, other.file);
     }
     std::string path() const {
@@ -79,10 +81,9 @@ public:
         if (silent.count(file.target) > 0) {
             return Destination::Presence::unknown;
         }
-        const auto look = [target = file.target, name = file.name] {
-            return Destination(target).presence(name);
-        };
-        const auto found = Aside<Destination::Presence>().ask(look, patienceForTarget);
+        const auto found = Aside<Destination::Presence>().ask(
+            [target = file.target, name = file.name] { return Destination(target).presence(name); },
+            patienceForTarget);
         if (!found) {
             silent.insert(file.target);
         }
@@ -91,16 +92,11 @@ public:
 
     /// Why a file can't be announced; empty if it is there.
     std::string whyNot(const Candidate& file) {
-        switch (presenceOf(file)) {
-        case Destination::Presence::there:
-            return {};
-        case Destination::Presence::absent:
-            return "it is not there";
-        case Destination::Presence::unknown:
-            break;
-        }
-        return silent.count(file.target) > 0 ? "the file system of its target does not answer"
-                                             : "whether it is there can't be told";
+        const Destination::Presence found = presenceOf(file);
+        return found == Destination::Presence::there    ? ""
+               : found == Destination::Presence::absent ? "it is not there"
+               : silent.count(file.target) > 0 ? "the file system of its target does not answer"
+                                               : "whether it is there can't be told";
     }
 
 private:
@@ -110,13 +106,10 @@ private:
 /// The names in the copy program's journals of a share and a target that no detector has now. What
 /// was left for one that it has is announced by its next copy. False if one can't be read.
 bool addJournals(const Configuration& configuration, std::vector<Candidate>& candidates) {
-    const auto isServed = [&configuration](const Journal& journal) {
-        return std::any_of(configuration.detectors.begin(), configuration.detectors.end(),
-                           [&journal](const Detector& each) {
-                               return each.shareUrl == journal.share &&
-                                      each.destination() == journal.destination;
-                           });
-    };
+    std::set<std::pair<std::string, std::string>> served;
+    for (const Detector& each : configuration.detectors) {
+        served.emplace(each.shareUrl, each.destination());
+    }
     bool allRead = true;
     for (const std::string& name :
          confirming::namesIn(confirming::openOwnFolder(AT_FDCWD, JOURNAL_FOLDER))) {
@@ -133,7 +126,7 @@ bool addJournals(const Configuration& configuration, std::vector<Candidate>& can
                     continue;
                 }
                 for (const confirming::OpenName& open : left->names) {
-                    if (open.isGone && !isServed(journal)) {
+                    if (open.isGone && served.count({share, destination}) == 0) {
                         candidates.push_back(
                             {destination, open.name, "left open under another target", journal});
                     }
@@ -168,34 +161,18 @@ bool addLogged(const Configuration& configuration, Targets& targets,
                 const std::string record = candidate.record();
                 if (before.count(record) > 0) {
                     announced.insert(record);
-                    continue;
-                }
-                // The log names no target: where the file is, it was meant.
-                if (!name.empty() && added.count(record) == 0 &&
-                    targets.presenceOf(candidate) == Destination::Presence::there) {
+                    // The log names no target: where the file is, it was meant.
+                } else if (!name.empty() && added.count(record) == 0 &&
+                           targets.presenceOf(candidate) == Destination::Presence::there) {
                     candidates.push_back(candidate);
                     added.insert(record);
                 }
             }
         }
     };
-    add(model->unannouncedNames(), "the pipe did not take it");
-    add(model->lostNames(), "sent and not confirmed; a later copy may have announced it");
+    add(model->account().unannounced, "the pipe did not take it");
+    add(model->account().lost, "sent and not confirmed; a later copy may have announced it");
     return true;
-}
-
-/// Notes what the log will go on naming, and nothing else, so that this does not grow for ever.
-/// False if that can't be done.
-bool noteAnnounced(const std::set<std::string>& records) {
-    std::string lines;
-    for (const std::string& record : records) {
-        lines += record + "\n";
-    }
-    const std::string fresh = std::string(announcedBefore) + ".new";
-    unlink(fresh.c_str());
-    const Descriptor file(open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
-    return file.get() >= 0 && writeAll(file.get(), lines) &&
-           std::rename(fresh.c_str(), announcedBefore) == 0;
 }
 
 /// Writes a record with one call, as the daemon does. An error's number, or 0.
@@ -220,10 +197,9 @@ bool forget(const Journal& journal, const std::set<std::string>& names) {
     const auto folders = confirming::openJournalFolders(JOURNAL_FOLDER, journal.share);
     const auto folder = folders.find(journal.destination);
     bool isDamaged = false;
-    if (folder == folders.end() || !confirming::hold(folder->second)) {
-        return false;
-    }
-    auto left = confirming::readLeft(folder->second, journal.file, isDamaged);
+    auto left = folder != folders.end() && confirming::hold(folder->second)
+                    ? confirming::readLeft(folder->second, journal.file.c_str(), isDamaged)
+                    : std::nullopt;
     if (!left) {
         return false;
     }
@@ -232,7 +208,7 @@ bool forget(const Journal& journal, const std::set<std::string>& names) {
                                          return open.isGone && names.count(open.name) > 0;
                                      }),
                       left->names.end());
-    return confirming::writeLeft(folder->second, journal.file, *left);
+    return confirming::writeLeft(folder->second, journal.file.c_str(), *left);
 }
 
 /// `announced` are the records that the log names and that were announced before.
@@ -245,7 +221,7 @@ int announceAll(const std::vector<Candidate>& candidates, Targets& targets,
                                 : "cannot open " + path + ": " + std::strerror(errno));
         return failed;
     }
-    std::vector<std::pair<Journal, std::set<std::string>>> forgotten; // names of each journal
+    std::map<Journal, std::set<std::string>> forgotten;
     std::size_t count = 0;
     int status = succeeded;
     for (const Candidate& each : candidates) {
@@ -261,21 +237,22 @@ int announceAll(const std::vector<Candidate>& candidates, Targets& targets,
         }
         say(each.record() + ": announced");
         ++count;
-        if (each.journal.file == nullptr) {
+        if (each.journal.file.empty()) {
             announced.insert(each.record());
         } else {
-            // The candidates come journal by journal.
-            if (forgotten.empty() || !(forgotten.back().first == each.journal)) {
-                forgotten.emplace_back(each.journal, std::set<std::string>());
-            }
-            forgotten.back().second.insert(each.name);
+            forgotten[each.journal].insert(each.name);
         }
     }
     if (count == 0) {
         return status;
     }
     noteEvents({grouped(count) + " files announced by hand (skarnctl unannounced)"});
-    if (!noteAnnounced(announced)) {
+    // What the log will go on naming, and nothing else, so that this does not grow for ever.
+    std::string lines;
+    for (const std::string& record : announced) {
+        lines += record + "\n";
+    }
+    if (!replaceFile(announcedBefore, lines)) {
         complain(std::string("cannot write ") + announcedBefore + ": " + std::strerror(errno));
         status = failed;
     }
@@ -289,9 +266,9 @@ int announceAll(const std::vector<Candidate>& candidates, Targets& targets,
 }
 
 int run(const CommonOptions& common, bool isToAnnounce) {
-    const std::string path = findConfigFile().value_or(configFilePaths().front());
     const LoadedConfiguration loaded =
-        loadConfiguration(path, findDaemon(common.daemonPath).startOptions);
+        loadConfiguration(findConfigFile().value_or(configFilePaths().front()),
+                          findDaemon(common.daemonPath).startOptions);
     if (!loaded.configuration) {
         complain(loaded.problem);
         return failed;

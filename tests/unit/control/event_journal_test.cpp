@@ -1,7 +1,6 @@
 // When did what begin and end: what is noted, kept, and made of it.
 #include "control/event_journal.h"
 #include "control/observe/event_watch.h"
-#include "control/observe/events_command.h"
 #include "example_snapshot.h"
 
 #include <cstdlib>

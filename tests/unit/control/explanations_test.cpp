@@ -1,5 +1,5 @@
 // Lines of the log find their rows in the operator's guide.
-#include "control/observe/explanations.h"
+#include "control/observe/log_command.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

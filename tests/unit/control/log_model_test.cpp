@@ -83,38 +83,38 @@ TEST(LogModel, CountsWholeCyclesOfAllDetectors) {
     model.takeLines(calls("1", 2) + block(76, "frame_1.raw") + calls("2", 1) +
                     "1: Child process 60 terminated \n" + block(77, "frame_2.raw") +
                     removed("1", 2));
-    EXPECT_EQ(model.counts().cycles, 2U);
-    EXPECT_EQ(model.counts().processes, 3U);
-    EXPECT_EQ(model.counts().reports, 2U);
-    EXPECT_EQ(model.counts().files, 153U);
-    EXPECT_EQ(model.counts().complaints, 0U);
-    EXPECT_EQ(model.lastFile(), "frame_2.raw");
-    EXPECT_EQ(model.lastComplaint(), "");
-    EXPECT_EQ(model.started(), "Sat Nov 21 11:59:28 2026");
-    EXPECT_EQ(model.starts(), 1U);
+    EXPECT_EQ(model.account().counts.cycles, 2U);
+    EXPECT_EQ(model.account().counts.processes, 3U);
+    EXPECT_EQ(model.account().counts.reports, 2U);
+    EXPECT_EQ(model.account().counts.files, 153U);
+    EXPECT_EQ(model.account().counts.complaints, 0U);
+    EXPECT_EQ(model.account().lastFile, "frame_2.raw");
+    EXPECT_EQ(model.account().lastComplaint, "");
+    EXPECT_EQ(model.account().started, "Sat Nov 21 11:59:28 2026");
+    EXPECT_EQ(model.account().starts, 1U);
 }
 
 TEST(LogModel, BeginsAfreshWithEachBannerThatTheDaemonCanHaveWritten) {
     const std::string later = "Sun Nov 22 00:00:00 2026";
     LogModel model([&later](std::string_view date) { return date == later; });
     model.takeLines(banner({"1"}) + calls("1", 3) + block(5));
-    EXPECT_EQ(model.starts(), 0U) << "a made-up one";
-    EXPECT_EQ(model.counts().files, 5U);
+    EXPECT_EQ(model.account().starts, 0U) << "a made-up one";
+    EXPECT_EQ(model.account().counts.files, 5U);
     model.takeLines(banner({"1", "2"}, later));
-    EXPECT_EQ(model.starts(), 1U);
-    EXPECT_EQ(model.started(), later);
-    EXPECT_EQ(model.counts().files, 0U);
+    EXPECT_EQ(model.account().starts, 1U);
+    EXPECT_EQ(model.account().started, later);
+    EXPECT_EQ(model.account().counts.files, 0U);
     model.takeLines(banner({"1"}) + block(7));
-    EXPECT_EQ(model.starts(), 1U);
-    EXPECT_EQ(model.counts().files, 7U);
+    EXPECT_EQ(model.account().starts, 1U);
+    EXPECT_EQ(model.account().counts.files, 7U);
 }
 
 TEST(LogModel, IsNotDeceivedByABannerWithinABlock) {
     LogModel model = started({"1"});
     model.takeLines(calls("1", 2) + block(5));
     model.takeLines(begin + banner({"2"}) + summary(1) + end);
-    EXPECT_EQ(model.starts(), 1U);
-    EXPECT_EQ(model.counts().files, 6U);
+    EXPECT_EQ(model.account().starts, 1U);
+    EXPECT_EQ(model.account().counts.files, 6U);
 }
 
 TEST(LogModel, BelievesOfABlockOnlyItsLastLine) {
@@ -122,12 +122,12 @@ TEST(LogModel, BelievesOfABlockOnlyItsLastLine) {
     model.takeLines(calls("1", 1) + begin + summary(1000) + "1 Starting 5 copy processes\n" +
                     "Error: Lost b.raw\n++ Warning: No pipe to VANTREL\n" + "1: rsync call: x\n" +
                     summary(2, "a", "b.raw") + end);
-    EXPECT_EQ(model.counts().files, 2U);
-    EXPECT_EQ(model.counts().cycles, 1U);
-    EXPECT_EQ(model.counts().processes, 1U);
-    EXPECT_EQ(model.counts().lost, 0U);
-    EXPECT_EQ(model.counts().withoutPipe, 0U);
-    EXPECT_EQ(model.counts().complaints, 5U);
+    EXPECT_EQ(model.account().counts.files, 2U);
+    EXPECT_EQ(model.account().counts.cycles, 1U);
+    EXPECT_EQ(model.account().counts.processes, 1U);
+    EXPECT_EQ(model.account().counts.lost, 0U);
+    EXPECT_EQ(model.account().counts.withoutPipe, 0U);
+    EXPECT_EQ(model.account().counts.complaints, 5U);
 }
 
 TEST(LogModel, TakesLinesInPiecesOfAnySize) {
@@ -139,8 +139,8 @@ TEST(LogModel, TakesLinesInPiecesOfAnySize) {
         model.takeLines(text.substr(begun, lineEnd - begun));
         begun = lineEnd;
     }
-    EXPECT_EQ(model.counts().files, 3U);
-    EXPECT_EQ(model.starts(), 1U);
+    EXPECT_EQ(model.account().counts.files, 3U);
+    EXPECT_EQ(model.account().starts, 1U);
 }
 
 TEST(LogModel, TakesASummaryOnlyInItsExactForm) {
@@ -159,9 +159,9 @@ TEST(LogModel, TakesASummaryOnlyInItsExactForm) {
         model.takeLines(begin);
         model.takeLines(line);
         model.takeLines(end);
-        EXPECT_EQ(model.counts().files, 0U) << line;
-        EXPECT_EQ(model.counts().complaints, 1U) << line;
-        EXPECT_EQ(model.counts().reports, 1U) << line;
+        EXPECT_EQ(model.account().counts.files, 0U) << line;
+        EXPECT_EQ(model.account().counts.complaints, 1U) << line;
+        EXPECT_EQ(model.account().counts.reports, 1U) << line;
     }
 }
 
@@ -169,18 +169,18 @@ TEST(LogModel, FindsTheSummaryBehindAnUnfinishedLine) {
     LogModel model = started({"1"});
     model.takeLines(calls("1", 2) + begin + "rsync: killed in the mid" + summary(4, "Copied", "y") +
                     end + begin + "nothing copied and cut o" + end);
-    EXPECT_EQ(model.counts().files, 4U);
-    EXPECT_EQ(model.counts().reports, 2U);
-    EXPECT_EQ(model.counts().complaints, 1U);
-    EXPECT_EQ(model.lastComplaint(), "nothing copied and cut o");
+    EXPECT_EQ(model.account().counts.files, 4U);
+    EXPECT_EQ(model.account().counts.reports, 2U);
+    EXPECT_EQ(model.account().counts.complaints, 1U);
+    EXPECT_EQ(model.account().lastComplaint, "nothing copied and cut o");
 }
 
 TEST(LogModel, CountsAnEmptyBlockAsAReport) {
     LogModel model = started({"1"});
     model.takeLines(calls("1", 1) + begin + end);
-    EXPECT_EQ(model.counts().reports, 1U);
-    EXPECT_EQ(model.counts().complaints, 0U);
-    EXPECT_EQ(model.counts().files, 0U);
+    EXPECT_EQ(model.account().counts.reports, 1U);
+    EXPECT_EQ(model.account().counts.complaints, 0U);
+    EXPECT_EQ(model.account().counts.files, 0U);
 }
 
 TEST(LogModel, CountsWhatGoesWrongWithTheHandoff) {
@@ -191,18 +191,18 @@ TEST(LogModel, CountsWhatGoesWrongWithTheHandoff) {
         "++ Error: Failed to pass  to VANTREL\n          Pipe to VANTREL has overflown\n" +
         "++ Warning: Path to \"" + std::string(900, 'x') + "\" is longer than 4096\n" +
         "            Atomicity of pipe operation is not guaranteed.\n");
-    EXPECT_EQ(model.counts().withoutPipe, 1U);
-    EXPECT_EQ(model.counts().failedHandoffs, 2U);
-    EXPECT_THAT(model.unannouncedNames(), testing::ElementsAre("", "a.raw"));
-    EXPECT_EQ(model.counts().longRecords, 1U);
-    EXPECT_EQ(model.counts().complaints, 0U);
+    EXPECT_EQ(model.account().counts.withoutPipe, 1U);
+    EXPECT_EQ(model.account().counts.failedHandoffs, 2U);
+    EXPECT_THAT(model.account().unannounced, testing::ElementsAre("", "a.raw"));
+    EXPECT_EQ(model.account().counts.longRecords, 1U);
+    EXPECT_EQ(model.account().counts.complaints, 0U);
 }
 
 TEST(LogModel, KeepsLittleOfWhatIsEndless) {
     LogModel model = started({"1"});
     model.takeLines(calls("1", 1) + begin + std::string(1 << 20, 'x') + "\n" + end);
-    EXPECT_LE(model.lastComplaint().size(), 1024U);
-    EXPECT_EQ(model.counts().complaints, 1U);
+    EXPECT_LE(model.account().lastComplaint.size(), 1024U);
+    EXPECT_EQ(model.account().counts.complaints, 1U);
 }
 
 TEST(LogModel, ShowsTheComplaintThatTellsTheCause) {
@@ -214,27 +214,27 @@ TEST(LogModel, ShowsTheComplaintThatTellsTheCause) {
                     "sent 75 bytes  received 2.31K bytes  4.77K bytes/sec\n" +
                     "total size is 2.00K  speedup is 0.84\n" +
                     "rsync error: error in file IO (code 11)\n" + summary(1) + end);
-    EXPECT_EQ(model.counts().complaints, 3U);
-    EXPECT_EQ(model.lastComplaint(),
+    EXPECT_EQ(model.account().counts.complaints, 3U);
+    EXPECT_EQ(model.account().lastComplaint,
               "rsync: [receiver] write failed on \"/x\": No space left on device (28)");
     model.takeLines(begin + "rsync error: timeout (code 30)\n" + end + begin + end);
-    EXPECT_EQ(model.lastComplaint(), "rsync error: timeout (code 30)");
+    EXPECT_EQ(model.account().lastComplaint, "rsync error: timeout (code 30)");
 }
 
 TEST(LogModel, KeepsTheNamesOfLostFilesUntilTheyCome) {
     LogModel model = started({"1"});
     model.takeLines(calls("1", 1) + "Error: Lost a.raw\nError: Lost b.raw\n" + block(1, "a.raw"));
-    EXPECT_EQ(model.counts().lost, 2U);
-    EXPECT_THAT(model.lostNames(), testing::ElementsAre("b.raw"));
+    EXPECT_EQ(model.account().counts.lost, 2U);
+    EXPECT_THAT(model.account().lost, testing::ElementsAre("b.raw"));
     model.takeLines("Error: Lost a b\nError: Lost b.raw\n"); // two words are no name
-    EXPECT_EQ(model.counts().lost, 3U);
-    EXPECT_THAT(model.lostNames(), testing::ElementsAre("b.raw"));
+    EXPECT_EQ(model.account().counts.lost, 3U);
+    EXPECT_THAT(model.account().lost, testing::ElementsAre("b.raw"));
     model.forgetLost("b.raw");
-    EXPECT_THAT(model.lostNames(), testing::IsEmpty());
+    EXPECT_THAT(model.account().lost, testing::IsEmpty());
     for (int i = 0; i < 100000; ++i) {
         model.takeLines("Error: Lost " + std::to_string(i) + "\n");
     }
-    EXPECT_LE(model.lostNames().size(), 4096U);
+    EXPECT_LE(model.account().lost.size(), 4096U);
 }
 
 TEST(LogModel, CountsWhatAWorkerCouldNotDo) {
@@ -243,21 +243,21 @@ TEST(LogModel, CountsWhatAWorkerCouldNotDo) {
                     call("2") + "2: Error: Could not fork subprocess\n          Too many open " +
                     "files\n" + call("2") + block(3) +
                     "2: Error: could not remove /tmp/file_list_1_2_0\n   No such file\n");
-    EXPECT_EQ(model.counts().failedListings, 1U);
-    EXPECT_EQ(model.counts().failedStarts, 1U);
-    EXPECT_EQ(model.counts().failedRemovals, 1U);
-    EXPECT_EQ(model.counts().files, 3U);
+    EXPECT_EQ(model.account().counts.failedListings, 1U);
+    EXPECT_EQ(model.account().counts.failedStarts, 1U);
+    EXPECT_EQ(model.account().counts.failedRemovals, 1U);
+    EXPECT_EQ(model.account().counts.files, 3U);
 }
 
 TEST(LogModel, EndsABlockThatItWasInWhenLinesWereMissed) {
     LogModel model = started({"1"});
     model.takeLines(calls("1", 1) + begin + "something\n");
     model.takeGap();
-    EXPECT_TRUE(model.hasGap());
+    EXPECT_TRUE(model.account().hasGap);
     model.takeLines(starting("1", 1));
-    EXPECT_EQ(model.counts().cycles, 2U);
+    EXPECT_EQ(model.account().counts.cycles, 2U);
     model.takeLines(banner({"1"}));
-    EXPECT_FALSE(model.hasGap());
+    EXPECT_FALSE(model.account().hasGap);
 }
 
 } // namespace
