@@ -3,20 +3,15 @@
 #include "control/configuration.h"
 
 #include "config/config_text.h"
-#include "daemon/global.h"
 #include "transfer/copy_command.h"
 #include "transfer/worker.h"
-#include "utilities/descriptors.h"
 #include "utilities/text.h"
 
-#include <cerrno>
-#include <cstring>
 #include <map>
 #include <memory>
 #include <sstream>
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace control {
@@ -29,14 +24,8 @@ public:
     using Worker::Worker;
 
     Detector detector() const {
-        Detector planned;
-        planned.id = detectorId;
-        planned.remoteIp = remoteIp;
-        planned.shareUrl = ::shareUrl(remoteIp, sourcePath);
-        planned.target = targetPath;
-        planned.minPause = minPause;
-        planned.interrunPause = interrunPause;
-        return planned;
+        const std::string url = ::shareUrl(remoteIp, sourcePath);
+        return {detectorId, remoteIp, url, targetPath, minPause, interrunPause};
     }
 };
 
@@ -47,18 +36,16 @@ Workers makeWorkers(const std::string& text) {
     int minPause = 0;
     int interrunPause = 0;
     for (const std::string& block : cutDetectorBlocks(text)) {
-        std::string id;
-        std::string remoteIp;
-        std::string source;
-        std::string target;
-        UTILITIES::readVar(block, "detectorID", id);
-        UTILITIES::readVar(block, "remoteIP", remoteIp);
-        UTILITIES::readVar(block, "source", source);
-        UTILITIES::readVar(block, "target", target);
+        const auto read = [&block](const char* key) {
+            std::string value;
+            UTILITIES::readVar(block, key, value);
+            return value;
+        };
+        const std::string id = read("detectorID");
         UTILITIES::readVar(block, "minpause", minPause);
         UTILITIES::readVar(block, "interrun_pause", interrunPause);
-        workers[id] =
-            std::make_unique<PlannedWorker>(id, remoteIp, source, target, minPause, interrunPause);
+        workers[id] = std::make_unique<PlannedWorker>(id, read("remoteIP"), read("source"),
+                                                      read("target"), minPause, interrunPause);
     }
     return workers;
 }
@@ -72,20 +59,15 @@ std::string applyStartOptions(const std::vector<std::string>& words, Configurati
         if (!isUser && option != "-d" && option != "--detector") {
             return "Unknown option " + option;
         }
-        std::vector<std::string> fields;
-        if (i + 1 < words.size()) {
-            fields = UTILITIES::splitWords(words[i + 1], ':');
+        const auto fields =
+            UTILITIES::splitWords(i + 1 < words.size() ? words[i + 1] : std::string(), ':');
+        if (fields.size() != (isUser ? 2 : 3)) {
+            return option + (isUser ? " needs UID:GID" : " needs DETECTOR_ID:SOURCE:TARGET");
         }
         if (isUser) {
-            if (fields.size() != 2) {
-                return option + " needs UID:GID";
-            }
             configuration.uid = fields[0];
             configuration.gid = fields[1];
             continue;
-        }
-        if (fields.size() != 3) {
-            return option + " needs DETECTOR_ID:SOURCE:TARGET";
         }
         const auto worker = workers.find(fields[0]);
         if (worker == workers.end()) {
@@ -106,16 +88,6 @@ void replaceFirst(std::string& text, const std::string& word, const std::string&
 
 } // namespace
 
-Configuration::Configuration()
-    : logFileName(GLOBAL::logFileName), logFileMaxSize(GLOBAL::logFileMaxSize),
-      logFileMaxNumber(GLOBAL::logFileMaxNumber), uid(GLOBAL::uid), gid(GLOBAL::gid),
-      usrdir(GLOBAL::usrdir) {
-}
-
-std::string Detector::destination() const {
-    return target + "/";
-}
-
 const std::vector<std::string>& configFilePaths() {
     static const std::vector<std::string> paths = {"/etc/skarn_orbelin.conf",
                                                    "/etc/skarn_orbelin/skarn_orbelin.conf"};
@@ -133,37 +105,16 @@ std::optional<std::string> findConfigFile() {
 }
 
 FileText readConfigFile(const std::string& path) {
-    const auto refuse = [&path](const std::string& reason) {
-        return FileText{std::nullopt, "cannot read " + path + ": " + reason};
-    };
-    const Descriptor place(open(path.c_str(), O_PATH | O_CLOEXEC));
-    struct stat status = {};
-    if (place.get() < 0 || fstat(place.get(), &status) != 0) {
-        return refuse(std::strerror(errno));
+    FileText file = readFile(path, largestConfigFile + 1);
+    if (file.text && file.text->size() > largestConfigFile) {
+        file.text.reset();
+        file.problem = "larger than " + std::to_string(largestConfigFile) +
+                       " bytes, which no configuration is";
     }
-    if (!S_ISREG(status.st_mode)) {
-        return refuse(S_ISDIR(status.st_mode) ? "it is a directory" : "not a regular file");
+    if (!file.text) {
+        file.problem = "cannot read " + path + ": " + file.problem;
     }
-    // The very file that was looked at. Some files of the kernel would block all the same.
-    const std::string opened = "/proc/self/fd/" + std::to_string(place.get());
-    const Descriptor file(open(opened.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-    if (file.get() < 0) {
-        return refuse(std::strerror(errno));
-    }
-    std::string text;
-    char part[65536];
-    ssize_t got = 0;
-    while ((got = read(file.get(), part, sizeof part)) > 0) {
-        text.append(part, static_cast<std::size_t>(got));
-        if (text.size() > largestConfigFile) {
-            return refuse("larger than " + std::to_string(largestConfigFile) +
-                          " bytes, which no configuration is");
-        }
-    }
-    if (got < 0) {
-        return refuse(std::strerror(errno));
-    }
-    return {std::move(text), {}};
+    return file;
 }
 
 LoadedConfiguration loadConfiguration(const std::string& path,

@@ -2,6 +2,9 @@
 // order.
 #pragma once
 
+#include "control/file.h"
+#include "daemon/global.h"
+
 #include <cstddef>
 #include <optional>
 #include <string>
@@ -19,19 +22,17 @@ struct Detector {
     int interrunPause = 0; // milliseconds
 
     /// The last argument of its copy processes.
-    std::string destination() const;
+    std::string destination() const { return target + "/"; }
 };
 
 /// The settings that a configuration file can make, with the daemon's defaults.
 struct Configuration {
-    Configuration();
-
-    std::string logFileName;
-    int logFileMaxSize;   // bytes; 0 rotates at once, a negative one never
-    int logFileMaxNumber; // of the highest archive
-    std::string uid;
-    std::string gid;
-    std::string usrdir; // $UID and $GID replaced
+    std::string logFileName = GLOBAL::logFileName;
+    int logFileMaxSize = GLOBAL::logFileMaxSize; // bytes; 0 rotates at once, a negative one never
+    int logFileMaxNumber = GLOBAL::logFileMaxNumber; // of the highest archive
+    std::string uid = GLOBAL::uid;
+    std::string gid = GLOBAL::gid;
+    std::string usrdir = GLOBAL::usrdir; // $UID and $GID replaced
 
     /// Those that are served, ascending by ID: of several with one ID, the last.
     std::vector<Detector> detectors;
@@ -44,15 +45,8 @@ std::optional<std::string> findConfigFile();
 /// The two places, in the order in which the daemon looks.
 const std::vector<std::string>& configFilePaths();
 
-/// Either the text of a file, or one sentence that says why there is none.
-struct FileText {
-    std::optional<std::string> text;
-    std::string problem;
-};
-
-/// Reads a configuration file as it stands. Whatever is not a regular file is refused without being
-/// opened, since that could block, or change what a device or a pipe does; so is one above
-/// `largestConfigFile`.
+/// Reads a configuration file as it stands, if it is a regular file up to `largestConfigFile`. Its
+/// problem, if any, is a whole sentence.
 FileText readConfigFile(const std::string& path);
 
 /// Bytes of a configuration file that are read at most. The daemon has no limit, but no

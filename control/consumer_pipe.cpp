@@ -1,19 +1,21 @@
 // Who reads the hand-off pipe, found out without touching it.
 #include "control/consumer_pipe.h"
 
+#include "control/file.h"
 #include "control/process.h"
 #include "daemon/global.h"
+#include "shares/files.h"
 #include "utilities/descriptors.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <climits>
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
+#include <iomanip>
 #include <sstream>
 #include <system_error>
+#include <utility>
 #include <vector>
 
 #include <fcntl.h>
@@ -26,27 +28,6 @@ namespace control {
 namespace {
 
 namespace fs = std::filesystem;
-
-/// What two names of one file have in common.
-struct FileIdentity {
-    unsigned major = 0;
-    unsigned minor = 0;
-    std::uint64_t inode = 0;
-
-    bool operator==(const FileIdentity& other) const {
-        return major == other.major && minor == other.minor && inode == other.inode;
-    }
-};
-
-/// Of the file that a path leads to, as far as the kernel knows it without asking a file server: a
-/// dead one must not stop the search.
-std::optional<FileIdentity> identify(const std::string& path) {
-    struct statx status = {};
-    if (statx(AT_FDCWD, path.c_str(), AT_STATX_DONT_SYNC, STATX_INO, &status) != 0) {
-        return std::nullopt;
-    }
-    return FileIdentity{status.stx_dev_major, status.stx_dev_minor, status.stx_ino};
-}
 
 /// The names in a folder; nothing if it may not be looked at. One that has gone is empty.
 std::optional<std::vector<std::string>> namesIn(const std::string& folder) {
@@ -65,14 +46,13 @@ std::optional<std::vector<std::string>> namesIn(const std::string& folder) {
 /// True if the process has no descriptors at all: the kernel's own, and those that have ended.
 /// Anybody may see that of any process, unless /proc hides the others.
 bool hasNoMemory(pid_t pid) {
-    std::ifstream file("/proc/" + std::to_string(pid) + "/cmdline", std::ios::binary);
-    return file.is_open() && file.get() == std::char_traits<char>::eof();
+    return !statusNumbers(pid, "Uid").empty() && statusNumbers(pid, "VmSize").empty();
 }
 
 /// The answer to whether a process reads a file.
 enum class Answer { no, yes, notAllowed };
 
-Answer holdsForReading(pid_t pid, const FileIdentity& pipe) {
+Answer holdsForReading(pid_t pid, const FileId& pipe) {
     const std::string process = "/proc/" + std::to_string(pid);
     const std::optional<std::vector<std::string>> descriptors = namesIn(process + "/fd");
     if (!descriptors) {
@@ -81,8 +61,8 @@ Answer holdsForReading(pid_t pid, const FileIdentity& pipe) {
     const std::string files = process + "/fd/";
     const std::string modes = process + "/fdinfo/";
     for (const std::string& descriptor : *descriptors) {
-        const std::optional<FileIdentity> file = identify(files + descriptor);
-        if (file && *file == pipe && isOpenForReading(readProcFile(modes + descriptor))) {
+        if (fileIdOf(files + descriptor) == pipe &&
+            isOpenForReading(readProcFile(modes + descriptor))) {
             return Answer::yes;
         }
     }
@@ -90,9 +70,8 @@ Answer holdsForReading(pid_t pid, const FileIdentity& pipe) {
 }
 
 /// The text, ended by a NUL, at an address in a process's memory; empty if there is none.
-std::string textAt(pid_t pid, std::uint64_t address) {
-    const Descriptor memory(
-        open(("/proc/" + std::to_string(pid) + "/mem").c_str(), O_RDONLY | O_CLOEXEC));
+std::string textAt(const std::string& process, std::uint64_t address) {
+    const Descriptor memory(open((process + "/mem").c_str(), O_RDONLY | O_CLOEXEC));
     std::array<char, PATH_MAX> text = {};
     // What lies behind the text may end with its page: then less is read than was asked for.
     const ssize_t got =
@@ -100,42 +79,52 @@ std::string textAt(pid_t pid, std::uint64_t address) {
     return got > 0 ? std::string(text.data()) : std::string();
 }
 
-/// Whether a process has asked to read the file and waits for a writer: it has no descriptor yet.
-Answer waitsForWriter(pid_t pid, const FileIdentity& pipe) {
-    const std::string process = "/proc/" + std::to_string(pid);
+std::string threadFile(const std::string& process, const std::string& thread, const char* name) {
+    return process + "/task/" + thread + "/" + name;
+}
+
+/// The pending calls of a process, with their threads. Nothing if it may not be looked at.
+std::optional<std::vector<std::pair<std::string, PendingCall>>>
+pendingCalls(const std::string& process) {
     const std::optional<std::vector<std::string>> threads = namesIn(process + "/task");
     if (!threads) {
+        return std::nullopt;
+    }
+    std::vector<std::pair<std::string, PendingCall>> found;
+    for (const std::string& thread : *threads) {
+        const auto text = confirming::readTextFile(threadFile(process, thread, "syscall"));
+        if (!text && (errno == EPERM || errno == EACCES)) {
+            return std::nullopt;
+        }
+        if (const auto pending = parsePendingCall(text.value_or(""))) {
+            found.emplace_back(thread, *pending);
+        }
+    }
+    return found;
+}
+
+/// Whether a process has asked to read the file and waits for a writer: it has no descriptor yet.
+/// Whoever it is no pipe for is not asked for the path: his memory may make its reader wait for
+/// ever.
+Answer waitsForWriter(pid_t pid, ReadRight right, const FileId& pipe) {
+    const std::string process = "/proc/" + std::to_string(pid);
+    const auto calls = pendingCalls(process);
+    if (!calls) {
         return Answer::notAllowed;
     }
-    for (const std::string& thread : *threads) {
-        std::string call = process;
-        call.append("/task/").append(thread).append("/syscall");
-        const Descriptor file(open(call.c_str(), O_RDONLY | O_CLOEXEC));
-        std::array<char, 256> text = {};
-        const ssize_t got = read(file.get(), text.data(), text.size());
-        if (got < 0) {
-            if (errno == EPERM || errno == EACCES) {
-                return Answer::notAllowed;
-            }
-            continue; // it has ended, or the kernel does not tell
-        }
-        const std::optional<PendingOpen> pending =
-            parsePendingOpen({text.data(), static_cast<std::size_t>(got)});
-        if (!pending) {
+    for (const auto& [thread, pending] : *calls) {
+        if (pending.kind != PendingCall::Kind::openToRead) {
             continue;
         }
-        const std::string name = textAt(pid, pending->pathAddress);
-        const bool isWhole = !name.empty() && name.front() == '/';
-        std::string path = process;
-        if (isWhole) {
-            path += "/root";
-        } else if (pending->folder == AT_FDCWD) {
-            path += "/cwd/";
-        } else {
-            path.append("/fd/").append(std::to_string(pending->folder)).append("/");
+        if (right != ReadRight::asItsOwn) {
+            return Answer::notAllowed;
         }
-        const std::optional<FileIdentity> found = identify(path + name);
-        if (!name.empty() && found && *found == pipe) {
+        const std::string name = textAt(process, pending.pathAddress);
+        const std::string place = !name.empty() && name.front() == '/' ? "/root"
+                                  : pending.descriptor == AT_FDCWD
+                                      ? "/cwd/"
+                                      : "/fd/" + std::to_string(pending.descriptor) + "/";
+        if (!name.empty() && fileIdOf(std::string(process).append(place).append(name)) == pipe) {
             return Answer::yes;
         }
     }
@@ -145,62 +134,86 @@ Answer waitsForWriter(pid_t pid, const FileIdentity& pipe) {
 } // namespace
 
 bool isOpenForReading(std::string_view fdinfo) {
-    constexpr std::string_view key = "flags:";
-    std::istringstream lines{std::string(fdinfo)};
-    std::string line;
-    while (std::getline(lines, line)) {
-        if (line.compare(0, key.size(), key) != 0) {
-            continue;
-        }
-        const std::string digits = line.substr(key.size());
-        char* end = nullptr;
-        const unsigned long flags = std::strtoul(digits.c_str(), &end, 8);
-        const unsigned long access = flags & O_ACCMODE;
-        // One that was opened as a mere place shows the same access as one for reading.
-        return end != digits.c_str() && (flags & O_PATH) == 0 &&
-               (access == O_RDONLY || access == O_RDWR);
+    const std::vector<std::uint64_t> flags = statusNumbers(fdinfo, "flags", 8);
+    if (flags.empty() || (flags.front() & O_PATH) != 0) {
+        return false; // one that was opened as a mere place shows the same access as for reading
     }
-    return false;
+    const std::uint64_t access = flags.front() & O_ACCMODE;
+    return access == O_RDONLY || access == O_RDWR;
 }
 
-std::optional<PendingOpen> parsePendingOpen(std::string_view text) {
+ReadRight readRight(std::string_view status, uid_t owner, gid_t group, mode_t mode) {
+    // Real, effective, saved and for file systems: whichever it could take on.
+    const std::vector<std::uint64_t> users = statusNumbers(status, "Uid");
+    if (users.empty() || std::any_of(users.begin(), users.end(), [owner](std::uint64_t user) {
+            return user == 0 || user == owner;
+        })) {
+        return ReadRight::asItsOwn;
+    }
+    std::vector<std::uint64_t> groups = statusNumbers(status, "Gid");
+    const std::vector<std::uint64_t> more = statusNumbers(status, "Groups");
+    groups.insert(groups.end(), more.begin(), more.end());
+    if ((mode & S_IRGRP) != 0 && std::find(groups.begin(), groups.end(), group) != groups.end()) {
+        return ReadRight::asItsOwn;
+    }
+    return (mode & S_IROTH) != 0 ? ReadRight::asAnybody : ReadRight::none;
+}
+
+std::optional<PendingCall> parsePendingCall(std::string_view text) {
     // NUMBER ARGUMENT1 ... ARGUMENT6 STACK PROGRAM, or "running".
     std::istringstream words{std::string(text)};
     long number = -1;
-    std::array<std::string, 6> arguments;
-    words >> number;
-    for (std::string& argument : arguments) {
+    std::array<std::uint64_t, 6> arguments{};
+    words >> number >> std::hex;
+    for (std::uint64_t& argument : arguments) {
         words >> argument;
     }
     if (!words) {
         return std::nullopt;
     }
-    const auto value = [&arguments](std::size_t index) {
-        return static_cast<std::uint64_t>(std::strtoull(arguments[index].c_str(), nullptr, 16));
-    };
-    PendingOpen pending;
-    std::uint64_t flags = 0;
-    if (number == SYS_openat) {
-        pending.folder = static_cast<int>(static_cast<std::uint32_t>(value(0)));
-        pending.pathAddress = value(1);
-        flags = value(2);
 #ifdef SYS_open // the newer machines have no such call
-    } else if (number == SYS_open) {
-        pending.folder = AT_FDCWD;
-        pending.pathAddress = value(0);
-        flags = value(1);
+    if (number == SYS_open) {
+        number = SYS_openat;
+        arguments = {static_cast<std::uint64_t>(AT_FDCWD), arguments[0], arguments[1]};
+    }
 #endif
-    } else {
-        return std::nullopt;
+    using Kind = PendingCall::Kind;
+    const auto descriptor = static_cast<int>(static_cast<std::uint32_t>(arguments[0]));
+    if (number == SYS_write) {
+        return PendingCall{Kind::write, descriptor, 0};
     }
-    if ((flags & O_ACCMODE) == O_WRONLY) {
-        return std::nullopt;
+    if (number == SYS_openat) {
+        const bool writes = (arguments[2] & O_ACCMODE) == O_WRONLY;
+        return PendingCall{writes ? Kind::openToWrite : Kind::openToRead, descriptor, arguments[1]};
     }
-    return pending;
+    return std::nullopt;
 }
 
-PipeSnapshot lookAtConsumerPipe() {
-    return lookAtConsumerPipe(GLOBAL::pathToVantrelFifo);
+std::optional<std::vector<PipeWait>> findPipeWaits(pid_t daemon) {
+    const std::string process = "/proc/" + std::to_string(daemon);
+    const auto calls = pendingCalls(process);
+    if (!calls) {
+        return std::nullopt;
+    }
+    std::vector<PipeWait> waits;
+    for (const auto& [thread, pending] : *calls) {
+        const bool opens = pending.kind == PendingCall::Kind::openToWrite;
+        struct statx status = {};
+        const std::string file = process + "/fd/" + std::to_string(pending.descriptor);
+        // It writes into no other pipe.
+        const bool writes =
+            pending.kind == PendingCall::Kind::write &&
+            statx(AT_FDCWD, file.c_str(), AT_STATX_DONT_SYNC, STATX_TYPE, &status) == 0 &&
+            S_ISFIFO(status.stx_mode);
+        if (!writes &&
+            !(opens && textAt(process, pending.pathAddress) == GLOBAL::pathToVantrelFifo)) {
+            continue;
+        }
+        const std::vector<std::uint64_t> switches = statusNumbers(
+            readProcFile(threadFile(process, thread, "status")), "voluntary_ctxt_switches");
+        waits.push_back({std::stoi(thread), opens, switches.empty() ? 0 : switches.front()});
+    }
+    return waits;
 }
 
 PipeSnapshot lookAtConsumerPipe(const std::string& path) {
@@ -216,29 +229,30 @@ PipeSnapshot lookAtConsumerPipe(const std::string& path) {
         snapshot.state = PipeSnapshot::State::notAPipe;
         return snapshot;
     }
-    const std::optional<FileIdentity> pipe = identify(path);
-    if (!pipe) {
-        snapshot.state = PipeSnapshot::State::unknown;
-        return snapshot;
-    }
-
+    const FileId pipe{status.st_dev, status.st_ino};
     const std::vector<pid_t> processes = allProcesses();
+    std::vector<std::pair<pid_t, ReadRight>> candidates;
+    for (const pid_t pid : processes) {
+        const std::string process = readProcFile("/proc/" + std::to_string(pid) + "/status");
+        const ReadRight right = readRight(process, status.st_uid, status.st_gid, status.st_mode);
+        if (right != ReadRight::none) {
+            candidates.emplace_back(pid, right);
+        }
+    }
     // The first process is always there; unless it is hidden, and others are too.
     bool allSeen = !processes.empty() && processes.front() == 1;
-    for (const auto& isReader : {holdsForReading, waitsForWriter}) {
-        for (const pid_t pid : processes) {
-            const Answer answer = isReader(pid, *pipe);
-            if (answer == Answer::notAllowed && !hasNoMemory(pid)) {
-                allSeen = false;
-            }
+    // The second, dearer question is for a pipe that nobody seems to read.
+    for (const bool waits : {false, true}) {
+        for (const auto& [pid, right] : candidates) {
+            const Answer answer =
+                waits ? waitsForWriter(pid, right, pipe) : holdsForReading(pid, pipe);
+            allSeen = allSeen && (answer != Answer::notAllowed || hasNoMemory(pid));
             if (answer == Answer::yes) {
-                const std::optional<Process> process = readProcess(pid);
-                snapshot.readers.push_back((process ? process->name : "?") + " (" +
+                snapshot.readers.push_back(readProcess(pid).value_or(Process()).name + " (" +
                                            std::to_string(pid) + ")");
             }
         }
         if (!snapshot.readers.empty()) {
-            // The second, dearer question is for a pipe that nobody seems to read.
             snapshot.state = PipeSnapshot::State::read;
             return snapshot;
         }

@@ -1,8 +1,5 @@
 // skarnctl: the command line, and the way to the subcommand that it names.
-#include "control/check/check_command.h"
 #include "control/command.h"
-#include "control/metrics/metrics_command.h"
-#include "control/observe/watch_command.h"
 #include "control/service/service_commands.h"
 #include "daemon/daemon.h"
 #include "daemon/global.h"
@@ -36,9 +33,12 @@ int run(int argc, char** argv) {
 
     int exitStatus = control::succeeded;
     control::addServiceCommands(app, common, exitStatus);
-    control::addCheckCommand(app, common, exitStatus);
+    control::addCheckCommand(app, exitStatus);
     control::addWatchCommand(app, common, exitStatus);
     control::addMetricsCommand(app, common, exitStatus);
+    control::addEventsCommand(app, exitStatus);
+    control::addUnannouncedCommand(app, common, exitStatus);
+    control::addLogCommand(app, common, exitStatus);
 
     const int end = control::firstStartOption(argc, argv);
     common.startOptions.assign(argv + end, argv + argc);

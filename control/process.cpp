@@ -1,17 +1,16 @@
 // What the kernel tells of one process in /proc.
 #include "control/process.h"
 
+#include "shares/files.h"
+
 #include <algorithm>
-#include <array>
-#include <charconv>
 #include <ctime>
 #include <filesystem>
-#include <fstream>
+#include <iomanip>
 #include <iterator>
 #include <sstream>
 #include <system_error>
 
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace control {
@@ -24,23 +23,15 @@ std::string folderOf(pid_t pid) {
     return "/proc/" + std::to_string(pid);
 }
 
-/// The number that is the whole of a text; 0 if it is none.
-pid_t asPid(const std::string& text) {
-    pid_t pid = 0;
-    const char* const end = text.data() + text.size();
-    const auto read = std::from_chars(text.data(), end, pid);
-    return read.ec == std::errc() && read.ptr == end && pid > 0 ? pid : 0;
-}
-
 /// The entries of a folder of /proc whose names are numbers, ascending.
 std::vector<pid_t> numbersIn(const std::string& folder) {
     std::vector<pid_t> numbers;
     std::error_code error;
     for (fs::directory_iterator entry(folder, error), end; !error && entry != end;
          entry.increment(error)) {
-        const pid_t number = asPid(entry->path().filename().string());
-        if (number != 0) {
-            numbers.push_back(number);
+        const std::string name = entry->path().filename().string();
+        if (const auto number = wholeNumber<pid_t>(name)) {
+            numbers.push_back(*number);
         }
     }
     std::sort(numbers.begin(), numbers.end());
@@ -50,27 +41,19 @@ std::vector<pid_t> numbersIn(const std::string& folder) {
 } // namespace
 
 std::string readProcFile(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    std::string text;
-    std::array<char, 4096> block{};
-    // Not by the iterators of the buffer: they throw when the process ends in the middle of it.
-    while (file.read(block.data(), block.size()) || file.gcount() > 0) {
-        text.append(block.data(), static_cast<std::size_t>(file.gcount()));
-    }
-    return text;
+    return confirming::readTextFile(path).value_or("");
 }
 
 std::optional<Process> parseProcess(std::string_view text) {
-    // PID (NAME) STATE and then numbers; the name may hold parentheses and blanks of its own.
+    // PID (NAME) STATE PARENT GROUP SESSION, and the start as the 22nd.
     const std::size_t open = text.find(" (");
     const std::size_t close = text.rfind(") ");
     if (open == std::string_view::npos || close == std::string_view::npos || close < open) {
         return std::nullopt;
     }
     Process process;
-    process.pid = asPid(std::string(text.substr(0, open)));
+    process.pid = wholeNumber<pid_t>(text.substr(0, open)).value_or(0);
     process.name = text.substr(open + 2, close - open - 2);
-
     std::istringstream fields{std::string(text.substr(close + 2))};
     fields >> process.state >> process.parent >> process.group >> process.session;
     std::string skipped;
@@ -78,10 +61,8 @@ std::optional<Process> parseProcess(std::string_view text) {
         fields >> skipped;
     }
     fields >> process.startTicks;
-    if (!fields || process.pid == 0) {
-        return std::nullopt;
-    }
-    return process;
+    const bool isWhole = fields && process.pid > 0;
+    return isWhole ? std::optional(process) : std::nullopt;
 }
 
 std::optional<Process> readProcess(pid_t pid) {
@@ -92,19 +73,18 @@ bool isRunning(const Process& process) {
     return process.state != 'Z' && process.state != 'X';
 }
 
+double secondsOf(clockid_t clock) {
+    timespec time = {};
+    clock_gettime(clock, &time);
+    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
+}
+
+double sinceBoot(const Process& process) {
+    return static_cast<double>(process.startTicks) / static_cast<double>(sysconf(_SC_CLK_TCK));
+}
+
 double startTime(const Process& process) {
-    timespec now = {};
-    timespec sinceBoot = {};
-    const long ticksPerSecond = sysconf(_SC_CLK_TCK);
-    if (clock_gettime(CLOCK_REALTIME, &now) != 0 ||
-        clock_gettime(CLOCK_BOOTTIME, &sinceBoot) != 0 || ticksPerSecond <= 0) {
-        return -1;
-    }
-    const auto seconds = [](const timespec& time) {
-        return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
-    };
-    return seconds(now) - seconds(sinceBoot) +
-           static_cast<double>(process.startTicks) / static_cast<double>(ticksPerSecond);
+    return secondsOf(CLOCK_REALTIME) - secondsOf(CLOCK_BOOTTIME) + sinceBoot(process);
 }
 
 std::vector<std::string> commandLine(pid_t pid) {
@@ -123,57 +103,44 @@ std::string executable(pid_t pid) {
     return error ? std::string() : path.string();
 }
 
-std::optional<FileId> fileIdOf(const std::string& path) {
-    struct stat status = {};
-    if (stat(path.c_str(), &status) != 0) {
-        return std::nullopt;
+std::vector<std::uint64_t> statusNumbers(std::string_view status, std::string_view key, int base) {
+    const std::string lines = "\n" + std::string(status);
+    const std::string mark = "\n" + std::string(key) + ":";
+    const std::size_t found = lines.find(mark);
+    if (found == std::string::npos) {
+        return {};
     }
-    return FileId{status.st_dev, status.st_ino};
+    const std::size_t begin = found + mark.size();
+    std::istringstream words(lines.substr(begin, lines.find('\n', begin) - begin));
+    words >> std::setbase(base);
+    return {std::istream_iterator<std::uint64_t>(words), {}};
 }
 
-std::optional<double> modificationTime(const std::string& path) {
-    struct stat status = {};
-    if (lstat(path.c_str(), &status) != 0) {
-        return std::nullopt;
-    }
-    return static_cast<double>(status.st_mtim.tv_sec) +
-           static_cast<double>(status.st_mtim.tv_nsec) / 1e9;
+std::vector<std::uint64_t> statusNumbers(pid_t pid, std::string_view key, int base) {
+    return statusNumbers(readProcFile(folderOf(pid) + "/status"), key, base);
 }
 
 std::optional<uid_t> userOf(pid_t pid) {
-    // The owner of the folder would be root for a process that may not be dumped.
-    std::istringstream text(readProcFile(folderOf(pid) + "/status"));
-    std::string line;
-    while (std::getline(text, line)) {
-        uid_t real = 0;
-        uid_t effective = 0;
-        std::string key;
-        std::istringstream fields(line);
-        if (fields >> key >> real >> effective && key == "Uid:") {
-            return effective;
-        }
-    }
-    return std::nullopt;
+    // The owner of its folder would be root for a process that may not be dumped.
+    const std::vector<std::uint64_t> users = statusNumbers(pid, "Uid");
+    return users.size() < 2 ? std::nullopt : std::optional<uid_t>(static_cast<uid_t>(users[1]));
 }
 
 bool sharesPidNamespace(pid_t pid) {
-    const std::optional<FileId> theirs = fileIdOf(folderOf(pid) + "/ns/pid");
-    return !theirs || theirs == fileIdOf("/proc/self/ns/pid");
+    // In a namespace below this one it has a number there, too.
+    return statusNumbers(pid, "NSpid").size() <= 1;
 }
 
-int threadCount(pid_t pid) {
-    return static_cast<int>(numbersIn(folderOf(pid) + "/task").size());
+std::vector<pid_t> threadsOf(pid_t pid) {
+    return numbersIn(folderOf(pid) + "/task");
 }
 
 std::string threadStates(pid_t pid) {
-    const std::string threads = folderOf(pid) + "/task";
+    const std::string threads = folderOf(pid) + "/task/";
     std::string states;
-    for (const pid_t thread : numbersIn(threads)) {
-        const std::optional<Process> state =
-            parseProcess(readProcFile(threads + "/" + std::to_string(thread) + "/stat"));
-        if (state) {
-            states += state->state;
-        }
+    for (const pid_t thread : threadsOf(pid)) {
+        const auto state = parseProcess(readProcFile(threads + std::to_string(thread) + "/stat"));
+        states += state ? std::string(1, state->state) : "";
     }
     return states;
 }
@@ -185,7 +152,7 @@ std::vector<pid_t> allProcesses() {
 std::vector<pid_t> childrenOf(pid_t pid) {
     std::vector<pid_t> children;
     const std::string threads = folderOf(pid) + "/task";
-    for (const pid_t thread : numbersIn(threads)) {
+    for (const pid_t thread : threadsOf(pid)) {
         std::istringstream text(readProcFile(threads + "/" + std::to_string(thread) + "/children"));
         children.insert(children.end(), std::istream_iterator<pid_t>(text), {});
     }

@@ -1,10 +1,15 @@
 // What the kernel tells of one process in /proc.
 #pragma once
 
+#include "control/file.h"
+
+#include <charconv>
 #include <cstdint>
+#include <ctime>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <system_error>
 #include <vector>
 
 #include <sys/types.h>
@@ -23,12 +28,21 @@ struct Process {
     std::string name;             // of the program, at most 15 bytes
 };
 
+/// The decimal number above 0 that is the whole of a text, without a sign or a leading zero.
+template<typename Number>
+std::optional<Number> wholeNumber(std::string_view text) {
+    Number number = 0;
+    const char* const end = text.data() + text.size();
+    const auto read = std::from_chars(text.data(), end, number);
+    const bool isWhole = read.ec == std::errc() && read.ptr == end && number > 0;
+    return isWhole && text.front() != '0' ? std::optional(number) : std::nullopt;
+}
+
 /// Reads the text of /proc/PID/stat. Nothing if it is not in the kernel's form. The program's name,
 /// which may hold any byte, does not mislead it.
 std::optional<Process> parseProcess(std::string_view text);
 
-/// The text of a file in /proc; empty when it can't be read, cut off when its process ends in the
-/// middle of it.
+/// The text of a file in /proc; empty when it can't be read.
 std::string readProcFile(const std::string& path);
 
 /// The process that has this number now; nothing if there is none. One that has ended and was not
@@ -38,9 +52,22 @@ std::optional<Process> readProcess(pid_t pid);
 /// True unless it has ended.
 bool isRunning(const Process& process);
 
-/// Seconds since 1970 by the system's present clock, with fractions: a clock that was set since
-/// shifts them. Negative when the system does not tell.
+/// What a clock shows, in seconds.
+double secondsOf(clockid_t clock);
+
+/// When it was started, in seconds since the boot.
+double sinceBoot(const Process& process);
+
+/// The same in seconds since 1970 by the system's present clock: one that was set since shifts it.
 double startTime(const Process& process);
+
+/// The numbers behind a key, such as "Uid", of the text of a /proc/PID/status file; empty if there
+/// is no such key.
+std::vector<std::uint64_t> statusNumbers(std::string_view status, std::string_view key,
+                                         int base = 10);
+
+/// The same of a process. Nobody's memory is read for it.
+std::vector<std::uint64_t> statusNumbers(pid_t pid, std::string_view key, int base = 10);
 
 /// The words of its command line; empty for a kernel thread, one that has ended, or one that may
 /// not be looked at.
@@ -50,34 +77,18 @@ std::vector<std::string> commandLine(pid_t pid);
 /// replaced or removed since. Empty when it may not be looked at.
 std::string executable(pid_t pid);
 
-/// Which file something is, whatever it is called.
-struct FileId {
-    dev_t device = 0;
-    ino_t number = 0;
-
-    bool operator==(const FileId& other) const {
-        return device == other.device && number == other.number;
-    }
-};
-
-/// Of the file at this path, symbolic links followed; nothing when there is none or it may not be
-/// looked at. "/proc/812/exe" gives the file that a process runs, also when that was removed.
-std::optional<FileId> fileIdOf(const std::string& path);
-
-/// When a file was last written to, in seconds since 1970; of a symbolic link, the link itself.
-std::optional<double> modificationTime(const std::string& path);
-
 /// The user that the process runs as; nothing if there is none of this number.
 std::optional<uid_t> userOf(pid_t pid);
 
 /// False if the process is known to live in another pid namespace than this one: a container's.
 bool sharesPidNamespace(pid_t pid);
 
-/// How many threads it has; 0 if there is no such process.
-int threadCount(pid_t pid);
-
-/// Where each of its threads stands, as in Process::state; empty if there is no such process.
+/// Where each of its threads stands, as in Process::state, one letter for each; empty if there is
+/// no such process.
 std::string threadStates(pid_t pid);
+
+/// The numbers of the threads of a process, ascending.
+std::vector<pid_t> threadsOf(pid_t pid);
 
 /// The numbers of all processes, ascending.
 std::vector<pid_t> allProcesses();

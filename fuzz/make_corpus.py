@@ -163,15 +163,15 @@ def seeds() -> dict[str, dict[str, str | bytes]]:
             "latin": b"\xe9\xff\\#\xe9",
         },
         "log_model": {
-            "cycle": "\1" + BANNER + SETTINGS + cycle("1", 2) + block("receiving x", COPIED)
+            "cycle": BANNER + SETTINGS + cycle("1", 2) + block("receiving x", COPIED)
             + "Error: Lost c\n" + block(COPIED) + "1: Removed file /tmp/f\n",
-            "two": "\2" + BANNER + cycle("1", 1) + cycle("11", 1) + block(COPIED)
+            "two": BANNER + cycle("1", 1) + cycle("11", 1) + block(COPIED)
             + "11: Removed file f\n" + block(COPIED) + "1: Error: could not remove f\n   no\n",
-            "failures": "\3" + cycle("1", 1) + "1: Error: Could not fork subprocess\n  no\n"
+            "failures": cycle("1", 1) + "1: Error: Could not fork subprocess\n  no\n"
             + "++ Warning: No pipe to VANTREL\n++ Error: Failed to pass a to VANTREL\n"
             + '++ Warning: Path to "a" is longer than 4096\n1: Error: Listing failed\n',
-            "nested": "\2" + block("++ RSYNC OUTPUT BEGIN ++++++++++++++++++", BANNER, COPIED),
-            "gap": ("\2" + cycle("1", 1)).encode() + b"\xff\n" + block("x" + COPIED).encode(),
+            "nested": block("++ RSYNC OUTPUT BEGIN ++++++++++++++++++", BANNER, COPIED),
+            "gap": (cycle("1", 1)).encode() + b"\xff\n" + block("x" + COPIED).encode(),
         },
         "relay_record": {
             "lines": "/data/1/./run1/f.cbf\nusershift: 1 2\nrun: 7\nother\n",

@@ -10,7 +10,7 @@ set -euo pipefail
 # The daemon and the copy program themselves need no more than these (ninja is what the presets build with).
 build=(cmake g++ ninja-build)
 # What skarnctl is built with, beside these.
-control=(libcli11-dev libncurses-dev nlohmann-json3-dev prometheus-cpp-dev)
+control=(libcli11-dev libncurses-dev libsystemd-dev nlohmann-json3-dev)
 # What skarn-relay is built with.
 relay=(libcli11-dev libcpp-httplib-dev libsqlite3-dev libsqlitecpp-dev libsystemd-dev libtomlplusplus-dev nlohmann-json3-dev pkgconf)
 # The sandbox (mount, unshare, ip), the other end of the transfers, and what drives them.

@@ -68,7 +68,7 @@ bool UTILITIES::parseSizeVar(const std::string& text, const std::string& key, in
     return true;
 }
 
-bool UTILITIES::stringBegin(const std::string& text, const std::string& prefix) {
+bool UTILITIES::stringBegin(std::string_view text, std::string_view prefix) {
     return text.compare(0, prefix.size(), prefix) == 0;
 }
 

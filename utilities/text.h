@@ -43,7 +43,7 @@ bool readVar(const std::string& text, const std::string& key, T& variable) {
 bool parseSizeVar(const std::string& text, const std::string& key, int& variable);
 
 /// True when `text` begins with `prefix`, byte for byte.
-bool stringBegin(const std::string& text, const std::string& prefix);
+bool stringBegin(std::string_view text, std::string_view prefix);
 
 /// White space as the C locale has it, whatever the locale is.
 constexpr bool isSpace(char character) {

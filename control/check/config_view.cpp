@@ -5,184 +5,160 @@
 #include "utilities/text.h"
 
 #include <algorithm>
-#include <map>
 #include <sstream>
 
 namespace control {
 
 namespace {
 
-bool contains(const std::vector<std::string>& words, std::string_view word) {
-    return std::find(words.begin(), words.end(), word) != words.end();
+/// The last of some that begin at a place or before it; null if there is none.
+template<class Part>
+const Part* lastBefore(const std::vector<Part>& parts, std::size_t Part::*begin,
+                       std::size_t place) {
+    const auto behind =
+        std::upper_bound(parts.begin(), parts.end(), place,
+                         [begin](std::size_t at, const Part& part) { return at < part.*begin; });
+    return behind == parts.begin() ? nullptr : &*std::prev(behind);
 }
 
-/// What the daemon keeps of one line; nothing if it drops the line, or can't read it.
-std::optional<std::string> keptText(const std::string& line) {
-    std::istringstream stream(line);
-    const std::string text = readConfigText(stream);
-    if (text.size() < 2) {
-        return std::nullopt;
+/// What the daemon's own lookup makes of a key; nothing if it would leave what was there.
+std::optional<std::string> takenBy(const Key& key, const std::string& text) {
+    if (!key.isNumber()) {
+        std::string word = " "; // which no word is
+        UTILITIES::readVar(text, key.name, word);
+        return word == " " ? std::nullopt : std::optional<std::string>(word);
     }
-    return text.substr(1, text.size() - 2);
-}
-
-/// Whether the daemon's reader takes a line of this length.
-bool fits(const std::string& line) {
-    // An empty line would be dropped for being empty.
-    std::istringstream stream(std::string(std::max<std::size_t>(line.size(), 1), 'x'));
-    return !readConfigText(stream).empty();
+    // What is left alone is left at both.
+    int first = 0;
+    int second = 1;
+    for (int* const number : {&first, &second}) {
+        if (key.kind == Key::Kind::number) {
+            UTILITIES::readVar(text, key.name, *number);
+        } else if (UTILITIES::findValue(text, key.name) != std::string::npos) {
+            UTILITIES::parseSizeVar(text, key.name, *number);
+        }
+    }
+    return first == second ? std::optional<std::string>(std::to_string(first)) : std::nullopt;
 }
 
 } // namespace
 
-const std::vector<std::string>& settingKeys() {
-    static const std::vector<std::string> keys = {
-        "logfile", "logfile_max_number", "logfile_max_size", "uid", "gid", "usrdir"};
+const std::vector<Key>& allKeys() {
+    using Kind = Key::Kind;
+    static const std::vector<Key> keys = {
+        {"logfile", Kind::path, false, false, "a whole path"},
+        {"logfile_max_number", Kind::number, false, false, "a whole number, 1000 at most"},
+        {"logfile_max_size", Kind::size, false, false, "a number below 2G, such as 10M"},
+        {"uid", Kind::word, false, true, "a user, as one word"},
+        {"gid", Kind::word, false, true, "a group, as one word"},
+        {"usrdir", Kind::path, false, true, "a path with one $UID and one $GID at most"},
+        {"detectorID", Kind::word, true, false, "one word"},
+        {"remoteIP", Kind::word, true, true, "the detector's address or name alone"},
+        {"source", Kind::path, true, true, "a folder of the share, without \"..\""},
+        {"target", Kind::path, true, true, "a whole path"},
+        {"minpause", Kind::number, true, false, "milliseconds, up to 2147483647"},
+        {"interrun_pause", Kind::number, true, false, "milliseconds, up to 2147483647"},
+    };
     return keys;
 }
 
-const std::vector<std::string>& detectorKeys() {
-    static const std::vector<std::string> keys = {"detectorID", "remoteIP", "source",
-                                                  "target",     "minpause", "interrun_pause"};
-    return keys;
+std::string_view trimmed(std::string_view text) {
+    constexpr std::string_view whiteSpace = " \t\n\v\f\r";
+    text.remove_prefix(std::min(text.find_first_not_of(whiteSpace), text.size()));
+    return text.substr(0, text.find_last_not_of(whiteSpace) + 1);
 }
 
-bool isSettingKey(std::string_view word) {
-    return contains(settingKeys(), word);
+const KeyUse* KeyUses::lookUp(const std::string& key) const {
+    const auto found = find(key);
+    return found == end() ? nullptr : &found->second;
 }
 
-bool isDetectorKey(std::string_view word) {
-    return contains(detectorKeys(), word);
-}
-
-std::optional<int> readNumber(const std::string& scope) {
-    // What is left alone is left at both.
-    int first = 0;
-    int second = 1;
-    UTILITIES::readVar("x " + scope, "x", first);
-    UTILITIES::readVar("x " + scope, "x", second);
-    return first == second ? std::optional<int>(first) : std::nullopt;
+std::string KeyUses::valueOf(const std::string& key) const {
+    const KeyUse* const use = lookUp(key);
+    return use == nullptr ? "" : use->taken.value_or("");
 }
 
 ConfigView::ConfigView(const std::string& file) {
-    readLines(file);
-    settingUses = findAll(settingKeys(), wholeText, 0);
-    readBlocks();
-    readPauses();
-}
-
-void ConfigView::readLines(const std::string& file) {
     std::istringstream stream(file);
     std::string line;
     for (int number = 1; std::getline(stream, line); ++number) {
-        if (readingCut) {
-            readingCut->ignored.push_back(line);
+        if (cutLine > 0) {
+            ++ignoredLines;
             continue;
         }
-        if (!fits(line)) {
-            readingCut = Cut{number, line.size(), {}};
+        // Whether the daemon goes on behind the line shows a second one.
+        constexpr std::string_view second = "\nx ";
+        std::istringstream two(line + "\nx");
+        const std::string kept = readConfigText(two);
+        if (kept.size() < second.size()) {
+            cutLine = number;
+            cutLength = line.size();
             continue;
         }
-        if (line.find('\0') != std::string::npos && nulLines++ == 0) {
-            firstNulLine = number;
+        if (line.find('\0') != std::string::npos && nulLine == 0) {
+            nulLine = number;
         }
-        if (const std::optional<std::string> kept = keptText(line)) {
-            keptLines.push_back({number, *kept, wholeText.size() + 1});
-            wholeText += "\n" + *kept + " ";
+        if (kept.size() > second.size()) {
+            const std::string one = kept.substr(0, kept.size() - second.size());
+            lines.push_back({number, one.substr(1, one.size() - 2), text.size() + 1});
+            text += one;
         }
     }
+    settings = findAll(false, text, 0);
+    readBlocks();
 }
 
 void ConfigView::readBlocks() {
-    std::map<std::string, std::size_t> last;
-    for (const std::string& block : cutDetectorBlocks(wholeText)) {
-        ConfigBlock found;
+    std::map<std::string, Pause> pauses = {{"minpause", {}}, {"interrun_pause", {}}};
+    std::size_t end = std::string::npos;
+    for (const std::string& piece : cutDetectorBlocks(text)) {
+        ConfigBlock block;
         // The blocks join without a gap, from the first one to the end of the text.
-        found.begin = allBlocks.empty() ? wholeText.find(block) : allBlocks.back().end;
-        found.end = found.begin + block.size();
-        found.text = block;
-        found.line = lineAt(found.begin);
-        found.insideLine = found.begin > 0 && wholeText[found.begin - 1] != '\n';
-        UTILITIES::readVar(block, "detectorID", found.id);
-        found.uses = findAll(detectorKeys(), block, found.begin);
-        const auto [earlier, isNew] = last.try_emplace(found.id, allBlocks.size());
+        block.begin = blocks.empty() ? text.find(piece) : end;
+        end = block.begin + piece.size();
+        block.line = lineAt(block.begin);
+        block.uses = findAll(true, piece, block.begin);
+        block.id = block.uses.valueOf("detectorID");
+        for (auto& [key, pause] : pauses) {
+            if (const KeyUse* const use = block.uses.lookUp(key); use != nullptr && use->taken) {
+                pause = {std::stoi(*use->taken), use->line, block.id};
+            }
+        }
+        block.pauses = pauses;
+        const auto [earlier, isNew] = served.try_emplace(block.id, blocks.size());
         if (!isNew) {
-            allBlocks[earlier->second].served = false;
-            earlier->second = allBlocks.size();
+            blocks[earlier->second].served = false;
+            earlier->second = blocks.size();
         }
-        allBlocks.push_back(std::move(found));
-    }
-}
-
-void ConfigView::readPauses() {
-    BlockPauses pauses;
-    const auto read = [](const ConfigBlock& block, const char* key, int& value, Origin& origin) {
-        if (origin.kind == Origin::Kind::own) {
-            origin.kind = Origin::Kind::inherited;
-        }
-        const KeyUse* const use = find(key, block);
-        const std::optional<int> number =
-            use != nullptr && use->hasValue ? readNumber(use->scope) : std::nullopt;
-        if (number) {
-            value = *number;
-            origin = {Origin::Kind::own, use->line, block.id};
-        }
-    };
-    for (const ConfigBlock& block : allBlocks) {
-        read(block, "minpause", pauses.minPause, pauses.minPauseOrigin);
-        read(block, "interrun_pause", pauses.interrunPause, pauses.interrunPauseOrigin);
-        allPauses.push_back(pauses);
+        blocks.push_back(std::move(block));
     }
 }
 
 int ConfigView::lineAt(std::size_t offset) const {
-    const auto behind = std::upper_bound(
-        keptLines.begin(), keptLines.end(), offset,
-        [](std::size_t place, const ConfigLine& line) { return place < line.offset; });
-    return behind == keptLines.begin() ? 0 : std::prev(behind)->number;
+    const ConfigLine* const line = lastBefore(lines, &ConfigLine::offset, offset);
+    return line == nullptr ? 0 : line->number;
 }
 
 const ConfigBlock* ConfigView::blockAt(std::size_t offset) const {
-    const auto behind = std::upper_bound(
-        allBlocks.begin(), allBlocks.end(), offset,
-        [](std::size_t place, const ConfigBlock& block) { return place < block.begin; });
-    return behind == allBlocks.begin() ? nullptr : &*std::prev(behind);
+    return lastBefore(blocks, &ConfigBlock::begin, offset);
 }
 
-const KeyUse* ConfigView::find(const std::string& settingKey) const {
-    const auto found = settingUses.find(settingKey);
-    return found == settingUses.end() ? nullptr : &found->second;
+const ConfigBlock* ConfigView::servedBlock(const std::string& id) const {
+    const auto found = served.find(id);
+    return found == served.end() ? nullptr : &blocks[found->second];
 }
 
-const KeyUse* ConfigView::find(const std::string& detectorKey, const ConfigBlock& block) {
-    const auto found = block.uses.find(detectorKey);
-    return found == block.uses.end() ? nullptr : &found->second;
-}
-
-std::map<std::string, KeyUse> ConfigView::findAll(const std::vector<std::string>& keys,
-                                                  const std::string& piece,
-                                                  std::size_t begin) const {
-    // The value of a key is the next word, at the furthest in the next line.
-    constexpr std::size_t twoLines = 2048;
-    std::map<std::string, KeyUse> uses;
+KeyUses ConfigView::findAll(bool ofDetector, const std::string& piece, std::size_t begin) const {
+    KeyUses uses;
     const std::string haystack = "\n" + piece;
-    for (const std::string& key : keys) {
-        const std::size_t found = haystack.find("\n" + key + " ");
-        if (found == std::string::npos) {
+    for (const Key& key : allKeys()) {
+        const std::size_t found = haystack.find("\n" + key.name + " ");
+        if (key.ofDetector != ofDetector || found == std::string::npos) {
             continue;
         }
-        KeyUse use;
-        use.key = key;
         // The line feed in front of the piece makes up for the one in front of the key.
-        use.offset = begin + found;
-        use.line = lineAt(use.offset);
-        const std::size_t value = UTILITIES::findValue(haystack, key);
-        use.hasValue = value != std::string::npos;
-        if (use.hasValue) {
-            use.scope = haystack.substr(value, twoLines);
-            use.rest = use.scope.substr(0, use.scope.find('\n'));
-        }
-        uses.emplace(key, std::move(use));
+        const std::size_t offset = begin + found;
+        uses[key.name] = {lineAt(offset), offset, takenBy(key, haystack)};
     }
     return uses;
 }

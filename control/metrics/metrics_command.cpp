@@ -1,124 +1,105 @@
-// skarnctl metrics: the daemon's figures for Prometheus, over HTTP or once.
-#include "control/metrics/metrics_command.h"
-
-#include "control/metrics/listen_address.h"
-#include "control/metrics/metric_families.h"
+// skarnctl metrics: the daemon's figures for Prometheus, over HTTP, in a file or once.
+#include "control/command.h"
+#include "control/file.h"
+#include "control/metrics/metrics_server.h"
+#include "control/observe/event_watch.h"
+#include "control/observe/figures.h"
 #include "control/observe/snapshot_source.h"
+#include "control/process.h"
 #include "utilities/descriptors.h"
 
 #include <CLI/CLI.hpp>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
+#include <cstdio>
 #include <cstring>
-#include <ctime>
-#include <exception>
 #include <memory>
-#include <mutex>
+#include <optional>
 #include <string>
+#include <thread>
 #include <utility>
-#include <vector>
 
-#include <prometheus/collectable.h>
-#include <prometheus/exposer.h>
-#include <prometheus/text_serializer.h>
-#include <pthread.h>
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace control {
 
 namespace {
 
+constexpr std::chrono::seconds betweenLooks(1);
+
+/// A file of figures that has not changed for so many looks says nothing of now.
+constexpr int oldestLook = 10;
+
+/// More bytes of figures than any configuration makes.
+constexpr std::size_t mostFigures = 64UL * 1024 * 1024;
+
 struct MetricsOptions {
     std::string listen;
+    std::string write;
+    std::string from;
     bool once = false;
     std::string configFile;
 };
 
-/// The source behind a lock: scrapes come on the server's threads, and the log is followed between
-/// them.
-class Figures : public prometheus::Collectable {
-public:
-    explicit Figures(SnapshotOptions options) : source(std::move(options)) {}
-
-    std::vector<prometheus::MetricFamily> Collect() const override {
-        return metricFamilies(look());
-    }
-
-    /// One look, so that no rotation is missed while nobody scrapes.
-    Snapshot look() const {
-        const std::lock_guard<std::mutex> guard(mutex);
-        return source.take();
-    }
-
-private:
-    mutable std::mutex mutex;
-    mutable SnapshotSource source; // guarded by `mutex`
-};
-
-/// Blocks the signals that end this program, for all threads that are made later.
-class EndSignals {
-public:
-    EndSignals() {
-        sigemptyset(&set);
-        sigaddset(&set, SIGTERM);
-        sigaddset(&set, SIGINT);
-        pthread_sigmask(SIG_BLOCK, &set, nullptr);
-    }
-
-    /// Waits for one of them, a second at most. True when there was one.
-    bool arrived() const {
-        const timespec second = {1, 0};
-        return sigtimedwait(&set, nullptr, &second) > 0;
-    }
-
-private:
-    sigset_t set{};
-};
-
-std::string firstLine(const std::string& text) {
-    return text.substr(0, text.find('\n'));
+/// Looks itself, and notes what changed in the event journal.
+Look observer(const SnapshotOptions& options) {
+    return [source = std::make_shared<SnapshotSource>(options), watch = EventWatch(),
+            complained = false]() mutable {
+        const Snapshot snapshot = source->look();
+        const std::vector<std::string> texts = watch.changes(snapshot);
+        const std::string problem = texts.empty() ? std::string() : noteEvents(texts);
+        if (!problem.empty() && !std::exchange(complained, true)) {
+            complain(problem);
+        }
+        return metricsText(snapshot);
+    };
 }
 
-int printOnce(const Figures& figures) {
-    const std::string text = prometheus::TextSerializer().Serialize(figures.Collect());
-    if (!writeAll(STDOUT_FILENO, text)) {
-        complain(std::string("cannot write: ") + std::strerror(errno));
-        return failed;
-    }
-    return succeeded;
+/// Reads what another one has written, as long as that one lives: each look is a new file.
+Look reader(const std::string& path) {
+    return [path, lastChange = std::optional<double>(), unchanged = 0]() mutable {
+        const std::optional<double> changed = modificationTime(path);
+        unchanged = changed == lastChange ? unchanged + 1 : 0;
+        lastChange = changed;
+        return unchanged > oldestLook ? std::nullopt : readFile(path, mostFigures).text;
+    };
 }
 
-int serve(const std::shared_ptr<Figures>& figures, const std::string& where) {
-    const ListenAddress address = parseListenAddress(where);
-    if (!address.problem.empty()) {
-        complain(address.problem);
-        return badUsage;
+/// Ends at once: nothing is left half-done that matters.
+void endOnSignals() {
+    const auto end = [](int) { _exit(succeeded); };
+    std::signal(SIGTERM, end);
+    std::signal(SIGINT, end);
+}
+
+/// Replaces the file after each look.
+int writeFile(const SnapshotOptions& options, const std::string& path) {
+    endOnSignals();
+    for (const Look look = observer(options);;) {
+        const std::string text = look().value();
+        const std::string fresh = path + ".new";
+        unlink(fresh.c_str());
+        const Descriptor file(open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
+        if (file.get() < 0 || fchmod(file.get(), 0644) != 0 || !writeAll(file.get(), text) ||
+            std::rename(fresh.c_str(), path.c_str()) != 0) {
+            complain("cannot write " + path + ": " + std::strerror(errno));
+            return failed;
+        }
+        std::this_thread::sleep_for(betweenLooks);
     }
-    // The server's own words for it would name no reason.
-    if (const std::string problem = whyNotListen(address); !problem.empty()) {
-        complain(problem);
-        return failed;
+}
+
+int serve(const MetricsOptions& options, const SnapshotOptions& where) {
+    const Listening listening = listenAt(options.listen);
+    if (!listening.problem.empty()) {
+        complain(listening.problem);
+        return listening.isWrong ? badUsage : failed;
     }
-    const EndSignals signals;
-    std::unique_ptr<prometheus::Exposer> exposer;
-    try {
-        // A client that says nothing must not hold a thread for long.
-        exposer = std::make_unique<prometheus::Exposer>(std::vector<std::string>{
-            "listening_ports", address.text, "num_threads", "4", "request_timeout_ms", "5000"});
-    } catch (const std::exception& error) {
-        // The address could be listened at just now.
-        complain("cannot listen at " + address.text + ": " +
-                 (address.isVersion6 ? "the HTTP library here was built without IPv6; use an IPv4 "
-                                       "address, such as 127.0.0.1, and a proxy before it"
-                                     : firstLine(error.what())));
-        return failed;
-    }
-    figures->look();
-    exposer->RegisterCollectable(figures);
-    while (!signals.arrived()) {
-        figures->look();
-    }
-    return succeeded;
+    endOnSignals();
+    serveMetrics(listening.socket, options.from.empty() ? observer(where) : reader(options.from));
 }
 
 } // namespace
@@ -132,19 +113,34 @@ void addMetricsCommand(CLI::App& app, const CommonOptions& common, int& exitStat
             ->add_option("--listen", options->listen,
                          "Serve them at http://ADDRESS:PORT/metrics, until ended by SIGTERM")
             ->type_name("ADDRESS:PORT");
-    command->add_flag("--once", options->once, "Print them once")->excludes(listen);
+    CLI::Option* const write =
+        command
+            ->add_option("--write", options->write,
+                         "Write them to this file each second, until ended by SIGTERM")
+            ->type_name("FILE")
+            ->excludes(listen);
+    command
+        ->add_option("--from", options->from,
+                     "With --listen: serve what another one writes to this file")
+        ->type_name("FILE")
+        ->needs(listen);
+    command->add_flag("--once", options->once, "Print them once")
+        ->excludes(listen)
+        ->excludes(write);
     command->add_option("--config", options->configFile, "Read this configuration file")
         ->type_name("FILE");
     command->callback([options, &common, &exitStatus] {
-        if (options->once == !options->listen.empty()) {
-            complain("metrics takes either --listen ADDRESS:PORT or --once");
+        if (!options->once && options->listen.empty() && options->write.empty()) {
+            complain("metrics takes --listen ADDRESS:PORT, --write FILE or --once");
             exitStatus = badUsage;
             return;
         }
         std::signal(SIGPIPE, SIG_IGN);
-        const auto figures =
-            std::make_shared<Figures>(SnapshotOptions{options->configFile, common.daemonPath});
-        exitStatus = options->once ? printOnce(*figures) : serve(figures, options->listen);
+        const SnapshotOptions where{options->configFile, common.daemonPath};
+        exitStatus = options->once
+                         ? print(metricsText(SnapshotSource(where).look())).value_or(succeeded)
+                     : options->write.empty() ? serve(*options, where)
+                                              : writeFile(where, options->write);
     });
 }
 

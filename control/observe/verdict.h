@@ -12,23 +12,26 @@ struct Verdict {
     /// From the best to the worst.
     enum class Level {
         keepingUp,
-        attention,    // it keeps up now, but something happened or is going to
+        attention,    // it keeps up now, but something is going to hinder it, or just did
         cannotTell,   // it runs, but what it does can't be seen
         notKeepingUp, // files stay where they are, or are announced to nobody
         down,         // no daemon runs
     };
+    struct Reason {
+        Level level = Level::keepingUp;
+        std::string text; // one clause; names in it may hold any byte
+        std::string key;  // the same while it lasts, of what begins and ends; else empty
+    };
     Level level = Level::keepingUp;
-    std::vector<std::string> reasons; // the gravest first; names in them may hold any byte
+    std::vector<Reason> reasons; // the gravest first
+    std::string note;            // what is to be known of the last day; empty: nothing
 };
 
 /// "KEEPING UP", "KEEPING UP, BUT", "CAN'T TELL", "NOT KEEPING UP" or "DOWN".
 std::string headline(Verdict::Level level);
 
-/// Judges by one snapshot alone. Faults that lie more than five minutes back, or of which a single
-/// look can't tell how old they are, no longer say that it does not keep up.
+/// Judges what is now, by one snapshot alone. What is over is no reason, but for some minutes:
+/// figures and events tell of it.
 Verdict verdict(const Snapshot& snapshot);
-
-/// The headline and the reasons in one line: "NOT KEEPING UP: nobody reads ...; 3 files were ...".
-std::string sentence(const Verdict& verdict);
 
 } // namespace control

@@ -1,27 +1,35 @@
-// skarnctl watch: shows what the daemon does.
-#include "control/observe/watch_command.h"
-
-#include "control/observe/snapshot_json.h"
+// skarnctl watch: shows what the daemon does, as a plain report, as JSON or full-screen. What the
+// latter shows is watch_layout's.
+#include "control/command.h"
+#include "control/observe/figures.h"
 #include "control/observe/snapshot_source.h"
-#include "control/observe/watch_screen.h"
-#include "control/observe/watch_text.h"
+#include "control/observe/watch_layout.h"
 #include "utilities/descriptors.h"
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
-#include <cerrno>
-#include <clocale>
+#include <array>
+#include <chrono>
 #include <cmath>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
-#include <ctime>
+#include <map>
 #include <memory>
+#include <optional>
 #include <string>
-#include <string_view>
+#include <utility>
 
-#include <langinfo.h>
 #include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/signalfd.h>
 #include <unistd.h>
+
+// Last, since ncurses defines macros with common names.
+#define NCURSES_NOMACROS 1
+#include <curses.h>
+#include <term.h>
+#undef lines
 
 namespace control {
 
@@ -40,100 +48,272 @@ struct WatchOptions {
     std::string configFile;
 };
 
-double monotonicSeconds() {
-    timespec time = {};
-    clock_gettime(CLOCK_MONOTONIC, &time);
-    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
+/// Seconds of a clock that nobody sets.
+double now() {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+/// Milliseconds to that moment for poll(), which is not to wake up before it.
+int millisecondsTo(double moment) {
+    return static_cast<int>(std::ceil(std::clamp(moment - now(), 0.0, 60.0) * 1000));
 }
 
 /// Waits until then, or until nobody reads the standard output any more. False in that case.
 bool waitUntil(double moment) {
-    for (;;) {
-        const double left = moment - monotonicSeconds();
-        if (left <= 0) {
-            return true;
-        }
-        pollfd output = {STDOUT_FILENO, 0, 0};
-        const int ready = poll(&output, 1, static_cast<int>(std::ceil(left * 1000)));
-        if (ready > 0 && (output.revents & (POLLERR | POLLNVAL)) != 0) {
+    pollfd output = {STDOUT_FILENO, 0, 0};
+    while (now() < moment) {
+        if (poll(&output, 1, millisecondsTo(moment)) > 0) {
             return false;
         }
-        if (ready > 0) {
-            // A terminal that hung up, for instance: it would only be told again.
-            return (output.revents & POLLHUP) == 0;
-        }
     }
+    return true;
 }
 
-/// Writes to the standard output; the status to end with if that is not possible, else `succeeded`.
-int print(const std::string& text, bool& goesOn) {
-    if (writeAll(STDOUT_FILENO, text)) {
-        return succeeded;
-    }
-    goesOn = false;
-    if (errno == EPIPE) {
-        return succeeded; // the reader has seen enough
-    }
-    complain(std::string("cannot write: ") + std::strerror(errno));
-    return failed;
-}
-
-/// Whether there is anything to be shown at all.
-bool knowsNothing(const Snapshot& snapshot) {
-    return !snapshot.configProblem.empty() && snapshot.detectors.empty() &&
-           snapshot.log.coverage == LogCoverage::none &&
-           snapshot.daemonState != Snapshot::DaemonState::running;
-}
-
-bool isUnicodeLocale() {
-    return std::setlocale(LC_CTYPE, "") != nullptr &&
-           std::string_view(nl_langinfo(CODESET)) == "UTF-8";
-}
-
-/// One report, after a while of looking.
-int reportOnce(SnapshotSource& source, bool asJson) {
-    const Snapshot first = source.take();
-    if (knowsNothing(first)) {
-        complain(first.configProblem);
+/// One report, after a while of looking; or `inLines` one line of JSON after each interval, until
+/// nobody reads them.
+int report(SnapshotSource& source, const WatchOptions& options, bool inLines) {
+    Snapshot snapshot = source.look();
+    if (!snapshot.configProblem.empty() && snapshot.detectors.empty() &&
+        snapshot.log.coverage == LogCoverage::none && !snapshot.isServed()) {
+        complain(snapshot.configProblem); // there is nothing to be shown at all
         return failed;
     }
-    bool goesOn = waitUntil(monotonicSeconds() + lookingTime);
-    if (!goesOn) {
-        return succeeded;
-    }
-    const Snapshot snapshot = source.take();
-    return print(asJson ? snapshotJsonText(snapshot, false) + "\n"
-                        : watchText(snapshot, isUnicodeLocale()),
-                 goesOn);
-}
-
-/// One line of JSON after each interval, until nobody reads them.
-int reportLines(SnapshotSource& source, double interval) {
-    bool goesOn = true;
-    int status = succeeded;
-    double next = monotonicSeconds();
-    for (bool isFirst = true; goesOn; isFirst = false) {
-        const Snapshot snapshot = source.take();
-        if (isFirst && knowsNothing(snapshot)) {
-            complain(snapshot.configProblem);
-            return failed;
+    for (double next = now();;) {
+        if (inLines) {
+            if (const std::optional<int> end = print(jsonText(snapshot, true) + "\n")) {
+                return *end;
+            }
         }
-        status = print(snapshotJsonText(snapshot, true) + "\n", goesOn);
         // One that comes late does not let the next ones come faster.
-        next = std::max(next + interval, monotonicSeconds());
-        goesOn = goesOn && waitUntil(next);
+        next = std::max(next + (inLines ? options.interval : lookingTime), now());
+        if (!waitUntil(next)) {
+            return succeeded;
+        }
+        snapshot = source.look();
+        if (!inLines) {
+            return print(options.json ? jsonText(snapshot, false) + "\n"
+                                      : watchText(snapshot, usesUnicode()))
+                .value_or(succeeded);
+        }
     }
-    return status;
 }
 
-std::string checkInterval(const std::string& text) {
-    char* end = nullptr;
-    const double seconds = std::strtod(text.c_str(), &end);
-    if (end == text.c_str() || *end != '\0' ||
-        !(seconds >= shortestInterval && seconds <= longestInterval)) {
-        return "must be from 0.2 to 3600 seconds, not " + text;
+/// The full-screen view. The terminal is as it was when this ends.
+class Screen {
+public:
+    Screen(SnapshotSource& aSource, Snapshot first, double seconds, bool unicode)
+        : source(aSource), snapshot(std::move(first)), interval(seconds),
+          screen(newterm(nullptr, stdout, stdin)) {
+        view.unicode = unicode;
+        if (screen == nullptr) {
+            return;
+        }
+        cbreak();
+        noecho();
+        nonl();
+        keypad(stdscr, TRUE);
+        nodelay(stdscr, TRUE);
+        set_escdelay(25); // milliseconds that tell the key Escape from a key's sequence
+        curs_set(0);      // fails where the cursor can't be hidden: it is seen, then
+        if (wantsColours() && has_colors() && start_color() != ERR) {
+            const short background = use_default_colors() == OK ? -1 : COLOR_BLACK;
+            short pair = 0;
+            for (const Look& look : looks) {
+                init_pair(++pair, look.colour, background);
+            }
+            hasColours = true;
+        }
     }
-    return {};
+    ~Screen() {
+        if (screen != nullptr) {
+            curs_set(1);
+            endwin();
+            delscreen(screen);
+        }
+    }
+    Screen(const Screen&) = delete;
+    Screen& operator=(const Screen&) = delete;
+
+    bool works() const { return screen != nullptr; }
+
+    /// Shows what the source sees until the operator leaves it, or until a signal, which is read
+    /// from this descriptor. Returns the signal, or 0.
+    int run(int signals) {
+        double due = now() + interval;
+        while (!quit) {
+            draw();
+            std::array<pollfd, 2> inputs{{{STDIN_FILENO, POLLIN, 0}, {signals, POLLIN, 0}}};
+            // It fails when this was stopped and continued: ncurses has put the screen back, then.
+            if (poll(inputs.data(), inputs.size(), millisecondsTo(due)) > 0 &&
+                (inputs[0].revents & (POLLHUP | POLLERR | POLLNVAL)) != 0) {
+                return 0; // the terminal is gone
+            }
+            for (signalfd_siginfo info{}; read(signals, &info, sizeof info) > 0;) {
+                if (info.ssi_signo != SIGWINCH) {
+                    return static_cast<int>(info.ssi_signo);
+                }
+                resize();
+            }
+            // What is typed ahead is bounded by the terminal; a flood waits for the next round.
+            int key = 0;
+            for (int count = 0; count < 100 && !quit && (key = wgetch(stdscr)) != ERR; ++count) {
+                take(key);
+            }
+            if (now() >= due) {
+                // Read on while paused, too: rates and rotations must not be missed.
+                Snapshot fresh = source.look();
+                if (!view.paused) {
+                    snapshot = std::move(fresh);
+                }
+                due = now() + interval;
+            }
+        }
+        return 0;
+    }
+
+private:
+    /// How each style looks; without a colour: -1.
+    struct Look {
+        attr_t attributes;
+        short colour;
+    };
+    static constexpr std::array<Look, 7> looks{{{A_NORMAL, -1},
+                                                {A_DIM, -1},
+                                                {A_BOLD, COLOR_GREEN},
+                                                {A_BOLD, COLOR_YELLOW},
+                                                {A_BOLD | A_REVERSE, COLOR_RED},
+                                                {A_BOLD, -1},
+                                                {A_NORMAL, COLOR_CYAN}}};
+
+    void draw() {
+        view.width = getmaxx(stdscr);
+        view.height = getmaxy(stdscr);
+        const Layout layout = layOut(snapshot, view);
+        maxScroll = layout.maxScroll;
+        view.scroll = std::min(view.scroll, maxScroll);
+        int row = 0;
+        for (const Line& line : layout.lines) {
+            wmove(stdscr, row, 0);
+            for (const Segment& segment : line) {
+                const auto style = static_cast<int>(segment.style);
+                const Look& look = looks.at(static_cast<std::size_t>(style));
+                const bool isColoured = hasColours && look.colour >= 0;
+                wattrset(stdscr, static_cast<int>(look.attributes) |
+                                     (isColoured ? COLOR_PAIR(style + 1) : 0));
+                waddstr(stdscr, segment.text.c_str());
+            }
+            wattrset(stdscr, A_NORMAL);
+            // A full line has left the cursor in the next one, which is not to be cleared.
+            if (getcury(stdscr) == row) {
+                wclrtoeol(stdscr);
+            }
+            ++row;
+        }
+        wrefresh(stdscr);
+    }
+
+    static void resize() {
+        winsize size{};
+        if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_row > 0 && size.ws_col > 0) {
+            resizeterm(size.ws_row, size.ws_col);
+            wclear(stdscr);
+        }
+    }
+
+    void take(int key) {
+        constexpr int escape = 27;
+        const int page = std::max(1, view.help ? view.height - 2 : view.height / 4);
+        const std::map<int, int> moves{{'j', 1},
+                                       {KEY_DOWN, 1},
+                                       {'k', -1},
+                                       {KEY_UP, -1},
+                                       {KEY_NPAGE, page},
+                                       {KEY_PPAGE, -page},
+                                       {KEY_HOME, -maxScroll},
+                                       {KEY_END, maxScroll}};
+        const auto isOneOf = [key](const std::string& keys) {
+            return key < 0x80 && keys.find(static_cast<char>(key)) != std::string::npos;
+        };
+        if (isOneOf("qQ\003")) { // Ctrl-C where the terminal makes no signal of it
+            quit = true;
+        } else if (isOneOf("hH?") || (key == escape && view.help)) {
+            view.help = !view.help;
+            std::swap(view.scroll, otherScroll);
+            maxScroll = layOut(snapshot, view).maxScroll;
+        } else if (key == ' ') {
+            view.paused = !view.paused;
+        } else if (isOneOf("rR\f")) { // Ctrl-L
+            wclear(stdscr);
+        } else if (moves.count(key) > 0) {
+            view.scroll = std::clamp(view.scroll + moves.at(key), 0, maxScroll);
+        }
+    }
+
+    SnapshotSource& source;
+    Snapshot snapshot;
+    double interval;
+    SCREEN* screen;
+    bool hasColours = false;
+    View view;
+    int otherScroll = 0; // of the help while the figures are shown, and the other way round
+    int maxScroll = 0;
+    bool quit = false;
+};
+
+/// Why there is no terminal that can be drawn on, or nothing.
+std::string terminalProblem() {
+    if (isatty(STDIN_FILENO) == 0 || isatty(STDOUT_FILENO) == 0) {
+        return "the live view needs a terminal";
+    }
+    // Asked before newterm(), which would leave some memory behind where it fails.
+    const char* const variable = std::getenv("TERM");
+    const std::string name = variable == nullptr ? "" : variable;
+    int found = 0;
+    bool canMove = false;
+    if (!name.empty() && setupterm(name.c_str(), STDOUT_FILENO, &found) != ERR) {
+        canMove = tigetstr("cup") != nullptr;
+        del_curterm(cur_term);
+    }
+    return canMove ? "" : "no screen can be drawn on a terminal \"" + name + "\" (variable TERM)";
+}
+
+/// Shows the full-screen view. SIGINT leaves it as the key q does, other signals end the program as
+/// they would have, but only when the terminal is as it was. Returns the exit status.
+int showScreen(SnapshotSource& source, double interval) {
+    const bool unicode = usesUnicode();
+    const auto refuse = [](const std::string& problem) {
+        complain(problem + "; --once or --json show the same without one");
+        return failed;
+    };
+    if (const std::string problem = terminalProblem(); !problem.empty()) {
+        return refuse(problem);
+    }
+    // While no signal is held back: the first look may take a while.
+    Snapshot first = source.look();
+    // Those that would end the program in the middle of the screen, and the news of a new size.
+    sigset_t held;
+    sigemptyset(&held);
+    for (const int signal :
+         {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGPIPE, SIGALRM, SIGUSR1, SIGUSR2, SIGWINCH}) {
+        sigaddset(&held, signal);
+    }
+    pthread_sigmask(SIG_BLOCK, &held, nullptr);
+    const Descriptor signals(signalfd(-1, &held, SFD_CLOEXEC | SFD_NONBLOCK));
+    int signal = 0;
+    {
+        Screen screen(source, std::move(first), interval, unicode);
+        if (!signals || !screen.works()) {
+            return refuse("the terminal can't be drawn on");
+        }
+        signal = screen.run(signals.get());
+    }
+    if (signal != 0 && signal != SIGINT) {
+        std::signal(signal, SIG_DFL);
+        raise(signal);
+        pthread_sigmask(SIG_UNBLOCK, &held, nullptr); // which lets it end the program
+    }
+    return succeeded;
 }
 
 } // namespace
@@ -150,20 +330,24 @@ void addWatchCommand(CLI::App& app, const CommonOptions& common, int& exitStatus
             ->add_option("--interval", options->interval, "Seconds between two looks (0.2 to 3600)")
             ->type_name("SECONDS")
             ->capture_default_str()
-            ->check(CLI::Validator(checkInterval, ""))
+            ->check(CLI::Validator(
+                [](const std::string& text) {
+                    const double seconds = std::strtod(text.c_str(), nullptr); // may be no number
+                    return seconds >= shortestInterval && seconds <= longestInterval
+                               ? std::string()
+                               : "must be from 0.2 to 3600 seconds, not " + text;
+                },
+                ""))
             ->excludes(once);
     command->add_option("--config", options->configFile, "Read this configuration file")
         ->type_name("FILE");
     command->callback([options, interval, &common, &exitStatus] {
         std::signal(SIGPIPE, SIG_IGN);
         SnapshotSource source({options->configFile, common.daemonPath});
-        if (options->json && interval->count() > 0) {
-            exitStatus = reportLines(source, options->interval);
-        } else if (options->json || options->once || isatty(STDOUT_FILENO) == 0) {
-            exitStatus = reportOnce(source, options->json);
-        } else {
-            exitStatus = runWatchScreen(source, options->interval);
-        }
+        const bool inLines = options->json && interval->count() > 0;
+        exitStatus = options->json || options->once || isatty(STDOUT_FILENO) == 0
+                         ? report(source, *options, inLines)
+                         : showScreen(source, options->interval);
     });
 }
 

@@ -1,629 +1,559 @@
 // What the full-screen view shows, as lines of styled text: everything of it but the terminal.
 #include "control/observe/watch_layout.h"
 
-#include "control/observe/display_text.h"
+#include "control/display_text.h"
+#include "control/observe/figures.h"
 #include "control/observe/verdict.h"
 
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <ctime>
-#include <functional>
+#include <sstream>
 #include <utility>
 
 namespace control {
 
 namespace {
 
+constexpr Style normal = Style::normal;
+constexpr Style dim = Style::dim;
+constexpr Style good = Style::good;
+constexpr Style warning = Style::warning;
+constexpr Style bad = Style::bad;
+constexpr Style heading = Style::heading;
+constexpr Style graph = Style::graph;
+
 constexpr int barColumns = 8;
-constexpr int wideTable = 130;  // columns from which a detector has one line
-constexpr int narrowTable = 60; // columns below which only the most important of it is shown
+constexpr int noLimit = 1 << 20;
+constexpr double fresh = 300; // seconds
 
-/// One line under construction: never wider than the screen.
-class LineBuilder {
-public:
-    LineBuilder(int width, bool asUnicode) : left(width), unicode(asUnicode) {}
+/// The tables that screens of different widths have room for.
+enum Table : std::size_t { narrow, middle, wide };
 
-    int room() const { return left; }
-
-    /// Adds text that may hold any byte.
-    LineBuilder& add(Style style, const std::string& text) {
-        return put(style, cutEnd(displayable(text, unicode), left, unicode));
-    }
-
-    /// The same, cut in the middle so as to take no more than that many columns.
-    LineBuilder& addName(Style style, const std::string& text, int columns) {
-        return put(style, cutMiddle(displayable(text, unicode), std::min(columns, left), unicode));
-    }
-
-    /// Fills up with blanks to that many columns from the left edge of the cell that began when
-    /// `room()` was `from`.
-    LineBuilder& fill(int from, int columns) {
-        const int blanks = std::min(left, columns - (from - left));
-        return blanks > 0 ? put(Style::normal, std::string(static_cast<std::size_t>(blanks), ' '))
-                          : *this;
-    }
-
-    /// A cell of a table: the text, cut if need be, to the left or to the right, and a blank.
-    LineBuilder& cell(Style style, const std::string& text, int columns, bool toTheRight = false) {
-        const int from = left;
-        const std::string shown =
-            cutMiddle(displayable(text, unicode), std::min(columns, left), unicode);
-        if (toTheRight) {
-            fill(from, columns - displayWidth(shown));
-        }
-        put(style, shown);
-        return fill(from, columns + 1);
-    }
-
-    Line take() { return std::move(line); }
-
-private:
-    LineBuilder& put(Style style, std::string text) {
-        text = cutEnd(text, left, unicode);
-        if (!text.empty()) {
-            left -= displayWidth(text);
-            line.push_back({style, std::move(text)});
-        }
-        return *this;
-    }
-
-    Line line;
-    int left;
-    bool unicode;
+/// A column of the table of detectors.
+struct Column {
+    const char* title;
+    std::array<int, 3> columns; // in each of these; 0: not there, noLimit: the rest of the line
+    bool isToTheRight = false;
 };
+constexpr std::array<Column, 7> table{{
+    {"DETECTOR", {8, 10, 12}},
+    {"STATE", {11, 11, 11}},
+    {"PROCESSES", {0, barColumns + 4, barColumns + 4}},
+    {"FILES", {11, 11, 11}, true},
+    {"BYTES", {8, 8, 8}, true},
+    {"FREE AT TARGET", {0, 0, 43}},
+    {"LAST FILE", {0, noLimit, noLimit}},
+}};
 
-/// One line or more that are shown together or not at all.
+/// What the log counts: its title, and whether any but 0 is a fault. The gravest first.
+struct CountTitle {
+    const char* title;
+    std::uint64_t Counts::*count;
+    bool isBad = true;
+};
+constexpr std::array<CountTitle, 10> countTitles{{
+    {"lost", &Counts::lost},
+    {"not announced", &Counts::failedHandoffs},
+    {"no pipe", &Counts::withoutPipe},
+    {"failed starts", &Counts::failedStarts},
+    {"failed listings", &Counts::failedListings},
+    {"complaints", &Counts::complaints},
+    {"long records", &Counts::longRecords},
+    {"lists left", &Counts::failedRemovals},
+    {"cycles", &Counts::cycles, false},
+    {"processes", &Counts::processes, false},
+}};
+
+/// The help: terms and what is to be known of them; headings.
+constexpr std::array<std::pair<const char*, const char*>, 26> explanations{{
+    {"Keys", ""},
+    {"q, Ctrl-C", "quit; the daemon is not touched by anything that is done here"},
+    {"h, ?", "these explanations, and back"},
+    {"space", "pause: the screen stands still until the next space"},
+    {"j k, arrows, PgUp PgDn, Home End", "scroll the detectors, or this text"},
+    {"r, Ctrl-L", "draw the screen again"},
+    {"First line", "what is now. What is over is in the figures below, and in skarnctl events"},
+    {"KEEPING UP", "the daemon runs and nothing is known to hinder it"},
+    {"KEEPING UP, BUT", "something just happened, or is going to: look at it by day"},
+    {"NOT KEEPING UP", "files stay at their detector, or are announced to nobody"},
+    {"CAN'T TELL", "the daemon runs, but what it does can't be seen"},
+    {"DOWN", "no daemon runs"},
+    {"Figures", "of the copy program since the host's boot; with one that keeps none, of the log"},
+    {"Files", "confirmed. The copy program counts each as it is announced, the log when its copy "
+              "process has ended"},
+    {"/s", "rates begin when this view begins. The row of bars is the last 60 seconds"},
+    {"lost and so on", "counted in the log since the daemon's last start, of all detectors"},
+    {"lost", "sent but not confirmed. They mostly stay at their detector, and the next cycle "
+             "fetches them again: see whether the number grows"},
+    {"not announced", "copied, but the consumer was not told: skarnctl unannounced names them"},
+    {"complaints", "other lines that copy processes printed, such as errors of rsync"},
+    {"Detectors", ""},
+    {"unreachable", "the last listing failed; where the last file stands, the reason does"},
+    {"hanging", "its listing, or mkdir and chown at its target, get no answer"},
+    {"PROCESSES", "copy processes now, of those that one detector may have"},
+    {"cycle", "names dealt to copy processes, and how many of them are confirmed"},
+    {"FREE AT TARGET", "the bar is what is used. 'full in' goes by the rate of the last minutes, "
+                       "and counts what others write there too"},
+    {"Pipe", "who has it open for reading, and whether he reads"},
+}};
+
+/// Lines that are shown together or not at all.
 struct Block {
     int rank = 0; // those of a lower one are found room for first
     std::vector<Line> lines;
-    bool detector = false;
+    bool isScrolled = false; // one of a list, all of which have as many lines
+    bool isShown = true;
 };
 
-/// From what matters most to what matters least.
-namespace rank {
-constexpr int verdict = 0;
-constexpr int moreOfVerdict = 1;
-constexpr int tableHead = 2;
-constexpr int firstDetector = 3;
-constexpr int daemon = 4;
-constexpr int files = 5;
-constexpr int secondDetector = 6;
-constexpr int counts = 7;
-constexpr int pipe = 8;
-constexpr int log = 9;
-constexpr int furtherDetectors = 10; // the third and the fourth
-constexpr int reasons = 11;
-constexpr int unattributed = 12;
-constexpr int complaint = 13;
-constexpr int manyDetectors = 14;
-constexpr int blank = 15;
-} // namespace rank
-
-std::string timeText(double seconds, const char* format) {
-    const auto moment = static_cast<std::time_t>(seconds);
-    std::tm parts{};
-    std::array<char, 64> text{};
-    if (localtime_r(&moment, &parts) == nullptr ||
-        std::strftime(text.data(), text.size(), format, &parts) == 0) {
-        return "?";
-    }
-    return text.data();
+/// "3 archives"
+std::string several(std::uint64_t number, const std::string& one) {
+    return grouped(number) + " " + one + (number == 1 ? "" : "s");
 }
 
-Style styleOf(Verdict::Level level) {
-    switch (level) {
-    case Verdict::Level::keepingUp:
-        return Style::good;
-    case Verdict::Level::attention:
-    case Verdict::Level::cannotTell:
-        return Style::warning;
-    case Verdict::Level::notKeepingUp:
-    case Verdict::Level::down:
-        return Style::bad;
-    }
-    return Style::normal;
+/// "17", "34 k", "2 M": so many that the rest does not matter.
+std::string countText(std::uint64_t number) {
+    return number < 10000     ? grouped(number)
+           : number < 9500000 ? grouped(number / 1000) + " k"
+                              : grouped(number / 1000000) + " M";
 }
 
-std::string stateText(DetectorSnapshot::State state) {
-    switch (state) {
-    case DetectorSnapshot::State::notServed:
-        return "not served";
-    case DetectorSnapshot::State::listing:
-        return "listing";
-    case DetectorSnapshot::State::copying:
-        return "copying";
-    case DetectorSnapshot::State::idle:
-        return "idle";
-    }
-    return "?";
+double partOf(std::uint64_t part, std::uint64_t whole) {
+    return whole == 0 ? 0 : static_cast<double>(part) / static_cast<double>(whole);
 }
 
-std::string joined(const std::vector<std::string>& words, const char* separator) {
-    std::string text;
-    for (const std::string& word : words) {
-        text += (text.empty() ? "" : separator) + word;
-    }
-    return text;
+int widthOf(const Line& line) {
+    return displayWidth(plainText(line));
 }
 
-/// The words of a displayable text in lines of so many columns, the first one of another number.
-std::vector<std::string> wrapped(const std::string& text, int first, int others) {
-    std::vector<std::string> lines(1);
-    std::size_t position = 0;
-    while (position < text.size()) {
-        const std::size_t end = std::min(text.find(' ', position), text.size());
-        const std::string word = text.substr(position, end - position);
-        std::string& last = lines.back();
-        const int room = lines.size() == 1 ? first : others;
-        if (!last.empty() && displayWidth(last) + 1 + displayWidth(word) > room) {
-            lines.push_back(word);
-        } else {
-            last += (last.empty() ? "" : " ") + word;
+Segment blanks(int number) {
+    return {normal, std::string(static_cast<std::size_t>(std::max(0, number)), ' ')};
+}
+
+Line operator+(Line line, const Line& more) {
+    line.insert(line.end(), more.begin(), more.end());
+    return line;
+}
+
+/// The line as it can be shown in so many columns.
+Line fitted(const Line& line, int columns, bool unicode, int nameColumns = noLimit) {
+    Line shown;
+    for (const Segment& each : line) {
+        std::string text = displayable(each.text, unicode);
+        text =
+            cut(text, each.isName ? std::min(columns, nameColumns) : columns, unicode, each.isName);
+        if (!text.empty()) {
+            columns -= displayWidth(text);
+            shown.push_back({each.style, text});
         }
-        position = end + 1;
     }
+    return shown;
+}
+
+/// Adds words to a line that was begun, and indented lines below it for those that there is no room
+/// for; the last one of `most` lines has all the rest.
+std::vector<Line> wrapped(Line begun, const Segment& text, int indent, const View& view,
+                          std::size_t most = noLimit) {
+    std::istringstream words(displayable(text.text, view.unicode));
+    int room = view.width - widthOf(begun);
+    std::vector<Line> lines{std::move(begun)};
+    std::string part;
+    for (std::string word; std::getline(words, word, ' ');) {
+        if (!part.empty() && lines.size() < most &&
+            displayWidth(part) + 1 + displayWidth(word) > room) {
+            lines.back().push_back({text.style, std::exchange(part, {})});
+            lines.push_back({blanks(indent)});
+            room = view.width - indent;
+        }
+        part += (part.empty() ? "" : " ") + word;
+    }
+    lines.back().push_back({text.style, part});
     return lines;
 }
 
-/// Lays the figures out.
-class Figures {
+// Of a detector.
+
+Line state(const DetectorSnapshot& detector) {
+    static constexpr std::array styles{bad, dim, good, dim, bad, bad};
+    std::string text = nameOf(detector.state);
+    std::replace(text.begin(), text.end(), '_', ' ');
+    return {{styles.at(static_cast<std::size_t>(detector.state)), text}};
+}
+
+/// Room at the target; `whole`: all that is known of it.
+Line space(const DetectorSnapshot& detector, bool unicode, bool whole) {
+    if (detector.targetIsSilent) {
+        return {{bad, "the target does not answer!"}};
+    }
+    if (!detector.freeBytes || detector.totalBytes.value_or(0) == 0) {
+        return {{dim, "free space can't be seen"}};
+    }
+    const double free = partOf(*detector.freeBytes, *detector.totalBytes);
+    const bool tight = free < 0.02;
+    const std::optional<std::uint64_t>& inodes = detector.freeInodes;
+    const bool few = inodes && *inodes < detector.totalInodes.value_or(0) / 50;
+    const std::optional<double>& left = detector.secondsUntilFull;
+    return {
+        {graph, bar(1 - free, barColumns, unicode)},
+        {tight ? bad : normal, " " + byteText(*detector.freeBytes)},
+        {normal, (whole ? " of " + byteText(*detector.totalBytes) : "") + " free"},
+        {bad, tight ? "!" : ""},
+        {few ? bad : dim, inodes && (few || whole) ? ", " + countText(*inodes) + " inodes" : ""},
+        {bad, few ? "!" : ""},
+        {left.value_or(0) < 3600 ? warning : dim, left ? ", full in " + durationText(*left) : ""}};
+}
+
+/// How far the cycle is that runs.
+Line cycle(const DetectorSnapshot& detector) {
+    if (!detector.dealt || !detector.cycleSeconds) {
+        return {};
+    }
+    return {{dim, "  cycle: " + (detector.finished ? grouped(*detector.finished) + " of " : "") +
+                      grouped(*detector.dealt) + " names, " +
+                      durationText(*detector.cycleSeconds)}};
+}
+
+/// The last file, or why there can't be one.
+Line lastFile(const DetectorSnapshot& detector) {
+    const std::optional<double>& wait = detector.noAnswer;
+    return !detector.complaint.empty() ? Line{{bad, detector.complaint, true}}
+           : wait                      ? Line{{bad, "no answer for " + durationText(*wait)}}
+           : detector.figures          ? Line{{normal, detector.figures->lastFile, true}}
+                                       : Line{{dim, "not known"}};
+}
+
+/// Lays out what is to be shown.
+class Page {
 public:
-    Figures(const Snapshot& aSnapshot, const View& aView)
+    Page(const Snapshot& aSnapshot, const View& aView)
         : snapshot(aSnapshot), view(aView), judgement(verdict(aSnapshot)) {}
 
+    /// Ranks are from what matters most to what matters least.
     Layout layOut() {
-        makeBlocks();
-        const std::vector<bool> chosen = choose();
-        return arrange(chosen);
+        if (view.help) {
+            addHelp();
+            return arranged();
+        }
+        addVerdict(); // 0, what more it has 1, further reasons 11
+        add(4, daemonLine());
+        add(14, {});
+        add(5, filesLine());
+        add(7, countsLine());
+        add(14, {});
+        add(headRank, {}); // made when it is known which detectors are shown
+        static constexpr std::array ranks{3, 6, 10, 10, 13};
+        for (std::size_t index = 0; index < snapshot.detectors.size(); ++index) {
+            addDetector(ranks.at(std::min(index, ranks.size() - 1)), snapshot.detectors[index]);
+        }
+        add(14, {});
+        add(8, pipeLine());
+        add(9, logLine());
+        if (!snapshot.hasFigures && !snapshot.lastFile.empty()) {
+            add(12, {{heading, "Last file "}, {normal, snapshot.lastFile, true}});
+        }
+        if (!snapshot.lastComplaint.empty()) {
+            add(12, {{heading, "Last complaint "}, {warning, snapshot.lastComplaint}});
+        }
+        return arranged();
     }
 
 private:
-    LineBuilder line() const { return {view.width, view.unicode}; }
+    static constexpr int headRank = 2;
 
-    void add(int rank, std::vector<Line> lines, bool detector = false) {
-        blocks.push_back({rank, std::move(lines), detector});
-    }
+    Table kind() const { return view.width < 60 ? narrow : view.width < 130 ? middle : wide; }
+    void add(int rank, const Line& line) { blocks.push_back({rank, {line}}); }
 
-    void addBlank() { add(rank::blank, {Line{}}); }
-
-    void makeBlocks() {
-        addVerdict();
-        addReasons();
-        add(rank::daemon, {daemonLine()});
-        addBlank();
-        add(rank::files, {filesLine()});
-        add(rank::counts, {countsLine()});
-        addBlank();
-        add(rank::tableHead, {}); // made when it is known which detectors are shown
-        for (std::size_t index = 0; index < snapshot.detectors.size(); ++index) {
-            const int importance = index == 0   ? rank::firstDetector
-                                   : index == 1 ? rank::secondDetector
-                                   : index < 4  ? rank::furtherDetectors
-                                                : rank::manyDetectors;
-            add(importance, detectorLines(snapshot.detectors[index]), true);
-        }
-        addUnattributed();
-        addBlank();
-        add(rank::pipe, {pipeLine()});
-        add(rank::log, {logLine()});
-        addComplaint();
-    }
-
-    // The lines.
-
-    /// The verdict with its gravest reason, which may take a line or two more.
+    /// The verdict with its gravest reason, which may take a line or two more; then the others.
     void addVerdict() {
-        LineBuilder built = line();
-        const Style style = styleOf(judgement.level);
-        built.add(style, headline(judgement.level));
-        if (judgement.reasons.empty()) {
-            const std::string how = progressText();
-            built.add(Style::normal, how.empty() ? "" : ": " + how);
-            add(rank::verdict, {built.take()});
-            return;
+        std::vector<std::string> texts;
+        for (const Verdict::Reason& reason : judgement.reasons) {
+            texts.push_back(reason.text);
         }
-        built.add(Style::normal, ": ");
-        const std::vector<std::string> parts = wrapped(
-            displayable(judgement.reasons.front(), view.unicode), built.room(), view.width - 4);
-        for (std::size_t index = 0; index < parts.size() && index < 3; ++index) {
-            built.add(Style::normal, index == 0 ? parts[index] : "    " + parts[index]);
-            add(index == 0 ? rank::verdict : rank::moreOfVerdict, {built.take()});
-            built = line();
+        if (texts.empty()) {
+            texts.push_back(progressText());
+        }
+        if (texts.size() > 1 && !judgement.note.empty()) {
+            texts.push_back(judgement.note);
+        } else if (!judgement.note.empty()) {
+            texts[0] += (texts[0].empty() ? "" : "; ") + judgement.note;
+        }
+        const std::size_t most = view.whole ? texts.size() : 4;
+        if (texts.size() > most) {
+            texts[most - 1] += "; and " + grouped(texts.size() - most) + " more";
+            texts.resize(most);
+        }
+        static constexpr std::array styles{good, warning, warning, bad, bad};
+        const Line first{
+            {styles.at(static_cast<std::size_t>(judgement.level)), headline(judgement.level)},
+            {normal, texts[0].empty() ? "" : ": "}};
+        for (const std::string& text : texts) {
+            const bool isFirst = &text == &texts[0];
+            const std::size_t lines = view.whole ? noLimit : isFirst ? 3 : 1;
+            for (const Line& line :
+                 wrapped(isFirst ? first : Line{{dim, "  - "}}, {normal, text}, 4, view, lines)) {
+                add(!isFirst ? 11 : blocks.empty() ? 0 : 1, line);
+            }
         }
     }
 
     std::string progressText() const {
-        if (snapshot.recent.file && *snapshot.recent.file < 300) {
-            return "files are coming in";
+        const Recent& recent = snapshot.recent;
+        std::string text = recent.file.value_or(fresh) < fresh ? "files are coming in"
+                           : recent.fruitless                  ? "copy processes run"
+                           : recent.watched >= 5
+                               ? "nothing to copy for the last " +
+                                     durationText(recent.file.value_or(recent.watched))
+                               : "";
+        if (snapshot.isServed() && !snapshot.hasFigures) {
+            text += (text.empty() ? "" : ", ") + std::string("as far as can be seen: the copy ") +
+                    "program does not say how its listings go";
         }
-        if (snapshot.recent.fruitless) {
-            return "copy processes run";
-        }
-        if (snapshot.recent.watched >= 5) {
-            return "nothing to copy for the last " +
-                   durationText(snapshot.recent.file.value_or(snapshot.recent.watched));
-        }
-        return "";
-    }
-
-    void addReasons() {
-        if (judgement.reasons.empty()) {
-            return;
-        }
-        const std::vector<std::string> others(judgement.reasons.begin() + 1,
-                                              judgement.reasons.end());
-        constexpr std::size_t most = 3;
-        for (std::size_t index = 0; index < others.size() && index < most; ++index) {
-            const bool last = index + 1 == most && others.size() > most;
-            LineBuilder built = line();
-            built.add(Style::dim, "  - ");
-            built.add(Style::normal, others[index]);
-            if (last) {
-                built.add(Style::dim, "; and " + grouped(others.size() - most) + " more");
-            }
-            add(rank::reasons, {built.take()});
-        }
+        return text;
     }
 
     Line daemonLine() const {
-        LineBuilder built = line();
-        if (snapshot.daemonState == Snapshot::DaemonState::running) {
-            built.add(Style::normal, "Daemon " + std::to_string(snapshot.pid));
-            if (snapshot.upSince) {
-                built.add(Style::normal,
-                          " up " + durationText(snapshot.time - *snapshot.upSince) + " (since " +
-                              timeText(*snapshot.upSince, "%Y-%m-%d %H:%M:%S") + ")");
-            }
-            built.add(Style::dim, snapshot.startOptions.empty()
-                                      ? std::string(", no start options")
-                                      : ", options " + joined(snapshot.startOptions, " "));
-        } else {
-            built.add(Style::normal, snapshot.daemonState == Snapshot::DaemonState::unknown
-                                         ? "Whether a daemon runs can't be seen."
-                                         : "No daemon runs. The counts are those of the last one.");
+        if (!snapshot.isServed()) {
+            return {{normal, snapshot.daemonState == DaemonState::unknown
+                                 ? "Whether a daemon runs can't be seen."
+                                 : "No daemon runs. The counts are those of the last one."}};
         }
-        return built.take();
+        const std::optional<double>& since = snapshot.upSince;
+        const std::string options = joined(snapshot.startOptions, " ");
+        return {{normal, "Daemon " + std::to_string(snapshot.pid)},
+                {normal, since ? " up " + durationText(snapshot.time - *since) + " (since " +
+                                     localTime(*since) + ")"
+                               : ""},
+                {dim, options.empty() ? ", no start options" : ", options " + options}};
     }
 
     Line filesLine() const {
-        LineBuilder built = line();
-        built.add(Style::heading, "Files ").add(Style::normal, grouped(snapshot.total.files));
-        if (snapshot.rates.lastSeconds) {
-            built.add(Style::normal, "  " + rateText(*snapshot.rates.lastSeconds) + "/s");
-            built.add(Style::dim, " now");
+        const Rates& rates = snapshot.rates;
+        const std::optional<double>& since = snapshot.filesSince;
+        Line line{
+            {heading, "Files "},
+            {normal, grouped(snapshot.files)},
+            {normal, snapshot.hasFigures ? ", " + byteText(snapshot.bytes) : ""},
+            {dim, since && view.width >= 100 ? " since " + localTime(*since, "%m-%d %H:%M") : ""}};
+        if (rates.lastSeconds) {
+            line = line +
+                   Line{{normal, "  " + rateText(*rates.lastSeconds) + "/s"},
+                        {normal, rates.bytes ? ", " + rateText(*rates.bytes / 1e6) + " MB/s" : ""},
+                        {dim, " now"}};
         }
-        if (snapshot.rates.lastMinutes) {
-            built.add(Style::normal, "  " + rateText(*snapshot.rates.lastMinutes) + "/s");
-            built.add(Style::dim, " over 5 min");
+        if (rates.lastMinutes) {
+            line = line +
+                   Line{{normal, "  " + rateText(*rates.lastMinutes) + "/s"}, {dim, " over 5 min"}};
         }
-        const std::vector<double>& history = snapshot.rates.history;
-        if (!history.empty()) {
-            const double highest = *std::max_element(history.begin(), history.end());
-            const std::string scale = "  peak " + rateText(highest) + "/s";
-            const int columns = std::min<int>(60, built.room() - 2 - displayWidth(scale));
-            if (columns >= 8) {
-                built.add(Style::normal, "  ");
-                built.add(Style::bar, sparkline(history, columns, view.unicode));
-                built.add(Style::dim, scale);
-            }
+        const std::vector<double>& history = rates.history;
+        const auto highest = std::max_element(history.begin(), history.end());
+        const std::string peak = history.empty() ? "" : "  peak " + rateText(*highest) + "/s";
+        const int room = view.width - widthOf(line) - 2 - displayWidth(peak);
+        if (history.empty() || room < 8) {
+            return line;
         }
-        return built.take();
+        return line + Line{blanks(2),
+                           {graph, sparkline(history, std::min(60, room), view.unicode)},
+                           {dim, peak}};
     }
 
+    /// As many counts as there is room for.
     Line countsLine() const {
-        const Counts& total = snapshot.total;
-        LineBuilder built = line();
-        const auto figure = [this, &built](const char* name, std::uint64_t number, Style ifAny) {
-            const bool stands = number > 0 && ifAny != Style::normal;
-            const std::string text = grouped(number) + (stands ? "!" : "");
-            const std::string title =
-                std::string(built.room() < view.width ? "  " : "") + name + " ";
-            if (displayWidth(title) + displayWidth(text) <= built.room()) {
-                built.add(Style::dim, title).add(number > 0 ? ifAny : Style::normal, text);
+        Line line;
+        for (const CountTitle& each : countTitles) {
+            const std::uint64_t number = snapshot.counts.*each.count;
+            const bool stands = each.isBad && number > 0;
+            const Line item{{dim, std::string(line.empty() ? "" : "  ") + each.title + " "},
+                            {stands ? warning : normal, grouped(number) + (stands ? "!" : "")}};
+            if (widthOf(line) + widthOf(item) <= view.width) {
+                line = line + item;
             }
-        };
-        figure("lost", total.lost, Style::bad);
-        figure("not announced", total.failedHandoffs, Style::bad);
-        figure("no pipe", total.withoutPipe, Style::warning);
-        figure("failed starts", total.failedStarts + total.failedListings, Style::warning);
-        figure("complaints", total.complaints, Style::warning);
-        figure("cycles", total.cycles, Style::normal);
-        figure("processes", total.processes, Style::normal);
-        return built.take();
+        }
+        return line;
     }
 
-    bool wide() const { return view.width >= wideTable; }
-    bool narrow() const { return view.width < narrowTable; }
-    int idColumns() const { return wide() ? 12 : narrow() ? 8 : 10; }
+    /// One line of the table. What is too long for its column takes room from those behind it, but
+    /// names are cut.
+    Line tableLine(const std::array<Line, table.size()>& cells) const {
+        Line line;
+        for (std::size_t index = 0; index < table.size(); ++index) {
+            const int columns = table.at(index).columns.at(kind());
+            if (columns == 0) {
+                continue;
+            }
+            const int left = std::max(0, view.width - widthOf(line));
+            const Line cell = fitted(cells.at(index), left, view.unicode, columns);
+            const int missing = columns == noLimit ? 0 : std::min(columns, left) - widthOf(cell);
+            const Line fill{blanks(missing)};
+            line = line + (table.at(index).isToTheRight ? fill + cell : cell + fill);
+            line.push_back(blanks(columns == noLimit ? 0 : 1));
+        }
+        return line;
+    }
 
-    Line tableHead(int firstShown, int shown) const {
-        LineBuilder built = line();
+    Line tableHead(int first, int shown) const {
+        std::array<Line, table.size()> titles;
+        for (std::size_t index = 0; index < table.size(); ++index) {
+            titles.at(index) = {{heading, table.at(index).title}};
+        }
         const auto all = static_cast<int>(snapshot.detectors.size());
-        built.cell(Style::heading, "DETECTOR", idColumns());
-        built.cell(Style::heading, "STATE", 10);
-        if (!narrow()) {
-            built.cell(Style::heading, "PROCESSES", barColumns + 4);
-        }
-        built.cell(Style::heading, "FILES", 11, true);
-        if (!narrow()) {
-            built.cell(Style::heading, "CYCLES", 8, true);
-        }
-        built.cell(Style::heading, "LOST", 6, true);
-        if (wide()) {
-            built.cell(Style::heading, "FREE AT TARGET", spaceColumns);
-        }
-        if (narrow()) {
-            return built.take();
-        }
         if (shown < all) {
-            built.add(Style::warning, std::to_string(firstShown + 1) + "-" +
-                                          std::to_string(firstShown + shown) + " of " +
-                                          std::to_string(all) + " (j/k)");
-        } else {
-            built.add(Style::heading, "LAST FILE");
+            titles.back() = {{warning, std::to_string(first + 1) + "-" +
+                                           std::to_string(first + shown) + " of " +
+                                           std::to_string(all) + " (j/k)"}};
         }
-        return built.take();
+        return tableLine(titles);
     }
 
-    void addProcesses(LineBuilder& built, const DetectorSnapshot& detector) const {
-        const int from = built.room();
+    void addDetector(int rank, const DetectorSnapshot& detector) {
+        const auto& figures = detector.figures;
         const int limit = snapshot.processLimit.value_or(0);
-        const double part = limit > 0 ? static_cast<double>(detector.copyProcesses) / limit : 0;
-        built.add(Style::bar, bar(part, barColumns, view.unicode));
-        built.add(Style::normal,
-                  " " + std::to_string(detector.copyProcesses) + "/" +
-                      (snapshot.processLimit ? std::to_string(*snapshot.processLimit) : "?"));
-        built.fill(from, barColumns + 5);
-    }
-
-    void addSpace(LineBuilder& built, const DetectorSnapshot& detector, bool whole) const {
-        if (!detector.freeBytes || !detector.totalBytes || *detector.totalBytes == 0) {
-            built.add(Style::dim, "free space can't be seen");
-            return;
+        const double busy = limit > 0 ? static_cast<double>(detector.copyProcesses) / limit : 0;
+        const Line processes{{graph, bar(busy, barColumns, view.unicode)},
+                             {normal, " " + std::to_string(detector.copyProcesses) + "/" +
+                                          (limit > 0 ? std::to_string(limit) : "?")}};
+        const Line progress = cycle(detector);
+        std::vector<Line> lines{
+            tableLine({Line{{normal, detector.id, true}}, state(detector), processes,
+                       Line{{normal, figures ? grouped(figures->files) : "-"}},
+                       Line{{normal, figures ? byteText(figures->bytes) : "-"}},
+                       space(detector, view.unicode, false),
+                       lastFile(detector) + (kind() == wide ? progress : Line())})};
+        if (kind() == middle) {
+            lines.push_back(Line{blanks(2)} + space(detector, view.unicode, true) + progress +
+                            Line{blanks(2), {dim, detector.target, true}});
         }
-        const double free =
-            static_cast<double>(*detector.freeBytes) / static_cast<double>(*detector.totalBytes);
-        built.add(Style::bar, bar(1 - free, barColumns, view.unicode));
-        const bool tight = free < 0.02;
-        built.add(tight ? Style::bad : Style::normal, " " + byteText(*detector.freeBytes));
-        built.add(Style::normal,
-                  (whole ? " of " + byteText(*detector.totalBytes) : std::string()) + " free");
-        if (tight) {
-            built.add(Style::bad, "!");
-        }
-        if (detector.secondsUntilFull) {
-            built.add(Style::normal, ", ");
-            const double left = *detector.secondsUntilFull;
-            built.add(left < 3600        ? Style::bad
-                      : left < 24 * 3600 ? Style::warning
-                                         : Style::dim,
-                      "full in " + durationText(left));
-        }
-    }
-
-    std::vector<Line> detectorLines(const DetectorSnapshot& detector) const {
-        LineBuilder built = line();
-        built.cell(Style::normal, detector.id, idColumns());
-        Style stateStyle = Style::normal;
-        if (detector.state == DetectorSnapshot::State::copying) {
-            stateStyle = Style::good;
-        } else if (detector.state == DetectorSnapshot::State::notServed) {
-            stateStyle = Style::bad;
-        } else {
-            stateStyle = Style::dim;
-        }
-        built.cell(stateStyle, stateText(detector.state), 10);
-        if (!narrow()) {
-            addProcesses(built, detector);
-        }
-        built.cell(Style::normal, grouped(detector.counts.files), 11, true);
-        if (!narrow()) {
-            built.cell(Style::normal, grouped(detector.counts.cycles), 8, true);
-        }
-        addLost(built, detector.counts.lost);
-        if (narrow()) {
-            return {built.take()};
-        }
-        if (wide()) {
-            const int from = built.room();
-            addSpace(built, detector, false);
-            built.fill(from, spaceColumns + 1);
-            built.addName(Style::normal, detector.lastFile, built.room());
-            return {built.take()};
-        }
-        built.addName(Style::normal, detector.lastFile, built.room());
-        LineBuilder second = line();
-        second.add(Style::normal, "  ");
-        addSpace(second, detector, true);
-        second.add(Style::dim, "  ").addName(Style::dim, detector.target, second.room());
-        return {built.take(), second.take()};
-    }
-
-    static void addLost(LineBuilder& built, std::uint64_t lost) {
-        built.cell(lost > 0 ? Style::bad : Style::normal, grouped(lost) + (lost > 0 ? "!" : ""), 6,
-                   true);
-    }
-
-    void addUnattributed() {
-        const Counts& counts = snapshot.unattributed;
-        if (counts.reports == 0 && counts.files == 0 && counts.lost == 0 &&
-            counts.complaints == 0) {
-            return;
-        }
-        LineBuilder built = line();
-        const int name = idColumns() + 1 + 10 + (narrow() ? 0 : 1 + barColumns + 4);
-        built.cell(Style::dim, narrow() ? "not known" : "not known (several copied)", name);
-        built.cell(Style::normal, grouped(counts.files), 11, true);
-        if (!narrow()) {
-            built.cell(Style::normal, "", 8);
-        }
-        addLost(built, counts.lost);
-        if (wide()) {
-            built.cell(Style::normal, "", spaceColumns);
-        }
-        if (!narrow()) {
-            built.addName(Style::normal, snapshot.lastFile, built.room());
-        }
-        add(rank::unattributed, {built.take()});
+        blocks.push_back({rank, std::move(lines), true});
     }
 
     Line pipeLine() const {
-        LineBuilder built = line();
-        built.add(Style::heading, "Pipe ");
-        switch (snapshot.pipe.state) {
-        case PipeSnapshot::State::absent:
-            built.add(Style::bad, "absent!");
-            break;
-        case PipeSnapshot::State::notAPipe:
-            built.add(Style::bad, "not a pipe!");
-            break;
-        case PipeSnapshot::State::noReader:
-            built.add(Style::bad, "no reader!");
-            break;
-        case PipeSnapshot::State::read:
-            built.add(Style::good, "read")
-                .add(Style::normal, " by " + joined(snapshot.pipe.readers, ", "));
-            break;
-        case PipeSnapshot::State::unknown:
-            built.add(Style::warning, "reader unknown: only root can see it");
-            break;
-        }
-        built.add(Style::dim, "  ").addName(Style::dim, snapshot.pipe.path, built.room());
-        return built.take();
+        const double blocked = snapshot.waits.writing.value_or(0);
+        const std::array<Segment, 5> states{
+            {{bad, "absent!"},
+             {bad, "not a pipe!"},
+             {bad, "no reader!"},
+             {blocked < 1 ? good : bad, blocked < 1 ? "read" : "full!"},
+             {warning, "reader unknown: only root can see it"}}};
+        const bool isRead = snapshot.pipe.state == PipeSnapshot::State::read;
+        const std::string wait = " nothing read for " + durationText(blocked) + ", open";
+        return {{heading, "Pipe "},
+                states.at(static_cast<std::size_t>(snapshot.pipe.state)),
+                {normal, isRead && blocked >= 1 ? wait : ""},
+                {normal, isRead ? " by " + joined(snapshot.pipe.readers, ", ") : ""},
+                blanks(2),
+                {dim, snapshot.pipe.path, true}};
     }
 
     Line logLine() const {
         const LogSnapshot& log = snapshot.log;
-        LineBuilder built = line();
-        built.add(Style::heading, "Log  ");
         if (log.coverage == LogCoverage::none) {
-            built.add(Style::bad, "not read!");
-            built.add(Style::normal, log.problem.empty() ? std::string() : " " + log.problem);
-            return built.take();
+            return {{heading, "Log  "},
+                    {bad, "not read!"},
+                    {normal, (log.problem.empty() ? "" : " ") + log.problem}};
         }
-        if (log.limit > 0) {
-            const double part = static_cast<double>(log.bytes) / static_cast<double>(log.limit);
-            built.add(Style::bar, bar(part, barColumns, view.unicode));
-            built.add(Style::normal, " " + byteText(log.bytes) + " of " +
-                                         byteText(static_cast<std::uint64_t>(log.limit)));
-        } else {
-            built.add(Style::normal,
-                      byteText(log.bytes) + (log.limit < 0 ? ", never rotated" : ""));
-        }
-        built.add(Style::normal, "  ");
-        switch (log.coverage) {
-        case LogCoverage::sinceStart:
-            built.add(Style::good, "counts since the start");
-            break;
-        case LogCoverage::sinceOldest:
-            built.add(Style::warning, "counts too low: its beginning is rotated away");
-            break;
-        case LogCoverage::withGap:
-            built.add(Style::warning, "counts too low: lines were missed");
-            break;
-        case LogCoverage::none:
-            break;
-        }
-        built.add(Style::dim, "  " + std::to_string(log.archives) +
-                                  (log.archives == 1 ? " archive, " : " archives, ") +
-                                  grouped(log.rotations) +
-                                  (log.rotations == 1 ? " rotation seen" : " rotations seen"));
-        built.add(Style::dim, "  ").addName(Style::dim, log.path, built.room());
-        return built.take();
+        const auto limit = static_cast<std::uint64_t>(std::max<std::int64_t>(0, log.limit));
+        const std::string ofLimit = limit > 0 ? " of " + byteText(limit) : "";
+        static const std::array<Segment, 4> coverages{
+            {{},
+             {good, "counts since the start"},
+             {warning, "counts since this view began: the start is rotated away"},
+             {warning, "counts too low: lines were missed"}}};
+        return {
+            {heading, "Log  "},
+            {graph, limit > 0 ? bar(partOf(log.bytes, limit), barColumns, view.unicode) + " " : ""},
+            {normal, byteText(log.bytes) + (log.limit < 0 ? ", never rotated" : ofLimit)},
+            blanks(2),
+            coverages.at(static_cast<std::size_t>(log.coverage)),
+            {dim, "  " + several(static_cast<std::uint64_t>(log.archives), "archive") + ", " +
+                      several(log.rotations, "rotation") + " seen"},
+            blanks(2),
+            {dim, log.path, true}};
     }
 
-    void addComplaint() {
-        if (snapshot.lastComplaint.empty()) {
-            return;
+    void addHelp() {
+        const int indent = kind() == narrow ? 2 : 20;
+        const auto addLine = [this](const Line& line) { blocks.push_back({0, {line}, true}); };
+        for (const auto& [term, text] : explanations) {
+            const bool isHeading = *text == '\0';
+            if (isHeading && !blocks.empty()) {
+                addLine({});
+            }
+            Line first{{isHeading ? heading : normal, term}};
+            if (isHeading || kind() == narrow || widthOf(first) >= indent) {
+                addLine(std::exchange(first, {}));
+            }
+            if (!isHeading) {
+                first.push_back(blanks(indent - widthOf(first)));
+                for (const Line& line : wrapped(first, {dim, text}, indent, view)) {
+                    addLine(line);
+                }
+            }
         }
-        LineBuilder built = line();
-        built.add(Style::heading, "Last complaint ").add(Style::warning, snapshot.lastComplaint);
-        add(rank::complaint, {built.take()});
     }
 
-    Line keysLine(const std::string& position) const {
-        LineBuilder built = line();
-        const std::string clock = timeText(snapshot.time, "%H:%M:%S");
-        built.add(Style::warning, position);
-        if (view.paused) {
-            built.add(Style::warning, "PAUSED at " + clock + "  ");
+    Line keysLine(int first, int shown, int all) const {
+        if (view.help) {
+            return {{dim, "h back  q quit"},
+                    {warning, shown == all          ? ""
+                              : first + shown < all ? "  j more"
+                                                    : "  k back up"}};
         }
-        built.add(Style::dim, "q quit  h help  space " +
-                                  std::string(view.paused ? "go on" : "pause") + "  r redraw");
-        // The last column of the last line stays free: some terminals scroll when it is written.
-        const int room = built.room() - 1 - displayWidth(clock);
+        const bool isUnseen = kind() == narrow && shown < all;
+        const std::string clock = localTime(snapshot.time, "%H:%M:%S");
+        Line line{{warning, isUnseen
+                                ? std::to_string(shown) + " of " + std::to_string(all) + " (j/k)  "
+                                : ""},
+                  {warning, view.paused ? "PAUSED at " + clock + "  " : ""},
+                  {dim, std::string("q quit  h help  space ") + (view.paused ? "go on" : "pause") +
+                            "  r redraw"}};
+        const int room = view.width - widthOf(line) - 1 - displayWidth(clock);
         if (!view.paused && room >= 2) {
-            built.add(Style::dim, std::string(static_cast<std::size_t>(room), ' ') + clock);
+            return line + Line{blanks(room), {dim, clock}};
         }
-        return built.take();
+        return line;
     }
 
-    // Finding room.
-
-    std::vector<bool> choose() const {
-        std::vector<std::size_t> order(blocks.size());
-        for (std::size_t index = 0; index < order.size(); ++index) {
-            order[index] = index;
+    /// Finds room for what matters most, and lays it out in its order.
+    Layout arranged() {
+        std::vector<Block*> order;
+        for (Block& block : blocks) {
+            order.push_back(&block);
         }
-        std::stable_sort(order.begin(), order.end(), [this](std::size_t one, std::size_t other) {
-            return blocks[one].rank < blocks[other].rank;
+        std::stable_sort(order.begin(), order.end(), [](const Block* one, const Block* other) {
+            return one->rank < other->rank;
         });
-        int room = view.height - 1; // the line of keys
-        std::vector<bool> chosen(blocks.size(), false);
-        for (const std::size_t index : order) {
-            // The table's head is made later, and has one line.
-            const int lines = blocks[index].rank == rank::tableHead
-                                  ? 1
-                                  : static_cast<int>(blocks[index].lines.size());
-            if (lines <= room) {
-                chosen[index] = true;
-                room -= lines;
-            }
-        }
-        return chosen;
-    }
-
-    Layout arrange(const std::vector<bool>& chosen) const {
-        std::vector<const Block*> detectors;
+        int room = view.whole ? noLimit : view.height - 1; // the line of keys
+        int all = 0;
         int shown = 0;
-        for (std::size_t index = 0; index < blocks.size(); ++index) {
-            if (blocks[index].detector) {
-                detectors.push_back(&blocks[index]);
-                shown += chosen[index] ? 1 : 0;
-            }
+        for (Block* const block : order) {
+            const auto lines = static_cast<int>(block->lines.size());
+            block->isShown = lines <= room;
+            room -= block->isShown ? lines : 0;
+            all += block->isScrolled ? 1 : 0;
+            shown += block->isScrolled && block->isShown ? 1 : 0;
         }
         Layout layout;
-        const auto all = static_cast<int>(detectors.size());
         layout.maxScroll = shown > 0 ? all - shown : 0;
         const int first = std::clamp(view.scroll, 0, layout.maxScroll);
-        int next = first;
-        for (std::size_t index = 0; index < blocks.size(); ++index) {
-            if (!chosen[index]) {
-                continue;
+        int index = 0;
+        for (Block& block : blocks) {
+            if (block.isScrolled) {
+                block.isShown = index >= first && index < first + shown;
+                ++index;
+            } else if (block.rank == headRank) {
+                block.lines = {tableHead(first, shown)};
             }
-            const Block* block = &blocks[index];
-            if (block->detector) {
-                block = detectors[static_cast<std::size_t>(next)];
-                ++next;
+            for (std::size_t line = 0; block.isShown && line < block.lines.size(); ++line) {
+                layout.lines.push_back(fitted(block.lines[line], view.width, view.unicode));
             }
-            if (block->rank == rank::tableHead) {
-                layout.lines.push_back(tableHead(first, shown));
-            }
-            layout.lines.insert(layout.lines.end(), block->lines.begin(), block->lines.end());
         }
-        const auto height = static_cast<std::size_t>(std::max(0, view.height));
-        if (height > 0) {
-            layout.lines.resize(std::max(layout.lines.size(), height - 1));
-            const bool unseen = narrow() && shown < all;
-            layout.lines.push_back(keysLine(
-                unseen ? std::to_string(shown) + " of " + std::to_string(all) + " (j/k)  " : ""));
+        if (!view.whole && view.height > 0) {
+            layout.lines.resize(static_cast<std::size_t>(view.height - 1));
+            // Its last column stays free: some terminals scroll when it is written.
+            layout.lines.push_back(
+                fitted(keysLine(first, shown, all), view.width - 1, view.unicode));
         }
-        layout.lines.resize(height);
         return layout;
     }
-
-    static constexpr int spaceColumns = 43;
 
     const Snapshot& snapshot;
     const View& view;
@@ -631,125 +561,30 @@ private:
     std::vector<Block> blocks;
 };
 
-/// The help: a term and what is to be known of it.
-struct Explanation {
-    const char* term;
-    const char* text;
-};
-
-constexpr std::array<Explanation, 23> explanations{{
-    {"Keys", ""},
-    {"q, Ctrl-C", "quit; the daemon is not touched by anything that is done here"},
-    {"h, ?", "these explanations, and back"},
-    {"space", "pause: the screen stands still until the next space"},
-    {"j k, arrows, PgUp PgDn, Home End", "scroll the detectors, or this text"},
-    {"r, Ctrl-L", "draw the screen again"},
-    {"First line", ""},
-    {"KEEPING UP", "the daemon runs and nothing is known to hinder it"},
-    {"KEEPING UP, BUT", "something happened, or is going to: look at it by day"},
-    {"NOT KEEPING UP", "files stay at their detector, or are announced to nobody. Faults count "
-                       "for five minutes after they were last seen"},
-    {"CAN'T TELL", "the daemon runs, but its log or its configuration can't be read"},
-    {"DOWN", "no daemon runs"},
-    {"Figures", "counted in the log since the daemon's last start"},
-    {"Files", "copied and confirmed. A file counts when its copy process has ended: while "
-              "large files are being copied, nothing seems to come"},
-    {"/s", "the log bears no time, so rates begin when this view begins. The row of bars "
-           "is the last 60 seconds"},
-    {"lost", "sent but never confirmed. They mostly stay at their detector, and the next cycle "
-             "fetches them again: see whether the number grows"},
-    {"not announced", "copied, but the consumer was not told: the log has their names"},
-    {"no pipe", "copy processes that found no pipe and announced none of their files"},
-    {"complaints", "other lines that copy processes printed, such as errors of rsync"},
-    {"Detectors", "the log names no detector in the block of a copy process. A block counts for "
-                  "one when no other can have left it; the others stand under 'not "
-                  "known'. The last file may therefore be older than the last one that was copied"},
-    {"PROCESSES", "copy processes now, of those that one detector may have"},
-    {"FREE AT TARGET", "the bar is what is used. 'full in' goes by the rate of the last minutes, "
-                       "and counts what others write there too"},
-    {"Pipe", "who has it open for reading. That somebody has does not mean that he reads"},
-}};
-
-Layout layOutHelp(const View& view) {
-    std::vector<Line> text;
-    const bool narrow = view.width < narrowTable;
-    const int indent = narrow ? 2 : 20;
-    for (const Explanation& each : explanations) {
-        const std::string term = each.term;
-        const std::string explanation = each.text;
-        const bool heading = explanation.empty();
-        if (heading && !text.empty()) {
-            text.emplace_back();
-        }
-        LineBuilder first(view.width, view.unicode);
-        first.add(heading ? Style::heading : Style::normal, term);
-        if (narrow || heading || static_cast<int>(term.size()) >= indent) {
-            text.push_back(first.take());
-            first = LineBuilder(view.width, view.unicode);
-        }
-        if (heading) {
-            continue;
-        }
-        for (const std::string& part :
-             wrapped(explanation, view.width - indent, view.width - indent)) {
-            first.fill(view.width, indent).add(Style::dim, part);
-            text.push_back(first.take());
-            first = LineBuilder(view.width, view.unicode);
-        }
-    }
-    Layout layout;
-    const int room = std::max(0, view.height - 1);
-    layout.maxScroll = std::max(0, static_cast<int>(text.size()) - room);
-    const int top = std::clamp(view.scroll, 0, layout.maxScroll);
-    const int end = std::min(top + room, static_cast<int>(text.size()));
-    layout.lines.assign(text.begin() + top, text.begin() + end);
-    layout.lines.resize(static_cast<std::size_t>(room));
-    if (view.height > 0) {
-        LineBuilder keys(view.width - 1, view.unicode);
-        keys.add(Style::dim, "h back  q quit");
-        if (layout.maxScroll > 0) {
-            keys.add(Style::warning, top < layout.maxScroll ? "  j more" : "  k back up");
-        }
-        layout.lines.push_back(keys.take());
-    }
-    return layout;
-}
-
 } // namespace
 
 std::string sparkline(const std::vector<double>& values, int columns, bool unicode) {
-    static constexpr std::array<const char*, 9> blocks{" ", "▁", "▂", "▃", "▄", "▅", "▆", "▇", "█"};
-    static constexpr std::array<const char*, 9> letters{" ", "_", ".", ":", "-",
-                                                        "=", "+", "*", "#"};
-    const auto& steps = unicode ? blocks : letters;
-    const std::size_t room = columns > 0 ? static_cast<std::size_t>(columns) : 0;
+    static constexpr std::array blocks{" ", "▁", "▂", "▃", "▄", "▅", "▆", "▇", "█"};
+    static constexpr std::array letters{" ", "_", ".", ":", "-", "=", "+", "*", "#"};
+    const auto room = static_cast<std::size_t>(std::max(0, columns));
     const std::size_t shown = std::min(values.size(), room);
     const auto begin = values.end() - static_cast<std::ptrdiff_t>(shown);
-    double highest = 0;
-    for (auto value = begin; value != values.end(); ++value) {
-        highest = std::max(highest, *value);
-    }
+    const double highest = shown == 0 ? 0 : *std::max_element(begin, values.end());
     std::string row(room - shown, ' ');
     for (auto value = begin; value != values.end(); ++value) {
         // A little is not nothing.
-        const double height = highest > 0 && *value > 0 ? *value / highest * 8 : 0;
-        const auto step = static_cast<std::size_t>(std::ceil(std::clamp(height, 0.0, 8.0)));
-        row += steps[step];
+        const double height = highest > 0 ? std::ceil(std::max(0.0, *value) / highest * 8) : 0;
+        row += (unicode ? blocks : letters).at(static_cast<std::size_t>(height));
     }
     return row;
 }
 
 std::string bar(double part, int columns, bool unicode) {
-    if (!(part > 0)) {
-        part = 0;
-    }
-    int full = static_cast<int>(std::lround(std::min(part, 1.0) * columns));
-    if (part > 0) {
-        full = std::max(full, 1);
-    }
-    if (part < 1) {
-        full = std::min(full, columns - 1);
-    }
+    // Not filled by a little less than all, nor empty with a little.
+    const int full = part >= 1  ? columns
+                     : part > 0 ? std::clamp(static_cast<int>(std::lround(part * columns)), 1,
+                                             std::max(1, columns - 1))
+                                : 0;
     std::string text;
     for (int column = 0; column < columns; ++column) {
         text += column < full ? (unicode ? "█" : "#") : (unicode ? "░" : ".");
@@ -766,10 +601,21 @@ std::string plainText(const Line& line) {
 }
 
 Layout layOut(const Snapshot& snapshot, const View& view) {
-    View usable = view;
-    usable.width = std::max(1, view.width);
-    usable.height = std::max(0, view.height);
-    return usable.help ? layOutHelp(usable) : Figures(snapshot, usable).layOut();
+    return Page(snapshot, view).layOut();
+}
+
+std::string watchText(const Snapshot& snapshot, bool unicode) {
+    View view;
+    view.width = 110;
+    view.unicode = unicode;
+    view.whole = true;
+    std::string text;
+    for (const Line& line : layOut(snapshot, view).lines) {
+        std::string plain = plainText(line);
+        plain.erase(plain.find_last_not_of(' ') + 1);
+        text += plain + "\n";
+    }
+    return text;
 }
 
 } // namespace control

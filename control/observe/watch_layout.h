@@ -17,12 +17,13 @@ enum class Style {
     warning,
     bad,
     heading,
-    bar,
+    graph,
 };
 
 struct Segment {
     Style style = Style::normal;
-    std::string text; // displayable: see displayable()
+    std::string text;    // in a layout displayable: see displayable()
+    bool isName = false; // where there is no room it loses its middle, not its end
 };
 
 using Line = std::vector<Segment>;
@@ -33,6 +34,7 @@ struct View {
     int height = 24;
     bool unicode = true; // blocks and dots of UTF-8; the process's locale must be a UTF-8 one
     bool help = false;   // the explanations instead of the figures
+    bool whole = false;  // all there is, whatever the height; no line of keys
     bool paused = false;
     int scroll = 0; // detectors, or lines of the help, above the first one shown
 };
@@ -45,6 +47,9 @@ struct Layout {
 /// Lays the screen out. Whatever the size, the verdict comes first; what there is no room for is
 /// left out by what it matters least. A scroll position out of bounds counts as the nearest one.
 Layout layOut(const Snapshot& snapshot, const View& view);
+
+/// The same as a plain report, for files, mails and terminals that can do no more.
+std::string watchText(const Snapshot& snapshot, bool unicode);
 
 /// The figures of the last seconds as a row of `columns` characters, the newest at the right, the
 /// highest one as high as a character. Older ones are left out if there is no room.

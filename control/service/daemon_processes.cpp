@@ -1,12 +1,13 @@
 // Which processes are the daemon and its copy processes, whatever the PID file claims.
 #include "control/service/daemon_processes.h"
 
+#include "control/display_text.h"
+#include "control/file.h"
 #include "daemon/global.h"
 
 #include <algorithm>
-#include <ctime>
 #include <filesystem>
-#include <fstream>
+#include <string_view>
 #include <system_error>
 
 #include <unistd.h>
@@ -16,216 +17,208 @@ namespace control {
 namespace {
 
 namespace fs = std::filesystem;
+using Kind = Judgement::Kind;
 
 /// How far the start of a process and the time of a file may be apart the wrong way round: ticks
 /// are rounded, file systems use a coarse clock, and a leap second may lie between.
 constexpr double forgivenSeconds = 2;
 
-Judgement yes() {
-    return {Judgement::Kind::confirmed, {}};
-}
+constexpr std::string_view deleted = " (deleted)";
 
-Judgement no(std::string reason) {
-    return {Judgement::Kind::refuted, std::move(reason)};
-}
+/// What speaks against a claim, or hides whether it is true.
+struct Objection {
+    bool holds;
+    std::string reason;
+    Kind kind = Kind::refuted;
+};
 
-Judgement hidden() {
-    return {Judgement::Kind::hidden, "may be looked at only by root"};
+/// By the first objection that holds.
+Judgement judge(const std::vector<Objection>& objections) {
+    for (const Objection& objection : objections) {
+        if (objection.holds) {
+            return {objection.kind, objection.reason};
+        }
+    }
+    return {Kind::confirmed, {}};
 }
 
 bool leadsItsSession(const Process& process) {
     return process.session == process.pid && process.group == process.pid;
 }
 
-enum class Runs { yes, no, hidden };
-
-Runs runs(const Evidence& evidence, const Program& program) {
-    if (evidence.executable.empty()) {
-        return Runs::hidden;
-    }
-    const bool same = evidence.executable == program.path ||
-                      evidence.executable == program.path + " (deleted)" ||
-                      (program.identity && evidence.executed == program.identity);
-    return same ? Runs::yes : Runs::no;
-}
-
-/// A script's path stands behind its interpreter and that one's own option.
-bool isInterpreterOf(const Evidence& evidence, const std::string& script) {
-    const auto end =
-        evidence.words.begin() +
-        std::min<std::ptrdiff_t>(3, static_cast<std::ptrdiff_t>(evidence.words.size()));
-    return std::find(evidence.words.begin(), end, script) != end;
+bool runs(const Evidence& evidence, const Program& program) {
+    return evidence.executable == program.path ||
+           evidence.executable == program.path + std::string(deleted) ||
+           (program.identity && evidence.executed == program.identity);
 }
 
 /// What the daemon and its copy processes have in common.
-Judgement judgeCommon(const Evidence& evidence) {
-    if (!isRunning(evidence.process)) {
-        return no("has ended");
-    }
-    if (!evidence.sameNamespace) {
-        return no("belongs to another pid namespace");
-    }
-    if (!leadsItsSession(evidence.process)) {
-        return no("leads no session of its own");
-    }
-    return yes();
+Judgement judgeProgram(const Evidence& evidence, bool isOfProgram) {
+    return judge({
+        {!isRunning(evidence.process), "has ended"},
+        {!evidence.sameNamespace, "belongs to another pid namespace"},
+        {!leadsItsSession(evidence.process), "leads no session of its own"},
+        {evidence.process.pid == getpid(), "is skarnctl itself"},
+        {evidence.executable.empty(), "may be looked at only by root", Kind::hidden},
+        {!isOfProgram, "runs another program (" + evidence.executable + ")"},
+    });
 }
 
-std::vector<Process> findCopyProcesses(const Evidence& daemon) {
-    std::vector<Process> found;
-    for (const pid_t pid : childrenOf(daemon.process.pid)) {
-        const std::optional<Evidence> evidence = gatherEvidence(pid);
-        if (evidence && judgeChild(*evidence, daemon)) {
-            found.push_back(evidence->process);
-        }
-    }
-    return found;
+bool isTrusted(uid_t user) {
+    return user == 0 || user == geteuid();
 }
 
-/// Those lines of the PID file that are still copy processes of the daemon that wrote it.
-std::vector<Process> findNamedOrphans(const PidFile& file) {
-    std::vector<Process> found;
+/// The name that its processes have: the kernel keeps 15 bytes of it.
+std::string nameOf(const Program& program) {
+    return fs::path(program.path).filename().string().substr(0, 15);
+}
+
+/// Whether it writes its PID file where this process looks for it: not so in a change of root.
+bool sharesRunFolder(pid_t pid) {
+    std::error_code error;
+    const fs::path folder = fs::canonical("/var/run", error);
+    return fileIdOf("/proc/" + std::to_string(pid) + "/root" + folder.string()) ==
+           fileIdOf(folder.string());
+}
+
+/// Those of some processes that a daemon has left behind, ascending. Of other users' processes only
+/// those that the daemon `named`.
+std::vector<Process> orphansAmong(std::vector<pid_t> pids, const EndedDaemon& daemon, bool named) {
     const Program program = programAt(GLOBAL::rsyncCommand);
-    EndedDaemon daemon;
-    daemon.pid = file.daemon;
-    daemon.ended = file.written;
-    for (const pid_t pid : file.copyProcesses) {
-        const std::optional<Evidence> evidence = gatherEvidence(pid);
+    std::vector<Process> found;
+    std::sort(pids.begin(), pids.end());
+    for (const pid_t pid : pids) {
+        std::optional<Evidence> evidence = gatherEvidence(pid);
+        if (evidence && (isTrusted(evidence->user) || (named && runs(*evidence, program)))) {
+            evidence->words = commandLine(pid);
+        }
         if (evidence && judgeOrphan(*evidence, program, daemon)) {
             found.push_back(evidence->process);
         }
     }
-    std::sort(found.begin(), found.end(),
-              [](const Process& one, const Process& other) { return one.pid < other.pid; });
     return found;
 }
 
-std::string counted(const std::vector<Process>& processes, const std::string& kind) {
-    const std::size_t count = processes.size();
-    return std::to_string(count) + " " + kind + (count == 1 ? "" : "es") + " (" +
-           listOfPids(processes) + ")";
+/// "2 processes (812 and 813)", followed by one of two words.
+std::string counted(const std::vector<Process>& processes, const std::string& kind,
+                    const char* ifOne = "", const char* ifMore = "") {
+    const bool isOne = processes.size() == 1;
+    return std::to_string(processes.size()) + " " + kind + (isOne ? "" : "es") + " (" +
+           listOfPids(processes) + ")" + (isOne ? ifOne : ifMore);
 }
 
-std::string verb(const std::vector<Process>& processes) {
-    return processes.size() == 1 ? "runs" : "run";
-}
-
-/// What a look through all processes gave.
-struct SearchResult {
-    std::vector<Process> found;  // they run the program as a daemon
-    std::vector<Process> hidden; // of its name, but this user may not look at them
-};
-
-/// Looks among root's processes, this user's and those of the PID file's owner: any other user can
-/// run the daemon's program, but not as a daemon that could write that file.
-SearchResult search(const Program& program, const PidFile& file) {
-    // The kernel keeps 15 bytes of a name.
-    const std::string name = fs::path(program.path).filename().string().substr(0, 15);
-    SearchResult result;
-    std::vector<Process> candidates;
+/// Looks through the processes of root, of this user and of the PID file's owner for daemons beside
+/// the one that was found: any other user can run its program, but not so that it could write that
+/// file.
+void search(const Program& program, DaemonProcesses& result) {
+    std::vector<Process>& found = result.unvouched;
     for (const pid_t pid : allProcesses()) {
-        const std::optional<Evidence> evidence = gatherEvidence(pid);
-        if (!evidence ||
-            (evidence->user != 0 && evidence->user != geteuid() && evidence->user != file.owner)) {
+        const std::optional<Process> process = readProcess(pid);
+        const bool isCandidate = process && leadsItsSession(*process) && pid != result.pid();
+        const std::optional<Evidence> evidence =
+            isCandidate ? gatherEvidence(pid) : std::optional<Evidence>();
+        if (!evidence || (!isTrusted(evidence->user) && evidence->user != result.pidFile.owner)) {
             continue;
         }
         const Judgement judgement = judgeDaemonProgram(*evidence, program);
-        if (judgement) {
-            candidates.push_back(evidence->process);
-        } else if (judgement.kind == Judgement::Kind::hidden && evidence->process.name == name) {
-            result.hidden.push_back(evidence->process);
+        if (judgement && sharesRunFolder(pid)) {
+            found.push_back(*process);
+        } else if (judgement.kind == Kind::hidden && process->name == nameOf(program)) {
+            result.hidden.push_back(*process);
         }
     }
     // Between its fork and its exec a copy process looks like the daemon.
-    for (const Process& one : candidates) {
-        const bool isChild =
-            std::any_of(candidates.begin(), candidates.end(),
-                        [&one](const Process& other) { return one.parent == other.pid; });
-        if (!isChild) {
-            result.found.push_back(one);
-        }
-    }
-    return result;
+    const std::vector<Process> all = found;
+    const auto isChild = [&](const Process& one) {
+        const auto isParent = [&one](const Process& other) { return one.parent == other.pid; };
+        return one.parent == result.pid() || std::any_of(all.begin(), all.end(), isParent);
+    };
+    found.erase(std::remove_if(found.begin(), found.end(), isChild), found.end());
 }
 
-/// What the PID file says, held against the process that it names.
-struct Claim {
-    std::optional<Evidence> daemon; // when it is true
-    std::string problem;            // a clause that says why it is not
-    bool isHidden = false;          // it may be true, but this user may not look
-};
-
-Claim examine(const PidFile& file, const Program& program) {
-    Claim claim;
+/// Holds what the PID file says against the process that it names, and describes that if it is the
+/// daemon. Else returns a clause that says why it is not.
+std::string examine(const Program& program, DaemonProcesses& result) {
+    const PidFile& file = result.pidFile;
     switch (file.state) {
     case PidFile::State::absent:
-        claim.problem = "there is no PID file";
-        return claim;
+        return "there is no PID file";
     case PidFile::State::unreadable:
-        claim.problem = file.problem;
-        return claim;
+        return file.problem;
     case PidFile::State::damaged:
-        claim.problem = pidFilePath() + " is damaged (" + file.problem + ")";
-        return claim;
+        return pidFilePath() + " is damaged (" + file.problem + ")";
     case PidFile::State::whole:
         break;
     }
-    std::optional<Evidence> evidence = gatherEvidence(file.daemon);
-    const Judgement judgement =
-        evidence ? judgeDaemon(*evidence, program, file.written) : no("has ended");
-    if (judgement) {
-        claim.daemon = std::move(evidence);
-        return claim;
+    const pid_t pid = file.daemon;
+    const std::string number = std::to_string(pid);
+    const std::string named = "process " + number + " of " + pidFilePath() + " ";
+    const std::optional<Evidence> evidence = gatherEvidence(pid);
+    if (!evidence) {
+        return named + "has ended";
     }
-    claim.isHidden = judgement.kind == Judgement::Kind::hidden;
-    claim.problem =
-        "process " + std::to_string(file.daemon) + " of " + pidFilePath() + " " + judgement.reason;
-    return claim;
+    const Judgement runsIt = judgeDaemonProgram(*evidence, program);
+    const bool isOwners = evidence->user == file.owner;
+    const bool isHidden = runsIt.kind == Kind::hidden;
+    const Judgement judgement = judge({
+        {runsIt.kind == Kind::refuted, runsIt.reason},
+        {!isHidden && !isTrusted(evidence->user) && !isOwners, "belongs to another user"},
+        {isHidden && (!isOwners || evidence->process.name != nameOf(program)),
+         "is not named " + nameOf(program)},
+    });
+    if (!judgement) {
+        return named + judgement.reason;
+    }
+
+    result.state = isHidden ? DaemonState::seemsToRun : DaemonState::running;
+    result.daemon = evidence->process;
+    result.upSince = evidence->started;
+    // Its owner could write the PID file: it is no stranger's memory.
+    result.startOptions = commandLine(pid);
+    if (!result.startOptions.empty()) {
+        result.startOptions.erase(result.startOptions.begin());
+    }
+    for (const pid_t child : childrenOf(pid)) {
+        const std::optional<Evidence> copy = gatherEvidence(child);
+        if (copy && judgeChild(*copy, *evidence)) {
+            result.copyProcesses.push_back(copy->process);
+        }
+    }
+    const std::string& path = evidence->executable;
+    const bool isReplaced =
+        path.size() > deleted.size() && path.substr(path.size() - deleted.size()) == deleted;
+    result.text =
+        GLOBAL::progName +
+        (isHidden ? " seems to run: process " + number + ", " + nameOf(program) + ","
+                  : " runs as process " + number) +
+        " since " + localTime(evidence->started) +
+        (result.copyProcesses.empty() ? ""
+                                      : ", with " + counted(result.copyProcesses, "copy process")) +
+        (isHidden ? "; only root can be sure" : "") +
+        (isReplaced ? "; its program was replaced since: a restart runs the new one" : "");
+    return {};
 }
 
-void describeRunning(const Evidence& daemon, DaemonProcesses& result) {
-    result.state = DaemonProcesses::State::running;
-    result.daemon = daemon.process;
-    result.upSince = daemon.started;
-    if (!daemon.words.empty()) {
-        result.startOptions.assign(daemon.words.begin() + 1, daemon.words.end());
-    }
-    result.copyProcesses = findCopyProcesses(daemon);
-    result.text = GLOBAL::progName + " runs as process " + std::to_string(daemon.process.pid) +
-                  " since " + localTime(daemon.started);
-    if (!result.copyProcesses.empty()) {
-        result.text += ", with " + counted(result.copyProcesses, "copy process");
-    }
-}
-
-void describeNotRunning(const Claim& claim, const SearchResult& others, const Program& program,
+void describeNotRunning(const std::string& problem, const Program& program,
                         DaemonProcesses& result) {
-    using State = DaemonProcesses::State;
-    const std::string uncertain = "whether " + GLOBAL::progName + " runs is uncertain: ";
-    if (!others.found.empty()) {
-        result.state = State::unknown;
-        result.text = uncertain + claim.problem + ", but " + counted(others.found, "process") +
-                      " " + verb(others.found) + " " + program.path;
-    } else if (claim.isHidden) {
-        result.state = State::unknown;
-        result.text = uncertain + claim.problem;
-    } else if (!others.hidden.empty()) {
-        result.state = State::unknown;
-        result.text = uncertain + claim.problem + ", but only root may look at " +
-                      counted(others.hidden, "process") + " of its name";
+    const std::string& name = GLOBAL::progName;
+    const std::string uncertain = "whether " + name + " runs is uncertain: " + problem;
+    if (!result.unvouched.empty()) {
+        result.text = uncertain + ", but " +
+                      counted(result.unvouched, "process", " runs ", " run ") + program.path;
+    } else if (!result.hidden.empty()) {
+        result.text = uncertain + ", but only root may look at " +
+                      counted(result.hidden, "process") + " of its name";
     } else if (result.pidFile.state == PidFile::State::unreadable) {
-        result.state = State::unknown;
-        result.text = uncertain + claim.problem + ", and no process runs " + program.path;
-    } else if (result.pidFile.state == PidFile::State::absent) {
-        result.state = State::notRunning;
-        result.text = GLOBAL::progName + " does not run";
+        result.text = uncertain + ", and no process runs " + program.path;
     } else {
-        result.state = State::dead;
-        result.text = GLOBAL::progName + " is dead: " + claim.problem;
+        const bool isDead = result.pidFile.state != PidFile::State::absent;
+        result.state = isDead ? DaemonState::dead : DaemonState::notRunning;
+        result.text = isDead ? name + " is dead: " + problem : name + " does not run";
     }
     if (!result.copyProcesses.empty()) {
-        result.text += "; it left " + counted(result.copyProcesses, "copy process") +
-                       (result.copyProcesses.size() == 1 ? " that runs" : " that run");
+        result.text +=
+            "; it left " + counted(result.copyProcesses, "copy process", " that runs", " that run");
     }
 }
 
@@ -239,12 +232,7 @@ Program programAt(const std::string& path) {
         program.path = path;
     }
     program.identity = fileIdOf(program.path);
-    std::ifstream file;
-    if (fs::is_regular_file(program.path, error)) {
-        file.open(program.path, std::ios::binary);
-    }
-    char first[2] = {};
-    program.isScript = file.read(first, sizeof first) && first[0] == '#' && first[1] == '!';
+    program.isScript = readFile(program.path, 2).text == "#!";
     return program;
 }
 
@@ -259,7 +247,6 @@ std::optional<Evidence> gatherEvidence(pid_t pid) {
     evidence.sameNamespace = sharesPidNamespace(pid);
     evidence.executable = executable(pid);
     evidence.executed = fileIdOf("/proc/" + std::to_string(pid) + "/exe");
-    evidence.words = commandLine(pid);
     // All of it was one process' only if that has its number still.
     const std::optional<Process> after = readProcess(pid);
     if (!after || !isRunning(*after) || after->startTicks != before->startTicks) {
@@ -270,112 +257,54 @@ std::optional<Evidence> gatherEvidence(pid_t pid) {
 }
 
 Judgement judgeDaemonProgram(const Evidence& evidence, const Program& daemon) {
-    Judgement common = judgeCommon(evidence);
-    if (!common) {
-        return common;
-    }
-    if (evidence.process.pid == getpid()) {
-        return no("is skarnctl itself");
-    }
-    switch (runs(evidence, daemon)) {
-    case Runs::yes:
-        return yes();
-    case Runs::hidden:
-        return hidden();
-    case Runs::no:
-        break;
-    }
-    return no("runs another program (" + evidence.executable + ")");
-}
-
-Judgement judgeDaemon(const Evidence& evidence, const Program& daemon, double written) {
-    Judgement program = judgeDaemonProgram(evidence, daemon);
-    if (program && evidence.started > written + forgivenSeconds) {
-        return no("started after the PID file was written");
-    }
-    return program;
+    return judgeProgram(evidence, runs(evidence, daemon));
 }
 
 Judgement judgeChild(const Evidence& evidence, const Evidence& daemon) {
-    if (!isRunning(evidence.process)) {
-        return no("has ended");
-    }
-    if (evidence.process.parent != daemon.process.pid) {
-        return no("is no child of the daemon");
-    }
-    if (!leadsItsSession(evidence.process)) {
-        return no("leads no session of its own");
-    }
-    if (evidence.process.startTicks < daemon.process.startTicks) {
-        return no("started before the daemon");
-    }
-    return yes();
+    return judge({
+        {!isRunning(evidence.process), "has ended"},
+        {evidence.process.parent != daemon.process.pid, "is no child of the daemon"},
+        {!leadsItsSession(evidence.process), "leads no session of its own"},
+        {evidence.process.startTicks < daemon.process.startTicks, "started before the daemon"},
+    });
 }
 
 Judgement judgeOrphan(const Evidence& evidence, const Program& copyProgram,
                       const EndedDaemon& daemon) {
-    Judgement common = judgeCommon(evidence);
-    if (!common) {
-        return common;
-    }
-    if (evidence.process.pid == getpid()) {
-        return no("is skarnctl itself");
-    }
-    if (evidence.process.parent == daemon.pid) {
-        return no("is a child of what has the daemon's number now");
-    }
-    const Runs program = runs(evidence, copyProgram);
-    if (program == Runs::hidden) {
-        return hidden();
-    }
-    const bool isScript = copyProgram.isScript && isInterpreterOf(evidence, GLOBAL::rsyncCommand);
-    if (program == Runs::no && !isScript) {
-        return no("runs another program (" + evidence.executable + ")");
-    }
+    const std::vector<std::string>& words = evidence.words;
+    // A script's path stands behind its interpreter and that one's own option.
+    const auto end =
+        words.begin() + std::min<std::ptrdiff_t>(3, std::distance(words.begin(), words.end()));
+    const bool isScript =
+        copyProgram.isScript && std::find(words.begin(), end, GLOBAL::rsyncCommand) != end;
     const std::string list = "--files-from=/tmp/file_list_" + std::to_string(daemon.pid) + "_";
-    const bool hasList =
-        std::any_of(evidence.words.begin(), evidence.words.end(), [&list](const std::string& word) {
-            return word.compare(0, list.size(), list) == 0;
-        });
-    if (!hasList) {
-        return no("has no file list of the daemon");
-    }
-    if (evidence.started > daemon.ended + forgivenSeconds) {
-        return no("started after the PID file was written");
-    }
-    if (evidence.started < daemon.started - forgivenSeconds) {
-        return no("started before the daemon");
-    }
-    return yes();
-}
-
-std::vector<Process> findDaemonPrograms(const std::string& daemonPath) {
-    return search(programAt(daemonPath), readPidFile()).found;
+    const auto isList = [&list](const std::string& word) {
+        return word.compare(0, list.size(), list) == 0;
+    };
+    const Judgement program = judgeProgram(evidence, isScript || runs(evidence, copyProgram));
+    return judge({
+        {program.kind == Kind::refuted, program.reason},
+        {evidence.process.parent == daemon.pid, "is a child of what has the daemon's number now"},
+        {!program, program.reason, program.kind},
+        {std::none_of(words.begin(), words.end(), isList), "has no file list of the daemon"},
+        {evidence.started > daemon.ended + forgivenSeconds,
+         "started after the PID file was written"},
+        {evidence.started < daemon.started - forgivenSeconds, "started before the daemon"},
+    });
 }
 
 std::vector<Process> findOrphans(const EndedDaemon& daemon) {
-    const Program program = programAt(GLOBAL::rsyncCommand);
-    std::vector<Process> found;
-    for (const pid_t pid : allProcesses()) {
-        const std::optional<Evidence> evidence = gatherEvidence(pid);
-        if (evidence && judgeOrphan(*evidence, program, daemon)) {
-            found.push_back(evidence->process);
-        }
-    }
-    return found;
+    return orphansAmong(allProcesses(), daemon, false);
 }
 
 std::vector<Process> findSessionMembers(const Process& leader) {
     std::vector<Process> found;
     for (const pid_t pid : allProcesses()) {
         const std::optional<Process> process = readProcess(pid);
-        if (!process) {
-            continue;
-        }
-        if (pid == leader.pid && process->startTicks != leader.startTicks) {
+        if (process && pid == leader.pid && process->startTicks != leader.startTicks) {
             return {};
         }
-        if (pid != leader.pid && process->session == leader.pid && isRunning(*process) &&
+        if (process && pid != leader.pid && process->session == leader.pid && isRunning(*process) &&
             process->startTicks >= leader.startTicks) {
             found.push_back(*process);
         }
@@ -383,44 +312,41 @@ std::vector<Process> findSessionMembers(const Process& leader) {
     return found;
 }
 
-DaemonProcesses findDaemon(const std::string& daemonPath) {
+DaemonProcesses findDaemon(const std::string& daemonPath, Search extent) {
     const Program program = programAt(daemonPath);
     DaemonProcesses result;
     result.pidFile = readPidFile();
-    Claim claim = examine(result.pidFile, program);
-    if (claim.daemon) {
-        describeRunning(*claim.daemon, result);
-        return result;
+    const std::string problem = examine(program, result);
+    if (!problem.empty() || extent == Search::always) {
+        search(program, result);
     }
-    if (result.pidFile.state == PidFile::State::whole) {
-        result.copyProcesses = findNamedOrphans(result.pidFile);
+    if (!problem.empty()) {
+        if (result.pidFile.state == PidFile::State::whole) {
+            result.copyProcesses =
+                orphansAmong(result.pidFile.copyProcesses,
+                             {result.pidFile.daemon, 0, result.pidFile.written}, true);
+        }
+        describeNotRunning(problem, program, result);
+    } else if (!result.unvouched.empty()) {
+        result.text += "; but " + counted(result.unvouched, "more process", " runs", " run") +
+                       " as a daemon, too: they spoil each other's work, stop ends them all";
     }
-    const SearchResult others = search(program, result.pidFile);
-    result.unvouched = others.found;
-    describeNotRunning(claim, others, program, result);
     return result;
+}
+
+const char* nameOf(DaemonState state) {
+    static constexpr const char* names[] = {"running", "seems_to_run", "dead", "not_running",
+                                            "unknown"};
+    return names[static_cast<int>(state)];
 }
 
 std::string listOfPids(const std::vector<Process>& processes) {
     std::string list;
     for (std::size_t i = 0; i < processes.size(); ++i) {
-        if (i > 0) {
-            list += i + 1 == processes.size() ? " and " : ", ";
-        }
+        list += i == 0 ? "" : i + 1 == processes.size() ? " and " : ", ";
         list += std::to_string(processes[i].pid);
     }
     return list;
-}
-
-std::string localTime(double secondsSince1970) {
-    const auto time = static_cast<time_t>(secondsSince1970);
-    tm parts = {};
-    char text[64] = "";
-    if (localtime_r(&time, &parts) == nullptr ||
-        strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &parts) == 0) {
-        return "an unknown time";
-    }
-    return text;
 }
 
 } // namespace control

@@ -9,19 +9,20 @@
 // | session      | leader of its own: it detached itself | the same, so that it is no listing     |
 // | executable   | the daemon's: path (also one that was | not asked of a child; else the copy    |
 // |              | replaced since) or device and inode   | program, or a script of that name      |
-// | start time   | not after the PID file was written:   | the same; not before its daemon        |
-// |              | so not a later owner of the number    |                                        |
-// | belongs to   | line 1 of the PID file                | a child of the daemon; or, when that   |
-// |              |                                       | has ended: named in the PID file, with |
-// |              |                                       | a file list of that daemon's number    |
+// | start time   | does not matter: the clock may have   | not after the PID file was written,    |
+// |              | been set at the boot                  | not before its daemon                  |
+// | belongs to   | line 1 of the PID file; or to nobody, | a child of the daemon; or, when that   |
+// |              | when it is root's or this user's and  | has ended: named in the PID file, with |
+// |              | has this /var/run                     | a file list of that daemon's number    |
 //
 // Start times of processes and of files come from different clocks, and a process' one is rounded:
-// two seconds are forgiven. When the system's clock was set forward since the daemon's last write,
-// its start seems to be later than that write; then it counts as not vouched for.
+// two seconds are forgiven.
+//
+// Whose executable may not be seen, since he has rights that this process lacks, is taken for the
+// daemon, but never signalled, if all else holds and he has its name.
 #pragma once
 
 #include "control/control_files.h"
-#include "control/observe/snapshot.h"
 #include "control/process.h"
 
 #include <optional>
@@ -53,7 +54,8 @@ struct Evidence {
     std::vector<std::string> words; // its command line
 };
 
-/// Nothing if the process has ended.
+/// All but the command line; nothing if the process has ended. The command line stands in the
+/// memory of the process, which another user can make to hang whoever reads it.
 std::optional<Evidence> gatherEvidence(pid_t pid);
 
 /// What evidence says of a claim.
@@ -72,9 +74,6 @@ struct Judgement {
 /// Whether the process runs a daemon of this program, named by a PID file or not.
 Judgement judgeDaemonProgram(const Evidence& evidence, const Program& daemon);
 
-/// Whether the process is the daemon that wrote a PID file at this time (seconds since 1970).
-Judgement judgeDaemon(const Evidence& evidence, const Program& daemon, double written);
-
 /// Whether the process is a copy process of the living daemon.
 Judgement judgeChild(const Evidence& evidence, const Evidence& daemon);
 
@@ -89,15 +88,27 @@ struct EndedDaemon {
 Judgement judgeOrphan(const Evidence& evidence, const Program& copyProgram,
                       const EndedDaemon& daemon);
 
+/// Whether a daemon runs.
+enum class DaemonState {
+    running,
+    seemsToRun, // by all that this user may see; only root can be sure
+    dead,       // its PID file is left
+    notRunning,
+    unknown,
+};
+
+/// The name of it that other programs read.
+const char* nameOf(DaemonState state);
+
 /// What was found out about the daemon at one moment.
 struct DaemonProcesses {
-    using State = Snapshot::DaemonState;
+    using State = DaemonState;
 
     State state = State::unknown;
     std::string text; // one sentence
     PidFile pidFile;
 
-    // When running:
+    // When it runs, or seems to:
     Process daemon;
     std::optional<double> upSince; // seconds since 1970
     std::vector<std::string> startOptions;
@@ -106,20 +117,24 @@ struct DaemonProcesses {
     /// those that it named and that still run. Ascending by number.
     std::vector<Process> copyProcesses;
 
-    /// Processes that run the daemon's program and that no PID file vouches for. Looked for only
-    /// when the state is not `running`.
+    /// Processes that run the daemon's program as daemons and that no PID file vouches for; and
+    /// those of its name that this user may not look at.
     std::vector<Process> unvouched;
+    std::vector<Process> hidden;
 
-    /// The daemon's number when it runs, else 0.
-    pid_t pid() const { return state == State::running ? daemon.pid : 0; }
+    /// The daemon's number when it runs, or seems to, else 0.
+    pid_t pid() const {
+        return state == State::running || state == State::seemsToRun ? daemon.pid : 0;
+    }
 };
+
+/// Whether to look for daemons that no PID file vouches for also when one is found without them:
+/// that goes through all processes.
+enum class Search { ifNoneIsFound, always };
 
 /// Finds the daemon of this executable. Reads the PID file and /proc; takes up to a quarter of a
 /// second when the PID file is damaged (see readPidFile).
-DaemonProcesses findDaemon(const std::string& daemonPath);
-
-/// All processes that run the daemon's program as daemons, by the PID file's leave or without.
-std::vector<Process> findDaemonPrograms(const std::string& daemonPath);
+DaemonProcesses findDaemon(const std::string& daemonPath, Search search = Search::ifNoneIsFound);
 
 /// The copy processes that a daemon has left behind, named in a PID file or not, ascending.
 std::vector<Process> findOrphans(const EndedDaemon& daemon);
@@ -130,8 +145,5 @@ std::vector<Process> findSessionMembers(const Process& leader);
 
 /// "812", "812 and 813", "812, 813 and 814".
 std::string listOfPids(const std::vector<Process>& processes);
-
-/// Local time as "2026-11-21 12:02:17".
-std::string localTime(double secondsSince1970);
 
 } // namespace control

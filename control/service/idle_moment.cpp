@@ -1,13 +1,13 @@
 // The moment at which the daemon can be ended without a confirmed file that goes unannounced.
-#include "control/service/idle_moment.h"
-
-#include "control/service/daemon_processes.h"
+#include "control/service/service_commands.h"
 #include "utilities/sleep.h"
 
 #include <algorithm>
 #include <csignal>
 #include <filesystem>
 #include <system_error>
+
+#include <sys/stat.h>
 
 namespace control {
 
@@ -29,18 +29,21 @@ enum class Work { none, some, hidden };
 
 /// Whether the daemon has file lists. Its /tmp may be its own.
 Work fileLists(const ProcessHandle& daemon) {
-    const std::string folder = "/proc/" + std::to_string(daemon.pid()) + "/root/tmp";
-    const double started = startTime(daemon.process());
+    const std::string root = "/proc/" + std::to_string(daemon.pid()) + "/root";
+    const std::optional<uid_t> user = userOf(daemon.pid());
+    // An earlier process of this number may have left a list that nobody will ever remove. The
+    // clock may have been set since the start: what the daemon wrote then is another witness of it.
+    double started = startTime(daemon.process());
+    started = std::min(started, modificationTime(statusFilePath()).value_or(started));
+    struct stat status = {};
     std::error_code error;
-    fs::directory_iterator entry(folder, error);
+    fs::directory_iterator entry(root + "/tmp", error);
     for (const fs::directory_iterator end; !error && entry != end; entry.increment(error)) {
-        const std::string name = entry->path().filename().string();
-        if (!isFileListOf(name, daemon.pid())) {
-            continue;
-        }
-        // An earlier process of this number may have left one that nobody will ever remove.
-        const std::optional<double> written = modificationTime(entry->path().string());
-        if (written && *written >= started - 2) {
+        const std::string path = entry->path().string();
+        // Anybody may make a file of that name; the daemon's own are its user's.
+        if (isFileListOf(entry->path().filename().string(), daemon.pid()) &&
+            lstat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) && status.st_uid == user &&
+            modificationTime(path) >= started - 2) {
             return Work::some;
         }
     }
@@ -64,6 +67,17 @@ bool isStopped(const ProcessHandle& daemon) {
     return !states.empty() && states.find_first_not_of("Tt") == std::string::npos;
 }
 
+/// Whether SIGTERM is neither ignored, blocked nor caught: it may have been started so.
+bool canBeTerminated(pid_t pid) {
+    std::uint64_t changed = 0;
+    for (const char* const key : {"SigBlk", "SigIgn", "SigCgt"}) {
+        for (const std::uint64_t signals : statusNumbers(pid, key, 16)) {
+            changed |= signals;
+        }
+    }
+    return (changed >> (SIGTERM - 1) & 1U) == 0;
+}
+
 /// Stops the daemon while it exists. Signals that would end or stop this program wait meanwhile.
 class Stopped {
 public:
@@ -84,6 +98,20 @@ public:
             daemon.send(SIGCONT);
         }
         sigprocmask(SIG_SETMASK, &mask, nullptr);
+    }
+
+    /// Ends it where it stands. By SIGTERM if that works, so that nobody takes it for a kill for
+    /// want of memory: each thread gets one of its own, which it meets before all else when it is
+    /// let go. Otherwise a thread could run on until another one's has ended all of them.
+    void end() const {
+        if (canBeTerminated(daemon.pid())) {
+            for (const pid_t thread : threadsOf(daemon.pid())) {
+                tgkill(daemon.pid(), thread, SIGTERM);
+            }
+            daemon.send(SIGCONT);
+        } else {
+            daemon.send(SIGKILL);
+        }
     }
     Stopped(const Stopped&) = delete;
     Stopped& operator=(const Stopped&) = delete;
@@ -113,7 +141,7 @@ IdleEnd tryToEnd(const ProcessHandle& daemon) {
     if (fileLists(daemon) != Work::none || hasCopyProcess(daemon)) {
         return IdleEnd::busy;
     }
-    daemon.send(SIGKILL);
+    stopped.end();
     return waitFor([&daemon] { return !daemon.isRunning(); }, killLimit) ? IdleEnd::ended
                                                                          : IdleEnd::busy;
 }

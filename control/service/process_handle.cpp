@@ -6,8 +6,9 @@
 #include <cerrno>
 #include <csignal>
 
-#include <sys/syscall.h>
-#include <unistd.h>
+extern "C" { // which glibc 2.36 has forgotten
+#include <sys/pidfd.h>
+}
 
 namespace control {
 
@@ -26,7 +27,7 @@ std::optional<Process> again(const Process& seen) {
 
 std::optional<ProcessHandle> ProcessHandle::hold(const Process& process) {
     ProcessHandle handle(process);
-    handle.descriptor = Descriptor(static_cast<int>(syscall(SYS_pidfd_open, process.pid, 0U)));
+    handle.descriptor = Descriptor(pidfd_open(process.pid, 0));
     // Only now: the descriptor may be that of another process that has got the number.
     if (!again(process)) {
         return std::nullopt;
@@ -42,9 +43,9 @@ ProcessHandle::Sent ProcessHandle::send(int signal) const {
     if (!again(seen)) {
         return Sent::ended;
     }
-    const long result = descriptor.get() >= 0
-                            ? syscall(SYS_pidfd_send_signal, descriptor.get(), signal, nullptr, 0U)
-                            : kill(seen.pid, signal);
+    const int result = descriptor.get() >= 0
+                           ? pidfd_send_signal(descriptor.get(), signal, nullptr, 0)
+                           : kill(seen.pid, signal);
     if (result == 0) {
         return Sent::sent;
     }

@@ -1,87 +1,140 @@
 // The subcommands that start, stop and ask after the daemon.
 #include "control/service/service_commands.h"
 
-#include "control/control_files.h"
-#include "control/service/daemon_processes.h"
-#include "control/service/service_lock.h"
-#include "control/service/start.h"
-#include "control/service/status.h"
-#include "control/service/stop.h"
+#include "control/check/findings.h"
+#include "control/child.h"
+#include "control/command.h"
+#include "control/display_text.h"
 #include "daemon/global.h"
+#include "utilities/text.h"
 
 #include <CLI/CLI.hpp>
-#include <charconv>
-#include <cstdio>
+#include <cerrno>
+#include <cmath>
+#include <cstring>
 #include <functional>
 #include <memory>
-#include <string_view>
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
 
 namespace control {
+
+using nlohmann::json;
+
+NLOHMANN_JSON_SERIALIZE_ENUM(PidFile::State, {{PidFile::State::absent, "absent"},
+                                              {PidFile::State::unreadable, "unreadable"},
+                                              {PidFile::State::damaged, "damaged"},
+                                              {PidFile::State::whole, "whole"}})
 
 namespace {
 
 constexpr int secondsInADay = 86400;
-constexpr int defaultIdlePatience = 60;
+constexpr const char* lockPath = "/var/run/skarnctl.lock";
+constexpr std::chrono::seconds lockPatience{10};
 
-/// Does something to the service while no other skarnctl does.
+/// Longer than the unit gives the daemon to stop, and the next one to start.
+constexpr std::chrono::seconds systemctlPatience{150};
+
+/// Times as whole seconds: their fractions are not certain.
+json wholeSeconds(double time) {
+    return static_cast<std::int64_t>(std::floor(time));
+}
+
+/// A word as a shell would want it, so that where one ends can be seen.
+std::string shellWord(const std::string& word) {
+    if (!word.empty() && word.find_first_not_of("abcdefghijklmnopqrstuvwxyz"
+                                                "ABCDEFGHIJKLMNOPQRSTUVWXYZ"
+                                                "0123456789_-+=:,./@%") == std::string::npos) {
+        return word;
+    }
+    std::string quoted = "'";
+    for (const char character : word) {
+        quoted += character == '\'' ? std::string("'\\''") : std::string(1, character);
+    }
+    return quoted + "'";
+}
+
+/// Does something to the service while no other skarnctl does, wherever it runs: by hand or in a
+/// unit. The file stays; what counts is who has it locked, and no child inherits that.
 int underLock(const std::function<int()>& action) {
-    const ServiceLock lock;
-    if (!lock.isHeld()) {
-        complain(lock.problem());
-        return lock.isForbidden() ? notAllowed : failed;
+    const Descriptor lock(
+        open(lockPath, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600));
+    if (!lock) {
+        const bool isForbidden = errno == EACCES || errno == EPERM;
+        complain(std::string("cannot open ") + lockPath + ": " + std::strerror(errno) +
+                 (isForbidden ? "; this needs root's rights" : ""));
+        return isForbidden ? notAllowed : failed;
+    }
+    if (!waitFor([&lock] { return flock(lock.get(), LOCK_EX | LOCK_NB) == 0; }, lockPatience)) {
+        throw std::runtime_error("another skarnctl is starting or stopping the daemon (it has " +
+                                 std::string(lockPath) + " locked)");
     }
     return action();
 }
 
-/// Seconds as the command line's parser wants them checked.
-CLI::Validator seconds() {
-    return CLI::Validator(
-        [](std::string& text) {
-            return parseSeconds(text) ? std::string()
-                                      : "\"" + text + "\" is no number of seconds up to " +
-                                            std::to_string(secondsInADay);
-        },
-        "SECONDS");
+int start(const CommonOptions& common) {
+    startDaemon(common.daemonPath, common.startOptions);
+    return succeeded;
 }
 
-void addStop(CLI::App& app, const CommonOptions& common, int& exitStatus) {
-    struct Values {
-        std::string whenIdle = std::to_string(defaultIdlePatience);
-        std::string timeout = std::to_string(StopOptions().timeout.count());
-    };
-    const auto values = std::make_shared<Values>();
-    CLI::App* const stop = app.add_subcommand("stop", "End the daemon and its copy processes");
-    CLI::Option* const whenIdle =
-        stop->add_flag("--when-idle{" + values->whenIdle + "}", values->whenIdle,
-                       "Wait up to SECONDS (60) for a moment in which no copy process runs, so "
-                       "that no copied file goes unannounced; fail if there is none")
-            ->check(seconds());
-    stop->add_option("--timeout", values->timeout,
-                     "Send SIGKILL to what has not heeded SIGTERM so long")
-        ->check(seconds())
-        ->capture_default_str();
-    stop->callback([&common, &exitStatus, values, whenIdle] {
+/// Throws if it is clear that a start would fail: a daemon that works is not ended for that.
+void refuseInVain(const std::string& path, const std::vector<std::string>& startOptions) {
+    const std::string reason = access(path.c_str(), X_OK) != 0
+                                   ? "cannot run " + path + ": " + std::strerror(errno)
+                                   : whatIsFatal(startOptions);
+    if (!reason.empty()) {
+        throw std::runtime_error("nothing was stopped: " + GLOBAL::progName +
+                                 " would not start: " + reason);
+    }
+}
+
+int restart(const CommonOptions& common, const StopOptions& options) {
+    const DaemonProcesses found = findDaemon(common.daemonPath);
+    const std::string service = found.pid() != 0 ? managingService(found.pid()) : "";
+    if (service.empty()) {
+        return underLock([&] {
+            refuseInVain(common.daemonPath, common.startOptions);
+            const int stopped = stopDaemon(common.daemonPath, options);
+            return stopped == succeeded ? start(common) : stopped;
+        });
+    }
+    // systemd restarts what it runs. Not under the lock, which the unit's own skarnctl needs.
+    if (!common.startOptions.empty()) {
+        throw std::runtime_error("nothing was stopped: systemd runs " + GLOBAL::progName + " as " +
+                                 service + ", whose start options stand in " + unitOptionsFile);
+    }
+    refuseInVain(common.daemonPath, unitOptions());
+    Child systemctl({"/usr/bin/systemctl", "restart", "--", service});
+    const bool hasEnded =
+        systemctl.startError() == 0 && systemctl.finish(Child::Clock::now() + systemctlPatience);
+    if (!hasEnded || *systemctl.status() != 0) {
+        throw std::runtime_error("systemd did not restart " + service + ": " +
+                                 firstLine(systemctl.text()));
+    }
+    say("systemd has restarted " + service);
+    return succeeded;
+}
+
+/// Adds --when-idle to a command; gives what it makes of the options once the line is parsed.
+std::function<StopOptions()> addWhenIdle(CLI::App& command) {
+    const auto seconds = std::make_shared<int>(0);
+    CLI::Option* const option =
+        command
+            .add_flag("--when-idle{60}", *seconds,
+                      "Wait up to SECONDS (60) for a moment in which no copy process runs, so that "
+                      "no copied file goes unannounced; fail if there is none")
+            ->check(CLI::Range(0, secondsInADay));
+    return [option, seconds] {
         StopOptions options;
-        options.timeout = std::chrono::seconds(parseSeconds(values->timeout).value_or(0));
-        if (whenIdle->count() > 0) {
-            options.whenIdle = std::chrono::seconds(parseSeconds(values->whenIdle).value_or(0));
+        if (option->count() > 0) {
+            options.whenIdle = std::chrono::seconds(*seconds);
         }
-        exitStatus = underLock([&] { return stopDaemon(common.daemonPath, options); });
-    });
-}
-
-void addStatus(CLI::App& app, const CommonOptions& common, int& exitStatus) {
-    CLI::App* const status =
-        app.add_subcommand("status", "Tell whether the daemon runs (exit status 0: it does, 1: "
-                                     "dead, 3: it does not, 4: unknown)");
-    const auto json = std::make_shared<bool>(false);
-    status->add_flag("--json", *json, "As one JSON object");
-    status->callback([&common, &exitStatus, json] {
-        const DaemonProcesses found = findDaemon(common.daemonPath);
-        const std::string text = *json ? statusJson(found, readStatusFile()) : statusText(found);
-        std::fputs(text.c_str(), stdout);
-        exitStatus = statusCode(found.state);
-    });
+        return options;
+    };
 }
 
 } // namespace
@@ -90,58 +143,106 @@ void addServiceCommands(CLI::App& app, const CommonOptions& common, int& exitSta
     app.add_subcommand("start", "Start the daemon; all words behind it are the daemon's: "
                                 "[-u UID:GID] [-d DETECTOR_ID:SOURCE:TARGET]...")
         ->callback([&common, &exitStatus] {
-            exitStatus = underLock(
-                [&common] { return startDaemon(common.daemonPath, common.startOptions); });
+            exitStatus = underLock([&common] { return start(common); });
         });
-    app.add_subcommand("restart",
-                       "The same as stop and then start, unless it is clear that the start would "
-                       "fail; all words behind it are the daemon's: [-u UID:GID] "
-                       "[-d DETECTOR_ID:SOURCE:TARGET]...")
-        ->callback([&common, &exitStatus] {
-            exitStatus = underLock([&common] {
-                // A daemon that works is not ended for one that can't.
-                const std::string reason =
-                    whyItWouldNotStart(common.daemonPath, common.startOptions);
-                if (!reason.empty()) {
-                    complain("nothing was stopped: " + GLOBAL::progName +
-                             " would not start: " + reason);
-                    return static_cast<int>(failed);
-                }
-                const int stopped = stopDaemon(common.daemonPath, {});
-                return stopped == succeeded ? startDaemon(common.daemonPath, common.startOptions)
-                                            : stopped;
-            });
-        });
-    addStop(app, common, exitStatus);
-    addStatus(app, common, exitStatus);
+
+    CLI::App* const again = app.add_subcommand(
+        "restart", "The same as stop and then start, unless it is clear that the start would "
+                   "fail; all words behind it and its --when-idle are the daemon's: "
+                   "[-u UID:GID] [-d DETECTOR_ID:SOURCE:TARGET]...");
+    again->callback([&common, &exitStatus, options = addWhenIdle(*again)] {
+        exitStatus = restart(common, options());
+    });
+
+    CLI::App* const stop = app.add_subcommand("stop", "End the daemon and its copy processes");
+    const auto timeout = std::make_shared<int>(static_cast<int>(StopOptions().timeout.count()));
+    const auto stopOptions = addWhenIdle(*stop);
+    stop->add_option("--timeout", *timeout, "Send SIGKILL to what has not heeded SIGTERM so long")
+        ->check(CLI::Range(0, secondsInADay))
+        ->capture_default_str();
+    stop->callback([&common, &exitStatus, timeout, stopOptions] {
+        StopOptions options = stopOptions();
+        options.timeout = std::chrono::seconds(*timeout);
+        exitStatus = underLock([&] { return stopDaemon(common.daemonPath, options); });
+    });
+
+    CLI::App* const status =
+        app.add_subcommand("status", "Tell whether the daemon runs (exit status 0: it does, 1: "
+                                     "dead, 3: it does not, 4: unknown, 5: it seems to)");
+    const auto asJson = std::make_shared<bool>(false);
+    status->add_flag("--json", *asJson, "As one JSON object");
+    status->callback([&common, &exitStatus, asJson] {
+        const DaemonProcesses found = findDaemon(common.daemonPath, Search::always);
+        const std::string text = *asJson ? statusJson(found, readStatusFile()) : statusText(found);
+        exitStatus = print(text).value_or(statusCode(found.state));
+    });
+}
+
+int statusCode(DaemonState state) {
+    static constexpr int codes[] = {0, 5, 1, 3, 4};
+    return codes[static_cast<int>(state)];
+}
+
+std::string statusText(const DaemonProcesses& found) {
+    std::string shown = displayable(found.text, false);
+    shown += found.startOptions.empty() ? "" : "\nstart options:";
+    for (const std::string& word : found.startOptions) {
+        shown += " " + displayable(shellWord(word), false);
+    }
+    return shown + "\n";
+}
+
+std::string statusJson(const DaemonProcesses& found, const std::optional<int>& processLimit) {
+    json copies = json::array();
+    for (const Process& process : found.copyProcesses) {
+        copies.push_back({{"pid", process.pid}, {"since", wholeSeconds(startTime(process))}});
+    }
+    json unvouched = json::array();
+    for (const Process& process : found.unvouched) {
+        unvouched.push_back(process.pid);
+    }
+    const bool runs = found.pid() != 0;
+    const json status = {
+        {"state", nameOf(found.state)},
+        {"exit_status", statusCode(found.state)},
+        {"text", found.text},
+        {"pid", runs ? json(found.pid()) : json()},
+        {"since", found.upSince ? wholeSeconds(*found.upSince) : json()},
+        {"start_options", found.startOptions},
+        {"copy_processes", copies},
+        {"copy_process_limit", runs && processLimit ? json(*processLimit) : json()},
+        {"unvouched_processes", unvouched},
+        {"pid_file",
+         {{"path", pidFilePath()},
+          {"state", found.pidFile.state},
+          {"problem", found.pidFile.problem}}},
+    };
+    // Start options may hold any byte; what is no UTF-8 is shown as U+FFFD, and the rest as ASCII,
+    // so that nothing steers a terminal.
+    return status.dump(2, ' ', true, json::error_handler_t::replace) + "\n";
 }
 
 int firstStartOption(int argc, const char* const* argv) {
-    for (int i = 1; i < argc; ++i) {
-        const std::string_view word = argv[i];
-        if (word == "start" || word == "restart") {
-            // Neither is an option of the daemon; alone, they ask for help.
-            const std::string_view last = argv[argc - 1];
-            return i + 2 == argc && (last == "--help" || last == "-h") ? argc : i + 1;
-        }
-        if (word == "--daemon") {
-            ++i;
-        } else if (word.compare(0, 9, "--daemon=") != 0) {
+    const auto begins = [argv](int index, std::string_view beginning) {
+        return UTILITIES::stringBegin(argv[index], beginning);
+    };
+    int i = 1;
+    for (bool isAlone = false; i < argc; i += isAlone ? 2 : 1) {
+        isAlone = std::string_view(argv[i]) == "--daemon"; // its value is a word of its own
+        if (!isAlone && !begins(i, "--daemon=")) {
             break;
         }
     }
-    return argc;
-}
-
-std::optional<int> parseSeconds(const std::string& text) {
-    int seconds = 0;
-    const char* const end = text.data() + text.size();
-    const auto read = std::from_chars(text.data(), end, seconds);
-    if (read.ec != std::errc() || read.ptr != end || seconds < 0 || seconds > secondsInADay ||
-        text.front() == '-') {
-        return std::nullopt;
+    const std::string_view word = i < argc ? argv[i] : "";
+    if (word != "start" && word != "restart") {
+        return argc;
     }
-    return seconds;
+    // Neither is an option of the daemon; alone, they ask for help.
+    const std::string_view last = argv[argc - 1];
+    if (i + 2 == argc && (last == "--help" || last == "-h")) {
+        return argc;
+    }
+    return i + (word == "restart" && i + 1 < argc && begins(i + 1, "--when-idle") ? 2 : 1);
 }
 
 } // namespace control

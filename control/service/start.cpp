@@ -1,24 +1,18 @@
 // Starting the daemon, and finding out whether it really came up.
-#include "control/service/start.h"
-
+#include "control/check/findings.h"
+#include "control/child.h"
 #include "control/command.h"
 #include "control/configuration.h"
-#include "control/control_files.h"
-#include "control/service/daemon_processes.h"
-#include "control/service/launch.h"
-#include "control/service/new_log_text.h"
-#include "control/service/process_handle.h"
-#include "control/service/start_report.h"
-#include "daemon/daemon.h"
+#include "control/service/service_commands.h"
 #include "daemon/global.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
-#include <cstdio>
 #include <cstring>
-#include <filesystem>
+#include <stdexcept>
 
-#include <sys/stat.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -29,150 +23,124 @@ namespace {
 /// For the start command, and again for what the daemon does then.
 constexpr std::chrono::seconds limit{10};
 
-/// Why no daemon may be started now; empty if one may.
-std::string whyNotNow(const DaemonProcesses& found) {
-    if (found.state == DaemonProcesses::State::running) {
-        return "nothing was started: " + found.text;
-    }
-    if (!found.unvouched.empty()) {
-        return "nothing was started: " + found.text;
-    }
-    // The daemon would wait at a named pipe, and write through a link over some other file.
-    struct stat status = {};
-    if (lstat(pidFilePath().c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
-        return "nothing was started: " + pidFilePath() +
-               " is in the way of the daemon's PID file and not a regular file; remove it";
-    }
-    return {};
+/// The log that the daemon will write: it says there what it lacks, as long as it has not detached.
+/// Start options do not change it.
+std::string findLog() {
+    const std::optional<std::string> file = findConfigFile();
+    const LoadedConfiguration loaded = file ? loadConfiguration(*file, {}) : LoadedConfiguration();
+    return loaded.configuration ? loaded.configuration->logFileName : "";
 }
 
-/// Why a file can't be written to, as this user; empty if it can.
-std::string whyNotWritable(const std::string& path) {
-    if (access(path.c_str(), F_OK) == 0) {
-        if (std::filesystem::is_directory(path)) {
-            return std::strerror(EISDIR);
+/// The oldest child that was not there before: the start command's own, whose parent this process
+/// has become. (A daemon that has ended already may have left copy processes here, too.)
+std::optional<Process> adoptedSince(const std::vector<pid_t>& before, const Process& starter) {
+    std::optional<Process> oldest;
+    for (const pid_t pid : childrenOf(getpid())) {
+        const std::optional<Process> process = readProcess(pid);
+        if (process && pid != starter.pid && process->startTicks >= starter.startTicks &&
+            !std::binary_search(before.begin(), before.end(), pid) &&
+            (!oldest || process->startTicks < oldest->startTicks)) {
+            oldest = process;
         }
-        return access(path.c_str(), W_OK) == 0 ? "" : std::strerror(errno);
     }
-    const std::string folder = std::filesystem::path(path).parent_path().string();
-    if (!folder.empty() && access(folder.c_str(), W_OK | X_OK) != 0) {
-        return folder + ": " + std::strerror(errno);
-    }
-    return {};
+    return oldest;
 }
 
-/// What can be told before the start; the rest is filled in later.
-StartObservation lookAtPrerequisites(const std::string& daemonPath,
-                                     const std::vector<std::string>& startOptions,
-                                     Configuration& configuration) {
-    StartObservation seen;
-    seen.daemonPath = daemonPath;
-    seen.limitSeconds = static_cast<int>(limit.count());
-    seen.configPaths = configFilePaths();
-    if (const std::optional<std::string> path = findConfigFile()) {
-        seen.hasConfig = true;
-        // The options change neither the log nor the number of detectors.
-        if (LoadedConfiguration loaded = loadConfiguration(*path, {}); loaded.configuration) {
-            configuration = std::move(*loaded.configuration);
-            seen.detectorCount = configuration.detectors.size();
+/// Waits until the daemon, which has detached, works. What was seen instead, if it does not.
+std::string watchUntilItWorks(pid_t pid) {
+    bool hasPidFile = false;
+    std::optional<int> ended; // its wait status
+    const auto isDecided = [&] {
+        int status = 0;
+        if (waitpid(pid, &status, WNOHANG) == pid) {
+            ended = status;
+            return true;
         }
-        seen.badOption = loadConfiguration(*path, startOptions).problem;
+        const PidFile file = readPidFile();
+        hasPidFile = file.state == PidFile::State::whole && file.daemon == pid;
+        // Its main thread starts one for each detector and then only waits.
+        return hasPidFile && threadsOf(pid).size() > 1;
+    };
+    if (waitFor(isDecided, limit) && !ended) {
+        return {};
     }
-    seen.logPath = configuration.logFileName;
-    seen.passwordFile = GLOBAL::passwordFile;
-    seen.copyProgram = GLOBAL::rsyncCommand;
-    struct stat status = {};
-    seen.hasPasswordFile = stat(GLOBAL::passwordFile.c_str(), &status) == 0;
-    seen.hasCopyProgram = stat(GLOBAL::rsyncCommand.c_str(), &status) == 0;
-    seen.copyProgramIsExecutable = seen.hasCopyProgram && (status.st_mode & S_IXUSR) != 0;
-    return seen;
-}
-
-/// Looks whether the daemon has all that a daemon has once it works.
-bool hasComeUp(StartObservation& seen, const NewLogText& log) {
-    const PidFile file = readPidFile();
-    seen.pidFileIsIts = file.state == PidFile::State::whole && file.daemon == seen.pid;
-    seen.newLogText = log.read();
-    seen.logIsReadable = log.isReadable();
-    seen.hasBanner = seen.newLogText.find("++ " + GLOBAL::progName + " " + Daemon::version +
-                                          " started\n") != std::string::npos;
-    // Its main thread starts one for each detector and then only waits; without a detector it ends.
-    const bool works = seen.detectorCount != std::size_t{0} && threadCount(seen.pid) > 1;
-    return works && seen.pidFileIsIts && (seen.hasBanner || !seen.logIsReadable);
-}
-
-/// Looks whether the daemon has ended.
-bool hasEnded(StartObservation& seen) {
-    int status = 0;
-    if (!seen.daemonStatus && waitpid(seen.pid, &status, WNOHANG) == seen.pid) {
-        seen.daemonStatus = status;
+    if (!ended && !hasPidFile) {
+        // A daemon without a PID file can't be found by anybody: better none.
+        kill(pid, SIGKILL); // a child that was not waited for: the number is its own
+        waitpid(pid, nullptr, 0);
     }
-    return seen.daemonStatus.has_value();
+    return "the daemon, process " + std::to_string(pid) + ", " +
+           (ended ? howItEnded(*ended)
+                  : (hasPidFile ? "runs, but did not start to work within "
+                                : "did not write its PID file within ") +
+                        std::to_string(limit.count()) + " seconds");
 }
 
-/// A daemon without a PID file can't be found by anybody: better none.
-void end(const StartObservation& seen) {
-    kill(seen.pid, SIGKILL); // a child that was not waited for: the number is its own
-    waitpid(seen.pid, nullptr, 0);
+/// Runs the daemon's executable with these words, as a Child; gives the number of what that leaves
+/// running to `daemon`, and the daemon's own words if that does not work.
+///
+/// Makes this process the parent of what detaches from it (a "child subreaper", for the rest of its
+/// life), so that the daemon is known for certain and its exit status can be had. A start command
+/// that has not let go in time is killed.
+std::string launch(const std::string& path, const std::vector<std::string>& words, pid_t& daemon) {
+    const std::string log = findLog();
+    const off_t logSize = readFile(log, 0).status.st_size;
+    prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0);
+    const std::vector<pid_t> before = childrenOf(getpid());
+    std::vector<std::string> command = {path};
+    command.insert(command.end(), words.begin(), words.end());
+    Child starter(command);
+    if (starter.startError() != 0) {
+        return "cannot run " + path + ": " + std::strerror(starter.startError());
+    }
+    // Read before it is waited for, so that the number is still its own.
+    const std::optional<Process> process = readProcess(starter.pid());
+    const bool hasLetGo = starter.finish(Child::Clock::now() + limit);
+    const std::optional<Process> left =
+        process ? adoptedSince(before, *process) : std::optional<Process>();
+    starter.kill();
+    if (left) {
+        daemon = left->pid;
+        return watchUntilItWorks(daemon);
+    }
+    if (!hasLetGo) {
+        return path + " did not detach within " + std::to_string(limit.count()) +
+               " seconds and was killed";
+    }
+    constexpr std::size_t enough = 65536;
+    const std::string logged = "\n" + readFile(log, enough, logSize).text.value_or("");
+    const std::size_t complaint = logged.find("\nError: ");
+    const std::string said =
+        firstLine(complaint == std::string::npos ? starter.text() : logged.substr(complaint));
+    return said.empty()
+               ? path + " " + howItEnded(starter.status().value_or(0)) + " and left no daemon"
+               : said;
 }
 
 } // namespace
 
-std::string whyItWouldNotStart(const std::string& daemonPath,
-                               const std::vector<std::string>& startOptions) {
-    if (access(daemonPath.c_str(), X_OK) != 0) {
-        return "cannot run " + daemonPath + ": " + std::strerror(errno);
+void startDaemon(const std::string& daemonPath, const std::vector<std::string>& startOptions) {
+    const DaemonProcesses before = findDaemon(daemonPath, Search::always);
+    if (before.pid() != 0 || !before.unvouched.empty() || !before.hidden.empty()) {
+        throw std::runtime_error("nothing was started: " + before.text);
     }
-    Configuration configuration;
-    StartObservation seen = lookAtPrerequisites(daemonPath, startOptions, configuration);
-    seen.logProblem = whyNotWritable(seen.logPath);
-    return whatIsMissing(seen);
-}
-
-int startDaemon(const std::string& daemonPath, const std::vector<std::string>& startOptions) {
-    const DaemonProcesses before = findDaemon(daemonPath);
-    if (const std::string reason = whyNotNow(before); !reason.empty()) {
-        complain(reason);
-        return failed;
+    // The daemon would wait at a named pipe, and write through a link over some other file.
+    struct stat status = {};
+    if (lstat(pidFilePath().c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
+        throw std::runtime_error("nothing was started: " + pidFilePath() +
+                                 " is in the way of the daemon's PID file and not a regular file; "
+                                 "remove it");
     }
-
-    Configuration configuration;
-    StartObservation seen = lookAtPrerequisites(daemonPath, startOptions, configuration);
-    const NewLogText log(configuration.logFileName, configuration.logFileMaxNumber);
-
-    const Launch launch = launchDaemon(daemonPath, startOptions, limit);
-    seen.startError = launch.startError;
-    seen.letGo = launch.letGo;
-    seen.starterStatus = launch.status;
-    seen.output = launch.output;
-    seen.errors = launch.errors;
-    bool isUp = false;
-    if (launch.daemon) {
-        seen.detached = true;
-        seen.pid = launch.daemon->pid;
-        waitFor([&] { return hasEnded(seen) || (isUp = hasComeUp(seen, log)); }, limit);
+    pid_t daemon = 0;
+    if (const std::string said = launch(daemonPath, startOptions, daemon); !said.empty()) {
+        const std::string fatal = whatIsFatal(startOptions);
+        throw std::runtime_error(GLOBAL::progName + " did not start: " + said +
+                                 (fatal.empty() ? "" : " (" + fatal + ")"));
     }
-    seen.newLogText = log.read();
-    if (isUp) {
-        std::printf("%s started, process %d%s\n", GLOBAL::progName.c_str(), seen.pid,
-                    before.copyProcesses.empty()
-                        ? ""
-                        : (" (the daemon before it died and left copy processes: " +
-                           listOfPids(before.copyProcesses) + ")")
-                              .c_str());
-        return succeeded;
-    }
-
-    seen.pidFileProblem = whyNotWritable(pidFilePath());
-    if (!seen.pidFileProblem.empty()) {
-        seen.pidFileProblem = pidFilePath() + ": " + seen.pidFileProblem;
-    }
-    seen.logProblem = whyNotWritable(seen.logPath);
-    if (seen.detached && !seen.daemonStatus && !seen.pidFileIsIts) {
-        end(seen);
-    }
-    complain(GLOBAL::progName + " did not start: " + whyNotStarted(seen));
-    return failed;
+    say(GLOBAL::progName + " started, process " + std::to_string(daemon) +
+        (before.copyProcesses.empty() ? ""
+                                      : " (the daemon before it died and left copy processes: " +
+                                            listOfPids(before.copyProcesses) + ")"));
 }
 
 } // namespace control

@@ -10,27 +10,44 @@ import json
 import os
 import re
 import signal
+import textwrap
 from collections.abc import Iterator
 from pathlib import Path
 
 import pytest
 
-from machine import (
-    CONFIGURATION,
-    DAEMON_LOG,
-    Machine,
-    fresh_copy,
-    install,
-    start_detector,
-    wait_until,
-    write_files,
-)
+from machine import CONFIGURATION, Machine, fresh_copy, install, wait_until, write_files
 from support import twenty_mistakes
 
 PIPE = "/run/vantrel_orbelin_files"
 LINK = "/usr/local/orbelin/bin/rsync_orbelin"
 EXAMPLE = "/usr/share/doc/skarn/examples/skarn_orbelin.conf"
 METRICS = "127.0.0.1:9751"
+PAGE = Path(__file__).resolve().parents[2] / "docs/operations.md"
+PASSWORD = "of this machine only"
+
+CONSUMER = f"""\
+[Service]
+User=vantrel
+StandardOutput=append:/root/records
+ExecStart=/bin/sh -c 'exec 3<>{PIPE}; exec cat <&3'
+"""
+
+
+def block_of_the_page(beginning: str) -> str:
+    """The commands of the operator's page that begin so, as they stand there."""
+    blocks = re.findall(r"^ *```sh\n(.*?)^ *```$", PAGE.read_text("utf-8"), re.MULTILINE | re.DOTALL)
+    found = [textwrap.dedent(each) for each in blocks if each.lstrip().startswith(beginning)]
+    assert len(found) == 1, (beginning, blocks)
+    return str(found[0])
+
+
+def daily_commands(column: int) -> list[str]:
+    """The commands of a column of the page's table for daily life, in their order."""
+    table = PAGE.read_text("utf-8").partition("| to | with systemd | without |")[2]
+    rows = [row.split(" | ") for row in table.partition("\n\n")[0].splitlines()[2:]]
+    cells = [row[column].strip(" |") for row in rows]
+    return [cell.strip("`") for cell in cells if re.fullmatch("`[^`]*`", cell)]
 
 
 @pytest.fixture(scope="module")
@@ -61,7 +78,7 @@ def records(machine: Machine) -> list[str]:
 
 def start_consumer(machine: Machine) -> None:
     """A consumer that keeps to the rule: the pipe is open for reading and writing."""
-    machine.start("vantrel", f"exec 3<>{PIPE}; exec cat <&3 >>/root/records")
+    machine.succeed("systemctl start vantrel")
 
 
 def arrived(machine: Machine, names: set[str]) -> bool:
@@ -73,9 +90,17 @@ def arrived(machine: Machine, names: set[str]) -> bool:
 
 
 def test_installing_starts_nothing_and_makes_no_configuration(machine: Machine) -> None:
-    install(machine, "skarn", "skarn-confirming-rsync")
-    assert machine.run("systemctl is-active skarn skarn-metrics").stdout.split() == ["inactive"] * 2
-    assert machine.run("systemctl is-enabled skarn skarn-metrics").stdout.split() == ["disabled"] * 2
+    # What a user would answer; and what is not in the machine can't be recommended to it.
+    machine.write(
+        "/etc/apt/apt.conf.d/99test",
+        'APT::Get::Assume-Yes "true";\nAPT::Install-Recommends "false";\n',
+    )
+    machine.succeed("cd /root/packages && " + block_of_the_page("apt-get install"), timeout=300)
+    page = machine.path("/usr/share/doc/skarn/operations.md").read_text(encoding="utf-8")
+    assert page == PAGE.read_text(encoding="utf-8")
+    units = "skarn skarn-look skarn-metrics"
+    assert machine.run(f"systemctl is-active {units}").stdout.split() == ["inactive"] * 3
+    assert machine.run(f"systemctl is-enabled {units}").stdout.split() == ["disabled"] * 3
     assert not list(machine.path("/etc").glob("skarn_orbelin*"))
     assert os.readlink(machine.path(LINK)) == "/usr/lib/skarn/rsync_orbelin"
     assert machine.run("skarnctl status").returncode == 3
@@ -83,9 +108,9 @@ def test_installing_starts_nothing_and_makes_no_configuration(machine: Machine) 
 
 def test_the_units_are_sound(machine: Machine) -> None:
     # man is not on so small a machine; everything else that verify looks at is.
-    complaints = machine.run("systemd-analyze verify skarn.service skarn-metrics.service").stdout
+    complaints = machine.run("systemd-analyze verify skarn.service skarn-look.service skarn-metrics.service").stdout
     assert [line for line in complaints.splitlines() if "Command 'man " not in line] == []
-    for unit in ("skarn", "skarn-metrics"):
+    for unit in ("skarn", "skarn-look", "skarn-metrics"):
         text = machine.succeed(f"systemd-analyze security --offline=true {unit}.service")
         score = re.search(r"exposure level for \S+: ([0-9.]+)", text)
         assert score, text
@@ -96,23 +121,31 @@ def test_the_units_are_sound(machine: Machine) -> None:
 def test_start_without_a_configuration_says_so(machine: Machine) -> None:
     done = machine.run("skarnctl start")
     assert done.returncode == 1
-    assert "there is no configuration file" in done.stdout
+    assert "Error no config file found (no configuration: neither " in done.stdout
     assert done.stdout.count("\n") == 1, done.stdout
-    # The unit's condition is not met: nothing is started, and nothing has failed.
-    machine.succeed("systemctl start skarn")
-    assert machine.run("systemctl is-active skarn").stdout == "inactive\n"
+    # Nor does the unit start in silence.
+    done = machine.run("systemctl start skarn")
+    assert done.returncode != 0 and "Assertion failed" in done.stdout
 
 
 def test_the_example_is_right_but_for_what_the_host_lacks(machine: Machine) -> None:
     machine.succeed(f"cp {EXAMPLE} /etc/skarn_orbelin.conf")
     done = machine.run("skarnctl check --json")
     found = json.loads(done.stdout)["findings"]
-    assert {finding["code"] for finding in found} == {"password-file-missing", "pipe-absent"}
+    assert {finding["code"] for finding in found} == {"password-file", "pipe"}
     assert done.returncode == 2
-    machine.write("/usr/local/orbelin/etc/rsyncd.secrets_remote", "of this machine only\n", 0o600)
-    machine.succeed(f"mkfifo -m 0600 {PIPE}")
+    machine.write("/etc/systemd/system/vantrel.service", CONSUMER)
+    machine.succeed("useradd --system vantrel && systemctl daemon-reload")
+    machine.succeed(f"printf '{PASSWORD}\\n' | (\n{block_of_the_page('install -d')})")
+    machine.succeed(block_of_the_page("printf 'p /run"))
+    machine.succeed("install -d /data")
     start_consumer(machine)
-    wait_until(lambda: machine.run("skarnctl check").returncode == 0, "the example is right", 10)
+    check = "skarnctl check --no-network"
+    wait_until(lambda: machine.run(check).returncode == 0, "the example is right", 10)
+    # Its detectors are not in this machine's network, which has no way out.
+    done = machine.run("skarnctl check --json")
+    found = json.loads(done.stdout)["findings"]
+    assert {finding["code"] for finding in found} == {"share"} and len(found) == 2
 
 
 def test_check_finds_twenty_planted_mistakes(machine: Machine) -> None:
@@ -124,11 +157,15 @@ def test_check_finds_twenty_planted_mistakes(machine: Machine) -> None:
 
 
 def test_a_drain_as_the_manual_tells_it(machine: Machine) -> None:
-    machine.write("/etc/skarn_orbelin.conf", CONFIGURATION)
-    start_detector(machine)
-    machine.succeed("skarnctl check")
-
-    machine.succeed("systemctl start skarn skarn-metrics")
+    machine.path("/ramdisk").mkdir()
+    machine.succeed(f"printf 'root:{PASSWORD}\\n' | (\n{block_of_the_page('cat >/etc/rsyncd.conf')})")
+    # Whoever follows the page writes this with the editor.
+    machine.write("/root/written", CONFIGURATION)
+    machine.write("/usr/local/bin/editor", '#!/bin/sh\nexec cp /root/written "$1"\n', 0o755)
+    said = machine.succeed(block_of_the_page("cp /usr/share"))
+    assert said.endswith("\nno mistakes found\n")
+    machine.succeed(block_of_the_page("systemctl enable"))
+    machine.succeed("systemctl start skarn-look skarn-metrics")
     assert machine.run("systemctl is-active skarn").stdout == "active\n"
     assert "usershift:  " in records(machine)
     assert machine.succeed("skarnctl status").startswith("skarn runs as process ")
@@ -170,11 +207,48 @@ def test_watch_and_metrics_tell_the_same(machine: Machine) -> None:
 
 def test_skarnctl_leaves_the_daemon_to_systemd_which_would_start_it_again(machine: Machine) -> None:
     before = pid_of_daemon(machine)
-    for command in ("stop", "stop --when-idle", "restart"):
+    main = machine.succeed("systemctl show --property=MainPID --value skarn")
+    assert main == f"{before}\n", "systemd has to know which process is the daemon"
+    for command in ("stop", "stop --when-idle", "restart -u 1:2"):
         done = machine.run(f"skarnctl {command}")
         assert done.returncode == 1
         assert "systemd runs skarn as skarn.service" in done.stdout
+    # What would not start again is not stopped, neither by hand nor through systemd.
+    machine.succeed("mv /etc/skarn_orbelin.conf /etc/skarn_orbelin.off")
+    done = machine.run("skarnctl restart")
+    assert done.returncode == 1 and "nothing was stopped: skarn would not start: no con" in done.stdout
+    machine.succeed("mv /etc/skarn_orbelin.off /etc/skarn_orbelin.conf")
     assert pid_of_daemon(machine) == before
+    assert machine.succeed("skarnctl restart") == "systemd has restarted skarn.service\n"
+    assert pid_of_daemon(machine) != before
+
+
+def test_the_unit_of_a_site_that_bears_another_name_is_left_to_systemd_too(machine: Machine) -> None:
+    machine.succeed("systemctl stop skarn")
+    text = machine.path("/lib/systemd/system/skarn.service").read_text(encoding="utf-8")
+    machine.write("/etc/systemd/system/beamline.service", text)
+    machine.succeed("systemctl daemon-reload && systemctl start beamline")
+    done = machine.run("skarnctl stop")
+    assert done.returncode == 1 and "systemd runs skarn as beamline.service" in done.stdout
+    machine.succeed("systemctl stop beamline && rm /etc/systemd/system/beamline.service")
+    machine.succeed("systemctl daemon-reload && systemctl start skarn")
+
+
+def test_there_are_never_two_daemons(machine: Machine) -> None:
+    machine.succeed("systemctl stop skarn && skarnctl start")
+    first = pid_of_daemon(machine)
+    done = machine.run("systemctl start skarn")
+    assert done.returncode != 0, "the unit must see a daemon that was started by hand"
+    journal = machine.run("journalctl --no-pager -u skarn -n 20").stdout
+    assert f"nothing was started: skarn seems to run: process {first}, " in journal, journal
+    # A process that ends meanwhile is an error for grep.
+    found = machine.run("grep -slx skarn /proc/[0-9]*/comm").stdout.split()
+    assert found == [f"/proc/{first}/comm"]
+    # Nor does the unit's stop, which may not look at it, end it; but skarnctl by hand does.
+    machine.run("systemctl stop skarn")
+    assert pid_of_daemon(machine) == first
+    machine.succeed("skarnctl stop && systemctl reset-failed skarn && systemctl start skarn")
+    assert machine.run("skarnctl start").returncode == 1
 
 
 def test_the_daemon_has_a_tmp_of_its_own(machine: Machine) -> None:
@@ -202,6 +276,11 @@ def test_a_consumer_that_closes_the_pipe_costs_no_announcement(machine: Machine)
 def test_a_killed_daemon_is_started_again(machine: Machine) -> None:
     before = pid_of_daemon(machine)
     machine.succeed(f"kill -KILL {before}")
+    # Not to be taken for a stop that somebody wanted: this is how a lack of memory ends it.
+    wait_until(
+        lambda: "Failed with result 'signal'" in machine.run("journalctl --no-pager -u skarn").stdout,
+        "its end is called a failure", 10,
+    )
 
     def is_back() -> bool:
         status = machine.run("skarnctl status --json")
@@ -217,6 +296,28 @@ def test_stopping_is_no_failure_and_leaves_nothing_behind(machine: Machine) -> N
     assert machine.run("systemctl is-failed skarn").stdout == "inactive\n"
     assert not programs(machine) & {"skarn", "rsync_orbelin"}
     assert machine.run("skarnctl status").returncode in (1, 3)
+
+
+def test_each_command_for_daily_life_runs_as_it_stands_on_the_page(machine: Machine) -> None:
+    options = machine.path("/etc/default/skarn").read_text(encoding="utf-8")
+    machine.succeed("systemctl start skarn")
+    commands = daily_commands(1)
+    assert len(commands) == 13, commands
+    for command in commands:
+        machine.succeed(command)
+    assert "-d 1:/run7:/data/run7" in machine.succeed("skarnctl status")
+    machine.write("/etc/default/skarn", options)
+    machine.succeed("systemctl stop skarn && skarnctl start")
+    commands = daily_commands(2)
+    assert len(commands) == 11, commands
+    for command in commands:
+        # The service goes on for ever; here its end is a matter of seconds.
+        if "--listen" in command:
+            machine.succeed("systemctl stop skarn-metrics")
+            command = f"timeout 3 {command}; test $? -eq 124"
+        machine.succeed(command)
+    assert "-d 1:/run7:/data/run7" in machine.succeed("skarnctl status")
+    machine.succeed("skarnctl stop && systemctl start skarn-metrics")
 
 
 def test_start_and_stop_without_systemd(machine: Machine) -> None:
@@ -237,7 +338,11 @@ def test_start_and_stop_without_systemd(machine: Machine) -> None:
 def test_an_upgrade_lets_the_daemon_run(machine: Machine) -> None:
     machine.succeed("systemctl start skarn")
     before = pid_of_daemon(machine)
-    install(machine, "skarn", "skarn-confirming-rsync", later=True)
+    metrics = machine.succeed("systemctl show --property=MainPID --value skarn-metrics")
+    said = install(machine, "skarn", "skarn-confirming-rsync", later=True)
+    assert "goes on with its old program" in said
+    assert machine.succeed("systemctl show --property=MainPID --value skarn-metrics") != metrics
+    assert "its program was replaced since" in machine.succeed("skarnctl status")
     assert machine.succeed("dpkg-query -W -f '${Version}' skarn").endswith("+later")
     assert pid_of_daemon(machine) == before
     assert machine.run("systemctl is-active skarn").stdout == "active\n"

@@ -22,13 +22,16 @@ from support.detector import digest_of, frame_names
 from support.terminal import Terminal
 from terminal_svg import draw
 
-COLUMNS, ROWS = 110, 17
+COLUMNS, ROWS = 110, 20
 NAMES = ("east", "west")
+REFUSING = "north"  # a detector whose server does not run
 SIZE = 200_000
 SECONDS = 60  # of watching before the picture, so that the row of bars is full
 LOG = Path("/var/log/skarn.log")
 PR_SET_NAME = 15
-BOTH_AT_WORK = re.compile(r"^east +copying.*\n.*\nwest +copying", re.MULTILINE)
+BOTH_AT_WORK = re.compile(
+    r"^east +copying.*\n.*\nnorth +unreachable.*\n.*\nwest +copying", re.MULTILINE
+)
 
 
 def call_this_process(name: bytes) -> None:
@@ -62,13 +65,14 @@ def main() -> int:
     options = parser.parse_args()
 
     call_this_process(b"vantrel")
-    stations = make_stations(len(NAMES))
-    for station, name in zip(stations, NAMES):
+    everything = make_stations(len(NAMES) + 1)
+    stations = everything[: len(NAMES)]
+    for station, name in zip(everything, (*NAMES, REFUSING)):
         station.id = name
         station.target = TARGETS / name
     install(
         options.copy_program,
-        stations,
+        everything,
         {"logfile": LOG, "logfile_max_size": "64K"},
         minpause=500,
         interrun_pause=50,

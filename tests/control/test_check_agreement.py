@@ -81,7 +81,7 @@ OPTIONS: dict[str, tuple[str, ...]] = {
 def test_check_and_the_daemon_agree(daemon: Daemon, name: str) -> None:
     write_raw_configuration(AWKWARD[name])
     options = OPTIONS.get(name, ())
-    report: dict[str, Any] = skarnctl("check", "--json", *options).json
+    report: dict[str, Any] = skarnctl("check", "--no-network", "--json", *options).json
     detectors = report["detectors"]
     assert detectors
     scripted.set_default_listing(["a"])
@@ -134,7 +134,7 @@ def test_check_and_the_daemon_agree(daemon: Daemon, name: str) -> None:
 def test_the_owner_command_is_the_one_that_is_run(daemon: Daemon) -> None:
     scripted.install_stand_in("chown")
     write_raw_configuration(AWKWARD["a user's directory"])
-    report = skarnctl("check", "--json", "-u", "7:8").json
+    report = skarnctl("check", "--no-network", "--json", "-u", "7:8").json
     scripted.set_default_listing(["a"])
     scripted.set_default_copy([f"wait {scripted.gate('end')}"])
     path = f"{scripted.STAND_INS}:/usr/sbin:/usr/bin:/sbin:/bin"

@@ -18,7 +18,9 @@ from support.daemon import CONFIGURATION, SECOND_CONFIGURATION, write_raw_config
 PROJECT = Path(__file__).resolve().parents[2]
 COMPLETION = PROJECT / "packaging" / "completion" / "skarnctl"
 HELPERS = Path("/usr/share/bash-completion/bash_completion")
-SUBCOMMANDS = ["check", "metrics", "restart", "start", "status", "stop", "watch"]
+SUBCOMMANDS = (
+    "check events log metrics restart start status stop unannounced watch".split()
+)
 
 # Does what bash does with the line up to the cursor: readline's cutting into words, then the call.
 SCRIPT = r"""
@@ -89,7 +91,9 @@ def test_every_subcommand_and_option_of_the_program_is_offered() -> None:
 
 def test_start_options() -> None:
     for subcommand in ("start", "restart"):
-        assert offered(f"skarnctl {subcommand} ") == ["--detector", "--user", "-d", "-u"]
+        its_own = ["--when-idle"] if subcommand == "restart" else []
+        words = sorted(["--detector", "--user", "-d", "-u", *its_own])
+        assert offered(f"skarnctl {subcommand} ") == words
         assert offered(f"skarnctl {subcommand} -u 1:2 --d") == ["--detector"]
 
 

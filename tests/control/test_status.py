@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import os
+import re
 import signal
 import subprocess
 import sys
@@ -12,7 +13,14 @@ from pathlib import Path
 import pytest
 
 from support import scripted
-from support.control import kill_daemon, pids_in_file, skarnctl, start_daemon
+from support.control import (
+    binary,
+    kill_daemon,
+    pids_in_file,
+    skarnctl,
+    start_beside,
+    start_daemon,
+)
 from support.daemon import PID_FILE
 from support.waiting import wait_until
 
@@ -133,9 +141,12 @@ def test_a_daemon_that_was_upgraded_while_it_ran() -> None:
         path.chmod(0o755)
     assert skarnctl("--daemon", str(here), "start").status == 0
     pid = pids_in_file()[0]
+    assert "replaced" not in skarnctl("--daemon", str(here), "status").output
     fresh.rename(here)
     assert os.readlink(f"/proc/{pid}/exe").endswith(" (deleted)")
-    assert skarnctl("--daemon", str(here), "status").status == 0
+    result = skarnctl("--daemon", str(here), "status")
+    assert result.status == 0
+    assert result.output.endswith("; its program was replaced since: a restart runs the new one\n")
     # Another path of the same file is the same program; another file is not.
     assert skarnctl("status").status == 1
     here.unlink()
@@ -158,15 +169,42 @@ def test_without_the_rights() -> None:
     assert skarnctl("status", user=65534).status == 3
     pid = start_daemon()
     result = skarnctl("status", user=65534)
-    assert result.status == 4
-    assert result.output == (
-        f"whether skarn runs is uncertain: process {pid} of {PID_FILE} may be looked at only by "
-        "root\n"
+    assert result.status == 5
+    assert re.fullmatch(
+        rf"skarn seems to run: process {pid}, skarn, since [-0-9: ]+; only root can be sure\n",
+        result.output,
     )
+    report = skarnctl("status", "--json", user=65534).json
+    assert report["state"] == "seems_to_run" and report["pid"] == pid
     PID_FILE.unlink()
     result = skarnctl("status", user=65534)
     assert result.status == 4
     assert "only root may look at 1 process" in result.output
+
+
+def test_two_daemons_are_told() -> None:
+    first = start_daemon()
+    PID_FILE.unlink()
+    second = start_beside()
+    result = skarnctl("status")
+    assert result.status == 0
+    assert result.output.startswith(f"skarn runs as process {second} since ")
+    assert f"; but 1 more process ({first}) runs as a daemon, too" in result.output
+    assert skarnctl("status", "--json").json["unvouched_processes"] == [first]
+    assert skarnctl("start").status == 1
+
+
+def test_a_process_whose_memory_can_not_be_read_hangs_nobody() -> None:
+    # It stands for one whose memory hangs its reader: this one would make him fail.
+    PID_FILE.write_text("", encoding="ascii")
+    with subprocess.Popen(["sleep", "1000"], user=65534, start_new_session=True) as stranger:
+        trace = subprocess.run(
+            ["strace", "-f", "-e", "trace=open,openat", str(binary()), "status"],
+            capture_output=True, encoding="utf-8", check=False,
+        )
+        stranger.kill()
+    assert f"/proc/{stranger.pid}/stat" in trace.stderr
+    assert f"/proc/{stranger.pid}/cmdline" not in trace.stderr
 
 
 @pytest.mark.parametrize("word", ["-x", "stop", "--json=x", "--timeout", "now"])

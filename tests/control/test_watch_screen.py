@@ -23,8 +23,11 @@ from support.daemon import (
     Detector,
     install_password_file,
     write_configuration,
+    write_raw_configuration,
 )
+from support.dead_file_system import dead_file_system
 from support.terminal import COLOUR, Terminal
+from support.waiting import wait_until
 
 SKARNCTL = os.environ["SKARNCTL_BINARY"]
 FAST = ("watch", "--interval", "0.2")
@@ -87,26 +90,30 @@ def test_a_drain_is_followed_file_by_file() -> None:
         with watching(columns=120) as terminal:
             bed.simulator.burst((f"frame_{number:04d}.raw" for number in range(150)), 500)
             bed.wait_announced(150)
-            terminal.wait_for(r"^Files 150 ")
+            terminal.wait_for(r"^Files 150[, ]")
             bed.stations[1].simulator.write("the_last.raw")
             bed.wait_announced(151)
             terminal.wait_for(r"^2 +idle .* the_last\.raw$")
-            screen = terminal.wait_for(r"^Files 151 .* peak ")  # there after the first whole second
+            screen = terminal.wait_for(r"^Files 151[, ].* peak ")  # there after the first whole second
         picture = [re.sub("^(# )(listing|idle)", r"\1quiet", line) for line in masked(screen)]
         assert picture[0] == "KEEPING UP: files are coming in"
         assert picture[1] == "Daemon # up # s (since #-#-# #:#:#), no start options"
         assert picture[2] == ""
-        assert re.fullmatch(r"Files # (?:#/s now )?(?:#/s over # s )?\| peak #/s", picture[3])
+        assert re.fullmatch(
+            r"Files #,? # B since #-# #:# +(?:#/s, #(?:\.#)? MB/s now )?(?:#/s over # s )?\|? ?peak #/s",
+            picture[3],
+        ), picture[3]
         assert picture[4:7] == [
-            "lost # not announced # no pipe # failed starts # complaints # cycles # processes #",
+            "lost # not announced # no pipe # failed starts # failed listings # complaints # "
+            "long records # lists left #",
             "",
-            "DETECTOR STATE PROCESSES FILES CYCLES LOST LAST FILE",
+            "DETECTOR STATE PROCESSES FILES BYTES LAST FILE",
         ]
-        assert picture[7:11] == [
-            "# quiet | #/# # # # frame_#.raw",
-            "| # B of # B free /srv/images/#/.",
-            "# quiet | #/# # # # the_last.raw",
-            "| # B of # B free /srv/images/#/.",
+        assert [re.sub("#,? [kM] inodes", "# inodes", line) for line in picture[7:11]] == [
+            "# quiet | #/# # # B frame_#.raw",
+            "| # B of # B free, # inodes /srv/images/#/.",
+            "# quiet | #/# # # B the_last.raw",
+            "| # B of # B free, # inodes /srv/images/#/.",
         ]
         assert re.fullmatch(
             r"Pipe read by .+ \(#\) /var/run/vantrel_orbelin_files", picture[12]
@@ -154,7 +161,8 @@ def test_losses_and_complaints_are_shown_without_steering_the_terminal() -> None
             )
             scripted.add_listing(["gone", "kept"], detector)
             daemon.wait_for_log("RSYNC OUTPUT END")
-            screen = terminal.wait_for(r"^NOT KEEPING UP: \d files? w")
+            terminal.wait_for(r"^KEEPING UP, BUT: \d files? w")
+            screen = terminal.wait_for("^Last complaint")  # which is drawn after all the rest
             text = "\n".join(screen)
             assert "rsync: \\033[31mred\\033[0m" in text and "\\233" in text, text
             assert "kept\\033]0;t\\007\\033[2J" in text, text
@@ -239,6 +247,26 @@ def test_every_way_out_restores_the_terminal(how: str | int, status: int) -> Non
         assert terminal.screen()[0] == "the screen before"
         assert terminal.cursor_is_visible() and not terminal.is_on_second_screen()
         assert daemon.is_running()
+
+
+@pytest.mark.parametrize(("how", "status"), [(signal.SIGTERM, 143), (signal.SIGHUP, 129)])
+def test_it_can_be_ended_during_its_first_look(how: int, status: int) -> None:
+    with dead_file_system() as dead, Terminal(100, 30) as terminal:
+        # For seconds no answer comes from there.
+        write_raw_configuration(
+            f"logfile {dead}/log\ndetectorID 1\nremoteIP 127.0.0.1\nsource /\ntarget /srv/1\n"
+        )
+        terminal.run([SKARNCTL, *FAST])
+        pid = terminal.child("skarnctl")
+        wait_until(
+            lambda: len(os.listdir(f"/proc/{pid}/task")) > 1, "the look at the log to have begun"
+        )
+        assert not terminal.is_on_second_screen()
+        begun = time.monotonic()
+        os.kill(pid, how)
+        assert terminal.wait_status() == status
+        assert time.monotonic() - begun < 1.5
+        assert terminal.settings("before") == terminal.settings("after")
 
 
 def test_it_can_be_stopped_and_continued() -> None:

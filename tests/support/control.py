@@ -138,6 +138,13 @@ def start_daemon(*words: str) -> int:
     return pid
 
 
+def start_beside() -> int:
+    """Starts a daemon by hand, as skarnctl would not: beside another one, say. Its number."""
+    subprocess.run([str(binary().with_name("skarn"))], check=True)
+    wait_until(lambda: PID_FILE.exists() and PID_FILE.stat().st_size > 0, "its PID file")
+    return pids_in_file()[0]
+
+
 def is_running(pid: int) -> bool:
     """Whether a process of that number runs."""
     found = processes.process(pid)

@@ -46,25 +46,50 @@ std::string openat(const std::string& arguments) {
     return std::to_string(SYS_openat) + " " + arguments + " 0x7fff0f1f7530 0x7fe5b5d08011\n";
 }
 
-TEST(ParsePendingOpen, GivesFolderAndPathOfAnOpenForReading) {
-    const auto pending = parsePendingOpen(openat("0xffffff9c 0x7fff0f1f99c4 0x0 0x0 0x0 0x0"));
+TEST(ParsePendingCall, GivesFolderAndPathOfAnOpen) {
+    const auto pending = parsePendingCall(openat("0xffffff9c 0x7fff0f1f99c4 0x0 0x0 0x0 0x0"));
     ASSERT_TRUE(pending);
-    EXPECT_EQ(pending->folder, AT_FDCWD);
+    EXPECT_EQ(pending->kind, PendingCall::Kind::openToRead);
+    EXPECT_EQ(pending->descriptor, AT_FDCWD);
     EXPECT_EQ(pending->pathAddress, 0x7fff0f1f99c4U);
 
-    const auto both = parsePendingOpen(openat("0x5 0x10 0x80002 0x0 0x0 0x0"));
+    const auto both = parsePendingCall(openat("0x5 0x10 0x80002 0x0 0x0 0x0"));
     ASSERT_TRUE(both);
-    EXPECT_EQ(both->folder, 5);
+    EXPECT_EQ(both->kind, PendingCall::Kind::openToRead);
+    EXPECT_EQ(both->descriptor, 5);
+
+    const auto writer = parsePendingCall(openat("0xffffff9c 0x7fff0f1f99c4 0x80001 0x0 0x0 0x0"));
+    ASSERT_TRUE(writer);
+    EXPECT_EQ(writer->kind, PendingCall::Kind::openToWrite);
 }
 
-TEST(ParsePendingOpen, GivesNothingForWritersAndOtherCalls) {
-    EXPECT_FALSE(parsePendingOpen(openat("0xffffff9c 0x7fff0f1f99c4 0x1 0x0 0x0 0x0")));
-    EXPECT_FALSE(parsePendingOpen(openat("0xffffff9c 0x7fff0f1f99c4 0x80001 0x0 0x0 0x0")));
-    EXPECT_FALSE(parsePendingOpen("9999 0x5 0x10 0x0 0x0 0x0 0x0 0x1 0x2\n"));
-    EXPECT_FALSE(parsePendingOpen("running\n"));
-    EXPECT_FALSE(parsePendingOpen("-1 0x7ffd 0x7f14\n"));
-    EXPECT_FALSE(parsePendingOpen(""));
-    EXPECT_FALSE(parsePendingOpen(std::to_string(SYS_openat) + " 0x1 0x2"));
+TEST(ParsePendingCall, GivesTheDescriptorOfAWrite) {
+    const auto pending =
+        parsePendingCall(std::to_string(SYS_write) + " 0x7 0x10 0x20 0x0 0x0 0x0 0x1 0x2\n");
+    ASSERT_TRUE(pending);
+    EXPECT_EQ(pending->kind, PendingCall::Kind::write);
+    EXPECT_EQ(pending->descriptor, 7);
+}
+
+TEST(ParsePendingCall, GivesNothingForOtherCalls) {
+    EXPECT_FALSE(parsePendingCall("9999 0x5 0x10 0x0 0x0 0x0 0x0 0x1 0x2\n"));
+    EXPECT_FALSE(parsePendingCall("running\n"));
+    EXPECT_FALSE(parsePendingCall("-1 0x7ffd 0x7f14\n"));
+    EXPECT_FALSE(parsePendingCall(""));
+    EXPECT_FALSE(parsePendingCall(std::to_string(SYS_openat) + " 0x1 0x2"));
+}
+
+TEST(ReadRight, GoesByOwnerGroupAndMode) {
+    const std::string status = "Name:\tcat\nUid:\t7\t7\t7\t7\nGid:\t8\t8\t8\t8\nGroups:\t9 10\n";
+    EXPECT_EQ(readRight(status, 7, 1, 0600), ReadRight::asItsOwn);
+    EXPECT_EQ(readRight(status, 6, 8, 0600), ReadRight::none);
+    EXPECT_EQ(readRight(status, 6, 8, 0640), ReadRight::asItsOwn);
+    EXPECT_EQ(readRight(status, 6, 10, 0640), ReadRight::asItsOwn);
+    EXPECT_EQ(readRight(status, 6, 11, 0640), ReadRight::none);
+    EXPECT_EQ(readRight(status, 6, 11, 0604), ReadRight::asAnybody);
+    EXPECT_EQ(readRight("Uid:\t5\t5\t0\t5\n", 6, 11, 0), ReadRight::asItsOwn);
+    // Of whom nothing is told, nothing is ruled out.
+    EXPECT_EQ(readRight("", 1, 1, 0600), ReadRight::asItsOwn);
 }
 
 /// A child process that runs `work`, killed and waited for at the end.
@@ -248,6 +273,34 @@ TEST_F(ConsumerPipe, IsNotReadByOneWhoWaitsForAReader) {
         ASSERT_EQ(lookAtConsumerPipe(path).state, State::noReader);
         UTILITIES::sleepMilliSeconds(5);
     }
+}
+
+/// Opens the pipe for reading, as another user, and waits for a writer.
+int waitAsNobody(const std::string& path) {
+    return setgid(65534) == 0 && setuid(65534) == 0 && open(path.c_str(), O_RDONLY | O_CLOEXEC) >= 0
+               ? 0
+               : 1;
+}
+
+TEST_F(ConsumerPipe, TakesNobodysWordWhoMayNotOpenIt) {
+    // His memory names the pipe, but he waits in the open of another one.
+    const std::string other = folder + "/other";
+    ASSERT_EQ(mkfifo(other.c_str(), 0666), 0);
+    ASSERT_EQ(chmod(other.c_str(), 0666), 0);
+    ASSERT_EQ(chmod(path.c_str(), 0600), 0);
+    const Child stranger([&other] { return waitAsNobody(other); });
+    UTILITIES::sleepMilliSeconds(200);
+    EXPECT_EQ(lookAtConsumerPipe(path).state, State::noReader);
+    // Where everybody may open it, one who waits somewhere may be its reader.
+    ASSERT_EQ(chmod(path.c_str(), 0666), 0);
+    EXPECT_EQ(await(State::unknown).state, State::unknown);
+}
+
+TEST_F(ConsumerPipe, IsReadByOneOfItsGroup) {
+    ASSERT_EQ(chown(path.c_str(), 0, 65534), 0);
+    ASSERT_EQ(chmod(path.c_str(), 0640), 0);
+    const Child reader([this] { return waitAsNobody(path); });
+    EXPECT_EQ(await(State::read).state, State::read);
 }
 
 /// What another user, who may not look at this process, finds.

@@ -93,12 +93,12 @@ TEST_F(PidFilePlace, IsNotReadToItsEndWhenThatIsFar) {
 }
 
 TEST_F(PidFilePlace, MustHoldARegularFile) {
-    const std::string notRegular = path + " cannot be read: it is not a regular file";
+    const std::string notRegular = path + " cannot be read: not a regular file";
     ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
     EXPECT_EQ(readPidFile().problem, notRegular);
     unlink(path.c_str());
     ASSERT_EQ(mkdir(path.c_str(), 0700), 0);
-    EXPECT_EQ(readPidFile().problem, notRegular);
+    EXPECT_EQ(readPidFile().problem, path + " cannot be read: it is a directory");
     rmdir(path.c_str());
     std::ofstream("/tmp/planted") << "812\n";
     ASSERT_EQ(symlink("/tmp/planted", path.c_str()), 0);

@@ -48,7 +48,7 @@ Evidence copyProcess() {
 }
 
 Judgement judge(const Evidence& evidence) {
-    return judgeDaemon(evidence, daemonProgram, written);
+    return judgeDaemonProgram(evidence, daemonProgram);
 }
 
 Judgement judgeCopy(const Evidence& evidence) {
@@ -110,7 +110,7 @@ TEST(JudgeDaemon, TakesTwoFilesThatAreNotThereForDifferentOnes) {
     Evidence evidence = daemon();
     evidence.executable = "/elsewhere/skarn (deleted)";
     evidence.executed = std::nullopt;
-    EXPECT_FALSE(judgeDaemon(evidence, Program{"/usr/sbin/skarn", std::nullopt, false}, written));
+    EXPECT_FALSE(judgeDaemonProgram(evidence, Program{"/usr/sbin/skarn", std::nullopt, false}));
 }
 
 TEST(JudgeDaemon, SaysThatItMayNotLook) {
@@ -119,18 +119,6 @@ TEST(JudgeDaemon, SaysThatItMayNotLook) {
     evidence.executed = std::nullopt;
     EXPECT_EQ(judge(evidence).kind, Kind::hidden);
     EXPECT_FALSE(judge(evidence));
-}
-
-TEST(JudgeDaemon, WantsItToHaveStartedBeforeTheFileWasWritten) {
-    Evidence evidence = daemon();
-    for (const double forgiven : {-1e6, 0.0, 1.0, 1.9}) {
-        evidence.started = written + forgiven;
-        EXPECT_TRUE(judge(evidence)) << forgiven;
-    }
-    for (const double tooLate : {2.1, 60.0, 1e6}) {
-        evidence.started = written + tooLate;
-        EXPECT_EQ(judge(evidence).reason, "started after the PID file was written") << tooLate;
-    }
 }
 
 TEST(JudgeDaemon, IsNotTakenInByAContainer) {

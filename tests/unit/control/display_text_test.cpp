@@ -1,5 +1,5 @@
 // Text of any bytes becomes text that steers no terminal and has a known width.
-#include "control/observe/display_text.h"
+#include "control/display_text.h"
 
 #include <clocale>
 #include <cmath>
@@ -55,26 +55,26 @@ TEST_F(DisplayText, CountsColumnsNotBytes) {
 }
 
 TEST_F(DisplayText, CutsAtTheEnd) {
-    EXPECT_EQ(cutEnd("frame", 5, true), "frame");
-    EXPECT_EQ(cutEnd("frames", 5, true), "fram…");
-    EXPECT_EQ(cutEnd("frames", 5, false), "fra..");
-    EXPECT_EQ(cutEnd("frames", 1, false), "f");
-    EXPECT_EQ(cutEnd("frames", 0, true), "");
-    EXPECT_EQ(cutEnd("frames", -3, true), "");
+    EXPECT_EQ(cut("frame", 5, true), "frame");
+    EXPECT_EQ(cut("frames", 5, true), "fram…");
+    EXPECT_EQ(cut("frames", 5, false), "fra..");
+    EXPECT_EQ(cut("frames", 1, false), "f");
+    EXPECT_EQ(cut("frames", 0, true), "");
+    EXPECT_EQ(cut("frames", -3, true), "");
 }
 
 TEST_F(DisplayText, NeverCutsACharacterInTwo) {
-    EXPECT_EQ(cutEnd("測定測定", 4, true), "測…");
-    EXPECT_EQ(cutEnd("測定測定", 6, true), "測定…");
-    EXPECT_EQ(cutMiddle("ää測定öö", 6, true), "ää…öö");
+    EXPECT_EQ(cut("測定測定", 4, true), "測…");
+    EXPECT_EQ(cut("測定測定", 6, true), "測定…");
+    EXPECT_EQ(cut("ää測定öö", 6, true, true), "ää…öö");
 }
 
 TEST_F(DisplayText, CutsNamesInTheMiddle) {
-    EXPECT_EQ(cutMiddle("frame_000123.raw", 16, true), "frame_000123.raw");
-    EXPECT_EQ(cutMiddle("frame_000123.raw", 11, true), "frame…3.raw");
-    EXPECT_EQ(cutMiddle("frame_000123.raw", 10, false), "fram...raw");
-    EXPECT_EQ(cutMiddle("frame", 2, true), "f…");
-    EXPECT_EQ(cutMiddle("frame", 0, true), "");
+    EXPECT_EQ(cut("frame_000123.raw", 16, true, true), "frame_000123.raw");
+    EXPECT_EQ(cut("frame_000123.raw", 11, true, true), "frame…3.raw");
+    EXPECT_EQ(cut("frame_000123.raw", 10, false, true), "fram...raw");
+    EXPECT_EQ(cut("frame", 2, true, true), "f…");
+    EXPECT_EQ(cut("frame", 0, true, true), "");
 }
 
 TEST(NumberText, GroupsThousands) {

@@ -7,6 +7,8 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <future>
+#include <memory>
 #include <random>
 #include <string>
 #include <thread>
@@ -28,10 +30,9 @@ using testing::HasSubstr;
 /// Keeps what was read, with "GAP" where lines may be missing.
 class Collector : public LogSink {
 public:
-    void takeLines(std::string_view lines) override {
-        EXPECT_FALSE(lines.empty());
-        EXPECT_EQ(lines.back(), '\n');
-        text += lines;
+    void takeLine(std::string_view line) override {
+        EXPECT_EQ(line.find('\n'), std::string_view::npos);
+        text.append(line).append("\n");
     }
     void takeGap() override {
         text += "GAP\n";
@@ -41,6 +42,23 @@ public:
     std::string text;
     int gaps = 0;
 };
+
+bool believed(std::string_view /*date*/) {
+    return true;
+}
+
+/// One that has looked already, when there was nothing.
+class Follower : public LogFollower {
+public:
+    Follower(const std::string& log, int archives) : LogFollower(log, archives, believed) {
+        Collector nothing;
+        poll(nothing);
+    }
+};
+
+std::string banner(const std::string& date) {
+    return std::string(78, '+') + "\n\n++ skarn 3.7.1 started\n++ on " + date + "\n\n";
+}
 
 class LogFollowerTest : public testing::Test {
 protected:
@@ -69,7 +87,7 @@ protected:
 };
 
 TEST_F(LogFollowerTest, HandsOnWhatComes) {
-    LogFollower follower(path, 2);
+    Follower follower(path, 2);
     Collector read;
     write("one\ntwo\n");
     follower.poll(read);
@@ -83,7 +101,7 @@ TEST_F(LogFollowerTest, HandsOnWhatComes) {
 }
 
 TEST_F(LogFollowerTest, WaitsForTheEndOfALine) {
-    LogFollower follower(path, 2);
+    Follower follower(path, 2);
     Collector read;
     write("one\ntw");
     follower.poll(read);
@@ -96,37 +114,45 @@ TEST_F(LogFollowerTest, WaitsForTheEndOfALine) {
     EXPECT_EQ(read.text, "one\ntwo\nthree\n");
 }
 
-TEST_F(LogFollowerTest, BeginsWithTheOldestArchive) {
-    for (int i = 0; i < 4; ++i) {
-        write("file " + std::to_string(i) + "\n");
-        if (i < 3) {
-            rotate(2);
-        }
-    }
-    LogFollower follower(path, 2);
+TEST_F(LogFollowerTest, BeginsWithTheLastBanner) {
+    write("old\n" + banner("Monday"));
+    write("file 0\n" + std::string(3000000, 'x') + "\n");
+    rotate(2);
+    write("file 1\n");
+    LogFollower follower(path, 2, believed);
     Collector read;
     follower.poll(read);
-    EXPECT_EQ(read.text, "file 0\nfile 1\nfile 2\nfile 3\n");
-    EXPECT_EQ(follower.rotations(), 0U) << "these were before its time";
-    EXPECT_EQ(countArchives(path, 2), 3);
+    const std::string begin = banner("Monday") + "file 0\nx";
+    EXPECT_EQ(read.text.substr(0, begin.size()), begin);
+    EXPECT_EQ(read.text.substr(read.text.size() - 7), "file 1\n");
+    EXPECT_EQ(follower.problem(), "");
+    EXPECT_EQ(follower.archives(), 1);
+    EXPECT_EQ(follower.bytes(), 7U);
 }
 
-TEST_F(LogFollowerTest, ReadsArchivesThoughNothingWasWrittenSinceTheRotation) {
-    write("old\n");
-    rotate(2);
-    LogFollower follower(path, 2);
+TEST_F(LogFollowerTest, BelievesNoBannerThatTheDaemonCannotHaveWritten) {
+    write(banner("Monday") + "one\n" + banner("Tuesday") + "two\nx" + banner("Monday"));
+    LogFollower follower(path, 2, [](std::string_view date) { return date == "Monday"; });
     Collector read;
     follower.poll(read);
-    EXPECT_EQ(read.text, "old\n");
-    EXPECT_EQ(follower.problem(), "");
-    write("new\n");
+    EXPECT_EQ(read.text.substr(0, banner("").size() + 10), banner("Monday") + "one\n");
+}
+
+TEST_F(LogFollowerTest, BeginsAtTheEndWhereNoBannerIs) {
+    write("one\n");
+    rotate(2);
+    write("two\n");
+    LogFollower follower(path, 2, believed);
+    Collector read;
     follower.poll(read);
-    EXPECT_EQ(read.text, "old\nnew\n");
-    EXPECT_EQ(read.gaps, 0);
+    EXPECT_EQ(read.text, "");
+    write("three\n");
+    follower.poll(read);
+    EXPECT_EQ(read.text, "three\n");
 }
 
 TEST_F(LogFollowerTest, FollowsThroughOneRotationAndThroughMany) {
-    LogFollower follower(path, 5);
+    Follower follower(path, 5);
     Collector read;
     std::string written;
     const auto add = [&](const std::string& line) {
@@ -155,24 +181,22 @@ TEST_F(LogFollowerTest, FollowsThroughOneRotationAndThroughMany) {
 }
 
 TEST_F(LogFollowerTest, SaysWhenItsFileFellOffTheEnd) {
-    LogFollower follower(path, 1);
+    Follower follower(path, 1);
     Collector read;
     write("a\n");
     follower.poll(read);
     for (int i = 0; i < 4; ++i) {
         write("b" + std::to_string(i) + "\n");
-        // The date of a file says what is newer than what.
-        std::this_thread::sleep_for(std::chrono::milliseconds(15));
         rotate(1);
     }
     write("c\n");
     follower.poll(read);
-    EXPECT_EQ(read.text, "a\nb0\nGAP\nb2\nb3\nc\n");
+    EXPECT_EQ(read.text, "a\nb0\nGAP\nc\n");
     EXPECT_EQ(read.gaps, 1);
 }
 
 TEST_F(LogFollowerTest, KeepsOneArchiveWhereNoneIsConfigured) {
-    LogFollower follower(path, -3);
+    Follower follower(path, -3);
     Collector read;
     write("a\n");
     follower.poll(read);
@@ -184,7 +208,7 @@ TEST_F(LogFollowerTest, KeepsOneArchiveWhereNoneIsConfigured) {
 }
 
 TEST_F(LogFollowerTest, BeginsAgainWithAFileThatWasEmptied) {
-    LogFollower follower(path, 2);
+    Follower follower(path, 2);
     Collector read;
     write("one\ntwo\nhalf a li");
     follower.poll(read);
@@ -194,11 +218,20 @@ TEST_F(LogFollowerTest, BeginsAgainWithAFileThatWasEmptied) {
     EXPECT_EQ(read.text, "one\ntwo\nGAP\nthree\n");
 }
 
-TEST_F(LogFollowerTest, GoesOnWithTheFileThatReplacesARemovedOne) {
-    LogFollower follower(path, 2);
+TEST_F(LogFollowerTest, SeesThatAFileWasEmptiedAndFilledAgain) {
+    Follower follower(path, 2);
     Collector read;
-    write("zero\n");
-    rotate(2);
+    write("one\ntwo\n");
+    follower.poll(read);
+    fs::resize_file(path, 0);
+    write("three\nfour\nfive\n"); // longer than before
+    follower.poll(read);
+    EXPECT_EQ(read.text, "one\ntwo\nGAP\nthree\nfour\nfive\n");
+}
+
+TEST_F(LogFollowerTest, GoesOnWithTheFileThatReplacesARemovedOne) {
+    Follower follower(path, 2);
+    Collector read;
     write("one\n");
     follower.poll(read);
     write("two\n");
@@ -206,35 +239,11 @@ TEST_F(LogFollowerTest, GoesOnWithTheFileThatReplacesARemovedOne) {
     follower.poll(read);
     write("three\n");
     follower.poll(read);
-    EXPECT_EQ(read.text, "zero\none\ntwo\nthree\n");
-    EXPECT_EQ(read.gaps, 0) << "what was in the removed file was read all the same";
-}
-
-TEST_F(LogFollowerTest, GoesOnWhereAnArchiveWasRemoved) {
-    for (int i = 0; i < 3; ++i) {
-        write("file " + std::to_string(i) + "\n");
-        rotate(5);
-    }
-    write("file 3\n");
-    fs::remove(archive(1));
-    LogFollower follower(path, 5);
-    Collector read;
-    follower.poll(read);
-    EXPECT_EQ(read.text, "file 0\nGAP\nfile 2\nfile 3\n");
-}
-
-TEST_F(LogFollowerTest, LeavesOutArchivesThatTheDaemonDoesNotKeep) {
-    write("forgotten\n");
-    rename(path.c_str(), archive(7).c_str());
-    write("new\n");
-    LogFollower follower(path, 2);
-    Collector read;
-    follower.poll(read);
-    EXPECT_EQ(read.text, "new\n");
+    EXPECT_EQ(read.text, "one\ntwo\nGAP\nthree\n");
 }
 
 TEST_F(LogFollowerTest, EndsALineWhoseEndWasNeverWritten) {
-    LogFollower follower(path, 2);
+    Follower follower(path, 2);
     Collector read;
     write("one\ncut o");
     follower.poll(read);
@@ -245,7 +254,7 @@ TEST_F(LogFollowerTest, EndsALineWhoseEndWasNeverWritten) {
 }
 
 TEST_F(LogFollowerTest, KeepsBothEndsOfALineWithoutEnd) {
-    LogFollower follower(path, 2);
+    Follower follower(path, 2);
     Collector read;
     write("first" + std::string(1 << 20, 'x'));
     follower.poll(read);
@@ -258,27 +267,27 @@ TEST_F(LogFollowerTest, KeepsBothEndsOfALineWithoutEnd) {
 
 TEST_F(LogFollowerTest, SaysWhyALogCannotBeRead) {
     Collector read;
-    LogFollower missing(path, 2);
+    LogFollower missing(path, 2, believed);
     missing.poll(read);
     EXPECT_EQ(missing.problem(), "there is no " + path);
 
-    LogFollower nothing("/dev/null", 2);
+    LogFollower nothing("/dev/null", 2, believed);
     nothing.poll(read);
-    EXPECT_THAT(nothing.problem(), HasSubstr("/dev/null is a device"));
+    EXPECT_THAT(nothing.problem(), HasSubstr("cannot read /dev/null: not a regular file"));
 
-    LogFollower directory(folder, 2);
+    LogFollower directory(folder, 2, believed);
     directory.poll(read);
-    EXPECT_THAT(directory.problem(), HasSubstr("is a folder"));
+    EXPECT_THAT(directory.problem(), HasSubstr("it is a directory"));
 
     ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
-    LogFollower fifo(path, 2); // an open would wait for a writer
+    LogFollower fifo(path, 2, believed); // an open would wait for a writer
     fifo.poll(read);
-    EXPECT_THAT(fifo.problem(), HasSubstr("is a named pipe"));
+    EXPECT_THAT(fifo.problem(), HasSubstr("not a regular file"));
     EXPECT_EQ(read.text, "");
 }
 
 TEST_F(LogFollowerTest, FindsALogThatAppearsLater) {
-    LogFollower follower(path, 2);
+    Follower follower(path, 2);
     Collector read;
     follower.poll(read);
     write("one\n");
@@ -300,7 +309,7 @@ TEST_F(LogFollowerTest, ReadsAllOfItInAnyOrderOfEvents) {
         path = (own / "log").string();
         std::string written;
         Collector read;
-        LogFollower follower(path, highest);
+        Follower follower(path, highest);
         int number = 0;
         int rotationsSinceLook = 0;
         for (int event = 0; event < 60; ++event) {
@@ -332,6 +341,9 @@ TEST_F(LogFollowerTest, ReadsAllOfItWhileItIsRotated) {
     std::atomic<int> looks(0);
     std::atomic<bool> done(false);
     std::string written;
+    Follower follower(path, highest);
+    Collector read;
+    follower.poll(read); // before the first line: it begins with what comes after its first look
     std::thread writer([&] {
         pthread_mutex_t mutex = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
         LogFile log(&mutex);
@@ -352,8 +364,6 @@ TEST_F(LogFollowerTest, ReadsAllOfItWhileItIsRotated) {
         }
         done = true;
     });
-    LogFollower follower(path, highest);
-    Collector read;
     while (!done) {
         follower.poll(read);
         ++looks;
@@ -363,6 +373,46 @@ TEST_F(LogFollowerTest, ReadsAllOfItWhileItIsRotated) {
     EXPECT_EQ(read.gaps, 0);
     EXPECT_TRUE(read.text == written) << read.text.size() << " of " << written.size() << " bytes";
     EXPECT_GT(follower.rotations(), 900U);
+}
+
+/// Takes nothing before it is let go.
+class Gate : public Collector {
+public:
+    void takeLine(std::string_view line) override {
+        opened.wait();
+        Collector::takeLine(line);
+    }
+
+    std::promise<void> open;
+
+private:
+    std::shared_future<void> opened{open.get_future()};
+};
+
+TEST_F(LogFollowerTest, AReadingThatStandsStillIsLeftToItselfAndGoesOn) {
+    write(banner("Monday") + "one\n");
+    const auto gate = std::make_shared<Gate>();
+    LogAside log(path.substr(1), 2, believed, gate);
+    EXPECT_FALSE(log.poll());
+    EXPECT_EQ(log.absolutePath(), path);
+    EXPECT_EQ(log.problem(), "the log " + path + " can't be read: its file system does not answer");
+    const auto begun = std::chrono::steady_clock::now();
+    EXPECT_FALSE(log.poll());
+    EXPECT_LT(std::chrono::steady_clock::now() - begun, std::chrono::seconds(1));
+
+    gate->open.set_value();
+    bool isRead = false;
+    for (int wait = 0; !isRead && wait < 10000; ++wait) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        isRead = log.poll();
+    }
+    EXPECT_TRUE(isRead);
+    EXPECT_EQ(log.problem(), "");
+    EXPECT_EQ(gate->text, banner("Monday") + "one\n");
+    write("two\n");
+    EXPECT_TRUE(log.poll());
+    EXPECT_EQ(gate->text, banner("Monday") + "one\ntwo\n");
+    EXPECT_EQ(log.follower().bytes(), gate->text.size());
 }
 
 } // namespace

@@ -109,8 +109,8 @@ public:
 };
 
 /// As /proc lists them: one, and those that a sanitizer adds.
-int threadsOf(pid_t pid) {
-    int count = 0;
+std::size_t countThreads(pid_t pid) {
+    std::size_t count = 0;
     for (const auto& thread :
          std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/task")) {
         count += thread.is_directory() ? 1 : 0;
@@ -130,7 +130,7 @@ TEST(ReadProcess, TellsAChild) {
     EXPECT_NEAR(startTime(*process), static_cast<double>(std::time(nullptr)), 5);
     EXPECT_EQ(userOf(child.pid), geteuid());
     EXPECT_TRUE(sharesPidNamespace(child.pid));
-    EXPECT_EQ(threadCount(child.pid), threadsOf(child.pid));
+    EXPECT_EQ(threadsOf(child.pid).size(), countThreads(child.pid));
     EXPECT_EQ(executable(child.pid), executable(getpid()));
     EXPECT_EQ(commandLine(child.pid), commandLine(getpid()));
     EXPECT_EQ(fileIdOf("/proc/" + std::to_string(child.pid) + "/exe"),
@@ -154,7 +154,7 @@ TEST(ReadProcess, FindsAZombieAndThenNothing) {
     waitpid(pid, nullptr, 0);
     EXPECT_EQ(readProcess(pid), std::nullopt);
     EXPECT_EQ(userOf(pid), std::nullopt);
-    EXPECT_EQ(threadCount(pid), 0);
+    EXPECT_TRUE(threadsOf(pid).empty());
     EXPECT_EQ(threadStates(pid), "");
     EXPECT_TRUE(childrenOf(pid).empty());
     EXPECT_THAT(allProcesses(), Not(Contains(pid)));
@@ -165,8 +165,7 @@ TEST(ThreadStates, TellsThatAProcessStandsStill) {
     ASSERT_EQ(kill(child.pid, SIGSTOP), 0);
     int status = 0;
     ASSERT_EQ(waitpid(child.pid, &status, WUNTRACED), child.pid);
-    EXPECT_EQ(threadStates(child.pid),
-              std::string(static_cast<std::size_t>(threadsOf(child.pid)), 'T'));
+    EXPECT_EQ(threadStates(child.pid), std::string(countThreads(child.pid), 'T'));
 }
 
 TEST(FileIdOf, TellsFilesFromEachOther) {

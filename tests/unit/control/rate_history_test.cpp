@@ -1,5 +1,5 @@
 // Rates from samples that come now and then.
-#include "control/observe/rate_history.h"
+#include "control/observe/figure_history.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

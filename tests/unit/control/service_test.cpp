@@ -1,9 +1,6 @@
 // The parts of start, stop and status that need no daemon.
-#include "control/service/idle_moment.h"
-#include "control/service/new_log_text.h"
-#include "control/service/process_handle.h"
+#include "control/control_files.h"
 #include "control/service/service_commands.h"
-#include "control/service/status.h"
 
 #include <csignal>
 #include <cstdio>
@@ -29,6 +26,9 @@ TEST(FirstStartOption, IsBehindTheWordThatStarts) {
     EXPECT_EQ(firstOf({"start"}), 2);
     EXPECT_EQ(firstOf({"start", "-u", "1:2"}), 2);
     EXPECT_EQ(firstOf({"restart", "stop", "--", ""}), 2);
+    EXPECT_EQ(firstOf({"restart", "--when-idle", "-u", "1:2"}), 3);
+    EXPECT_EQ(firstOf({"restart", "--when-idle=5", "-u", "1:2"}), 3);
+    EXPECT_EQ(firstOf({"start", "--when-idle", "-u", "1:2"}), 2);
     EXPECT_EQ(firstOf({"--daemon", "/a/skarn", "start", "start"}), 4);
     EXPECT_EQ(firstOf({"--daemon=/a/skarn", "restart", "-x"}), 3);
     EXPECT_EQ(firstOf({"--daemon", "start", "start", "-x"}), 4);
@@ -43,16 +43,6 @@ TEST(FirstStartOption, IsTheEndForEverythingElse) {
     EXPECT_EQ(firstOf({"", "start"}), 3);
     EXPECT_EQ(firstOf({"check", "-u", "start"}), 4);
     EXPECT_EQ(firstOf({"--daemonstart", "start"}), 3);
-}
-
-TEST(ParseSeconds, TakesWholeSecondsUpToADay) {
-    EXPECT_EQ(parseSeconds("0"), 0);
-    EXPECT_EQ(parseSeconds("60"), 60);
-    EXPECT_EQ(parseSeconds("86400"), 86400);
-    for (const char* const text :
-         {"", "-0", "-1", "+1", " 1", "1 ", "1.5", "1e3", "0x10", "86401", "99999999999", "a"}) {
-        EXPECT_EQ(parseSeconds(text), std::nullopt) << text;
-    }
 }
 
 TEST(IsFileListOf, KnowsTheListsOfOneDaemon) {
@@ -70,6 +60,7 @@ TEST(StatusCode, IsThatOfInitScripts) {
     EXPECT_EQ(statusCode(State::dead), 1);
     EXPECT_EQ(statusCode(State::notRunning), 3);
     EXPECT_EQ(statusCode(State::unknown), 4);
+    EXPECT_EQ(statusCode(State::seemsToRun), 5);
 }
 
 TEST(StatusText, QuotesTheStartOptionsAndSteersNoTerminal) {
@@ -105,74 +96,6 @@ TEST(StatusJson, HasTheSameKeysInEveryState) {
         EXPECT_TRUE(unknown.contains(key)) << key;
     }
     EXPECT_EQ(running.size(), unknown.size());
-}
-
-class NewLogTextTest : public testing::Test {
-protected:
-    void SetUp() override { remove(); }
-    void TearDown() override { remove(); }
-
-    static void append(const std::string& text) {
-        std::ofstream(path, std::ios::app | std::ios::binary) << text;
-    }
-    static void remove() {
-        for (const std::string end : {"", ".0", ".1", ".2"}) {
-            unlink((path + end).c_str());
-        }
-    }
-    static void rotate() {
-        rename((path + ".1").c_str(), (path + ".2").c_str());
-        rename((path + ".0").c_str(), (path + ".1").c_str());
-        rename(path.c_str(), (path + ".0").c_str());
-    }
-    static inline const std::string path = "/tmp/new_log_text";
-};
-
-TEST_F(NewLogTextTest, IsWhatWasAdded) {
-    append("old\n");
-    const NewLogText text(path, 2);
-    EXPECT_EQ(text.read(), "");
-    append("new\n");
-    EXPECT_EQ(text.read(), "new\n");
-    EXPECT_TRUE(text.isReadable());
-}
-
-TEST_F(NewLogTextTest, IsFoundInALogThatWasNotThere) {
-    const NewLogText text(path, 2);
-    EXPECT_TRUE(text.isReadable());
-    append("new\n");
-    EXPECT_EQ(text.read(), "new\n");
-}
-
-TEST_F(NewLogTextTest, IsFollowedThroughRotations) {
-    append("old\n");
-    const NewLogText text(path, 2);
-    append("one\n");
-    rotate();
-    append("two\n");
-    rotate();
-    append("three\n");
-    EXPECT_EQ(text.read(), "one\ntwo\nthree\n");
-}
-
-TEST_F(NewLogTextTest, IsReadFromTheBeginningOfALogThatWasEmptied) {
-    append("a long old text\n");
-    const NewLogText text(path, 2);
-    ASSERT_EQ(truncate(path.c_str(), 0), 0);
-    append("new\n");
-    EXPECT_EQ(text.read(), "new\n");
-}
-
-TEST_F(NewLogTextTest, IsBounded) {
-    const NewLogText text(path, 2);
-    append(std::string(1000000, 'x'));
-    EXPECT_EQ(text.read().size(), 65536U);
-}
-
-TEST_F(NewLogTextTest, IsNotSoughtInADevice) {
-    const NewLogText text("/dev/null", 10);
-    EXPECT_FALSE(text.isReadable());
-    EXPECT_EQ(text.read(), "");
 }
 
 TEST(ProcessHandle, HoldsOneProcessAndNoLaterOwnerOfItsNumber) {
@@ -264,8 +187,33 @@ TEST_F(IdleMoment, EndsADaemonThatHasNothingToDo) {
     int status = 0;
     ASSERT_EQ(waitpid(daemon, &status, 0), daemon);
     EXPECT_TRUE(WIFSIGNALED(status));
-    EXPECT_EQ(WTERMSIG(status), SIGKILL);
+    EXPECT_EQ(WTERMSIG(status), SIGTERM) << "SIGKILL would look like a lack of memory";
     daemon = 0;
+}
+
+TEST_F(IdleMoment, EndsADaemonThatIgnoresTheSignal) {
+    end(daemon);
+    std::signal(SIGTERM, SIG_IGN);
+    startDaemon(false);
+    std::signal(SIGTERM, SIG_DFL);
+    EXPECT_EQ(attempt(), IdleEnd::ended);
+}
+
+TEST_F(IdleMoment, DoesNotWaitForAListThatAnotherUserMade) {
+    std::ofstream{list} << "a\n";
+    ASSERT_EQ(chown(list.c_str(), 65534, 65534), 0);
+    EXPECT_EQ(attempt(), IdleEnd::ended);
+}
+
+TEST_F(IdleMoment, WaitsForAListThatSeemsOldSinceTheClockWasSet) {
+    // The daemon wrote its status file, and then its list, before the clock was set forward.
+    const timespec times[2] = {{1000, 0}, {1000, 0}};
+    std::ofstream{statusFilePath()} << "njobs 8\n";
+    std::ofstream{list} << "a\n";
+    ASSERT_EQ(utimensat(AT_FDCWD, statusFilePath().c_str(), times, 0), 0);
+    ASSERT_EQ(utimensat(AT_FDCWD, list.c_str(), times, 0), 0);
+    EXPECT_EQ(attempt(), IdleEnd::busy);
+    unlink(statusFilePath().c_str());
 }
 
 TEST_F(IdleMoment, WaitsForFileLists) {
