@@ -3,7 +3,7 @@
 #include "fuzz/input.h"
 #include "relay/filter.h"
 #include "relay/record.h"
-#include "relay/record_json.h"
+#include "relay/json.h"
 #include "relay/targets.h"
 
 #include <algorithm>

@@ -1,6 +1,6 @@
 // Fuzzes the reading of the relay's configuration.
 #include "fuzz/input.h"
-#include "relay/settings_file.h"
+#include "relay/settings.h"
 
 #include <algorithm>
 

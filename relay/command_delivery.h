@@ -1,57 +1,60 @@
 // Delivering by running a program for each record, or for batches of them.
 #pragma once
 
-#include "relay/record_log.h"
-#include "relay/subscribers.h"
+#include "relay/command_run.h"
+#include "relay/delivery.h"
 
-#include <atomic>
+#include <chrono>
 #include <cstdint>
-#include <deque>
-#include <functional>
-#include <map>
+#include <list>
 #include <memory>
-#include <mutex>
-#include <string>
 #include <vector>
 
 namespace relay {
 
-/// Runs one subscriber's program. Batches begin in order; a position is acknowledged when all
-/// before it were dealt with. A batch that fails is tried again record by record, each at growing
-/// distances; a record that failed as often as is allowed becomes a dead letter, and is dealt with.
-class CommandDelivery {
+/// Runs one subscriber's program. Batches begin in order; one has arrived when all before it were
+/// dealt with. A batch that fails is tried again record by record, each at growing distances; a
+/// record that failed as often as is allowed becomes a dead letter, and is dealt with. Dead letters
+/// that are to be tried again go before all else; one stays a dead letter until that has succeeded.
+class CommandDelivery : public Delivery {
 public:
     CommandDelivery(RecordLog& fromLog, std::shared_ptr<Subscription> toSubscription);
+    ~CommandDelivery() override;
+    CommandDelivery(const CommandDelivery&) = delete;
+    CommandDelivery& operator=(const CommandDelivery&) = delete;
 
-    /// Delivers until it is told to end: one batch at a time, so to be run by as many threads as
-    /// there may be programs at once.
-    void run(const std::atomic<bool>& isEnding);
-
-    /// Tries a dead letter again, before all else; it stays one until that has succeeded.
-    void retry(std::int64_t sequence);
+    std::int64_t begin(std::int64_t acknowledged) override;
+    std::size_t pageSize() const override;
+    std::size_t send(const std::vector<Record>& records) override;
+    std::int64_t arrived() override;
+    bool isIdle() const override { return batches.empty() && others.empty(); }
+    void waitForRoom(std::chrono::milliseconds limit) override;
 
 private:
+    using Clock = std::chrono::steady_clock;
+
+    /// Records that a program is run for, until all are dealt with.
     struct Batch {
-        std::vector<Record> records;
-        std::int64_t generation = 0;
-        bool isRetry = false; // a dead letter
+        std::vector<Record> records; // that are not dealt with yet
+        std::int64_t last = 0;       // the number of what was the last of them
+        bool isSplit = false;        // all at once have failed: now one by one
+        std::int64_t failures = 0;   // of the first one alone
+        Clock::time_point notBefore; // the next run
+        std::unique_ptr<CommandRun> run = nullptr;
     };
 
-    Batch take();
-    bool deliver(const Batch& batch, const std::atomic<bool>& isEnding);
-    bool deliverOne(const Batch& batch, const Record& record, std::int64_t failures,
-                    std::string why, const std::atomic<bool>& isEnding);
-    std::string tryOnce(const std::vector<Record>& records, const std::atomic<bool>& isEnding);
-    bool rest(std::int64_t failures, const Batch& batch, const std::atomic<bool>& isEnding);
-    void finish(const Batch& batch);
+    void start(Batch& batch);
+    void conclude(Batch& batch);
+    void concludeOther(Batch& batch);
+    void startRetries();
+    bool hasRoom() const;
 
     RecordLog& log;
     const std::shared_ptr<Subscription> subscription;
-    std::mutex mutex; // guards all below
-    std::deque<std::int64_t> retries;
-    std::int64_t cursor = 0; // the last record that a batch was made of
-    std::int64_t generation = -1;
-    std::map<std::int64_t, bool> open; // batches by their last record; whether it was dealt with
+    const CommandSettings& command;
+    std::list<Batch> batches; // by their records' numbers
+    std::list<Batch> others;  // dead letters, and what was under way before everything began anew
+    std::int64_t done = 0;    // the last record up to which all are dealt with
 };
 
 } // namespace relay

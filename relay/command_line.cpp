@@ -1,21 +1,23 @@
-// The command line of skarn-relay, and the way to the command that it names.
+// The command line of skarn-relay: it runs the relay, or asks one that runs over its Unix socket.
 #include "relay/command_line.h"
 
 #include "daemon/daemon.h"
-#include "relay/asking.h"
+#include "relay/json.h"
 #include "relay/messages.h"
-#include "relay/settings_file.h"
+#include "relay/settings.h"
 #include "utilities/descriptors.h"
 
 #include <CLI/CLI.hpp>
 #include <cerrno>
 #include <exception>
-#include <memory>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include <httplib.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 namespace relay {
@@ -24,213 +26,230 @@ namespace {
 
 constexpr int failed = 1;
 constexpr int badUsage = 2;
+constexpr int longestAnswer = 90; // seconds: some wait for a minute
 
-/// The settings of a file; those of the usual one, or the defaults without it, if none is named.
-/// Tells each mistake. Nothing if there is one.
-std::optional<Settings> settingsOf(const std::string& named) {
-    const std::string file = named.empty() ? usualSettingsFile : named;
-    if (named.empty() && ::access(file.c_str(), F_OK) != 0 && errno == ENOENT) {
-        return Settings();
+/// The relay's own sentence on what it refuses.
+std::string problemIn(const httplib::Response& response) {
+    const Json object = Json::parse(response.body, nullptr, false);
+    const bool isTold =
+        object.is_object() && object.contains("error") && object["error"].is_string();
+    return isTold ? shown(object["error"].get<std::string>())
+                  : "the relay answered with status " + std::to_string(response.status);
+}
+
+/// The commands and their options; what these say is kept until the command is done.
+class CommandLine {
+public:
+    explicit CommandLine(std::function<void()> hook) : afterCommit(std::move(hook)) {
+        app.set_version_flag("--version", std::string("skarn-relay ") + Daemon::version);
+        app.require_subcommand(1);
+        add(app, "run", "Take records in and deliver them")->callback([this] {
+            const auto settings = readSettings();
+            exitStatus = settings ? runRelay(*settings, afterCommit) : badUsage;
+        });
+        addStatus();
+        addRecords();
+        addSubscribers();
+        addDeadLetters();
+        addCheck();
     }
-    LoadedSettings loaded = loadSettings(file);
-    if (!loaded.mistakes.empty()) {
-        writeUnchecked(STDERR_FILENO, mistakesText(file, loaded.mistakes));
-        return std::nullopt;
+
+    int parse(int argc, char** argv) {
+        try {
+            app.parse(argc, argv);
+            return exitStatus;
+        } catch (const CLI::Success& success) {
+            return app.exit(success); // help or version, on standard output
+        } catch (const CLI::ParseError& error) {
+            warn(std::string(error.what()) + " (skarn-relay --help tells more)");
+            return badUsage;
+        } catch (const std::exception& error) {
+            warn(error.what());
+            return failed;
+        }
     }
-    return std::move(loaded.settings);
-}
 
-/// What the commands have in common.
-struct Common {
-    std::string configuration; // a file that was named, or empty
-    int exitStatus = 0;
-};
-
-/// Asks the relay that runs, and prints its answer. The last thing that a command does.
-Answer tell(Common& common, const std::string& method, const std::string& path,
-            const Query& query) {
-    const auto settings = settingsOf(common.configuration);
-    if (!settings) {
-        common.exitStatus = badUsage;
-        return {};
+private:
+    CLI::App* add(CLI::App& to, const std::string& command, const std::string& what) {
+        CLI::App* const added = to.add_subcommand(command, what);
+        added->add_option("--config", configuration, "Read this configuration file")
+            ->type_name("FILE");
+        return added;
     }
-    Answer answer = ask(settings->http.socket, method, path, query);
-    if (!answer.problem.empty()) {
-        warn(answer.problem);
-        common.exitStatus = failed;
-    } else if (!writeAll(STDOUT_FILENO, answer.text)) {
-        common.exitStatus = failed;
-    }
-    return answer;
-}
 
-CLI::App* addCommand(CLI::App& app, Common& common, const std::string& name,
-                     const std::string& what) {
-    CLI::App* const command = app.add_subcommand(name, what);
-    command->add_option("--config", common.configuration, "Read this configuration file")
-        ->type_name("FILE");
-    return command;
-}
-
-/// Options that say which records are meant; their values go into the query.
-void addFilter(CLI::App& command, Query& query) {
-    for (const auto& [key, what] :
-         {std::pair("detector", "Only those of this detector; may be given again"),
-          std::pair("path", "Only those whose path matches this pattern; may be given again"),
-          std::pair("kind", "Only this kind: file (the default), usershift, run or other")}) {
-        command.add_option_function<std::vector<std::string>>(
-            std::string("--") + key,
-            [key = std::string(key), &query](const auto& values) {
-                for (const std::string& each : values) {
-                    query.emplace_back(key, each);
-                }
-            },
-            what);
-    }
-}
-
-/// An option whose value goes into the query under that key.
-void addQueryOption(CLI::App& command, const std::string& option, const std::string& key,
-                    Query& query, const std::string& what) {
-    command.add_option_function<std::string>(
-        option, [key, &query](const std::string& value) { query.emplace_back(key, value); }, what);
-}
-
-void addStatus(CLI::App& app, Common& common) {
-    CLI::App* const command = addCommand(app, common, "status", "Show how the relay fares");
-    const auto isJson = std::make_shared<bool>(false);
-    command->add_flag("--json", *isJson, "As JSON");
-    command->callback([&common, isJson] {
-        tell(common, "GET", "status", {{"format", *isJson ? "json" : "text"}});
-    });
-}
-
-void addRecords(CLI::App& app, Common& common) {
-    CLI::App* const command =
-        addCommand(app, common, "records", "Print records of the log, a line of JSON for each");
-    const auto query = std::make_shared<Query>();
-    const auto isFollowing = std::make_shared<bool>(false);
-    addFilter(*command, *query);
-    addQueryOption(*command, "--since", "since", *query,
-                   "From there on: oldest, now, a time, or a sequence number");
-    command->add_flag("--follow", *isFollowing, "Go on with those that come");
-    command->callback([&common, query, isFollowing] {
-        query->emplace_back("limit", "10000");
-        Query next = *query;
-        std::int64_t seenTo = -1;
-        for (;;) {
-            const Answer answer = tell(common, "GET", "records", next);
-            const bool isEnd = answer.text.empty() && answer.seenTo == seenTo;
-            if (common.exitStatus != 0 || (isEnd && !*isFollowing)) {
-                return;
+    /// An option that may be given again; its values go into the query under that key.
+    void addToQuery(CLI::App& command, const std::string& option, const std::string& key,
+                    const std::string& what) {
+        const auto add = [this, key](const std::vector<std::string>& values) {
+            for (const std::string& each : values) {
+                query.emplace(key, each);
             }
-            seenTo = answer.seenTo;
-            next = *query;
-            next.emplace_back("after", std::to_string(seenTo));
-            next.emplace_back("wait", *isFollowing ? "60" : "0");
-        }
-    });
-}
+        };
+        command.add_option_function<std::vector<std::string>>(option, add, what)
+            ->allow_extra_args(false);
+    }
 
-void addSubscribers(CLI::App& app, Common& common) {
-    CLI::App* const command = app.add_subcommand("subscribers", "Add, reset or remove subscribers");
-    command->require_subcommand(1);
-    struct Action {
-        const char* name;
-        const char* what;
-        const char* method;
-        const char* suffix;
-    };
-    for (const Action& action :
-         {Action{"add", "Add one that fetches over HTTP", "PUT", ""},
-          Action{"reset", "Put one elsewhere, back or forward", "POST", "/reset"},
-          Action{"remove", "Remove one that is not configured, with its dead letters", "DELETE",
-                 ""}}) {
-        CLI::App* const one = addCommand(*command, common, action.name, action.what);
-        const auto name = std::make_shared<std::string>();
-        const auto query = std::make_shared<Query>();
-        one->add_option("NAME", *name, "The subscriber's name")->required();
-        if (action.method != std::string("DELETE")) {
-            addQueryOption(*one, "--start", "start", *query,
-                           "Where it begins: oldest, now, a time, or a sequence number");
-        }
-        if (action.method == std::string("PUT")) {
-            addFilter(*one, *query);
-            addQueryOption(*one, "--max-backlog", "max_backlog", *query,
-                           "Keep so many records for it at most");
-        }
-        one->callback([&common, action, name, query] {
-            tell(common, action.method, "subscribers/" + *name + action.suffix, *query);
+    void addFilter(CLI::App& command) {
+        addToQuery(command, "--detector", "detector",
+                   "Only those of this detector; may be given again");
+        addToQuery(command, "--path", "path",
+                   "Only those whose path matches this pattern; may be given again");
+        addToQuery(command, "--kind", "kind",
+                   "Only this kind: file (the default), usershift, run or other");
+    }
+
+    void addStatus() {
+        CLI::App* const command = add(app, "status", "Show how the relay fares");
+        command->add_flag("--json", isJson, "As JSON");
+        command->callback([this] {
+            query.emplace("format", isJson ? "json" : "text");
+            tell("GET", "status");
         });
     }
-}
 
-void addDeadLetters(CLI::App& app, Common& common) {
-    CLI::App* const command = addCommand(
-        app, common, "dead-letters", "List the records that a command did not take, or treat them");
-    const auto name = std::make_shared<std::string>();
-    const auto retried = std::make_shared<std::string>();
-    const auto dropped = std::make_shared<std::string>();
-    command->add_option("NAME", *name, "The subscriber's name")->required();
-    CLI::Option* const retry =
-        command->add_option("--retry", *retried, "Try this one again, or \"all\"");
-    command->add_option("--drop", *dropped, "Forget this one, or \"all\"")->excludes(retry);
-    command->callback([&common, name, retried, dropped] {
-        const std::string path = "subscribers/" + *name + "/dead-letters";
-        if (!retried->empty()) {
-            tell(common, "POST", path + "/retry", {{"seq", *retried}});
-        } else if (!dropped->empty()) {
-            tell(common, "POST", path + "/drop", {{"seq", *dropped}});
-        } else {
-            tell(common, "GET", path, {});
-        }
-    });
-}
+    void addRecords() {
+        CLI::App* const command =
+            add(app, "records", "Print records of the log, a line of JSON for each");
+        addFilter(*command);
+        addToQuery(*command, "--since", "since",
+                   "From there on: oldest, now, a time, or a sequence number");
+        command->add_flag("--follow", isFollowing, "Go on with those that come");
+        command->callback([this] {
+            query.emplace("limit", "10000");
+            std::string seenTo;
+            for (;;) {
+                const httplib::Response answer = tell("GET", "records");
+                const std::string behind = answer.get_header_value("Skarn-Seen-To");
+                const bool isEnd = answer.body.empty() && behind == seenTo;
+                if (exitStatus != 0 || (isEnd && !isFollowing)) {
+                    return;
+                }
+                seenTo = behind;
+                query.erase("after");
+                query.erase("wait");
+                query.emplace("after", seenTo);
+                query.emplace("wait", isFollowing ? "60" : "0");
+            }
+        });
+    }
 
-void addCheck(CLI::App& app, Common& common) {
-    CLI::App* const command =
-        app.add_subcommand("check", "Name every mistake in a configuration file");
-    command->add_option("FILE", common.configuration, "The file")->type_name("FILE");
-    command->callback([&common] {
-        const auto settings = settingsOf(common.configuration);
-        common.exitStatus = settings ? 0 : failed;
-        if (settings) {
-            writeUnchecked(STDOUT_FILENO, "no mistakes; " +
-                                              std::to_string(settings->subscribers.size()) +
-                                              " subscribers\n");
+    void addSubscribers() {
+        CLI::App* const command =
+            app.add_subcommand("subscribers", "Add, reset or remove subscribers");
+        command->require_subcommand(1);
+        const auto addOne = [this, command](const char* verb, const char* what, const char* method,
+                                            const char* suffix) {
+            CLI::App* const one = add(*command, verb, what);
+            one->add_option("NAME", name, "The subscriber's name")->required();
+            one->callback([this, method, suffix] { tell(method, "subscribers/" + name + suffix); });
+            return one;
+        };
+        CLI::App* const added = addOne("add", "Add one that fetches over HTTP", "PUT", "");
+        CLI::App* const reset =
+            addOne("reset", "Put one elsewhere, back or forward", "POST", "/reset");
+        addOne("remove", "Remove one that is not configured, with its dead letters", "DELETE", "");
+        for (CLI::App* const each : {added, reset}) {
+            addToQuery(*each, "--start", "start",
+                       "Where it begins: oldest, now, a time, or a sequence number");
         }
-    });
-}
+        addFilter(*added);
+        addToQuery(*added, "--max-backlog", "max_backlog", "Keep so many records for it at most");
+    }
+
+    void addDeadLetters() {
+        CLI::App* const command =
+            add(app, "dead-letters", "List the records that a command did not take, or treat them");
+        command->add_option("NAME", name, "The subscriber's name")->required();
+        CLI::Option* const retry =
+            command->add_option("--retry", retried, "Try this one again, or \"all\"");
+        command->add_option("--drop", dropped, "Forget this one, or \"all\"")->excludes(retry);
+        command->callback([this] {
+            const std::string path = "subscribers/" + name + "/dead-letters";
+            if (retried.empty() && dropped.empty()) {
+                tell("GET", path);
+                return;
+            }
+            query.emplace("seq", retried + dropped); // one of them is empty
+            tell("POST", path + (dropped.empty() ? "/retry" : "/drop"));
+        });
+    }
+
+    void addCheck() {
+        CLI::App* const command =
+            app.add_subcommand("check", "Name every mistake in a configuration file");
+        command->add_option("FILE", configuration, "The file")->type_name("FILE");
+        command->callback([this] {
+            const auto settings = readSettings();
+            exitStatus = settings ? 0 : failed;
+            if (settings) {
+                writeUnchecked(STDOUT_FILENO, "no mistakes; " +
+                                                  std::to_string(settings->subscribers.size()) +
+                                                  " subscribers\n");
+            }
+        });
+    }
+
+    /// The settings of the file; those of the usual one, or the defaults without it, if none is
+    /// named. Tells each mistake. Nothing if there is one.
+    std::optional<Settings> readSettings() const {
+        const std::string file = configuration.empty() ? usualSettingsFile : configuration;
+        if (configuration.empty() && ::access(file.c_str(), F_OK) != 0 && errno == ENOENT) {
+            return Settings();
+        }
+        LoadedSettings loaded = loadSettings(file);
+        if (!loaded.mistakes.empty()) {
+            writeUnchecked(STDERR_FILENO, mistakesText(file, loaded.mistakes));
+            return std::nullopt;
+        }
+        return std::move(loaded.settings);
+    }
+
+    /// Asks the relay that runs, and prints its answer or what is wrong. The path is one behind
+    /// "/v1/".
+    httplib::Response tell(const std::string& method, const std::string& path) {
+        const auto settings = readSettings();
+        if (!settings) {
+            exitStatus = badUsage;
+            return {};
+        }
+        const std::string& socket = settings->http.socket;
+        httplib::Client client(socket, 80);
+        client.set_address_family(AF_UNIX);
+        client.set_read_timeout(longestAnswer);
+        httplib::Request request;
+        request.method = method;
+        request.path = httplib::append_query_params("/v1/" + path, query);
+        request.set_header("Host", "relay");
+        const httplib::Result result = client.send(request);
+        exitStatus = failed;
+        if (!result) {
+            warn("no relay answers at " + socket + ": " + httplib::to_string(result.error()));
+            return {};
+        }
+        if (result->status >= 300) {
+            warn(problemIn(*result));
+        } else if (writeAll(STDOUT_FILENO, result->body)) {
+            exitStatus = 0;
+        }
+        return *result;
+    }
+
+    CLI::App app{"Keep skarn's announcements and deliver them.", "skarn-relay"};
+    const std::function<void()> afterCommit;
+    int exitStatus = 0;
+    std::string configuration; // a file that was named, or empty
+    httplib::Params query;
+    bool isJson = false;
+    bool isFollowing = false;
+    std::string name; // of a subscriber
+    std::string retried;
+    std::string dropped;
+};
 
 } // namespace
 
-int runCommandLine(int argc, char** argv, const Circumstances& circumstances) {
-    CLI::App app("Keep skarn's announcements and deliver them.", "skarn-relay");
-    app.set_version_flag("--version", std::string("skarn-relay ") + Daemon::version);
-    app.require_subcommand(1);
-    Common common;
-    CLI::App* const run = addCommand(app, common, "run", "Take records in and deliver them");
-    run->callback([&common, &circumstances] {
-        const auto settings = settingsOf(common.configuration);
-        common.exitStatus = settings ? runRelay(*settings, circumstances) : badUsage;
-    });
-    addStatus(app, common);
-    addRecords(app, common);
-    addSubscribers(app, common);
-    addDeadLetters(app, common);
-    addCheck(app, common);
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::Success& success) {
-        return app.exit(success); // help or version, on standard output
-    } catch (const CLI::ParseError& error) {
-        warn(std::string(error.what()) + " (skarn-relay --help tells more)");
-        return badUsage;
-    } catch (const std::exception& error) {
-        warn(error.what());
-        return failed;
-    }
-    return common.exitStatus;
+int runCommandLine(int argc, char** argv, std::function<void()> afterCommit) {
+    return CommandLine(std::move(afterCommit)).parse(argc, argv);
 }
 
 } // namespace relay

@@ -1,11 +1,12 @@
-// The command line of skarn-relay, and the way to the command that it names.
+// The command line of skarn-relay: it runs the relay, or asks one that runs over its Unix socket.
 #pragma once
 
 #include "relay/relay.h"
 
 namespace relay {
 
-/// Does what the words say, and returns the status for exit.
-int runCommandLine(int argc, char** argv, const Circumstances& circumstances);
+/// Does what the words say, and returns the status for exit. `afterCommit` is for tests: see
+/// Intake.
+int runCommandLine(int argc, char** argv, std::function<void()> afterCommit);
 
 } // namespace relay

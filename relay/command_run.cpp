@@ -1,24 +1,20 @@
 // One run of a subscriber's program.
 #include "relay/command_run.h"
 
+#include "relay/json.h"
 #include "relay/messages.h"
-#include "relay/record_json.h"
-#include "utilities/descriptors.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
-#include <chrono>
 #include <csignal>
 #include <cstddef>
-#include <cstring>
 #include <stdexcept>
 
 #include <fcntl.h>
-#include <grp.h>
-#include <poll.h>
 #include <pwd.h>
+#include <spawn.h>
 #include <sys/mman.h>
-#include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -30,41 +26,48 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr std::size_t longestComplaint = 400; // the end of what it said
-constexpr int pollPause = 100;                // milliseconds
 constexpr auto grace = 5s;                    // between SIGTERM and SIGKILL
+constexpr int pollPause = 100;                // milliseconds
 
-/// All that the child needs, made before the fork: behind it nothing may be allocated.
-struct Plan {
-    std::vector<std::string> words;
-    std::vector<std::string> environment;
-    std::vector<char*> wordPointers;
-    std::vector<char*> environmentPointers;
-    Descriptor input;
-    Descriptor complaintsIn; // what it writes as its standard error
-    bool hasUser = false;
-    uid_t uid = 0;
-    gid_t gid = 0;
-    std::vector<gid_t> groups;
-};
+/// What the program is started through: it sets the user, and sees to it that it dies with us.
+constexpr const char* starter = "/usr/bin/setpriv";
 
-void setUser(const std::string& name, Plan& plan) {
-    const passwd* const entry = ::getpwnam(name.c_str());
-    if (entry == nullptr) {
-        throw std::runtime_error("there is no user " + name);
+/// What of a run's words and input comes from the records.
+void addRecords(const std::vector<Record>& records, CommandSettings::Input form,
+                std::vector<std::string>& words, std::string& input) {
+    for (const Record& each : records) {
+        switch (form) {
+        case CommandSettings::Input::arguments:
+            words.push_back(each.path);
+            break;
+        case CommandSettings::Input::nul:
+            input += each.path + '\0';
+            break;
+        case CommandSettings::Input::json:
+            appendJson(each, input);
+            input += '\n';
+            break;
+        }
     }
-    plan.hasUser = true;
-    plan.uid = entry->pw_uid;
-    plan.gid = entry->pw_gid;
-    int count = 64;
-    plan.groups.resize(static_cast<std::size_t>(count));
-    if (::getgrouplist(name.c_str(), plan.gid, plan.groups.data(), &count) < 0) {
-        plan.groups.resize(static_cast<std::size_t>(count));
-        ::getgrouplist(name.c_str(), plan.gid, plan.groups.data(), &count);
+}
+
+/// The relay's own, without what the service manager tells it, and with what is the user's.
+std::vector<std::string> environmentOf(const passwd* user) {
+    std::vector<std::string> left = {"NOTIFY_SOCKET", "WATCHDOG_USEC", "WATCHDOG_PID",
+                                     "LISTEN_FDS",    "LISTEN_PID",    "LISTEN_FDNAMES"};
+    std::vector<std::string> made;
+    if (user != nullptr) {
+        left.insert(left.end(), {"HOME", "USER", "LOGNAME"});
+        made = {"HOME=" + std::string(user->pw_dir), "USER=" + std::string(user->pw_name),
+                "LOGNAME=" + std::string(user->pw_name)};
     }
-    plan.groups.resize(static_cast<std::size_t>(count));
-    plan.environment.push_back("HOME=" + std::string(entry->pw_dir));
-    plan.environment.push_back("USER=" + name);
-    plan.environment.push_back("LOGNAME=" + name);
+    for (char** variable = environ; *variable != nullptr; ++variable) {
+        const std::string text = *variable;
+        if (std::find(left.begin(), left.end(), text.substr(0, text.find('='))) == left.end()) {
+            made.push_back(text);
+        }
+    }
+    return made;
 }
 
 /// A file in memory with the text, standing at its beginning.
@@ -86,133 +89,147 @@ std::vector<char*> pointersTo(std::vector<std::string>& texts) {
     return pointers;
 }
 
-Plan planFor(const CommandSettings& command, const std::vector<Record>& records) {
-    Plan plan;
-    plan.words = command.words;
-    std::string input;
-    for (const Record& each : records) {
-        switch (command.input) {
-        case CommandSettings::Input::arguments:
-            plan.words.push_back(each.path);
-            break;
-        case CommandSettings::Input::nul:
-            input += each.path + '\0';
-            break;
-        case CommandSettings::Input::json:
-            appendJson(each, input);
-            input += '\n';
-            break;
-        }
-    }
-    plan.input = inputOf(input);
-    if (!command.user.empty()) {
-        setUser(command.user, plan);
-    }
-    for (char** variable = environ; *variable != nullptr; ++variable) {
-        // What the service manager tells the relay is nothing for it; what was set above goes
-        // first.
-        const std::string text = *variable;
-        const std::string name = text.substr(0, text.find('=') + 1);
-        const bool isOwn = name == "NOTIFY_SOCKET=" || name == "WATCHDOG_USEC=" ||
-                           name == "WATCHDOG_PID=" || name.rfind("LISTEN_", 0) == 0;
-        const bool isSet =
-            plan.hasUser && (name == "HOME=" || name == "USER=" || name == "LOGNAME=");
-        if (!isOwn && !isSet) {
-            plan.environment.push_back(text);
-        }
-    }
-    plan.wordPointers = pointersTo(plan.words);
-    plan.environmentPointers = pointersTo(plan.environment);
-    return plan;
-}
-
-/// In the child: only calls that are safe behind a fork.
-[[noreturn]] void becomeProgram(const Plan& plan) {
-    const int nothing = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
-    ::dup2(plan.input.get(), STDIN_FILENO);
-    ::dup2(nothing, STDOUT_FILENO);
-    ::dup2(plan.complaintsIn.get(), STDERR_FILENO);
-    ::setpgid(0, 0);
+/// Starts it as the leader of a group of its own, with these for its first three descriptors.
+pid_t spawn(std::vector<std::string>& words, std::vector<std::string>& environment,
+            const Descriptor& input, const Descriptor& errors) {
+    posix_spawn_file_actions_t files;
+    posix_spawnattr_t attributes;
     sigset_t none;
+    sigset_t usual;
     sigemptyset(&none);
-    ::sigprocmask(SIG_SETMASK, &none, nullptr);
-    ::signal(SIGPIPE, SIG_DFL);
-    if (plan.hasUser && (::setgroups(plan.groups.size(), plan.groups.data()) != 0 ||
-                         ::setgid(plan.gid) != 0 || ::setuid(plan.uid) != 0)) {
-        ::_exit(126);
+    sigemptyset(&usual);
+    sigaddset(&usual, SIGPIPE);
+    posix_spawn_file_actions_init(&files);
+    posix_spawn_file_actions_adddup2(&files, input.get(), STDIN_FILENO);
+    posix_spawn_file_actions_addopen(&files, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+    posix_spawn_file_actions_adddup2(&files, errors.get(), STDERR_FILENO);
+    posix_spawn_file_actions_addclosefrom_np(&files, STDERR_FILENO + 1);
+    posix_spawnattr_init(&attributes);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGMASK |
+                                              POSIX_SPAWN_SETSIGDEF);
+    posix_spawnattr_setsigmask(&attributes, &none);
+    posix_spawnattr_setsigdefault(&attributes, &usual);
+    pid_t process = -1;
+    const int error = posix_spawn(&process, starter, &files, &attributes, pointersTo(words).data(),
+                                  pointersTo(environment).data());
+    posix_spawn_file_actions_destroy(&files);
+    posix_spawnattr_destroy(&attributes);
+    if (error != 0) {
+        throw std::runtime_error("cannot start a process: " + systemError(error));
     }
-    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-    ::syscall(SYS_close_range, 3U, ~0U, 0U);
-    ::execve(plan.wordPointers.front(), plan.wordPointers.data(), plan.environmentPointers.data());
-    const char* const why = ::strerrordesc_np(errno);
-    static_cast<void>(::write(STDERR_FILENO, why, std::strlen(why)));
-    ::_exit(127);
-}
-
-std::string endOf(int status, bool isTimedOut, const CommandSettings& command,
-                  const std::string& complaints) {
-    if (!isTimedOut && WIFEXITED(status) && WEXITSTATUS(status) == 0) {
-        return {};
-    }
-    std::string sentence = command.words.front();
-    if (isTimedOut) {
-        sentence += " was ended after " + std::to_string(command.timeout) + " seconds";
-    } else if (WIFSIGNALED(status)) {
-        sentence += " was ended by signal " + std::to_string(WTERMSIG(status));
-    } else {
-        sentence += " ended with status " + std::to_string(WEXITSTATUS(status));
-    }
-    return complaints.empty() ? sentence : sentence + ": " + shown(complaints);
+    return process;
 }
 
 } // namespace
 
-std::string runCommand(const CommandSettings& command, const std::vector<Record>& records,
-                       const std::atomic<bool>& isEnding) {
-    Plan plan = planFor(command, records);
+CommandRun::CommandRun(const CommandSettings& ofCommand, const std::vector<Record>& records)
+    : command(ofCommand), nextSignal(SIGTERM),
+      signalTime(std::chrono::steady_clock::now() + std::chrono::seconds(command.timeout)) {
+    try {
+        start(records);
+    } catch (const std::runtime_error& error) {
+        sentence = error.what();
+    }
+}
+
+CommandRun::~CommandRun() {
+    end();
+    while (!hasEnded()) {
+        std::vector<pollfd> polled;
+        addTo(polled);
+        ::poll(polled.data(), polled.size(), pollPause);
+    }
+}
+
+void CommandRun::start(const std::vector<Record>& records) {
+    std::vector<std::string> words = {starter, "--pdeathsig=KILL"};
+    const passwd* user = nullptr;
+    if (!command.user.empty()) {
+        user = ::getpwnam(command.user.c_str());
+        if (user == nullptr) {
+            throw std::runtime_error("there is no user " + command.user);
+        }
+        words.insert(words.end(), {"--reuid=" + std::to_string(user->pw_uid),
+                                   "--regid=" + std::to_string(user->pw_gid), "--init-groups"});
+    }
+    words.emplace_back("--");
+    words.insert(words.end(), command.words.begin(), command.words.end());
+    std::string input;
+    addRecords(records, command.input, words, input);
+    std::vector<std::string> environment = environmentOf(user);
     int ends[2] = {-1, -1};
     if (::pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) {
-        return "cannot make a pipe: " + systemError(errno);
+        throw std::runtime_error("cannot make a pipe: " + systemError(errno));
     }
-    const Descriptor complaintsOut(ends[0]);
-    plan.complaintsIn = Descriptor(ends[1]);
-    const pid_t child = ::fork();
-    if (child < 0) {
-        return "cannot start a process: " + systemError(errno);
+    complaintsOut = Descriptor(ends[0]);
+    const Descriptor complaintsIn(ends[1]);
+    process = spawn(words, environment, inputOf(input), complaintsIn);
+    handle = Descriptor(static_cast<int>(::syscall(SYS_pidfd_open, process, 0U)));
+}
+
+void CommandRun::end() {
+    if (process >= 0 && nextSignal == SIGTERM) {
+        signal();
     }
-    if (child == 0) {
-        becomeProgram(plan);
+}
+
+/// Sends the next signal to all that it has started.
+void CommandRun::signal() {
+    ::kill(-process, nextSignal);
+    nextSignal = SIGKILL;
+    signalTime = std::chrono::steady_clock::now() + grace;
+}
+
+void CommandRun::addTo(std::vector<pollfd>& polled) const {
+    for (const Descriptor* const each : {&handle, &complaintsOut}) {
+        polled.push_back({each->get(), POLLIN, 0}); // poll leaves out what is closed
     }
-    ::setpgid(child, child); // here, too: whoever is first
-    plan.complaintsIn.reset();
-    const Descriptor handle(static_cast<int>(::syscall(SYS_pidfd_open, child, 0U)));
-    auto end = std::chrono::steady_clock::now() + std::chrono::seconds(command.timeout);
-    int nextSignal = SIGTERM;
-    bool isTimedOut = false;
-    std::string complaints;
+}
+
+void CommandRun::readComplaints() {
+    std::array<char, 4096> part{};
+    const ssize_t count = ::read(complaintsOut.get(), part.data(), part.size());
+    if (count > 0) {
+        complaints.append(part.data(), static_cast<std::size_t>(count));
+        complaints.erase(0, complaints.size() - std::min(complaints.size(), longestComplaint));
+    } else if (count == 0) {
+        complaintsOut.reset(); // it has closed its standard error
+    }
+}
+
+bool CommandRun::hasEnded() {
+    if (process < 0) {
+        return true;
+    }
+    readComplaints();
     int status = 0;
-    while (::waitpid(child, &status, WNOHANG) == 0) {
-        std::array<pollfd, 2> polled = {
-            {{handle.get(), POLLIN, 0}, {complaintsOut.get(), POLLIN, 0}}};
-        ::poll(polled.data(), polled.size(), pollPause);
-        std::array<char, 4096> part{};
-        const ssize_t count = ::read(complaintsOut.get(), part.data(), part.size());
-        if (count > 0) {
-            complaints.append(part.data(), static_cast<std::size_t>(count));
-            complaints.erase(0, complaints.size() - std::min(complaints.size(), longestComplaint));
-        } else if (count == 0) {
-            ::poll(polled.data(), 1, pollPause); // it has closed its standard error
-        }
-        const auto time = std::chrono::steady_clock::now();
-        if (time >= end || (isEnding && nextSignal == SIGTERM)) {
-            isTimedOut = isTimedOut || time >= end;
-            ::kill(-child, nextSignal);
-            nextSignal = SIGKILL;
-            end = time + grace;
-        }
+    if (::waitpid(process, &status, WNOHANG) == process) {
+        ::kill(-process, SIGKILL); // what it has left in the background
+        process = -1;
+        readComplaints();
+        sentence = outcome(status);
+        return true;
     }
-    ::kill(-child, SIGKILL); // what it has left in the background
-    return endOf(status, isTimedOut, command, complaints);
+    if (std::chrono::steady_clock::now() >= signalTime) {
+        isTimedOut = true;
+        signal();
+    }
+    return false;
+}
+
+std::string CommandRun::outcome(int status) const {
+    if (!isTimedOut && WIFEXITED(status) && WEXITSTATUS(status) == 0) {
+        return {};
+    }
+    std::string text = command.words.front();
+    if (isTimedOut) {
+        text += " was ended after " + std::to_string(command.timeout) + " seconds";
+    } else if (WIFSIGNALED(status)) {
+        text += " was ended by signal " + std::to_string(WTERMSIG(status));
+    } else {
+        text += " ended with status " + std::to_string(WEXITSTATUS(status));
+    }
+    return complaints.empty() ? text : text + ": " + shown(complaints);
 }
 
 } // namespace relay

@@ -14,14 +14,6 @@ namespace {
 
 constexpr std::int64_t billion = 1000000000;
 
-std::optional<std::int64_t> parseNumber(const std::string& digits) {
-    std::int64_t value = 0;
-    const char* const end = digits.data() + digits.size();
-    const auto [behind, error] = std::from_chars(digits.data(), end, value);
-    return error == std::errc() && behind == end && value >= 0 ? std::optional(value)
-                                                               : std::nullopt;
-}
-
 std::optional<std::int64_t> parseAge(const std::string& text) {
     if (text.size() < 2) {
         return std::nullopt;
@@ -111,6 +103,14 @@ Filter parseFilterText(const std::string& text) {
         }
     }
     return filter;
+}
+
+std::optional<std::int64_t> parseNumber(const std::string& digits) {
+    std::int64_t value = 0;
+    const char* const end = digits.data() + digits.size();
+    const auto [behind, error] = std::from_chars(digits.data(), end, value);
+    return error == std::errc() && behind == end && value >= 0 ? std::optional(value)
+                                                               : std::nullopt;
 }
 
 std::optional<std::int64_t> parseTime(const std::string& text) {

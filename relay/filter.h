@@ -34,6 +34,9 @@ struct Start {
     std::int64_t value = 0; // a time in nanoseconds since 1970, or the first sequence number
 };
 
+/// A number, 0 or more, in decimal digits. Nothing if the text is none.
+std::optional<std::int64_t> parseNumber(const std::string& digits);
+
 /// Reads "oldest", "now", a time (see parseTime) or a sequence number. Nothing if it is none.
 std::optional<Start> parseStart(const std::string& text);
 

@@ -1,17 +1,17 @@
 // Serving subscribers over HTTP: their records, acknowledgements, live streams, and the status.
 #include "relay/http_server.h"
 
+#include "relay/json.h"
 #include "relay/messages.h"
-#include "relay/record_json.h"
 #include "shares/files.h"
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <charconv>
 #include <chrono>
 #include <cstddef>
 #include <exception>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -38,9 +38,11 @@ constexpr std::int64_t longestWait = 60; // seconds
 constexpr std::int64_t usualLimit = 1000;
 constexpr std::int64_t largestLimit = 10000;
 constexpr std::size_t largestBody = 65536;
+constexpr std::size_t shortestToken = 16;
 constexpr int writeTimeout = 30; // seconds
 constexpr auto streamPause = std::chrono::milliseconds(1000);
 constexpr int pausesBetweenSigns = 15;
+constexpr const char* jsonLines = "application/x-ndjson";
 
 /// What a client did wrong, and the status that tells it.
 struct Refusal {
@@ -48,34 +50,23 @@ struct Refusal {
     std::string sentence;
 };
 
+void answerJson(Response& response, const Json& object) {
+    response.set_content(jsonText(object) + "\n", "application/json");
+}
+
 void answerError(Response& response, int status, const std::string& sentence) {
     response.status = status;
-    response.set_content(
-        "{\"error\":" + jsonString(isUtf8(sentence) ? sentence : percentEncoded(sentence)) + "}\n",
-        "application/json");
-}
-
-void answerJson(Response& response, const std::string& text) {
-    response.set_content(text, "application/json");
-}
-
-std::optional<std::int64_t> parseNumber(const std::string& text) {
-    std::int64_t value = 0;
-    const char* const end = text.data() + text.size();
-    const auto [behind, error] = std::from_chars(text.data(), end, value);
-    return error == std::errc() && behind == end && value >= 0 ? std::optional(value)
-                                                               : std::nullopt;
+    answerJson(response, {{"error", sentence}});
 }
 
 std::int64_t numberIn(const Request& request, const char* name, std::int64_t otherwise) {
     if (!request.has_param(name)) {
         return otherwise;
     }
-    const auto number = parseNumber(request.get_param_value(name));
-    if (!number) {
-        throw Refusal{400, std::string(name) + " must be a number, 0 or more"};
+    if (const auto number = parseNumber(request.get_param_value(name))) {
+        return *number;
     }
-    return *number;
+    throw Refusal{400, std::string(name) + " must be a number, 0 or more"};
 }
 
 std::vector<std::string> textsIn(const Request& request, const char* name) {
@@ -93,15 +84,15 @@ Filter filterIn(const Request& request) {
     Filter filter;
     filter.detectors = textsIn(request, "detector");
     filter.paths = textsIn(request, "path");
-    if (const auto names = textsIn(request, "kind"); !names.empty()) {
+    if (request.has_param("kind")) {
         filter.kinds.clear();
-        for (const std::string& name : names) {
-            const auto kind = kindNamed(name);
-            if (!kind) {
-                throw Refusal{400, "kind must be file, usershift, run or other"};
-            }
-            filter.kinds.push_back(*kind);
+    }
+    for (const std::string& name : textsIn(request, "kind")) {
+        const auto kind = kindNamed(name);
+        if (!kind) {
+            throw Refusal{400, "kind must be file, usershift, run or other"};
         }
+        filter.kinds.push_back(*kind);
     }
     return filter;
 }
@@ -124,18 +115,11 @@ void answerPage(Response& response, const Page& page) {
         text += '\n';
     }
     response.set_header("Skarn-Seen-To", std::to_string(page.seenTo));
-    response.set_content(text, "application/x-ndjson");
+    response.set_content(text, jsonLines);
 }
 
-std::string deadLetterJson(const DeadLetter& letter) {
-    const bool isText = isUtf8(letter.path);
-    return "{\"seq\":" + std::to_string(letter.sequence) +
-           (isText ? ",\"path\":" + jsonString(letter.path)
-                   : ",\"path_percent\":" + jsonString(percentEncoded(letter.path))) +
-           ",\"attempts\":" + std::to_string(letter.attempts) + ",\"since\":\"" +
-           secondsText(letter.since) + "\",\"reason\":" +
-           jsonString(isUtf8(letter.reason) ? letter.reason : percentEncoded(letter.reason)) +
-           "}\n";
+void answerPosition(Response& response, const Subscription& subscription) {
+    answerJson(response, {{"acknowledged", subscription.acknowledged()}});
 }
 
 /// Equal texts, in a time that tells nothing of where they differ.
@@ -145,6 +129,18 @@ bool isSameToken(const std::string& one, const std::string& other) {
         difference |= static_cast<unsigned char>(one[at]) ^ static_cast<unsigned char>(other[at]);
     }
     return difference == 0;
+}
+
+std::string readToken(const std::string& file) {
+    const auto text = confirming::readTextFile(file);
+    if (!text) {
+        throw std::runtime_error("cannot read the token in " + file + ": " + systemError(errno));
+    }
+    std::string token = text->substr(0, text->find_first_of("\r\n"));
+    if (token.size() < shortestToken) {
+        throw std::runtime_error("the token in " + file + " must have 16 characters or more");
+    }
+    return token;
 }
 
 /// Makes way for a socket at the path: removes one that nobody listens at any more.
@@ -171,9 +167,6 @@ void clearSocketPath(const std::string& path) {
 
 /// Lets a group connect, too.
 void shareSocket(const std::string& path, const std::string& groupName) {
-    if (groupName.empty()) {
-        return;
-    }
     const group* const entry = ::getgrnam(groupName.c_str());
     if (entry == nullptr) {
         throw std::runtime_error("there is no group " + groupName);
@@ -185,177 +178,91 @@ void shareSocket(const std::string& path, const std::string& groupName) {
     }
 }
 
-} // namespace
-
-class HttpServer::Implementation {
+/// What is behind the addresses.
+class Service {
 public:
-    Implementation(const HttpSettings& settings, const Served& servedParts)
-        : served(servedParts), socketPath(settings.socket) {
-        if (!settings.tokenFile.empty()) {
-            readToken(settings.tokenFile);
-        }
-        prepare(local, false);
-        clearSocketPath(socketPath);
-        const mode_t mask = ::umask(0177);
-        local.set_address_family(AF_UNIX);
-        const bool isBound = local.bind_to_port(socketPath, 80);
-        const int error = errno;
-        ::umask(mask);
-        if (!isBound) {
-            throw std::runtime_error("cannot listen at " + socketPath + ": " + systemError(error));
-        }
-        shareSocket(socketPath, settings.group);
-        if (!settings.listen.empty()) {
-            prepare(remote, true);
-            bindRemote(settings.listen);
-            remoteThread = std::thread([this] { remote.listen_after_bind(); });
-        }
-        localThread = std::thread([this] { local.listen_after_bind(); });
-    }
+    explicit Service(const Served& from) : served(from) {}
 
-    ~Implementation() {
-        isEnding = true;
-        served.log.interrupt();
-        for (auto [server, thread] :
-             {std::pair(&local, &localThread), std::pair(&remote, &remoteThread)}) {
-            if (thread->joinable()) {
-                while (!server->is_running()) {
-                    std::this_thread::yield(); // it is about to begin
-                }
-                server->stop();
-                thread->join();
-            }
-        }
-        ::unlink(socketPath.c_str());
-    }
-    Implementation(const Implementation&) = delete;
-    Implementation& operator=(const Implementation&) = delete;
-
-private:
-    /// Counts those that wait, for as long as it lives; too many are refused.
-    class Waiting {
-    public:
-        explicit Waiting(std::atomic<int>& counter) : count(counter) {
-            if (++count > mostWaiting) {
-                --count;
-                throw Refusal{503, "too many clients wait already"};
-            }
-        }
-        ~Waiting() { --count; }
-        Waiting(const Waiting&) = delete;
-        Waiting& operator=(const Waiting&) = delete;
-
-    private:
-        std::atomic<int>& count;
-    };
-
-    void readToken(const std::string& file) {
-        const auto text = confirming::readTextFile(file);
-        if (!text) {
-            throw std::runtime_error("cannot read the token in " + file + ": " +
-                                     systemError(errno));
-        }
-        token = text->substr(0, text->find_first_of("\r\n"));
-        if (token.size() < 16) {
-            throw std::runtime_error("the token in " + file + " must have 16 characters or more");
-        }
-    }
-
-    void bindRemote(const std::string& listen) {
-        const std::size_t colon = listen.rfind(':');
-        std::string host = listen.substr(0, colon);
-        if (host.size() > 2 && host.front() == '[') {
-            host = host.substr(1, host.size() - 2);
-        }
-        if (!remote.bind_to_port(host, std::stoi(listen.substr(colon + 1)))) {
-            throw std::runtime_error("cannot listen at " + listen + ": " + systemError(errno));
-        }
-    }
-
-    void prepare(httplib::Server& server, bool isRemote) {
-        server.new_task_queue = [] { return new httplib::ThreadPool(threads); };
-        server.set_payload_max_length(largestBody);
-        server.set_write_timeout(writeTimeout);
-        server.set_exception_handler(
-            [](const Request&, Response& response, const std::exception_ptr& thrown) {
-                try {
-                    std::rethrow_exception(thrown);
-                } catch (const Refusal& refusal) {
-                    answerError(response, refusal.status, refusal.sentence);
-                } catch (const std::exception& error) {
-                    answerError(response, 503, error.what());
-                } catch (...) {
-                    answerError(response, 500, "unknown");
-                }
-            });
-        server.set_error_handler([](const Request&, Response& response) {
-            if (response.body.empty()) {
-                answerError(response, response.status, "there is nothing of that name");
+    void addRoutes(httplib::Server& server) {
+        server.Get("/v1/status", [this](const Request& request, Response& response) {
+            if (request.get_param_value("format") == "text") {
+                response.set_content(statusText(served.status()), "text/plain");
+            } else {
+                response.set_content(statusJson(served.status()), "application/json");
             }
         });
-        server.set_pre_routing_handler(
-            [this, isRemote](const Request& request, Response& response) {
-                if (isRemote && !token.empty() &&
-                    !isSameToken(request.get_header_value("Authorization"), "Bearer " + token)) {
-                    answerError(response, 401, "this address wants a token");
-                    return httplib::Server::HandlerResponse::Handled;
-                }
-                return httplib::Server::HandlerResponse::Unhandled;
-            });
-        addRoutes(server);
+        server.Get("/metrics", [this](const Request&, Response& response) {
+            response.set_content(metricsText(served.status()), "text/plain; version=0.0.4");
+        });
+        server.Get("/v1/records", by(&Service::tellRecords));
+        const std::string one = "/v1/subscribers/([A-Za-z0-9._-]+)";
+        server.Put(one, withBody(&Service::create));
+        server.Delete(one, withBody(&Service::remove));
+        server.Post(one + "/reset", withBody(&Service::reset));
+        server.Get(one + "/records", by(&Service::fetch));
+        server.Post(one + "/ack", withBody(&Service::acknowledge));
+        server.Get(one + "/stream", by(&Service::stream));
+        server.Get(one + "/dead-letters", by(&Service::listDeadLetters));
+        server.Post(one + "/dead-letters/(retry|drop)", withBody(&Service::treatDeadLetters));
     }
 
-    void tellStatus(const Request& request, Response& response) {
-        if (request.get_param_value("format") == "text") {
-            response.set_content(statusText(served.status()), "text/plain");
-        } else {
-            answerJson(response, statusJson(served.status()));
+    /// Whoever waits gets what there is.
+    void end() {
+        isEnding = true;
+        served.log.interrupt();
+    }
+
+private:
+    using Answer = void (Service::*)(const Request&, Response&);
+
+    httplib::Server::Handler by(Answer answer) {
+        return [this, answer](const Request& request, Response& response) {
+            (this->*answer)(request, response);
+        };
+    }
+
+    /// For requests that may have a body, which nobody wants. One that announces none has none: the
+    /// library itself would wait for it until the client leaves.
+    httplib::Server::HandlerWithContentReader withBody(Answer answer) {
+        return [this, answer](const Request& request, Response& response,
+                              const httplib::ContentReader& reader) {
+            if (request.has_header("Content-Length") || request.has_header("Transfer-Encoding")) {
+                reader([](const char*, std::size_t) { return true; });
+            }
+            (this->*answer)(request, response);
+        };
+    }
+
+    /// Counts one more that waits, until what it returns is destroyed; too many are refused.
+    std::shared_ptr<void> startWaiting() {
+        if (++waitingClients > mostWaiting) {
+            --waitingClients;
+            throw Refusal{503, "too many clients wait already"};
         }
+        return {nullptr, [this](void*) { --waitingClients; }};
     }
 
-    void tellMetrics(const Request&, Response& response) {
-        response.set_content(metricsText(served.status()), "text/plain; version=0.0.4");
-    }
-
-    void tellRecords(const Request& request, Response& response) {
-        std::int64_t after = numberIn(request, "after", -1);
-        if (after < 0) {
-            after = served.log.positionOf(startIn(request, "since"));
-        }
-        const Filter filter = filterIn(request);
-        answerPage(response, await(request, after, [&](std::size_t limit) {
-                       return served.log.read(after, filter, limit);
-                   }));
-    }
-
-    /// Reads until there is something, for as long as the request says. `after` follows what was
-    /// looked at in vain.
+    /// Reads behind that number until there is something, for as long as the request says.
     template<class Read>
-    Page await(const Request& request, std::int64_t& after, Read read) {
+    Page await(const Request& request, std::int64_t after, Read read) {
         const auto limit = static_cast<std::size_t>(
             std::clamp<std::int64_t>(numberIn(request, "limit", usualLimit), 1, largestLimit));
         const std::int64_t seconds = std::min(numberIn(request, "wait", 0), longestWait);
         const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
-        std::optional<Waiting> waiting;
+        std::shared_ptr<void> waiting;
         for (;;) {
-            Page page = read(limit);
-            const bool isMore = page.seenTo > after;
-            after = page.seenTo;
-            if (!page.records.empty() || isEnding) {
-                return page;
-            }
-            if (isMore) {
-                continue; // there may be some behind what was looked at
-            }
+            Page page = read(after, limit);
             const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
                 end - std::chrono::steady_clock::now());
-            if (left.count() <= 0) {
+            const bool isMore = page.seenTo > after; // perhaps, behind what was looked at
+            if (!page.records.empty() || isEnding || (!isMore && left.count() <= 0)) {
                 return page;
             }
-            if (!waiting) {
-                waiting.emplace(waitingClients);
+            after = page.seenTo;
+            if (!isMore) {
+                waiting = waiting ? waiting : startWaiting();
+                served.log.waitBehind(after, left);
             }
-            served.log.waitBehind(after, left);
         }
     }
 
@@ -377,45 +284,15 @@ private:
         return found;
     }
 
-    using Answer = void (Implementation::*)(const Request&, Response&);
-
-    httplib::Server::Handler by(Answer answer) {
-        return [this, answer](const Request& request, Response& response) {
-            (this->*answer)(request, response);
-        };
-    }
-
-    /// For requests that may have a body, which nobody wants. One that announces none has none: the
-    /// library itself would wait for it until the client leaves.
-    httplib::Server::HandlerWithContentReader withBody(Answer answer) {
-        return [this, answer](const Request& request, Response& response,
-                              const httplib::ContentReader& reader) {
-            if (request.has_header("Content-Length") || request.has_header("Transfer-Encoding")) {
-                reader([](const char*, std::size_t) { return true; });
-            }
-            (this->*answer)(request, response);
-        };
-    }
-
-    void addRoutes(httplib::Server& server) {
-        server.Get("/v1/status", by(&Implementation::tellStatus));
-        server.Get("/metrics", by(&Implementation::tellMetrics));
-        server.Get("/v1/records", by(&Implementation::tellRecords));
-        const std::string one = "/v1/subscribers/([A-Za-z0-9._-]+)";
-        server.Put(one, withBody(&Implementation::create));
-        server.Delete(one, withBody(&Implementation::remove));
-        server.Post(one + "/reset", withBody(&Implementation::reset));
-        server.Get(one + "/records", by(&Implementation::fetch));
-        server.Post(one + "/ack", withBody(&Implementation::acknowledge));
-        server.Get(one + "/stream", by(&Implementation::stream));
-        server.Get(one + "/dead-letters", by(&Implementation::listDeadLetters));
-        server.Post(one + "/dead-letters/(retry|drop)",
-                    withBody(&Implementation::treatDeadLetters));
-    }
-
-    static void answerPosition(Response& response, const Subscription& subscription) {
-        answerJson(response,
-                   "{\"acknowledged\":" + std::to_string(subscription.acknowledged()) + "}\n");
+    void tellRecords(const Request& request, Response& response) {
+        std::int64_t after = numberIn(request, "after", -1);
+        if (after < 0) {
+            after = served.log.positionOf(startIn(request, "since"));
+        }
+        const Filter filter = filterIn(request);
+        answerPage(response, await(request, after, [&](std::int64_t behind, std::size_t limit) {
+                       return served.log.read(behind, filter, limit);
+                   }));
     }
 
     void create(const Request& request, Response& response) {
@@ -437,12 +314,11 @@ private:
     }
 
     void remove(const Request& request, Response& response) {
-        const auto found = subscriber(request);
-        const std::string problem = served.subscribers.remove(found->settings.name);
+        const std::string problem = served.subscribers.remove(subscriber(request)->settings.name);
         if (!problem.empty()) {
             throw Refusal{409, problem};
         }
-        answerJson(response, "{}\n");
+        answerJson(response, Json::object());
     }
 
     void reset(const Request& request, Response& response) {
@@ -453,9 +329,9 @@ private:
 
     void fetch(const Request& request, Response& response) {
         const auto found = httpSubscriber(request);
-        std::int64_t after = numberIn(request, "after", found->acknowledged());
-        const Page page =
-            await(request, after, [&](std::size_t limit) { return found->next(after, limit); });
+        const Page page = await(
+            request, numberIn(request, "after", found->acknowledged()),
+            [&](std::int64_t behind, std::size_t limit) { return found->next(behind, limit); });
         found->countAttempt();
         found->countDelivered(static_cast<std::int64_t>(page.records.size()));
         answerPage(response, page);
@@ -474,53 +350,62 @@ private:
     /// Server-sent events, each a record, until the client leaves.
     void stream(const Request& request, Response& response) {
         const auto found = httpSubscriber(request);
-        const std::string lastId = request.get_header_value("Last-Event-ID");
-        std::int64_t after = parseNumber(lastId).value_or(found->acknowledged());
-        const auto waiting = std::make_shared<Waiting>(waitingClients);
+        const auto lastId = parseNumber(request.get_header_value("Last-Event-ID"));
         response.set_header("Cache-Control", "no-store");
         response.set_chunked_content_provider(
-            "text/event-stream", [this, found, after, waiting,
-                                  silent = 0](std::size_t, httplib::DataSink& sink) mutable {
+            "text/event-stream",
+            [this, found, after = lastId.value_or(found->acknowledged()), silent = 0,
+             waiting = startWaiting()](std::size_t, httplib::DataSink& sink) mutable {
                 if (isEnding) {
                     sink.done();
                     return true;
                 }
-                Page page;
                 try {
-                    page = found->next(after, static_cast<std::size_t>(usualLimit));
+                    return streamOn(*found, after, silent, sink);
                 } catch (const DatabaseError&) {
                     return false; // the client comes again
                 }
-                std::string text;
-                for (const Record& each : page.records) {
-                    text += "id: " + std::to_string(each.sequence) + "\ndata: ";
-                    appendJson(each, text);
-                    text += "\n\n";
-                }
-                if (text.empty() && page.seenTo == after) {
-                    served.log.waitBehind(after, streamPause);
-                    if (++silent < pausesBetweenSigns) {
-                        return true;
-                    }
-                    text = ":\n\n"; // a sign of life, by which a client that left is found out
-                }
-                silent = 0;
-                after = page.seenTo;
-                found->countDelivered(static_cast<std::int64_t>(page.records.size()));
-                return text.empty() || sink.write(text.data(), text.size());
             });
+    }
+
+    /// The next part of a stream. False if the client has left.
+    bool streamOn(Subscription& subscription, std::int64_t& after, int& silent,
+                  httplib::DataSink& sink) {
+        const Page page = subscription.next(after, static_cast<std::size_t>(usualLimit));
+        std::string text;
+        for (const Record& each : page.records) {
+            text += "id: " + std::to_string(each.sequence) + "\ndata: ";
+            appendJson(each, text);
+            text += "\n\n";
+        }
+        if (text.empty() && page.seenTo == after) {
+            served.log.waitBehind(after, streamPause);
+            if (++silent < pausesBetweenSigns) {
+                return true;
+            }
+            text = ":\n\n"; // a sign of life, by which a client that left is found out
+        }
+        silent = 0;
+        after = page.seenTo;
+        subscription.countDelivered(static_cast<std::int64_t>(page.records.size()));
+        return text.empty() || sink.write(text.data(), text.size());
     }
 
     void listDeadLetters(const Request& request, Response& response) {
         std::string text;
         for (const DeadLetter& each : served.log.deadLetters(subscriber(request)->settings.name)) {
-            text += deadLetterJson(each);
+            text += jsonText(jsonOf(each)) + "\n";
         }
-        response.set_content(text, "application/x-ndjson");
+        response.set_content(text, jsonLines);
     }
 
     void treatDeadLetters(const Request& request, Response& response) {
-        const std::string name = subscriber(request)->settings.name;
+        const auto found = subscriber(request);
+        const std::string& name = found->settings.name;
+        const bool isDrop = request.matches[2] == "drop";
+        if (!isDrop && found->settings.type != SubscriberType::command) {
+            throw Refusal{409, "subscriber " + name + " runs no command now"};
+        }
         const bool isAll = request.get_param_value("seq") == "all";
         const std::int64_t wanted = isAll ? 0 : numberIn(request, "seq", -1);
         std::int64_t count = 0;
@@ -529,33 +414,136 @@ private:
                 continue;
             }
             ++count;
-            if (request.matches[2] == "drop") {
+            if (isDrop) {
                 served.log.removeDeadLetter(name, each.sequence);
-            } else if (!served.retryDeadLetter(name, each.sequence)) {
-                throw Refusal{409, "subscriber " + name + " runs no command now"};
+            } else {
+                found->requestRetry(each.sequence);
             }
         }
         if (count == 0 && !isAll) {
             throw Refusal{404, "there is no such dead letter; seq names one, or is \"all\""};
         }
-        answerJson(response, "{\"count\":" + std::to_string(count) + "}\n");
+        answerJson(response, {{"count", count}});
     }
 
-    Served served;
-    std::string socketPath;
-    std::string token;
+    const Served served;
     std::atomic<bool> isEnding{false};
     std::atomic<int> waitingClients{0};
-    httplib::Server local;
-    httplib::Server remote;
-    std::thread localThread;
-    std::thread remoteThread;
 };
 
-HttpServer::HttpServer(const HttpSettings& settings, const Served& served)
-    : implementation(std::make_unique<Implementation>(settings, served)) {
-}
+/// One place to listen at, and the threads that do. Listens from `start` on until it is destroyed.
+class Listener {
+public:
+    Listener(Service& service, const std::string& token) {
+        server.new_task_queue = [] { return new httplib::ThreadPool(threads); };
+        server.set_payload_max_length(largestBody);
+        server.set_write_timeout(writeTimeout);
+        server.set_exception_handler(
+            [](const Request&, Response& response, const std::exception_ptr& thrown) {
+                try {
+                    std::rethrow_exception(thrown);
+                } catch (const Refusal& refusal) {
+                    answerError(response, refusal.status, refusal.sentence);
+                } catch (const std::exception& error) {
+                    answerError(response, 503, error.what());
+                }
+            });
+        server.set_error_handler([](const Request&, Response& response) {
+            if (response.body.empty()) {
+                answerError(response, response.status, "there is nothing of that name");
+            }
+        });
+        server.set_pre_routing_handler([token](const Request& request, Response& response) {
+            if (token.empty() ||
+                isSameToken(request.get_header_value("Authorization"), "Bearer " + token)) {
+                return httplib::Server::HandlerResponse::Unhandled;
+            }
+            answerError(response, 401, "this address wants a token");
+            return httplib::Server::HandlerResponse::Handled;
+        });
+        service.addRoutes(server);
+    }
 
-HttpServer::~HttpServer() = default;
+    ~Listener() {
+        if (thread.joinable()) {
+            while (!server.is_running()) {
+                std::this_thread::yield(); // it is about to begin
+            }
+            server.stop();
+            thread.join();
+        }
+    }
+    Listener(const Listener&) = delete;
+    Listener& operator=(const Listener&) = delete;
+
+    void bindSocket(const HttpSettings& settings) {
+        clearSocketPath(settings.socket);
+        server.set_address_family(AF_UNIX);
+        const mode_t mask = ::umask(0177);
+        bind(settings.socket, 80, settings.socket);
+        ::umask(mask);
+        if (!settings.group.empty()) {
+            shareSocket(settings.socket, settings.group);
+        }
+    }
+
+    void bindAddress(const std::string& address) {
+        const std::size_t colon = address.rfind(':');
+        const bool isBracketed = address.front() == '[';
+        const std::string host =
+            isBracketed ? address.substr(1, colon - 2) : address.substr(0, colon);
+        bind(host, std::stoi(address.substr(colon + 1)), address);
+    }
+
+    void start() {
+        thread = std::thread([this] { server.listen_after_bind(); });
+    }
+
+private:
+    void bind(const std::string& host, int port, const std::string& place) {
+        if (!server.bind_to_port(host, port)) {
+            throw std::runtime_error("cannot listen at " + place + ": " + systemError(errno));
+        }
+    }
+
+    httplib::Server server;
+    std::thread thread;
+};
+
+/// All of it, for as long as it is to be served.
+class HttpServer {
+public:
+    HttpServer(const HttpSettings& settings, const Served& served)
+        : service(served), socketPath(settings.socket), local(service, "") {
+        const std::string token =
+            settings.tokenFile.empty() ? std::string() : readToken(settings.tokenFile);
+        local.bindSocket(settings);
+        if (!settings.listen.empty()) {
+            remote.emplace(service, token);
+            remote->bindAddress(settings.listen);
+            remote->start();
+        }
+        local.start();
+    }
+
+    ~HttpServer() {
+        service.end();
+        ::unlink(socketPath.c_str());
+    }
+    HttpServer(const HttpServer&) = delete;
+    HttpServer& operator=(const HttpServer&) = delete;
+
+private:
+    Service service;
+    const std::string socketPath;
+    Listener local;
+    std::optional<Listener> remote;
+};
+
+} // namespace
+
+std::shared_ptr<void> serveHttp(const HttpSettings& settings, const Served& served) {
+    return std::make_shared<HttpServer>(settings, served);
+}
 
 } // namespace relay

@@ -13,28 +13,15 @@
 
 namespace relay {
 
-/// What a server answers from; all of it outlives the server.
+/// What is answered from; all of it outlives the server.
 struct Served {
     RecordLog& log;
     Subscribers& subscribers;
     std::function<Status()> status;
-    /// False if that subscriber runs no command.
-    std::function<bool(const std::string& subscriber, std::int64_t sequence)> retryDeadLetter;
 };
 
 /// Listens on the Unix socket and, if that is configured, at an address, on threads of its own,
-/// until it is destroyed.
-class HttpServer {
-public:
-    /// Throws std::runtime_error if it can't listen.
-    HttpServer(const HttpSettings& settings, const Served& served);
-    ~HttpServer();
-    HttpServer(const HttpServer&) = delete;
-    HttpServer& operator=(const HttpServer&) = delete;
-
-private:
-    class Implementation;
-    std::unique_ptr<Implementation> implementation;
-};
+/// until what it returns is destroyed. Throws std::runtime_error if it can't listen.
+std::shared_ptr<void> serveHttp(const HttpSettings& settings, const Served& served);
 
 } // namespace relay

@@ -1,6 +1,7 @@
 // From the pipe into the log: copied, committed, and only then taken out.
 #include "relay/intake.h"
 
+#include "relay/file_look.h"
 #include "relay/messages.h"
 #include "shares/files.h"
 
@@ -21,9 +22,11 @@ namespace relay {
 
 namespace {
 
-constexpr std::size_t longestLine = 65536; // what is longer, and has no end yet, is cut here
-constexpr int pauseForTheRest = 20;        // milliseconds until half a line is looked at again
-constexpr int pauseAfterFailure = 1000;    // milliseconds
+constexpr std::size_t partSize = 256UL * 1024;    // bytes that one transaction brings in at most
+constexpr std::size_t worthAThread = 64UL * 1024; // bytes
+constexpr std::size_t longestLine = 65536;        // what is longer, and has no end yet, is cut here
+constexpr int pauseForTheRest = 20;     // milliseconds until half a line is looked at again
+constexpr int pauseAfterFailure = 1000; // milliseconds
 constexpr std::int64_t tellAgainAfter = 60LL * 1000000000;
 
 bool isReady(int descriptor, short events, int limit) {
@@ -73,6 +76,7 @@ Intake::Intake(const PipeSettings& settings, int passed, RecordLog& intoLog,
 
 void Intake::takeOutWhatIsLogged() {
     const std::optional<TakeOut> open = log.openTakeOut();
+    std::string copied;
     if (!open || open->pipe != identity || open->count == 0 ||
         !copy->take(pipe.get(), open->count, copied) || copied.size() != open->count ||
         digestOf(copied) != open->digest) {
@@ -80,8 +84,7 @@ void Intake::takeOutWhatIsLogged() {
     }
     // These bytes were logged and not taken out; or, hardly ever, they were, and the very same came
     // again since: then a new file of an old name would be among them, and is logged.
-    files = FileLook();
-    std::vector<Record> records = recordsIn(copied);
+    std::vector<Record> records = described(copied).records;
     records.erase(std::remove_if(records.begin(), records.end(),
                                  [this](const Record& each) {
                                      return each.kind != Kind::file || log.knows(each);
@@ -97,28 +100,17 @@ void Intake::takeOutWhatIsLogged() {
 }
 
 std::size_t Intake::turn(int limit) {
-    if (!isReady(pipe.get(), POLLIN, limit)) {
+    Part part = std::exchange(next, {});
+    if (part.lines.empty()) {
+        part = described(firstLines(limit));
+    }
+    if (part.lines.empty()) {
         return 0;
     }
-    if (!copy->take(pipe.get(), SIZE_MAX / 2, copied)) {
-        stall("cannot copy what is in the pipe: " + systemError(errno));
-        rest(std::min(limit, pauseAfterFailure));
-        return 0;
-    }
-    std::size_t whole = copied.rfind('\n') + 1; // 0 if there is no line feed
-    if (whole == 0 && (copied.size() >= longestLine || !isReady(pipe.get(), POLLOUT, 0))) {
-        whole = std::min(copied.size(), longestLine); // its end can't come any more
-    }
-    if (whole == 0) {
-        rest(std::min(limit, pauseForTheRest));
-        return 0;
-    }
-    const std::string_view lines = std::string_view(copied).substr(0, whole);
-    files = FileLook();
-    std::vector<Record> records = recordsIn(lines);
+    std::future<Part> ahead = lookAhead(part.lines);
     batch = std::max(batch + 1, now());
     try {
-        log.append(records, {whole, digestOf(lines), identity, batch});
+        log.append(part.records, {part.lines.size(), digestOf(part.lines), identity, batch});
     } catch (const std::runtime_error& error) {
         stall(error.what());
         rest(std::min(limit, pauseAfterFailure));
@@ -128,67 +120,109 @@ std::size_t Intake::turn(int limit) {
     if (afterCommit) {
         afterCommit();
     }
-    takeOut(lines);
+    const bool isInOrder = takeOut(part.lines);
     log.noteTakenOut(batch);
-    count(records);
-    return whole;
+    count(part.records);
+    if (isInOrder && ahead.valid()) {
+        next = ahead.get();
+    }
+    return part.lines.size();
+}
+
+/// The whole lines at the beginning of the pipe, some of them; none if there are none yet.
+std::string Intake::firstLines(int limit) {
+    std::string lines;
+    if (!isReady(pipe.get(), POLLIN, limit)) {
+        return lines;
+    }
+    if (!copy->take(pipe.get(), partSize, lines)) {
+        stall("cannot copy what is in the pipe: " + systemError(errno));
+        rest(std::min(limit, pauseAfterFailure));
+        return {};
+    }
+    std::size_t whole = lines.rfind('\n') + 1; // 0 if there is no line feed
+    if (whole == 0 && (lines.size() >= longestLine || !isReady(pipe.get(), POLLOUT, 0))) {
+        whole = std::min(lines.size(), longestLine); // its end can't come any more
+    }
+    if (whole == 0) {
+        rest(std::min(limit, pauseForTheRest));
+    }
+    lines.resize(whole);
+    return lines;
+}
+
+/// What is behind these lines in the pipe, if it is much: what comes by and by is better taken in
+/// all at once.
+std::future<Intake::Part> Intake::lookAhead(const std::string& lines) {
+    std::string behind;
+    if (!copy->take(pipe.get(), lines.size() + partSize, behind) ||
+        behind.compare(0, lines.size(), lines) != 0) {
+        return {};
+    }
+    behind.resize(behind.rfind('\n') + 1);
+    behind.erase(0, lines.size());
+    if (behind.size() < worthAThread) {
+        return {};
+    }
+    return std::async(std::launch::async,
+                      [this, behind = std::move(behind)] { return described(behind); });
 }
 
 void Intake::count(const std::vector<Record>& logged) {
-    std::int64_t odd = 0;
+    std::vector<std::string> odd;
+    const std::lock_guard<std::mutex> guard(mutex);
     ++counts.batches;
     for (const Record& each : logged) {
         ++(each.sequence == 0 ? counts.repeats : counts.records);
-        if (each.kind == Kind::other && odd++ == 0) {
-            warn("a line of the pipe is no record, or was cut off: " + shown(each.path));
+        if (each.kind == Kind::other) {
+            odd.push_back(each.path);
         }
     }
-    if (odd > 1) {
-        warn(std::to_string(odd - 1) + " more such lines came with it; the log has them");
+    if (!odd.empty()) {
+        warn("a line of the pipe is no record, or was cut off: " + shown(odd.front()));
     }
-    counts.oddLines += odd;
+    if (odd.size() > 1) {
+        warn(std::to_string(odd.size() - 1) + " more such lines came with it; the log has them");
+    }
+    counts.oddLines += static_cast<std::int64_t>(odd.size());
 }
 
-std::vector<Record> Intake::recordsIn(std::string_view lines) {
-    std::vector<Record> records;
-    records.reserve(static_cast<std::size_t>(std::count(lines.begin(), lines.end(), '\n')) + 1);
-    while (!lines.empty()) {
-        const std::size_t end = lines.find('\n');
-        addLine(lines.substr(0, end), records);
-        lines.remove_prefix(end == std::string_view::npos ? lines.size() : end + 1);
+Intake::Part Intake::described(std::string lines) const {
+    Part part{std::move(lines), {}};
+    FileLook files; // of about this moment
+    const auto add = [&part](std::string_view line) -> Record& {
+        Record& record = part.records.emplace_back();
+        record.kind = Kind::other;
+        record.path = line;
+        record.arrival = now();
+        return record;
+    };
+    std::string_view rest = part.lines;
+    part.records.reserve(static_cast<std::size_t>(std::count(rest.begin(), rest.end(), '\n')) + 1);
+    while (!rest.empty()) {
+        const std::size_t end = std::min(rest.find('\n'), rest.size());
+        std::string_view line = rest.substr(0, end);
+        rest.remove_prefix(std::min(end + 1, rest.size()));
+        // Who dies while he writes a long line leaves its beginning, and the next line follows it.
+        // No name has a configured target in it, since each of these has "/./".
+        if (const std::size_t second = targets.secondBeginning(line);
+            second != std::string_view::npos) {
+            add(line.substr(0, second));
+            line.remove_prefix(second);
+        }
+        Record& record = add(line);
+        record.kind = kindOfLine(line);
+        if (record.kind == Kind::file) {
+            Located place = targets.locate(line);
+            files.at(place, record);
+            record.detector = std::move(place.detector);
+        }
     }
-    return records;
+    return part;
 }
 
-void Intake::addLine(std::string_view line, std::vector<Record>& records) {
-    // Who dies while he writes a long line leaves its beginning, and the next line follows it. No
-    // name has a configured target in it, since each of these has "/./".
-    const std::size_t second = targets.secondBeginning(line);
-    if (second != std::string_view::npos) {
-        Record cutOff;
-        cutOff.kind = Kind::other;
-        cutOff.path = line.substr(0, second);
-        cutOff.arrival = now();
-        records.push_back(std::move(cutOff));
-        line.remove_prefix(second);
-    }
-    records.push_back(describe(line));
-}
-
-Record Intake::describe(std::string_view line) {
-    Record record;
-    record.kind = kindOfLine(line);
-    record.path = line;
-    record.arrival = now();
-    if (record.kind == Kind::file) {
-        Located place = targets.locate(line);
-        files.at(place, record);
-        record.detector = std::move(place.detector);
-    }
-    return record;
-}
-
-void Intake::takeOut(std::string_view logged) {
+/// False if another program has taken something out, too.
+bool Intake::takeOut(const std::string& logged) {
     std::string taken(logged.size(), '\0');
     std::size_t got = 0;
     while (got < taken.size()) {
@@ -200,14 +234,14 @@ void Intake::takeOut(std::string_view logged) {
         got += static_cast<std::size_t>(part);
     }
     if (got == taken.size() && taken == logged) {
-        return;
+        return true;
     }
     warn("another program reads the pipe, too: end it, it takes records away");
     taken.resize(got);
-    if (logged.substr(0, got) == taken) {
-        return; // the other one took only what is in the log
+    if (logged.compare(0, got, taken) == 0) {
+        return false; // the other one took only what is in the log
     }
-    std::vector<Record> records = recordsIn(taken);
+    std::vector<Record> records = described(taken).records;
     batch = std::max(batch + 1, now());
     try {
         log.append(records, {0, 0, identity, batch});
@@ -215,40 +249,37 @@ void Intake::takeOut(std::string_view logged) {
         warn("these were taken out and could not be logged (" + std::string(error.what()) +
              "): " + shown(taken));
     }
+    return false;
 }
 
-std::int64_t Intake::bytesWaiting() const {
-    return static_cast<std::int64_t>(bytesIn(pipe));
-}
-
-std::string Intake::problem() const {
+IntakeFigures Intake::figures() const {
     const std::lock_guard<std::mutex> guard(mutex);
-    return trouble;
+    IntakeFigures figures = counts;
+    figures.bytesWaiting = static_cast<std::int64_t>(bytesIn(pipe).value_or(0));
+    return figures;
 }
 
 void Intake::stall(const std::string& why) {
     const std::int64_t time = now();
-    const std::int64_t since = counts.stalledSince;
-    if (since == 0) {
+    const std::lock_guard<std::mutex> guard(mutex);
+    if (counts.stalledSince == 0) {
         counts.stalledSince = time;
         ++counts.stalls;
     }
-    const std::lock_guard<std::mutex> guard(mutex);
-    if (trouble != why || time - lastTold >= tellAgainAfter) {
+    if (counts.problem != why || time - lastTold >= tellAgainAfter) {
         warn("nothing is taken out of the pipe, and copying will wait: " + why);
         lastTold = time;
     }
-    trouble = why;
+    counts.problem = why;
 }
 
 void Intake::resume() {
-    if (counts.stalledSince == 0) {
-        return;
-    }
-    counts.stalledSince = 0;
     const std::lock_guard<std::mutex> guard(mutex);
-    trouble.clear();
-    inform("records are taken out of the pipe again");
+    if (counts.stalledSince != 0) {
+        counts.stalledSince = 0;
+        counts.problem.clear();
+        inform("records are taken out of the pipe again");
+    }
 }
 
 } // namespace relay

@@ -4,19 +4,21 @@
 // log in one transaction, which also says which bytes these were; then exactly these bytes are
 // taken out. Whoever is killed between the two leaves bytes in the pipe that are in the log
 // already: the next one to start finds them by what the log says, and takes them out first.
+//
+// The look at each file takes as long as the log. So while one part of a full pipe is written into
+// the log, the files of the part behind it are looked at by another thread.
 #pragma once
 
-#include "relay/file_look.h"
 #include "relay/pipe_copy.h"
 #include "relay/record_log.h"
 #include "relay/settings.h"
 #include "relay/targets.h"
 #include "utilities/descriptors.h"
 
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <future>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -25,17 +27,19 @@
 
 namespace relay {
 
-/// What has gone through since the start. Read by other threads.
+/// What has gone through since the start, and what is in the way.
 struct IntakeFigures {
-    std::atomic<std::int64_t> records{0};
-    std::atomic<std::int64_t> repeats{0};
-    std::atomic<std::int64_t> batches{0};
-    std::atomic<std::int64_t> oddLines{0};     // kind `other`
-    std::atomic<std::int64_t> stalls{0};       // times that the log could not be written
-    std::atomic<std::int64_t> stalledSince{0}; // nanoseconds since 1970; 0: it is not stalled
+    std::int64_t records = 0;
+    std::int64_t repeats = 0;
+    std::int64_t batches = 0;
+    std::int64_t oddLines = 0;     // kind `other`
+    std::int64_t stalls = 0;       // times that the log could not be written
+    std::int64_t stalledSince = 0; // nanoseconds since 1970; 0: it is not stalled
+    std::string problem;           // why it is
+    std::int64_t bytesWaiting = 0; // in the pipe
 };
 
-/// The pipe's one reader. Used by one thread, but for figures, bytesWaiting and problem.
+/// The pipe's one reader. Used by one thread, but for figures.
 class Intake {
 public:
     /// Opens the pipe at the path, and makes it if it is missing; or takes over a descriptor that
@@ -46,23 +50,26 @@ public:
     /// For tests: called between the commit and the taking out.
     std::function<void()> afterCommit;
 
-    /// Waits for so many milliseconds at most for something to come, and brings it into the log.
-    /// Returns the number of bytes that were taken out of the pipe. If the log can't be written,
-    /// that is told and counted, and nothing is taken out: the next call tries again.
+    /// Waits for so many milliseconds at most for something to come, and brings it into the log:
+    /// one transaction. Returns the number of bytes that were taken out of the pipe. If the log
+    /// can't be written, that is told and counted, and nothing is taken out: the next call tries
+    /// again.
     std::size_t turn(int limit);
 
-    const IntakeFigures& figures() const { return counts; }
-    std::int64_t bytesWaiting() const;
-
-    /// Why nothing is taken out now; empty if nothing is in the way.
-    std::string problem() const;
+    IntakeFigures figures() const;
 
 private:
+    /// Lines from the beginning of the pipe, and what they tell.
+    struct Part {
+        std::string lines;
+        std::vector<Record> records;
+    };
+
     void takeOutWhatIsLogged();
-    std::vector<Record> recordsIn(std::string_view lines);
-    void addLine(std::string_view line, std::vector<Record>& records);
-    Record describe(std::string_view line);
-    void takeOut(std::string_view logged);
+    std::string firstLines(int limit);
+    std::future<Part> lookAhead(const std::string& lines);
+    Part described(std::string lines) const;
+    bool takeOut(const std::string& logged);
     void count(const std::vector<Record>& logged);
     void stall(const std::string& why);
     void resume();
@@ -72,12 +79,10 @@ private:
     Descriptor pipe;
     std::string identity; // of the pipe
     std::optional<PipeCopy> copy;
-    std::string copied;     // what is at the beginning of the pipe
-    FileLook files;         // of one batch
+    Part next;              // what was looked at already; mostly nothing
     std::int64_t batch = 0; // the last one's number
-    IntakeFigures counts;
     mutable std::mutex mutex;
-    std::string trouble;       // guarded by `mutex`
+    IntakeFigures counts;      // guarded by `mutex`
     std::int64_t lastTold = 0; // when, nanoseconds since 1970
 };
 

@@ -6,26 +6,18 @@
 
 #include <unistd.h>
 
-namespace {
-
-/// In the build for tests, a file that a variable names stops the relay between the commit and the
-/// taking out, so that a test can kill it there.
-relay::Circumstances circumstances() {
-    relay::Circumstances made;
+int main(int argc, char** argv) {
+    std::function<void()> afterCommit;
 #ifdef SKARN_RELAY_TEST_HOOKS
+    // A file that a variable names stops the relay between the commit and the taking out, so that a
+    // test can kill it there.
     if (const char* const file = std::getenv("SKARN_RELAY_STOP_AFTER_COMMIT")) {
-        made.afterCommit = [file] {
+        afterCommit = [file] {
             if (::access(file, F_OK) == 0) {
                 std::raise(SIGSTOP);
             }
         };
     }
 #endif
-    return made;
-}
-
-} // namespace
-
-int main(int argc, char** argv) {
-    return relay::runCommandLine(argc, argv, circumstances());
+    return relay::runCommandLine(argc, argv, std::move(afterCommit));
 }

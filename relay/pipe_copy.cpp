@@ -59,9 +59,11 @@ Descriptor openPipe(const std::string& path, mode_t mode) {
     return pipe;
 }
 
-std::size_t bytesIn(const Descriptor& pipe) {
+std::optional<std::size_t> bytesIn(const Descriptor& pipe) {
     int bytes = 0;
-    return ::ioctl(pipe.get(), FIONREAD, &bytes) == 0 ? static_cast<std::size_t>(bytes) : 0;
+    return ::ioctl(pipe.get(), FIONREAD, &bytes) == 0
+               ? std::optional(static_cast<std::size_t>(bytes))
+               : std::nullopt;
 }
 
 } // namespace relay

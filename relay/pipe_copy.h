@@ -4,6 +4,7 @@
 #include "utilities/descriptors.h"
 
 #include <cstddef>
+#include <optional>
 #include <string>
 
 namespace relay {
@@ -28,7 +29,7 @@ private:
 /// std::runtime_error.
 Descriptor openPipe(const std::string& path, mode_t mode);
 
-/// How many bytes are in it.
-std::size_t bytesIn(const Descriptor& pipe);
+/// How many bytes are in it; nothing if that can't be told.
+std::optional<std::size_t> bytesIn(const Descriptor& pipe);
 
 } // namespace relay

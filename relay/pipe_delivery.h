@@ -1,29 +1,32 @@
 // Delivering to a program that reads a named pipe, in the daemon's own lines.
 #pragma once
 
+#include "relay/delivery.h"
 #include "relay/pipe_copy.h"
-#include "relay/record_log.h"
-#include "relay/subscribers.h"
 
-#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace relay {
 
-/// Fills one subscriber's pipe. A record is acknowledged when the reader has taken it out, which is
+/// Fills one subscriber's pipe. A record has arrived when the reader has taken it out, which is
 /// known from how much is still in the pipe. The pipe is held open for reading, too: a reader that
-/// leaves ends nothing, and what it has not read waits for the next one. Used by one thread.
-class PipeDelivery {
+/// leaves ends nothing, and what it has not read waits for the next one.
+class PipeDelivery : public Delivery {
 public:
-    PipeDelivery(RecordLog& fromLog, std::shared_ptr<Subscription> toSubscription);
+    explicit PipeDelivery(std::shared_ptr<Subscription> toSubscription);
 
-    /// Delivers until it is told to end. Failures are told and tried again.
-    void run(const std::atomic<bool>& isEnding);
+    std::int64_t begin(std::int64_t acknowledged) override;
+    std::size_t pageSize() const override;
+    std::size_t send(const std::vector<Record>& records) override;
+    std::int64_t arrived() override;
+    bool isIdle() const override { return sent.empty(); }
+    void waitForRoom(std::chrono::milliseconds limit) override;
 
 private:
     /// A record in the pipe, and where its line ends among all bytes that were written.
@@ -32,23 +35,18 @@ private:
         std::size_t end;
     };
 
-    void turn();
     void open();
-    void findWhatWaits(const std::string& waiting);
+    std::int64_t findWhatWaits(const std::string& waiting, std::int64_t acknowledged);
     bool isInItsPlace() const;
-    void acknowledgeWhatIsTaken();
-    void send();
+    [[noreturn]] void fail(const std::string& what);
     bool writePending();
 
-    RecordLog& log;
     const std::shared_ptr<Subscription> subscription;
     Descriptor pipe;
-    std::int64_t cursor = 0; // the last record that was sent
-    std::int64_t generation = 0;
     std::deque<Sent> sent;
+    std::int64_t taken = 0;  // the last record that the reader has taken out
     std::size_t written = 0; // bytes
     std::string pending;     // of the last record's line, for which the pipe has no room yet
-    std::chrono::steady_clock::time_point lastAcknowledgement;
     std::chrono::steady_clock::time_point lastLook;
 };
 

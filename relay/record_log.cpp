@@ -2,17 +2,19 @@
 #include "relay/record_log.h"
 
 #include "relay/messages.h"
+#include "relay/salvage.h"
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
-#include <system_error>
 #include <utility>
 
+#include <SQLiteCpp/SQLiteCpp.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <sqlite3.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -21,9 +23,8 @@ namespace relay {
 
 namespace {
 
-constexpr std::size_t window = 4000; // records that one read looks at
+constexpr std::int64_t window = 4000; // records that one read looks at
 constexpr std::int64_t removedAtOnce = 2000;
-constexpr std::int64_t carriedAtOnce = 10000;
 constexpr std::int64_t microsecond = 1000; // nanoseconds
 // A child that a killed relay has just forked may still hold its lock, until it runs its program.
 constexpr int triesToLock = 100;
@@ -66,49 +67,103 @@ CREATE TABLE dead_letters(
     PRIMARY KEY (subscriber, seq)) WITHOUT ROWID;
 )"};
 
-constexpr const char* columns = "SELECT seq, kind, path, detector, size, mtime, inode, type, way, "
-                                "arrival, repeats FROM records ";
+// SQL that is used in more than one place.
+constexpr char selectBehind[] =
+    "SELECT seq, kind, path, detector, size, mtime, inode, type, way, arrival, repeats "
+    "FROM records WHERE seq > ? ORDER BY seq LIMIT ?";
+constexpr char insertRecord[] =
+    "INSERT INTO records(path, inode, mtime, size, seq, kind, detector, type, way, arrival) "
+    "VALUES (?,?,?,?,?,?,?,?,?,?) "
+    "ON CONFLICT (path, inode, mtime, size) WHERE kind = 0 DO NOTHING";
+constexpr char selectFirst[] = "SELECT min(seq) FROM records";
+
+using SQLite::Statement;
+
+/// A statement with these values for its marks.
+template<class... Values>
+Statement prepared(SQLite::Database& database, const char* text, const Values&... values) {
+    Statement statement(database, text);
+    int mark = 0;
+    (statement.bind(++mark, values), ...);
+    return statement;
+}
+
+template<class... Values>
+void run(SQLite::Database& database, const char* text, const Values&... values) {
+    prepared(database, text, values...).exec();
+}
+
+/// The one number that a query gives; 0 for NULL.
+template<class... Values>
+std::int64_t number(SQLite::Database& database, const char* query, const Values&... values) {
+    Statement row = prepared(database, query, values...);
+    return row.executeStep() ? row.getColumn(0).getInt64() : 0;
+}
+
+/// Everything that the work does is in the database when this returns, or nothing if it throws.
+template<class Work>
+void whole(SQLite::Database& database, Work work) {
+    if (sqlite3_get_autocommit(database.getHandle()) == 0) {
+        database.exec("ROLLBACK"); // of one whose own rollback failed
+    }
+    SQLite::Transaction transaction(database, SQLite::TransactionBehavior::IMMEDIATE);
+    work();
+    transaction.commit();
+}
+
+/// True if what stands in the file is no database any more: trying again helps nothing. All else (a
+/// full disk, an I/O error, no rights) may pass.
+bool isDamage(const SQLite::Exception& error) {
+    const int primary = error.getErrorCode() & 0xff;
+    return primary == SQLITE_CORRUPT || primary == SQLITE_NOTADB;
+}
 
 Record recordIn(const Statement& row) {
+    const auto integer = [&row](int column) {
+        return static_cast<std::int64_t>(row.getColumn(column).getInt64());
+    };
     Record record;
-    record.sequence = row.integer(0);
-    record.kind = static_cast<Kind>(std::clamp<std::int64_t>(row.integer(1), 0, 3));
-    record.path = row.bytes(2);
-    record.detector = row.bytes(3);
-    if (!row.isNull(4)) {
-        record.identity =
-            Identity{row.integer(4), row.integer(5), static_cast<std::uint64_t>(row.integer(6))};
+    record.sequence = integer(0);
+    record.kind = static_cast<Kind>(std::clamp<std::int64_t>(integer(1), 0, 3));
+    record.path = row.getColumn(2).getString();
+    record.detector = row.getColumn(3).getString();
+    if (!row.isColumnNull(4)) {
+        record.identity = Identity{integer(4), integer(5), static_cast<std::uint64_t>(integer(6))};
     }
-    record.type = static_cast<FileType>(std::clamp<std::int64_t>(row.integer(7), 0, 4));
-    record.way = static_cast<Way>(std::clamp<std::int64_t>(row.integer(8), 0, 2));
-    record.arrival = row.integer(9);
-    record.repeats = row.integer(10);
+    record.type = static_cast<FileType>(std::clamp<std::int64_t>(integer(7), 0, 4));
+    record.way = static_cast<Way>(std::clamp<std::int64_t>(integer(8), 0, 2));
+    record.arrival = integer(9);
+    record.repeats = integer(10);
     return record;
 }
 
-/// Does nothing if the file stands in the log.
-void writeRecord(Statement& insert, const Record& record) {
-    const Use use(insert);
-    insert.bind(1, record.sequence)
-        .bind(2, static_cast<std::int64_t>(record.kind))
-        .bindBytes(3, record.path)
-        .bindText(4, record.detector);
+/// What tells the record's file from others, as the values of four marks; the last three stay NULL
+/// if that is not known.
+void bindFile(Statement& statement, int mark, const Record& record) {
+    statement.bindNoCopy(mark, record.path.data(), static_cast<int>(record.path.size()));
     if (record.identity) {
-        insert.bind(5, record.identity->size)
-            .bind(6, record.identity->mtime)
-            .bind(7, static_cast<std::int64_t>(record.identity->inode));
-    } else {
-        insert.bindNull(5).bindNull(6).bindNull(7);
+        statement.bind(mark + 1, static_cast<std::int64_t>(record.identity->inode));
+        statement.bind(mark + 2, record.identity->mtime);
+        statement.bind(mark + 3, record.identity->size);
     }
-    insert.bind(8, static_cast<std::int64_t>(record.type))
-        .bind(9, static_cast<std::int64_t>(record.way))
-        .bind(10, record.arrival)
-        .bind(11, record.repeats);
-    insert.step();
 }
 
-void migrate(Database& database, const std::string& file) {
-    const std::int64_t version = database.number("PRAGMA user_version");
+/// False if the file stands in the log.
+bool insertOne(Statement& insert, const Record& record, std::int64_t sequence) {
+    insert.reset();
+    insert.clearBindings();
+    bindFile(insert, 1, record);
+    insert.bind(5, sequence);
+    insert.bind(6, static_cast<int>(record.kind));
+    insert.bindNoCopy(7, record.detector);
+    insert.bind(8, static_cast<int>(record.type));
+    insert.bind(9, static_cast<int>(record.way));
+    insert.bind(10, record.arrival);
+    return insert.exec() != 0;
+}
+
+void migrate(SQLite::Database& database, const std::string& file) {
+    const std::int64_t version = number(database, "PRAGMA user_version");
     const auto newest = static_cast<std::int64_t>(migrations.size());
     if (version < 0 || version > newest) {
         throw std::runtime_error(file + " was written by a newer version of skarn-relay (schema " +
@@ -116,43 +171,21 @@ void migrate(Database& database, const std::string& file) {
                                  std::to_string(newest) + ")");
     }
     if (version == 0) {
-        database.execute("PRAGMA auto_vacuum = INCREMENTAL");
+        database.exec("PRAGMA auto_vacuum = INCREMENTAL");
     }
     // With FULL, what is committed survives a cut of the power; NORMAL may lose the last commits.
-    database.execute("PRAGMA journal_mode = WAL; PRAGMA synchronous = FULL;"
-                     "PRAGMA cell_size_check = ON; PRAGMA temp_store = MEMORY;"
-                     "PRAGMA journal_size_limit = 16777216");
+    database.exec("PRAGMA journal_mode = WAL; PRAGMA synchronous = FULL;"
+                  "PRAGMA cell_size_check = ON; PRAGMA temp_store = MEMORY;"
+                  "PRAGMA journal_size_limit = 16777216");
     for (std::int64_t next = version; next < newest; ++next) {
-        Transaction transaction(database);
-        database.execute(migrations.at(static_cast<std::size_t>(next)));
-        database.execute("PRAGMA user_version = " + std::to_string(next + 1));
-        transaction.commit();
+        whole(database, [&] {
+            database.exec(migrations.at(static_cast<std::size_t>(next)));
+            database.exec("PRAGMA user_version = " + std::to_string(next + 1));
+        });
     }
 }
 
 } // namespace
-
-struct RecordLog::Statements {
-    explicit Statements(Database& in)
-        : insert(in.prepare("INSERT INTO records(seq, kind, path, detector, size, mtime, inode, "
-                            "type, way, arrival, repeats) VALUES (?,?,?,?,?,?,?,?,?,?,?) "
-                            "ON CONFLICT DO NOTHING")),
-          ofPath(in.prepare("SELECT max(seq) FROM records WHERE kind = 0 AND path = ?")),
-          ofFile(in.prepare("SELECT max(seq) FROM records WHERE kind = 0 AND path = ? AND "
-                            "inode = ? AND mtime = ? AND size = ?")),
-          repeat(in.prepare("UPDATE records SET repeats = repeats + 1 WHERE seq = ?")),
-          takeOut(in.prepare("INSERT OR REPLACE INTO intake VALUES (1, ?, ?, ?, ?, ?)")),
-          behind(in.prepare(std::string(columns) + "WHERE seq > ? ORDER BY seq LIMIT ?")),
-          position(in.prepare("INSERT OR REPLACE INTO subscribers VALUES (?, ?, ?, ?, ?)")) {}
-
-    Statement insert;
-    Statement ofPath;
-    Statement ofFile;
-    Statement repeat;
-    Statement takeOut;
-    Statement behind;
-    Statement position;
-};
 
 RecordLog::RecordLog(std::string inFolder)
     : folder(std::move(inFolder)), file(folder + "/relay.db") {
@@ -171,34 +204,29 @@ RecordLog::RecordLog(std::string inFolder)
         ::poll(nullptr, 0, pauseBetweenTries);
     }
     takenFile = Descriptor(::open((folder + "/taken").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
-    const std::lock_guard<std::mutex> guard(mutex);
-    try {
-        open();
+    // Without its account of memory, which nobody asks for, it takes no lock for each allocation.
+    // Refused, without harm, once there is a connection.
+    sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0);
+    guarded([this] {
         // SQLite takes a damaged write-ahead log for the end of it. But what was taken out had been
         // committed before.
         if (storedBatch < takenOut()) {
             warn(file + " lacks what was written into it last");
             setAside();
         }
-    } catch (const DatabaseError& error) {
-        if (!error.isDamage()) {
-            throw;
-        }
-        warn(error.what());
-        setAside();
-    }
+    });
 }
 
 RecordLog::~RecordLog() = default;
 
 void RecordLog::open() {
-    statements.reset();
-    database = std::make_unique<Database>(file, Database::Access::readWrite);
-    migrate(*database, file);
-    statements = std::make_unique<Statements>(*database);
-    last = std::max({last, database->number("SELECT max(last) FROM intake"),
-                     database->number("SELECT max(seq) FROM records")});
-    storedBatch = database->number("SELECT max(batch) FROM intake");
+    const int mode = SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE | SQLite::OPEN_NOMUTEX;
+    auto opened = std::make_unique<SQLite::Database>(file, mode);
+    migrate(*opened, file);
+    last = std::max({last, number(*opened, "SELECT max(last) FROM intake"),
+                     number(*opened, "SELECT max(seq) FROM records")});
+    storedBatch = number(*opened, "SELECT max(batch) FROM intake");
+    database = std::move(opened);
 }
 
 std::int64_t RecordLog::takenOut() const {
@@ -213,7 +241,6 @@ std::int64_t RecordLog::lastBatch() {
 }
 
 void RecordLog::setAside() {
-    statements.reset();
     database.reset();
     const std::int64_t time = now();
     const std::string aside = folder + "/damaged-" + std::to_string(time) + ".db";
@@ -230,155 +257,92 @@ void RecordLog::setAside() {
     // a second, none that was given has reached this one.
     last = std::max(last, time / microsecond);
     open();
-    carryOver(aside);
-}
-
-void RecordLog::carryOver(const std::string& damagedFile) {
-    std::int64_t records = 0;
-    std::int64_t forwardTo = 0;
-    bool isWhole = true;
-    const auto copy = [&](const char* order) {
-        try {
-            Database damaged(damagedFile, Database::Access::readOnly);
-            Statement rows = damaged.prepare(std::string(columns) + order);
-            rows.bind(1, forwardTo);
-            for (bool isMore = rows.step(); isMore;) {
-                Transaction transaction(*database);
-                for (std::int64_t n = 0; isMore && n < carriedAtOnce; ++n) {
-                    const Record record = recordIn(rows);
-                    forwardTo = std::max(forwardTo, record.sequence);
-                    last = std::max(last, record.sequence);
-                    writeRecord(statements->insert, record);
-                    ++records;
-                    try {
-                        isMore = rows.step();
-                    } catch (const DatabaseError&) {
-                        isMore = false;
-                        isWhole = false;
-                    }
-                }
-                transaction.commit();
-            }
-        } catch (const DatabaseError&) {
-            isWhole = false;
-        }
-    };
-    copy("WHERE seq > ? ORDER BY seq");
-    if (!isWhole) {
-        // From the other end, down to where the first way came to.
-        copy("WHERE seq > ? ORDER BY seq DESC");
-    }
-    const auto copyTable = [&](const char* table, int width) {
-        try {
-            Database damaged(damagedFile, Database::Access::readOnly);
-            Statement rows = damaged.prepare(std::string("SELECT * FROM ") + table);
-            std::string marks = "?";
-            for (int n = 1; n < width; ++n) {
-                marks += ",?";
-            }
-            Statement insert = database->prepare(std::string("INSERT OR REPLACE INTO ") + table +
-                                                 " VALUES (" + marks + ")");
-            while (rows.step()) {
-                std::vector<std::string> texts(static_cast<std::size_t>(width));
-                for (int n = 0; n < width; ++n) {
-                    auto& text = texts[static_cast<std::size_t>(n)];
-                    text = rows.bytes(n);
-                    insert.bindText(n + 1, text); // the columns' types make numbers of them
-                }
-                insert.run();
-            }
-        } catch (const DatabaseError&) {
-            isWhole = false;
-        }
-    };
-    copyTable("intake", 6);
-    database
-        ->prepare("INSERT INTO intake VALUES (1, ?, 0, 0, '', ?) ON CONFLICT (one) DO UPDATE SET "
-                  "last = excluded.last, batch = max(batch, excluded.batch)")
-        .bind(1, last)
-        .bind(2, takenOut())
-        .run();
-    copyTable("subscribers", 5);
-    copyTable("dead_letters", 5);
-    warn(std::to_string(records) + " records of the damaged database were carried over into a " +
-         "new one" + (isWhole ? "" : "; others could not be read: compare with the targets"));
+    const bool isWhole = salvage(aside, *database);
+    last = std::max(last, number(*database, "SELECT max(seq) FROM records"));
+    run(*database,
+        "INSERT INTO intake VALUES (1, ?, 0, 0, '', ?) "
+        "ON CONFLICT (one) DO UPDATE SET last = excluded.last, batch = max(batch, excluded.batch)",
+        last, takenOut());
+    warn(std::to_string(number(*database, "SELECT count(*) FROM records")) +
+         " records of the damaged database were carried over into a new one" +
+         (isWhole ? "" : "; others could not be: compare with the targets"));
 }
 
 template<class Work>
 auto RecordLog::guarded(Work work) -> decltype(work()) {
     const std::lock_guard<std::mutex> guard(mutex);
     try {
-        if (!statements) {
-            open(); // it could not be opened after it was set aside
+        try {
+            if (!database) {
+                open();
+            }
+            return work();
+        } catch (const SQLite::Exception& error) {
+            if (!isDamage(error)) {
+                throw;
+            }
+            warn(std::string("the database failed: ") + error.what());
+            setAside();
         }
         return work();
-    } catch (const DatabaseError& error) {
-        if (!error.isDamage()) {
-            throw;
+    } catch (const SQLite::Exception& error) {
+        std::string sentence = std::string("the database failed: ") + error.what();
+        if (database && (error.getErrorCode() & 0xff) == SQLITE_IOERR) {
+            sentence += " (system error " +
+                        std::to_string(sqlite3_system_errno(database->getHandle())) + ")";
         }
-        warn(error.what());
-        setAside();
+        throw DatabaseError(sentence);
     }
-    return work();
 }
 
 std::int64_t RecordLog::lastOf(const Record& record) {
-    Statement& row = record.identity ? statements->ofFile : statements->ofPath;
-    const Use use(row);
-    row.bindBytes(1, record.path);
+    std::string query = "SELECT max(seq) FROM records WHERE kind = 0 AND path = ?";
     if (record.identity) {
-        row.bind(2, static_cast<std::int64_t>(record.identity->inode))
-            .bind(3, record.identity->mtime)
-            .bind(4, record.identity->size);
+        query += " AND inode = ? AND mtime = ? AND size = ?";
     }
-    return row.step() ? row.integer(0) : 0;
+    Statement row(*database, query);
+    bindFile(row, 1, record);
+    return row.executeStep() ? row.getColumn(0).getInt64() : 0;
 }
 
 void RecordLog::append(std::vector<Record>& records, const TakeOut& takeOut) {
     guarded([&] {
-        std::int64_t next = last;
-        try {
-            Transaction transaction(*database);
-            for (Record& record : records) {
-                record.sequence = next + 1;
+        std::int64_t newest = last;
+        std::vector<std::int64_t> numbers;
+        numbers.reserve(records.size());
+        whole(*database, [&] {
+            Statement insert(*database, insertRecord);
+            for (const Record& record : records) {
                 std::int64_t known = record.isGone ? lastOf(record) : 0;
-                if (known == 0) {
-                    writeRecord(statements->insert, record);
-                    known = database->changes() == 0 ? lastOf(record) : 0;
+                if (known == 0 && insertOne(insert, record, newest + 1)) {
+                    numbers.push_back(++newest);
+                    continue;
                 }
-                if (known == 0) {
-                    ++next;
-                } else {
-                    statements->repeat.bind(1, known).run();
-                    record.sequence = 0;
-                }
+                known = known == 0 ? lastOf(record) : known;
+                run(*database, "UPDATE records SET repeats = repeats + 1 WHERE seq = ?", known);
+                numbers.push_back(0);
             }
-            statements->takeOut.bind(1, next)
-                .bind(2, static_cast<std::int64_t>(takeOut.count))
-                .bind(3, static_cast<std::int64_t>(takeOut.digest))
-                .bindText(4, takeOut.pipe)
-                .bind(5, takeOut.batch)
-                .run();
-            transaction.commit();
-        } catch (...) {
-            for (Record& record : records) {
-                record.sequence = 0;
-            }
-            throw;
+            run(*database, "INSERT OR REPLACE INTO intake VALUES (1, ?, ?, ?, ?, ?)", newest,
+                static_cast<std::int64_t>(takeOut.count), static_cast<std::int64_t>(takeOut.digest),
+                takeOut.pipe, takeOut.batch);
+        });
+        for (std::size_t n = 0; n < records.size(); ++n) {
+            records[n].sequence = numbers[n];
         }
-        last = next;
+        last = newest;
         grown.notify_all();
     });
 }
 
 std::optional<TakeOut> RecordLog::openTakeOut() {
     return guarded([&]() -> std::optional<TakeOut> {
-        Statement row = database->prepare("SELECT count, digest, pipe, batch FROM intake");
-        if (!row.step() || takenOut() == row.integer(3)) {
+        Statement row = prepared(*database, "SELECT count, digest, pipe, batch FROM intake");
+        if (!row.executeStep() || takenOut() == row.getColumn(3).getInt64()) {
             return std::nullopt;
         }
-        return TakeOut{static_cast<std::uint64_t>(row.integer(0)),
-                       static_cast<std::uint64_t>(row.integer(1)), row.bytes(2), row.integer(3)};
+        return TakeOut{static_cast<std::uint64_t>(row.getColumn(0).getInt64()),
+                       static_cast<std::uint64_t>(row.getColumn(1).getInt64()),
+                       row.getColumn(2).getString(), row.getColumn(3).getInt64()};
     });
 }
 
@@ -395,11 +359,9 @@ Page RecordLog::read(std::int64_t after, const Filter& filter, std::size_t limit
     return guarded([&] {
         Page page;
         page.seenTo = after;
-        Statement& rows = statements->behind;
-        const Use use(rows);
-        rows.bind(1, after).bind(2, static_cast<std::int64_t>(window));
-        std::size_t seen = 0;
-        while (page.records.size() < limit && rows.step()) {
+        Statement rows = prepared(*database, selectBehind, after, window);
+        std::int64_t seen = 0;
+        while (page.records.size() < limit && rows.executeStep()) {
             ++seen;
             Record record = recordIn(rows);
             page.seenTo = record.sequence;
@@ -416,19 +378,16 @@ Page RecordLog::read(std::int64_t after, const Filter& filter, std::size_t limit
 
 std::optional<Record> RecordLog::record(std::int64_t sequence) {
     return guarded([&]() -> std::optional<Record> {
-        Statement& rows = statements->behind;
-        const Use use(rows);
-        rows.bind(1, sequence - 1).bind(2, 1);
-        if (!rows.step() || rows.integer(0) != sequence) {
-            return std::nullopt;
-        }
-        return recordIn(rows);
+        Statement row = prepared(*database, selectBehind, sequence - 1, 1);
+        return row.executeStep() && row.getColumn(0).getInt64() == sequence
+                   ? std::optional(recordIn(row))
+                   : std::nullopt;
     });
 }
 
 std::int64_t RecordLog::positionOf(const Start& start) {
     return guarded([&]() -> std::int64_t {
-        const std::int64_t first = database->number("SELECT min(seq) FROM records");
+        const std::int64_t first = number(*database, selectFirst);
         const std::int64_t oldest = first > 0 ? first - 1 : last;
         switch (start.where) {
         case Start::Where::oldest:
@@ -443,15 +402,14 @@ std::int64_t RecordLog::positionOf(const Start& start) {
         // Times of arrival grow with the numbers, but for a clock that was set.
         std::int64_t below = oldest;
         std::int64_t above = last + 1; // the first that is surely late enough
-        Statement& rows = statements->behind;
         while (above - below > 1) {
             const std::int64_t middle = below + (above - below) / 2;
-            const Use use(rows);
-            rows.bind(1, middle - 1).bind(2, 1);
-            if (!rows.step() || rows.integer(0) >= above || rows.integer(9) >= start.value) {
+            Statement row = prepared(*database, selectBehind, middle - 1, 1);
+            if (!row.executeStep() || row.getColumn(0).getInt64() >= above ||
+                row.getColumn(9).getInt64() >= start.value) {
                 above = middle;
             } else {
-                below = std::min(rows.integer(0), above - 1);
+                below = row.getColumn(0).getInt64();
             }
         }
         return below;
@@ -472,7 +430,7 @@ void RecordLog::interrupt() {
 LogFigures RecordLog::figures() {
     return guarded([&] {
         LogFigures result;
-        result.first = database->number("SELECT min(seq) FROM records");
+        result.first = number(*database, selectFirst);
         result.last = last;
         struct stat status {};
         for (const char* const suffix : {"", "-wal"}) {
@@ -487,11 +445,13 @@ LogFigures RecordLog::figures() {
 std::vector<Position> RecordLog::positions() {
     return guarded([&] {
         std::vector<Position> found;
-        Statement rows = database->prepare("SELECT name, acknowledged, dropped, filter, "
-                                           "max_backlog FROM subscribers ORDER BY name");
-        while (rows.step()) {
-            found.push_back(
-                {rows.bytes(0), rows.integer(1), rows.integer(2), rows.bytes(3), rows.integer(4)});
+        Statement rows =
+            prepared(*database, "SELECT name, acknowledged, dropped, filter, max_backlog "
+                                "FROM subscribers ORDER BY name");
+        while (rows.executeStep()) {
+            found.push_back({rows.getColumn(0).getString(), rows.getColumn(1).getInt64(),
+                             rows.getColumn(2).getInt64(), rows.getColumn(3).getString(),
+                             rows.getColumn(4).getInt64()});
         }
         return found;
     });
@@ -499,49 +459,38 @@ std::vector<Position> RecordLog::positions() {
 
 void RecordLog::setPosition(const Position& position) {
     guarded([&] {
-        statements->position.bindText(1, position.name)
-            .bind(2, position.acknowledged)
-            .bind(3, position.dropped)
-            .bindText(4, position.filter)
-            .bind(5, position.maxBacklog)
-            .run();
+        run(*database, "INSERT OR REPLACE INTO subscribers VALUES (?, ?, ?, ?, ?)", position.name,
+            position.acknowledged, position.dropped, position.filter, position.maxBacklog);
     });
 }
 
 void RecordLog::removeSubscriber(const std::string& name) {
     guarded([&] {
-        Transaction transaction(*database);
-        for (const char* const text : {"DELETE FROM subscribers WHERE name = ?",
-                                       "DELETE FROM dead_letters WHERE subscriber = ?"}) {
-            Statement remove = database->prepare(text);
-            remove.bindText(1, name).run();
-        }
-        transaction.commit();
+        whole(*database, [&] {
+            run(*database, "DELETE FROM subscribers WHERE name = ?", name);
+            run(*database, "DELETE FROM dead_letters WHERE subscriber = ?", name);
+        });
     });
 }
 
 void RecordLog::addDeadLetter(const std::string& subscriber, const DeadLetter& letter) {
     guarded([&] {
-        database->prepare("INSERT OR REPLACE INTO dead_letters VALUES (?, ?, ?, ?, ?)")
-            .bindText(1, subscriber)
-            .bind(2, letter.sequence)
-            .bind(3, letter.attempts)
-            .bind(4, letter.since)
-            .bindText(5, letter.reason)
-            .run();
+        run(*database, "INSERT OR REPLACE INTO dead_letters VALUES (?, ?, ?, ?, ?)", subscriber,
+            letter.sequence, letter.attempts, letter.since, letter.reason);
     });
 }
 
 std::vector<DeadLetter> RecordLog::deadLetters(const std::string& subscriber) {
     return guarded([&] {
         std::vector<DeadLetter> found;
-        Statement rows = database->prepare(
-            "SELECT seq, attempts, since, reason, path FROM dead_letters JOIN records USING (seq) "
-            "WHERE subscriber = ? ORDER BY seq");
-        rows.bindText(1, subscriber);
-        while (rows.step()) {
-            found.push_back(
-                {rows.integer(0), rows.integer(1), rows.integer(2), rows.bytes(3), rows.bytes(4)});
+        Statement rows = prepared(*database,
+                                  "SELECT seq, attempts, since, reason, path FROM dead_letters "
+                                  "JOIN records USING (seq) WHERE subscriber = ? ORDER BY seq",
+                                  subscriber);
+        while (rows.executeStep()) {
+            found.push_back({rows.getColumn(0).getInt64(), rows.getColumn(1).getInt64(),
+                             rows.getColumn(2).getInt64(), rows.getColumn(3).getString(),
+                             rows.getColumn(4).getString()});
         }
         return found;
     });
@@ -549,45 +498,41 @@ std::vector<DeadLetter> RecordLog::deadLetters(const std::string& subscriber) {
 
 std::int64_t RecordLog::countDeadLetters(const std::string& subscriber) {
     return guarded([&] {
-        Statement row = database->prepare("SELECT count(*) FROM dead_letters WHERE subscriber = ?");
-        return row.bindText(1, subscriber).step() ? row.integer(0) : 0;
+        return number(*database, "SELECT count(*) FROM dead_letters WHERE subscriber = ?",
+                      subscriber);
     });
 }
 
 void RecordLog::removeDeadLetter(const std::string& subscriber, std::int64_t sequence) {
     guarded([&] {
-        database->prepare("DELETE FROM dead_letters WHERE subscriber = ? AND seq = ?")
-            .bindText(1, subscriber)
-            .bind(2, sequence)
-            .run();
+        run(*database, "DELETE FROM dead_letters WHERE subscriber = ? AND seq = ?", subscriber,
+            sequence);
     });
-}
-
-std::int64_t RecordLog::usedBytes() {
-    return database->number("PRAGMA page_size") *
-           (database->number("PRAGMA page_count") - database->number("PRAGMA freelist_count"));
 }
 
 std::int64_t RecordLog::removeOld(std::int64_t upTo, std::int64_t before,
                                   std::int64_t largestBytes) {
     return guarded([&] {
-        const bool isTooLarge = usedBytes() > largestBytes;
-        const std::string old =
-            "SELECT seq FROM records WHERE seq <= ? AND arrival < ? AND seq NOT IN "
-            "(SELECT seq FROM dead_letters) ORDER BY seq LIMIT " +
-            std::to_string(removedAtOnce);
-        Statement find = database->prepare("SELECT max(seq) FROM (" + old + ")");
-        Statement remove = database->prepare("DELETE FROM records WHERE seq IN (" + old + ")");
-        for (Statement* const each : {&find, &remove}) {
-            each->bind(1, upTo).bind(2, isTooLarge ? INT64_MAX : before);
+        const std::int64_t pages =
+            number(*database, "PRAGMA page_count") - number(*database, "PRAGMA freelist_count");
+        const bool isTooLarge = pages * number(*database, "PRAGMA page_size") > largestBytes;
+        std::int64_t newest = 0;
+        {
+            // All that is removed is told by the statement itself.
+            Statement removed = prepared(
+                *database,
+                "DELETE FROM records WHERE seq IN (SELECT seq FROM records WHERE seq <= ? AND "
+                "arrival < ? AND seq NOT IN (SELECT seq FROM dead_letters) ORDER BY seq LIMIT ?) "
+                "RETURNING seq",
+                upTo, isTooLarge ? INT64_MAX : before, removedAtOnce);
+            while (removed.executeStep()) {
+                newest = std::max(newest, removed.getColumn(0).getInt64());
+            }
         }
-        const std::int64_t lastOld = find.step() ? find.integer(0) : 0;
-        find.reset();
-        if (lastOld > 0) {
-            remove.run();
-            database->execute("PRAGMA incremental_vacuum(1000)");
+        if (newest > 0) {
+            database->exec("PRAGMA incremental_vacuum(1000)");
         }
-        return lastOld;
+        return newest;
     });
 }
 

@@ -3,7 +3,6 @@
 // The schema is documented in docs/relay.md. What is written is on the disk when a call returns.
 #pragma once
 
-#include "relay/database.h"
 #include "relay/filter.h"
 #include "relay/record.h"
 #include "utilities/descriptors.h"
@@ -12,14 +11,24 @@
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
+namespace SQLite {
+class Database;
+}
+
 namespace relay {
+
+/// What the database could not do, in one sentence.
+class DatabaseError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
 
 /// Which bytes at the beginning of which pipe have been written into the log, and are to be taken
 /// out next.
@@ -123,11 +132,8 @@ public:
     std::int64_t removeOld(std::int64_t upTo, std::int64_t before, std::int64_t largestBytes);
 
 private:
-    struct Statements;
     void open();
     void setAside();
-    void carryOver(const std::string& damagedFile);
-    std::int64_t usedBytes();
     std::int64_t takenOut() const;
     std::int64_t lastOf(const Record& record);
     template<class Work>
@@ -138,8 +144,7 @@ private:
     Descriptor lock;      // of the folder: one relay has it at a time
     Descriptor takenFile; // holds the number of the batch that was taken out last
     std::mutex mutex;     // guards all below
-    std::unique_ptr<Database> database;
-    std::unique_ptr<Statements> statements;
+    std::unique_ptr<SQLite::Database> database;
     std::int64_t last = 0;        // the number that was given last
     std::int64_t storedBatch = 0; // the last one, when the database was opened
     bool isInterrupted = false;

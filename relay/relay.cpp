@@ -1,11 +1,10 @@
 // The running relay: the parts, the threads that they run on, and their end.
 #include "relay/relay.h"
 
-#include "relay/command_delivery.h"
+#include "relay/delivery.h"
 #include "relay/http_server.h"
 #include "relay/intake.h"
 #include "relay/messages.h"
-#include "relay/pipe_delivery.h"
 #include "relay/record_log.h"
 #include "relay/status.h"
 #include "relay/subscribers.h"
@@ -17,7 +16,6 @@
 #include <csignal>
 #include <cstdint>
 #include <ctime>
-#include <map>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -51,24 +49,16 @@ int passedPipe() {
 
 class Relay {
 public:
-    Relay(const Settings& itsSettings, const Circumstances& circumstances)
+    Relay(const Settings& itsSettings, const std::function<void()>& afterCommit)
         : settings(itsSettings), targets(settings.daemonConfiguration), log(settings.log.folder),
           subscribers(log, settings.subscribers), intake(settings.pipe, passedPipe(), log, targets),
-          pipes(deliveries<PipeDelivery>(SubscriberType::pipe)),
-          commands(deliveries<CommandDelivery>(SubscriberType::command)),
-          server(settings.http, {log, subscribers, [this] { return status(); },
-                                 [this](const std::string& name, std::int64_t sequence) {
-                                     return retry(name, sequence);
-                                 }}) {
-        intake.afterCommit = circumstances.afterCommit;
+          server(serveHttp(settings.http, {log, subscribers, [this] { return status(); }})) {
+        intake.afterCommit = afterCommit;
         threads.emplace_back([this] { takeIn(); });
-        for (const auto& [name, delivery] : pipes) {
-            threads.emplace_back([this, &each = *delivery] { each.run(isEnding); });
-        }
-        for (const auto& [name, delivery] : commands) {
-            const std::int64_t atOnce = subscribers.find(name)->settings.command.concurrency;
-            for (std::int64_t n = 0; n < atOnce; ++n) {
-                threads.emplace_back([this, &each = *delivery] { each.run(isEnding); });
+        for (const auto& each : subscribers.all()) {
+            if (std::shared_ptr<Delivery> delivery = makeDelivery(log, each)) {
+                threads.emplace_back(
+                    [this, each, delivery] { deliver(log, *each, *delivery, isEnding); });
             }
         }
     }
@@ -119,26 +109,6 @@ private:
         }
     }
 
-    template<class Delivery>
-    std::map<std::string, std::unique_ptr<Delivery>> deliveries(SubscriberType type) {
-        std::map<std::string, std::unique_ptr<Delivery>> made;
-        for (const SubscriberSettings& each : settings.subscribers) {
-            if (each.type == type) {
-                made[each.name] = std::make_unique<Delivery>(log, subscribers.find(each.name));
-            }
-        }
-        return made;
-    }
-
-    bool retry(const std::string& name, std::int64_t sequence) const {
-        const auto found = commands.find(name);
-        if (found == commands.end()) {
-            return false;
-        }
-        found->second->retry(sequence);
-        return true;
-    }
-
     static void save(Subscription& subscription) {
         try {
             subscription.save();
@@ -170,17 +140,10 @@ private:
 
     Status status() {
         Status status;
-        const IntakeFigures& counts = intake.figures();
         status.pipe = settings.pipe.path;
-        status.bytesWaiting = intake.bytesWaiting();
-        status.records = counts.records;
-        status.repeats = counts.repeats;
-        status.batches = counts.batches;
-        status.oddLines = counts.oddLines;
-        status.stalls = counts.stalls;
-        if (const std::int64_t since = counts.stalledSince; since != 0) {
+        status.intake = intake.figures();
+        if (const std::int64_t since = status.intake.stalledSince; since != 0) {
             status.stalledSeconds = static_cast<double>(now() - since) * nanosecond;
-            status.problem = intake.problem();
         }
         status.since = static_cast<double>(started) * nanosecond;
         status.log = log.figures();
@@ -199,15 +162,13 @@ private:
     RecordLog log;
     Subscribers subscribers;
     Intake intake;
-    const std::map<std::string, std::unique_ptr<PipeDelivery>> pipes;
-    const std::map<std::string, std::unique_ptr<CommandDelivery>> commands;
-    HttpServer server;
+    const std::shared_ptr<void> server;
     std::vector<std::thread> threads;
 };
 
 } // namespace
 
-int runRelay(const Settings& settings, const Circumstances& circumstances) {
+int runRelay(const Settings& settings, const std::function<void()>& afterCommit) {
     // Without these, each of the many threads would keep what it once needed for a large answer.
     ::mallopt(M_ARENA_MAX, 2);
     ::mallopt(M_MMAP_THRESHOLD, 256 * 1024);
@@ -221,7 +182,7 @@ int runRelay(const Settings& settings, const Circumstances& circumstances) {
 
     std::unique_ptr<Relay> relay;
     try {
-        relay = std::make_unique<Relay>(settings, circumstances);
+        relay = std::make_unique<Relay>(settings, afterCommit);
     } catch (const std::exception& error) {
         warn(error.what());
         return 1;

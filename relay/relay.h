@@ -7,14 +7,9 @@
 
 namespace relay {
 
-/// What the relay is started with, beside its settings.
-struct Circumstances {
-    std::function<void()> afterCommit; // for tests: see Intake
-};
-
 /// Runs until SIGTERM or SIGINT. Takes over the pipe that the service manager has passed, if it
 /// has, tells it when all is up, and gives it signs of life. Returns the status for exit. Must be
-/// called before any other thread is started.
-int runRelay(const Settings& settings, const Circumstances& circumstances);
+/// called before any other thread is started. `afterCommit` is for tests: see Intake.
+int runRelay(const Settings& settings, const std::function<void()>& afterCommit);
 
 } // namespace relay

@@ -1,11 +1,12 @@
-// What can be configured, and its defaults.
+// What can be configured, and its defaults; the file that says it, in TOML, whose keys are
+// documented in skarn-relay.toml(5).
 #pragma once
 
 #include "relay/filter.h"
 
-#include <chrono>
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <sys/types.h>
@@ -76,5 +77,28 @@ std::string_view nameOf(SubscriberType type);
 
 /// True if it can name a subscriber: letters, digits and ._- ; 1 to 64 of them, no dot in front.
 bool isSubscriberName(const std::string& name);
+
+/// What is wrong in a configuration file.
+struct Mistake {
+    std::uint32_t line = 0; // 0: it has none, for the file can't be read
+    std::string sentence;
+};
+
+struct LoadedSettings {
+    Settings settings;
+    std::vector<Mistake> mistakes; // in the order of their lines
+};
+
+/// Where the configuration is looked for if no other file is named.
+constexpr const char* usualSettingsFile = "/etc/skarn/relay.toml";
+
+/// Reads the file. Every mistake is found, not only the first; a key that is not known is one.
+LoadedSettings loadSettings(const std::string& path);
+
+/// The same for a text.
+LoadedSettings parseSettings(const std::string& text);
+
+/// "FILE:LINE: SENTENCE", a line for each.
+std::string mistakesText(const std::string& path, const std::vector<Mistake>& mistakes);
 
 } // namespace relay

@@ -1,173 +1,156 @@
-// What is told of the relay, as JSON and for Prometheus: both from one set of figures.
+// What is told of the relay, as JSON, for Prometheus and for people: all from one set of figures.
 #include "relay/status.h"
 
+#include "relay/json.h"
 #include "relay/messages.h"
-#include "relay/record_json.h"
 
+#include <cmath>
 #include <cstdio>
 #include <functional>
+#include <nlohmann/json.hpp>
 
 namespace relay {
 
 namespace {
 
-/// One figure: its name in the JSON and in the metrics, and what it is.
+/// One figure: its name in the JSON and in the metrics, and what it is. A metric whose name ends in
+/// "_total" counts, another one may fall.
 template<class Source>
 struct Figure {
     const char* key;    // in the JSON object
-    const char* metric; // of Prometheus
-    const char* type;
+    const char* metric; // of Prometheus, without the beginning that all have in common
     const char* help;
-    std::function<double(const Source&)> value;
+    std::function<Json(const Source&)> value;
 };
 
-double number(std::int64_t integer) {
-    return static_cast<double>(integer);
-}
+const std::vector<Figure<Status>> relayFigures = {
+    {"records", "records_total", "Records written into the log",
+     [](const Status& s) { return s.intake.records; }},
+    {"repeats", "repeats_total", "Announcements of a file that was in the log already",
+     [](const Status& s) { return s.intake.repeats; }},
+    {"batches", "batches_total", "Transactions that records came in",
+     [](const Status& s) { return s.intake.batches; }},
+    {"odd_lines", "odd_lines_total", "Lines of the pipe that were no record",
+     [](const Status& s) { return s.intake.oddLines; }},
+    {"stalls", "stalls_total", "Times that the log could not be written",
+     [](const Status& s) { return s.intake.stalls; }},
+    {"stalled_seconds", "stalled_seconds",
+     "For how long nothing is taken out of the pipe; 0 if it is not stalled",
+     [](const Status& s) { return s.stalledSeconds; }},
+    {"bytes_waiting", "pipe_bytes", "Bytes that wait in the daemon's pipe",
+     [](const Status& s) { return s.intake.bytesWaiting; }},
+    {"first", "first_record", "Number of the oldest record in the log; 0 if there is none",
+     [](const Status& s) { return s.log.first; }},
+    {"last", "last_record", "Number of the newest record",
+     [](const Status& s) { return s.log.last; }},
+    {"log_bytes", "log_bytes", "Size of the log on disk",
+     [](const Status& s) { return s.log.bytes; }},
+    {"since", "start_time_seconds", "When the relay was started",
+     [](const Status& s) { return s.since; }},
+};
 
-const std::vector<Figure<Status>>& relayFigures() {
-    static const std::vector<Figure<Status>> figures = {
-        {"records", "skarn_relay_records_total", "counter", "Records written into the log",
-         [](const Status& s) { return number(s.records); }},
-        {"repeats", "skarn_relay_repeats_total", "counter",
-         "Announcements of a file that was in the log already",
-         [](const Status& s) { return number(s.repeats); }},
-        {"batches", "skarn_relay_batches_total", "counter", "Transactions that records came in",
-         [](const Status& s) { return number(s.batches); }},
-        {"odd_lines", "skarn_relay_odd_lines_total", "counter",
-         "Lines of the pipe that were no record",
-         [](const Status& s) { return number(s.oddLines); }},
-        {"stalls", "skarn_relay_stalls_total", "counter", "Times that the log could not be written",
-         [](const Status& s) { return number(s.stalls); }},
-        {"stalled_seconds", "skarn_relay_stalled_seconds", "gauge",
-         "For how long nothing is taken out of the pipe; 0 if it is not stalled",
-         [](const Status& s) { return s.stalledSeconds; }},
-        {"bytes_waiting", "skarn_relay_pipe_bytes", "gauge", "Bytes that wait in the daemon's pipe",
-         [](const Status& s) { return number(s.bytesWaiting); }},
-        {"first", "skarn_relay_first_record", "gauge",
-         "Number of the oldest record in the log; 0 if there is none",
-         [](const Status& s) { return number(s.log.first); }},
-        {"last", "skarn_relay_last_record", "gauge", "Number of the newest record",
-         [](const Status& s) { return number(s.log.last); }},
-        {"log_bytes", "skarn_relay_log_bytes", "gauge", "Size of the log on disk",
-         [](const Status& s) { return number(s.log.bytes); }},
-        {"since", "skarn_relay_start_time_seconds", "gauge", "When the relay was started",
-         [](const Status& s) { return s.since; }},
-    };
-    return figures;
-}
+using Subscriber = SubscriberFigures;
 
-const std::vector<Figure<SubscriberFigures>>& subscriberFigures() {
-    using Subscriber = SubscriberFigures;
-    static const std::vector<Figure<Subscriber>> figures = {
-        {"acknowledged", "skarn_relay_subscriber_acknowledged", "gauge",
-         "Number of the record up to which it has all",
-         [](const Subscriber& s) { return number(s.acknowledged); }},
-        {"lag", "skarn_relay_subscriber_lag_records", "gauge", "Records behind that one",
-         [](const Subscriber& s) { return number(s.lag); }},
-        {"lag_seconds", "skarn_relay_subscriber_lag_seconds", "gauge",
-         "Age of the oldest record that it has yet to acknowledge",
-         [](const Subscriber& s) { return s.lagSeconds; }},
-        {"delivered", "skarn_relay_subscriber_delivered_total", "counter",
-         "Records handed to it, each time counted",
-         [](const Subscriber& s) { return number(s.delivered); }},
-        {"attempts", "skarn_relay_subscriber_attempts_total", "counter", "Deliveries tried",
-         [](const Subscriber& s) { return number(s.attempts); }},
-        {"failures", "skarn_relay_subscriber_failures_total", "counter", "Deliveries that failed",
-         [](const Subscriber& s) { return number(s.failures); }},
-        {"dead_letters", "skarn_relay_subscriber_dead_letters", "gauge",
-         "Records that it did not take, set aside",
-         [](const Subscriber& s) { return number(s.deadLetters); }},
-        {"dropped", "skarn_relay_subscriber_dropped_total", "counter",
-         "Records removed before it had them, by its max_backlog",
-         [](const Subscriber& s) { return number(s.dropped); }},
-    };
-    return figures;
-}
+const std::vector<Figure<Subscriber>> subscriberFigures = {
+    {"acknowledged", "subscriber_acknowledged", "Number of the record up to which it has all",
+     [](const Subscriber& s) { return s.acknowledged; }},
+    {"lag", "subscriber_lag_records", "Records behind that one",
+     [](const Subscriber& s) { return s.lag; }},
+    {"lag_seconds", "subscriber_lag_seconds",
+     "Age of the oldest record that it has yet to acknowledge",
+     [](const Subscriber& s) { return s.lagSeconds; }},
+    {"delivered", "subscriber_delivered_total", "Records handed to it, each time counted",
+     [](const Subscriber& s) { return s.delivered; }},
+    {"attempts", "subscriber_attempts_total", "Deliveries tried",
+     [](const Subscriber& s) { return s.attempts; }},
+    {"failures", "subscriber_failures_total", "Deliveries that failed",
+     [](const Subscriber& s) { return s.failures; }},
+    {"dead_letters", "subscriber_dead_letters", "Records that it did not take, set aside",
+     [](const Subscriber& s) { return s.deadLetters; }},
+    {"dropped", "subscriber_dropped_total",
+     "Records removed before it had them, by its max_backlog",
+     [](const Subscriber& s) { return s.dropped; }},
+};
 
-/// Whole numbers without a fraction, up to 2^53.
-std::string printed(double value) {
-    constexpr double exact = 9007199254740992.0;
-    if (value == static_cast<double>(static_cast<std::int64_t>(value)) && value < exact) {
-        return std::to_string(static_cast<std::int64_t>(value));
+/// A number for people and Prometheus: whole ones without a fraction.
+std::string printed(const Json& value) {
+    if (const double number = value; number != std::floor(number)) {
+        char text[64];
+        std::snprintf(text, sizeof text, "%.3f", number);
+        return text;
     }
-    char text[64];
-    std::snprintf(text, sizeof text, "%.3f", value);
-    return text;
+    return std::to_string(value.get<std::int64_t>());
 }
 
 template<class Source>
-std::string jsonFields(const std::vector<Figure<Source>>& figures, const Source& source) {
-    std::string text;
+void addFigures(const std::vector<Figure<Source>>& figures, const Source& source, Json& object) {
     for (const Figure<Source>& each : figures) {
-        text += std::string(",\"") + each.key + "\":" + printed(each.value(source));
+        object[each.key] = each.value(source);
     }
-    return text;
 }
 
-std::string printable(const std::string& text) {
-    return isUtf8(text) ? text : percentEncoded(text);
+template<class Source>
+std::string heading(const Figure<Source>& figure) {
+    const std::string name = std::string("skarn_relay_") + figure.metric;
+    const bool isCounter = name.size() > 6 && name.substr(name.size() - 6) == "_total";
+    return "# HELP " + name + " " + figure.help + "\n# TYPE " + name +
+           (isCounter ? " counter\n" : " gauge\n");
 }
 
-std::string heading(const char* metric, const char* type, const char* help) {
-    return std::string("# HELP ") + metric + " " + help + "\n# TYPE " + metric + " " + type + "\n";
+template<class Source>
+std::string sample(const Figure<Source>& figure, const Source& source, const std::string& labels) {
+    return std::string("skarn_relay_") + figure.metric + labels + " " +
+           printed(figure.value(source)) + "\n";
 }
 
 } // namespace
 
 std::string statusJson(const Status& status) {
-    std::string text = "{\"version\":1,\"pipe\":" + jsonString(printable(status.pipe)) +
-                       ",\"problem\":" + jsonString(printable(status.problem)) +
-                       jsonFields(relayFigures(), status) + ",\"subscribers\":[";
-    const char* separator = "";
-    for (const SubscriberFigures& each : status.subscribers) {
-        text += separator;
-        text += "{\"name\":" + jsonString(each.name) + ",\"type\":" + jsonString(each.type) +
-                ",\"problem\":" + jsonString(printable(each.problem)) +
-                jsonFields(subscriberFigures(), each) + "}";
-        separator = ",";
+    Json object = {{"version", 1}, {"pipe", status.pipe}, {"problem", status.intake.problem}};
+    addFigures(relayFigures, status, object);
+    object["subscribers"] = Json::array();
+    for (const Subscriber& each : status.subscribers) {
+        Json one = {{"name", each.name}, {"type", each.type}, {"problem", each.problem}};
+        addFigures(subscriberFigures, each, one);
+        object["subscribers"].push_back(std::move(one));
     }
-    return text + "]}\n";
+    return jsonText(object) + "\n";
 }
 
 std::string metricsText(const Status& status) {
     std::string text;
-    for (const auto& each : relayFigures()) {
-        text += heading(each.metric, each.type, each.help) + each.metric + " " +
-                printed(each.value(status)) + "\n";
+    for (const auto& figure : relayFigures) {
+        text += heading(figure) + sample(figure, status, "");
     }
-    for (const auto& each : subscriberFigures()) {
+    for (const auto& figure : subscriberFigures) {
         if (!status.subscribers.empty()) {
-            text += heading(each.metric, each.type, each.help);
+            text += heading(figure);
         }
-        for (const SubscriberFigures& one : status.subscribers) {
+        for (const Subscriber& each : status.subscribers) {
             // A subscriber's name has no character that would want an escape.
-            text += std::string(each.metric) + "{subscriber=\"" + one.name + "\",type=\"" +
-                    one.type + "\"} " + printed(each.value(one)) + "\n";
+            text += sample(figure, each,
+                           "{subscriber=\"" + each.name + "\",type=\"" + each.type + "\"}");
         }
     }
     return text;
 }
 
 std::string statusText(const Status& status) {
-    std::string text = status.problem.empty() ? "taking records from " + shown(status.pipe) + "\n"
-                                              : "STALLED for " + printed(status.stalledSeconds) +
-                                                    " s: " + shown(status.problem) + "\n";
-    text += std::to_string(status.records) + " records and " + std::to_string(status.repeats) +
-            " repeats since the start, " + std::to_string(status.bytesWaiting) +
-            " bytes wait in the pipe\nlog: records " + std::to_string(status.log.first) + " to " +
-            std::to_string(status.log.last) + ", " + std::to_string(status.log.bytes) + " bytes\n";
-    for (const SubscriberFigures& each : status.subscribers) {
+    std::string text = status.intake.problem.empty()
+                           ? "taking records from " + shown(status.pipe) + "\n"
+                           : "STALLED for " + printed(status.stalledSeconds) +
+                                 " s: " + shown(status.intake.problem) + "\n";
+    text += printed(status.intake.records) + " records and " + printed(status.intake.repeats) +
+            " repeats since the start, " + printed(status.intake.bytesWaiting) +
+            " bytes wait in the pipe\nlog: records " + printed(status.log.first) + " to " +
+            printed(status.log.last) + ", " + printed(status.log.bytes) + " bytes\n";
+    for (const Subscriber& each : status.subscribers) {
         text += each.name + " (" + each.type + "): ";
         text += each.lag == 0 ? "has all"
-                              : std::to_string(each.lag) + " records behind, the oldest " +
+                              : printed(each.lag) + " records behind, the oldest " +
                                     printed(each.lagSeconds) + " s old";
-        if (each.deadLetters > 0) {
-            text += ", " + std::to_string(each.deadLetters) + " dead letters";
-        }
-        if (each.dropped > 0) {
-            text += ", " + std::to_string(each.dropped) + " dropped";
-        }
+        text += each.deadLetters == 0 ? "" : ", " + printed(each.deadLetters) + " dead letters";
+        text += each.dropped == 0 ? "" : ", " + printed(each.dropped) + " dropped";
         text += (each.problem.empty() ? "" : "; " + shown(each.problem)) + "\n";
     }
     return text;

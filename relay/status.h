@@ -1,6 +1,7 @@
 // What is told of the relay, as JSON and for Prometheus: both from one set of figures.
 #pragma once
 
+#include "relay/intake.h"
 #include "relay/record_log.h"
 #include "relay/subscribers.h"
 
@@ -12,15 +13,9 @@ namespace relay {
 
 /// The relay at one moment.
 struct Status {
-    std::string pipe;              // its path
-    std::int64_t bytesWaiting = 0; // in it
-    std::int64_t records = 0;      // since the start, like the next four
-    std::int64_t repeats = 0;
-    std::int64_t batches = 0;
-    std::int64_t oddLines = 0;
-    std::int64_t stalls = 0;
+    std::string pipe; // its path
+    IntakeFigures intake;
     double stalledSeconds = 0; // 0: it is not stalled
-    std::string problem;       // why it is
     LogFigures log;
     std::vector<SubscriberFigures> subscribers;
     double since = 0; // seconds since 1970: when it was started

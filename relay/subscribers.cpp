@@ -98,6 +98,17 @@ void Subscription::save() {
     }
 }
 
+void Subscription::requestRetry(std::int64_t sequence) {
+    const std::lock_guard<std::mutex> guard(mutex);
+    retries.insert(sequence);
+}
+
+std::optional<std::int64_t> Subscription::takeRetry() {
+    const std::lock_guard<std::mutex> guard(mutex);
+    const auto first = retries.begin();
+    return first == retries.end() ? std::nullopt : std::optional(retries.extract(first).value());
+}
+
 void Subscription::countDelivered(std::int64_t records) {
     const std::lock_guard<std::mutex> guard(mutex);
     counts.delivered += records;

@@ -9,6 +9,8 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -64,6 +66,11 @@ public:
     /// Writes down what it did not want. Throws DatabaseError.
     void save();
 
+    /// Asks for a dead letter to be tried again; and what was asked for, once each. Only a command
+    /// does it.
+    void requestRetry(std::int64_t sequence);
+    std::optional<std::int64_t> takeRetry();
+
     void countDelivered(std::int64_t records);
     void countAttempt();
     void countFailure(const std::string& why); // tells it, unless it is the same as before
@@ -80,6 +87,7 @@ private:
     std::int64_t savedPosition = 0; // what the log has
     std::int64_t resets = 0;
     bool isRetired = false;
+    std::set<std::int64_t> retries; // that were asked for
 };
 
 /// All subscribers, by name.

@@ -46,7 +46,7 @@ fi
 export PYTHONPATH=$PWD/tests:$PWD/bench:$PWD/tests/relay PYTHONDONTWRITEBYTECODE=1 SKARN_BINARY=$PWD/$build/skarn \
     CONFIRMING_RSYNC_BINARY=$PWD/$build/confirming_rsync/confirming_rsync \
     CONFIRMING_RSYNC_WITHOUT_FIGURES=$PWD/$build/bench/confirming_rsync_without_figures \
-    SKARN_MICRO_BINARY=$PWD/$build/bench/micro/skarn_micro_bench SKARN_RELAY_CLIENT=$PWD/relay/python \
+    SKARN_MICRO_BINARY=$PWD/$build/bench/micro/skarn_micro_bench SKARN_RELAY_CLIENT=$PWD/clients/python \
     SKARN_RELAY_BINARY=$PWD/$build/relay/skarn-relay SKARN_RELAY_SPEED_BINARY=$PWD/$build/bench/relay/relay_intake_speed
 
 rm -rf "$results"

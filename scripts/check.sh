@@ -54,7 +54,7 @@ shell_scripts() {
 }
 
 types() {
-    MYPYPATH=tests:bench:packaging/tests:relay/python:tests/relay:scripts/watch_picture:scripts/demo \
+    MYPYPATH=tests:bench:packaging/tests:clients/python:tests/relay:scripts/watch_picture:scripts/demo \
         mypy --strict --explicit-package-bases "$@"
 }
 

@@ -26,7 +26,7 @@ scripts/build-programs.sh build/programs -DSKARN_RELAY=ON
 cmake --build build/programs --target skarn_relay >/dev/null
 export PYTHONPATH=$PWD/tests:$PWD/tests/relay PYTHONDONTWRITEBYTECODE=1 LC_ALL=C.UTF-8 \
     SKARN_BINARY=$PWD/build/programs/skarn SKARN_RELAY_BINARY=$PWD/build/programs/relay/skarn-relay \
-    CONFIRMING_RSYNC_BINARY=$PWD/build/programs/confirming_rsync/confirming_rsync SKARN_RELAY_CLIENT=$PWD/relay/python
+    CONFIRMING_RSYNC_BINARY=$PWD/build/programs/confirming_rsync/confirming_rsync SKARN_RELAY_CLIENT=$PWD/clients/python
 results=$PWD/build/crash-points
 rm -rf "$results"
 mkdir -p "$results"

@@ -19,7 +19,7 @@ if [ "$with_relay" = yes ]; then
 else
     scripts/install-packages.sh demo
 fi
-export PYTHONPATH=$PWD/tests:$PWD/relay/python PYTHONDONTWRITEBYTECODE=1
+export PYTHONPATH=$PWD/tests:$PWD/clients/python PYTHONDONTWRITEBYTECODE=1
 show=(/usr/bin/python3 scripts/demo/show.py --skarn "$PWD/build/programs/skarn" --log "$PWD/build/demo/skarn.log"
     --copy-program "$PWD/build/programs/confirming_rsync/confirming_rsync"
     --relay-program "$PWD/build/programs/relay/skarn-relay")

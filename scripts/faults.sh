@@ -43,7 +43,7 @@ while [ $# -gt 0 ]; do
 done
 [[ $seed$rounds =~ ^[0-9]*$ ]] || usage
 
-export PYTHONPATH=$PWD/tests:$PWD/tests/relay PYTHONDONTWRITEBYTECODE=1 SKARN_RELAY_CLIENT=$PWD/relay/python
+export PYTHONPATH=$PWD/tests:$PWD/tests/relay PYTHONDONTWRITEBYTECODE=1 SKARN_RELAY_CLIENT=$PWD/clients/python
 run=(/usr/bin/python3 tests/faults/run.py)
 scripts/install-packages.sh relay
 if [ "$list" = yes ]; then

@@ -12,7 +12,7 @@ build=(cmake g++ ninja-build)
 # What skarnctl is built with, beside these.
 control=(libcli11-dev libncurses-dev nlohmann-json3-dev prometheus-cpp-dev)
 # What skarn-relay is built with.
-relay=(libcli11-dev libcpp-httplib-dev libsqlite3-dev libsystemd-dev libtomlplusplus-dev nlohmann-json3-dev pkgconf)
+relay=(libcli11-dev libcpp-httplib-dev libsqlite3-dev libsqlitecpp-dev libsystemd-dev libtomlplusplus-dev nlohmann-json3-dev pkgconf)
 # The sandbox (mount, unshare, ip), the other end of the transfers, and what drives them.
 demo=("${build[@]}" iproute2 mount python3 rsync util-linux)
 # Of prometheus only promtool is wanted, which checks metrics and alerts; no smaller package has it.

@@ -44,7 +44,7 @@ while [ $# -gt 0 ]; do
 done
 [[ $seed$cuts$rounds =~ ^[0-9]*$ ]] || usage
 
-export PYTHONPATH=$PWD/tests:$PWD/tests/relay PYTHONDONTWRITEBYTECODE=1 SKARN_RELAY_CLIENT=$PWD/relay/python
+export PYTHONPATH=$PWD/tests:$PWD/tests/relay PYTHONDONTWRITEBYTECODE=1 SKARN_RELAY_CLIENT=$PWD/clients/python
 scripts/install-packages.sh tests
 
 printf 'Building skarn, its copy program and the relay in build/programs ...\n'

@@ -5,7 +5,6 @@
 //
 // The log is made in FOLDER and the files in TARGET, which must be empty; TARGET is best in memory.
 // Processor times are of the thread that takes in or inserts; a busy machine distorts the others.
-#include "relay/database.h"
 #include "relay/intake.h"
 #include "relay/record_log.h"
 #include "relay/targets.h"
@@ -19,6 +18,7 @@
 #include <thread>
 #include <vector>
 
+#include <SQLiteCpp/SQLiteCpp.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -98,19 +98,21 @@ Span intake(const std::string& folder, const std::string& pipe,
 /// The same records in as many transactions, into the same columns, and nothing else.
 Span bareInsert(const std::string& folder, const std::vector<std::string>& lines,
                 std::int64_t batches) {
-    relay::Database database(folder + "/bare.db", relay::Database::Access::readWrite);
-    database.execute("PRAGMA journal_mode = WAL; PRAGMA synchronous = FULL;"
-                     "CREATE TABLE records(seq INTEGER PRIMARY KEY, kind, path BLOB, detector,"
-                     " size, mtime, inode, type, way, arrival, repeats);"
-                     "CREATE UNIQUE INDEX records_by_file ON records(path, inode, mtime, size)");
-    relay::Statement insert =
-        database.prepare("INSERT INTO records VALUES (?,0,?,'1',1,1,1,1,1,1,0)");
+    SQLite::Database database(folder + "/bare.db", SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE);
+    database.exec("PRAGMA journal_mode = WAL; PRAGMA synchronous = FULL;"
+                  "CREATE TABLE records(seq INTEGER PRIMARY KEY, kind, path BLOB, detector,"
+                  " size, mtime, inode, type, way, arrival, repeats);"
+                  "CREATE UNIQUE INDEX records_by_file ON records(path, inode, mtime, size)");
+    SQLite::Statement insert(database, "INSERT INTO records VALUES (?,0,?,'1',1,1,1,1,1,1,0)");
     const Stopwatch watch;
     const std::size_t size = lines.size() / static_cast<std::size_t>(batches) + 1;
     for (std::size_t first = 0; first < lines.size(); first += size) {
-        relay::Transaction transaction(database);
+        SQLite::Transaction transaction(database);
         for (std::size_t n = first; n < std::min(first + size, lines.size()); ++n) {
-            insert.bind(1, static_cast<std::int64_t>(n + 1)).bindBytes(2, lines[n]).run();
+            insert.bind(1, static_cast<std::int64_t>(n + 1));
+            insert.bindNoCopy(2, lines[n].data(), static_cast<int>(lines[n].size()));
+            insert.exec();
+            insert.reset();
         }
         transaction.commit();
     }

@@ -2,9 +2,12 @@
 
 from __future__ import annotations
 
+import fcntl
 import os
 import signal
+import struct
 import subprocess
+import termios
 from collections.abc import Iterator
 from pathlib import Path
 
@@ -42,6 +45,12 @@ def take(descriptor: int, count: int) -> bytes:
     while len(taken) < count:
         taken += os.read(descriptor, count - len(taken))
     return taken
+
+
+def waiting_in(descriptor: int) -> int:
+    """How many bytes of a pipe nobody has taken yet."""
+    (count,) = struct.unpack("i", fcntl.ioctl(descriptor, termios.FIONREAD, bytes(4)))
+    return int(count)
 
 
 def test_the_lines_come_as_the_daemon_writes_them(relay: Relay) -> None:
@@ -90,6 +99,7 @@ def test_a_relay_that_is_killed_goes_on_in_the_middle_of_a_line(relay: Relay) ->
     relay.wait_for_last(4000)
     size = len(paths[0]) + 1
     begin = take(reading, 20 * size + 5)
+    wait_until(lambda: waiting_in(reading) > 10 * size, "more to be written")
     relay.kill()
     begin += take(reading, 3 * size)
     relay.start()

@@ -15,7 +15,7 @@ using testing::HasSubstr;
 Status example() {
     Status status;
     status.pipe = "/p";
-    status.records = 9007199254740993;
+    status.intake.records = 9007199254740993;
     SubscriberFigures subscriber;
     subscriber.name = "me";
     subscriber.type = "pipe";
@@ -39,7 +39,7 @@ TEST(Status, IsTheSameInAllForms) {
 
 TEST(Status, SaysFirstThatItIsStalled) {
     Status status = example();
-    status.problem = "disk full";
+    status.intake.problem = "disk full";
     status.stalledSeconds = 5;
     EXPECT_EQ(statusText(status).find("STALLED for 5 s: disk full\n"), 0U);
 }

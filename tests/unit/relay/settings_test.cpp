@@ -1,5 +1,5 @@
 // The configuration file.
-#include "relay/settings_file.h"
+#include "relay/settings.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,5 +1,5 @@
-// Records as JSON.
-#include "relay/record_json.h"
+// What is told in JSON.
+#include "relay/json.h"
 
 #include <nlohmann/json.hpp>
 
@@ -22,13 +22,15 @@ TEST(IsUtf8, KnowsItsForms) {
     }
 }
 
-TEST(JsonString, IsReadBackByOthers) {
+TEST(JsonText, IsReadBackByOthers) {
     std::string text = "\xc3\xa4\"\\/";
     for (char each = 0; each < 0x7f; ++each) {
         text += each;
     }
     text += '\x7f';
-    EXPECT_EQ(nlohmann::json::parse(jsonString(text)).get<std::string>(), text);
+    const std::string line = jsonText({{"text", text}});
+    EXPECT_EQ(nlohmann::json::parse(line)["text"].get<std::string>(), text);
+    EXPECT_EQ(line.find_first_of("\n\r\x1b\x7f"), std::string::npos);
 }
 
 TEST(PercentEncoded, LeavesPathsReadable) {

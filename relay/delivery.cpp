@@ -1,0 +1,128 @@
+// Delivering to the subscribers that the relay itself hands records to, each on a thread of its
+// own.
+#include "relay/delivery.h"
+
+#include "relay/command_delivery.h"
+#include "relay/pipe_delivery.h"
+
+#include <stdexcept>
+#include <thread>
+
+namespace relay {
+
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+constexpr auto acknowledgementPause = 100ms; // each one is a flush of the disk
+constexpr auto roomPause = 100ms;
+constexpr auto arrivalPause = 20ms; // until what is under way is looked at again
+constexpr auto idlePause = 500ms;
+constexpr auto failurePause = 1s;
+
+/// Where the delivery to one subscriber stands.
+class Course {
+public:
+    Course(RecordLog& ofLog, Subscription& ofSubscription, Delivery& its)
+        : log(ofLog), subscription(ofSubscription), delivery(its) {}
+
+    void turn() {
+        if (generation != subscription.generation()) {
+            begin();
+        }
+        acknowledge(acknowledgementPause);
+        const std::int64_t before = cursor;
+        if (page.records.empty()) {
+            page = subscription.next(cursor, delivery.pageSize());
+        }
+        const std::size_t sent = delivery.send(page.records);
+        page.records.erase(page.records.begin(),
+                           page.records.begin() + static_cast<std::ptrdiff_t>(sent));
+        // Behind the last of a page there may be some that are not wanted.
+        cursor = page.records.empty() ? page.seenTo : page.records.front().sequence - 1;
+        if (!page.records.empty() && sent == 0) {
+            delivery.waitForRoom(roomPause);
+        } else if (cursor == before) {
+            log.waitBehind(cursor, delivery.isIdle() ? idlePause : arrivalPause);
+        }
+    }
+
+    /// Notes what has arrived: at once if that is all, else only so often.
+    void acknowledge(std::chrono::milliseconds pause) {
+        const std::int64_t last = delivery.arrived();
+        if (last <= acknowledged || (!delivery.isIdle() && Clock::now() - noted < pause)) {
+            return;
+        }
+        subscription.acknowledge(last, generation);
+        acknowledged = last;
+        noted = Clock::now();
+    }
+
+    /// What was handed over and has not arrived is handed over again.
+    void forget() { generation = -1; }
+
+private:
+    void begin() {
+        const std::int64_t current = subscription.generation();
+        const std::int64_t position = subscription.acknowledged();
+        page = {};
+        acknowledged = position;
+        cursor = delivery.begin(position);
+        generation = current;
+    }
+
+    RecordLog& log;
+    Subscription& subscription;
+    Delivery& delivery;
+    std::int64_t generation = -1;  // of the subscription, when it began; -1: it has to begin
+    Page page;                     // what is still to be handed over of what was read
+    std::int64_t cursor = 0;       // the last record that was handed over, or is not wanted
+    std::int64_t acknowledged = 0; // since it began
+    Clock::time_point noted;       // when that was
+};
+
+} // namespace
+
+std::unique_ptr<Delivery> makeDelivery(RecordLog& log, const std::shared_ptr<Subscription>& to) {
+    switch (to->settings.type) {
+    case SubscriberType::pipe:
+        return std::make_unique<PipeDelivery>(to);
+    case SubscriberType::command:
+        return std::make_unique<CommandDelivery>(log, to);
+    case SubscriberType::http:
+        break;
+    }
+    return nullptr;
+}
+
+void deliver(RecordLog& log, Subscription& subscription, Delivery& delivery,
+             const std::atomic<bool>& isEnding) {
+    Course course(log, subscription, delivery);
+    bool isFailing = false;
+    while (!isEnding) {
+        try {
+            course.turn();
+            if (isFailing) {
+                subscription.clearFailure();
+            }
+            isFailing = false;
+            continue;
+        } catch (const DatabaseError& error) {
+            subscription.countFailure(
+                error.what()); // the log's: nothing is wrong with the delivery
+        } catch (const std::runtime_error& error) {
+            subscription.countFailure(error.what());
+            course.forget();
+        }
+        isFailing = true;
+        std::this_thread::sleep_for(failurePause);
+    }
+    try {
+        course.acknowledge(0ms);
+    } catch (const std::runtime_error&) {
+        // What has arrived since the last time comes again.
+    }
+}
+
+} // namespace relay
