@@ -263,6 +263,7 @@ void RecordLog::setAside() {
         "INSERT INTO intake VALUES (1, ?, 0, 0, '', ?) "
         "ON CONFLICT (one) DO UPDATE SET last = excluded.last, batch = max(batch, excluded.batch)",
         last, takenOut());
+    storedBatch = std::max(storedBatch, takenOut());
     warn(std::to_string(number(*database, "SELECT count(*) FROM records")) +
          " records of the damaged database were carried over into a new one" +
          (isWhole ? "" : "; others could not be: compare with the targets"));
