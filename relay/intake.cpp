@@ -110,7 +110,7 @@ std::size_t Intake::turn(int limit) {
     std::future<Part> ahead = lookAhead(part.lines);
     batch = std::max(batch + 1, now());
     try {
-        log.append(part.records, {part.lines.size(), digestOf(part.lines), identity, batch});
+        log.append(part.records, {part.lines.size(), part.digest, identity, batch});
     } catch (const std::runtime_error& error) {
         stall(error.what());
         rest(std::min(limit, pauseAfterFailure));
@@ -188,7 +188,9 @@ void Intake::count(const std::vector<Record>& logged) {
 }
 
 Intake::Part Intake::described(std::string lines) const {
-    Part part{std::move(lines), {}};
+    Part part;
+    part.lines = std::move(lines);
+    part.digest = digestOf(part.lines);
     FileLook files; // of about this moment
     const auto add = [&part](std::string_view line) -> Record& {
         Record& record = part.records.emplace_back();

@@ -62,6 +62,7 @@ private:
     /// Lines from the beginning of the pipe, and what they tell.
     struct Part {
         std::string lines;
+        std::uint64_t digest = 0; // of the lines
         std::vector<Record> records;
     };
 

@@ -137,22 +137,27 @@ Record recordIn(const Statement& row) {
     return record;
 }
 
-/// What tells the record's file from others, as the values of four marks; the last three stay NULL
-/// if that is not known.
-void bindFile(Statement& statement, int mark, const Record& record) {
+void bindPath(Statement& statement, int mark, const Record& record) {
     statement.bindNoCopy(mark, record.path.data(), static_cast<int>(record.path.size()));
-    if (record.identity) {
-        statement.bind(mark + 1, static_cast<std::int64_t>(record.identity->inode));
-        statement.bind(mark + 2, record.identity->mtime);
-        statement.bind(mark + 3, record.identity->size);
-    }
+}
+
+void bindIdentity(Statement& statement, int mark, const Identity& identity) {
+    statement.bind(mark, static_cast<std::int64_t>(identity.inode));
+    statement.bind(mark + 1, identity.mtime);
+    statement.bind(mark + 2, identity.size);
 }
 
 /// False if the file stands in the log.
 bool insertOne(Statement& insert, const Record& record, std::int64_t sequence) {
     insert.reset();
-    insert.clearBindings();
-    bindFile(insert, 1, record);
+    bindPath(insert, 1, record);
+    if (record.identity) {
+        bindIdentity(insert, 2, *record.identity);
+    } else {
+        for (const int mark : {2, 3, 4}) {
+            insert.bind(mark); // NULL
+        }
+    }
     insert.bind(5, sequence);
     insert.bind(6, static_cast<int>(record.kind));
     insert.bindNoCopy(7, record.detector);
@@ -302,7 +307,10 @@ std::int64_t RecordLog::lastOf(const Record& record) {
         query += " AND inode = ? AND mtime = ? AND size = ?";
     }
     Statement row(*database, query);
-    bindFile(row, 1, record);
+    bindPath(row, 1, record);
+    if (record.identity) {
+        bindIdentity(row, 2, *record.identity);
+    }
     return row.executeStep() ? row.getColumn(0).getInt64() : 0;
 }
 

@@ -235,9 +235,10 @@ public:
               {"token_file", optionalPath(settings.http.tokenFile)}}},
             {"daemon", {{"configuration", optionalPath(settings.daemonConfiguration)}}}};
         Keys keys = {{"subscriber", [this](const toml::node& node) { return subscribers(node); }}};
-        for (const auto& [name, inTable] : tables) {
-            keys[std::string(name)] = [this, &inTable, where = " in [" + std::string(name) + "]"](
-                                          const toml::node& node) {
+        for (const auto& each : tables) {
+            const std::string name(each.first);
+            keys[name] = [this, &inTable = each.second,
+                          where = " in [" + name + "]"](const toml::node& node) {
                 const toml::table* const table = node.as_table();
                 if (table != nullptr) {
                     readTable(*table, inTable, where);
