@@ -21,7 +21,7 @@ from machine import (
 )
 
 PIPE = "/run/vantrel_orbelin_files"
-FILES = 3000  # of one drain
+FILES = 2000  # of one drain
 SUBSCRIBERS = ("pipe", "command", "curl")
 RELAY = """\
 [[subscriber]]
