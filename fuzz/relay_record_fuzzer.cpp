@@ -2,8 +2,8 @@
 // in which filters and times are written.
 #include "fuzz/input.h"
 #include "relay/filter.h"
-#include "relay/record.h"
 #include "relay/json.h"
+#include "relay/record.h"
 #include "relay/targets.h"
 
 #include <algorithm>

@@ -2,7 +2,7 @@
 // own.
 //
 // A new kind of subscriber is a class made from Delivery, which knows how to hand records over and
-// which of them have arrived; its settings (settings.h, settings_file.cpp); and a line in
+// which of them have arrived; its settings (settings.h, settings.cpp); and a line in
 // makeDelivery. Positions, resets, waiting for records, and trying again are the same for all.
 #pragma once
 

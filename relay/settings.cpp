@@ -267,7 +267,7 @@ private:
                 continue;
             }
             const std::string problem = known->second(node);
-            check(&node, problem.empty(), name + problem);
+            check(&node, problem.empty(), std::string(name).append(problem));
         }
     }
 
