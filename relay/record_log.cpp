@@ -212,7 +212,7 @@ RecordLog::RecordLog(std::string inFolder)
     // Without its account of memory, which nobody asks for, it takes no lock for each allocation.
     // Refused, without harm, once there is a connection.
     sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0);
-    guarded([this] {
+    guarded([&] {
         // SQLite takes a damaged write-ahead log for the end of it. But what was taken out had been
         // committed before.
         if (storedBatch < takenOut()) {
@@ -265,10 +265,10 @@ void RecordLog::setAside() {
     const bool isWhole = salvage(aside, *database);
     last = std::max(last, number(*database, "SELECT max(seq) FROM records"));
     run(*database,
-        "INSERT INTO intake VALUES (1, ?, 0, 0, '', ?) "
-        "ON CONFLICT (one) DO UPDATE SET last = excluded.last, batch = max(batch, excluded.batch)",
+        "INSERT INTO intake VALUES (1, ?, 0, 0, '', ?) ON CONFLICT (one) DO UPDATE SET "
+        "last = excluded.last, batch = max(batch, excluded.batch)",
         last, takenOut());
-    storedBatch = std::max(storedBatch, takenOut());
+    storedBatch = number(*database, "SELECT max(batch) FROM intake");
     warn(std::to_string(number(*database, "SELECT count(*) FROM records")) +
          " records of the damaged database were carried over into a new one" +
          (isWhole ? "" : "; others could not be: compare with the targets"));
