@@ -23,12 +23,11 @@ namespace {
 /// For the start command, and again for what the daemon does then.
 constexpr std::chrono::seconds limit{10};
 
-/// The log that the daemon will write: it says there what it lacks, as long as it has not detached.
-/// Start options do not change it.
-std::string findLog() {
+/// The configuration that the daemon will read, as it is without start options; nothing if it can't
+/// be read here.
+std::optional<Configuration> findConfiguration() {
     const std::optional<std::string> file = findConfigFile();
-    const LoadedConfiguration loaded = file ? loadConfiguration(*file, {}) : LoadedConfiguration();
-    return loaded.configuration ? loaded.configuration->logFileName : "";
+    return file ? loadConfiguration(*file, {}).configuration : std::nullopt;
 }
 
 /// The oldest child that was not there before: the start command's own, whose parent this process
@@ -46,8 +45,9 @@ std::optional<Process> adoptedSince(const std::vector<pid_t>& before, const Proc
     return oldest;
 }
 
-/// Waits until the daemon, which has detached, works. What was seen instead, if it does not.
-std::string watchUntilItWorks(pid_t pid) {
+/// Waits until the daemon, which has detached, works. What was seen instead, if it does not. One
+/// without detectors never does.
+std::string watchUntilItWorks(pid_t pid, bool hasDetectors) {
     bool hasPidFile = false;
     std::optional<int> ended; // its wait status
     const auto isDecided = [&] {
@@ -59,7 +59,7 @@ std::string watchUntilItWorks(pid_t pid) {
         const PidFile file = readPidFile();
         hasPidFile = file.state == PidFile::State::whole && file.daemon == pid;
         // Its main thread starts one for each detector and then only waits.
-        return hasPidFile && threadsOf(pid).size() > 1;
+        return hasPidFile && hasDetectors && threadsOf(pid).size() > 1;
     };
     if (waitFor(isDecided, limit) && !ended) {
         return {};
@@ -83,7 +83,9 @@ std::string watchUntilItWorks(pid_t pid) {
 /// life), so that the daemon is known for certain and its exit status can be had. A start command
 /// that has not let go in time is killed.
 std::string launch(const std::string& path, const std::vector<std::string>& words, pid_t& daemon) {
-    const std::string log = findLog();
+    const std::optional<Configuration> configuration = findConfiguration();
+    // The daemon says there what it lacks, as long as it has not detached.
+    const std::string log = configuration ? configuration->logFileName : "";
     const off_t logSize = readFile(log, 0).status.st_size;
     prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0);
     const std::vector<pid_t> before = childrenOf(getpid());
@@ -101,7 +103,7 @@ std::string launch(const std::string& path, const std::vector<std::string>& word
     starter.kill();
     if (left) {
         daemon = left->pid;
-        return watchUntilItWorks(daemon);
+        return watchUntilItWorks(daemon, !configuration || !configuration->detectors.empty());
     }
     if (!hasLetGo) {
         return path + " did not detach within " + std::to_string(limit.count()) +

@@ -12,7 +12,7 @@ from dataclasses import dataclass
 from pathlib import Path
 from typing import Any
 
-from support import processes
+from support import dead_file_system, processes
 from support.daemon import PID_FILE, REPORTS, sanitizer_of
 from support.waiting import LIMIT, wait_until
 
@@ -74,7 +74,7 @@ def environment() -> dict[str, str]:
         REPORTS.mkdir(mode=0o777, parents=True, exist_ok=True)
         REPORTS.chmod(0o777)
         options = f"log_path={REPORTS}/report:exitcode=99"
-        found["ASAN_OPTIONS"] = options
+        found["ASAN_OPTIONS"] = f"{options}:detect_leaks={int(not dead_file_system.is_mounted())}"
         found["UBSAN_OPTIONS"] = options + ":print_stacktrace=1"
         found["TSAN_OPTIONS"] = options + ":second_deadlock_stack=1"
     return found

@@ -10,6 +10,13 @@ from pathlib import Path
 
 import pytest
 
+_mounted: list[Path] = []
+
+
+def is_mounted() -> bool:
+    """Whether there is one now. What waits for it can't be stopped, not even to look for leaks."""
+    return bool(_mounted)
+
 
 @contextmanager
 def dead_file_system() -> Iterator[Path]:
@@ -24,8 +31,10 @@ def dead_file_system() -> Iterator[Path]:
     subprocess.run(
         ["mount", "-i", "-t", "fuse", "-o", options, "dead", str(place)], check=True, pass_fds=[fuse]
     )
+    _mounted.append(place)
     try:
         yield place
     finally:
+        _mounted.remove(place)
         os.close(fuse)  # ends all that wait
         subprocess.run(["umount", "--lazy", str(place)], check=True)
