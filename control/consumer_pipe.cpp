@@ -247,13 +247,20 @@ PipeSnapshot lookAtConsumerPipe(const std::string& path) {
             const Answer answer =
                 waits ? waitsForWriter(pid, right, pipe) : holdsForReading(pid, pipe);
             allSeen = allSeen && (answer != Answer::notAllowed || hasNoMemory(pid));
-            if (answer == Answer::yes) {
-                snapshot.readers.push_back(readProcess(pid).value_or(Process()).name + " (" +
-                                           std::to_string(pid) + ")");
+            if (answer != Answer::yes) {
+                continue;
+            }
+            const std::string name = readProcess(pid).value_or(Process()).name;
+            if (pid == 1 && name == "systemd") {
+                snapshot.state = PipeSnapshot::State::held;
+            } else {
+                snapshot.readers.push_back(name + " (" + std::to_string(pid) + ")");
             }
         }
         if (!snapshot.readers.empty()) {
             snapshot.state = PipeSnapshot::State::read;
+        }
+        if (!snapshot.readers.empty() || snapshot.state == PipeSnapshot::State::held) {
             return snapshot;
         }
     }

@@ -20,6 +20,7 @@ struct PipeSnapshot {
         notAPipe,
         noReader,
         read,    // at least one process holds it open for reading
+        held,    // systemd alone does, for a service that it starts when something comes
         unknown, // not allowed to look, or the look takes too long
     };
     State state = State::unknown;

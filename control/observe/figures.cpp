@@ -22,7 +22,8 @@ const std::vector<std::string> detectorStates{"not_served", "listing",     "copy
                                               "idle",       "unreachable", "hanging"};
 const std::vector<std::string> daemonStates{"running", "seems_to_run", "dead", "not_running",
                                             "unknown"};
-const std::vector<std::string> pipeStates{"absent", "not_a_pipe", "no_reader", "read", "unknown"};
+const std::vector<std::string> pipeStates{"absent", "not_a_pipe", "no_reader",
+                                          "read",   "held",       "unknown"};
 const std::vector<std::string> coverages{"none", "since_start", "since_watch", "with_gap"};
 
 template<class State>
@@ -82,6 +83,19 @@ json jsonOf(const DetectorSnapshot& detector) {
         {"total_inodes", orNull(detector.totalInodes)},
         {"seconds_until_full", orNull(detector.secondsUntilFull)},
     };
+}
+
+json jsonOf(const RelaySnapshot& relay) {
+    json subscribers = json::array();
+    for (const RelaySubscriber& each : relay.subscribers) {
+        subscribers.push_back({{"name", each.name},
+                               {"lag", each.lag},
+                               {"lag_seconds", each.lagSeconds},
+                               {"problem", orNull(each.problem)}});
+    }
+    return {{"records", relay.records},
+            {"problem", orNull(relay.problem)},
+            {"subscribers", std::move(subscribers)}};
 }
 
 json jsonOf(const Snapshot& snapshot) {
@@ -154,6 +168,7 @@ json jsonOf(const Snapshot& snapshot) {
           {"reader_count", onlyIf(pipe.state != PipeSnapshot::State::unknown, pipe.readers.size())},
           {"write_blocked_seconds", onlyIf(waits.known, waits.writing.value_or(0))},
           {"open_blocked_seconds", onlyIf(waits.known, waits.opening.value_or(0))}}},
+        {"relay", snapshot.relay ? jsonOf(*snapshot.relay) : json()},
         {"log",
          {{"path", orNull(log.path)},
           {"coverage", nameIn(coverages, log.coverage)},
@@ -201,7 +216,9 @@ constexpr std::array<Metric, 54> metrics{{
     {"skarn_copy_program_figures", "/copy_program_figures",
      "Whether the copy program says how its listings and copies go."},
     {"skarn_pipe_state", "/pipe/state",
-     "The hand-off pipe: read by somebody, without a reader, absent, something else, or not known. "
+     "The hand-off pipe: read by somebody, held by systemd for its reader, without one, absent, "
+     "something "
+     "else, or not known. "
      "1 for what is the case.",
      &pipeStates},
     {"skarn_pipe_readers", "/pipe/reader_count",

@@ -3,6 +3,7 @@
 
 #include "control/consumer_pipe.h"
 #include "control/event_journal.h"
+#include "control/observe/relay_look.h"
 #include "control/service/daemon_processes.h"
 
 #include <cstdint>
@@ -168,6 +169,7 @@ struct Snapshot {
     Recent recent;
     PipeSnapshot pipe;
     PipeWaits waits;
+    std::optional<RelaySnapshot> relay; // nothing where none answers
     LogSnapshot log;
 
     /// The daemon runs, or seems to.

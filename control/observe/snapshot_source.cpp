@@ -34,6 +34,7 @@ constexpr double oldestPipe = 30;
 constexpr std::chrono::milliseconds patienceForPipe(1000);
 
 constexpr std::chrono::milliseconds patienceForSpace(200);
+constexpr std::chrono::milliseconds patienceForRelay(200);
 
 /// So often it is asked which lost files have come, and of how many.
 constexpr double lostPause = 5;
@@ -114,6 +115,8 @@ Snapshot SnapshotSource::look() {
     addRates(snapshot);
     lookAtPipe(snapshot);
     lookAtWaits(snapshot);
+    const auto told = relay.ask([] { return lookAtRelay(relaySocket); }, patienceForRelay);
+    snapshot.relay = told.value_or(std::nullopt);
     changes.note(snapshot);
     return snapshot;
 }

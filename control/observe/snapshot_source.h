@@ -106,6 +106,7 @@ private:
     std::map<std::string, Aside<std::optional<Space>>> spaces; // by target
     std::map<std::string, History> freeHistory;                // by target
 
+    Aside<std::optional<RelaySnapshot>> relay;
     Aside<FarLook> far;
     FarLook lastFar;
     std::optional<std::pair<pid_t, std::optional<FileId>>> farSubject; // daemon and pipe

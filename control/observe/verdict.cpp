@@ -151,6 +151,19 @@ std::vector<Rule> pipeRules(const Snapshot& now) {
     };
 }
 
+std::vector<Rule> relayRules(const RelaySnapshot& relay) {
+    std::vector<Rule> rules{
+        {!relay.problem.empty(), grave,
+         "the relay takes nothing out of the pipe: " + withoutFullStop(relay.problem), "relay"}};
+    for (const RelaySubscriber& each : relay.subscribers) {
+        rules.push_back({!each.problem.empty(), notable,
+                         "the relay's subscriber " + each.name + " is " + grouped(each.lag) +
+                             " records behind: " + withoutFullStop(each.problem),
+                         "subscriber " + each.name});
+    }
+    return rules;
+}
+
 /// Of a file system, by the detectors whose targets are there.
 std::vector<Rule> targetRules(const std::vector<const DetectorSnapshot*>& detectors,
                               bool isServed) {
@@ -257,6 +270,7 @@ Verdict verdict(const Snapshot& snapshot) {
         }
         judge(pipeRules(snapshot), result);
     }
+    judge(snapshot.relay ? relayRules(*snapshot.relay) : std::vector<Rule>(), result);
     // Targets with the same figures share a file system, and one reason will do.
     std::map<std::tuple<std::uint64_t, std::uint64_t, std::uint64_t>,
              std::vector<const DetectorSnapshot*>>

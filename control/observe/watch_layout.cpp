@@ -247,6 +247,9 @@ public:
         }
         add(14, {});
         add(8, pipeLine());
+        if (snapshot.relay) {
+            add(8, relayLine(*snapshot.relay));
+        }
         add(9, logLine());
         if (!snapshot.hasFigures && !snapshot.lastFile.empty()) {
             add(12, {{heading, "Last file "}, {normal, snapshot.lastFile, true}});
@@ -427,11 +430,12 @@ private:
 
     Line pipeLine() const {
         const double blocked = snapshot.waits.writing.value_or(0);
-        const std::array<Segment, 5> states{
+        const std::array<Segment, 6> states{
             {{bad, "absent!"},
              {bad, "not a pipe!"},
              {bad, "no reader!"},
              {blocked < 1 ? good : bad, blocked < 1 ? "read" : "full!"},
+             {good, "held by systemd, which starts its reader"},
              {warning, "reader unknown: only root can see it"}}};
         const bool isRead = snapshot.pipe.state == PipeSnapshot::State::read;
         const std::string wait = " nothing read for " + durationText(blocked) + ", open";
@@ -441,6 +445,19 @@ private:
                 {normal, isRead ? " by " + joined(snapshot.pipe.readers, ", ") : ""},
                 blanks(2),
                 {dim, snapshot.pipe.path, true}};
+    }
+
+    static Line relayLine(const RelaySnapshot& relay) {
+        Line line{{heading, "Relay "}, {normal, grouped(relay.records) + " records"}};
+        for (const RelaySubscriber& each : relay.subscribers) {
+            const bool hasAll = each.lag == 0 && each.problem.empty();
+            const std::string behind = each.lag == 0 ? " has all"
+                                                     : " " + grouped(each.lag) + " behind for " +
+                                                           durationText(each.lagSeconds);
+            line.insert(line.end(),
+                        {{dim, ", "}, {normal, each.name}, {hasAll ? good : warning, behind}});
+        }
+        return line;
     }
 
     Line logLine() const {

@@ -134,9 +134,14 @@ def test_the_daemon_s_first_line_starts_the_relay(machine: Machine) -> None:
     machine.write("/usr/local/orbelin/etc/rsyncd.secrets_remote", "of this machine only\n", 0o600)
     start_detector(machine)
     machine.succeed("skarnctl check")
+    seen = json.loads(machine.succeed("skarnctl watch --json"))
+    assert (seen["pipe"]["state"], seen["relay"]) == ("held", None)
     machine.succeed("systemctl start skarn")
     wait_until(lambda: machine.run("skarn-relay status").returncode == 0, "the relay runs")
     wait_until(lambda: last_record(machine) == 1, "the daemon's first line is in the log")
+    seen = json.loads(machine.succeed("skarnctl watch --json"))
+    assert seen["pipe"]["state"] == "read" and "skarn-relay" in seen["pipe"]["readers"][0]
+    assert seen["relay"]["subscribers"] and seen["relay"]["problem"] is None
 
 
 def test_whoever_is_killed_in_a_drain_every_subscriber_has_every_file(machine: Machine) -> None:

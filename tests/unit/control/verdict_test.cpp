@@ -94,6 +94,16 @@ INSTANTIATE_TEST_SUITE_P(
               "are announced to nobody"},
         Fault{"unknownPipe", [](Snapshot& s) { s.pipe.state = PipeSnapshot::State::unknown; },
               "KEEPING UP, BUT: whether somebody reads the pipe can't be seen"},
+        Fault{"stalledRelay",
+              [](Snapshot& s) {
+                  s.relay = RelaySnapshot{7, "No space left on device.", {}};
+              },
+              "NOT KEEPING UP: the relay takes nothing out of the pipe: No space left on device"},
+        Fault{"failingSubscriber",
+              [](Snapshot& s) {
+                  s.relay = RelaySnapshot{7, "", {{"viewer", 1234, 9, "status 1"}}};
+              },
+              "KEEPING UP, BUT: the relay's subscriber viewer is 1,234 records behind: status 1"},
         Fault{"full", [](Snapshot& s) { s.detectors[1].freeBytes = 0; },
               "NOT KEEPING UP: the target of detector 2 is full: no space left on device"},
         Fault{"noInodes",

@@ -1,5 +1,6 @@
 // The whole screen of the live view, for screens of any size and daemons in any state.
 #include "control/display_text.h"
+#include "control/observe/verdict.h"
 #include "control/observe/watch_layout.h"
 #include "example_snapshot.h"
 
@@ -273,6 +274,22 @@ TEST_F(WatchLayout, ListsFurtherReasonsBelowTheFirst) {
     EXPECT_EQ(lines[2], "  - the target of detector 1 is full: no space left on device");
     EXPECT_THAT(lines[3], StartsWith("  - copy processes or listings could not be started"));
     EXPECT_THAT(lines[4], StartsWith("  - there is no log to read"));
+}
+
+TEST_F(WatchLayout, ShowsTheRelaysSubscribersWhereOneRuns) {
+    EXPECT_THAT(screen(), Not(Contains(StartsWith("Relay"))));
+    snapshot.relay =
+        RelaySnapshot{12345, "", {{"storage", 0, 0, ""}, {"viewer\033", 1234, 90, ""}}};
+    EXPECT_THAT(screen(), Contains(StartsWith("Relay 12,345 records, storage has all, "
+                                              "viewer\\033 1,234 behind for 1 min")));
+    EXPECT_EQ(styleOf("behind for"), Style::warning);
+}
+
+TEST_F(WatchLayout, TellsAPipeThatIsHeldFromOneThatIsRead) {
+    snapshot.pipe.state = PipeSnapshot::State::held;
+    snapshot.pipe.readers.clear();
+    EXPECT_THAT(screen(), Contains(StartsWith("Pipe held by systemd, which starts its reader")));
+    EXPECT_EQ(verdict(snapshot).level, Verdict::Level::keepingUp);
 }
 
 TEST_F(WatchLayout, MarksWhatIsWrongWithSignsToo) {
