@@ -32,7 +32,6 @@ public:
             begin();
         }
         acknowledge(acknowledgementPause);
-        const std::int64_t before = cursor;
         if (page.records.empty()) {
             page = subscription.next(cursor, delivery.pageSize());
         }
@@ -41,17 +40,18 @@ public:
                            page.records.begin() + static_cast<std::ptrdiff_t>(sent));
         // Behind the last of a page there may be some that are not wanted.
         cursor = page.records.empty() ? page.seenTo : page.records.front().sequence - 1;
-        if (!page.records.empty() && sent == 0) {
+        if (page.records.empty()) {
+            const bool isAtRest = delivery.isIdle() && delivery.arrived() <= acknowledged;
+            log.waitBehind(cursor, isAtRest ? idlePause : arrivalPause);
+        } else if (sent == 0) {
             delivery.waitForRoom(roomPause);
-        } else if (cursor == before) {
-            log.waitBehind(cursor, delivery.isIdle() ? idlePause : arrivalPause);
         }
     }
 
-    /// Notes what has arrived: at once if that is all, else only so often.
+    /// Notes what has arrived, but only so often.
     void acknowledge(std::chrono::milliseconds pause) {
         const std::int64_t last = delivery.arrived();
-        if (last <= acknowledged || (!delivery.isIdle() && Clock::now() - noted < pause)) {
+        if (last <= acknowledged || Clock::now() - noted < pause) {
             return;
         }
         subscription.acknowledge(last, generation);

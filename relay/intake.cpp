@@ -11,6 +11,7 @@
 #include <iterator>
 #include <optional>
 #include <stdexcept>
+#include <thread>
 #include <utility>
 
 #include <fcntl.h>
@@ -25,6 +26,10 @@ namespace {
 constexpr std::size_t partSize = 256UL * 1024;    // bytes that one transaction brings in at most
 constexpr std::size_t worthAThread = 64UL * 1024; // bytes
 constexpr std::size_t longestLine = 65536;        // what is longer, and has no end yet, is cut here
+// From the beginning of a small transaction to the next one. Each is a flush of the disk and some
+// processor time: what comes by and by shares one, and what comes after a while is taken in at
+// once.
+constexpr auto betweenCommits = std::chrono::milliseconds(10);
 constexpr int pauseForTheRest = 20;     // milliseconds until half a line is looked at again
 constexpr int pauseAfterFailure = 1000; // milliseconds
 constexpr std::int64_t tellAgainAfter = 60LL * 1000000000;
@@ -102,10 +107,14 @@ void Intake::takeOutWhatIsLogged() {
 std::size_t Intake::turn(int limit) {
     Part part = std::exchange(next, {});
     if (part.lines.empty()) {
+        std::this_thread::sleep_until(nextCommit);
         part = described(firstLines(limit));
     }
     if (part.lines.empty()) {
         return 0;
+    }
+    if (part.lines.size() < worthAThread) {
+        nextCommit = std::chrono::steady_clock::now() + betweenCommits;
     }
     std::future<Part> ahead = lookAhead(part.lines);
     batch = std::max(batch + 1, now());

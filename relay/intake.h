@@ -15,6 +15,7 @@
 #include "relay/targets.h"
 #include "utilities/descriptors.h"
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -80,8 +81,9 @@ private:
     Descriptor pipe;
     std::string identity; // of the pipe
     std::optional<PipeCopy> copy;
-    Part next;              // what was looked at already; mostly nothing
-    std::int64_t batch = 0; // the last one's number
+    Part next;                                        // what was looked at already; mostly nothing
+    std::int64_t batch = 0;                           // the last one's number
+    std::chrono::steady_clock::time_point nextCommit; // not before
     mutable std::mutex mutex;
     IntakeFigures counts;      // guarded by `mutex`
     std::int64_t lastTold = 0; // when, nanoseconds since 1970

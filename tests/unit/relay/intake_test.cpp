@@ -2,6 +2,8 @@
 #include "relay/intake.h"
 #include "tests/unit/relay/scratch.h"
 
+#include <chrono>
+
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -139,6 +141,19 @@ TEST_F(IntakeTest, SaysWhenAnotherProgramReadsThePipe) {
                     testing::HasSubstr("another program reads the pipe"));
     }
     EXPECT_THAT(logged(), testing::Contains("/a/./3")) << "what it took out itself is not lost";
+}
+
+TEST_F(IntakeTest, TakesInTogetherWhatComesByAndBy) {
+    RecordLog log(scratch.path("log"));
+    Intake intake(settings, -1, log, targets);
+    const auto begin = std::chrono::steady_clock::now();
+    for (int n = 0; n < 50; ++n) {
+        put("/a/./" + std::to_string(n) + "\n");
+        intake.turn(0);
+    }
+    const auto passed = std::chrono::steady_clock::now() - begin;
+    EXPECT_EQ(intake.figures().records, 50);
+    EXPECT_GE(passed / std::chrono::milliseconds(10), intake.figures().batches - 1);
 }
 
 TEST(DigestOf, DiffersForOtherBytes) {
