@@ -39,6 +39,7 @@ from support.folders import remove
 from support.waiting import wait_until
 
 JOURNALS = Path("/var/lib/skarn/journal")
+FIGURES = Path("/run/skarn")
 LIMIT = 300.0
 ROWS, COLUMNS = 40, 120
 
@@ -125,8 +126,9 @@ class Watcher:
 
 
 def prepare(stations: list[Station], names: list[str], size: int) -> None:
-    """Empties targets, log and journals, and fills the shares."""
+    """Empties targets, log, journals and figures, and fills the shares."""
     remove(JOURNALS)
+    remove(FIGURES)
     remove(LOG_FILE.parent)
     LOG_FILE.parent.mkdir(parents=True)
     STATE.mkdir(parents=True, exist_ok=True)
