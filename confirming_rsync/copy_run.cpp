@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <utility>
 
@@ -38,6 +39,15 @@ Descriptor fileWith(const std::string& text) {
         file.reset();
     }
     return file;
+}
+
+/// The daemon that has written the list, by the list's name; 0 if that does not tell.
+pid_t writerOf(const std::string& list) {
+    const std::string before = "/tmp/file_list_";
+    if (list.compare(0, before.size(), before) != 0) {
+        return 0;
+    }
+    return static_cast<pid_t>(std::strtol(list.c_str() + before.size(), nullptr, 10));
 }
 
 std::string count(std::size_t number, const std::string& noun, const std::string& plural) {
@@ -120,7 +130,12 @@ void CopyRun::beginJournal(const FileList& list) {
     if (places_.journalFolder.empty()) {
         return;
     }
-    const auto daemon = identityOf(::getppid());
+    const pid_t parent = ::getppid();
+    const pid_t writer = writerOf(arguments_.fileList);
+    // Who takes over the orphans of a dead daemon may live for ever. What an orphan passes on
+    // belongs to its own process instead: when that has ended, nobody knows who has got it.
+    const bool isOrphan = writer > 0 && writer != parent;
+    const auto daemon = identityOf(isOrphan ? ::getpid() : parent);
     // Only now: if the reader is still there, its process is the one that was just looked at, and
     // not one that has taken over the orphans of a dead daemon.
     step(Clock::now());

@@ -35,6 +35,7 @@ from confirming_rsync.program import (
     OPTIONS,
     TARGET,
     URL,
+    Program,
     names,
     scripted_binary,
 )
@@ -66,6 +67,36 @@ def test_a_journal_says_whose_run_it_is_and_what_became_of_each_name() -> None:
     # Its folders have names that an operator can read.
     assert journal.parent.parent.name == "rsync:%2F%2Froot@127.0.0.1:49371%2Framdisk%2F"
     assert journal.parent.name == "%2Fsrv%2Ftarget%2F"
+
+
+def test_what_an_orphan_of_a_dead_daemon_has_confirmed_is_announced_again() -> None:
+    """Whoever takes over the orphans is not the daemon, and may live for ever."""
+    daemon = subprocess.Popen(["true"])
+    daemon.wait()
+    listed = FILE_LIST.with_name(f"file_list_{daemon.pid}_1_0")
+    listed.write_text("a\n", encoding="ascii")
+    script()
+    TARGET.mkdir()
+    options = [*OPTIONS[:-1], f"--files-from={listed}", URL, f"{TARGET}/"]
+    program = Program(scripted_binary(), options)
+    assert program.finish().confirmed == ["a"]
+    (journal,) = journals()
+    assert journal.read_text("utf-8").splitlines()[1].split()[2] == str(program.pid)
+    listed.unlink()
+    assert cycle().recovered == ["a"]
+
+
+def test_a_list_of_the_living_daemon_tells_nothing_else() -> None:
+    listed = FILE_LIST.with_name(f"file_list_{os.getpid()}_1_0")
+    listed.write_text("a\n", encoding="ascii")
+    script()
+    TARGET.mkdir()
+    options = [*OPTIONS[:-1], f"--files-from={listed}", URL, f"{TARGET}/"]
+    assert Program(scripted_binary(), options).finish().confirmed == ["a"]
+    (journal,) = journals()
+    assert journal.read_text("utf-8").splitlines()[1].split()[2] == str(os.getpid())
+    listed.unlink()
+    assert cycle().recovered == []
 
 
 def test_the_names_are_written_down_before_rsync_gets_them() -> None:
