@@ -169,10 +169,10 @@ std::string counted(const json& number, const char* word) {
 
 /// What stands in a settings' line: the value, and where it comes from.
 std::string settingText(const Report& report, const std::string& key, const json& value) {
-    if (value == "") {
+    std::string text = words(value);
+    if (text.empty()) {
         return "not set";
     }
-    std::string text = words(value);
     if (key == "logfile_max_size") {
         const int size = value;
         text += " bytes";

@@ -32,7 +32,7 @@ constexpr std::size_t mostOfOneCode = 50;
 
 /// The changes of one letter that make one word of another; capitals do not matter.
 std::size_t distance(std::string_view one, std::string_view other) {
-    const auto lower = [](unsigned char letter) { return std::tolower(letter); };
+    const auto lower = [](char letter) { return std::tolower(static_cast<unsigned char>(letter)); };
     std::vector<std::size_t> row(other.size() + 1);
     for (std::size_t i = 0; i < row.size(); ++i) {
         row[i] = i;
