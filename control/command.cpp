@@ -1,4 +1,4 @@
-// What every subcommand of skarnctl agrees on: how it is added, its exit statuses, its complaints.
+// What all subcommands of skarnctl agree on: how they complain, say and print.
 #include "control/command.h"
 
 #include "control/display_text.h"

@@ -1,13 +1,9 @@
-// What every subcommand of skarnctl agrees on: how it is added, its exit statuses, its complaints.
+// The subcommands of skarnctl, and what all of them agree on: exit statuses and complaints.
 #pragma once
 
 #include <optional>
 #include <string>
 #include <vector>
-
-namespace CLI {
-class App; // the parser is large: only what defines commands includes it
-}
 
 namespace control {
 
@@ -27,15 +23,50 @@ struct CommonOptions {
     std::vector<std::string> startOptions;
 };
 
-/// Each adds its subcommands. When one is called it does its work and writes its status to
-/// `exitStatus`. What is passed must outlive the parsing.
-void addServiceCommands(CLI::App& app, const CommonOptions& common, int& exitStatus);
-void addCheckCommand(CLI::App& app, int& exitStatus);
-void addWatchCommand(CLI::App& app, const CommonOptions& common, int& exitStatus);
-void addMetricsCommand(CLI::App& app, const CommonOptions& common, int& exitStatus);
-void addEventsCommand(CLI::App& app, int& exitStatus);
-void addUnannouncedCommand(CLI::App& app, const CommonOptions& common, int& exitStatus);
-void addLogCommand(CLI::App& app, const CommonOptions& common, int& exitStatus);
+// Each subcommand does its work and returns its exit status; main.cpp has the words for its
+// options.
+
+struct CheckOptions {
+    std::optional<std::string> file;       // nothing: the one that the daemon reads
+    std::vector<std::string> startOptions; // as the daemon would be given them
+    bool asJson = false;
+    bool noNetwork = false; // the detectors' shares are not listed
+};
+int runCheck(const CheckOptions& options);
+
+struct WatchOptions {
+    bool once = false;
+    bool json = false;
+    bool inLines = false; // as JSON: one look after the other, each in a line
+    double interval = 1;  // seconds
+    std::string configFile;
+};
+int runWatch(const CommonOptions& common, const WatchOptions& options);
+
+/// Exactly one of `listen`, `write` and `once` is given.
+struct MetricsOptions {
+    std::string listen; // ADDRESS:PORT
+    std::string write;  // a file
+    bool once = false;
+    std::string from; // with `listen`: the file that another one writes
+    std::string configFile;
+};
+int runMetrics(const CommonOptions& common, const MetricsOptions& options);
+
+struct EventsOptions {
+    std::string since;
+    bool ended = false; // note the daemon's end, by what systemd says
+};
+int runEvents(const EventsOptions& options);
+
+int runUnannounced(const CommonOptions& common, bool isToAnnounce);
+
+struct LogOptions {
+    std::string detector; // only this one's lines, and those that bear no detector's name
+    bool explain = false; // cause and cure below each line that has one
+    bool follow = false;
+};
+int runLog(const CommonOptions& common, const LogOptions& options);
 
 /// Writes "skarnctl: " and the text, in one line, to standard error. Whatever in it could steer a
 /// terminal is shown as \ooo.

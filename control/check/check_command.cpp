@@ -6,11 +6,9 @@
 #include "transfer/copy_command.h"
 #include "utilities/text.h"
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cerrno>
 #include <exception>
-#include <memory>
 #include <nlohmann/json.hpp>
 #include <sstream>
 
@@ -171,10 +169,10 @@ std::string counted(const json& number, const char* word) {
 
 /// What stands in a settings' line: the value, and where it comes from.
 std::string settingText(const Report& report, const std::string& key, const json& value) {
-    if (value == "") {
+    std::string text = words(value);
+    if (text.empty()) {
         return "not set";
     }
-    std::string text = words(value);
     if (key == "logfile_max_size") {
         const int size = value;
         text += " bytes";
@@ -285,60 +283,27 @@ std::string whatIsFatal(const std::vector<std::string>& startOptions) {
     return {};
 }
 
-void addCheckCommand(CLI::App& app, int& exitStatus) {
-    struct Options {
-        std::optional<std::string> file;
-        std::optional<std::string> user;
-        std::vector<std::string> detectors;
-        bool asJson = false;
-        bool noNetwork = false;
-    };
-    CLI::App* const command =
-        app.add_subcommand("check", "Say what the daemon would do with a configuration, and every "
-                                    "mistake in it or on this host");
-    const auto options = std::make_shared<Options>();
-    command->add_option("FILE", options->file,
-                        "The configuration; by default the one that the daemon reads");
-    command->add_option("-u,--user", options->user, "The daemon's start option")
-        ->type_name("UID:GID")
-        ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
-    command->add_option("-d,--detector", options->detectors, "The daemon's start option")
-        ->type_name("ID:SOURCE:TARGET")
-        ->allow_extra_args(false);
-    command->add_flag("--json", options->asJson, "Print JSON");
-    command->add_flag("--no-network", options->noNetwork,
-                      "Do not list the detectors' shares, each of which is listed once otherwise");
-    command->footer("Exit status: 0 no mistakes, 1 warnings, 2 errors (also when the file can't be "
-                    "read).");
-    command->callback([options, &exitStatus] {
-        std::vector<std::string> words; // as the daemon would be given them
-        if (options->user) {
-            words = {"-u", *options->user};
+int runCheck(const CheckOptions& options) {
+    const bool isOfUnit = !options.file && options.startOptions.empty();
+    try {
+        Report report =
+            look(options.file, isOfUnit ? unitOptions() : options.startOptions, !options.noNetwork);
+        report.optionsFile = isOfUnit && !report.startOptions.empty() ? unitOptionsFile : "";
+        const json made = asJson(report);
+        if (!report.configuration) {
+            complain(report.findings.front().text);
         }
-        for (const std::string& detector : options->detectors) {
-            words.insert(words.end(), {"-d", detector});
+        const std::string output =
+            options.asJson         ? made.dump(2, ' ', true, json::error_handler_t::replace) + "\n"
+            : report.configuration ? asText(report, made)
+                                   : "";
+        if (!print(output) && report.errors() == 0) {
+            return report.findings.empty() ? succeeded : warningsStatus;
         }
-        const bool isOfUnit = !options->file && words.empty();
-        exitStatus = errorsStatus; // also for an exception: 1 would say that there are but warnings
-        try {
-            Report report =
-                look(options->file, isOfUnit ? unitOptions() : words, !options->noNetwork);
-            report.optionsFile = isOfUnit && !report.startOptions.empty() ? unitOptionsFile : "";
-            const json made = asJson(report);
-            if (!report.configuration) {
-                complain(report.findings.front().text);
-            }
-            const std::string output =
-                options->asJson ? made.dump(2, ' ', true, json::error_handler_t::replace) + "\n"
-                : report.configuration ? asText(report, made)
-                                       : "";
-            if (!print(output) && report.errors() == 0) {
-                exitStatus = report.findings.empty() ? 0 : warningsStatus;
-            }
-        } catch (const std::exception& error) {
-            complain(error.what());
-        }
-    });
+    } catch (const std::exception& error) {
+        complain(error.what()); // with this status: 1 would say that there are but warnings
+    }
+    return errorsStatus;
 }
 
 } // namespace control

@@ -3,16 +3,17 @@
 #include "utilities/text.h"
 
 #include <algorithm>
+#include <array>
 #include <cctype>
 #include <cmath>
 #include <cstdlib>
 #include <filesystem>
 #include <nlohmann/json.hpp>
-#include <regex>
 #include <set>
 #include <utility>
 
 #include <arpa/inet.h>
+#include <regex.h>
 #include <strings.h>
 
 namespace control {
@@ -31,7 +32,7 @@ constexpr std::size_t mostOfOneCode = 50;
 
 /// The changes of one letter that make one word of another; capitals do not matter.
 std::size_t distance(std::string_view one, std::string_view other) {
-    const auto lower = [](unsigned char letter) { return std::tolower(letter); };
+    const auto lower = [](char letter) { return std::tolower(static_cast<unsigned char>(letter)); };
     std::vector<std::size_t> row(other.size() + 1);
     for (std::size_t i = 0; i < row.size(); ++i) {
         row[i] = i;
@@ -58,16 +59,21 @@ const Key* findKey(std::string_view name) {
 /// The number of bytes that a size, such as "+ 20 MiB", says to a human being; nothing if it is
 /// none.
 std::optional<double> meantSize(const std::string& written) {
-    static const std::regex form("([+-]?) *([0-9]+) *([kmg]?)(i?b)?", std::regex::icase);
-    std::smatch parts;
-    if (!std::regex_match(written, parts, form)) {
+    // Not the standard library's expressions, which take a compiler longer than all else here.
+    regex_t form = {};
+    std::array<regmatch_t, 4> parts{};
+    regcomp(&form, "^([+-]?) *([0-9]+) *([kmg]?)(i?b)?$", REG_EXTENDED | REG_ICASE);
+    const bool isSize = regexec(&form, written.c_str(), parts.size(), parts.data(), 0) == 0;
+    regfree(&form);
+    if (!isSize) {
         return std::nullopt;
     }
-    const std::string unit = parts.str(3);
+    const char* const text = written.c_str();
+    const bool hasUnit = parts[3].rm_so < parts[3].rm_eo;
     const double power =
-        unit.empty() ? 0 : static_cast<double>(std::string("kmgKMG").find(unit) % 3 + 1);
-    const double size = std::strtod(parts.str(2).c_str(), nullptr) * std::pow(1024.0, power);
-    return parts.str(1) == "-" ? -size : size;
+        hasUnit ? static_cast<double>(std::string("kmgKMG").find(text[parts[3].rm_so]) % 3 + 1) : 0;
+    const double size = std::strtod(text + parts[2].rm_so, nullptr) * std::pow(1024.0, power);
+    return text[0] == '-' ? -size : size;
 }
 
 /// Whether the daemon takes what the author of a value means by it.

@@ -331,11 +331,13 @@ void lookAtTarget(Place& place, const std::string& target) {
     way.erase(targetFolder(target));
     for (const std::string& folder : way) {
         const std::string who = whoElseWrites(folder);
+        std::string cure = "chown root:root ";
+        cure.append(folder).append(" && chmod go-w ").append(folder);
         Place unsafe{"unsafe-folder", folder, inQuotes(folder) + ", on the way to a target, "};
         unsafe.judge({{!who.empty(), error,
                        who + ": who puts a link in the place of what lies below it has root make "
                              "folders, write files and give them away wherever he wants",
-                       "chown root:root " + folder + " && chmod go-w " + folder}});
+                       cure}});
         place.add(unsafe.findings);
     }
 }
@@ -452,7 +454,8 @@ Findings findInShares(const Configuration& configuration) {
             reason = reason.empty() ? howItEnded(*listing.status()) : reason;
         }
         Place place{"share", detector, "the share of detector " + inQuotes(detector) + ", "};
-        place.judge({{!reason.empty(), error, share + ", can't be listed: " + reason,
+        place.judge({{!reason.empty(), error,
+                      std::string(share).append(", can't be listed: ").append(reason),
                       "look at the detector's rsync daemon: address, port 49371, module ramdisk, "
                       "password"}});
         findings.insert(findings.end(), place.findings.begin(), place.findings.end());

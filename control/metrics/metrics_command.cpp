@@ -8,7 +8,6 @@
 #include "control/process.h"
 #include "utilities/descriptors.h"
 
-#include <CLI/CLI.hpp>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -35,14 +34,6 @@ constexpr int oldestLook = 10;
 
 /// More bytes of figures than any configuration makes.
 constexpr std::size_t mostFigures = 64UL * 1024 * 1024;
-
-struct MetricsOptions {
-    std::string listen;
-    std::string write;
-    std::string from;
-    bool once = false;
-    std::string configFile;
-};
 
 /// Looks itself, and notes what changed in the event journal.
 Look observer(const SnapshotOptions& options) {
@@ -104,44 +95,16 @@ int serve(const MetricsOptions& options, const SnapshotOptions& where) {
 
 } // namespace
 
-void addMetricsCommand(CLI::App& app, const CommonOptions& common, int& exitStatus) {
-    const auto options = std::make_shared<MetricsOptions>();
-    CLI::App* const command =
-        app.add_subcommand("metrics", "Give the daemon's figures to Prometheus");
-    CLI::Option* const listen =
-        command
-            ->add_option("--listen", options->listen,
-                         "Serve them at http://ADDRESS:PORT/metrics, until ended by SIGTERM")
-            ->type_name("ADDRESS:PORT");
-    CLI::Option* const write =
-        command
-            ->add_option("--write", options->write,
-                         "Write them to this file each second, until ended by SIGTERM")
-            ->type_name("FILE")
-            ->excludes(listen);
-    command
-        ->add_option("--from", options->from,
-                     "With --listen: serve what another one writes to this file")
-        ->type_name("FILE")
-        ->needs(listen);
-    command->add_flag("--once", options->once, "Print them once")
-        ->excludes(listen)
-        ->excludes(write);
-    command->add_option("--config", options->configFile, "Read this configuration file")
-        ->type_name("FILE");
-    command->callback([options, &common, &exitStatus] {
-        if (!options->once && options->listen.empty() && options->write.empty()) {
-            complain("metrics takes --listen ADDRESS:PORT, --write FILE or --once");
-            exitStatus = badUsage;
-            return;
-        }
-        std::signal(SIGPIPE, SIG_IGN);
-        const SnapshotOptions where{options->configFile, common.daemonPath};
-        exitStatus = options->once
-                         ? print(metricsText(SnapshotSource(where).look())).value_or(succeeded)
-                     : options->write.empty() ? serve(*options, where)
-                                              : writeFile(where, options->write);
-    });
+int runMetrics(const CommonOptions& common, const MetricsOptions& options) {
+    if (!options.once && options.listen.empty() && options.write.empty()) {
+        complain("metrics takes --listen ADDRESS:PORT, --write FILE or --once");
+        return badUsage;
+    }
+    std::signal(SIGPIPE, SIG_IGN);
+    const SnapshotOptions where{options.configFile, common.daemonPath};
+    return options.once ? print(metricsText(SnapshotSource(where).look())).value_or(succeeded)
+           : options.write.empty() ? serve(options, where)
+                                   : writeFile(where, options.write);
 }
 
 } // namespace control

@@ -3,23 +3,16 @@
 #include "control/display_text.h"
 #include "control/event_journal.h"
 
-#include <CLI/CLI.hpp>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <memory>
 
 #include <unistd.h>
 
 namespace control {
 
 namespace {
-
-struct EventsOptions {
-    std::string since;
-    bool ended = false;
-};
 
 std::string variable(const char* name) {
     const char* const value = std::getenv(name);
@@ -64,15 +57,8 @@ int show(const std::string& since) {
 
 } // namespace
 
-void addEventsCommand(CLI::App& app, int& exitStatus) {
-    const auto options = std::make_shared<EventsOptions>();
-    CLI::App* const command = app.add_subcommand("events", "Tell what began and ended, and when");
-    command->add_option("--since", options->since, "Only those since then: 2h, 3d, a date")
-        ->type_name("TIME");
-    command->add_flag("--ended", options->ended,
-                      "Note how the daemon ended, by what systemd says (for ExecStopPost=)");
-    command->callback(
-        [options, &exitStatus] { exitStatus = options->ended ? noteEnd() : show(options->since); });
+int runEvents(const EventsOptions& options) {
+    return options.ended ? noteEnd() : show(options.since);
 }
 
 } // namespace control

@@ -9,7 +9,6 @@
 #include "log_tables.h"
 #include "utilities/text.h"
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <array>
 #include <chrono>
@@ -83,10 +82,7 @@ std::string_view detectorOf(std::string_view line) {
 }
 
 /// How the log is to be shown.
-struct LogView {
-    std::string detector; // only this one's lines, and those that bear no detector's name
-    bool explain = false; // cause and cure below each line that has one
-    bool follow = false;
+struct LogView : LogOptions {
     bool colours = false;
     bool unicode = false;
 };
@@ -235,19 +231,9 @@ const Explanation* explanationOf(const std::string& line) {
     return nullptr;
 }
 
-void addLogCommand(CLI::App& app, const CommonOptions& common, int& exitStatus) {
-    const auto view = std::make_shared<LogView>();
-    CLI::App* const command =
-        app.add_subcommand("log", "Show the log since the daemon's start, readable");
-    command->add_option("DETECTOR", view->detector, "Only this detector's lines");
-    command->add_flag("-f,--follow", view->follow, "Go on with what comes");
-    command->add_flag("--explain", view->explain, "Cause and cure below each line");
-    command->callback([view, &common, &exitStatus] {
-        std::signal(SIGPIPE, SIG_IGN);
-        view->colours = isatty(STDOUT_FILENO) != 0 && wantsColours();
-        view->unicode = usesUnicode();
-        exitStatus = run(common, *view);
-    });
+int runLog(const CommonOptions& common, const LogOptions& options) {
+    std::signal(SIGPIPE, SIG_IGN);
+    return run(common, {options, isatty(STDOUT_FILENO) != 0 && wantsColours(), usesUnicode()});
 }
 
 } // namespace control

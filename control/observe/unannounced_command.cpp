@@ -16,7 +16,6 @@
 #include "shares/left_file.h"
 #include "utilities/descriptors.h"
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cerrno>
 #include <climits>
@@ -265,7 +264,9 @@ int announceAll(const std::vector<Candidate>& candidates, Targets& targets,
     return status;
 }
 
-int run(const CommonOptions& common, bool isToAnnounce) {
+} // namespace
+
+int runUnannounced(const CommonOptions& common, bool isToAnnounce) {
     const LoadedConfiguration loaded =
         loadConfiguration(findConfigFile().value_or(configFilePaths().front()),
                           findDaemon(common.daemonPath).startOptions);
@@ -296,18 +297,6 @@ int run(const CommonOptions& common, bool isToAnnounce) {
         say(each.record() + ": " + each.why + (reason.empty() ? "" : "; " + reason));
     }
     return status;
-}
-
-} // namespace
-
-void addUnannouncedCommand(CLI::App& app, const CommonOptions& common, int& exitStatus) {
-    const auto isToAnnounce = std::make_shared<bool>(false);
-    CLI::App* const command = app.add_subcommand(
-        "unannounced", "Name files that were copied and that the consumer may not know of");
-    command->add_flag("--announce", *isToAnnounce,
-                      "Write those that are there into the consumer's pipe");
-    command->callback(
-        [&common, &exitStatus, isToAnnounce] { exitStatus = run(common, *isToAnnounce); });
 }
 
 } // namespace control

@@ -6,7 +6,6 @@
 #include "control/observe/watch_layout.h"
 #include "utilities/descriptors.h"
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <array>
 #include <chrono>
@@ -35,18 +34,8 @@ namespace control {
 
 namespace {
 
-constexpr double shortestInterval = 0.2;
-constexpr double longestInterval = 3600;
-
 /// How long a single report looks, so that it can tell a rate.
 constexpr double lookingTime = 2;
-
-struct WatchOptions {
-    bool once = false;
-    bool json = false;
-    double interval = 1;
-    std::string configFile;
-};
 
 /// Seconds of a clock that nobody sets.
 double now() {
@@ -72,7 +61,7 @@ bool waitUntil(double moment) {
 
 /// One report, after a while of looking; or `inLines` one line of JSON after each interval, until
 /// nobody reads them.
-int report(SnapshotSource& source, const WatchOptions& options, bool inLines) {
+int report(SnapshotSource& source, const WatchOptions& options) {
     Snapshot snapshot = source.look();
     if (!snapshot.configProblem.empty() && snapshot.detectors.empty() &&
         snapshot.log.coverage == LogCoverage::none && !snapshot.isServed()) {
@@ -80,18 +69,18 @@ int report(SnapshotSource& source, const WatchOptions& options, bool inLines) {
         return failed;
     }
     for (double next = now();;) {
-        if (inLines) {
+        if (options.inLines) {
             if (const std::optional<int> end = print(jsonText(snapshot, true) + "\n")) {
                 return *end;
             }
         }
         // One that comes late does not let the next ones come faster.
-        next = std::max(next + (inLines ? options.interval : lookingTime), now());
+        next = std::max(next + (options.inLines ? options.interval : lookingTime), now());
         if (!waitUntil(next)) {
             return succeeded;
         }
         snapshot = source.look();
-        if (!inLines) {
+        if (!options.inLines) {
             return print(options.json ? jsonText(snapshot, false) + "\n"
                                       : watchText(snapshot, usesUnicode()))
                 .value_or(succeeded);
@@ -318,37 +307,12 @@ int showScreen(SnapshotSource& source, double interval) {
 
 } // namespace
 
-void addWatchCommand(CLI::App& app, const CommonOptions& common, int& exitStatus) {
-    const auto options = std::make_shared<WatchOptions>();
-    CLI::App* const command = app.add_subcommand("watch", "Show what the daemon does");
-    CLI::Option* const once =
-        command->add_flag("--once", options->once, "One plain report instead of the live view");
-    command->add_flag("--json", options->json,
-                      "One JSON object; with --interval, one in a line each time");
-    CLI::Option* const interval =
-        command
-            ->add_option("--interval", options->interval, "Seconds between two looks (0.2 to 3600)")
-            ->type_name("SECONDS")
-            ->capture_default_str()
-            ->check(CLI::Validator(
-                [](const std::string& text) {
-                    const double seconds = std::strtod(text.c_str(), nullptr); // may be no number
-                    return seconds >= shortestInterval && seconds <= longestInterval
-                               ? std::string()
-                               : "must be from 0.2 to 3600 seconds, not " + text;
-                },
-                ""))
-            ->excludes(once);
-    command->add_option("--config", options->configFile, "Read this configuration file")
-        ->type_name("FILE");
-    command->callback([options, interval, &common, &exitStatus] {
-        std::signal(SIGPIPE, SIG_IGN);
-        SnapshotSource source({options->configFile, common.daemonPath});
-        const bool inLines = options->json && interval->count() > 0;
-        exitStatus = options->json || options->once || isatty(STDOUT_FILENO) == 0
-                         ? report(source, *options, inLines)
-                         : showScreen(source, options->interval);
-    });
+int runWatch(const CommonOptions& common, const WatchOptions& options) {
+    std::signal(SIGPIPE, SIG_IGN);
+    SnapshotSource source({options.configFile, common.daemonPath});
+    return options.json || options.once || isatty(STDOUT_FILENO) == 0
+               ? report(source, options)
+               : showScreen(source, options.interval);
 }
 
 } // namespace control

@@ -8,12 +8,10 @@
 #include "daemon/global.h"
 #include "utilities/text.h"
 
-#include <CLI/CLI.hpp>
 #include <cerrno>
 #include <cmath>
 #include <cstring>
 #include <functional>
-#include <memory>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 
@@ -32,7 +30,6 @@ NLOHMANN_JSON_SERIALIZE_ENUM(PidFile::State, {{PidFile::State::absent, "absent"}
 
 namespace {
 
-constexpr int secondsInADay = 86400;
 constexpr const char* lockPath = "/var/run/skarnctl.lock";
 constexpr std::chrono::seconds lockPatience{10};
 
@@ -92,7 +89,13 @@ void refuseInVain(const std::string& path, const std::vector<std::string>& start
     }
 }
 
-int restart(const CommonOptions& common, const StopOptions& options) {
+} // namespace
+
+int runStart(const CommonOptions& common) {
+    return underLock([&common] { return start(common); });
+}
+
+int runRestart(const CommonOptions& common, const StopOptions& options) {
     const DaemonProcesses found = findDaemon(common.daemonPath);
     const std::string service = found.pid() != 0 ? managingService(found.pid()) : "";
     if (service.empty()) {
@@ -119,63 +122,14 @@ int restart(const CommonOptions& common, const StopOptions& options) {
     return succeeded;
 }
 
-/// Adds --when-idle to a command; gives what it makes of the options once the line is parsed.
-std::function<StopOptions()> addWhenIdle(CLI::App& command) {
-    const auto seconds = std::make_shared<int>(0);
-    CLI::Option* const option =
-        command
-            .add_flag("--when-idle{60}", *seconds,
-                      "Wait up to SECONDS (60) for a moment in which no copy process runs, so that "
-                      "no copied file goes unannounced; fail if there is none")
-            ->check(CLI::Range(0, secondsInADay));
-    return [option, seconds] {
-        StopOptions options;
-        if (option->count() > 0) {
-            options.whenIdle = std::chrono::seconds(*seconds);
-        }
-        return options;
-    };
+int runStop(const CommonOptions& common, const StopOptions& options) {
+    return underLock([&] { return stopDaemon(common.daemonPath, options); });
 }
 
-} // namespace
-
-void addServiceCommands(CLI::App& app, const CommonOptions& common, int& exitStatus) {
-    app.add_subcommand("start", "Start the daemon; all words behind it are the daemon's: "
-                                "[-u UID:GID] [-d DETECTOR_ID:SOURCE:TARGET]...")
-        ->callback([&common, &exitStatus] {
-            exitStatus = underLock([&common] { return start(common); });
-        });
-
-    CLI::App* const again = app.add_subcommand(
-        "restart", "The same as stop and then start, unless it is clear that the start would "
-                   "fail; all words behind it and its --when-idle are the daemon's: "
-                   "[-u UID:GID] [-d DETECTOR_ID:SOURCE:TARGET]...");
-    again->callback([&common, &exitStatus, options = addWhenIdle(*again)] {
-        exitStatus = restart(common, options());
-    });
-
-    CLI::App* const stop = app.add_subcommand("stop", "End the daemon and its copy processes");
-    const auto timeout = std::make_shared<int>(static_cast<int>(StopOptions().timeout.count()));
-    const auto stopOptions = addWhenIdle(*stop);
-    stop->add_option("--timeout", *timeout, "Send SIGKILL to what has not heeded SIGTERM so long")
-        ->check(CLI::Range(0, secondsInADay))
-        ->capture_default_str();
-    stop->callback([&common, &exitStatus, timeout, stopOptions] {
-        StopOptions options = stopOptions();
-        options.timeout = std::chrono::seconds(*timeout);
-        exitStatus = underLock([&] { return stopDaemon(common.daemonPath, options); });
-    });
-
-    CLI::App* const status =
-        app.add_subcommand("status", "Tell whether the daemon runs (exit status 0: it does, 1: "
-                                     "dead, 3: it does not, 4: unknown, 5: it seems to)");
-    const auto asJson = std::make_shared<bool>(false);
-    status->add_flag("--json", *asJson, "As one JSON object");
-    status->callback([&common, &exitStatus, asJson] {
-        const DaemonProcesses found = findDaemon(common.daemonPath, Search::always);
-        const std::string text = *asJson ? statusJson(found, readStatusFile()) : statusText(found);
-        exitStatus = print(text).value_or(statusCode(found.state));
-    });
+int runStatus(const CommonOptions& common, bool asJson) {
+    const DaemonProcesses found = findDaemon(common.daemonPath, Search::always);
+    const std::string text = asJson ? statusJson(found, readStatusFile()) : statusText(found);
+    return print(text).value_or(statusCode(found.state));
 }
 
 int statusCode(DaemonState state) {

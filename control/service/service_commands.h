@@ -1,6 +1,7 @@
 // Starting, stopping and asking after the daemon: the subcommands, and the work behind them.
 #pragma once
 
+#include "control/command.h"
 #include "control/service/daemon_processes.h"
 #include "control/service/process_handle.h"
 
@@ -74,5 +75,12 @@ std::string statusText(const DaemonProcesses& found);
 
 /// The same as one JSON object; `processLimit` is how many copy processes a detector may have.
 std::string statusJson(const DaemonProcesses& found, const std::optional<int>& processLimit);
+
+// The subcommands. Each does its work while no other skarnctl starts or stops the daemon, wherever
+// it runs, and returns its exit status.
+int runStart(const CommonOptions& common);
+int runRestart(const CommonOptions& common, const StopOptions& options);
+int runStop(const CommonOptions& common, const StopOptions& options);
+int runStatus(const CommonOptions& common, bool asJson);
 
 } // namespace control

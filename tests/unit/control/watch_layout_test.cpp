@@ -128,7 +128,9 @@ TEST_F(WatchLayout, IsWholeAsAPlainReport) {
     for (int number = 1; number <= 50; ++number) {
         const std::string id = std::to_string(number);
         EXPECT_THAT(text, HasSubstr("\n" + id + " "));
-        EXPECT_THAT(text, HasSubstr("detector " + id + " (127.0.0." + id + ") can't be listed"));
+        std::string told = "detector ";
+        told.append(id).append(" (127.0.0.").append(id).append(") can't be listed");
+        EXPECT_THAT(text, HasSubstr(told));
     }
     EXPECT_EQ(text.find('\033'), std::string::npos);
     EXPECT_EQ(text.find(" \n"), std::string::npos);
