@@ -6,12 +6,10 @@
 #include "control/observe/figures.h"
 #include "control/observe/snapshot_source.h"
 #include "control/process.h"
-#include "utilities/descriptors.h"
 
 #include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <optional>
@@ -19,8 +17,6 @@
 #include <thread>
 #include <utility>
 
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace control {
@@ -70,12 +66,7 @@ void endOnSignals() {
 int writeFile(const SnapshotOptions& options, const std::string& path) {
     endOnSignals();
     for (const Look look = observer(options);;) {
-        const std::string text = look().value();
-        const std::string fresh = path + ".new";
-        unlink(fresh.c_str());
-        const Descriptor file(open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
-        if (file.get() < 0 || fchmod(file.get(), 0644) != 0 || !writeAll(file.get(), text) ||
-            std::rename(fresh.c_str(), path.c_str()) != 0) {
+        if (!replaceFile(path, look().value())) {
             complain("cannot write " + path + ": " + std::strerror(errno));
             return failed;
         }

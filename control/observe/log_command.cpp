@@ -166,9 +166,7 @@ private:
 };
 
 int run(const CommonOptions& common, const LogView& view) {
-    const LoadedConfiguration loaded =
-        loadConfiguration(findConfigFile().value_or(configFilePaths().front()),
-                          findDaemon(common.daemonPath).startOptions);
+    const LoadedConfiguration loaded = loadDaemonsConfiguration(common.daemonPath);
     if (!loaded.configuration) {
         complain(loaded.problem);
         return failed;

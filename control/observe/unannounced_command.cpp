@@ -267,9 +267,7 @@ int announceAll(const std::vector<Candidate>& candidates, Targets& targets,
 } // namespace
 
 int runUnannounced(const CommonOptions& common, bool isToAnnounce) {
-    const LoadedConfiguration loaded =
-        loadConfiguration(findConfigFile().value_or(configFilePaths().front()),
-                          findDaemon(common.daemonPath).startOptions);
+    const LoadedConfiguration loaded = loadDaemonsConfiguration(common.daemonPath);
     if (!loaded.configuration) {
         complain(loaded.problem);
         return failed;

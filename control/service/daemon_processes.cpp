@@ -334,6 +334,11 @@ DaemonProcesses findDaemon(const std::string& daemonPath, Search extent) {
     return result;
 }
 
+LoadedConfiguration loadDaemonsConfiguration(const std::string& daemonPath) {
+    return loadConfiguration(findConfigFile().value_or(configFilePaths().front()),
+                             findDaemon(daemonPath).startOptions);
+}
+
 const char* nameOf(DaemonState state) {
     static constexpr const char* names[] = {"running", "seems_to_run", "dead", "not_running",
                                             "unknown"};

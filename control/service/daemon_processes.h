@@ -22,6 +22,7 @@
 // daemon, but never signalled, if all else holds and he has its name.
 #pragma once
 
+#include "control/configuration.h"
 #include "control/control_files.h"
 #include "control/process.h"
 
@@ -135,6 +136,9 @@ enum class Search { ifNoneIsFound, always };
 /// Finds the daemon of this executable. Reads the PID file and /proc; takes up to a quarter of a
 /// second when the PID file is damaged (see readPidFile).
 DaemonProcesses findDaemon(const std::string& daemonPath, Search search = Search::ifNoneIsFound);
+
+/// The configuration as the daemon of this executable has it: with its start options, if it runs.
+LoadedConfiguration loadDaemonsConfiguration(const std::string& daemonPath);
 
 /// The copy processes that a daemon has left behind, named in a PID file or not, ascending.
 std::vector<Process> findOrphans(const EndedDaemon& daemon);
