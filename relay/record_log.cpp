@@ -519,29 +519,25 @@ void RecordLog::removeDeadLetter(const std::string& subscriber, std::int64_t seq
     });
 }
 
-std::int64_t RecordLog::removeOld(std::int64_t upTo, std::int64_t before,
-                                  std::int64_t largestBytes) {
+std::int64_t RecordLog::oldTo(std::int64_t upTo, std::int64_t before, std::int64_t largestBytes) {
     return guarded([&] {
         const std::int64_t pages =
             number(*database, "PRAGMA page_count") - number(*database, "PRAGMA freelist_count");
         const bool isTooLarge = pages * number(*database, "PRAGMA page_size") > largestBytes;
-        std::int64_t newest = 0;
-        {
-            // All that is removed is told by the statement itself.
-            Statement removed = prepared(
-                *database,
-                "DELETE FROM records WHERE seq IN (SELECT seq FROM records WHERE seq <= ? AND "
-                "arrival < ? AND seq NOT IN (SELECT seq FROM dead_letters) ORDER BY seq LIMIT ?) "
-                "RETURNING seq",
-                upTo, isTooLarge ? INT64_MAX : before, removedAtOnce);
-            while (removed.executeStep()) {
-                newest = std::max(newest, removed.getColumn(0).getInt64());
-            }
-        }
-        if (newest > 0) {
-            database->exec("PRAGMA incremental_vacuum(1000)");
-        }
-        return newest;
+        return number(*database,
+                      "SELECT max(seq) FROM (SELECT seq FROM records WHERE seq <= ? AND "
+                      "arrival < ? AND seq NOT IN (SELECT seq FROM dead_letters) "
+                      "ORDER BY seq LIMIT ?)",
+                      upTo, isTooLarge ? INT64_MAX : before, removedAtOnce);
+    });
+}
+
+void RecordLog::removeTo(std::int64_t sequence) {
+    guarded([&] {
+        run(*database,
+            "DELETE FROM records WHERE seq <= ? AND seq NOT IN (SELECT seq FROM dead_letters)",
+            sequence);
+        database->exec("PRAGMA incremental_vacuum(1000)");
     });
 }
 

@@ -126,10 +126,12 @@ public:
     std::int64_t countDeadLetters(const std::string& subscriber);
     void removeDeadLetter(const std::string& subscriber, std::int64_t sequence);
 
-    /// Removes records up to that number that came before that time or, the oldest first, are too
-    /// many for that size: some thousand at a time, none that is a dead letter. Returns the number
-    /// of the last one, 0 if there was none.
-    std::int64_t removeOld(std::int64_t upTo, std::int64_t before, std::int64_t largestBytes);
+    /// The last of the oldest records, some thousand and none behind `upTo`, that came before that
+    /// time or are too many for that size. 0 if there are none, but for dead letters.
+    std::int64_t oldTo(std::int64_t upTo, std::int64_t before, std::int64_t largestBytes);
+
+    /// Removes the records up to that number, but for dead letters.
+    void removeTo(std::int64_t sequence);
 
 private:
     void open();

@@ -90,7 +90,7 @@ public:
             save(*each);
         }
         try {
-            removeOld();
+            subscribers.removeOld(settings.log);
         } catch (const std::runtime_error& error) {
             warn(std::string("old records cannot be removed: ") + error.what());
         }
@@ -114,27 +114,6 @@ private:
             subscription.save();
         } catch (const DatabaseError&) {
             // It is delivered again what it did not want, and is asked again.
-        }
-    }
-
-    void removeOld() {
-        const std::int64_t removableTo = subscribers.removableTo(log.figures().last);
-        const std::int64_t before = now() - settings.log.keepSeconds * billion;
-        std::int64_t removedTo = 0;
-        // Not all at once: between two calls the intake has its turn.
-        for (int calls = 0; calls < 100; ++calls) {
-            const std::int64_t last = log.removeOld(removableTo, before, settings.log.keepBytes);
-            if (last == 0) {
-                break;
-            }
-            removedTo = last;
-        }
-        for (const auto& each : subscribers.all()) {
-            const std::int64_t lost = each->drop(removedTo);
-            if (lost > 0) {
-                warn("subscriber " + each->settings.name + " lags by more than its max_backlog: " +
-                     std::to_string(lost) + " records were removed before it had them");
-            }
         }
     }
 

@@ -11,6 +11,8 @@ namespace relay {
 namespace {
 
 constexpr double nanosecond = 1e-9;
+constexpr std::int64_t billion = 1000000000; // nanoseconds
+constexpr int mostRounds = 100;
 
 /// What the log is told: of one that is configured, the settings stand elsewhere.
 Position positionOf(const SubscriberSettings& settings, std::int64_t acknowledged,
@@ -227,6 +229,32 @@ std::string Subscribers::remove(const std::string& name) {
     return {};
 }
 
+void Subscribers::removeOld(const LogSettings& limits) {
+    const std::int64_t removable = removableTo(log.figures().last);
+    const std::int64_t before = now() - limits.keepSeconds * billion;
+    std::map<Shared, std::int64_t> lost;
+    // Between two rounds the intake has its turn.
+    for (int rounds = 0; rounds < mostRounds; ++rounds) {
+        const std::int64_t upTo = log.oldTo(removable, before, limits.keepBytes);
+        if (upTo == 0) {
+            break;
+        }
+        // First, since a subscriber that finds them gone takes them for records it did not want.
+        for (const Shared& each : all()) {
+            lost[each] += each->drop(upTo);
+        }
+        log.removeTo(upTo);
+    }
+    for (const auto& [each, count] : lost) {
+        if (count > 0) {
+            warn("subscriber " + each->settings.name + " lags by more than its max_backlog: " +
+                 std::to_string(count) + " records were removed before it had them");
+        }
+    }
+}
+
+/// The last record that all have acknowledged, or are not to have because of their max_backlog;
+/// with no subscribers, `last`.
 std::int64_t Subscribers::removableTo(std::int64_t last) const {
     std::int64_t lowest = last;
     for (const Shared& each : all()) {

@@ -111,11 +111,14 @@ public:
     /// letters. What can't be removed is told in one sentence; else it is empty.
     std::string remove(const std::string& name);
 
-    /// The last record that all have acknowledged, or are not to have because of their max_backlog;
-    /// with no subscribers, `last`.
-    std::int64_t removableTo(std::int64_t last) const;
+    /// Removes from the log what is older than it is to keep, or too much, and was acknowledged by
+    /// all. Who has a max_backlog may lose some by that: that is counted and told, before they are
+    /// removed. Not all at once: a next call goes on. Throws DatabaseError.
+    void removeOld(const LogSettings& limits);
 
 private:
+    std::int64_t removableTo(std::int64_t last) const;
+
     RecordLog& log;
     mutable std::mutex mutex; // guards the rest
     std::map<std::string, Shared> byName;

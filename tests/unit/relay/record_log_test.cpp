@@ -42,6 +42,13 @@ protected:
         add(records);
     }
 
+    /// What a round of the removal does. Returns the last number of what is gone, 0 if nothing is.
+    std::int64_t removeOld(std::int64_t upTo, std::int64_t before, std::int64_t largestBytes) {
+        const std::int64_t last = log->oldTo(upTo, before, largestBytes);
+        log->removeTo(last);
+        return last;
+    }
+
     void reopen() {
         log.reset();
         log.emplace(scratch.path("log"));
@@ -129,7 +136,7 @@ TEST_F(RecordLogTest, FindsWhereToStart) {
         EXPECT_EQ(log->positionOf({Start::Where::time, time * second}), time - 1) << time;
     }
     EXPECT_EQ(log->positionOf({Start::Where::time, 1000 * second}), 100);
-    log->removeOld(40, 1000 * second, INT64_MAX);
+    log->removeTo(40);
     EXPECT_EQ(log->positionOf({Start::Where::oldest, 0}), 40);
     EXPECT_EQ(log->positionOf({Start::Where::time, 1}), 40);
     EXPECT_EQ(log->positionOf({Start::Where::time, 60 * second}), 59);
@@ -138,16 +145,16 @@ TEST_F(RecordLogTest, FindsWhereToStart) {
 TEST_F(RecordLogTest, RemovesWhatIsOldButNoDeadLetter) {
     fill(10);
     log->addDeadLetter("s", {2, 5, 0, "why", {}});
-    EXPECT_EQ(log->removeOld(4, 1000 * second, INT64_MAX), 4);
+    EXPECT_EQ(removeOld(4, 1000 * second, INT64_MAX), 4);
     EXPECT_FALSE(log->record(4));
-    EXPECT_EQ(log->removeOld(10, 7 * second, INT64_MAX), 6) << "by age";
-    EXPECT_EQ(log->removeOld(10, 0, INT64_MAX), 0);
-    EXPECT_EQ(log->removeOld(9, 0, 1), 9) << "by size";
+    EXPECT_EQ(removeOld(10, 7 * second, INT64_MAX), 6) << "by age";
+    EXPECT_EQ(removeOld(10, 0, INT64_MAX), 0);
+    EXPECT_EQ(removeOld(9, 0, 1), 9) << "by size";
     EXPECT_EQ(log->figures().last, 10);
     EXPECT_TRUE(log->record(2));
     EXPECT_EQ(log->deadLetters("s").front().path, "/d/./f2");
     log->removeDeadLetter("s", 2);
-    EXPECT_EQ(log->removeOld(10, 1000 * second, INT64_MAX), 10);
+    EXPECT_EQ(removeOld(10, 1000 * second, INT64_MAX), 10);
     EXPECT_EQ(log->figures().first, 0);
     reopen();
     EXPECT_THAT(add({fileNamed("/d/./new", 1)}), ElementsAre(11)) << "no number twice";
