@@ -14,6 +14,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <fstream>
+#include <iterator>
 #include <string>
 #include <thread>
 #include <vector>
@@ -82,7 +84,7 @@ Span intake(const std::string& folder, const std::string& pipe,
     relay::PipeSettings settings;
     settings.path = pipe;
     relay::RecordLog log(folder + "/log");
-    const relay::Targets targets("/dev/null");
+    const relay::Targets targets(folder + "/conf");
     relay::Intake intake(settings, -1, log, targets);
     const Stopwatch watch;
     std::thread writer = startWriter(pipe, lines);
@@ -95,22 +97,45 @@ Span intake(const std::string& folder, const std::string& pipe,
     return seconds;
 }
 
+/// What the log holds now.
+std::vector<relay::Record> logged(const std::string& folder) {
+    relay::RecordLog log(folder + "/log");
+    std::vector<relay::Record> records;
+    for (std::int64_t after = 0;;) {
+        relay::Page page = log.read(after, {}, SIZE_MAX);
+        if (page.seenTo == after) {
+            return records;
+        }
+        after = page.seenTo;
+        std::move(page.records.begin(), page.records.end(), std::back_inserter(records));
+    }
+}
+
 /// The same records in as many transactions, into the same columns, and nothing else.
-Span bareInsert(const std::string& folder, const std::vector<std::string>& lines,
+Span bareInsert(const std::string& folder, const std::vector<relay::Record>& records,
                 std::int64_t batches) {
     SQLite::Database database(folder + "/bare.db", SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE);
     database.exec("PRAGMA journal_mode = WAL; PRAGMA synchronous = FULL;"
                   "CREATE TABLE records(seq INTEGER PRIMARY KEY, kind, path BLOB, detector,"
                   " size, mtime, inode, type, way, arrival, repeats);"
                   "CREATE UNIQUE INDEX records_by_file ON records(path, inode, mtime, size)");
-    SQLite::Statement insert(database, "INSERT INTO records VALUES (?,0,?,'1',1,1,1,1,1,1,0)");
+    SQLite::Statement insert(database, "INSERT INTO records VALUES (?,?,?,?,?,?,?,?,?,?,0)");
     const Stopwatch watch;
-    const std::size_t size = lines.size() / static_cast<std::size_t>(batches) + 1;
-    for (std::size_t first = 0; first < lines.size(); first += size) {
+    const std::size_t size = records.size() / static_cast<std::size_t>(batches) + 1;
+    for (std::size_t first = 0; first < records.size(); first += size) {
         SQLite::Transaction transaction(database);
-        for (std::size_t n = first; n < std::min(first + size, lines.size()); ++n) {
-            insert.bind(1, static_cast<std::int64_t>(n + 1));
-            insert.bindNoCopy(2, lines[n].data(), static_cast<int>(lines[n].size()));
+        for (std::size_t n = first; n < std::min(first + size, records.size()); ++n) {
+            const relay::Record& each = records[n];
+            insert.bind(1, each.sequence);
+            insert.bind(2, static_cast<int>(each.kind));
+            insert.bindNoCopy(3, each.path.data(), static_cast<int>(each.path.size()));
+            insert.bindNoCopy(4, each.detector);
+            insert.bind(5, each.identity->size);
+            insert.bind(6, each.identity->mtime);
+            insert.bind(7, static_cast<std::int64_t>(each.identity->inode));
+            insert.bind(8, static_cast<int>(each.type));
+            insert.bind(9, static_cast<int>(each.way));
+            insert.bind(10, each.arrival);
             insert.exec();
             insert.reset();
         }
@@ -139,12 +164,14 @@ int main(int argc, char** argv) {
         lines.push_back(target + name + "\n");
         bytes += lines.back().size();
     }
+    std::ofstream(folder + "/conf")
+        << "detectorID 1\nremoteIP 127.0.0.1\nsource /\ntarget " << target << "\n";
     const std::string pipe = folder + "/pipe";
     ::mkfifo(pipe.c_str(), 0600);
     const Span reading = bareReader(pipe, lines, bytes);
     std::int64_t batches = 0;
     const Span taking = intake(folder, pipe, lines, bytes, batches);
-    const Span inserting = bareInsert(folder, lines, batches);
+    const Span inserting = bareInsert(folder, logged(folder), batches);
     std::printf("{\"lines\":%lu,\"batches\":%ld,\"bare_reader\":%.3f,\"intake\":%.3f,"
                 "\"bare_insert\":%.3f,\"intake_processor\":%.3f,\"bare_insert_processor\":%.3f,"
                 "\"records_per_second\":%.0f,\"ratio\":%.3f,\"processor_ratio\":%.3f}\n",
