@@ -46,11 +46,17 @@ void rest(int milliseconds) {
 } // namespace
 
 std::string pipeIdentity(int descriptor) {
-    struct stat status {};
-    ::fstat(descriptor, &status);
+    // An inode's number is used again soon; together with the time of its birth it is not, where
+    // the file system knows that time.
+    struct statx status {};
+    ::statx(descriptor, "", AT_EMPTY_PATH, STATX_INO | STATX_BTIME, &status);
     std::string boot = confirming::readTextFile("/proc/sys/kernel/random/boot_id").value_or("");
     boot.erase(std::remove(boot.begin(), boot.end(), '\n'), boot.end());
-    return std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino) + ":" + boot;
+    const auto joined = [](std::int64_t one, std::int64_t other) {
+        return std::to_string(one) + '.' + std::to_string(other) + ':';
+    };
+    return joined(status.stx_dev_major, status.stx_dev_minor) + std::to_string(status.stx_ino) +
+           ':' + joined(status.stx_btime.tv_sec, status.stx_btime.tv_nsec) + boot;
 }
 
 std::uint64_t digestOf(std::string_view bytes) {
