@@ -501,12 +501,19 @@ public:
 
 private:
     void bind(const std::string& host, int port, const std::string& place) {
-        if (!server.bind_to_port(host, port)) {
+        server.set_socket_options([this](int made) {
+            httplib::default_socket_options(made);
+            socket = made;
+        });
+        // The library lets five wait to be accepted; who has a time limit and comes then is
+        // refused.
+        if (!server.bind_to_port(host, port) || ::listen(socket, SOMAXCONN) != 0) {
             throw std::runtime_error("cannot listen at " + place + ": " + systemError(errno));
         }
     }
 
     httplib::Server server;
+    int socket = -1; // the server's own
     std::thread thread;
 };
 

@@ -5,6 +5,7 @@ from __future__ import annotations
 import http.client
 import json
 import os
+import signal
 import socket
 import subprocess
 import threading
@@ -205,6 +206,19 @@ def test_rubbish_on_the_socket_harms_nobody(relay: Relay) -> None:
     assert relay.answers()
     for client in idle:
         client.close()
+
+
+def test_many_clients_may_come_at_the_same_instant(relay: Relay) -> None:
+    assert relay.process is not None
+    relay.process.send_signal(signal.SIGSTOP)
+    clients = [socket.socket(socket.AF_UNIX) for _ in range(100)]
+    for client in clients:
+        client.setblocking(False)  # as one with a time limit has it: refused, it does not wait
+        client.connect(SOCKET)
+    relay.process.send_signal(signal.SIGCONT)
+    for client in clients:
+        client.close()
+    assert relay.answers()
 
 
 def test_only_root_and_the_group_may_connect() -> None:
