@@ -454,12 +454,19 @@ public:
             }
         });
         server.set_pre_routing_handler([token](const Request& request, Response& response) {
-            if (token.empty() ||
-                isSameToken(request.get_header_value("Authorization"), "Bearer " + token)) {
-                return httplib::Server::HandlerResponse::Unhandled;
+            const bool isKnown =
+                token.empty() ||
+                isSameToken(request.get_header_value("Authorization"), "Bearer " + token);
+            if (!isKnown) {
+                answerError(response, 401, "this address wants a token");
+                return httplib::Server::HandlerResponse::Handled;
             }
-            answerError(response, 401, "this address wants a token");
-            return httplib::Server::HandlerResponse::Handled;
+            // Any page that somebody looks at on this host could make his browser ask for it.
+            if (request.method != "GET" && request.has_header("Origin")) {
+                answerError(response, 403, "a page in a browser may change nothing");
+                return httplib::Server::HandlerResponse::Handled;
+            }
+            return httplib::Server::HandlerResponse::Unhandled;
         });
         service.addRoutes(server);
     }

@@ -244,6 +244,23 @@ def test_a_port_wants_its_token() -> None:
             skarn_relay.Relay("127.0.0.1:9752", token=token).status()
 
 
+def test_a_page_in_a_browser_may_change_nothing() -> None:
+    relay = Relay('[http]\nlisten = "127.0.0.1:9752"\n')
+    relay.start()
+    relay.client.subscribe("me")
+    for method, path, status in (
+        ("GET", "/v1/status", 200),
+        ("POST", "/v1/subscribers/me/reset?start=now", 403),
+        ("PUT", "/v1/subscribers/other", 403),
+        ("DELETE", "/v1/subscribers/me", 403),
+    ):
+        connection = http.client.HTTPConnection("127.0.0.1", 9752, timeout=10)
+        connection.request(method, path, headers={"Origin": "http://elsewhere.example"})
+        assert connection.getresponse().status == status, method
+        connection.close()
+    assert [each["name"] for each in relay.status()["subscribers"]] == ["me"]
+
+
 def test_too_many_that_wait_are_refused_and_the_others_answered(relay: Relay) -> None:
     relay.client.subscribe("me")
     refused: list[skarn_relay.RelayError] = []
