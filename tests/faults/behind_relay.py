@@ -253,7 +253,7 @@ class BehindRelay:
         messages = self.relay.messages()
         for sign in ("Sanitizer", "runtime error:", "another program reads the pipe"):
             if sign in messages:
-                self._complain(messages[max(0, messages.index(sign) - 200) :][:1500])
+                self._complain(messages[max(0, messages.index(sign) - 200) :][:6000])
 
     def _retry_dead_letters(self) -> int:
         """Has the command subscriber's dead letters delivered; returns how many there were."""
