@@ -37,9 +37,14 @@ formatting() {
 # It reads each file as clang++ does, and says what clang++ warns of, so that no build is needed.
 tidy() {
     cmake --preset clang >/dev/null || return
+    # A file that is part of several programs is read once.
+    mkdir -p build/tidy
+    /usr/bin/python3 -c 'import json, sys
+print(json.dumps(list({each["file"]: each for each in json.load(sys.stdin)}.values())))' \
+        <build/clang/compile_commands.json >build/tidy/compile_commands.json
     # Its output is mostly the names of the files and the numbers of what it left out.
     local report status=0
-    report=$(run-clang-tidy -quiet -j "$(nproc)" -p build/clang 2>&1) || status=$?
+    report=$(run-clang-tidy -quiet -j "$(nproc)" -p build/tidy 2>&1) || status=$?
     if [ "$status" -ne 0 ]; then
         sed -E -e 's/\x1b\[[0-9;]*m//g' -e '/^clang-tidy|^[0-9]+ warnings?|^Suppressed |^Use -/d' <<<"$report"
     fi
