@@ -2,6 +2,7 @@
 // own.
 #include "relay/delivery.h"
 
+#include "relay/broker_delivery.h"
 #include "relay/command_delivery.h"
 #include "relay/pipe_delivery.h"
 
@@ -59,6 +60,14 @@ public:
         noted = Clock::now();
     }
 
+    /// The same before all ends, or begins anew. What can't be noted comes again.
+    void acknowledgeLast() {
+        try {
+            acknowledge(0ms);
+        } catch (const std::runtime_error&) { // told when it happens next
+        }
+    }
+
     /// What was handed over and has not arrived is handed over again.
     void forget() { generation = -1; }
 
@@ -90,39 +99,50 @@ std::unique_ptr<Delivery> makeDelivery(RecordLog& log, const std::shared_ptr<Sub
         return std::make_unique<PipeDelivery>(to);
     case SubscriberType::command:
         return std::make_unique<CommandDelivery>(log, to);
-    case SubscriberType::http:
-        break;
+#ifdef SKARN_RELAY_AMQP
+    case SubscriberType::amqp:
+        return makeAmqpDelivery(to);
+#endif
+#ifdef SKARN_RELAY_KAFKA
+    case SubscriberType::kafka:
+        return makeKafkaDelivery(to);
+#endif
+    default:
+        return nullptr;
     }
-    return nullptr;
 }
 
 void deliver(RecordLog& log, Subscription& subscription, Delivery& delivery,
              const std::atomic<bool>& isEnding) {
     Course course(log, subscription, delivery);
-    bool isFailing = false;
+    std::string told; // the problem that is being told; empty if there is none
     while (!isEnding) {
+        std::chrono::milliseconds pause = failurePause;
         try {
             course.turn();
-            if (isFailing) {
+            const std::string problem = delivery.problem();
+            if (problem.empty() && !told.empty()) {
                 subscription.clearFailure();
+            } else if (problem != told) {
+                subscription.countFailure(problem);
             }
-            isFailing = false;
+            told = problem;
             continue;
-        } catch (const DatabaseError& error) {
-            subscription.countFailure(
-                error.what()); // the log's: nothing is wrong with the delivery
+        } catch (const DatabaseError& error) { // the log's: nothing is wrong with the delivery
+            told = error.what();
         } catch (const std::runtime_error& error) {
-            subscription.countFailure(error.what());
+            told = error.what();
+            pause = delivery.failed(told);
+            course.acknowledgeLast();
             course.forget();
         }
-        isFailing = true;
-        std::this_thread::sleep_for(failurePause);
+        subscription.countFailure(told);
+        const auto end = Clock::now() + pause;
+        while (!isEnding && Clock::now() < end) {
+            std::this_thread::sleep_for(roomPause);
+        }
     }
-    try {
-        course.acknowledge(0ms);
-    } catch (const std::runtime_error&) {
-        // What has arrived since the last time comes again.
-    }
+    course.acknowledgeLast();
 }
 
 } // namespace relay

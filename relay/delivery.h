@@ -14,12 +14,13 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <string>
 #include <vector>
 
 namespace relay {
 
 /// One subscriber's way of getting records. Used by one thread. What throws std::runtime_error is
-/// told, and a second later everything begins anew behind what was acknowledged.
+/// told, and a while later everything begins anew behind what was acknowledged.
 class Delivery {
 public:
     Delivery() = default;
@@ -46,6 +47,14 @@ public:
 
     /// Waits for so long at most until send may have room again.
     virtual void waitForRoom(std::chrono::milliseconds limit) = 0;
+
+    /// Why nothing arrives for now although nothing has just failed, in a sentence; else empty.
+    virtual std::string problem() const { return {}; }
+
+    /// It threw this. Returns how long to wait before everything begins anew.
+    virtual std::chrono::milliseconds failed(const std::string& /*why*/) {
+        return std::chrono::seconds(1);
+    }
 };
 
 /// The delivery for that subscriber; nothing for one that fetches its records itself.

@@ -6,8 +6,10 @@
 #include "shares/files.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <charconv>
+#include <climits>
 #include <cstddef>
 #include <functional>
 #include <map>
@@ -17,6 +19,7 @@
 #include <grp.h>
 #include <pwd.h>
 #include <toml++/toml.h>
+#include <unistd.h>
 
 namespace relay {
 
@@ -38,7 +41,26 @@ const std::map<std::string_view, CommandSettings::Input> inputs = {
 
 const std::map<std::string_view, SubscriberType> types = {{"http", SubscriberType::http},
                                                           {"pipe", SubscriberType::pipe},
-                                                          {"command", SubscriberType::command}};
+                                                          {"command", SubscriberType::command},
+                                                          {"amqp", SubscriberType::amqp},
+                                                          {"kafka", SubscriberType::kafka}};
+constexpr const char* typeRule = "must be \"http\", \"pipe\", \"command\", \"amqp\" or \"kafka\"";
+
+/// Message brokers can be left out when skarn-relay is built.
+constexpr bool isBuiltIn(SubscriberType type) {
+#ifndef SKARN_RELAY_AMQP
+    if (type == SubscriberType::amqp) {
+        return false;
+    }
+#endif
+#ifndef SKARN_RELAY_KAFKA
+    if (type == SubscriberType::kafka) {
+        return false;
+    }
+#endif
+    static_cast<void>(type);
+    return true;
+}
 
 template<class Place>
 std::uint32_t lineOf(const Place& place) {
@@ -160,6 +182,50 @@ Reader texts(std::vector<std::string>& value) {
         }
         return "";
     };
+}
+
+Reader flag(bool& value) {
+    return [&value](const toml::node& node) {
+        value = node.value_or(value);
+        return node.is_boolean() ? "" : "must be true or false";
+    };
+}
+
+Reader options(BrokerSettings& broker) {
+    return [&broker](const toml::node& node) -> std::string {
+        const toml::table* const table = node.as_table();
+        if (table == nullptr || (!table->empty() && !table->is_homogeneous<std::string>())) {
+            return "must be a table of texts";
+        }
+        for (const auto& [key, each] : *table) {
+            broker.options[std::string(key.str())] = each.value_or(std::string());
+        }
+#ifdef SKARN_RELAY_KAFKA
+        return mistakeForKafka(broker);
+#else
+        return {};
+#endif
+    };
+}
+
+bool isMessageKey(const std::string& key) {
+    return filledKey(key, {{"detector", ""}, {"host", ""}, {"kind", ""}, {"run", ""}})
+               .find_first_of("{}") == std::string::npos;
+}
+
+bool isBrokerUrl(const std::string& url) {
+    return (url.rfind("amqp://", 0) == 0 || url.rfind("amqps://", 0) == 0) &&
+           url.find('@') == std::string::npos;
+}
+
+bool isGiven(const std::string& name) {
+    return !name.empty();
+}
+
+std::string nameOfThisHost() {
+    std::array<char, HOST_NAME_MAX + 1> name{};
+    ::gethostname(name.data(), name.size() - 1);
+    return name.data();
 }
 
 Reader kinds(std::vector<Kind>& value) {
@@ -293,13 +359,15 @@ private:
         SubscriberSettings subscriber;
         CommandSettings& command = subscriber.command;
         const toml::node* const typeNode = table.get("type");
-        const Reader type =
-            oneOf(types, subscriber.type, "must be \"http\", \"pipe\" or \"command\"");
-        check(&table, typeNode != nullptr,
-              "\"type\" must be given: \"http\", \"pipe\" or \"command\"");
+        const Reader type = oneOf(types, subscriber.type, typeRule);
+        check(&table, typeNode != nullptr, std::string("\"type\" ") + typeRule);
         if (typeNode != nullptr) {
             type(*typeNode);
         }
+        check(typeNode, isBuiltIn(subscriber.type),
+              std::string("this skarn-relay was built without \"")
+                  .append(nameOf(subscriber.type))
+                  .append("\""));
         Keys keys = {{"name", text(subscriber.name, isSubscriberName, nameRule)},
                      {"type", type},
                      {"detectors", texts(subscriber.filter.detectors)},
@@ -326,6 +394,37 @@ private:
                          {"back_off_limit", seconds(command.backOffLimit)},
                          {"user", user(command.user)}});
         }
+        BrokerSettings& broker = subscriber.broker;
+        const bool isAmqp = subscriber.type == SubscriberType::amqp;
+        const bool isKafka = subscriber.type == SubscriberType::kafka;
+        if (isAmqp || isKafka) {
+            broker.host = nameOfThisHost();
+            keys.insert(
+                {{"host", text(broker.host, isSubscriberName, nameRule)},
+                 {"key", text(broker.key, isMessageKey,
+                              "may have {detector}, {run}, {kind} and {host}, no other braces")},
+                 {"password_file", path(broker.passwordFile)},
+                 {"back_off", seconds(broker.backOff)},
+                 {"back_off_limit", seconds(broker.backOffLimit)}});
+        }
+        if (isAmqp) {
+            keys.insert({{"broker",
+                          text(broker.broker, isBrokerUrl,
+                               "must be a URL such as \"amqps://HOST/VHOST\", without a password")},
+                         {"exchange", text(broker.exchange, isGiven, "must not be empty")},
+                         {"queue", text(broker.queue, isGiven, "must not be empty")},
+                         {"declare", flag(broker.declare)},
+                         {"user", text(broker.user, isGiven, "must not be empty")},
+                         {"ca_file", path(broker.caFile)},
+                         {"certificate", path(broker.certificate)},
+                         {"private_key", path(broker.privateKey)},
+                         {"heartbeat", number(broker.heartbeat, 1, 3600)}});
+        }
+        if (isKafka) {
+            keys.insert({{"broker", text(broker.broker, isGiven, "must not be empty")},
+                         {"topic", text(broker.topic, isGiven, "must not be empty")},
+                         {"options", options(broker)}});
+        }
         readTable(table, keys, " in [[subscriber]]");
         checkSubscriber(table, subscriber);
         settings.subscribers.push_back(std::move(subscriber));
@@ -349,6 +448,12 @@ private:
                   !words.empty() && words.front().rfind('/', 0) == 0,
                   "\"command\" must be a list that begins with the program's absolute path");
         }
+        const bool isAmqp = subscriber.type == SubscriberType::amqp;
+        const bool isKafka = subscriber.type == SubscriberType::kafka;
+        check(&table, !(isAmqp || isKafka) || table.contains("broker"), "\"broker\" must be given");
+        check(&table, !isAmqp || table.contains("exchange") != table.contains("queue"),
+              "either an \"exchange\" or a \"queue\" must be given");
+        check(&table, !isKafka || table.contains("topic"), "\"topic\" must be given");
     }
 
     static constexpr const char* nameRule =
@@ -366,6 +471,16 @@ std::string_view nameOf(SubscriberType type) {
     const auto found = std::find_if(types.begin(), types.end(),
                                     [type](const auto& each) { return each.second == type; });
     return found->first;
+}
+
+std::string filledKey(std::string key, const std::map<std::string, std::string>& values) {
+    for (const auto& [name, value] : values) {
+        const std::string place = "{" + name + "}";
+        for (std::size_t at = 0; (at = key.find(place, at)) != std::string::npos;) {
+            key.replace(at, place.size(), value.empty() ? "-" : value);
+        }
+    }
+    return key;
 }
 
 bool isSubscriberName(const std::string& name) {

@@ -5,6 +5,7 @@
 #include "relay/filter.h"
 
 #include <cstdint>
+#include <map>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -50,7 +51,27 @@ struct CommandSettings {
     std::string user; // empty: the relay's own
 };
 
-enum class SubscriberType { http, pipe, command };
+/// A message broker, and what it gets.
+struct BrokerSettings {
+    std::string broker;   // a URL for AMQP, HOST:PORT,... for Kafka
+    std::string exchange; // for AMQP: this or a queue
+    std::string queue;
+    bool declare = true; // make it, or make sure that it is durable
+    std::string topic;   // for Kafka
+    std::string key = "{detector}";
+    std::string host;           // this one's name in the messages' IDs
+    std::string user = "guest"; // for AMQP
+    std::string passwordFile;   // empty: "guest" for AMQP, none for Kafka
+    std::string caFile = "/etc/ssl/certs/ca-certificates.crt";
+    std::string certificate; // of ours, for a broker that asks for one
+    std::string privateKey;
+    std::int64_t heartbeat = 10; // seconds
+    std::int64_t backOff = 1;    // seconds before the second attempt, doubled before each one
+    std::int64_t backOffLimit = 60;
+    std::map<std::string, std::string> options; // of Kafka's library
+};
+
+enum class SubscriberType { http, pipe, command, amqp, kafka };
 
 struct SubscriberSettings {
     std::string name;
@@ -63,6 +84,7 @@ struct SubscriberSettings {
     mode_t pipeMode = 0600;
     std::string pipeOwner; // a user's name; empty: the relay's own
     CommandSettings command;
+    BrokerSettings broker;
 };
 
 struct Settings {
@@ -74,6 +96,14 @@ struct Settings {
 };
 
 std::string_view nameOf(SubscriberType type);
+
+/// The key of a message: what stands for {NAME}; "-" for what is empty.
+std::string filledKey(std::string key, const std::map<std::string, std::string>& values);
+
+#ifdef SKARN_RELAY_KAFKA
+/// What its library has against the options; empty if nothing.
+std::string mistakeForKafka(const BrokerSettings& settings);
+#endif
 
 /// True if it can name a subscriber: letters, digits and ._- ; 1 to 64 of them, no dot in front.
 bool isSubscriberName(const std::string& name);

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that a purpose needs and that are missing: the one place that knows them.
 #
-#   install-packages.sh PURPOSE...      PURPOSE: build, control, relay, demo, tests, soak, bench, races, coverage,
+#   install-packages.sh PURPOSE...      PURPOSE: build, control, relay, demo, tests, brokers, soak, bench, races, coverage,
 #                                               packages, package-tree, bare-tree, checks, fuzz
 #
 # Says what it is going to install before it does. Does nothing, and needs no rights, when all is there.
@@ -12,11 +12,13 @@ build=(cmake g++ ninja-build)
 # What skarnctl is built with, beside these.
 control=(libcli11-dev libncurses-dev libsystemd-dev nlohmann-json3-dev)
 # What skarn-relay is built with.
-relay=(libcli11-dev libcpp-httplib-dev libsqlite3-dev libsqlitecpp-dev libsystemd-dev libtomlplusplus-dev nlohmann-json3-dev pkgconf)
+relay=(libcli11-dev libcpp-httplib-dev librabbitmq-dev librdkafka-dev libsqlite3-dev libsqlitecpp-dev libssl-dev libsystemd-dev libtomlplusplus-dev nlohmann-json3-dev pkgconf)
 # The sandbox (mount, unshare, ip), the other end of the transfers, and what drives them.
 demo=("${build[@]}" iproute2 mount python3 rsync util-linux)
 # Of prometheus only promtool is wanted, which checks metrics and alerts; no smaller package has it.
 tests=("${demo[@]}" "${control[@]}" "${relay[@]}" bash-completion btrfs-progs curl e2fsprogs git gnuplot-nox libgmock-dev libgtest-dev prometheus python3-jsonschema python3-pytest strace tmux xfsprogs)
+# What skarn-relay can deliver to, and receivers of it. The server brings an Erlang with it.
+brokers=("${tests[@]}" openssl python3-confluent-kafka python3-pika rabbitmq-server)
 soak=("${demo[@]}" gnuplot-nox)
 bench=("${demo[@]}" "${relay[@]}" e2fsprogs gnuplot-nox libbenchmark-dev parallel strace xfsprogs)
 races=("${tests[@]}" valgrind)
@@ -30,7 +32,7 @@ checks=("${tests[@]}" clang clang-format clang-tidy git libbenchmark-dev libclan
 fuzz=("${build[@]}" clang git libclang-rt-dev libtomlplusplus-dev)
 
 usage() {
-    printf 'usage: install-packages.sh PURPOSE...   (build, control, relay, demo, tests, soak, bench, races, coverage, packages, package-tree, bare-tree, checks, fuzz)\n' >&2
+    printf 'usage: install-packages.sh PURPOSE...   (build, control, relay, demo, tests, brokers, soak, bench, races, coverage, packages, package-tree, bare-tree, checks, fuzz)\n' >&2
     exit 2
 }
 
@@ -43,6 +45,7 @@ for purpose in "$@"; do
         relay) wanted+=("${demo[@]}" "${relay[@]}") ;;
         demo) wanted+=("${demo[@]}") ;;
         tests) wanted+=("${tests[@]}") ;;
+        brokers) wanted+=("${brokers[@]}") ;;
         soak) wanted+=("${soak[@]}") ;;
         bench) wanted+=("${bench[@]}") ;;
         races) wanted+=("${races[@]}") ;;
@@ -78,10 +81,12 @@ if [ "$(id -u)" -ne 0 ]; then
 fi
 printf 'Installing with apt-get what is missing (this takes a while): %s\n' "${missing[*]}"
 export DEBIAN_FRONTEND=noninteractive
-if [[ " ${missing[*]} " == *" prometheus "* ]] && [ -d /run/systemd/system ]; then
-    printf 'Masking prometheus.service, so that the package does not start a server that nobody asked for.\n'
-    systemctl mask --quiet prometheus.service
-fi
+for server in prometheus rabbitmq-server; do
+    if [[ " ${missing[*]} " == *" $server "* ]] && [ -d /run/systemd/system ]; then
+        printf 'Masking %s.service, so that the package does not start a server that nobody asked for.\n' "$server"
+        systemctl mask --quiet "$server.service"
+    fi
+done
 # What it has to say is long and interests nobody unless it fails.
 output=$(mktemp)
 trap 'rm -f "$output"' EXIT

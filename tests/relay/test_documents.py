@@ -104,7 +104,7 @@ def test_the_example_is_right_with_and_without_its_comments() -> None:
         text = text.replace(name, there)
     CONFIGURATION.write_text(text, encoding="utf-8")
     done = Relay().command("check", str(CONFIGURATION))
-    assert (done.returncode, done.stdout) == (0, "no mistakes; 3 subscribers\n"), done.stderr
+    assert (done.returncode, done.stdout) == (0, "no mistakes; 5 subscribers\n"), done.stderr
 
 
 def test_the_page_s_way_with_curl_works() -> None:
