@@ -8,11 +8,15 @@
 #include "utilities/descriptors.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
+#include <cmath>
 #include <exception>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -26,6 +30,12 @@ namespace {
 
 constexpr int failed = 1;
 constexpr int badUsage = 2;
+// Of a run that was waited for.
+constexpr int incomplete = 3;
+constexpr int timeIsUp = 4;
+constexpr int untold = 5;       // it has ended, and nothing tells whether it is complete
+constexpr int longestWait = 60; // seconds that one request may take
+constexpr auto pause = std::chrono::milliseconds(500);
 constexpr int longestAnswer = 90; // seconds: some wait for a minute
 
 /// The relay's own sentence on what it refuses.
@@ -43,7 +53,11 @@ public:
     explicit CommandLine(std::function<void()> hook) : afterCommit(std::move(hook)) {
         app.set_version_flag("--version", std::string("skarn-relay ") + Daemon::version);
         app.require_subcommand(1);
-        add(app, "run", "Take records in and deliver them")->callback([this] {
+        CLI::App* const run = add(app, "run", "Take records in and deliver them");
+        run->callback([this, run] {
+            if (!run->get_subcommands().empty()) {
+                return;
+            }
             const auto settings = readSettings();
             exitStatus = settings ? runRelay(*settings, afterCommit) : badUsage;
         });
@@ -51,6 +65,7 @@ public:
         addRecords();
         addSubscribers();
         addDeadLetters();
+        addRuns(*run);
         addCheck();
     }
 
@@ -174,6 +189,93 @@ private:
         });
     }
 
+    CLI::App* addOfRun(CLI::App& to, const char* command, const char* what) {
+        CLI::App* const added = add(to, command, what);
+        added->add_option("RUN", name, "The run's name")->required();
+        return added;
+    }
+
+    void addTimeout(CLI::App& command) {
+        command.add_option("--timeout", timeout, "Wait for so many seconds at most")
+            ->check(CLI::NonNegativeNumber);
+    }
+
+    void addRuns(CLI::App& run) {
+        CLI::App* const end = addOfRun(run, "end", "Say that a run has ended");
+        CLI::App* const wait =
+            addOfRun(app, "wait", "Wait until a run has ended, or has what is expected of it");
+        CLI::App* const manifest =
+            addOfRun(app, "manifest", "Print a line of JSON for each file of a run");
+        CLI::App* const list = add(app, "runs", "List the latest runs, or show one as JSON");
+        for (CLI::App* const each : {end, wait}) {
+            addToQuery(*each, "--expect", "expect", "It should have so many files");
+        }
+        addTimeout(*wait);
+        addTimeout(*manifest);
+        list->add_option("RUN", name, "The run's name");
+        list->add_flag("--json", isJson, "The list as JSON, a line for each");
+        end->callback([this] {
+            query.emplace("name", name);
+            tell("POST", "runs/end");
+        });
+        list->callback([this] {
+            query.emplace(name.empty() ? "format" : "name", !name.empty() ? name
+                                                            : isJson      ? "json"
+                                                                          : "text");
+            tell("GET", "runs");
+        });
+        wait->callback([this] { awaitRun(); });
+        manifest->callback([this] { awaitManifest(); });
+    }
+
+    /// Asks again and again until `isAnswer` says that this is one, or the time is up.
+    template<class IsAnswer>
+    httplib::Response askUntil(const std::string& path, IsAnswer isAnswer) {
+        using Clock = std::chrono::steady_clock;
+        const Clock::time_point begin = Clock::now();
+        query.emplace("name", name);
+        for (;;) {
+            const std::chrono::duration<double> passed = Clock::now() - begin;
+            const double left = timeout.value_or(passed.count() + longestWait) - passed.count();
+            query.erase("wait");
+            query.emplace("wait", std::to_string(std::clamp(static_cast<int>(std::ceil(left)), 0,
+                                                            longestWait)));
+            httplib::Response answer = ask("GET", path);
+            if (answer.status <= 0 || isAnswer(answer) || left <= 0) {
+                return answer;
+            }
+            if (answer.status != 200) {
+                std::this_thread::sleep_for(pause);
+            }
+        }
+    }
+
+    void awaitRun() {
+        Json run;
+        bool isDone = false;
+        const httplib::Response answer = askUntil("runs", [&](const httplib::Response& answered) {
+            run = Json::parse(answered.body, nullptr, false);
+            isDone = answered.status == 200 && run.is_object() &&
+                     (run["state"] == "ended" || run["complete"] == true);
+            return isDone || (answered.status != 200 && answered.status != 404);
+        });
+        print(answer);
+        if (answer.status == 200 || answer.status == 404) {
+            exitStatus = !isDone                     ? timeIsUp
+                         : run["complete"].is_null() ? untold
+                         : run["complete"] == true   ? exitStatus
+                                                     : incomplete;
+        }
+    }
+
+    void awaitManifest() {
+        const httplib::Response answer =
+            askUntil("runs/manifest",
+                     [](const httplib::Response& answered) { return answered.status != 503; });
+        print(answer);
+        exitStatus = answer.status == 503 ? timeIsUp : exitStatus;
+    }
+
     void addCheck() {
         CLI::App* const command =
             app.add_subcommand("check", "Name every mistake in a configuration file");
@@ -207,6 +309,22 @@ private:
     /// Asks the relay that runs, and prints its answer or what is wrong. The path is one behind
     /// "/v1/".
     httplib::Response tell(const std::string& method, const std::string& path) {
+        const httplib::Response answer = ask(method, path);
+        print(answer);
+        return answer;
+    }
+
+    void print(const httplib::Response& answer) {
+        if (answer.status >= 300) {
+            warn(problemIn(answer));
+        } else if (answer.status > 0 && writeAll(STDOUT_FILENO, answer.body)) {
+            exitStatus = 0;
+        }
+    }
+
+    /// Asks the relay that runs. Without an answer, which is told, the status is none of HTTP's;
+    /// that for exit is one of failure until the answer is printed.
+    httplib::Response ask(const std::string& method, const std::string& path) {
         const auto settings = readSettings();
         if (!settings) {
             exitStatus = badUsage;
@@ -226,11 +344,6 @@ private:
             warn("no relay answers at " + socket + ": " + httplib::to_string(result.error()));
             return {};
         }
-        if (result->status >= 300) {
-            warn(problemIn(*result));
-        } else if (writeAll(STDOUT_FILENO, result->body)) {
-            exitStatus = 0;
-        }
         return *result;
     }
 
@@ -241,7 +354,8 @@ private:
     httplib::Params query;
     bool isJson = false;
     bool isFollowing = false;
-    std::string name; // of a subscriber
+    std::string name;              // of a subscriber, or of a run
+    std::optional<double> timeout; // seconds
     std::string retried;
     std::string dropped;
 };

@@ -64,10 +64,12 @@ bool Filter::matches(const Record& record) const {
     if (!among(kinds, record.kind)) {
         return false;
     }
-    if (!detectors.empty() && !among(detectors, record.detector)) {
+    const bool isRun = record.kind == Kind::run;
+    const bool isOfMany = isRun && record.detector.empty();
+    if (!detectors.empty() && !isOfMany && !among(detectors, record.detector)) {
         return false;
     }
-    return paths.empty() ||
+    return isRun || paths.empty() ||
            std::any_of(paths.begin(), paths.end(), [&record](const std::string& pattern) {
                return fnmatch(pattern.c_str(), record.path.c_str(), 0) == 0;
            });

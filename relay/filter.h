@@ -10,11 +10,12 @@
 
 namespace relay {
 
-/// What a record must be to be delivered. All that is given must be met.
+/// What a record must be to be delivered. All that is given must be met; but a run has no path, and
+/// one of several detectors is for the subscribers of each.
 struct Filter {
     std::vector<std::string> detectors; // one of these; none given: any
     std::vector<std::string> paths;     // one of these shell patterns ("*" goes over "/", too)
-    std::vector<Kind> kinds = {Kind::file};
+    std::vector<Kind> kinds = {Kind::file, Kind::run};
 
     bool matches(const Record& record) const;
 

@@ -42,6 +42,12 @@ constexpr std::size_t shortestToken = 16;
 constexpr int writeTimeout = 30; // seconds
 constexpr auto streamPause = std::chrono::milliseconds(1000);
 constexpr int pausesBetweenSigns = 15;
+constexpr std::int64_t usualRuns = 100;
+constexpr std::size_t mostSpans = 10000; // of missing indices
+// Nothing from elsewhere, whatever a name may hold.
+constexpr const char* pagePolicy =
+    "default-src 'none'; connect-src 'self'; img-src data:; script-src 'unsafe-inline'; "
+    "style-src 'unsafe-inline'; base-uri 'none'; form-action 'none'; frame-ancestors 'none'";
 constexpr const char* jsonLines = "application/x-ndjson";
 
 /// What a client did wrong, and the status that tells it.
@@ -188,9 +194,19 @@ public:
             if (request.get_param_value("format") == "text") {
                 response.set_content(statusText(served.status()), "text/plain");
             } else {
-                response.set_content(statusJson(served.status()), "application/json");
+                answerJson(response, jsonOf(served.status()));
             }
         });
+        server.Get("/", [](const Request&, Response& response) {
+            response.set_header("Content-Security-Policy", pagePolicy);
+            response.set_content(pageText, "text/html; charset=utf-8");
+        });
+        server.Get("/v1/view", [this](const Request&, Response& response) {
+            response.set_content(served.view.json(served.status()), "application/json");
+        });
+        server.Get("/v1/runs", by(&Service::tellRuns));
+        server.Post("/v1/runs/end", withBody(&Service::endRun));
+        server.Get("/v1/runs/manifest", by(&Service::tellManifest));
         server.Get("/metrics", [this](const Request&, Response& response) {
             response.set_content(metricsText(served.status()), "text/plain; version=0.0.4");
         });
@@ -210,6 +226,9 @@ public:
     void end() {
         isEnding = true;
         served.log.interrupt();
+        if (served.runs != nullptr) {
+            served.runs->interrupt();
+        }
     }
 
 private:
@@ -426,6 +445,80 @@ private:
         answerJson(response, {{"count", count}});
     }
 
+    Runs& runs() const {
+        if (served.runs == nullptr) {
+            throw Refusal{409, "no runs are configured"};
+        }
+        return *served.runs;
+    }
+
+    /// The run that is asked for, if there is one.
+    static Run found(const Request& request, const std::optional<Run>& run) {
+        if (!run) {
+            throw Refusal{404, "no file of a run \"" + shown(request.get_param_value("name")) +
+                                   "\" has come"};
+        }
+        return *run;
+    }
+
+    static std::optional<std::int64_t> expectedIn(const Request& request) {
+        const std::int64_t expected = numberIn(request, "expect", -1);
+        if (expected > mostExpected) {
+            throw Refusal{400, "expect is too large"};
+        }
+        return expected < 0 ? std::nullopt : std::optional(expected);
+    }
+
+    /// One run, when it has ended or has what is expected; or the latest ones, a line for each.
+    void tellRuns(const Request& request, Response& response) {
+        const bool isText = request.get_param_value("format") == "text";
+        std::vector<Run> told;
+        if (request.has_param("name")) {
+            const std::int64_t seconds = std::min(numberIn(request, "wait", 0), longestWait);
+            const auto waiting = seconds > 0 ? startWaiting() : nullptr;
+            told = {
+                found(request, runs().await(request.get_param_value("name"), expectedIn(request),
+                                            std::chrono::seconds(seconds)))};
+        } else {
+            told = runs().latest(numberIn(request, "limit", usualRuns));
+        }
+        std::string text;
+        for (const Run& each : told) {
+            text += isText ? textOf(each, judge(each, runs().settings))
+                           : jsonText(runs().describe(each, mostSpans)) + "\n";
+        }
+        response.set_content(text, isText ? "text/plain" : jsonLines);
+    }
+
+    void endRun(const Request& request, Response& response) {
+        const Run ended =
+            found(request, runs().end(request.get_param_value("name"), expectedIn(request)));
+        answerJson(response, runs().describe(ended, mostSpans));
+    }
+
+    /// A line for each file, once all have their digests; the caller asks again until they do.
+    void tellManifest(const Request& request, Response& response) {
+        const Run run = found(request, runs().find(request.get_param_value("name")));
+        if (const std::int64_t pending = runs().pendingDigests(run)) {
+            throw Refusal{503, std::to_string(pending) + " of " + std::to_string(run.files) +
+                                   " files have no digest yet"};
+        }
+        response.set_chunked_content_provider(
+            jsonLines,
+            [this, run, behind = std::string()](std::size_t, httplib::DataSink& sink) mutable {
+                std::string text;
+                for (const RunFile& each : runs().files(run, behind, usualLimit)) {
+                    text += jsonText(jsonOf(each)) + "\n";
+                    behind = each.path;
+                }
+                if (text.empty()) {
+                    sink.done();
+                    return true;
+                }
+                return sink.write(text.data(), text.size());
+            });
+    }
+
     const Served served;
     std::atomic<bool> isEnding{false};
     std::atomic<int> waitingClients{0};
@@ -453,20 +546,23 @@ public:
                 answerError(response, response.status, "there is nothing of that name");
             }
         });
-        server.set_pre_routing_handler([token](const Request& request, Response& response) {
+        const std::string basic = httplib::make_basic_authentication_header("relay", token).second;
+        server.set_pre_routing_handler([token, basic](const Request& request, Response& response) {
+            const std::string sent = request.get_header_value("Authorization");
             const bool isKnown =
-                token.empty() ||
-                isSameToken(request.get_header_value("Authorization"), "Bearer " + token);
-            if (!isKnown) {
-                answerError(response, 401, "this address wants a token");
-                return httplib::Server::HandlerResponse::Handled;
+                token.empty() || isSameToken(sent, "Bearer " + token) || isSameToken(sent, basic);
+            // A page of another site, in the browser of somebody who may: it is to change nothing.
+            const bool isForeign = request.method != "GET" && request.has_header("Origin");
+            if (isKnown && !isForeign) {
+                return httplib::Server::HandlerResponse::Unhandled;
             }
-            // Any page that somebody looks at on this host could make his browser ask for it.
-            if (request.method != "GET" && request.has_header("Origin")) {
+            if (isKnown) {
                 answerError(response, 403, "a page in a browser may change nothing");
                 return httplib::Server::HandlerResponse::Handled;
             }
-            return httplib::Server::HandlerResponse::Unhandled;
+            response.set_header("WWW-Authenticate", "Basic realm=\"skarn-relay\"");
+            answerError(response, 401, "this address wants a token");
+            return httplib::Server::HandlerResponse::Handled;
         });
         service.addRoutes(server);
     }

@@ -7,6 +7,7 @@
 #include "relay/settings.h"
 #include "relay/status.h"
 #include "relay/subscribers.h"
+#include "relay/view.h"
 
 #include <functional>
 #include <memory>
@@ -18,6 +19,8 @@ struct Served {
     RecordLog& log;
     Subscribers& subscribers;
     std::function<Status()> status;
+    View& view;
+    Runs* runs; // nothing if there are none
 };
 
 /// Listens on the Unix socket and, if that is configured, at an address, on threads of its own,

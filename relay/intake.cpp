@@ -189,6 +189,7 @@ void Intake::count(const std::vector<Record>& logged) {
     ++counts.batches;
     for (const Record& each : logged) {
         ++(each.sequence == 0 ? counts.repeats : counts.records);
+        counts.bytes += each.sequence != 0 && each.identity ? each.identity->size : 0;
         if (each.kind == Kind::other) {
             odd.push_back(each.path);
         }

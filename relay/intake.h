@@ -31,6 +31,7 @@ namespace relay {
 /// What has gone through since the start, and what is in the way.
 struct IntakeFigures {
     std::int64_t records = 0;
+    std::int64_t bytes = 0; // of the files of these records
     std::int64_t repeats = 0;
     std::int64_t batches = 0;
     std::int64_t oddLines = 0;     // kind `other`

@@ -13,15 +13,6 @@ namespace {
 
 constexpr std::int64_t billion = 1000000000;
 
-/// The bytes under that key; what is no UTF-8 percent-encoded under another one.
-void addBytes(Json& object, const std::string& key, const std::string& bytes) {
-    if (isUtf8(bytes)) {
-        object[key] = bytes;
-    } else {
-        object[key + "_percent"] = percentEncoded(bytes);
-    }
-}
-
 void addFile(Json& object, const Record& record) {
     const bool isNamed = !record.detector.empty() && isUtf8(record.detector);
     object["detector"] = isNamed ? Json(record.detector) : Json(nullptr);
@@ -37,6 +28,14 @@ void addFile(Json& object, const Record& record) {
 }
 
 } // namespace
+
+void addBytes(Json& object, const std::string& key, const std::string& bytes) {
+    if (isUtf8(bytes)) {
+        object[key] = bytes;
+    } else {
+        object[key + "_percent"] = percentEncoded(bytes);
+    }
+}
 
 void appendJson(const Record& record, std::string& text) {
     const bool isFile = record.kind == Kind::file;

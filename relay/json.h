@@ -19,6 +19,9 @@ void appendJson(const Record& record, std::string& text);
 
 Json jsonOf(const DeadLetter& letter);
 
+/// Adds the bytes under that key; what is no UTF-8 percent-encoded under KEY_percent.
+void addBytes(Json& object, const std::string& key, const std::string& bytes);
+
 /// The object's text: UTF-8 (what is none is replaced), on one line, with nothing in it that steers
 /// a terminal, without a line feed.
 std::string jsonText(const Json& object);

@@ -31,7 +31,7 @@ constexpr int triesToLock = 100;
 constexpr int pauseBetweenTries = 20; // milliseconds
 
 // Each brings a database to the version that is its place in this list, counted from 1.
-constexpr std::array<const char*, 1> migrations = {R"(
+constexpr std::array<const char*, 2> migrations = {R"(
 CREATE TABLE records(
     seq INTEGER PRIMARY KEY,
     kind INTEGER NOT NULL,
@@ -65,6 +65,48 @@ CREATE TABLE dead_letters(
     since INTEGER NOT NULL,
     reason TEXT NOT NULL,
     PRIMARY KEY (subscriber, seq)) WITHOUT ROWID;
+)",
+                                                   R"(
+CREATE TABLE runs(
+    id INTEGER PRIMARY KEY,
+    name TEXT NOT NULL UNIQUE,
+    state INTEGER NOT NULL,
+    ended_by TEXT NOT NULL,
+    expected INTEGER NOT NULL,
+    files INTEGER NOT NULL,
+    bytes INTEGER NOT NULL,
+    first INTEGER NOT NULL,
+    last INTEGER NOT NULL,
+    touched INTEGER NOT NULL,
+    ended INTEGER NOT NULL,
+    reopened INTEGER NOT NULL,
+    deadline INTEGER NOT NULL);
+CREATE INDEX runs_by_deadline ON runs(deadline);
+CREATE INDEX runs_by_touched ON runs(touched);
+CREATE TABLE run_parts(
+    run INTEGER NOT NULL,
+    detector TEXT NOT NULL,
+    indices INTEGER NOT NULL,
+    lowest INTEGER NOT NULL,
+    highest INTEGER NOT NULL,
+    passed INTEGER NOT NULL,
+    PRIMARY KEY (run, detector)) WITHOUT ROWID;
+CREATE INDEX run_parts_by_detector ON run_parts(detector) WHERE passed = 0;
+CREATE TABLE run_files(
+    run INTEGER NOT NULL,
+    path TEXT NOT NULL,
+    seq INTEGER NOT NULL,
+    detector TEXT NOT NULL,
+    number INTEGER NOT NULL,
+    size INTEGER NOT NULL,
+    mtime INTEGER NOT NULL,
+    inode INTEGER NOT NULL,
+    digest_state INTEGER NOT NULL,
+    digest TEXT NOT NULL,
+    PRIMARY KEY (run, path)) WITHOUT ROWID;
+CREATE INDEX run_files_by_number ON run_files(run, detector, number) WHERE number >= 0;
+CREATE INDEX run_files_pending ON run_files(seq) WHERE digest_state = 1;
+CREATE TABLE runs_position(one INTEGER PRIMARY KEY CHECK (one = 1), seq INTEGER NOT NULL);
 )"};
 
 // SQL that is used in more than one place.
@@ -75,6 +117,8 @@ constexpr char insertRecord[] =
     "INSERT INTO records(path, inode, mtime, size, seq, kind, detector, type, way, arrival) "
     "VALUES (?,?,?,?,?,?,?,?,?,?) "
     "ON CONFLICT (path, inode, mtime, size) WHERE kind = 0 DO NOTHING";
+constexpr char setLast[] = "INSERT INTO intake VALUES (1, ?, 0, 0, '', 0) "
+                           "ON CONFLICT (one) DO UPDATE SET last = excluded.last";
 constexpr char selectFirst[] = "SELECT min(seq) FROM records";
 
 using SQLite::Statement;
@@ -340,6 +384,24 @@ void RecordLog::append(std::vector<Record>& records, const TakeOut& takeOut) {
         }
         last = newest;
         grown.notify_all();
+    });
+}
+
+void RecordLog::change(const std::function<std::vector<Record>(SQLite::Database&)>& work) {
+    guarded([&] {
+        std::int64_t newest = last;
+        whole(*database, [&] {
+            newest = last;
+            for (const Record& each : work(*database)) {
+                Statement insert(*database, insertRecord);
+                insertOne(insert, each, ++newest);
+                run(*database, setLast, newest);
+            }
+        });
+        if (newest > last) {
+            last = newest;
+            grown.notify_all();
+        }
     });
 }
 

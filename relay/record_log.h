@@ -11,6 +11,7 @@
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -86,6 +87,10 @@ public:
     /// that stands in the log already, or that is gone while its name stands there, is counted as a
     /// repeat of it instead. Gives the new records their numbers; those that were repeats keep 0.
     void append(std::vector<Record>& records, const TakeOut& takeOut);
+
+    /// Does the work on the database in one transaction, in which the records that it returns are
+    /// written behind all others.
+    void change(const std::function<std::vector<Record>(SQLite::Database&)>& work);
 
     /// The number of the last batch: those that follow have greater ones.
     std::int64_t lastBatch();

@@ -2,13 +2,16 @@
 #include "relay/relay.h"
 
 #include "relay/delivery.h"
+#include "relay/digests.h"
 #include "relay/http_server.h"
 #include "relay/intake.h"
 #include "relay/messages.h"
 #include "relay/record_log.h"
+#include "relay/runs.h"
 #include "relay/status.h"
 #include "relay/subscribers.h"
 #include "relay/targets.h"
+#include "relay/view.h"
 
 #include <algorithm>
 #include <atomic>
@@ -17,8 +20,10 @@
 #include <cstdint>
 #include <ctime>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -35,6 +40,7 @@ constexpr std::int64_t billion = 1000000000; // nanoseconds
 // Seconds without a turn of the intake: longer than it takes to carry over a large damaged
 // database.
 constexpr std::int64_t aliveLimit = 3600;
+constexpr auto runPause = std::chrono::milliseconds(1000);
 constexpr std::int64_t tidyPause = 10; // seconds
 constexpr double nanosecond = 1e-9;
 
@@ -52,9 +58,19 @@ public:
     Relay(const Settings& itsSettings, const std::function<void()>& afterCommit)
         : settings(itsSettings), targets(settings.daemonConfiguration), log(settings.log.folder),
           subscribers(log, settings.subscribers), intake(settings.pipe, passedPipe(), log, targets),
-          server(serveHttp(settings.http, {log, subscribers, [this] { return status(); }})) {
+          runs(settings.runs.pattern.empty() ? nullptr
+                                             : std::make_unique<Runs>(settings.runs, log)),
+          view(settings.http.figures, runs.get()),
+          server(serveHttp(settings.http,
+                           {log, subscribers, [this] { return status(); }, view, runs.get()})) {
         intake.afterCommit = afterCommit;
         threads.emplace_back([this] { takeIn(); });
+        if (runs) {
+            threads.emplace_back([this] { followRuns(); });
+            digests.emplace(*runs, [this](std::string_view path) {
+                return targets.locate(path).target.size();
+            });
+        }
         for (const auto& each : subscribers.all()) {
             if (std::shared_ptr<Delivery> delivery = makeDelivery(log, each)) {
                 threads.emplace_back(
@@ -82,6 +98,8 @@ public:
     /// Removes what is old, and writes down what subscribers did not want. To be called every
     /// second or so; mostly does nothing.
     void tidy() {
+        const IntakeFigures taken = intake.figures();
+        view.note(now(), taken.records, taken.bytes);
         if (now() < nextTidy) {
             return;
         }
@@ -90,7 +108,10 @@ public:
             save(*each);
         }
         try {
-            subscribers.removeOld(settings.log);
+            if (runs) {
+                runs->removeOld(now() - settings.log.keepSeconds * billion);
+            }
+            subscribers.removeOld(settings.log, runs ? runs->position() : INT64_MAX);
         } catch (const std::runtime_error& error) {
             warn(std::string("old records cannot be removed: ") + error.what());
         }
@@ -106,6 +127,24 @@ private:
                 std::this_thread::sleep_for(std::chrono::seconds(1));
             }
             lastTurn = now();
+        }
+    }
+
+    /// Counts what comes, and ends runs when their time has come.
+    void followRuns() {
+        while (!isEnding) {
+            try {
+                runs->follow(now());
+                runTrouble.clear();
+            } catch (const std::runtime_error& error) {
+                if (runTrouble != error.what()) {
+                    runTrouble = error.what();
+                    warn("runs cannot be followed now: " + runTrouble);
+                }
+            }
+            // Sleeps for so long even if all is counted and a record comes: some at once cost less.
+            log.waitBehind(runs->position(), runPause);
+            std::this_thread::sleep_for(std::chrono::milliseconds(turnLimit));
         }
     }
 
@@ -141,6 +180,10 @@ private:
     RecordLog log;
     Subscribers subscribers;
     Intake intake;
+    const std::unique_ptr<Runs> runs; // nothing if there are none
+    std::string runTrouble;           // of the thread that follows them
+    std::optional<Digests> digests;
+    View view;
     const std::shared_ptr<void> server;
     std::vector<std::thread> threads;
 };

@@ -67,7 +67,12 @@ bool salvage(const std::string& damagedFile, SQLite::Database& into) {
     const bool hasIntake = copy("SELECT * FROM intake", "intake VALUES (?,?,?,?,?,?)");
     const bool hasPositions = copy("SELECT * FROM subscribers", "subscribers VALUES (?,?,?,?,?)");
     const bool hasLetters = copy("SELECT * FROM dead_letters", "dead_letters VALUES (?,?,?,?,?)");
-    return hasRecords && hasIntake && hasPositions && hasLetters;
+    const bool hasRuns =
+        copy("SELECT * FROM runs", "runs VALUES (?,?,?,?,?,?,?,?,?,?,?,?,?)") &&
+        copy("SELECT * FROM run_parts", "run_parts VALUES (?,?,?,?,?,?)") &&
+        copy("SELECT * FROM run_files", "run_files VALUES (?,?,?,?,?,?,?,?,?,?)") &&
+        copy("SELECT * FROM runs_position", "runs_position VALUES (?,?)");
+    return hasRecords && hasIntake && hasPositions && hasLetters && hasRuns;
 }
 
 } // namespace relay

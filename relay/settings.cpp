@@ -3,6 +3,7 @@
 #include "relay/settings.h"
 
 #include "relay/messages.h"
+#include "relay/run.h"
 #include "shares/files.h"
 
 #include <algorithm>
@@ -61,6 +62,9 @@ constexpr bool isBuiltIn(SubscriberType type) {
     static_cast<void>(type);
     return true;
 }
+
+const std::map<std::string_view, Checksum> checksums = {{"xxh3", Checksum::xxh3},
+                                                        {"sha256", Checksum::sha256}};
 
 template<class Place>
 std::uint32_t lineOf(const Place& place) {
@@ -156,6 +160,22 @@ Reader seconds(std::int64_t& value) {
                     "a number of seconds, or a text such as \"90s\", \"10m\", \"2h\" or \"7d\"");
 }
 
+Reader flag(bool& value) {
+    return [&value](const toml::node& node) {
+        value = node.value_exact<bool>().value_or(value);
+        return node.is_boolean() ? "" : "must be true or false";
+    };
+}
+
+/// A pattern that finds runs.
+Reader pattern(std::string& value) {
+    return [&value](const toml::node& node) {
+        const auto found = node.value_exact<std::string>();
+        value = found.value_or(value);
+        return !found ? "must be a text" : RunPattern(*found).problem();
+    };
+}
+
 Reader mode(mode_t& value) {
     return [&value](const toml::node& node) {
         const std::string digits = node.value_exact<std::string>().value_or("");
@@ -181,13 +201,6 @@ Reader texts(std::vector<std::string>& value) {
             value.push_back(each.value_or(std::string()));
         }
         return "";
-    };
-}
-
-Reader flag(bool& value) {
-    return [&value](const toml::node& node) {
-        value = node.value_or(value);
-        return node.is_boolean() ? "" : "must be true or false";
     };
 }
 
@@ -285,6 +298,7 @@ public:
 
     void read(const toml::table& file) {
         std::int64_t pipeSize = settings.pipe.size;
+        RunSettings& runs = settings.runs;
         const std::map<std::string_view, Keys> tables = {
             {"pipe",
              {{"path", path(settings.pipe.path)},
@@ -298,7 +312,18 @@ public:
              {{"socket", path(settings.http.socket)},
               {"group", group(settings.http.group)},
               {"listen", address(settings.http.listen)},
-              {"token_file", optionalPath(settings.http.tokenFile)}}},
+              {"token_file", optionalPath(settings.http.tokenFile)},
+              {"figures", optionalPath(settings.http.figures)}}},
+            {"runs",
+             {{"pattern", pattern(runs.pattern)},
+              {"end_sentinel", pattern(runs.sentinel)},
+              {"end_next", flag(runs.isEndedByNext)},
+              {"end_quiet", seconds(runs.quiet)},
+              {"settle", seconds(runs.settle)},
+              {"first_index", number(runs.firstIndex, 0, 1)},
+              {"checksum", oneOf(checksums, runs.checksum, "must be \"xxh3\" or \"sha256\"")},
+              {"checksum_rate", size(runs.checksumRate)},
+              {"checksum_threads", number(runs.checksumThreads, 1, 16)}}},
             {"daemon", {{"configuration", optionalPath(settings.daemonConfiguration)}}}};
         Keys keys = {{"subscriber", [this](const toml::node& node) { return subscribers(node); }}};
         for (const auto& each : tables) {
@@ -317,6 +342,8 @@ public:
               "\"size\" must be from 4096 to 1G");
         settings.pipe.size =
             static_cast<int>(std::clamp<std::int64_t>(pipeSize, 4096, 1024 * mega));
+        check(file["runs"].node(), !runs.pattern.empty(), "[runs] needs a \"pattern\"");
+        runs.forgotten = settings.log.keepSeconds;
         const std::string& listen = settings.http.listen;
         check(file["http"]["listen"].node(),
               portOf(listen) == 0 || isLoopback(listen) || !settings.http.tokenFile.empty(),

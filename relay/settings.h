@@ -34,6 +34,7 @@ struct HttpSettings {
     std::string group;     // whose members may connect, beside root; empty: root alone
     std::string listen;    // ADDRESS:PORT; empty: the socket alone
     std::string tokenFile; // what a client at ADDRESS:PORT must know; needed off the loopback
+    std::string figures = "/run/skarn-look/figures"; // of the daemon, for the page
 };
 
 /// What a command is run with.
@@ -87,12 +88,30 @@ struct SubscriberSettings {
     BrokerSettings broker;
 };
 
+/// What a digest of a file's contents is made by.
+enum class Checksum { none, xxh3, sha256 };
+
+/// Which files belong together, and when they are all there.
+struct RunSettings {
+    std::string pattern;         // finds a path's run; empty: there are no runs
+    std::string sentinel;        // finds the run whose end a path announces; empty: none does
+    bool isEndedByNext = false;  // by the first file of another run
+    std::int64_t quiet = 0;      // seconds without a file after which it ends; 0: as `forgotten`
+    std::int64_t settle = 5;     // seconds without a file between an announced end and the end
+    std::int64_t firstIndex = 1; // of each detector; one that has a lower one begins with that
+    std::int64_t forgotten = 7LL * 86400; // seconds after which nobody will end it any more
+    Checksum checksum = Checksum::none;
+    std::int64_t checksumRate = 0; // bytes a second, of all threads; 0: as fast as it goes
+    std::int64_t checksumThreads = 1;
+};
+
 struct Settings {
     PipeSettings pipe;
     LogSettings log;
     HttpSettings http;
     std::string daemonConfiguration; // empty: where the daemon looks for it
     std::vector<SubscriberSettings> subscribers;
+    RunSettings runs;
 };
 
 std::string_view nameOf(SubscriberType type);

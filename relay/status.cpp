@@ -26,6 +26,8 @@ struct Figure {
 const std::vector<Figure<Status>> relayFigures = {
     {"records", "records_total", "Records written into the log",
      [](const Status& s) { return s.intake.records; }},
+    {"bytes", "bytes_total", "Bytes of the files of these records",
+     [](const Status& s) { return s.intake.bytes; }},
     {"repeats", "repeats_total", "Announcements of a file that was in the log already",
      [](const Status& s) { return s.intake.repeats; }},
     {"batches", "batches_total", "Transactions that records came in",
@@ -105,7 +107,7 @@ std::string sample(const Figure<Source>& figure, const Source& source, const std
 
 } // namespace
 
-std::string statusJson(const Status& status) {
+Json jsonOf(const Status& status) {
     Json object = {{"version", 1}, {"pipe", status.pipe}, {"problem", status.intake.problem}};
     addFigures(relayFigures, status, object);
     object["subscribers"] = Json::array();
@@ -114,7 +116,7 @@ std::string statusJson(const Status& status) {
         addFigures(subscriberFigures, each, one);
         object["subscribers"].push_back(std::move(one));
     }
-    return jsonText(object) + "\n";
+    return object;
 }
 
 std::string metricsText(const Status& status) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "relay/intake.h"
+#include "relay/json.h"
 #include "relay/record_log.h"
 #include "relay/subscribers.h"
 
@@ -21,8 +22,7 @@ struct Status {
     double since = 0; // seconds since 1970: when it was started
 };
 
-/// One JSON object.
-std::string statusJson(const Status& status);
+Json jsonOf(const Status& status);
 
 /// Prometheus's text format.
 std::string metricsText(const Status& status);

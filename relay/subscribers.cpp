@@ -229,21 +229,21 @@ std::string Subscribers::remove(const std::string& name) {
     return {};
 }
 
-void Subscribers::removeOld(const LogSettings& limits) {
-    const std::int64_t removable = removableTo(log.figures().last);
+void Subscribers::removeOld(const LogSettings& limits, std::int64_t upTo) {
+    const std::int64_t removable = std::min(upTo, removableTo(log.figures().last));
     const std::int64_t before = now() - limits.keepSeconds * billion;
     std::map<Shared, std::int64_t> lost;
     // Between two rounds the intake has its turn.
     for (int rounds = 0; rounds < mostRounds; ++rounds) {
-        const std::int64_t upTo = log.oldTo(removable, before, limits.keepBytes);
-        if (upTo == 0) {
+        const std::int64_t last = log.oldTo(removable, before, limits.keepBytes);
+        if (last == 0) {
             break;
         }
         // First, since a subscriber that finds them gone takes them for records it did not want.
         for (const Shared& each : all()) {
-            lost[each] += each->drop(upTo);
+            lost[each] += each->drop(last);
         }
-        log.removeTo(upTo);
+        log.removeTo(last);
     }
     for (const auto& [each, count] : lost) {
         if (count > 0) {

@@ -113,8 +113,9 @@ public:
 
     /// Removes from the log what is older than it is to keep, or too much, and was acknowledged by
     /// all. Who has a max_backlog may lose some by that: that is counted and told, before they are
-    /// removed. Not all at once: a next call goes on. Throws DatabaseError.
-    void removeOld(const LogSettings& limits);
+    /// removed. Nothing behind `upTo`, and not all at once: a next call goes on. Throws
+    /// DatabaseError.
+    void removeOld(const LogSettings& limits, std::int64_t upTo);
 
 private:
     std::int64_t removableTo(std::int64_t last) const;

@@ -12,11 +12,11 @@ build=(cmake g++ ninja-build)
 # What skarnctl is built with, beside these.
 control=(libcli11-dev libncurses-dev libsystemd-dev nlohmann-json3-dev)
 # What skarn-relay is built with.
-relay=(libcli11-dev libcpp-httplib-dev librabbitmq-dev librdkafka-dev libsqlite3-dev libsqlitecpp-dev libssl-dev libsystemd-dev libtomlplusplus-dev nlohmann-json3-dev pkgconf)
+relay=(libcli11-dev libcpp-httplib-dev librabbitmq-dev librdkafka-dev libre2-dev libsqlite3-dev libsqlitecpp-dev libssl-dev libsystemd-dev libtomlplusplus-dev libxxhash-dev nlohmann-json3-dev pkgconf)
 # The sandbox (mount, unshare, ip), the other end of the transfers, and what drives them.
 demo=("${build[@]}" iproute2 mount python3 rsync util-linux)
 # Of prometheus only promtool is wanted, which checks metrics and alerts; no smaller package has it.
-tests=("${demo[@]}" "${control[@]}" "${relay[@]}" bash-completion btrfs-progs curl e2fsprogs git gnuplot-nox libgmock-dev libgtest-dev prometheus python3-jsonschema python3-pytest strace tmux xfsprogs)
+tests=("${demo[@]}" "${control[@]}" "${relay[@]}" bash-completion btrfs-progs chromium chromium-driver curl e2fsprogs git gnuplot-nox libgmock-dev libgtest-dev prometheus python3-jsonschema python3-pil python3-pytest python3-selenium strace tmux xfsprogs xxhash)
 # What skarn-relay can deliver to, and receivers of it. The server brings an Erlang with it.
 brokers=("${tests[@]}" openssl python3-confluent-kafka python3-pika rabbitmq-server)
 soak=("${demo[@]}" gnuplot-nox)

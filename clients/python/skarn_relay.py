@@ -4,7 +4,8 @@
 
     files = skarn_relay.Relay().subscribe("my-analysis", detectors=["1"])
     for record in files:
-        print("new file:", record.path, record.size)
+        if record.kind == "file":
+            print("new file:", record.path, record.size)
 
 A record is acknowledged when the next one is asked for, so one whose handling failed comes again.
 """
@@ -46,6 +47,10 @@ class Record:
         )
         self.detector: str | None = fields.get("detector")
         self.size: int | None = fields.get("size")
+        # Of a record of kind "run": what has become of the run (see docs/relay.md).
+        self.run: dict[str, Any] | None = (
+            json.loads(self.path[5:]) if self.path.startswith("run: {") else None
+        )
 
     def __repr__(self) -> str:
         return f"Record({self.seq}, {self.path!r})"
@@ -112,7 +117,7 @@ class Relay:
         *,
         detectors: Sequence[str] = (),
         paths: Sequence[str] = (),
-        kinds: Sequence[str] = ("file",),
+        kinds: Sequence[str] = ("file", "run"),
         start: str | int = "oldest",
         max_backlog: int = 0,
     ) -> Subscription:

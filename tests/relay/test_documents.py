@@ -58,6 +58,7 @@ def test_the_manual_has_every_command_and_option() -> None:
     text = manual("skarn-relay.8")
     for words in (
         ["run"], ["status"], ["records"], ["dead-letters"], ["check"],
+        ["run", "end"], ["runs"], ["wait"], ["manifest"],
         ["subscribers", "add"], ["subscribers", "reset"], ["subscribers", "remove"],
     ):
         assert re.search(rf"^\.(It )?Cm {' '.join(words)}\b", text, re.MULTILINE), words
@@ -75,7 +76,7 @@ def test_the_manual_has_every_figure() -> None:
         capture_output=True, text=True, check=True,
     )
     names = set(re.findall(r"^skarn_relay_(\w+)", done.stdout, re.MULTILINE))
-    assert len(names) == 19
+    assert len(names) == 20
     assert not names - set(re.findall(r"\w+", manual("skarn-relay.8")))
     alerts = (PROJECT / "packaging/prometheus/skarn-alerts.yml").read_text(encoding="utf-8")
     used = set(re.findall(r"skarn_relay_(\w+)", alerts))

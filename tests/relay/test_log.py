@@ -232,7 +232,7 @@ def test_the_schema_is_the_documented_one() -> None:
             name: [row[1] for row in database.execute(f"PRAGMA table_info({name})")]
             for (name,) in database.execute("SELECT name FROM sqlite_master WHERE type = 'table'")
         }
-        assert database.execute("PRAGMA user_version").fetchone() == (1,)
+        assert database.execute("PRAGMA user_version").fetchone() == (2,)
         assert database.execute("PRAGMA journal_mode").fetchone() == ("wal",)
     documented = Path(os.environ["SKARN_DOCS"], "relay.md").read_text(encoding="utf-8")
     for table, columns in tables.items():

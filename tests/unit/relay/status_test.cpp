@@ -27,7 +27,7 @@ Status example() {
 }
 
 TEST(Status, IsTheSameInAllForms) {
-    const nlohmann::json object = nlohmann::json::parse(statusJson(example()));
+    const Json object = jsonOf(example());
     EXPECT_EQ(object["subscribers"][0]["lag"], 3);
     EXPECT_EQ(object["subscribers"][0]["lag_seconds"], 1.25);
     EXPECT_THAT(metricsText(example()),

@@ -41,14 +41,14 @@ protected:
 TEST_F(SubscribersTest, HoldBackWhatTheyHaveNotAcknowledged) {
     const auto subscriber = lagging(0);
     subscriber->acknowledge(70, 0);
-    subscribers.removeOld(limits);
+    subscribers.removeOld(limits, INT64_MAX);
     EXPECT_EQ(log.figures().first, 71);
     EXPECT_EQ(subscriber->figures().dropped, 0);
 }
 
 TEST_F(SubscribersTest, CountWhatIsLostToTheBound) {
     const auto subscriber = lagging(10);
-    subscribers.removeOld(limits);
+    subscribers.removeOld(limits, INT64_MAX);
     EXPECT_EQ(log.figures().first, count - 9);
     EXPECT_EQ(subscriber->figures().dropped, count - 10);
 }
@@ -59,7 +59,7 @@ TEST_F(SubscribersTest, CountWhatIsLostBeforeItIsRemoved) {
     SQLite::Database(scratch.path("log/relay.db"), SQLite::OPEN_READWRITE)
         .exec("CREATE TRIGGER refuse BEFORE DELETE ON records "
               "BEGIN SELECT raise(ABORT, 'refused'); END");
-    EXPECT_THROW(subscribers.removeOld(limits), DatabaseError);
+    EXPECT_THROW(subscribers.removeOld(limits, INT64_MAX), DatabaseError);
     EXPECT_EQ(log.figures().first, 1);
     EXPECT_EQ(subscriber->figures().dropped, count - 10);
 }
