@@ -222,8 +222,9 @@ private:
 
 } // namespace
 
-std::unique_ptr<Delivery> makeAmqpDelivery(const std::shared_ptr<Subscription>& to) {
-    return std::make_unique<AmqpDelivery>(to);
+std::unique_ptr<Delivery> makeAmqpDelivery(const RunPattern& runs,
+                                           const std::shared_ptr<Subscription>& to) {
+    return std::make_unique<AmqpDelivery>(runs, to);
 }
 
 } // namespace relay

@@ -23,7 +23,7 @@ using Clock = std::chrono::steady_clock;
 constexpr std::size_t largestWindow = 500;
 constexpr auto silenceLimit = 10s; // without a confirmation, before that is told
 
-Message messageOf(const BrokerSettings& settings, const Record& record) {
+Message messageOf(const BrokerSettings& settings, const RunPattern& runs, const Record& record) {
     Message message;
     // With the time: numbers begin anew where somebody has deleted the log.
     message.id = settings.host + ":" + std::to_string(record.sequence) + ":" +
@@ -31,15 +31,16 @@ Message messageOf(const BrokerSettings& settings, const Record& record) {
     message.key = filledKey(settings.key, {{"detector", percentEncoded(record.detector)},
                                            {"host", settings.host},
                                            {"kind", std::string(nameOf(record.kind))},
-                                           {"run", ""}});
+                                           {"run", runOf(record, runs)}});
     appendJson(record, message.body);
     return message;
 }
 
 } // namespace
 
-BrokerDelivery::BrokerDelivery(std::shared_ptr<Subscription> toSubscription)
-    : subscription(std::move(toSubscription)), settings(subscription->settings.broker) {
+BrokerDelivery::BrokerDelivery(RunPattern ofRuns, std::shared_ptr<Subscription> toSubscription)
+    : subscription(std::move(toSubscription)), settings(subscription->settings.broker),
+      runs(std::move(ofRuns)) {
 }
 
 std::int64_t BrokerDelivery::begin(std::int64_t acknowledged) {
@@ -72,7 +73,7 @@ std::size_t BrokerDelivery::send(const std::vector<Record>& records) {
     std::size_t count = 0;
     for (; count < records.size() && sent.size() < most; ++count) {
         sent.push_back({records[count].sequence, false});
-        publish(messageOf(settings, records[count]));
+        publish(messageOf(settings, runs, records[count]));
     }
     return count;
 }

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "relay/delivery.h"
+#include "relay/run.h"
 
 #include <chrono>
 #include <cstddef>
@@ -26,7 +27,8 @@ struct Message {
 /// confirmed is sent again over a new one: at first a single record, then more and more.
 class BrokerDelivery : public Delivery {
 public:
-    explicit BrokerDelivery(std::shared_ptr<Subscription> toSubscription);
+    /// The pattern finds a record's run.
+    BrokerDelivery(RunPattern ofRuns, std::shared_ptr<Subscription> toSubscription);
 
     std::int64_t begin(std::int64_t acknowledged) override;
     std::size_t pageSize() const override;
@@ -62,6 +64,7 @@ private:
         bool isConfirmed;
     };
 
+    const RunPattern runs;
     bool isConnected = false;
     std::deque<Sent> sent;                          // from the first one that is not confirmed on
     std::uint64_t first = 1;                        // which one over this connection that is
@@ -72,7 +75,9 @@ private:
     int failures = 0;                               // since something was confirmed
 };
 
-std::unique_ptr<Delivery> makeAmqpDelivery(const std::shared_ptr<Subscription>& to);
-std::unique_ptr<Delivery> makeKafkaDelivery(const std::shared_ptr<Subscription>& to);
+std::unique_ptr<Delivery> makeAmqpDelivery(const RunPattern& runs,
+                                           const std::shared_ptr<Subscription>& to);
+std::unique_ptr<Delivery> makeKafkaDelivery(const RunPattern& runs,
+                                            const std::shared_ptr<Subscription>& to);
 
 } // namespace relay

@@ -93,7 +93,8 @@ private:
 
 } // namespace
 
-std::unique_ptr<Delivery> makeDelivery(RecordLog& log, const std::shared_ptr<Subscription>& to) {
+std::unique_ptr<Delivery> makeDelivery(RecordLog& log, [[maybe_unused]] const RunPattern& runs,
+                                       const std::shared_ptr<Subscription>& to) {
     switch (to->settings.type) {
     case SubscriberType::pipe:
         return std::make_unique<PipeDelivery>(to);
@@ -101,11 +102,11 @@ std::unique_ptr<Delivery> makeDelivery(RecordLog& log, const std::shared_ptr<Sub
         return std::make_unique<CommandDelivery>(log, to);
 #ifdef SKARN_RELAY_AMQP
     case SubscriberType::amqp:
-        return makeAmqpDelivery(to);
+        return makeAmqpDelivery(runs, to);
 #endif
 #ifdef SKARN_RELAY_KAFKA
     case SubscriberType::kafka:
-        return makeKafkaDelivery(to);
+        return makeKafkaDelivery(runs, to);
 #endif
     default:
         return nullptr;

@@ -7,6 +7,7 @@
 #pragma once
 
 #include "relay/record_log.h"
+#include "relay/run.h"
 #include "relay/subscribers.h"
 
 #include <atomic>
@@ -57,8 +58,10 @@ public:
     }
 };
 
-/// The delivery for that subscriber; nothing for one that fetches its records itself.
-std::unique_ptr<Delivery> makeDelivery(RecordLog& log, const std::shared_ptr<Subscription>& to);
+/// The delivery for that subscriber; nothing for one that fetches its records itself. The pattern
+/// finds a record's run.
+std::unique_ptr<Delivery> makeDelivery(RecordLog& log, const RunPattern& runs,
+                                       const std::shared_ptr<Subscription>& to);
 
 /// Delivers until it is told to end.
 void deliver(RecordLog& log, Subscription& subscription, Delivery& delivery,

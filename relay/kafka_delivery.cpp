@@ -139,8 +139,9 @@ private:
 
 } // namespace
 
-std::unique_ptr<Delivery> makeKafkaDelivery(const std::shared_ptr<Subscription>& to) {
-    return std::make_unique<KafkaDelivery>(to);
+std::unique_ptr<Delivery> makeKafkaDelivery(const RunPattern& runs,
+                                            const std::shared_ptr<Subscription>& to) {
+    return std::make_unique<KafkaDelivery>(runs, to);
 }
 
 std::string mistakeForKafka(const BrokerSettings& settings) {

@@ -7,6 +7,7 @@
 #include "relay/intake.h"
 #include "relay/messages.h"
 #include "relay/record_log.h"
+#include "relay/run.h"
 #include "relay/runs.h"
 #include "relay/status.h"
 #include "relay/subscribers.h"
@@ -71,8 +72,9 @@ public:
                 return targets.locate(path).target.size();
             });
         }
+        const RunPattern runPattern(settings.runs.pattern);
         for (const auto& each : subscribers.all()) {
-            if (std::shared_ptr<Delivery> delivery = makeDelivery(log, each)) {
+            if (std::shared_ptr<Delivery> delivery = makeDelivery(log, runPattern, each)) {
                 threads.emplace_back(
                     [this, each, delivery] { deliver(log, *each, *delivery, isEnding); });
             }

@@ -31,6 +31,24 @@ std::optional<std::int64_t> parseIndex(std::string_view digits) {
     return isIndex && digits.size() <= longestIndex ? std::optional(index) : std::nullopt;
 }
 
+/// What addBytes has added under that key, percent-encoded; empty if it has not.
+std::string encodedBytes(const Json& object, const std::string& key) {
+    const auto plain = object.find(key);
+    if (plain != object.end() && plain->is_string()) {
+        return percentEncoded(plain->get<std::string>());
+    }
+    const auto encoded = object.find(key + "_percent");
+    if (encoded == object.end() || !encoded->is_string()) {
+        return {};
+    }
+    // Anyone who may write into the pipe may have made this up: nothing but % is taken as it is.
+    std::string text = percentEncoded(encoded->get<std::string>());
+    for (std::size_t at = 0; (at = text.find("%25", at)) != std::string::npos; ++at) {
+        text.erase(at + 1, 2);
+    }
+    return text;
+}
+
 /// "1 index is", "3 indices are".
 std::string indicesAre(std::int64_t count) {
     return std::to_string(count) + (count == 1 ? " index is" : " indices are");
@@ -91,6 +109,18 @@ std::optional<RunPattern::Place> RunPattern::find(std::string_view path) const {
     }
     return Place{std::string(group(runGroup)), std::string(group(detectorGroup)),
                  parseIndex(group(indexGroup))};
+}
+
+std::string runOf(const Record& record, const RunPattern& pattern) {
+    if (record.kind == Kind::file) {
+        const auto place = pattern.find(record.path);
+        return place ? percentEncoded(place->run) : std::string();
+    }
+    if (record.kind != Kind::run || record.path.size() < runLinePrefix.size()) {
+        return {};
+    }
+    const Json told = Json::parse(record.path.substr(runLinePrefix.size()), nullptr, false);
+    return told.is_object() ? encodedBytes(told, "run") : std::string();
 }
 
 IndexSpan wantedIndices(const Run& run, const RunPart& part, const RunSettings& settings) {

@@ -44,6 +44,10 @@ private:
     std::string mistake;
 };
 
+/// The name, percent-encoded, of the run to which the record's file belongs or which the record
+/// tells of; empty if there is none.
+std::string runOf(const Record& record, const RunPattern& pattern);
+
 /// The numbers stand in the database.
 enum class RunState { open = 0, ending = 1, ended = 2 };
 
@@ -100,6 +104,9 @@ IndexSpan wantedIndices(const Run& run, const RunPart& part, const RunSettings& 
 
 /// The run as a JSON object; its form is documented in docs/relay.md.
 Json jsonOf(const Run& run, const Judgement& judgement, const std::vector<IndexSpan>& missing);
+
+/// What stands in front of such an object in a record of kind `run`.
+constexpr std::string_view runLinePrefix = "run: ";
 
 /// A line on it for people.
 std::string textOf(const Run& run, const Judgement& judgement);

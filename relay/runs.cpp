@@ -271,7 +271,7 @@ private:
                              spansMissing(database, run, runs.settings, spansInRecord)));
         Record record;
         record.kind = Kind::run;
-        record.path = "run: " + jsonText(object);
+        record.path = std::string(runLinePrefix) + jsonText(object);
         record.detector = run.parts.size() == 1 ? run.parts.front().detector : "";
         record.arrival = now();
         told.push_back(std::move(record));

@@ -503,8 +503,10 @@ std::string_view nameOf(SubscriberType type) {
 std::string filledKey(std::string key, const std::map<std::string, std::string>& values) {
     for (const auto& [name, value] : values) {
         const std::string place = "{" + name + "}";
+        const std::string filling = value.empty() ? "-" : value;
         for (std::size_t at = 0; (at = key.find(place, at)) != std::string::npos;) {
-            key.replace(at, place.size(), value.empty() ? "-" : value);
+            key.replace(at, place.size(), filling);
+            at += filling.size(); // whatever stands in it stays
         }
     }
     return key;

@@ -115,10 +115,10 @@ back_off_limit = 2
         )
         return str(self.figures()["problem"])
 
-    def wait_until_delivered(self) -> None:
-        """Waits until the broker has confirmed all that was announced."""
+    def wait_until_delivered(self, runs: int = 0) -> None:
+        """Waits until the broker has confirmed all that was announced, and what was told of so many runs."""
         wait_until(
-            lambda: self.client.status()["last"] >= self._announced
+            lambda: self.client.status()["last"] >= self._announced + runs
             and self.figures()["lag"] == 0
             and not self.figures()["problem"],
             lambda: f"{self._announced} records to be confirmed: {self.figures()}",

@@ -66,6 +66,33 @@ def test_each_record_becomes_a_persistent_message_with_an_id_and_a_key(broker: R
     assert host.stop() == 0
 
 
+def test_a_message_has_the_key_of_its_run_and_so_has_what_is_told_of_the_run(
+    broker: RabbitMq,
+) -> None:
+    client = Client()
+    client.bind("files", "skarn", "run1")
+    client.bind("others", "skarn", "-")
+    client.close()
+    host = Host(EXCHANGE.replace("{host}.{kind}.{detector}", "{run}") + """
+[runs]
+pattern = '/(?P<run>run[0-9]+)/f(?P<index>[0-9]+)$'
+first_index = 0
+""")
+    host.start()
+    paths = host.announce(3)
+    odd = host.announce(1, ".tmp")
+    host.wait_until_delivered()
+    host.client.request("POST", "runs/end", [("name", "run1"), ("expect", 3)])
+    host.wait_until_delivered(runs=1)
+    messages = take()
+    assert [message.key for message in messages] == ["run1"] * 4
+    assert [message.record.get("path") for message in messages[:3]] == paths
+    assert messages[3].record["kind"] == "run"
+    assert '"complete":true' in messages[3].record["line"]
+    assert [message.record["path"] for message in take("others")] == odd
+    assert host.stop() == 0
+
+
 def test_a_queue_that_is_missing_is_made_durable(broker: RabbitMq) -> None:
     host = Host(QUEUE)
     host.start()

@@ -72,7 +72,7 @@ protected:
     RecordLog log{scratch.path("log")};
     std::shared_ptr<Subscription> subscription =
         std::make_shared<Subscription>(log, settings(), Position());
-    Broker broker{subscription};
+    Broker broker{RunPattern(""), subscription};
 };
 
 TEST_F(BrokerDeliveryTest, SendsOneAtFirstAndThenMoreAndMore) {
@@ -170,7 +170,7 @@ TEST_F(BrokerDeliveryTest, ThePasswordIsTheFirstLineOfItsFile) {
     EXPECT_EQ(broker.password("guest"), "guest");
     SubscriberSettings changed = settings();
     changed.broker.passwordFile = scratch.file("password", "secret\nand more\n");
-    Broker other(std::make_shared<Subscription>(log, changed, Position()));
+    Broker other(RunPattern(""), std::make_shared<Subscription>(log, changed, Position()));
     EXPECT_EQ(other.password("guest"), "secret");
     std::filesystem::remove(changed.broker.passwordFile);
     EXPECT_THROW(other.password("guest"), std::runtime_error);
@@ -179,11 +179,52 @@ TEST_F(BrokerDeliveryTest, ThePasswordIsTheFirstLineOfItsFile) {
 TEST_F(BrokerDeliveryTest, TheKeyIsTheTemplateFilledIn) {
     SubscriberSettings changed = settings();
     changed.broker.key = "{host}.{detector}.{run}.{kind}.{detector}";
-    Broker other(std::make_shared<Subscription>(log, changed, Position()));
+    Broker other(RunPattern(""), std::make_shared<Subscription>(log, changed, Position()));
     std::vector<Record> records = recordsFrom(1, 1);
     records.front().detector = "a b{kind}\xff";
     other.send(records);
     EXPECT_EQ(other.messages.at(0).key, "host1.a%20b%7Bkind%7D%FF.-.file.a%20b%7Bkind%7D%FF");
+}
+
+/// Keys that are made of {run} alone.
+class RunKeyTest : public BrokerDeliveryTest {
+protected:
+    static SubscriberSettings keyedByRun() {
+        SubscriberSettings made = settings();
+        made.broker.key = "{run}";
+        return made;
+    }
+
+    std::string keyOf(Kind kind, const std::string& path) {
+        std::vector<Record> records = recordsFrom(1, 1);
+        records.front().kind = kind;
+        records.front().path = path;
+        Broker keyed(RunPattern("/(?P<run>[^/]*)/[^/]*_(?P<index>[0-9]+)"),
+                     std::make_shared<Subscription>(log, keyedByRun(), Position()));
+        keyed.send(records);
+        return keyed.messages.at(0).key;
+    }
+};
+
+TEST_F(RunKeyTest, AFileHasTheRunThatItsPathNames) {
+    EXPECT_EQ(keyOf(Kind::file, "/d/./scan7/img_1"), "scan7");
+    EXPECT_EQ(keyOf(Kind::file, "/d/./scan {run}\xff/img_1"), "scan%20%7Brun%7D%FF");
+    EXPECT_EQ(keyOf(Kind::file, "/d/./scan7/notes"), "-");
+    EXPECT_EQ(keyOf(Kind::usershift, "usershift: /d/./scan7/img_1"), "-");
+}
+
+TEST_F(RunKeyTest, WhatIsToldOfARunHasTheKeyOfItsFiles) {
+    EXPECT_EQ(keyOf(Kind::run, R"(run: {"event":"ended","run":"scan 7"})"), "scan%207");
+    EXPECT_EQ(keyOf(Kind::run, R"(run: {"event":"ended","run_percent":"scan%20%FF"})"),
+              "scan%20%FF");
+}
+
+TEST_F(RunKeyTest, ALineThatOnlyLooksLikeOneOfARunHasNone) {
+    EXPECT_EQ(keyOf(Kind::run, "run: "), "-");
+    EXPECT_EQ(keyOf(Kind::run, "run: {"), "-");
+    EXPECT_EQ(keyOf(Kind::run, "run: [1]"), "-");
+    EXPECT_EQ(keyOf(Kind::run, R"(run: {"run":7})"), "-");
+    EXPECT_EQ(keyOf(Kind::run, R"(run: {"run_percent":"{run} 7"})"), "%7Brun%7D%207");
 }
 
 } // namespace
