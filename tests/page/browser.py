@@ -104,7 +104,7 @@ class Browser:
             "--headless=new", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage",
             "--no-first-run", "--user-data-dir=/tmp/browser", "--window-size=1280,900",
         ):
-            options.add_argument(argument)
+            options.add_argument(argument)  # type: ignore[no-untyped-call]
         options.binary_location = "/usr/bin/chromium"
         options.set_capability("goog:loggingPrefs", {"browser": "ALL"})
         self.driver = webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=options)
@@ -132,7 +132,7 @@ class Browser:
 
     def run(self, script: str) -> Any:
         """What a script in the page returns."""
-        return self.driver.execute_script(script)
+        return self.driver.execute_script(script)  # type: ignore[no-untyped-call]
 
     def text(self, identity: str) -> str:
         """What a reader sees of one part of the page."""
@@ -147,7 +147,7 @@ class Browser:
 
     def console(self) -> list[str]:
         """All that has been written on the console since the page was opened."""
-        messages = [entry["message"] for entry in self.driver.get_log("browser")]
+        messages = [entry["message"] for entry in self.driver.get_log("browser")]  # type: ignore[no-untyped-call]
         # The browser's own first page has something to say about its fonts.
         self._mistakes += [each for each in messages if not each.startswith("chrome://")]
         return self._mistakes

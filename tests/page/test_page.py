@@ -7,9 +7,9 @@ import io
 from collections.abc import Iterator
 
 import pytest
-from PIL import Image
+from PIL import Image  # type: ignore[import]
 
-from browser import Browser, StandIn
+from page.browser import Browser, StandIn
 from support.waiting import wait_until
 
 LONG = "a-name-that-is-longer-than-a-phone-is-wide" * 4
@@ -53,7 +53,7 @@ def lightness(browser: Browser, identity: str) -> float:
     png = browser.tell("Page.captureScreenshot", format="png")["data"]
     picture = Image.open(io.BytesIO(base64.b64decode(png))).convert("L").crop(box)
     values = list(picture.getdata())
-    return sum(values) / len(values)
+    return float(sum(values) / len(values))
 
 
 def test_all_is_well(browser: Browser, relay: StandIn) -> None:
