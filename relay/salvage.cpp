@@ -28,13 +28,17 @@ void copyRow(const SQLite::Statement& from, SQLite::Statement& into) {
     into.exec();
 }
 
-/// Copies rows in that order, as far as they can be read. What is there already stays.
-bool copyRows(const std::string& damagedFile, const std::string& select, SQLite::Database& into,
-              const std::string& insert) {
+/// Copies a table's rows in that order, as far as they can be read. What is there already stays.
+bool copyRows(const std::string& damagedFile, const std::string& table, const std::string& order,
+              SQLite::Database& into) {
     try {
         const SQLite::Database damaged(damagedFile, SQLite::OPEN_READONLY);
-        SQLite::Statement rows(damaged, select);
-        SQLite::Statement copy(into, "INSERT OR IGNORE INTO " + insert);
+        SQLite::Statement rows(damaged, "SELECT * FROM " + table + order);
+        std::string marks = "?";
+        for (int n = 1; n < rows.getColumnCount(); ++n) {
+            marks += ",?";
+        }
+        SQLite::Statement copy(into, "INSERT OR IGNORE INTO " + table + " VALUES (" + marks + ")");
         bool isReadable = true;
         for (bool isMore = rows.executeStep(); isMore;) {
             SQLite::Transaction transaction(into);
@@ -57,22 +61,15 @@ bool copyRows(const std::string& damagedFile, const std::string& select, SQLite:
 } // namespace
 
 bool salvage(const std::string& damagedFile, SQLite::Database& into) {
-    const auto copy = [&](const char* select, const char* insert) {
-        return copyRows(damagedFile, select, into, insert);
-    };
-    const char* const record = "records VALUES (?,?,?,?,?,?,?,?,?,?,?)";
     // If there is no way through, from the other end, too, down to the damage.
-    const bool hasRecords = copy("SELECT * FROM records ORDER BY seq", record) ||
-                            copy("SELECT * FROM records ORDER BY seq DESC", record);
-    const bool hasIntake = copy("SELECT * FROM intake", "intake VALUES (?,?,?,?,?,?)");
-    const bool hasPositions = copy("SELECT * FROM subscribers", "subscribers VALUES (?,?,?,?,?)");
-    const bool hasLetters = copy("SELECT * FROM dead_letters", "dead_letters VALUES (?,?,?,?,?)");
-    const bool hasRuns =
-        copy("SELECT * FROM runs", "runs VALUES (?,?,?,?,?,?,?,?,?,?,?,?,?)") &&
-        copy("SELECT * FROM run_parts", "run_parts VALUES (?,?,?,?,?,?)") &&
-        copy("SELECT * FROM run_files", "run_files VALUES (?,?,?,?,?,?,?,?,?,?)") &&
-        copy("SELECT * FROM runs_position", "runs_position VALUES (?,?)");
-    return hasRecords && hasIntake && hasPositions && hasLetters && hasRuns;
+    bool isWhole = copyRows(damagedFile, "records", " ORDER BY seq", into) ||
+                   copyRows(damagedFile, "records", " ORDER BY seq DESC", into);
+    // Each whatever has become of the others.
+    for (const char* const table : {"intake", "subscribers", "dead_letters", "runs", "run_parts",
+                                    "run_files", "runs_position"}) {
+        isWhole = copyRows(damagedFile, table, "", into) && isWhole;
+    }
+    return isWhole;
 }
 
 } // namespace relay

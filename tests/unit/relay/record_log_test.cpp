@@ -1,7 +1,9 @@
 // The log of announcements on disk.
 #include "relay/record_log.h"
+#include "relay/salvage.h"
 #include "tests/unit/relay/scratch.h"
 
+#include <SQLiteCpp/SQLiteCpp.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -203,6 +205,22 @@ TEST_F(RecordLogTest, CarriesOverFromADamagedOne) {
     EXPECT_GT(last, 5000);
     reopen();
     EXPECT_EQ(add({fileNamed("/d/./new", 1)}).front(), last + 1);
+}
+
+TEST_F(RecordLogTest, CarriesOverEachTableWhateverHasBecomeOfTheOthers) {
+    fill(3);
+    log->setPosition({"a", 2, 0, "", 0});
+    reopen(); // what there is stands in the file
+    log.emplace(scratch.path("new"));
+    log.reset();
+    const std::string damaged = scratch.path("log/relay.db");
+    SQLite::Database(damaged, SQLite::OPEN_READWRITE)
+        .exec("INSERT INTO runs_position VALUES (1, 3); DROP TABLE runs; DROP TABLE intake");
+    SQLite::Database into(scratch.path("new/relay.db"), SQLite::OPEN_READWRITE);
+    EXPECT_FALSE(salvage(damaged, into));
+    EXPECT_EQ(into.execAndGet("SELECT count(*) FROM records").getInt(), 3);
+    EXPECT_EQ(into.execAndGet("SELECT acknowledged FROM subscribers").getInt(), 2);
+    EXPECT_EQ(into.execAndGet("SELECT seq FROM runs_position").getInt(), 3);
 }
 
 TEST_F(RecordLogTest, IsOneRelaysAlone) {
