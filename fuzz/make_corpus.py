@@ -176,6 +176,7 @@ def seeds() -> dict[str, dict[str, str | bytes]]:
         "relay_record": {
             "lines": "/data/1/./run1/f.cbf\nusershift: 1 2\nrun: 7\nother\n",
             "no_utf8": b"/data/./\xff\xed\xa0\x80\xc0\x80\n\xf4\x8f\xbf\xbf\n",
+            "runs": 'run: {"event":"ended","run":"scan 7","complete":true}\nrun: {"run_percent":"%FF%25"}\n',
             "times": "2026-01-31T12:00:00Z\n",
             "age": "90s",
             "number": "17",
@@ -186,6 +187,8 @@ def seeds() -> dict[str, dict[str, str | bytes]]:
             "subscribers": '[[subscriber]]\nname = "a"\ntype = "pipe"\npath = "/x"\n'
             + '[[subscriber]]\nname = "b"\ntype = "command"\ncommand = ["/bin/x"]\nbatch = 3\n'
             + 'kinds = ["file", "other"]\nstart = 5\nback_off = "1s"\n',
+            "runs": "[runs]\npattern = '/(?P<run>r[0-9]+)/(?P<index>[0-9]+)$'\nend_quiet = \"5m\"\n"
+            + "end_sentinel = '/(?P<run>.)/DONE'\nend_next = true\nchecksum = \"xxh3\"\nchecksum_rate = \"1M\"\n",
             "mistakes": "[pipe]\npath = 3\ncolour = 1\n[[subscriber]]\n[x]\nlog = 1\n",
         },
         "file_list": {

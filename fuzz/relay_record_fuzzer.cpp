@@ -1,9 +1,10 @@
-// Fuzzes what the relay makes of a line of the pipe: its kind, its target, its JSON; and the texts
-// in which filters and times are written.
+// Fuzzes what the relay makes of a line of the pipe: its kind, its target, its run, its JSON; and
+// the texts in which filters and times are written.
 #include "fuzz/input.h"
 #include "relay/filter.h"
 #include "relay/json.h"
 #include "relay/record.h"
+#include "relay/run.h"
 #include "relay/targets.h"
 
 #include <algorithm>
@@ -46,6 +47,19 @@ void tryTarget(const std::string& line) {
     require(std::string(place.target) + std::string(place.name) == line, "the halves are the path");
 }
 
+void tryRun(const std::string& line) {
+    static const relay::RunPattern pattern("/(?P<detector>[^/]*)/(?P<run>[^/]+)/(?P<index>[0-9]*)");
+    relay::Record record;
+    record.path = line;
+    for (const relay::Kind kind : {relay::Kind::file, relay::Kind::run}) {
+        record.kind = kind;
+        const std::string run = relay::runOf(record, pattern);
+        require(std::all_of(run.begin(), run.end(),
+                            [](char each) { return each > 0x20 && each < 0x7f; }),
+                "a run's name is percent-encoded");
+    }
+}
+
 void tryFilter(const std::string& text) {
     relay::Filter filter;
     filter.paths.clear();
@@ -67,6 +81,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     tryFilter(text);
     for (const std::string& line : fuzz::split(text, '\n')) {
         tryJson(line);
+        tryRun(line);
         tryTarget(line);
     }
     return 0;
