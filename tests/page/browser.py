@@ -121,6 +121,13 @@ class Browser:
         self.driver.get(address)
         self.wait_for("headline", "well", "wrong")
 
+    def reset(self) -> None:
+        """Leaves the page, and takes back what made the browser look like another one."""
+        self.driver.get("about:blank")
+        self.tell("Emulation.clearDeviceMetricsOverride")
+        self.tell("Emulation.setEmulatedMedia", features=[])
+        self.tell("Emulation.setEmulatedVisionDeficiency", type="none")
+
     def width(self, pixels: int, height: int = 800) -> None:
         """Makes the screen that wide, as a phone's is."""
         self.tell("Emulation.setDeviceMetricsOverride",

@@ -32,11 +32,23 @@ return [...document.querySelectorAll("body *")].filter(each => each.innerText).m
 """
 
 
-@pytest.fixture
-def browser(empty_sandbox: None) -> Iterator[Browser]:
+@pytest.fixture(autouse=True)
+def empty_sandbox() -> None:
+    """Instead of the usual one, which ends after each test whatever runs: here the browser goes on."""
+
+
+@pytest.fixture(scope="module")
+def chromium() -> Iterator[Browser]:
     one = Browser()
     yield one
     one.close()
+
+
+@pytest.fixture
+def browser(chromium: Browser) -> Iterator[Browser]:
+    """One for all tests, since its start takes longer than most of them; each finds it as it was."""
+    yield chromium
+    chromium.reset()
 
 
 @pytest.fixture
@@ -179,17 +191,14 @@ def test_a_phone_needs_not_be_scrolled_sideways(browser: Browser, relay: StandIn
     relay.view["runs"][0]["run"] = LONG
     relay.view["status"]["subscribers"][0].update(name=LONG, problem=LONG)
     relay.view["status"]["problem"] = LONG
-    try:
-        browser.width(360)
-        browser.open(relay.address)
-        assert browser.run("return innerWidth") == 360
-        assert browser.run("return document.documentElement.scrollWidth") <= 360
-        sizes = browser.run("return [...document.querySelectorAll('body *')]"
-                            ".filter(each => each.childNodes.length > 0 && each.offsetParent)"
-                            ".map(each => parseFloat(getComputedStyle(each).fontSize))")
-        assert min(sizes) >= 16
-    finally:
-        browser.tell("Emulation.clearDeviceMetricsOverride")
+    browser.width(360)
+    browser.open(relay.address)
+    assert browser.run("return innerWidth") == 360
+    assert browser.run("return document.documentElement.scrollWidth") <= 360
+    sizes = browser.run("return [...document.querySelectorAll('body *')]"
+                        ".filter(each => each.childNodes.length > 0 && each.offsetParent)"
+                        ".map(each => parseFloat(getComputedStyle(each).fontSize))")
+    assert min(sizes) >= 16
 
 
 def test_every_text_stands_out_from_its_ground(browser: Browser, relay: StandIn) -> None:
