@@ -1,6 +1,7 @@
 // Digests of the files of runs, for their manifests.
 #include "relay/digests.h"
 
+#include "relay/file_look.h"
 #include "relay/messages.h"
 #include "utilities/descriptors.h"
 
@@ -12,7 +13,6 @@
 #include <utility>
 
 #include <fcntl.h>
-#include <linux/openat2.h>
 #include <openssl/evp.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -30,7 +30,6 @@ constexpr std::size_t block = 256 * 1024; // bytes
 constexpr std::int64_t claimedAtOnce = 16;
 constexpr int idlePriority = 3 << 13; // of the disk: what nobody else wants
 constexpr int largestNice = 19;
-constexpr std::int64_t billion = 1000000000;
 constexpr auto pause = std::chrono::milliseconds(500);
 
 std::string hexadecimal(const unsigned char* bytes, std::size_t count) {
@@ -84,21 +83,14 @@ private:
 int openFile(const std::string& target, const std::string& name) {
     const Descriptor folder(
         ::open(target.empty() ? "." : target.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-    open_how how{};
-    how.flags = O_RDONLY | O_NONBLOCK | O_CLOEXEC;
-    how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
-    return folder ? static_cast<int>(
-                        ::syscall(SYS_openat2, folder.get(), name.c_str(), &how, sizeof how))
-                  : -1;
+    return folder ? openBeneath(folder.get(), name, O_RDONLY | O_NONBLOCK) : -1;
 }
 
 /// True if the open file is a regular one, and the one that was announced.
 bool isStill(const RunFile& file, int descriptor) {
     struct stat status {};
     return ::fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode) &&
-           file.identity == Identity{status.st_size,
-                                     status.st_mtim.tv_sec * billion + status.st_mtim.tv_nsec,
-                                     status.st_ino};
+           file.identity == identityOf(status);
 }
 
 } // namespace
@@ -128,20 +120,14 @@ void Digests::work() {
     ::setpriority(PRIO_PROCESS, thread, largestNice);
     ::syscall(SYS_ioprio_set, 1, thread, idlePriority);
     while (!isEnding) {
-        std::vector<RunFile> digested;
-        Clock::time_point stored = Clock::now();
-        for (RunFile& each : claim()) {
+        std::vector<RunFile> files = claim();
+        for (RunFile& each : files) {
             take(each);
-            digested.push_back(std::move(each));
-            if (Clock::now() - stored > pause) {
-                store(digested);
-                stored = Clock::now();
-            }
         }
-        if (digested.empty()) {
+        if (files.empty()) {
             rest(Clock::now() + pause);
         }
-        store(digested);
+        store(files);
     }
 }
 

@@ -16,14 +16,6 @@ namespace {
 
 constexpr std::int64_t billion = 1000000000;
 
-/// A folder below another one, of which it may not lead out, and on whose way no link may lie.
-int openBeneath(int parent, const std::string& name) {
-    open_how how{};
-    how.flags = O_PATH | O_DIRECTORY | O_CLOEXEC;
-    how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
-    return static_cast<int>(::syscall(SYS_openat2, parent, name.c_str(), &how, sizeof how));
-}
-
 FileType typeOf(mode_t mode) {
     switch (mode & S_IFMT) {
     case S_IFREG:
@@ -38,6 +30,18 @@ FileType typeOf(mode_t mode) {
 }
 
 } // namespace
+
+int openBeneath(int folder, const std::string& name, int flags) {
+    open_how how{};
+    how.flags = static_cast<unsigned>(flags) | O_CLOEXEC;
+    how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
+    return static_cast<int>(::syscall(SYS_openat2, folder, name.c_str(), &how, sizeof how));
+}
+
+Identity identityOf(const struct stat& status) {
+    return {status.st_size, status.st_mtim.tv_sec * billion + status.st_mtim.tv_nsec,
+            status.st_ino};
+}
 
 void FileLook::at(const Located& place, Record& record) {
     if (targetPath != place.target) {
@@ -58,7 +62,7 @@ void FileLook::at(const Located& place, Record& record) {
                                                            : place.name.substr(slash + 1));
     if ((!folder && folderError == 0) || folderName != inFolder) {
         folderName = inFolder;
-        folder = Descriptor(openBeneath(target.get(), folderName));
+        folder = Descriptor(openBeneath(target.get(), folderName, O_PATH | O_DIRECTORY));
         folderError = folder ? 0 : errno;
     }
     if (!folder) {
@@ -75,8 +79,7 @@ void FileLook::at(const Located& place, Record& record) {
         return;
     }
     record.type = typeOf(status.st_mode);
-    record.identity = Identity{
-        status.st_size, status.st_mtim.tv_sec * billion + status.st_mtim.tv_nsec, status.st_ino};
+    record.identity = identityOf(status);
 }
 
 } // namespace relay

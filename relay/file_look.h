@@ -8,7 +8,16 @@
 #include <string>
 #include <string_view>
 
+struct stat;
+
 namespace relay {
+
+/// Opens what is below a folder, out of which it may not lead, and on whose way no link may lie:
+/// ELOOP then, or EXDEV. -1 and errno if it can't be opened.
+int openBeneath(int folder, const std::string& name, int flags);
+
+/// What tells the file of that status from others.
+Identity identityOf(const struct stat& status);
 
 /// Looks at files one after the other, mostly of the same folder: that is opened once. For a number
 /// of looks at about the same time, since a folder may be moved or replaced in between.

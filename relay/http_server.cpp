@@ -226,9 +226,6 @@ public:
     void end() {
         isEnding = true;
         served.log.interrupt();
-        if (served.runs != nullptr) {
-            served.runs->interrupt();
-        }
     }
 
 private:

@@ -68,43 +68,41 @@ CREATE TABLE dead_letters(
 )",
                                                    R"(
 CREATE TABLE runs(
-    id INTEGER PRIMARY KEY,
-    name TEXT NOT NULL UNIQUE,
-    state INTEGER NOT NULL,
-    ended_by TEXT NOT NULL,
-    expected INTEGER NOT NULL,
+    name TEXT PRIMARY KEY,
+    state INTEGER NOT NULL DEFAULT 0,
+    ended_by TEXT NOT NULL DEFAULT '',
+    expected INTEGER,
+    touched INTEGER NOT NULL,
+    ended INTEGER NOT NULL DEFAULT 0,
+    reopened INTEGER NOT NULL DEFAULT 0) WITHOUT ROWID;
+CREATE INDEX runs_by_state ON runs(state, touched);
+CREATE INDEX runs_by_time ON runs(touched);
+CREATE TABLE run_parts(
+    run TEXT NOT NULL,
+    detector TEXT NOT NULL,
     files INTEGER NOT NULL,
     bytes INTEGER NOT NULL,
     first INTEGER NOT NULL,
     last INTEGER NOT NULL,
-    touched INTEGER NOT NULL,
-    ended INTEGER NOT NULL,
-    reopened INTEGER NOT NULL,
-    deadline INTEGER NOT NULL);
-CREATE INDEX runs_by_deadline ON runs(deadline);
-CREATE INDEX runs_by_touched ON runs(touched);
-CREATE TABLE run_parts(
-    run INTEGER NOT NULL,
-    detector TEXT NOT NULL,
     indices INTEGER NOT NULL,
-    lowest INTEGER NOT NULL,
-    highest INTEGER NOT NULL,
-    passed INTEGER NOT NULL,
+    lowest INTEGER,
+    highest INTEGER,
+    passed INTEGER NOT NULL DEFAULT 0,
     PRIMARY KEY (run, detector)) WITHOUT ROWID;
 CREATE INDEX run_parts_by_detector ON run_parts(detector) WHERE passed = 0;
 CREATE TABLE run_files(
-    run INTEGER NOT NULL,
+    run TEXT NOT NULL,
     path TEXT NOT NULL,
     seq INTEGER NOT NULL,
     detector TEXT NOT NULL,
-    number INTEGER NOT NULL,
+    number INTEGER,
     size INTEGER NOT NULL,
     mtime INTEGER NOT NULL,
     inode INTEGER NOT NULL,
     digest_state INTEGER NOT NULL,
     digest TEXT NOT NULL,
     PRIMARY KEY (run, path)) WITHOUT ROWID;
-CREATE INDEX run_files_by_number ON run_files(run, detector, number) WHERE number >= 0;
+CREATE INDEX run_files_by_number ON run_files(run, detector, number) WHERE number NOTNULL;
 CREATE INDEX run_files_pending ON run_files(seq) WHERE digest_state = 1;
 CREATE TABLE runs_position(one INTEGER PRIMARY KEY CHECK (one = 1), seq INTEGER NOT NULL);
 )"};
@@ -487,9 +485,10 @@ std::int64_t RecordLog::positionOf(const Start& start) {
     });
 }
 
-void RecordLog::waitBehind(std::int64_t sequence, std::chrono::milliseconds limit) {
+bool RecordLog::waitBehind(std::int64_t sequence, std::chrono::milliseconds limit) {
     std::unique_lock<std::mutex> guard(mutex);
     grown.wait_for(guard, limit, [&] { return last > sequence || isInterrupted; });
+    return !isInterrupted;
 }
 
 void RecordLog::interrupt() {

@@ -113,8 +113,9 @@ public:
     /// The number in front of the first record that one who starts there gets.
     std::int64_t positionOf(const Start& start);
 
-    /// Waits until there is a record behind that number, for so long at most, or for `interrupt`.
-    void waitBehind(std::int64_t sequence, std::chrono::milliseconds limit);
+    /// Waits until there is a record behind that number, for so long at most, or for `interrupt`:
+    /// false then.
+    bool waitBehind(std::int64_t sequence, std::chrono::milliseconds limit);
 
     /// Wakes all that wait; later calls of waitBehind return at once.
     void interrupt();

@@ -17,7 +17,6 @@ namespace relay {
 
 namespace {
 
-constexpr std::int64_t billion = 1000000000;
 constexpr std::size_t longestIndex = 12; // digits, so that sums over all detectors can't overflow
 constexpr std::int64_t expressionMemory = 8LL << 20U; // bytes
 constexpr std::size_t mostPartsTold = 100;            // in one object
@@ -166,18 +165,6 @@ Judgement judge(const Run& run, const RunSettings& settings) {
         judgement.why = "nothing tells how many files there should be";
     }
     return judgement;
-}
-
-std::int64_t deadline(const Run& run, const RunSettings& settings) {
-    switch (run.state) {
-    case RunState::open:
-        return run.touched + (settings.quiet > 0 ? settings.quiet : settings.forgotten) * billion;
-    case RunState::ending:
-        return run.touched + settings.settle * billion;
-    case RunState::ended:
-        break;
-    }
-    return INT64_MAX;
 }
 
 Json jsonOf(const Run& run, const Judgement& judgement, const std::vector<IndexSpan>& missing) {

@@ -57,21 +57,18 @@ struct RunPart {
     std::int64_t indices = 0; // different ones; the next two have a meaning if there are some
     std::int64_t lowest = 0;
     std::int64_t highest = 0;
-    bool isPassed = false; // the detector has begun another run since
 };
 
 struct Run {
-    std::int64_t id = 0; // 0: it is not in the database yet
-    std::string name;    // any bytes
+    std::string name; // any bytes
     RunState state = RunState::open;
     std::string by;                       // what ended or reopened it; empty while it is open
     std::optional<std::int64_t> expected; // files, if that was told
     std::int64_t files = 0;               // by their paths: a new file of an old name is none more
     std::int64_t bytes = 0;
-    std::int64_t first = 0;   // when its first file came, in nanoseconds since 1970; 0: none came
-    std::int64_t last = 0;    // its last file
-    std::int64_t touched = 0; // the last that happened to it: a file, or an announced end
-    std::int64_t ended = 0;   // 0: it has not
+    std::int64_t first = 0; // when its first file came, in nanoseconds since 1970; 0: none came
+    std::int64_t last = 0;  // its last file
+    std::int64_t ended = 0; // 0: it has not
     std::int64_t reopened = 0;
     std::vector<RunPart> parts;
 };
@@ -87,9 +84,6 @@ Judgement judge(const Run& run, const RunSettings& settings);
 
 /// The most files that can be expected of a run.
 constexpr std::int64_t mostExpected = 1000000000000;
-
-/// When it ends if nothing happens to it before; INT64_MAX if it has ended.
-std::int64_t deadline(const Run& run, const RunSettings& settings);
 
 /// Indices that are missing, from the first to the last.
 struct IndexSpan {
@@ -116,9 +110,9 @@ enum class DigestState { unwanted = 0, pending = 1, taken = 2, impossible = 3 };
 
 /// One file of a run.
 struct RunFile {
-    std::int64_t run = 0;
-    std::int64_t sequence = 0; // of its record
+    std::string run;
     std::string path;
+    std::int64_t sequence = 0; // of its record
     std::string detector;
     std::optional<std::int64_t> index;
     std::optional<Identity> identity;

@@ -2,9 +2,11 @@
 #include "relay/runs.h"
 
 #include <algorithm>
+#include <chrono>
 #include <map>
 #include <nlohmann/json.hpp>
-#include <utility>
+
+#include <SQLiteCpp/SQLiteCpp.h>
 
 namespace relay {
 
@@ -14,16 +16,60 @@ constexpr std::size_t countedAtOnce = 200; // the intake waits for as long
 constexpr std::size_t spansInRecord = 100;
 constexpr std::int64_t endedAtOnce = 200;
 constexpr std::int64_t removedAtOnce = 2000; // files
+constexpr std::int64_t billion = 1000000000; // nanoseconds
+constexpr auto pause = std::chrono::milliseconds(200);
 
-constexpr std::int64_t none = -1; // in the database: there is no such number
+/// SQL statements of one transaction, each prepared once however often it is used.
+class Statements {
+public:
+    explicit Statements(SQLite::Database& ofDatabase) : database(ofDatabase) {}
 
-std::vector<std::string> texts(SQLite::Statement& rows) {
-    std::vector<std::string> found;
-    while (rows.executeStep()) {
-        found.push_back(rows.getColumn(0).getString());
+    /// Begins a statement with these values for its marks. It is known by the place of its text,
+    /// which must be a constant.
+    template<std::size_t size, class... Values>
+    SQLite::Statement& begin(const char (&text)[size], const Values&... values) {
+        SQLite::Statement& statement = prepared.try_emplace(text, database, text).first->second;
+        statement.reset();
+        int mark = 0;
+        (bind(statement, ++mark, values), ...);
+        return statement;
     }
-    return found;
-}
+
+    /// Runs it to its end. Returns how many rows it has changed.
+    template<std::size_t size, class... Values>
+    std::int64_t run(const char (&text)[size], const Values&... values) {
+        return begin(text, values...).exec();
+    }
+
+    /// The first column of the first row; 0 if there is none.
+    template<std::size_t size, class... Values>
+    std::int64_t number(const char (&text)[size], const Values&... values) {
+        SQLite::Statement& row = begin(text, values...);
+        return row.executeStep() ? row.getColumn(0).getInt64() : 0;
+    }
+
+    /// The first column of all rows.
+    template<std::size_t size, class... Values>
+    std::vector<std::string> texts(const char (&text)[size], const Values&... values) {
+        std::vector<std::string> found;
+        for (SQLite::Statement& row = begin(text, values...); row.executeStep();) {
+            found.push_back(row.getColumn(0).getString());
+        }
+        return found;
+    }
+
+private:
+    template<class Value>
+    static void bind(SQLite::Statement& statement, int mark, const Value& value) {
+        statement.bind(mark, value);
+    }
+    static void bind(SQLite::Statement& statement, int mark, std::optional<std::int64_t> value) {
+        value ? statement.bind(mark, *value) : statement.bind(mark);
+    }
+
+    SQLite::Database& database;
+    std::map<const char*, SQLite::Statement> prepared;
+};
 
 /// A row's columns one after the other.
 class Columns {
@@ -32,8 +78,8 @@ public:
     std::int64_t number() { return row.getColumn(next++).getInt64(); }
     std::string text() { return row.getColumn(next++).getString(); }
     std::optional<std::int64_t> optional() {
-        const std::int64_t value = number();
-        return value == none ? std::nullopt : std::optional(value);
+        const SQLite::Column column = row.getColumn(next++);
+        return column.isNull() ? std::nullopt : std::optional<std::int64_t>(column.getInt64());
     }
     template<class Choice>
     Choice choice(Choice last) {
@@ -51,7 +97,7 @@ std::vector<RunFile> filesIn(SQLite::Statement& rows) {
     while (rows.executeStep()) {
         Columns column(rows);
         RunFile& file = found.emplace_back();
-        file.run = column.number();
+        file.run = column.text();
         file.path = column.text();
         file.sequence = column.number();
         file.detector = column.text();
@@ -67,97 +113,59 @@ std::vector<RunFile> filesIn(SQLite::Statement& rows) {
     return found;
 }
 
-std::optional<Run> loadRun(Statements& database, const std::string& name) {
-    SQLite::Statement& row = database.begin("SELECT * FROM runs WHERE name = ?", name);
-    if (!row.executeStep()) {
-        return std::nullopt;
-    }
-    Columns column(row);
-    Run run;
-    run.id = column.number();
-    run.name = column.text();
-    run.state = column.choice(RunState::ended);
-    run.by = column.text();
-    run.expected = column.optional();
-    run.files = column.number();
-    run.bytes = column.number();
-    run.first = column.number();
-    run.last = column.number();
-    run.touched = column.number();
-    run.ended = column.number();
-    run.reopened = column.number();
-    SQLite::Statement& parts =
-        database.begin("SELECT detector, indices, lowest, highest, passed FROM run_parts "
-                       "WHERE run = ? ORDER BY detector",
-                       run.id);
-    while (parts.executeStep()) {
-        Columns part(parts);
-        run.parts.push_back(
-            {part.text(), part.number(), part.number(), part.number(), part.number() != 0});
-    }
-    return run;
-}
-
-/// Those of one detector, `limit` at most.
-void addMissing(SQLite::Statement& indices, const IndexSpan& wanted, std::size_t limit,
-                std::vector<IndexSpan>& spans) {
-    std::int64_t next = wanted.first;
-    while (spans.size() < limit && indices.executeStep()) {
-        const std::int64_t index = indices.getColumn(0).getInt64();
-        if (index > next) {
-            spans.push_back({wanted.detector, next, index - 1});
-        }
-        next = index + 1;
-    }
-    if (spans.size() < limit && next <= wanted.last) {
-        spans.push_back({wanted.detector, next, wanted.last});
-    }
-}
-
-std::vector<IndexSpan> spansMissing(Statements& database, const Run& run,
-                                    const RunSettings& settings, std::size_t limit) {
-    std::vector<IndexSpan> spans;
-    for (const RunPart& part : run.parts) {
-        const IndexSpan wanted = wantedIndices(run, part, settings);
-        if (part.indices > 0 && wanted.last - wanted.first + 1 > part.indices) {
-            addMissing(database.begin("SELECT number FROM run_files WHERE run = ? AND "
-                                      "detector = ? AND number >= 0 ORDER BY number",
-                                      run.id, part.detector),
-                       wanted, limit, spans);
-        }
-    }
-    return spans;
-}
-
 } // namespace
 
-/// The changes of one transaction.
+/// One transaction: what it reads and changes. SQL has the rules of how a run goes on from one
+/// state to the next.
 class Runs::Batch {
 public:
-    Batch(Statements& inDatabase, const Runs& ofRuns) : database(inDatabase), runs(ofRuns) {}
+    Batch(SQLite::Database& inDatabase, const Runs& ofRuns) : database(inDatabase), runs(ofRuns) {}
 
-    Statements& database;
+    Statements database;
     std::vector<Record> told; // what goes into the log with the changes
 
-    /// The run as this transaction has it. Nothing if there is none.
-    Run* find(const std::string& name) {
-        const auto known = loaded.find(name);
-        if (known != loaded.end()) {
-            return &known->second;
+    /// The run as this transaction has it.
+    std::optional<Run> find(const std::string& name) {
+        SQLite::Statement& row =
+            database.begin("SELECT name, state, ended_by, expected, ended, reopened FROM runs "
+                           "WHERE name = ?",
+                           name);
+        if (!row.executeStep()) {
+            return std::nullopt;
         }
-        const std::optional<Run> run = loadRun(database, name);
-        return run ? &(loaded[name] = *run) : nullptr;
+        Columns column(row);
+        Run run;
+        run.name = column.text();
+        run.state = column.choice(RunState::ended);
+        run.by = column.text();
+        run.expected = column.optional();
+        run.ended = column.number();
+        run.reopened = column.number();
+        SQLite::Statement& rows =
+            database.begin("SELECT detector, indices, lowest, highest, files, bytes, first, last "
+                           "FROM run_parts WHERE run = ? ORDER BY detector",
+                           name);
+        while (rows.executeStep()) {
+            Columns part(rows);
+            run.parts.push_back({part.text(), part.number(), part.number(), part.number()});
+            run.files += part.number();
+            run.bytes += part.number();
+            const std::int64_t first = part.number();
+            run.first = run.first == 0 ? first : std::min(run.first, first);
+            run.last = std::max(run.last, part.number());
+        }
+        return run;
     }
 
-    Run& findOrBegin(const std::string& name, std::int64_t time) {
-        if (Run* const known = find(name)) {
-            return *known;
-        }
-        Run run;
-        run.name = name;
-        run.touched = time;
-        write(run);
-        return loaded[name] = run;
+    Json describe(const Run& run, std::size_t spans) {
+        return jsonOf(run, judge(run, runs.settings), missing(run, spans));
+    }
+
+    /// Something has happened to the run at that time, perhaps the first.
+    void touch(const std::string& name, std::int64_t time) {
+        database.run("INSERT INTO runs(name, touched) VALUES (?, ?) ON CONFLICT (name) "
+                     "DO UPDATE SET touched = excluded.touched",
+                     name, time);
     }
 
     void count(const Record& record) {
@@ -165,110 +173,126 @@ public:
             add(record, *place);
         }
         if (const auto place = runs.sentinel.find(record.path)) {
-            announceEnd(findOrBegin(place->run, record.arrival), "a sentinel file", record.arrival);
+            touch(place->run, record.arrival);
+            announceEnd(place->run, "a sentinel file");
         }
     }
 
-    void end(Run& run, const std::string& by, std::int64_t time) {
-        run.state = RunState::ended;
-        run.by = by;
-        run.ended = time;
-        tell(run, "ended");
+    void end(const std::string& name, std::int64_t time) {
+        database.run("UPDATE runs SET state = 2, ended = ? WHERE name = ?", time, name);
+        tell(name, "ended");
     }
 
-    void endOverdue(std::int64_t time) {
-        writeAll();
-        const auto names =
-            texts(database.begin("SELECT name FROM runs WHERE deadline <= ? ORDER BY deadline "
-                                 "LIMIT ?",
-                                 time, endedAtOnce));
+    /// Ends those to which nothing has happened for long enough. Returns how many they were.
+    std::int64_t endOverdue(std::int64_t time) {
+        const RunSettings& settings = runs.settings;
+        const std::int64_t quiet = settings.quiet > 0 ? settings.quiet : settings.forgotten;
+        const auto names = database.texts(
+            "SELECT name FROM runs WHERE (state = 0 AND touched <= ?) OR (state = 1 AND "
+            "touched <= ?) ORDER BY touched LIMIT ?",
+            time - quiet * billion, time - settings.settle * billion, endedAtOnce);
         for (const std::string& name : names) {
-            Run& run = *find(name);
-            end(run, run.state == RunState::open ? "quiet" : run.by, time);
+            announceEnd(name, "quiet");
+            end(name, time);
         }
+        return static_cast<std::int64_t>(names.size());
     }
 
-    void writeAll() {
-        for (auto& [name, run] : loaded) {
-            write(run);
+    /// Ends those that wait for more files, and have all: nothing is left to be waited for.
+    void endComplete(std::int64_t time) {
+        for (const std::string& name :
+             database.texts("SELECT name FROM runs WHERE state = 1 AND expected NOTNULL")) {
+            if (judge(*find(name), runs.settings).isComplete == true) {
+                end(name, time);
+            }
         }
     }
 
 private:
+    /// The first `limit` spans that it lacks.
+    std::vector<IndexSpan> missing(const Run& run, std::size_t limit) {
+        std::vector<IndexSpan> spans;
+        for (const RunPart& part : run.parts) {
+            const IndexSpan wanted = wantedIndices(run, part, runs.settings);
+            if (part.indices == 0 || wanted.last - wanted.first + 1 == part.indices) {
+                continue;
+            }
+            std::int64_t next = wanted.first;
+            const auto addUpTo = [&](std::int64_t last) {
+                if (next <= last && spans.size() < limit) {
+                    spans.push_back({part.detector, next, last});
+                }
+            };
+            SQLite::Statement& indices =
+                database.begin("SELECT number FROM run_files WHERE run = ? AND detector = ? AND "
+                               "number NOTNULL ORDER BY number",
+                               run.name, part.detector);
+            while (spans.size() < limit && indices.executeStep()) {
+                const std::int64_t index = indices.getColumn(0).getInt64();
+                addUpTo(index - 1);
+                next = index + 1;
+            }
+            addUpTo(wanted.last);
+        }
+        return spans;
+    }
+
     void add(const Record& record, const RunPattern::Place& place) {
-        Run& run = findOrBegin(place.run, record.arrival);
         const std::string detector = place.detector.empty() ? record.detector : place.detector;
-        const std::int64_t size = record.identity ? record.identity->size : 0;
-        const auto old = sizeOf(run, record.path);
-        const bool isNewIndex = place.index && !hasIndex(run, detector, *place.index);
-        writeFile({run.id, record.sequence, record.path, detector, place.index, record.identity,
-                   runs.settings.checksum == Checksum::none ? DigestState::unwanted
-                                                            : DigestState::pending,
-                   ""});
-        run.files += old ? 0 : 1;
-        run.bytes += size - old.value_or(0);
-        run.first = run.first == 0 ? record.arrival : run.first;
-        run.last = run.touched = record.arrival;
-        auto part = std::find_if(run.parts.begin(), run.parts.end(),
-                                 [&](const RunPart& each) { return each.detector == detector; });
-        const bool isFirst = part == run.parts.end();
-        if (isFirst) {
-            part = run.parts.insert(part, {detector, 0, 0, 0, false});
+        const Identity identity = record.identity.value_or(Identity());
+        const DigestState digest =
+            runs.settings.checksum == Checksum::none ? DigestState::unwanted : DigestState::pending;
+        touch(place.run, record.arrival);
+        if (runs.settings.isEndedByNext &&
+            database.number("SELECT count(*) FROM run_parts WHERE run = ? AND detector = ?",
+                            place.run, detector) == 0) {
+            passOthers(detector, record.arrival);
         }
-        if (isNewIndex) {
-            part->lowest = part->indices == 0 ? *place.index : std::min(part->lowest, *place.index);
-            part->highest = std::max(part->highest, *place.index);
-            ++part->indices;
-        }
-        if (run.state == RunState::ended) {
-            run.state = RunState::ending;
-            run.by = "a late file";
-            run.ended = 0;
-            ++run.reopened;
-            tell(run, "reopened");
-        }
-        if (isFirst && runs.settings.isEndedByNext) {
-            passOthers(run.name, detector, record.arrival);
-        }
-        if (run.state == RunState::ending && run.expected &&
-            judge(run, runs.settings).isComplete == true) {
-            end(run, run.by, record.arrival); // nothing is left to be waited for
+        // A new file of an old name is none more, and so is one of an index that is there.
+        database.run(R"(
+            INSERT INTO run_parts(run, detector, files, bytes, first, last, lowest, highest, indices)
+            SELECT ?1, ?2, count(*) = 0, ?4 - coalesce(sum(size), 0), ?5, ?5, ?6, ?6,
+                ?6 NOTNULL AND NOT EXISTS (SELECT number FROM run_files INDEXED BY run_files_by_number
+                                           WHERE run = ?1 AND detector = ?2 AND number = ?6)
+            FROM run_files WHERE run = ?1 AND path = ?3
+            ON CONFLICT (run, detector) DO UPDATE SET
+                files = files + excluded.files,
+                bytes = bytes + excluded.bytes,
+                last = excluded.last,
+                indices = indices + excluded.indices,
+                lowest = coalesce(min(lowest, excluded.lowest), lowest, excluded.lowest),
+                highest = coalesce(max(highest, excluded.highest), highest, excluded.highest))",
+                     place.run, detector, record.path, identity.size, record.arrival, place.index);
+        database.run("INSERT OR REPLACE INTO run_files VALUES (?,?,?,?,?,?,?,?,?,'')", place.run,
+                     record.path, record.sequence, detector, place.index, identity.size,
+                     identity.mtime, static_cast<std::int64_t>(identity.inode),
+                     static_cast<std::int64_t>(digest));
+        if (database.run("UPDATE runs SET state = 1, ended_by = 'a late file', ended = 0, "
+                         "reopened = reopened + 1 WHERE name = ? AND state = 2",
+                         place.run) > 0) {
+            tell(place.run, "reopened");
         }
     }
 
-    /// The detector has begun this run: its part of all others is over.
-    void passOthers(const std::string& begun, const std::string& detector, std::int64_t time) {
-        writeAll();
-        const auto names = texts(database.begin(
-            "SELECT name FROM run_parts JOIN runs ON id = run WHERE detector = ? AND "
-            "passed = 0 AND name <> ?",
-            detector, begun));
-        for (const std::string& name : names) {
-            Run& other = *find(name);
-            bool areAllPassed = true;
-            for (RunPart& each : other.parts) {
-                each.isPassed = each.isPassed || each.detector == detector;
-                areAllPassed = areAllPassed && each.isPassed;
-            }
-            if (areAllPassed) {
-                announceEnd(other, "the next run", time);
-            }
-        }
+    /// The detector begins another run: its part of all that there are is over, and so are those
+    /// of which all parts are.
+    void passOthers(const std::string& detector, std::int64_t time) {
+        database.run("UPDATE run_parts SET passed = 1 WHERE detector = ? AND passed = 0", detector);
+        database.run("UPDATE runs SET state = 1, ended_by = 'the next run', touched = ? "
+                     "WHERE state = 0 AND (SELECT min(passed) FROM run_parts WHERE run = name) = 1",
+                     time);
     }
 
-    void announceEnd(Run& run, const std::string& by, std::int64_t time) {
-        if (run.state == RunState::open) {
-            run.state = RunState::ending;
-            run.by = by;
-            run.touched = std::max(run.touched, time);
-        }
+    void announceEnd(const std::string& name, const std::string& by) {
+        database.run("UPDATE runs SET state = 1, ended_by = ? WHERE name = ? AND state = 0", by,
+                     name);
     }
 
     /// Writes a record of what has become of the run.
-    void tell(const Run& run, const std::string& event) {
+    void tell(const std::string& name, const std::string& event) {
+        const Run run = *find(name);
         Json object = {{"event", event}};
-        object.update(jsonOf(run, judge(run, runs.settings),
-                             spansMissing(database, run, runs.settings, spansInRecord)));
+        object.update(describe(run, spansInRecord));
         Record record;
         record.kind = Kind::run;
         record.path = std::string(runLinePrefix) + jsonText(object);
@@ -277,43 +301,7 @@ private:
         told.push_back(std::move(record));
     }
 
-    void write(Run& run) {
-        if (run.id == 0) {
-            run.id = database.number("SELECT max(id) FROM runs") + 1;
-        }
-        database.run("INSERT OR REPLACE INTO runs VALUES (?,?,?,?,?,?,?,?,?,?,?,?,?)", run.id,
-                     run.name, static_cast<std::int64_t>(run.state), run.by,
-                     run.expected.value_or(none), run.files, run.bytes, run.first, run.last,
-                     run.touched, run.ended, run.reopened, deadline(run, runs.settings));
-        for (const RunPart& each : run.parts) {
-            database.run("INSERT OR REPLACE INTO run_parts VALUES (?,?,?,?,?,?)", run.id,
-                         each.detector, each.indices, each.lowest, each.highest,
-                         static_cast<std::int64_t>(each.isPassed));
-        }
-    }
-
-    void writeFile(const RunFile& file) {
-        const Identity identity = file.identity.value_or(Identity());
-        database.run("INSERT OR REPLACE INTO run_files VALUES (?,?,?,?,?,?,?,?,?,'')", file.run,
-                     file.path, file.sequence, file.detector, file.index.value_or(none),
-                     identity.size, identity.mtime, static_cast<std::int64_t>(identity.inode),
-                     static_cast<std::int64_t>(file.digestState));
-    }
-
-    std::optional<std::int64_t> sizeOf(const Run& run, const std::string& path) {
-        SQLite::Statement& row =
-            database.begin("SELECT size FROM run_files WHERE run = ? AND path = ?", run.id, path);
-        return row.executeStep() ? std::optional(row.getColumn(0).getInt64()) : std::nullopt;
-    }
-
-    bool hasIndex(const Run& run, const std::string& detector, std::int64_t index) {
-        return database.number("SELECT count(*) FROM run_files WHERE run = ? AND detector = ? AND "
-                               "number = ? AND number >= 0",
-                               run.id, detector, index) > 0;
-    }
-
     const Runs& runs;
-    std::map<std::string, Run> loaded;
 };
 
 Runs::Runs(const RunSettings& itsSettings, RecordLog& inLog)
@@ -327,25 +315,16 @@ Runs::Runs(const RunSettings& itsSettings, RecordLog& inLog)
 
 void Runs::change(const std::function<void(Batch&)>& work) {
     log.change([&](SQLite::Database& database) {
-        Statements statements(database);
-        Batch batch(statements, *this);
+        Batch batch(database, *this);
         work(batch);
-        batch.writeAll();
         return std::move(batch.told);
     });
-    const std::lock_guard<std::mutex> guard(mutex);
-    ++changes;
-    changed.notify_all();
 }
 
 template<class Work>
-auto Runs::ask(Work work) -> decltype(work(std::declval<Statements&>())) {
-    decltype(work(std::declval<Statements&>())) answer{};
-    log.change([&](SQLite::Database& database) {
-        Statements statements(database);
-        answer = work(statements);
-        return std::vector<Record>();
-    });
+auto Runs::ask(Work work) {
+    decltype(work(std::declval<Batch&>())) answer{};
+    change([&](Batch& batch) { answer = work(batch); });
     return answer;
 }
 
@@ -359,115 +338,98 @@ void Runs::follow(std::int64_t time) {
             break;
         }
         change([&](Batch& batch) {
-            // As if all had been counted when it came.
-            batch.endOverdue(page.records.empty() ? 0 : page.records.front().arrival);
-            for (const Record& each : page.records) {
-                batch.count(each);
+            if (!page.records.empty()) {
+                // As if all had been counted when it came.
+                batch.endOverdue(page.records.front().arrival);
+                for (const Record& each : page.records) {
+                    batch.count(each);
+                }
+                batch.endComplete(page.records.back().arrival);
             }
-            batch.database.run("UPDATE runs_position SET seq = ?", page.seenTo);
+            batch.database.run("INSERT OR REPLACE INTO runs_position VALUES (1, ?)", page.seenTo);
         });
         counted = page.seenTo;
     }
-    std::int64_t overdue = 0;
-    do {
-        overdue = ask([&](Statements& database) {
-            return database.number("SELECT count(*) FROM runs WHERE deadline <= ?", time);
-        });
-        if (overdue > 0) {
-            change([&](Batch& batch) { batch.endOverdue(time); });
-        }
-    } while (overdue > endedAtOnce);
+    while (ask([&](Batch& batch) { return batch.endOverdue(time); }) == endedAtOnce) {
+    }
 }
 
 std::optional<Run> Runs::end(const std::string& name, std::optional<std::int64_t> expected) {
     const std::int64_t time = now();
     follow(0); // no other end comes before this one
     const std::lock_guard<std::mutex> guard(following);
-    std::optional<Run> result;
-    change([&](Batch& batch) {
-        Run* run = batch.find(name);
-        if (run == nullptr) {
-            if (!expected) {
-                return;
-            }
-            run = &batch.findOrBegin(name, time);
+    return ask([&](Batch& batch) {
+        if (expected) {
+            batch.database.run("INSERT OR IGNORE INTO runs(name, touched) VALUES (?, ?)", name,
+                               time);
         }
-        const bool isOtherNumber = expected && run->expected != expected;
-        run->expected = expected ? expected : run->expected;
-        if (run->state != RunState::ended || isOtherNumber) {
-            batch.end(*run, "a command", time);
+        std::optional<Run> run = batch.find(name);
+        if (run && (run->state != RunState::ended || (expected && run->expected != expected))) {
+            batch.database.run("UPDATE runs SET ended_by = 'a command', "
+                               "expected = coalesce(?, expected) WHERE name = ?",
+                               expected, name);
+            batch.end(name, time);
+            run = batch.find(name);
         }
-        result = *run;
+        return run;
     });
-    return result;
 }
 
 std::optional<Run> Runs::find(const std::string& name) {
-    return ask([&](Statements& database) { return loadRun(database, name); });
+    return ask([&](Batch& batch) { return batch.find(name); });
 }
 
 std::optional<Run> Runs::await(const std::string& name, std::optional<std::int64_t> expected,
                                std::chrono::milliseconds limit) {
     const auto end = std::chrono::steady_clock::now() + limit;
     for (;;) {
-        std::unique_lock<std::mutex> guard(mutex);
-        const std::int64_t before = changes;
-        guard.unlock();
         std::optional<Run> run = find(name);
         if (run && expected) {
             run->expected = expected;
         }
         const bool isDone = run && (run->state == RunState::ended ||
                                     (expected && judge(*run, settings).isComplete == true));
-        guard.lock();
-        if (isDone || isInterrupted ||
-            !changed.wait_until(guard, end, [&] { return changes != before || isInterrupted; })) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            end - std::chrono::steady_clock::now());
+        if (isDone || left.count() <= 0 || !log.waitBehind(INT64_MAX, std::min(left, pause))) {
             return run;
         }
     }
 }
 
 std::vector<Run> Runs::latest(std::int64_t limit) {
-    const auto names = ask([&](Statements& database) {
-        return texts(database.begin("SELECT name FROM runs ORDER BY touched DESC LIMIT ?", limit));
-    });
-    std::vector<Run> found;
-    for (const std::string& name : names) {
-        if (const auto run = find(name)) {
-            found.push_back(*run);
+    return ask([&](Batch& batch) {
+        std::vector<Run> found;
+        for (const std::string& name :
+             batch.database.texts("SELECT name FROM runs ORDER BY touched DESC LIMIT ?", limit)) {
+            found.push_back(*batch.find(name));
         }
-    }
-    return found;
-}
-
-std::vector<IndexSpan> Runs::missing(const Run& run, std::size_t limit) {
-    return ask([&](Statements& database) { return spansMissing(database, run, settings, limit); });
+        return found;
+    });
 }
 
 Json Runs::describe(const Run& run, std::size_t spans) {
-    const Judgement judgement = judge(run, settings);
-    return jsonOf(run, judgement,
-                  judgement.missing > 0 ? missing(run, spans) : std::vector<IndexSpan>());
+    return ask([&](Batch& batch) { return batch.describe(run, spans); });
 }
 
 std::vector<RunFile> Runs::files(const Run& run, const std::string& behind, std::int64_t limit) {
-    return ask([&](Statements& database) {
-        return filesIn(database.begin("SELECT * FROM run_files WHERE run = ? AND path > ? "
-                                      "ORDER BY path LIMIT ?",
-                                      run.id, behind, limit));
+    return ask([&](Batch& batch) {
+        return filesIn(batch.database.begin(
+            "SELECT * FROM run_files WHERE run = ? AND path > ? ORDER BY path LIMIT ?", run.name,
+            behind, limit));
     });
 }
 
 std::int64_t Runs::pendingDigests(const Run& run) {
-    return ask([&](Statements& database) {
-        return database.number("SELECT count(*) FROM run_files WHERE run = ? AND digest_state = 1",
-                               run.id);
+    return ask([&](Batch& batch) {
+        return batch.database.number(
+            "SELECT count(*) FROM run_files WHERE run = ? AND digest_state = 1", run.name);
     });
 }
 
 std::vector<RunFile> Runs::undigested(std::int64_t after, std::int64_t limit) {
-    return ask([&](Statements& database) {
-        return filesIn(database.begin(
+    return ask([&](Batch& batch) {
+        return filesIn(batch.database.begin(
             "SELECT * FROM run_files WHERE digest_state = 1 AND seq > ? ORDER BY seq LIMIT ?",
             after, limit));
     });
@@ -478,9 +440,9 @@ void Runs::setDigests(const std::vector<RunFile>& digested) {
         for (const RunFile& each : digested) {
             // Not of a new file of the name that has come meanwhile.
             batch.database.run("UPDATE run_files SET digest_state = ?, digest = ? "
-                               "WHERE run = ? AND path = ? AND seq = ?",
-                               static_cast<std::int64_t>(each.digestState), each.digest, each.run,
-                               each.path, each.sequence);
+                               "WHERE digest_state = 1 AND seq = ?",
+                               static_cast<std::int64_t>(each.digestState), each.digest,
+                               each.sequence);
         }
     });
 }
@@ -488,23 +450,18 @@ void Runs::setDigests(const std::vector<RunFile>& digested) {
 void Runs::removeOld(std::int64_t before) {
     change([&](Batch& batch) {
         Statements& database = batch.database;
-        const std::int64_t id = database.number(
-            "SELECT id FROM runs WHERE touched < ? AND state = 2 ORDER BY touched LIMIT 1", before);
-        const std::int64_t removed =
-            database.run("DELETE FROM run_files WHERE run = ? AND path IN (SELECT path FROM "
-                         "run_files WHERE run = ? LIMIT ?)",
-                         id, id, removedAtOnce);
-        if (removed < removedAtOnce) {
-            database.run("DELETE FROM run_parts WHERE run = ?", id);
-            database.run("DELETE FROM runs WHERE id = ?", id);
+        for (const std::string& name : database.texts(
+                 "SELECT name FROM runs WHERE touched < ? AND state = 2 LIMIT 1", before)) {
+            const std::int64_t removed =
+                database.run("DELETE FROM run_files WHERE run = ?1 AND path IN "
+                             "(SELECT path FROM run_files WHERE run = ?1 LIMIT ?2)",
+                             name, removedAtOnce);
+            if (removed < removedAtOnce) {
+                database.run("DELETE FROM run_parts WHERE run = ?", name);
+                database.run("DELETE FROM runs WHERE name = ?", name);
+            }
         }
     });
-}
-
-void Runs::interrupt() {
-    const std::lock_guard<std::mutex> guard(mutex);
-    isInterrupted = true;
-    changed.notify_all();
 }
 
 } // namespace relay

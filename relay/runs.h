@@ -12,18 +12,15 @@
 #include "relay/record_log.h"
 #include "relay/run.h"
 #include "relay/settings.h"
-#include "relay/statements.h"
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace relay {
@@ -49,18 +46,15 @@ public:
 
     std::optional<Run> find(const std::string& name);
 
-    /// Waits, for so long at most, until the run has ended or has all of that many files. Returns
-    /// it as it is then, judged by that number.
+    /// Waits, for so long at most, until the run has ended or has all of that many files, or the
+    /// log is interrupted. Returns it as it is then, with that number.
     std::optional<Run> await(const std::string& name, std::optional<std::int64_t> expected,
                              std::chrono::milliseconds limit);
 
     /// Those to which something happened last, the last first.
     std::vector<Run> latest(std::int64_t limit);
 
-    /// Its missing indices, the first `limit` spans of them.
-    std::vector<IndexSpan> missing(const Run& run, std::size_t limit);
-
-    /// The run as JSON, with so many of these spans at most.
+    /// The run as JSON, with the first so many spans of missing indices.
     Json describe(const Run& run, std::size_t spans);
 
     /// Its files behind that path, by their paths: `limit` at most.
@@ -78,24 +72,17 @@ public:
     /// Forgets some of what has ended before that time.
     void removeOld(std::int64_t before);
 
-    /// Wakes all that wait; later calls of `await` return at once.
-    void interrupt();
-
 private:
     class Batch;
     void change(const std::function<void(Batch&)>& work);
     template<class Work>
-    auto ask(Work work) -> decltype(work(std::declval<Statements&>()));
+    auto ask(Work work);
 
     RecordLog& log;
     const RunPattern pattern;
     const RunPattern sentinel;
     std::atomic<std::int64_t> counted{0};
     std::mutex following; // one thread counts at a time
-    std::mutex mutex;     // guards the rest
-    std::int64_t changes = 0;
-    bool isInterrupted = false;
-    std::condition_variable changed;
 };
 
 } // namespace relay

@@ -7,6 +7,7 @@
 #include <nlohmann/json.hpp>
 #include <thread>
 
+#include <SQLiteCpp/SQLiteCpp.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -66,35 +67,34 @@ Run runOf(std::int64_t files, std::vector<RunPart> parts, std::optional<std::int
 }
 
 TEST(Judge, CountsWhatIsMissingBelowTheHighestIndex) {
-    const Judgement judgement = judge(runOf(3, {{"1", 3, 1, 5, false}}, {}), {});
+    const Judgement judgement = judge(runOf(3, {{"1", 3, 1, 5}}, {}), {});
     EXPECT_EQ(judgement.isComplete, false);
     EXPECT_EQ(judgement.missing, 2);
     EXPECT_EQ(judgement.why, "2 indices are missing");
 }
 
 TEST(Judge, CountsFromZeroIfThereIsAnIndexZero) {
-    EXPECT_EQ(judge(runOf(3, {{"1", 3, 0, 2, false}}, {}), {}).isComplete, true);
-    EXPECT_EQ(judge(runOf(2, {{"1", 2, 2, 3, false}}, {}), {}).missing, 1);
+    EXPECT_EQ(judge(runOf(3, {{"1", 3, 0, 2}}, {}), {}).isComplete, true);
+    EXPECT_EQ(judge(runOf(2, {{"1", 2, 2, 3}}, {}), {}).missing, 1);
 }
 
 TEST(Judge, KnowsWhatIsMissingAtTheEndByTheExpectedNumber) {
-    const Judgement judgement = judge(runOf(3, {{"1", 3, 1, 3, false}}, 5), {});
+    const Judgement judgement = judge(runOf(3, {{"1", 3, 1, 3}}, 5), {});
     EXPECT_EQ(judgement.isComplete, false);
     EXPECT_EQ(judgement.missing, 2);
     EXPECT_EQ(judgement.why, "3 of 5 files, 2 indices are missing");
 }
 
 TEST(Judge, DoesNotGuessWhichOfSeveralDetectorsHasNotSentAll) {
-    const Judgement judgement =
-        judge(runOf(4, {{"1", 2, 1, 2, false}, {"2", 2, 1, 2, false}}, 6), {});
+    const Judgement judgement = judge(runOf(4, {{"1", 2, 1, 2}, {"2", 2, 1, 2}}, 6), {});
     EXPECT_EQ(judgement.missing, 0);
     EXPECT_EQ(judgement.why, "4 of 6 files");
 }
 
 TEST(Judge, DoesNotCallCompleteWhatHasTooManyOrWhatNothingIsKnownOf) {
-    EXPECT_EQ(judge(runOf(6, {{"1", 6, 1, 6, false}}, 5), {}).why, "6 files where 5 were expected");
-    EXPECT_EQ(judge(runOf(6, {{"1", 0, 0, 0, false}}, {}), {}).isComplete, std::nullopt);
-    EXPECT_EQ(judge(runOf(6, {{"1", 0, 0, 0, false}}, 6), {}).isComplete, true);
+    EXPECT_EQ(judge(runOf(6, {{"1", 6, 1, 6}}, 5), {}).why, "6 files where 5 were expected");
+    EXPECT_EQ(judge(runOf(6, {{"1", 0, 0, 0}}, {}), {}).isComplete, std::nullopt);
+    EXPECT_EQ(judge(runOf(6, {{"1", 0, 0, 0}}, 6), {}).isComplete, true);
     EXPECT_EQ(judge(runOf(0, {}, 6), {}).why, "0 of 6 files");
 }
 
@@ -216,7 +216,7 @@ TEST_F(RunsTest, IsReopenedByLateFilesAndEndsWhenNothingIsMissingAnyMore) {
     ASSERT_THAT(told(), SizeIs(3));
     EXPECT_THAT(told()[2], HasSubstr("\"complete\":true,\"why\":\"all 5 files\""));
     EXPECT_THAT(told()[2], HasSubstr("\"reopened\":1"));
-    EXPECT_THAT(runs().missing(runNamed("r1"), 10), IsEmpty());
+    EXPECT_THAT(runs().describe(runNamed("r1"), 10)["missing"], IsEmpty());
 }
 
 TEST_F(RunsTest, EndsAgainAfterAWhileIfSomethingIsStillMissing) {
@@ -325,7 +325,7 @@ TEST_F(RunsTest, LeavesOutSpansAboveTheLimitAndKeepsTheirNumber) {
     runs().end("r1", {});
     EXPECT_THAT(told()[0], HasSubstr("\"missing_count\":250"));
     EXPECT_THAT(told()[0], testing::Not(HasSubstr("\"first\":202,")));
-    EXPECT_THAT(runs().missing(runNamed("r1"), 1000), SizeIs(250));
+    EXPECT_THAT(runs().describe(runNamed("r1"), 1000)["missing"], SizeIs(250));
 }
 
 TEST_F(RunsTest, WaitsUntilTheRunHasEndedOrHasAll) {
