@@ -26,7 +26,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr std::size_t block = 256 * 1024; // bytes
+constexpr std::size_t block = 1U << 18U; // bytes
 constexpr std::int64_t claimedAtOnce = 16;
 constexpr int idlePriority = 3 << 13; // of the disk: what nobody else wants
 constexpr int largestNice = 19;

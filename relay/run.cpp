@@ -168,7 +168,7 @@ Judgement judge(const Run& run, const RunSettings& settings) {
 }
 
 Json jsonOf(const Run& run, const Judgement& judgement, const std::vector<IndexSpan>& missing) {
-    const auto orNull = [](bool isThere, Json value) { return isThere ? value : Json(); };
+    const auto orNull = [](bool isThere, const Json& value) { return isThere ? value : Json(); };
     Json object;
     addBytes(object, "run", run.name);
     object["state"] = stateNames.at(static_cast<std::size_t>(run.state));
