@@ -3,7 +3,8 @@
 A small run makes a few hundred system calls, so no random moments are needed: strace ends the relay
 at the first, second, ... call of each kind, or lets that call fail. Lines wait in the pipe when it
 starts, and more come while it runs. Afterwards a relay is started that nothing is done to, and all
-lines must be in the log once and in order, and have come out of the subscriber's pipe in order.
+lines must be in the log once and in order, have come out of the subscriber's pipe in order, and be
+counted once in their run.
 """
 
 from __future__ import annotations
@@ -32,6 +33,8 @@ TRACE = Path("/tmp/trace")
 FILES = 6
 PATIENCE = 5.0
 SETTINGS = f"""\
+[runs]
+pattern = '/(?P<run>f)(?P<index>[0-9]+)$'
 [[subscriber]]
 name = "pipe"
 type = "pipe"
@@ -103,10 +106,13 @@ def one_run(expression: str, outcome: Outcome, what: str) -> str:
                 wait_until(lambda: paths[-1] in consumer.lines(), "the last line", 2 * PATIENCE)
             logged = [record.path for record in relay.records()]
             shifts = len(relay.records(kind="usershift"))
-            relay.kill()
             got = list(dict.fromkeys(consumer.announced()))
+            run = relay.command("run", "end", "f", "--expect", str(FILES)).stdout
+            relay.kill()
         if logged != paths or shifts != 1:
             outcome.broken.append(f"{what}: logged {shifts} and {logged}: {relay.messages()}")
+        if f'"complete":true,"why":"all {FILES} files"' not in run:
+            outcome.broken.append(f"{what}: counted {run}: {relay.messages()}")
         if got != paths:
             outcome.broken.append(f"{what}: delivered {got}: {relay.messages()}")
     except (AssertionError, OSError, RuntimeError, http.client.HTTPException) as error:
