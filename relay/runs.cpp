@@ -185,12 +185,12 @@ public:
 
     /// Ends those to which nothing has happened for long enough. Returns how many they were.
     std::int64_t endOverdue(std::int64_t time) {
-        const RunSettings& settings = runs.settings;
-        const std::int64_t quiet = settings.quiet > 0 ? settings.quiet : settings.forgotten;
+        const std::int64_t quiet =
+            runs.settings.quiet > 0 ? runs.settings.quiet : runs.settings.forgotten;
         const auto names = database.texts(
             "SELECT name FROM runs WHERE (state = 0 AND touched <= ?) OR (state = 1 AND "
             "touched <= ?) ORDER BY touched LIMIT ?",
-            time - quiet * billion, time - settings.settle * billion, endedAtOnce);
+            time - quiet * billion, time - runs.settings.settle * billion, endedAtOnce);
         for (const std::string& name : names) {
             announceEnd(name, "quiet");
             end(name, time);
