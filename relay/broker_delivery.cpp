@@ -24,7 +24,7 @@ constexpr std::size_t largestWindow = 500;
 constexpr auto silenceLimit = 10s; // without a confirmation, before that is told
 
 Message messageOf(const BrokerSettings& settings, const RunPattern& runs, const Record& record) {
-    Message message;
+    Message message{};
     // With the time: numbers begin anew where somebody has deleted the log.
     message.id = settings.host + ":" + std::to_string(record.sequence) + ":" +
                  std::to_string(record.arrival);
@@ -44,13 +44,14 @@ BrokerDelivery::BrokerDelivery(RunPattern ofRuns, std::shared_ptr<Subscription> 
 }
 
 std::int64_t BrokerDelivery::begin(std::int64_t acknowledged) {
-    disconnect();
-    isConnected = false;
     obstacle.clear();
     sent.clear();
     first = 1;
     confirmedTo = 0;
     window = 1;
+    disconnect();
+    subscription->countAttempt();
+    connect();
     return acknowledged;
 }
 
@@ -59,11 +60,6 @@ std::size_t BrokerDelivery::pageSize() const {
 }
 
 std::size_t BrokerDelivery::send(const std::vector<Record>& records) {
-    if (!isConnected) {
-        subscription->countAttempt();
-        connect();
-        isConnected = true;
-    }
     listen(0ms); // also what keeps an idle connection alive
     if (sent.empty()) {
         lastMove = Clock::now();
@@ -73,7 +69,9 @@ std::size_t BrokerDelivery::send(const std::vector<Record>& records) {
     std::size_t count = 0;
     for (; count < records.size() && sent.size() < most; ++count) {
         sent.push_back({records[count].sequence, false});
-        publish(messageOf(settings, runs, records[count]));
+        Message message = messageOf(settings, runs, records[count]);
+        message.number = first + sent.size() - 1;
+        publish(message);
     }
     return count;
 }

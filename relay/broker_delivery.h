@@ -17,8 +17,9 @@ namespace relay {
 
 /// One record as a broker gets it.
 struct Message {
-    std::string id;  // the same whenever this record is sent, and no other one's
-    std::string key; // UTF-8
+    std::uint64_t number; // among those over this connection, from 1 on
+    std::string id;       // the same whenever this record is sent, and no other one's
+    std::string key;      // UTF-8
     std::string body;
 };
 
@@ -42,13 +43,12 @@ public:
 protected:
     // Who implements these reports by std::runtime_error that the connection is of no use any more.
     virtual void connect() = 0;
-    virtual void disconnect() = 0; // if it is connected
+    virtual void disconnect() = 0; // if it is connected, or half of it
     virtual void publish(const Message& message) = 0;
     /// Takes in what the broker says; returns after the first of it, or after that time.
     virtual void listen(std::chrono::milliseconds limit) = 0;
 
-    /// The broker has confirmed what was published as the so many-th over this connection, or all
-    /// up to it. Any number may come.
+    /// The broker has confirmed the message of that number, or all up to it. Any number may come.
     void confirm(std::uint64_t number, bool withAllBefore);
 
     /// The configured password, read anew; `otherwise` if there is none. Throws.
@@ -65,7 +65,6 @@ private:
     };
 
     const RunPattern runs;
-    bool isConnected = false;
     std::deque<Sent> sent;                          // from the first one that is not confirmed on
     std::uint64_t first = 1;                        // which one over this connection that is
     std::int64_t confirmedTo = 0;                   // 0 for none over this connection

@@ -63,7 +63,6 @@ protected:
         // Its log says nothing that these two don't.
         rd_kafka_conf_set_log_cb(options.get(),
                                  [](const rd_kafka_t*, int, const char*, const char*) {});
-        published = 0;
         hindrance = 0;
         refusal = RD_KAFKA_RESP_ERR_NO_ERROR;
         producer.reset(rd_kafka_new(RD_KAFKA_PRODUCER, options.get(), why.data(), why.size()));
@@ -87,7 +86,7 @@ protected:
         parts[3].u.header = {"message-id", message.id.data(),
                              static_cast<ssize_t>(message.id.size())};
         parts[4].vtype = RD_KAFKA_VTYPE_OPAQUE;
-        parts[4].u.ptr = reinterpret_cast<void*>(++published); // NOLINT: a number, not a place
+        parts[4].u.ptr = reinterpret_cast<void*>(message.number); // NOLINT: a number, not a place
         parts[5].vtype = RD_KAFKA_VTYPE_KEY;
         parts[5].u.mem = {pointerTo(message.key), message.key.size()};
         // Without a key the library chooses the partition.
@@ -132,7 +131,6 @@ private:
     }
 
     std::unique_ptr<rd_kafka_t, decltype(&rd_kafka_destroy)> producer{nullptr, &rd_kafka_destroy};
-    std::uint64_t published = 0;                              // by this producer
     int hindrance = 0;                                        // the error that the obstacle tells
     rd_kafka_resp_err_t refusal = RD_KAFKA_RESP_ERR_NO_ERROR; // the first one of this producer
 };

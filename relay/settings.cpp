@@ -48,20 +48,14 @@ const std::map<std::string_view, SubscriberType> types = {{"http", SubscriberTyp
 constexpr const char* typeRule = "must be \"http\", \"pipe\", \"command\", \"amqp\" or \"kafka\"";
 
 /// Message brokers can be left out when skarn-relay is built.
-constexpr bool isBuiltIn(SubscriberType type) {
+const std::set<SubscriberType> leftOut = {
 #ifndef SKARN_RELAY_AMQP
-    if (type == SubscriberType::amqp) {
-        return false;
-    }
+    SubscriberType::amqp,
 #endif
 #ifndef SKARN_RELAY_KAFKA
-    if (type == SubscriberType::kafka) {
-        return false;
-    }
+    SubscriberType::kafka,
 #endif
-    static_cast<void>(type);
-    return true;
-}
+};
 
 const std::map<std::string_view, Checksum> checksums = {{"xxh3", Checksum::xxh3},
                                                         {"sha256", Checksum::sha256}};
@@ -391,7 +385,7 @@ private:
         if (typeNode != nullptr) {
             type(*typeNode);
         }
-        check(typeNode, isBuiltIn(subscriber.type),
+        check(typeNode, leftOut.count(subscriber.type) == 0,
               std::string("this skarn-relay was built without \"")
                   .append(nameOf(subscriber.type))
                   .append("\""));

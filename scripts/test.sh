@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds, and runs every test.
+# Installs what is missing, builds, and runs every test, but for those with message brokers (scripts/test-brokers.sh).
 #
 #   test.sh [PRESET]      PRESET: release (the default), debug, clang, asan-ubsan, tsan, coverage
 #
@@ -27,7 +27,7 @@ case $preset in
     *) side_by_side=$(($(nproc) * 2)) ;;
 esac
 # The outcome is read from the results, which also know the skipped ones.
-ctest --test-dir "$build" --parallel "$side_by_side" --no-tests=error --output-on-failure \
+ctest --test-dir "$build" --label-exclude '^brokers$' --parallel "$side_by_side" --no-tests=error --output-on-failure \
     --output-junit "$PWD/$results/ctest.xml" || true
 
 printf '\nResults of the preset %s, in %s:\n' "$preset" "$results"

@@ -9,6 +9,7 @@ import sys
 from pathlib import Path
 from typing import Any
 
+from support.daemon import sanitizer_environment
 from support.waiting import LIMIT, wait_until
 
 sys.path.insert(0, os.environ.get("SKARN_RELAY_CLIENT", ""))
@@ -22,6 +23,8 @@ PATIENCE = 4 * LIMIT
 class Host:
     """Its relay can be ended and started again; what the pipe holds outlives it."""
 
+    all: list[Host] = []  # of one test
+
     def __init__(self, subscriber: str, name: str = "host1") -> None:
         self.name = name
         self.folder = Path("/tmp", name)
@@ -33,6 +36,7 @@ class Host:
         self._held = os.open(self._pipe, os.O_RDWR | os.O_NONBLOCK)
         self._announced = 0
         self.configure(subscriber)
+        Host.all.append(self)
 
     def configure(self, subscriber: str) -> None:
         """What its subscriber is like from its next start on."""
@@ -60,6 +64,7 @@ back_off_limit = 2
             self.process = subprocess.Popen(
                 [os.environ["SKARN_RELAY_BINARY"], "run", "--config", self.folder / "relay.toml"],
                 stderr=messages,
+                env={**os.environ, **sanitizer_environment()},
             )
         wait_until(self._answers, lambda: f"the relay to answer: {self.messages()}")
 
@@ -78,11 +83,15 @@ back_off_limit = 2
         self.process.kill()
         self.process.wait()
 
-    def stop(self) -> int:
-        """SIGTERM; returns the relay's exit status."""
+    def stop(self) -> None:
+        """SIGTERM; whatever its broker does, the relay ends by itself, and in good order."""
         assert self.process is not None
         self.process.send_signal(signal.SIGTERM)
-        return self.process.wait(LIMIT)
+        assert self.process.wait(LIMIT) == 0, self.messages()
+
+    def is_running(self) -> bool:
+        """Whether its relay has been started and not ended."""
+        return self.process is not None and self.process.returncode is None
 
     def announce(self, count: int, ending: str = "") -> list[str]:
         """Has so many more files, and tells of each. Returns their paths, which end like that."""

@@ -63,7 +63,6 @@ def test_each_record_becomes_a_persistent_message_with_an_id_and_a_key(broker: R
     assert first.content_type == "application/json"
     assert host.figures()["delivered"] == len(paths)
     assert host.figures()["failures"] == 0
-    assert host.stop() == 0
 
 
 def test_a_message_has_the_key_of_its_run_and_so_has_what_is_told_of_the_run(
@@ -90,7 +89,6 @@ first_index = 0
     assert messages[3].record["kind"] == "run"
     assert '"complete":true' in messages[3].record["line"]
     assert [message.record["path"] for message in take("others")] == odd
-    assert host.stop() == 0
 
 
 def test_a_queue_that_is_missing_is_made_durable(broker: RabbitMq) -> None:

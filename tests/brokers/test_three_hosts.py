@@ -49,12 +49,14 @@ def test_every_file_of_every_host_arrives(broker: RabbitMq) -> None:
     seen: dict[str, str] = {}
     for message in client.take("all"):
         seen.setdefault(message.ident, message.record["path"])
+        assert message.key == message.ident.split(":")[0]
     found: dict[str, list[str]] = {host.name: [] for host in hosts}
     for ident, path in seen.items():
         found[ident.split(":")[0]].append(path)
     assert found == expected
     second = {message.record["path"] for message in client.take("second")}
     missing = [path for path in expected["host2"] if path not in second]
-    assert not missing, f"{missing[0]} to {missing[-1]}: {len(missing)}; {broker.control('list_bindings')}"
+    told = broker.control("list_bindings") + broker.control("list_queues", "name", "messages")
+    assert not missing, f"{missing[0]} to {missing[-1]}: {len(missing)}; {told}; {hosts[1].messages()}"
     assert second == set(expected["host2"])
     client.close()

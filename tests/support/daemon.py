@@ -132,8 +132,20 @@ def sanitizer_of(binary: Path) -> str | None:
     return None
 
 
+def sanitizer_environment(leak_check: bool = True) -> dict[str, str]:
+    """Has an instrumented program leave its complaints where sanitizer_reports finds them."""
+    REPORTS.mkdir(mode=0o777, parents=True, exist_ok=True)
+    REPORTS.chmod(0o777)
+    options = f"log_path={REPORTS}/report:exitcode=99"
+    return {
+        "ASAN_OPTIONS": f"{options}:detect_leaks={int(leak_check)}",
+        "UBSAN_OPTIONS": options + ":print_stacktrace=1",
+        "TSAN_OPTIONS": options + ":second_deadlock_stack=1",
+    }
+
+
 def sanitizer_reports() -> str:
-    """What instrumented daemons complained about so far; empty is good."""
+    """What instrumented programs complained about so far; empty is good."""
     if not REPORTS.is_dir():
         return ""
     return "".join(
@@ -372,10 +384,5 @@ class Daemon:
     def _environment(self, wanted: Mapping[str, str], leak_check: bool) -> dict[str, str]:
         environment = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin"}
         if self.sanitizer is not None or "SKARN_WRAPPER" in os.environ:
-            REPORTS.mkdir(mode=0o777, parents=True, exist_ok=True)
-            REPORTS.chmod(0o777)
-            options = f"log_path={REPORTS}/report:exitcode=99"
-            environment["ASAN_OPTIONS"] = f"{options}:detect_leaks={int(leak_check)}"
-            environment["UBSAN_OPTIONS"] = options + ":print_stacktrace=1"
-            environment["TSAN_OPTIONS"] = options + ":second_deadlock_stack=1"
+            environment.update(sanitizer_environment(leak_check))
         return {**environment, **wanted}
