@@ -36,6 +36,20 @@ command = ["/root/program"]
 input = "nul"
 batch = 100
 """
+BROKERS = """\
+[[subscriber]]
+name = "facility"
+type = "amqp"
+broker = "amqps://mq.example.org/beamline"
+exchange = "skarn"
+
+[[subscriber]]
+name = "stream"
+type = "kafka"
+broker = "k1.example.org:9093"
+topic = "files"
+options = { "security.protocol" = "ssl" }
+"""
 # Keeps the paths that it is given; what one that was killed began stands for itself.
 PROGRAM = "#!/bin/sh\nprintf '\\0' >>/root/by-command\nexec /root/keeper >>/root/by-command\n"
 READER = "exec 3<>/run/subscriber; exec cat <&3 >>/root/by-pipe"
@@ -117,6 +131,15 @@ def test_the_units_are_sound(machine: Machine) -> None:
     text = machine.succeed("systemd-analyze security --offline=true skarn-relay.service")
     score = re.search(r"exposure level for \S+: ([0-9.]+)", text)
     assert score and float(score[1]) < 4, text
+
+
+def test_it_comes_with_what_message_brokers_need(machine: Machine) -> None:
+    machine.write("/root/brokers.toml", BROKERS)
+    machine.succeed("skarn-relay check /root/brokers.toml")
+    machine.write("/root/brokers.toml", BROKERS.replace('"ssl"', '"no such"'))
+    refused = machine.run("skarn-relay check /root/brokers.toml")
+    assert refused.returncode != 0
+    assert "/root/brokers.toml:12: " in refused.stdout, "Kafka's library knows its options"
 
 
 def test_the_socket_holds_the_pipe(machine: Machine) -> None:
