@@ -350,7 +350,8 @@ private:
             const auto known = keys.find(key.str());
             const std::string name = "\"" + shown(std::string(key.str())) + "\" ";
             if (known == keys.end()) {
-                mistakes.push_back({lineOf(key), name + "is not known" + where});
+                mistakes.push_back(
+                    {lineOf(key), std::string(name).append("is not known").append(where)});
                 continue;
             }
             const std::string problem = known->second(node);

@@ -158,6 +158,11 @@ class Client:
                 )
             )
 
+    def leads_to(self, queue: str, exchange: str, key: str) -> bool:
+        """Whether the queue, which is empty, gets a message with such a key."""
+        self.channel.basic_publish(exchange, key, b"{}")
+        return self.channel.basic_get(queue, auto_ack=True)[0] is not None
+
     def close(self) -> None:
         """Ends the connection."""
         self._connection.close()
