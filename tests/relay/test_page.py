@@ -12,6 +12,7 @@ import pytest
 
 from page.browser import FIGURES, Browser
 from relay_process import Relay, announce
+from support.waiting import wait_until
 
 ADDRESS = "127.0.0.1:9752"
 LOOK = Path("/run/skarn-look/figures")
@@ -74,8 +75,8 @@ def test_a_drain_from_its_first_file_to_the_end_of_its_run(browser: Browser, rel
     drain(4, frozenset({5, 42}))
     browser.wait_for("runs", "scan7 … open")
     browser.wait_for("runs", "missing so far: 5, 42")
-    rates = browser.run("return [...document.querySelectorAll('#files polyline')][0].points.length")
-    assert rates >= 3
+    rates = "return document.querySelector('#files polyline').points.length"
+    wait_until(lambda: bool(browser.run(rates) >= 3), "three points of the curve")
     assert "at most 0 files" not in browser.text("files")
     assert "at most 0 MB" not in browser.text("bytes")
     look(FIGURES)
