@@ -213,15 +213,20 @@ def test_every_text_stands_out_from_its_ground(browser: Browser, relay: StandIn)
 
 
 def test_wrong_looks_different_to_everybody(browser: Browser, relay: StandIn) -> None:
+    def lightnesses() -> dict[str, float]:
+        """Of the headline, as those see it who lack that."""
+        seen = {}
+        for deficiency in ("none", "protanopia", "deuteranopia", "tritanopia", "achromatopsia"):
+            browser.tell("Emulation.setEmulatedVisionDeficiency", type=deficiency)
+            seen[deficiency] = lightness(browser, "headline")
+        return seen
+
     browser.open(relay.address)
-    for deficiency in ("none", "protanopia", "deuteranopia", "tritanopia", "achromatopsia"):
-        browser.tell("Emulation.setEmulatedVisionDeficiency", type=deficiency)
-        relay.view["status"]["problem"] = ""
-        browser.wait_for("headline", "✔")
-        well = lightness(browser, "headline")
-        relay.view["status"]["problem"] = "no space left"
-        browser.wait_for("headline", "✖")
-        assert lightness(browser, "headline") < well - 60, deficiency
+    well = lightnesses()
+    relay.view["status"]["problem"] = "no space left"
+    browser.wait_for("headline", "✖")
+    for deficiency, wrong in lightnesses().items():
+        assert wrong < well[deficiency] - 60, deficiency
     signs = browser.run("return [...document.querySelectorAll('.good, .bad')]"
                         ".every(each => /^[✔✖] [^ ]/.test(each.textContent))")
     assert signs
