@@ -23,7 +23,7 @@ void* run(void* given) {
 
 extern "C" {
 
-int thrd_create(thrd_t* thread, thrd_start_t function, void* argument) noexcept {
+int thrd_create(thrd_t* thread, thrd_start_t function, void* argument) {
     auto start = std::make_unique<Start>(Start{function, argument});
     if (::pthread_create(thread, nullptr, run, start.get()) != 0) {
         return thrd_error;
