@@ -75,6 +75,9 @@ def count_run(results: Path) -> Count:
         if outcome == "failed" and not inner.failed:
             # All cases passed and the program failed all the same, as with a leak found at exit.
             count.failed.append(name)
+        if outcome == "skipped" and not inner.skipped:
+            # A case found that it can't run, and those behind it were not tried.
+            count.skipped.append(name)
     return count
 
 

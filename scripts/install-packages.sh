@@ -16,7 +16,7 @@ relay=(libcli11-dev libcpp-httplib-dev librabbitmq-dev librdkafka-dev libre2-dev
 # The sandbox (mount, unshare, ip), the other end of the transfers, and what drives them.
 demo=("${build[@]}" iproute2 mount python3 rsync util-linux)
 # Of prometheus only promtool is wanted, which checks metrics and alerts; no smaller package has it.
-tests=("${demo[@]}" "${control[@]}" "${relay[@]}" bash-completion btrfs-progs chromium chromium-driver curl e2fsprogs git gnuplot-nox libgmock-dev libgtest-dev prometheus python3-jsonschema python3-pil python3-pytest python3-selenium strace tmux xfsprogs xxhash)
+tests=("${demo[@]}" "${control[@]}" "${relay[@]}" bash-completion btrfs-progs chromium chromium-driver curl e2fsprogs git gnuplot-nox libgmock-dev libgtest-dev prometheus python3-jsonschema python3-pil python3-pytest python3-selenium strace systemd tmux xfsprogs xxhash)
 # What skarn-relay can deliver to, and receivers of it. The server brings an Erlang with it.
 brokers=("${tests[@]}" openssl python3-confluent-kafka python3-pika rabbitmq-server)
 soak=("${demo[@]}" gnuplot-nox)

@@ -85,8 +85,9 @@ def test_the_units_are_sound() -> None:
     folder = Path("/run/units")
     folder.mkdir()
     service = (UNITS / "skarn-relay.service.in").read_text(encoding="utf-8")
-    program = os.environ["SKARN_RELAY_BINARY"]
-    service = service.replace("@CMAKE_INSTALL_FULL_SBINDIR@/skarn-relay", program)
+    program = folder / "program"  # a blank in the way to it would part it in two
+    program.symlink_to(os.environ["SKARN_RELAY_BINARY"])
+    service = service.replace("@CMAKE_INSTALL_FULL_SBINDIR@/skarn-relay", str(program))
     (folder / "skarn-relay.service").write_text(service, encoding="utf-8")
     shutil.copy(UNITS / "skarn-relay.socket", folder)
     done = subprocess.run(

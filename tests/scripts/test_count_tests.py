@@ -101,6 +101,12 @@ def test_a_program_that_fails_after_its_cases_counts_as_failed(results: Path) ->
     assert answer == Answer(1, ["Failed: fails", "1 passed, 1 failed, 0 skipped"])
 
 
+def test_one_that_is_given_up_after_its_first_cases_counts_as_skipped(results: Path) -> None:
+    own_file = '<testsuites><testsuite><testcase name="one"/></testsuite></testsuites>'
+    answer = count(results, SKIPPED, skips=own_file)
+    assert answer == Answer(0, ["Skipped: skips", "1 passed, 0 failed, 1 skipped"])
+
+
 @pytest.mark.parametrize("text", ["", "<testsuites><testcase name='on", "<testsuites/>"])
 def test_a_file_that_breaks_off_does_not_hide_the_test(results: Path, text: str) -> None:
     answer = count(results, FAILED, fails=text)
