@@ -393,6 +393,7 @@ def test_an_interrupted_wait_leaves_the_daemon_running(number: signal.Signals) -
     gate = scripted.gate("hold")
     scripted.set_default_copy(["confirm-all", f"linger {gate}"])
     pid = start_daemon()
+    scripted.wait_for_calls("copy", 1)  # until then it is idle
     run = begin("stop", "--when-idle=60")
     time.sleep(0.2)
     run.send_signal(number)
