@@ -9,6 +9,7 @@ import subprocess
 import tempfile
 import time
 from collections.abc import Mapping, Sequence
+from contextlib import suppress
 from pathlib import Path
 from types import TracebackType
 
@@ -118,8 +119,9 @@ class Terminal:
         def look() -> int:
             listing = Path(f"/proc/{shell}/task/{shell}/children").read_text(encoding="ascii")
             for pid in map(int, listing.split()):
-                if Path(f"/proc/{pid}/comm").read_text(encoding="utf-8").strip() == name[:15]:
-                    return pid
+                with suppress(FileNotFoundError, ProcessLookupError):  # it has ended meanwhile
+                    if Path(f"/proc/{pid}/comm").read_text(encoding="utf-8").strip() == name[:15]:
+                        return pid
             return 0
 
         return wait_until(look, f"{name} to run in the terminal")
