@@ -309,7 +309,7 @@ private:
     /// Asks the relay that runs, and prints its answer or what is wrong. The path is one behind
     /// "/v1/".
     httplib::Response tell(const std::string& method, const std::string& path) {
-        const httplib::Response answer = ask(method, path);
+        httplib::Response answer = ask(method, path);
         print(answer);
         return answer;
     }

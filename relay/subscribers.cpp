@@ -174,9 +174,10 @@ Subscribers::Subscribers(RecordLog& inLog, const std::vector<SubscriberSettings>
         SubscriberSettings settings;
         settings.name = name;
         if (position.filter.empty()) {
-            warn("subscriber " + name + " is not configured any more: the log keeps what it has " +
-                 "not acknowledged until it is removed (skarn-relay subscribers remove " + name +
-                 ")");
+            std::string sentence = "subscriber " + name + " is not configured any more: the log ";
+            sentence += "keeps what it has not acknowledged until it is removed (skarn-relay ";
+            sentence += "subscribers remove " + name + ")";
+            warn(sentence);
         }
         settings.filter = parseFilterText(position.filter);
         settings.maxBacklog = position.maxBacklog;

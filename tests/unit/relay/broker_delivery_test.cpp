@@ -13,7 +13,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using testing::AllOf;
-using testing::ElementsAre;
 using testing::Ge;
 using testing::Le;
 

@@ -29,6 +29,7 @@ protected:
     std::vector<std::int64_t> add(std::vector<Record> records) {
         log->append(records, {1, 2, "pipe", ++batch});
         std::vector<std::int64_t> numbers;
+        numbers.reserve(records.size());
         for (const Record& each : records) {
             numbers.push_back(each.sequence);
         }

@@ -126,7 +126,7 @@ protected:
         append(record);
     }
 
-    void files(const std::string& run, std::vector<int> indices, std::int64_t at = 1) {
+    void files(const std::string& run, const std::vector<int>& indices, std::int64_t at = 1) {
         for (const int each : indices) {
             file("/d/./" + run + "/f_" + std::to_string(each), at);
         }
@@ -454,7 +454,7 @@ TEST_F(DigestsTest, KeepToTheRate) {
     settings.checksumRate = 1 << 20U;
     settings.checksumThreads = 3;
     for (const char* const name : {"r1/a", "r1/b", "r1/c"}) {
-        real(name, std::string(256 * 1024, 'x'));
+        real(name, std::string(256UL * 1024, 'x'));
     }
     const auto begin = std::chrono::steady_clock::now();
     EXPECT_THAT(taken(), testing::Each(StartsWith("xxh3:")));
@@ -463,7 +463,7 @@ TEST_F(DigestsTest, KeepToTheRate) {
 
 TEST_F(DigestsTest, EndAtOnceAndAreTakenByTheNextStart) {
     settings.checksumRate = 1;
-    real("r1/a", std::string(1024 * 1024, 'x'));
+    real("r1/a", std::string(1024UL * 1024, 'x'));
     runs().follow(second);
     {
         const Digests digests(runs(), [](std::string_view) { return std::size_t{1}; });
