@@ -14,8 +14,6 @@ namespace relay {
 
 namespace {
 
-constexpr std::int64_t billion = 1000000000;
-
 FileType typeOf(mode_t mode) {
     switch (mode & S_IFMT) {
     case S_IFREG:

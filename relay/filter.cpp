@@ -12,8 +12,6 @@ namespace relay {
 
 namespace {
 
-constexpr std::int64_t billion = 1000000000;
-
 std::optional<std::int64_t> parseAge(const std::string& text) {
     if (text.size() < 2) {
         return std::nullopt;

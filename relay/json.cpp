@@ -11,8 +11,6 @@ namespace relay {
 
 namespace {
 
-constexpr std::int64_t billion = 1000000000;
-
 void addFile(Json& object, const Record& record) {
     const bool isNamed = !record.detector.empty() && isUtf8(record.detector);
     object["detector"] = isNamed ? Json(record.detector) : Json(nullptr);

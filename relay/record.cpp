@@ -12,7 +12,6 @@ namespace {
 constexpr std::array<std::string_view, 4> kindNames = {"file", "usershift", "run", "other"};
 constexpr std::array<std::string_view, 5> typeNames = {"unknown", "file", "folder", "link",
                                                        "special"};
-constexpr std::int64_t billion = 1000000000;
 
 bool beginsWith(std::string_view text, std::string_view beginning) {
     return text.substr(0, beginning.size()) == beginning;

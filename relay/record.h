@@ -67,6 +67,9 @@ std::string_view nameOf(Kind kind);
 std::string_view nameOf(FileType type);
 std::optional<Kind> kindNamed(std::string_view name);
 
+/// Nanoseconds in a second.
+constexpr std::int64_t billion = 1000000000;
+
 /// Nanoseconds since 1970, now.
 std::int64_t now();
 

@@ -36,8 +36,7 @@ namespace relay {
 
 namespace {
 
-constexpr int turnLimit = 200;               // milliseconds that the intake waits at most
-constexpr std::int64_t billion = 1000000000; // nanoseconds
+constexpr int turnLimit = 200; // milliseconds that the intake waits at most
 // Seconds without a turn of the intake: longer than it takes to carry over a large damaged
 // database.
 constexpr std::int64_t aliveLimit = 3600;

@@ -16,7 +16,6 @@ constexpr std::size_t countedAtOnce = 200; // the intake waits for as long
 constexpr std::size_t spansInRecord = 100;
 constexpr std::int64_t endedAtOnce = 200;
 constexpr std::int64_t removedAtOnce = 2000; // files
-constexpr std::int64_t billion = 1000000000; // nanoseconds
 constexpr auto pause = std::chrono::milliseconds(200);
 
 /// SQL statements of one transaction, each prepared once however often it is used.

@@ -11,7 +11,6 @@ namespace relay {
 namespace {
 
 constexpr double nanosecond = 1e-9;
-constexpr std::int64_t billion = 1000000000; // nanoseconds
 constexpr int mostRounds = 100;
 
 /// What the log is told: of one that is configured, the settings stand elsewhere.
