@@ -203,9 +203,16 @@ class Bed:
         return self.stations[0].target
 
     def start(self, *arguments: str) -> None:
-        """Starts the daemon, which must detach."""
+        """Starts the daemon, which must detach, and waits until it has written its PID file.
+
+        The start command ends before, and whoever looked then would find no daemon.
+        """
         started = self.daemon.start(*arguments)
         assert started.status == 0 and started.errors == "" and self.daemon.detached, started
+        wait_until(
+            lambda: self.daemon.pid in self.daemon.pids_in_file() or not self.daemon.is_running(),
+            "the daemon's PID file",
+        )
 
     def announced(self) -> list[str]:
         """The names announced so far for the first station."""
