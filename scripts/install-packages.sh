@@ -2,7 +2,7 @@
 # Installs the Debian packages that a purpose needs and that are missing: the one place that knows them.
 #
 #   install-packages.sh PURPOSE...      PURPOSE: build, control, relay, demo, tests, brokers, soak, bench, races, coverage,
-#                                               packages, package-tree, bare-tree, checks, fuzz
+#                                               packages, package-tree, bare-tree, sanitizers, checks, fuzz
 #
 # Says what it is going to install before it does. Does nothing, and needs no rights, when all is there.
 set -euo pipefail
@@ -27,12 +27,13 @@ coverage=("${tests[@]}" gcovr)
 packages=("${build[@]}" "${control[@]}" "${relay[@]}" bash-completion debhelper dpkg-dev fakeroot git lintian pkgconf)
 package_tree=("${demo[@]}" "${packages[@]}" debootstrap python3-pytest systemd systemd-container)
 bare_tree=(debootstrap git util-linux)
-# The library that drives the fuzzers is part of the compiler's run-time library, which clang only recommends.
-checks=("${tests[@]}" clang clang-format clang-tidy git libbenchmark-dev libclang-rt-dev mandoc mypy shellcheck)
-fuzz=("${build[@]}" clang git libclang-rt-dev libtomlplusplus-dev)
+# The sanitizers and what drives the fuzzers are the compiler's run-time library, which clang only recommends.
+sanitizers=("${build[@]}" clang libclang-rt-dev)
+checks=("${tests[@]}" "${sanitizers[@]}" clang-format clang-tidy git libbenchmark-dev mandoc mypy shellcheck)
+fuzz=("${sanitizers[@]}" git libtomlplusplus-dev)
 
 usage() {
-    printf 'usage: install-packages.sh PURPOSE...   (build, control, relay, demo, tests, brokers, soak, bench, races, coverage, packages, package-tree, bare-tree, checks, fuzz)\n' >&2
+    printf 'usage: install-packages.sh PURPOSE...   (build, control, relay, demo, tests, brokers, soak, bench, races, coverage, packages, package-tree, bare-tree, sanitizers, checks, fuzz)\n' >&2
     exit 2
 }
 
@@ -53,6 +54,7 @@ for purpose in "$@"; do
         packages) wanted+=("${packages[@]}") ;;
         package-tree) wanted+=("${package_tree[@]}") ;;
         bare-tree) wanted+=("${bare_tree[@]}") ;;
+        sanitizers) wanted+=("${sanitizers[@]}") ;;
         checks) wanted+=("${checks[@]}") ;;
         fuzz) wanted+=("${fuzz[@]}") ;;
         *) usage ;;

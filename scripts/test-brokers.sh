@@ -13,7 +13,11 @@ preset=${1-release}
 build=build/$preset
 results=$build/results
 
-scripts/install-packages.sh brokers
+purposes=(brokers)
+case $preset in
+    clang | asan-ubsan | tsan) purposes+=(sanitizers) ;;
+esac
+scripts/install-packages.sh "${purposes[@]}"
 cmake --preset "$preset"
 cmake --build --preset "$preset" --parallel "$(nproc)" --target skarn_relay
 

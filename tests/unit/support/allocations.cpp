@@ -25,7 +25,16 @@ void note(std::uintptr_t block, std::size_t size) {
 
 } // namespace
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+// g++ says it by a macro, clang++ when asked.
+#if defined(__has_feature)
+#define HAS_SANITIZER (__has_feature(address_sanitizer) || __has_feature(thread_sanitizer))
+#elif defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define HAS_SANITIZER 1
+#else
+#define HAS_SANITIZER 0
+#endif
+
+#if HAS_SANITIZER
 
 // The sanitizers keep their own operator new, which checks how memory is given back.
 extern "C" int __sanitizer_install_malloc_and_free_hooks( // NOLINT: the sanitizer's name
