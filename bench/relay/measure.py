@@ -24,12 +24,12 @@ from drain.share import Workload, check, empty, fill, make_station
 from drain.ways import CONSUMER_NAP, counted, drain_by_daemon
 from durable.disk import disk
 from relay import backlog
-from relay_process import Relay
 from results import Data
 from support.bed import Station
 from support.consumer import Consumer
 from support.daemon import FIFO
 from support.folders import empty as empty_folder
+from support.relay_process import Relay
 from turns import in_turns
 
 SPEED = Path(os.environ["SKARN_RELAY_SPEED_BINARY"])

@@ -17,8 +17,8 @@ from pathlib import Path
 from PIL import Image  # type: ignore[import]
 
 from page.browser import Browser
-from relay_process import Relay, announce
 from support.daemon import FIFO
+from support.relay_process import Relay, announce
 
 ADDRESS = "127.0.0.1:9752"
 WITHHELD = frozenset({17, 2500, 2501})

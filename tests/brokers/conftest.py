@@ -7,17 +7,14 @@ from collections.abc import Iterator
 import pytest
 
 from brokers import rabbitmq
-from brokers.host import Host
+from support.relay_process import end_all
 
 
 @pytest.fixture(autouse=True)
 def ended_relays(empty_sandbox: None) -> Iterator[None]:
     """Ends the relays that a test leaves; what is wrong with how they end is a failure of it."""
-    Host.all.clear()
     yield
-    for host in Host.all:
-        if host.is_running():
-            host.stop()
+    end_all()
 
 
 @pytest.fixture

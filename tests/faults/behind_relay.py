@@ -15,9 +15,9 @@ from contextlib import suppress
 from pathlib import Path
 
 from faults.consumer import CheckingConsumer
-from relay_process import LOG, MESSAGES, Relay, skarn_relay
 from support.daemon import FIFO
 from support.processes import processes
+from support.relay_process import LOG, MESSAGES, Relay, skarn_relay
 from support.waiting import wait_until
 
 PIPE = Path("/run/subscriber")

@@ -22,7 +22,7 @@ from faults.mounts import (
     mount_memory,
     use_up_space,
 )
-from relay_process import LOG, skarn_relay
+from support.relay_process import LOG, skarn_relay
 from support.waiting import wait_until
 
 

@@ -5,7 +5,7 @@ from __future__ import annotations
 import pytest
 
 from faults.behind_relay import differences
-from relay_process import skarn_relay
+from support.relay_process import skarn_relay
 
 
 def record(seq: int, path: str, kind: str = "file") -> skarn_relay.Record:

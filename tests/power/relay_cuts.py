@@ -26,11 +26,11 @@ from contextlib import contextmanager, suppress
 from dataclasses import dataclass
 from random import Random
 
-from relay_points import TRACE, TracedRelay
 from power.bed import STATE, Host, Outcome
 from power.disk import Disk, Store
-from relay_process import MESSAGES, Relay, announce, skarn_relay
+from relay_points import TRACE, TracedRelay
 from support.daemon import FIFO
+from support.relay_process import MESSAGES, Relay, announce, skarn_relay
 from support.waiting import wait_until
 
 LINE = "/srv/images/1/./{:07d}"

@@ -13,7 +13,6 @@ import argparse
 import http.client
 import os
 import re
-import subprocess
 import sys
 import time
 from collections import Counter
@@ -22,10 +21,10 @@ from dataclasses import dataclass, field
 from pathlib import Path
 
 from power.crash_points import ERRORS, STRACE
-from relay_process import CONFIGURATION, LOG, MESSAGES, Relay, announce, make_files
 from support.consumer import Consumer
 from support.daemon import FIFO
 from support.folders import empty
+from support.relay_process import LOG, Relay, announce, make_files
 from support.waiting import wait_until
 
 PIPE = Path("/run/subscriber")
@@ -47,13 +46,9 @@ class TracedRelay(Relay):
 
     def start_traced(self, expression: str) -> None:
         """Starts it and waits until it answers, or has ended, or for a while."""
-        CONFIGURATION.write_text(self.configuration, encoding="utf-8")
-        with MESSAGES.open("ab") as messages:
-            self.process = subprocess.Popen(
-                [str(STRACE), "-DDD", "-f", "-o", str(TRACE), "-e", expression, "--"]
-                + [self._binary, "run", "--config", str(CONFIGURATION)],
-                stderr=messages,
-            )
+        strace = [str(STRACE), "-DDD", "-f", "-o", str(TRACE), "-e", expression, "--"]
+        self.start(wait=False, before=strace)
+        assert self.process is not None
         end = time.monotonic() + PATIENCE
         while self.process.poll() is None and time.monotonic() < end:
             with suppress(OSError, RuntimeError, http.client.HTTPException):

@@ -9,7 +9,7 @@ from pathlib import Path
 
 import pytest
 
-from relay_process import CONFIGURATION, Relay, announce, make_files
+from support.relay_process import CONFIGURATION, Relay, announce, make_files
 from support.waiting import wait_until
 
 

@@ -9,8 +9,8 @@ import time
 from pathlib import Path
 from typing import Any
 
-from relay_process import Relay, SubscriberStatus, announce, make_files
 from support.processes import processes
+from support.relay_process import Relay, SubscriberStatus, announce, make_files
 from support.waiting import wait_until
 
 PROGRAM = Path("/srv/program")

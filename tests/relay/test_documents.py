@@ -11,8 +11,8 @@ from pathlib import Path
 
 import jsonschema  # type: ignore[import]
 
-from relay_process import CONFIGURATION, Relay, announce, make_files
 from support.daemon import Detector, write_configuration
+from support.relay_process import CONFIGURATION, Relay, announce, make_files
 
 DOCS = Path(os.environ["SKARN_DOCS"])
 PROJECT = DOCS.parent

@@ -11,10 +11,10 @@ import time
 from contextlib import suppress
 from pathlib import Path
 
-from relay_process import Relay, skarn_relay
 from support.bed import Bed
 from support.consumer import Consumer
 from support.detector import frame_names
+from support.relay_process import Relay, skarn_relay
 from support.waiting import wait_until
 
 PIPE = Path("/run/subscriber")

@@ -15,8 +15,8 @@ from pathlib import Path
 
 import pytest
 
-from relay_process import Relay, announce, make_files, skarn_relay
 from support.daemon import Detector, write_configuration
+from support.relay_process import Relay, announce, make_files, skarn_relay
 from support.waiting import wait_until
 
 SOCKET = "/run/skarn-relay/socket"

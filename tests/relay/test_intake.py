@@ -13,9 +13,9 @@ from pathlib import Path
 
 import pytest
 
-from relay_process import LOG, Relay, announce, make_files
 from support.daemon import FIFO, Detector, write_configuration
 from support.processes import process
+from support.relay_process import LOG, Relay, announce, make_files
 from support.waiting import wait_until
 
 HOOK = Path("/run/stop-after-commit")

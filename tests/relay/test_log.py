@@ -13,7 +13,7 @@ from pathlib import Path
 
 import pytest
 
-from relay_process import LOG, Relay, announce, make_files
+from support.relay_process import LOG, Relay, announce, make_files
 from support.waiting import wait_until
 
 DATABASE = LOG / "relay.db"

@@ -11,7 +11,7 @@ from pathlib import Path
 import pytest
 
 from page.browser import FIGURES, Browser
-from relay_process import Relay, announce
+from support.relay_process import Relay, announce
 from support.waiting import wait_until
 
 ADDRESS = "127.0.0.1:9752"

@@ -13,9 +13,9 @@ from pathlib import Path
 
 import pytest
 
-from relay_process import Relay, announce, make_files
 from support.consumer import Consumer
 from support.daemon import FIFO
+from support.relay_process import Relay, announce, make_files
 from support.waiting import wait_until
 
 PIPE = Path("/run/old-consumer")

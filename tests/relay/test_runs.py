@@ -13,7 +13,7 @@ from typing import Any
 
 import pytest
 
-from relay_process import Relay, announce
+from support.relay_process import Relay, announce
 from support.waiting import wait_until
 
 RUNS = """

@@ -12,8 +12,8 @@ from pathlib import Path
 
 import pytest
 
-from relay_process import Relay, announce, make_files
 from support.daemon import FIFO
+from support.relay_process import Relay, announce, make_files
 from support.waiting import LIMIT, wait_until
 
 NOTIFY = "/run/notify"
@@ -25,7 +25,9 @@ def start_with_passed_pipe(relay: Relay) -> None:
     """As systemd starts it: the pipe as descriptor 3, and its variables."""
     script = f'export LISTEN_PID=$$ LISTEN_FDS=1; exec "$0" run --config /run/none.toml 3<>{PASSED}'
     Path("/run/none.toml").touch()
-    relay.process = subprocess.Popen(["/bin/sh", "-c", script, os.environ["SKARN_RELAY_BINARY"]])
+    relay.process = subprocess.Popen(
+        ["/bin/sh", "-c", script, os.environ["SKARN_RELAY_BINARY"]], env=relay.whole_environment()
+    )
     wait_until(relay.answers, "the relay to answer")
 
 

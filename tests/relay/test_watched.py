@@ -7,8 +7,8 @@ import os
 import subprocess
 from typing import Any
 
-from relay_process import Relay, announce, make_files
 from support.daemon import Detector, write_configuration
+from support.relay_process import Relay, announce, make_files
 from support.waiting import wait_until
 
 CONFIGURATION = """\

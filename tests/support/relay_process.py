@@ -4,13 +4,13 @@ from __future__ import annotations
 
 import json
 import os
-import signal
 import subprocess
 import sys
+from collections.abc import Sequence
 from pathlib import Path
 from typing import TypedDict, cast
 
-from support.daemon import FIFO
+from support.daemon import FIFO, sanitizer_environment
 from support.waiting import LIMIT, wait_until
 
 sys.path.insert(0, os.environ.get("SKARN_RELAY_CLIENT", ""))
@@ -52,26 +52,53 @@ class Status(TypedDict):
 
 
 class Relay:
-    """One relay, which can be ended and started again with the same log."""
+    """One relay, which can be ended and started again with the same log.
 
-    def __init__(self, configuration: str = "", binary: str = "SKARN_RELAY_BINARY") -> None:
+    Those of a test share a configuration file and the relay's own places, but for one that has a
+    `folder` of its own, with its configuration, its messages and its socket.
+    """
+
+    all: list[Relay] = []  # of one test
+
+    def __init__(
+        self,
+        configuration: str = "",
+        binary: str = "SKARN_RELAY_BINARY",
+        folder: Path | None = None,
+    ) -> None:
         self._binary = os.environ[binary]
+        self._file = folder / "relay.toml" if folder else CONFIGURATION
+        self._messages = folder / "messages" if folder else MESSAGES
         self.configuration = configuration
         self.process: subprocess.Popen[bytes] | None = None
-        self.client = skarn_relay.Relay(timeout=LIMIT)
+        self.client = (
+            skarn_relay.Relay(str(folder / "socket"), timeout=LIMIT)
+            if folder
+            else skarn_relay.Relay(timeout=LIMIT)
+        )
         self.environment: dict[str, str] = {}
+        Relay.all.append(self)
 
-    def start(self, wait: bool = True) -> None:
-        """Starts it, and waits until it answers."""
-        CONFIGURATION.write_text(self.configuration, encoding="utf-8")
-        with MESSAGES.open("ab") as messages:
+    def start(self, wait: bool = True, before: Sequence[str] = ()) -> None:
+        """Starts it, and waits until it answers. What stands `before` its command runs it."""
+        self._file.write_text(self.configuration, encoding="utf-8")
+        with self._messages.open("ab") as messages:
             self.process = subprocess.Popen(
-                [self._binary, "run", "--config", str(CONFIGURATION)],
+                [*before, self._binary, "run", "--config", str(self._file)],
                 stderr=messages,
-                env={**os.environ, **self.environment},
+                env=self.whole_environment(),
             )
         if wait:
             wait_until(self.answers, lambda: f"the relay to answer: {self.messages()}")
+
+    def whole_environment(self) -> dict[str, str]:
+        """What it is started with."""
+        environment = {**os.environ, **sanitizer_environment()}
+        # Debian's libraries are not instrumented. How two of their threads wait for each other (for
+        # a static that one of them sets up, say) ThreadSanitizer does not see, and what they read
+        # and write then passes for a race. Ours are all seen.
+        environment["TSAN_OPTIONS"] += ":ignore_noninstrumented_modules=1"
+        return {**environment, **self.environment}
 
     def answers(self) -> bool:
         """Whether it is up. Complains if it has ended."""
@@ -83,16 +110,20 @@ class Relay:
             return False
         return True
 
+    def is_running(self) -> bool:
+        """Whether it has been started and not ended."""
+        return self.process is not None and self.process.poll() is None
+
     def kill(self) -> None:
         """SIGKILL, at once."""
         assert self.process is not None
-        self.process.send_signal(signal.SIGKILL)
+        self.process.kill()
         self.process.wait()
 
     def stop(self) -> int:
         """SIGTERM; returns its exit status."""
         assert self.process is not None
-        self.process.send_signal(signal.SIGTERM)
+        self.process.terminate()
         return self.process.wait(LIMIT)
 
     def command(self, *words: str) -> subprocess.CompletedProcess[str]:
@@ -102,8 +133,8 @@ class Relay:
         )
 
     def messages(self) -> str:
-        """What all relays of this test have said."""
-        return MESSAGES.read_text(encoding="utf-8", errors="replace")
+        """All that it has said, and those before it in its place."""
+        return self._messages.read_text(encoding="utf-8", errors="replace")
 
     def status(self) -> Status:
         """Its own account of itself."""
@@ -132,6 +163,15 @@ class Relay:
             lambda: self.status()["last"] >= number,
             lambda: f"{number} records: {self.status()} {self.messages()}",
         )
+
+
+def end_all() -> None:
+    """Ends the relays that a test leaves running. How they end is part of the test, too: in good
+    order, and with a sanitizer's last word."""
+    for relay in Relay.all:
+        if relay.is_running():
+            assert relay.stop() == 0, relay.messages()
+    Relay.all.clear()
 
 
 def announce(*lines: bytes | str, fifo: Path = FIFO) -> None:
