@@ -342,6 +342,7 @@ def test_no_json_steers_a_terminal() -> None:
     )
     with Consumer(), Daemon() as daemon:
         daemon.start("-d", os.fsdecode(odd + b":" + odd + b":/srv/" + odd))
+        daemon.wait_for_log("++ Starting copy thread")
         for words in (["watch", "--json"], ["check", "--no-network", "--json"], ["status", "--json"]):
             ended = subprocess.run(
                 [os.environ["SKARNCTL_BINARY"], *words], check=False, capture_output=True, timeout=LIMIT
