@@ -141,7 +141,7 @@ def test_a_record_that_is_too_large_is_told_and_waits_for_a_higher_limit(cluster
     paths = host.announce(200) + host.announce(1, "x" * 1000) + host.announce(200)
     host.wait_for_problem("Message size too large")
     wait_until(lambda: int(host.figures()["acknowledged"]) == 200, "all before it to arrive")
-    host.stop()
+    assert host.stop() == 0, host.messages()
     host.configure(host.subscriber.replace("1000", "100000"))
     host.start()
     check_arrived(cluster, host, paths)

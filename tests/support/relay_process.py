@@ -168,10 +168,11 @@ class Relay:
 def end_all() -> None:
     """Ends the relays that a test leaves running. How they end is part of the test, too: in good
     order, and with a sanitizer's last word."""
-    for relay in Relay.all:
+    relays = Relay.all.copy()
+    Relay.all.clear()
+    for relay in relays:
         if relay.is_running():
             assert relay.stop() == 0, relay.messages()
-    Relay.all.clear()
 
 
 def announce(*lines: bytes | str, fifo: Path = FIFO) -> None:
