@@ -14,6 +14,7 @@ from pathlib import Path
 from typing import Any
 
 from support import daemon
+from support.processes import process
 from support.rsync_server import MODULE
 from support.waiting import LIMIT, wait_until
 
@@ -245,6 +246,22 @@ class Program:
         if self._pipe is not None:
             os.close(self._pipe)
             self._pipe = None
+
+    def leave_report(self) -> None:
+        """Stops being the reader of the report, whose pipe is empty then.
+
+        What the pipe has taken passes for read as long as its reader lives, and this one does.
+        """
+        self.signal(signal.SIGSTOP)
+
+        def is_stopped() -> bool:
+            found = process(self.pid)
+            return found is not None and found.state == "T"
+
+        wait_until(is_stopped, "the program to stop")
+        self._read_some()
+        self.close_report()
+        self.signal(signal.SIGCONT)
 
     def signal(self, number: signal.Signals) -> None:
         """Sends the program a signal."""

@@ -516,7 +516,7 @@ class TestBreaks:
         self, server: RsyncServer, frames: dict[str, bytes | str]
     ) -> None:
         program = self.start()
-        program.close_report()
+        program.leave_report()
         result = program.finish()
         assert result.status == -signal.SIGPIPE
         self.no_rsync_is_left(program)
