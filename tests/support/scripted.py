@@ -39,6 +39,7 @@ class Call:
     list_text: str | None
     list_mode: int  # permission bits of the file list
     time: int  # nanoseconds of the monotonic clock
+    started: int  # when the kernel made the process: nanoseconds since the machine's start, in ticks
 
     @property
     def list_name(self) -> str:
@@ -222,4 +223,5 @@ def _read(path: Path) -> Call:
         list_text=text,
         list_mode=stat.S_IMODE(record["list_mode"]),
         time=record["time"],
+        started=record["started"],
     )
