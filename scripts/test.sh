@@ -24,9 +24,13 @@ cmake --build --preset "$preset" --parallel "$(nproc)"
 
 rm -rf "$results"
 mkdir -p "$results"
-# Most tests wait more than they work: more of them run side by side than there are processors. The outcome is read from
-# the results, which also know the skipped ones.
-ctest --test-dir "$build" --label-exclude '^brokers$' --parallel "$(($(nproc) * 3))" --no-tests=error --output-on-failure \
+# Most tests wait more than they work; less so where each step of a program is watched.
+case $preset in
+    release | debug | clang) side_by_side=$(($(nproc) * 3)) ;;
+    *) side_by_side=$(($(nproc) * 2)) ;;
+esac
+# The outcome is read from the results, which also know the skipped ones.
+ctest --test-dir "$build" --label-exclude '^brokers$' --parallel "$side_by_side" --no-tests=error --output-on-failure \
     --output-junit "$PWD/$results/ctest.xml" || true
 
 printf '\nResults of the preset %s, in %s:\n' "$preset" "$results"
