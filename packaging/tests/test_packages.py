@@ -269,7 +269,11 @@ def test_a_consumer_that_closes_the_pipe_costs_no_announcement(machine: Machine)
     names = write_files(machine, "run2", 3000, 100, at_once=True)
     wait_until(lambda: machine.run("systemctl is-active hasty").returncode != 0, "hasty left", 60)
     start_consumer(machine)
-    wait_until(lambda: arrived(machine, names), "all files are announced", 120)
+    try:
+        wait_until(lambda: arrived(machine, names), "all files are announced", 120)
+    except AssertionError as error:
+        journal = machine.run("journalctl --no-pager -u skarn -n 60").stdout
+        raise AssertionError(f"{error}; the journal's end:\n{journal}") from None
     assert pid_of_daemon(machine) != before, "it was not met while it wrote"
 
 
