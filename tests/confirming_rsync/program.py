@@ -256,7 +256,7 @@ class Program:
 
         def is_stopped() -> bool:
             found = process(self.pid)
-            return found is not None and found.state == "T"
+            return found is not None and found.is_stopped
 
         wait_until(is_stopped, "the program to stop")
         self._read_some()

@@ -42,7 +42,7 @@ def wait_until_stopped(relay: Relay) -> None:
 
     def stopped() -> bool:
         found = process(pid)
-        return found is not None and found.state == "T"
+        return found is not None and found.is_stopped
 
     wait_until(stopped, "the relay to stop between commit and taking out")
 

@@ -50,6 +50,11 @@ class Process:
         """Whether it has ended and only its status is left."""
         return self.state in "ZX"
 
+    @property
+    def is_stopped(self) -> bool:
+        """Whether a signal has stopped it until it is continued."""
+        return self.state == "T"
+
 
 def process(pid: int) -> Process | None:
     """The process of that id, or None when there is none."""
