@@ -3,6 +3,7 @@
 
 #include "confirming_rsync/left_names.h"
 #include "shares/journal_folder.h"
+#include "shares/process_identity.h"
 #include "utilities/descriptors.h"
 
 #include <algorithm>
@@ -75,7 +76,7 @@ CopyRun::CopyRun(Places places, Arguments arguments, std::vector<std::string> en
       environment_(childEnvironment(std::move(environment))), limits_(limits), begin_(Clock::now()),
       destination_(arguments_.destination),
       isDurable_(places_.isFlushing && destination_.canBeDurable()),
-      keepsFractions_(destination_.keepsFractions()),
+      keepsFractions_(destination_.keepsFractions()), boot_(secondOfBoot()),
       filter_(share_.directory,
               [this](const std::string& name) { return destination_.sizeOf(name); }),
       figures_(places_.figuresFolder, arguments_.source, arguments_.destination) {
@@ -241,12 +242,16 @@ int CopyRun::copyAll() {
 }
 
 /// Returns the status of the last rsync that failed.
-int CopyRun::copyPortion(const Names& names) {
+int CopyRun::copyPortion(const Names& listed) {
     if (!isDurable_) {
-        intend(intendedLines(names));
-        const int status = runRsync(names, Pass::copyAndRemove);
-        conclude(unconfirmedNames(names, status), status);
+        intend(intendedLines(listed));
+        const int status = runRsync(listed, Pass::copyAndRemove);
+        conclude(unconfirmedNames(listed, status), status);
         return status;
+    }
+    const Names names = namesToCopy(listed);
+    if (names.empty()) {
+        return fileErrorStatus;
     }
     const int copying = runRsync(names, Pass::copy);
     // Whatever rsync has said: what is not at the target as it is at the source, the second one
@@ -290,6 +295,21 @@ int CopyRun::runRsync(const Names& names, Pass pass) {
     filter_.finish();
     send();
     return rsync.exitStatus();
+}
+
+/// Those of the names that rsync may take for up to date where the file here looks like it.
+CopyRun::Names CopyRun::namesToCopy(const Names& names) {
+    Names trusted;
+    int error = 0;
+    for (const std::string& name : names) {
+        if (destination_.distrustOld(name, boot_)) {
+            trusted.push_back(name);
+        } else {
+            error = errno;
+        }
+    }
+    leave(names.size() - trusted.size(), "make sure of", error);
+    return trusted;
 }
 
 /// False if that failed. Then nothing of it may be removed at the source.
@@ -342,11 +362,16 @@ CopyRun::Names CopyRun::namesInPlace(const Names& names) {
             inPlace.push_back(name);
         }
     }
-    if (unknown > 0) {
-        say("cannot look at " + count(unknown, "file") + " at the target: " + std::strerror(error) +
-            "; left for the next cycle");
-    }
+    leave(unknown, "look at", error);
     return inPlace;
+}
+
+/// Says what could not be done with how many files, if any, and why.
+void CopyRun::leave(std::size_t files, const std::string& what, int error) {
+    if (files > 0) {
+        say("cannot " + what + " " + count(files, "file") +
+            " at the target: " + std::strerror(error) + "; left for the next cycle");
+    }
 }
 
 void CopyRun::finishReport() {

@@ -12,6 +12,7 @@
 #include "shares/share_figures.h"
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <optional>
@@ -75,11 +76,13 @@ private:
     void endJournal();
 
     int copyAll();
-    int copyPortion(const Names& names);
+    int copyPortion(const Names& listed);
     int runRsync(const Names& names, Pass pass);
     void conclude(const Names& names, int status);
+    Names namesToCopy(const Names& names);
     bool makeDurable(const Names& names);
     Names namesInPlace(const Names& names);
+    void leave(std::size_t files, const std::string& what, int error);
     Names unconfirmedNames(const Names& names, int status) const;
     bool ask(const Names& names);
     std::optional<Names> namesGoneOf(const Names& names, std::string& failure);
@@ -107,6 +110,7 @@ private:
     const Destination destination_;
     const bool isDurable_; // files are made durable before they are removed at the source
     const bool keepsFractions_;
+    const std::optional<std::int64_t> boot_; // in seconds of the wall clock
     Relay relay_;
     ReportFilter filter_;
     CopyFigures figures_;

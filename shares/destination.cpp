@@ -2,11 +2,13 @@
 #include "shares/destination.h"
 
 #include "shares/printed_name.h"
+#include "shares/process_identity.h"
 
 #include <array>
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
+#include <ctime>
 #include <string_view>
 #include <utility>
 
@@ -17,6 +19,16 @@
 #include <unistd.h>
 
 namespace confirming {
+
+namespace {
+
+/// Whether the system says that there is nothing of a name: of one behind a link, or one that
+/// nothing can have, it says so in other ways.
+bool isAbsence(int error) {
+    return error == ENOENT || error == ENOTDIR || error == ELOOP || error == ENAMETOOLONG;
+}
+
+} // namespace
 
 Destination::Destination(const std::string& path)
     : path_(path), directory_(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)),
@@ -80,9 +92,7 @@ Destination::Presence Destination::presence(const std::string& name) const {
     if (fileHere(name)) {
         return Presence::there;
     }
-    // Of a name behind a link, or one that nothing can have, the system says so in other ways.
-    const bool isAbsent =
-        errno == ENOENT || errno == ENOTDIR || errno == ELOOP || errno == ENAMETOOLONG;
+    const bool isAbsent = isAbsence(errno);
     if (isInItsPlace()) {
         return isAbsent ? Presence::absent : Presence::unknown;
     }
@@ -119,19 +129,50 @@ bool Destination::keepsFractions() const {
     return status.st_mtim.tv_nsec == someNanoseconds;
 }
 
+bool Destination::distrustOld(const std::string& name, std::optional<std::int64_t> boot) const {
+    return isInItsPlace() ? distrustOldHere(name, boot)
+                          : Destination(path_).distrustOldHere(name, boot);
+}
+
+bool Destination::distrustOldHere(const std::string& name, std::optional<std::int64_t> boot) const {
+    const Descriptor file = open(unprintedName(name), O_PATH);
+    if (!file) {
+        return isAbsence(errno);
+    }
+    struct statx status {};
+    if (::statx(file.get(), "", AT_EMPTY_PATH, STATX_TYPE | STATX_BTIME | STATX_CTIME, &status) !=
+        0) {
+        return false;
+    }
+    if (!S_ISREG(status.stx_mode)) {
+        return true; // the others have nothing that could come later than their times
+    }
+    // Each copy makes a new file. The time of its last change would do as well, had nobody given
+    // all files another owner since.
+    const bool hasBirth = (status.stx_mask & STATX_BTIME) != 0;
+    const std::int64_t made = hasBirth ? status.stx_btime.tv_sec : status.stx_ctime.tv_sec;
+    // Not time(): its clock runs some milliseconds behind the one that files are dated by.
+    struct timespec now {};
+    ::clock_gettime(CLOCK_REALTIME, &now);
+    return isSinceBoot(made, boot, now.tv_sec) || forgetTime(name);
+}
+
+/// Rsync then finds a difference. False, errno set, if that failed.
+bool Destination::forgetTime(const std::string& name) const {
+    constexpr std::array<struct timespec, 2> longAgo{{{0, UTIME_OMIT}, {0, 0}}};
+    const Descriptor file = open(unprintedName(name), O_RDONLY | O_NONBLOCK | O_NOCTTY);
+    return file && ::futimens(file.get(), longAgo.data()) == 0;
+}
+
 std::string Destination::makeDurable(const std::vector<std::string>& names) const {
     if (flush(names)) {
         return {};
     }
     std::string failure = std::strerror(errno);
     // The system does not try again to write what it could not write, and what it has in memory
-    // looks sound. Rsync has to find a difference.
-    constexpr std::array<struct timespec, 2> longAgo{{{0, UTIME_OMIT}, {0, 0}}};
+    // looks sound.
     for (const std::string& name : names) {
-        const Descriptor file = open(unprintedName(name), O_RDONLY | O_NONBLOCK | O_NOCTTY);
-        if (file) {
-            ::futimens(file.get(), longAgo.data());
-        }
+        forgetTime(name);
     }
     return failure;
 }

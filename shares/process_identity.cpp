@@ -78,6 +78,27 @@ std::optional<ProcessStatus> parseProcessStatus(std::string_view text) {
     return status;
 }
 
+std::optional<std::int64_t> secondOfBoot() {
+    return parseSecondOfBoot(readTextFile("/proc/stat").value_or(""));
+}
+
+std::optional<std::int64_t> parseSecondOfBoot(std::string_view text) {
+    constexpr std::string_view label = "\nbtime ";
+    const std::size_t at = text.find(label);
+    if (at == std::string_view::npos) {
+        return std::nullopt;
+    }
+    text.remove_prefix(at + label.size());
+    std::int64_t second = 0;
+    return readNumber(text.substr(0, text.find('\n')), second) ? std::optional(second)
+                                                               : std::nullopt;
+}
+
+bool isSinceBoot(std::int64_t second, std::optional<std::int64_t> boot, std::int64_t now) {
+    // What was in the very second of the boot may have been before it.
+    return boot && second > *boot && second <= now;
+}
+
 std::uint64_t nanosecondsSinceBoot() {
     constexpr std::uint64_t nanosecondsPerSecond = 1'000'000'000;
     struct timespec now {};

@@ -44,6 +44,17 @@ struct ProcessStatus {
 /// any byte, does not mislead it.
 std::optional<ProcessStatus> parseProcessStatus(std::string_view text);
 
+/// The second in which this machine has started, by the wall clock as it is set now. Nothing if the
+/// system does not tell.
+std::optional<std::int64_t> secondOfBoot();
+
+/// Reads it in the text of /proc/stat.
+std::optional<std::int64_t> parseSecondOfBoot(std::string_view text);
+
+/// True if that second is known to lie between the boot and `now`. One after `now` is of a time
+/// when the clock went wrong, and tells nothing.
+bool isSinceBoot(std::int64_t second, std::optional<std::int64_t> boot, std::int64_t now);
+
 /// Nanoseconds since the boot, asleep or not. Grows from one call to a later one in any process.
 std::uint64_t nanosecondsSinceBoot();
 

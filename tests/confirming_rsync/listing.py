@@ -23,7 +23,7 @@ from confirming_rsync.program import (
     scripted_binary,
     scripted_rsync,
 )
-from support import processes
+from support import boot, processes
 from support.waiting import wait_until
 
 JOURNALS = Path("/var/lib/skarn/journal")
@@ -244,16 +244,13 @@ os.read(0, 1)
 
 
 @contextmanager
-def other_boot(boot: str = "0f0f0f0f-1111-2222-3333-444444444444") -> Iterator[None]:
+def other_boot(identity: str = "0f0f0f0f-1111-2222-3333-444444444444") -> Iterator[None]:
     """The machine after its next start, as far as it tells."""
-    file = Path("/srv/boot_id")
-    file.write_text(boot + "\n", "ascii")
-    place = "/proc/sys/kernel/random/boot_id"
-    subprocess.run(["mount", "--bind", file, place], check=True)
+    boot.pretend(identity)
     try:
         yield
     finally:
-        subprocess.run(["umount", place], check=True)
+        boot.end_pretence()
 
 
 @contextmanager

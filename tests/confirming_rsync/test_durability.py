@@ -4,7 +4,9 @@ from __future__ import annotations
 
 import os
 import re
+import shutil
 import subprocess
+import time
 from collections.abc import Iterator
 from pathlib import Path
 
@@ -21,6 +23,7 @@ from confirming_rsync.listing import (
     found,
     journals,
     list_share,
+    other_boot,
     remarks,
     script,
     strace,
@@ -136,6 +139,70 @@ def test_only_what_is_in_place_is_removed() -> None:
     assert [call["input"] for call in called("removing")] == ["a\0old\0b\0"]
     assert result.status == 23 and result.confirmed == ["a", "old", "b"]
     assert result.sent == ["a", "old", "b"] or result.sent == ["a", "b"]
+
+
+def leave_as_after_a_cut(*left: str) -> None:
+    """At the target, what a cut of the power may leave of files that were not flushed yet: all that
+    ext4 keeps of a file, and nothing of what was in it."""
+    for name in left:
+        status = (SHARE / name).stat()
+        (TARGET / name).parent.mkdir(parents=True, exist_ok=True)
+        (TARGET / name).touch()
+        os.truncate(TARGET / name, status.st_size)
+        os.utime(TARGET / name, ns=(status.st_atime_ns, status.st_mtime_ns))
+
+
+def contents(*listed: str) -> dict[str, str]:
+    """What is at the target."""
+    return {name: (TARGET / name).read_text("utf-8") for name in listed}
+
+
+@pytest.mark.usefixtures("server")
+def test_what_a_cut_of_the_power_left_does_not_pass_for_up_to_date() -> None:
+    listed = ("a", "sub/b", "new")
+    make(*listed)
+    names(*listed)
+    leave_as_after_a_cut("a", "sub/b")
+    with other_boot():
+        # Since then all files were given their owner again.
+        wait_until(lambda: time.time() >= os.stat(TARGET / "a").st_ctime + 1, "the next second")
+        for path in (TARGET / "a", TARGET / "sub/b"):
+            os.chown(path, 0, 0)
+        result = copy_really()
+    assert result.status == 0 and sorted(result.confirmed) == sorted(listed)
+    assert contents(*listed) == {name: f"the content of {name}" for name in listed}
+    assert not any((SHARE / name).exists() for name in listed)
+
+
+@pytest.mark.usefixtures("server")
+def test_what_this_boot_has_copied_is_not_copied_again() -> None:
+    make("a")
+    names("a")
+    shutil.copy2(SHARE / "a", TARGET / "a")
+    inode = (TARGET / "a").stat().st_ino
+    result = copy_really()
+    assert result.confirmed == ["a"] and not (SHARE / "a").exists()
+    assert (TARGET / "a").stat().st_ino == inode
+
+
+@pytest.mark.usefixtures("server")
+def test_what_may_be_left_by_a_cut_and_cannot_be_touched_is_not_taken_away_from_the_source() -> None:
+    make("a", "b")
+    names("a", "b")
+    leave_as_after_a_cut("a")
+    subprocess.run(["/usr/bin/chattr", "+i", TARGET / "a"], check=True)
+    with other_boot():
+        result = copy_really()
+        assert result.confirmed == ["b"] and (SHARE / "a").exists()
+        assert result.lines[0] == (
+            "rsync_orbelin: cannot make sure of 1 file at the target: Operation not permitted; "
+            "left for the next cycle"
+        )
+        names("a")
+        assert copy_really().status == 11 and (SHARE / "a").exists()
+        subprocess.run(["/usr/bin/chattr", "-i", TARGET / "a"], check=True)
+        assert copy_really().confirmed == ["a"]
+    assert contents("a") == {"a": "the content of a"}
 
 
 def test_each_file_is_told_of_when_it_is_removed() -> None:

@@ -10,7 +10,7 @@ of it
 2. then the disk is copied, as it is at this instant: a cut of the power.
 
 Each cut is looked at after the life: its disk and its source are mounted and put in their places,
-the kernel tells another boot identity, and nothing else of the old life is left. Then
+the kernel tells of another start, and nothing else of the old life is left. Then
 
 - every file that had left the source is whole at the target, before anything is started;
 - a fresh daemon announces each of them, unless the old consumer had read its record so long before
@@ -30,7 +30,8 @@ from random import Random
 
 from faults.bed import JOURNALS, Bed, arguments
 from faults.ledger import Entry
-from power.disk import Disk, Store, run
+from power.disk import Disk, Store
+from support import boot
 from support import daemon as skarn
 from support.bed import SHARES, TARGETS
 from support.folders import remove
@@ -39,7 +40,6 @@ from support.waiting import wait_until
 
 STATE = JOURNALS.parent
 SOURCES = Path("/srv/sources")
-BOOT_IDENTITY = Path("/proc/sys/kernel/random/boot_id")
 # A run may have ended a little before the consumer read the last of its records.
 SLACK = 2.0
 SENTENCES = 20  # how many of a cut's complaints are kept
@@ -144,13 +144,8 @@ class Host:
         self.max_verbosity: int | None = self._rng.choice((2, None))
 
     def boot(self) -> None:
-        """Another boot identity, and nothing of what is in memory alone."""
-        if not os.path.ismount(BOOT_IDENTITY):
-            identity = Path("/srv/boot_id")
-            identity.touch()
-            run("mount", "-n", "--bind", identity, BOOT_IDENTITY)
-        name = uuid.UUID(int=self._rng.getrandbits(128), version=4)
-        BOOT_IDENTITY.write_text(f"{name}\n", encoding="ascii")
+        """Another start of the machine, and nothing of what is in memory alone."""
+        boot.pretend(str(uuid.UUID(int=self._rng.getrandbits(128), version=4)))
         for path in (skarn.PID_FILE, skarn.STATUS_FILE, skarn.FIFO, *skarn.file_lists()):
             path.unlink(missing_ok=True)
         remove("/run/skarn")

@@ -70,7 +70,9 @@ def copy(arguments: list[str], boot: str) -> None:
     notes.write_bytes(os.fsencode("".join(f"{name}\n" for name in names)))
     own = ["-8", "--sockopts=TCP_NODELAY", "--modify-window=-1"]
     if MISTAKE != "removes-first":
-        lines_of([*own, *(word for word in words if word != "--remove-source-files")])
+        # All anew: what is here may be what a cut has left, which looks right and is empty.
+        copying = [word for word in words if word != "--remove-source-files"]
+        lines_of([*own, "--ignore-times", *copying])
         subprocess.run(["/usr/bin/sync", "-f", target, str(notes)], env=ENVIRONMENT, check=True)
     lines_of([*own, *words])
     announce_gone(names, "x", password, url, Path(target))

@@ -2,6 +2,7 @@
 #include "shares/process_identity.h"
 
 #include <csignal>
+#include <ctime>
 
 #include <gtest/gtest.h>
 #include <sys/resource.h>
@@ -97,6 +98,34 @@ TEST(ProcessIdentity, IsNotDeadBecauseTheSystemDoesNotTell) {
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
     EXPECT_FALSE(isAnotherDead);
     EXPECT_FALSE(isOfAnotherBootDead);
+}
+
+TEST(SecondOfBoot, IsReadAmongOtherNumbers) {
+    EXPECT_EQ(parseSecondOfBoot("cpu 1 2\nctxt 3\nbtime 1795000000\nprocesses 4\n"), 1795000000);
+    EXPECT_EQ(parseSecondOfBoot("cpu 1 2\nbtime 1795000000"), 1795000000);
+    for (const char* text : {"", "cpu 1 2\n", "cpu 1 2\nbtime \n", "cpu 1\nbtime x\n",
+                             "cpu 1\nbtime 17x\n", "cpu 1\nxbtime 17\n"}) {
+        EXPECT_FALSE(parseSecondOfBoot(text)) << text;
+    }
+}
+
+TEST(SecondOfBoot, IsBeforeNow) {
+    const auto boot = secondOfBoot();
+    ASSERT_TRUE(boot);
+    const auto now = static_cast<std::int64_t>(::time(nullptr));
+    EXPECT_LE(*boot, now);
+    // The second in which it was may differ by one, depending on who counts.
+    EXPECT_NEAR(static_cast<double>(now - *boot), static_cast<double>(nanosecondsSinceBoot()) / 1e9,
+                2);
+}
+
+TEST(SinceBoot, IsWhatIsAfterItsSecondAndNotInTheFuture) {
+    EXPECT_FALSE(isSinceBoot(99, 100, 200));
+    EXPECT_FALSE(isSinceBoot(100, 100, 200));
+    EXPECT_TRUE(isSinceBoot(101, 100, 200));
+    EXPECT_TRUE(isSinceBoot(200, 100, 200));
+    EXPECT_FALSE(isSinceBoot(201, 100, 200));
+    EXPECT_FALSE(isSinceBoot(150, std::nullopt, 200));
 }
 
 TEST(NanosecondsSinceBoot, Grow) {
