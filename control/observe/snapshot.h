@@ -170,6 +170,7 @@ struct Snapshot {
     PipeSnapshot pipe;
     PipeWaits waits;
     std::optional<RelaySnapshot> relay; // nothing where none answers
+    bool relayIsSilent = false;         // one is there, and does not answer
     LogSnapshot log;
 
     /// The daemon runs, or seems to.

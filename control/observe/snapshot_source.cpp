@@ -34,7 +34,7 @@ constexpr double oldestPipe = 30;
 constexpr std::chrono::milliseconds patienceForPipe(1000);
 
 constexpr std::chrono::milliseconds patienceForSpace(200);
-constexpr std::chrono::milliseconds patienceForRelay(200);
+constexpr std::chrono::milliseconds patienceForRelay(1000);
 
 /// So often it is asked which lost files have come, and of how many.
 constexpr double lostPause = 5;
@@ -117,6 +117,7 @@ Snapshot SnapshotSource::look() {
     lookAtWaits(snapshot);
     const auto told = relay.ask([] { return lookAtRelay(relaySocket); }, patienceForRelay);
     snapshot.relay = told.value_or(std::nullopt);
+    snapshot.relayIsSilent = !told;
     changes.note(snapshot);
     return snapshot;
 }

@@ -270,6 +270,7 @@ Verdict verdict(const Snapshot& snapshot) {
         }
         judge(pipeRules(snapshot), result);
     }
+    judge({{snapshot.relayIsSilent, notable, "the relay does not answer", "relay"}}, result);
     judge(snapshot.relay ? relayRules(*snapshot.relay) : std::vector<Rule>(), result);
     // Targets with the same figures share a file system, and one reason will do.
     std::map<std::tuple<std::uint64_t, std::uint64_t, std::uint64_t>,

@@ -99,6 +99,8 @@ INSTANTIATE_TEST_SUITE_P(
                   s.relay = RelaySnapshot{7, "No space left on device.", {}};
               },
               "NOT KEEPING UP: the relay takes nothing out of the pipe: No space left on device"},
+        Fault{"silentRelay", [](Snapshot& s) { s.relayIsSilent = true; },
+              "KEEPING UP, BUT: the relay does not answer"},
         Fault{"failingSubscriber",
               [](Snapshot& s) {
                   s.relay = RelaySnapshot{7, "", {{"viewer", 1234, 9, "status 1"}}};
