@@ -14,6 +14,7 @@
 
 #include <sys/prctl.h>
 #include <sys/wait.h>
+#include <systemd/sd-daemon.h>
 #include <unistd.h>
 
 namespace control {
@@ -139,6 +140,9 @@ void startDaemon(const std::string& daemonPath, const std::vector<std::string>& 
         throw std::runtime_error(GLOBAL::progName + " did not start: " + said +
                                  (fatal.empty() ? "" : " (" + fatal + ")"));
     }
+    // Where systemd has called, it need not guess which one to watch: it gives up guessing when an
+    // rsync has lost its parent just now, and would not start a daemon again that it does not know.
+    sd_notify(0, ("MAINPID=" + std::to_string(daemon)).c_str());
     say(GLOBAL::progName + " started, process " + std::to_string(daemon) +
         (before.copyProcesses.empty() ? ""
                                       : " (the daemon before it died and left copy processes: " +

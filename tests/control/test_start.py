@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import os
 import signal
+import socket
 import subprocess
 import time
 from collections.abc import Iterator
@@ -71,6 +72,15 @@ def test_the_daemon_runs_when_start_says_so() -> None:
     assert result.output == f"skarn started, process {pid}\n"
     assert is_running(pid)
     assert "++ skarn 3.7.1 started\n" in LOG_FILE.read_text(encoding="utf-8")
+
+
+def test_a_service_manager_is_told_which_process_the_daemon_is() -> None:
+    path = "/run/notify"
+    with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as manager:
+        manager.bind(path)
+        manager.settimeout(5)
+        assert skarnctl("start", variables={"NOTIFY_SOCKET": path}).status == 0
+        assert manager.recv(100) == f"MAINPID={pids_in_file()[0]}".encode("ascii")
 
 
 def test_a_second_start_is_refused_and_names_the_daemon() -> None:
