@@ -114,9 +114,11 @@ Arguments readArguments(const std::vector<std::string>& arguments, const std::st
 }
 
 std::vector<std::string> passArguments(const Arguments& arguments, const Share& share, Pass pass,
-                                       bool targetKeepsFractions) {
+                                       Comparison comparison) {
     std::vector<std::string> rsync{"--from0", "--files-from=-"};
-    if (targetKeepsFractions) {
+    if (comparison == Comparison::none) {
+        rsync.emplace_back("--ignore-times");
+    } else if (comparison == Comparison::nanoseconds) {
         // Else a file that was written anew within the second, with the same size, would be taken
         // for the one that is there, and removed.
         rsync.emplace_back("--modify-window=-1");

@@ -39,10 +39,17 @@ enum class Pass {
     remove,        // removes what is at the target exactly as it is at the source, copies nothing
 };
 
+/// By what rsync tells that a file at the target is up to date, besides its size.
+enum class Comparison {
+    seconds,     // of the modification time
+    nanoseconds, // the same, exactly
+    none,        // nothing is up to date, everything is sent
+};
+
 /// The arguments for one pass. The names come on its standard input, each as Share::entry() gives
-/// it and ended by a NUL byte. A target that keeps no fractions of a second is compared by seconds.
+/// it and ended by a NUL byte.
 std::vector<std::string> passArguments(const Arguments& arguments, const Share& share, Pass pass,
-                                       bool targetKeepsFractions);
+                                       Comparison comparison);
 
 /// In the pass that removes, rsync has no place for what it would have to copy: here nothing can be
 /// created.

@@ -76,7 +76,8 @@ CopyRun::CopyRun(Places places, Arguments arguments, std::vector<std::string> en
       environment_(childEnvironment(std::move(environment))), limits_(limits), begin_(Clock::now()),
       destination_(arguments_.destination),
       isDurable_(places_.isFlushing && destination_.canBeDurable()),
-      keepsFractions_(destination_.keepsFractions()), boot_(secondOfBoot()),
+      comparison_(destination_.keepsFractions() ? Comparison::nanoseconds : Comparison::seconds),
+      boot_(secondOfBoot()),
       filter_(share_.directory,
               [this](const std::string& name) { return destination_.sizeOf(name); }),
       figures_(places_.figuresFolder, arguments_.source, arguments_.destination) {
@@ -242,21 +243,18 @@ int CopyRun::copyAll() {
 }
 
 /// Returns the status of the last rsync that failed.
-int CopyRun::copyPortion(const Names& listed) {
+int CopyRun::copyPortion(const Names& names) {
     if (!isDurable_) {
-        intend(intendedLines(listed));
-        const int status = runRsync(listed, Pass::copyAndRemove);
-        conclude(unconfirmedNames(listed, status), status);
+        intend(intendedLines(names));
+        const int status = runRsync(names, Pass::copyAndRemove, comparison_);
+        conclude(unconfirmedNames(names, status), status);
         return status;
     }
-    const Names names = namesToCopy(listed);
-    if (names.empty()) {
-        return fileErrorStatus;
-    }
-    const int copying = runRsync(names, Pass::copy);
+    const OldFiles old = oldFiles(names);
+    const int copying = runRsync(names, Pass::copy, old.empty() ? comparison_ : Comparison::none);
     // Whatever rsync has said: what is not at the target as it is at the source, the second one
     // leaves where it is.
-    const Names received = namesInPlace(names);
+    const Names received = namesInPlace(names, old);
     if (copying == notStarted || received.empty() || isStopping()) {
         return copying;
     }
@@ -264,7 +262,7 @@ int CopyRun::copyPortion(const Names& listed) {
         return fileErrorStatus;
     }
     intend(intendedLines(received));
-    const int removing = runRsync(received, Pass::remove);
+    const int removing = runRsync(received, Pass::remove, comparison_);
     if (filter_.receiverFailures() > 0) {
         say(count(filter_.receiverFailures(), "file") +
             " written anew while being copied, left for the next cycle");
@@ -274,11 +272,11 @@ int CopyRun::copyPortion(const Names& listed) {
 }
 
 /// Returns the exit status of rsync. All that it printed is in the report.
-int CopyRun::runRsync(const Names& names, Pass pass) {
+int CopyRun::runRsync(const Names& names, Pass pass, Comparison comparison) {
     filter_.beginPass(pass);
-    Child rsync({places_.stockRsync, passArguments(arguments_, share_, pass, keepsFractions_),
-                 environment_},
-                fileWith(listInput(share_, names)), relay_.signals);
+    Child rsync(
+        {places_.stockRsync, passArguments(arguments_, share_, pass, comparison), environment_},
+        fileWith(listInput(share_, names)), relay_.signals);
     if (!rsync.failure().empty()) {
         say(rsync.failure());
         return notStarted;
@@ -295,21 +293,6 @@ int CopyRun::runRsync(const Names& names, Pass pass) {
     filter_.finish();
     send();
     return rsync.exitStatus();
-}
-
-/// Those of the names that rsync may take for up to date where the file here looks like it.
-CopyRun::Names CopyRun::namesToCopy(const Names& names) {
-    Names trusted;
-    int error = 0;
-    for (const std::string& name : names) {
-        if (destination_.distrustOld(name, boot_)) {
-            trusted.push_back(name);
-        } else {
-            error = errno;
-        }
-    }
-    leave(names.size() - trusted.size(), "make sure of", error);
-    return trusted;
 }
 
 /// False if that failed. Then nothing of it may be removed at the source.
@@ -348,10 +331,23 @@ void CopyRun::conclude(const Names& names, int status) {
     send();
 }
 
-/// Those of the names that may be removed at the source.
-CopyRun::Names CopyRun::namesInPlace(const Names& names) {
+/// What is at the target under these names and may be what a cut of the power has left.
+CopyRun::OldFiles CopyRun::oldFiles(const Names& names) const {
+    OldFiles old;
+    for (const std::string& name : names) {
+        if (const auto inode = destination_.oldInode(name, boot_)) {
+            old.emplace(name, *inode);
+        }
+    }
+    return old;
+}
+
+/// Those of the names that may be removed at the source: not those whose `old` file still stands
+/// there, which the second rsync would take for up to date.
+CopyRun::Names CopyRun::namesInPlace(const Names& names, const OldFiles& old) {
     Names inPlace;
     std::size_t unknown = 0;
+    std::size_t notReplaced = 0;
     int error = 0;
     for (const std::string& name : names) {
         const auto presence = destination_.presence(name);
@@ -359,19 +355,24 @@ CopyRun::Names CopyRun::namesInPlace(const Names& names) {
             error = errno;
             ++unknown;
         } else if (presence == Destination::Presence::there && !filter_.wasDiscarded(name)) {
-            inPlace.push_back(name);
+            const auto before = old.find(name);
+            if (before != old.end() &&
+                (before->second == 0 || destination_.oldInode(name, {}) == before->second)) {
+                ++notReplaced;
+            } else {
+                inPlace.push_back(name);
+            }
         }
     }
-    leave(unknown, "look at", error);
-    return inPlace;
-}
-
-/// Says what could not be done with how many files, if any, and why.
-void CopyRun::leave(std::size_t files, const std::string& what, int error) {
-    if (files > 0) {
-        say("cannot " + what + " " + count(files, "file") +
-            " at the target: " + std::strerror(error) + "; left for the next cycle");
+    if (unknown > 0) {
+        say("cannot look at " + count(unknown, "file") + " at the target: " + std::strerror(error) +
+            "; left for the next cycle");
     }
+    if (notReplaced > 0) {
+        say(count(notReplaced, "file") +
+            " at the target from before the machine's start not replaced; left for the next cycle");
+    }
+    return inPlace;
 }
 
 void CopyRun::finishReport() {

@@ -12,9 +12,9 @@
 #include "shares/share_figures.h"
 
 #include <chrono>
-#include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -66,6 +66,7 @@ public:
 
 private:
     using Names = std::vector<std::string>;
+    using OldFiles = std::map<std::string, std::uint64_t>; // names and inodes
 
     bool takeList(const FileList& list);
     void beginJournal(const FileList& list);
@@ -76,13 +77,12 @@ private:
     void endJournal();
 
     int copyAll();
-    int copyPortion(const Names& listed);
-    int runRsync(const Names& names, Pass pass);
+    int copyPortion(const Names& names);
+    int runRsync(const Names& names, Pass pass, Comparison comparison);
     void conclude(const Names& names, int status);
-    Names namesToCopy(const Names& names);
     bool makeDurable(const Names& names);
-    Names namesInPlace(const Names& names);
-    void leave(std::size_t files, const std::string& what, int error);
+    OldFiles oldFiles(const Names& names) const;
+    Names namesInPlace(const Names& names, const OldFiles& old);
     Names unconfirmedNames(const Names& names, int status) const;
     bool ask(const Names& names);
     std::optional<Names> namesGoneOf(const Names& names, std::string& failure);
@@ -109,7 +109,7 @@ private:
     const Clock::time_point begin_;
     const Destination destination_;
     const bool isDurable_; // files are made durable before they are removed at the source
-    const bool keepsFractions_;
+    const Comparison comparison_;
     const std::optional<std::int64_t> boot_; // in seconds of the wall clock
     Relay relay_;
     ReportFilter filter_;

@@ -129,23 +129,21 @@ bool Destination::keepsFractions() const {
     return status.st_mtim.tv_nsec == someNanoseconds;
 }
 
-bool Destination::distrustOld(const std::string& name, std::optional<std::int64_t> boot) const {
-    return isInItsPlace() ? distrustOldHere(name, boot)
-                          : Destination(path_).distrustOldHere(name, boot);
+std::optional<std::uint64_t> Destination::oldInode(const std::string& name,
+                                                   std::optional<std::int64_t> boot) const {
+    return isInItsPlace() ? oldInodeHere(name, boot) : Destination(path_).oldInodeHere(name, boot);
 }
 
-bool Destination::distrustOldHere(const std::string& name, std::optional<std::int64_t> boot) const {
+std::optional<std::uint64_t> Destination::oldInodeHere(const std::string& name,
+                                                       std::optional<std::int64_t> boot) const {
     const Descriptor file = open(unprintedName(name), O_PATH);
-    if (!file) {
-        return isAbsence(errno);
-    }
     struct statx status {};
-    if (::statx(file.get(), "", AT_EMPTY_PATH, STATX_TYPE | STATX_BTIME | STATX_CTIME, &status) !=
-        0) {
-        return false;
+    constexpr unsigned wanted = STATX_TYPE | STATX_INO | STATX_BTIME | STATX_CTIME;
+    if (!file || ::statx(file.get(), "", AT_EMPTY_PATH, wanted, &status) != 0) {
+        return isAbsence(errno) ? std::nullopt : std::optional<std::uint64_t>(0);
     }
     if (!S_ISREG(status.stx_mode)) {
-        return true; // the others have nothing that could come later than their times
+        return std::nullopt; // the others have nothing that could come later than their times
     }
     // Each copy makes a new file. The time of its last change would do as well, had nobody given
     // all files another owner since.
@@ -154,14 +152,8 @@ bool Destination::distrustOldHere(const std::string& name, std::optional<std::in
     // Not time(): its clock runs some milliseconds behind the one that files are dated by.
     struct timespec now {};
     ::clock_gettime(CLOCK_REALTIME, &now);
-    return isSinceBoot(made, boot, now.tv_sec) || forgetTime(name);
-}
-
-/// Rsync then finds a difference. False, errno set, if that failed.
-bool Destination::forgetTime(const std::string& name) const {
-    constexpr std::array<struct timespec, 2> longAgo{{{0, UTIME_OMIT}, {0, 0}}};
-    const Descriptor file = open(unprintedName(name), O_RDONLY | O_NONBLOCK | O_NOCTTY);
-    return file && ::futimens(file.get(), longAgo.data()) == 0;
+    return isSinceBoot(made, boot, now.tv_sec) ? std::nullopt
+                                               : std::optional<std::uint64_t>(status.stx_ino);
 }
 
 std::string Destination::makeDurable(const std::vector<std::string>& names) const {
@@ -170,9 +162,13 @@ std::string Destination::makeDurable(const std::vector<std::string>& names) cons
     }
     std::string failure = std::strerror(errno);
     // The system does not try again to write what it could not write, and what it has in memory
-    // looks sound.
+    // looks sound. Rsync has to find a difference.
+    constexpr std::array<struct timespec, 2> longAgo{{{0, UTIME_OMIT}, {0, 0}}};
     for (const std::string& name : names) {
-        forgetTime(name);
+        const Descriptor file = open(unprintedName(name), O_RDONLY | O_NONBLOCK | O_NOCTTY);
+        if (file) {
+            ::futimens(file.get(), longAgo.data());
+        }
     }
     return failure;
 }

@@ -35,12 +35,12 @@ public:
     /// True if modification times are kept to the nanosecond.
     bool keepsFractions() const;
 
-    /// Sees to it that what stands under this name from before the machine's start does not pass
-    /// for up to date: after a cut of the power, a file system may have kept a file's size and
-    /// times, and nothing of what was in it. Such a file loses its modification time, so that it is
-    /// copied again. `boot` is the second of the start by the wall clock; without it any file may
-    /// be from before. False, errno set, if that failed; true if there is no such file.
-    bool distrustOld(const std::string& name, std::optional<std::int64_t> boot) const;
+    /// The inode of the regular file of that name, if it is not known to have been made since the
+    /// machine's start: after a cut of the power, a file system may have kept a file's size and
+    /// times, and nothing of what was in it. `boot` is the second of the start by the wall clock;
+    /// without it any file is old. 0 if the system does not tell.
+    std::optional<std::uint64_t> oldInode(const std::string& name,
+                                          std::optional<std::int64_t> boot) const;
 
     /// Makes sure that these files survive a cut of the power, as they are, under their names, with
     /// the folders on the way to them. Waits for the disk. Empty on success, else what went wrong,
@@ -54,8 +54,8 @@ private:
     std::optional<struct stat> fileHere(const std::string& name) const;
     std::optional<struct stat> file(const std::string& name) const;
     bool isInItsPlace() const;
-    bool distrustOldHere(const std::string& name, std::optional<std::int64_t> boot) const;
-    bool forgetTime(const std::string& name) const;
+    std::optional<std::uint64_t> oldInodeHere(const std::string& name,
+                                              std::optional<std::int64_t> boot) const;
     bool flush(const std::vector<std::string>& names) const;
 
     const std::string path_;

@@ -71,12 +71,12 @@ TEST(Arguments, KeepTheListsOptionsInAnyOtherCall) {
 
 class PassArguments : public testing::Test {
 protected:
-    static Strings of(Pass pass, bool targetKeepsFractions) {
+    static Strings of(Pass pass, Comparison comparison) {
         const Arguments arguments = readArguments(
             {"-vthlDHW", "--remove-source-files", "--confirm-files", "--files-from=/tmp/list",
              "rsync://root@10.0.0.1:49371/ramdisk/exp/run7/", "/images/./"},
             "", "");
-        return passArguments(arguments, *parseShare(arguments.source), pass, targetKeepsFractions);
+        return passArguments(arguments, *parseShare(arguments.source), pass, comparison);
     }
 
     const Strings list{"--from0", "--files-from=-"};
@@ -86,31 +86,39 @@ protected:
 };
 
 TEST_F(PassArguments, CopyAndRemoveInOne) {
-    EXPECT_EQ(of(Pass::copyAndRemove, true),
+    EXPECT_EQ(of(Pass::copyAndRemove, Comparison::nanoseconds),
               joined(joined(joined(list, {"--modify-window=-1"}), ofAShare),
                      joined({"-vthlDHW", "--remove-source-files"}, places)));
 }
 
 TEST_F(PassArguments, LeaveTheSourceAsItIsWhenOnlyCopying) {
-    EXPECT_EQ(of(Pass::copy, true), joined(joined(joined(list, {"--modify-window=-1"}), ofAShare),
-                                           joined({"-vthlDHW"}, places)));
+    EXPECT_EQ(of(Pass::copy, Comparison::nanoseconds),
+              joined(joined(joined(list, {"--modify-window=-1"}), ofAShare),
+                     joined({"-vthlDHW"}, places)));
 }
 
 TEST_F(PassArguments, GiveNoRoomForCopiesWhenOnlyRemoving) {
-    EXPECT_EQ(of(Pass::remove, true), joined(joined(joined(list, {"--modify-window=-1"}), ofAShare),
-                                             joined({"-vthlDHW", "--remove-source-files",
-                                                     "--temp-dir=/proc", "--no-verbose"},
-                                                    places)));
+    EXPECT_EQ(
+        of(Pass::remove, Comparison::nanoseconds),
+        joined(joined(joined(list, {"--modify-window=-1"}), ofAShare),
+               joined({"-vthlDHW", "--remove-source-files", "--temp-dir=/proc", "--no-verbose"},
+                      places)));
 }
 
 TEST_F(PassArguments, CompareBySecondsWhereTheTargetKeepsNoMore) {
     for (const Pass pass : {Pass::copyAndRemove, Pass::copy, Pass::remove}) {
-        Strings exact = of(pass, true);
+        Strings exact = of(pass, Comparison::nanoseconds);
         const auto option = std::find(exact.begin(), exact.end(), "--modify-window=-1");
         ASSERT_NE(option, exact.end());
         exact.erase(option);
-        EXPECT_EQ(of(pass, false), exact);
+        EXPECT_EQ(of(pass, Comparison::seconds), exact);
     }
+}
+
+TEST_F(PassArguments, SendEverythingWhereNothingIsCompared) {
+    EXPECT_EQ(
+        of(Pass::copy, Comparison::none),
+        joined(joined(joined(list, {"--ignore-times"}), ofAShare), joined({"-vthlDHW"}, places)));
 }
 
 TEST(Arguments, AreOptionsOnlyBeforeTheDoubleDash) {
