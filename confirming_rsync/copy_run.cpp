@@ -77,7 +77,7 @@ CopyRun::CopyRun(Places places, Arguments arguments, std::vector<std::string> en
       destination_(arguments_.destination),
       isDurable_(places_.isFlushing && destination_.canBeDurable()),
       comparison_(destination_.keepsFractions() ? Comparison::nanoseconds : Comparison::seconds),
-      boot_(secondOfBoot()),
+      boot_(isDurable_ ? secondOfBoot() : std::nullopt),
       filter_(share_.directory,
               [this](const std::string& name) { return destination_.sizeOf(name); }),
       figures_(places_.figuresFolder, arguments_.source, arguments_.destination) {

@@ -110,7 +110,7 @@ private:
     const Destination destination_;
     const bool isDurable_; // files are made durable before they are removed at the source
     const Comparison comparison_;
-    const std::optional<std::int64_t> boot_; // in seconds of the wall clock
+    const std::optional<std::int64_t> boot_; // by the wall clock; where files are made durable
     Relay relay_;
     ReportFilter filter_;
     CopyFigures figures_;

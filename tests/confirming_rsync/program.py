@@ -14,7 +14,7 @@ from pathlib import Path
 from typing import Any
 
 from support import daemon
-from support.processes import process
+from support.processes import is_stopped
 from support.rsync_server import MODULE
 from support.waiting import LIMIT, wait_until
 
@@ -253,12 +253,7 @@ class Program:
         What the pipe has taken passes for read as long as its reader lives, and this one does.
         """
         self.signal(signal.SIGSTOP)
-
-        def is_stopped() -> bool:
-            found = process(self.pid)
-            return found is not None and found.is_stopped
-
-        wait_until(is_stopped, "the program to stop")
+        wait_until(lambda: is_stopped(self.pid), "the program to stop")
         self._read_some()
         self.close_report()
         self.signal(signal.SIGCONT)

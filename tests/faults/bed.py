@@ -41,7 +41,7 @@ from faults.workload import Workload
 from support import daemon as skarn
 from support.bed import HALF_RECEIVED, SHARES, STATE, TARGETS
 from support.detector import list_files
-from support.processes import Process, processes, status_field
+from support.processes import Process, is_stopped, processes
 from support.rsync_server import RsyncServer
 from support.waiting import wait_until
 
@@ -629,14 +629,6 @@ def threads(pid: int) -> dict[int, str]:
             with suppress(OSError):
                 found[int(task.name)] = (task / "wchan").read_text(encoding="ascii")
     return found
-
-
-def is_stopped(pid: int) -> bool:
-    """Whether a process is stopped by a signal."""
-    try:
-        return status_field(pid, "State").startswith("T")
-    except (OSError, AssertionError):
-        return False
 
 
 def reap_orphans() -> None:

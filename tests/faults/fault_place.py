@@ -9,7 +9,7 @@ from contextlib import suppress
 from pathlib import Path
 from random import Random
 
-from faults.bed import Bed, Station, arguments, is_stopped
+from faults.bed import Bed, Station, arguments
 from faults.fault import Fault, register
 from faults.mounts import (
     allow_writing,
@@ -21,6 +21,7 @@ from faults.mounts import (
 )
 from support.bed import HALF_RECEIVED, TARGETS
 from support.daemon import FILE_LISTS, LISTING_ERRORS, LOG_FILE, PID_FILE, file_lists
+from support.processes import is_stopped
 from support.waiting import wait_until
 
 TMP = Path("/tmp")

@@ -12,7 +12,7 @@ import time
 from contextlib import suppress
 from random import Random
 
-from faults.bed import Bed, is_stopped
+from faults.bed import Bed
 from faults.behind_relay import FAILS, HANGS, HOOK
 from faults.fault import Fault, register
 from faults.mounts import (
@@ -22,6 +22,7 @@ from faults.mounts import (
     mount_memory,
     use_up_space,
 )
+from support.processes import is_stopped
 from support.relay_process import LOG, skarn_relay
 from support.waiting import wait_until
 

@@ -14,7 +14,7 @@ from pathlib import Path
 import pytest
 
 from support.daemon import FIFO, Detector, write_configuration
-from support.processes import process
+from support.processes import is_stopped
 from support.relay_process import LOG, Relay, announce, make_files
 from support.waiting import wait_until
 
@@ -39,12 +39,7 @@ def stopping() -> Relay:
 def wait_until_stopped(relay: Relay) -> None:
     assert relay.process is not None
     pid = relay.process.pid
-
-    def stopped() -> bool:
-        found = process(pid)
-        return found is not None and found.is_stopped
-
-    wait_until(stopped, "the relay to stop between commit and taking out")
+    wait_until(lambda: is_stopped(pid), "the relay to stop between commit and taking out")
 
 
 def test_every_line_comes_into_the_log_in_order(relay: Relay) -> None:

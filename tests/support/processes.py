@@ -50,11 +50,6 @@ class Process:
         """Whether it has ended and only its status is left."""
         return self.state in "ZX"
 
-    @property
-    def is_stopped(self) -> bool:
-        """Whether a signal has stopped it until it is continued."""
-        return self.state == "T"
-
 
 def process(pid: int) -> Process | None:
     """The process of that id, or None when there is none."""
@@ -64,6 +59,12 @@ def process(pid: int) -> Process | None:
         return None
     name, rest = text[text.index("(") + 1 : text.rindex(")")], text[text.rindex(")") + 2 :].split()
     return Process(pid, name, rest[0], int(rest[1]), int(rest[2]), int(rest[3]))
+
+
+def is_stopped(pid: int) -> bool:
+    """Whether a signal has stopped the process of that id until it is continued."""
+    found = process(pid)
+    return found is not None and found.state == "T"
 
 
 def processes() -> list[Process]:
