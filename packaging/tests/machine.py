@@ -124,6 +124,10 @@ class Machine:
         assert done.returncode == 0, f"{command}: status {done.returncode}\n{done.stdout}"
         return done.stdout
 
+    def main_process(self, unit: str) -> int:
+        """The process that systemd takes for a unit's, 0 if it knows none."""
+        return int(self.succeed(f"systemctl show --property=MainPID --value {unit}"))
+
     def start(self, unit: str, command: str) -> None:
         """Runs a command in the background, as a unit of the machine that `systemctl` can stop."""
         self.succeed(

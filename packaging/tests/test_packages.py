@@ -207,8 +207,7 @@ def test_watch_and_metrics_tell_the_same(machine: Machine) -> None:
 
 def test_skarnctl_leaves_the_daemon_to_systemd_which_would_start_it_again(machine: Machine) -> None:
     before = pid_of_daemon(machine)
-    main = machine.succeed("systemctl show --property=MainPID --value skarn")
-    assert main == f"{before}\n", "systemd has to know which process is the daemon"
+    assert machine.main_process("skarn") == before, "systemd has to know which one is the daemon"
     for command in ("stop", "stop --when-idle", "restart -u 1:2"):
         done = machine.run(f"skarnctl {command}")
         assert done.returncode == 1
@@ -290,8 +289,7 @@ def test_systemd_knows_the_daemon_whatever_else_its_start_has_left(machine: Mach
     machine.write(change, f"[Service]\n{start}\n")
     machine.succeed("systemctl daemon-reload && systemctl restart skarn")
     before = pid_of_daemon(machine)
-    main = machine.succeed("systemctl show --property=MainPID --value skarn")
-    assert main == f"{before}\n"
+    assert machine.main_process("skarn") == before
     machine.succeed(f"kill -PIPE {before}")
     wait_until(lambda: is_back(machine, before), "systemd has started it again", 30)
     machine.succeed(f"rm {change} && systemctl daemon-reload && systemctl restart skarn")
@@ -357,10 +355,10 @@ def test_start_and_stop_without_systemd(machine: Machine) -> None:
 def test_an_upgrade_lets_the_daemon_run(machine: Machine) -> None:
     machine.succeed("systemctl start skarn")
     before = pid_of_daemon(machine)
-    metrics = machine.succeed("systemctl show --property=MainPID --value skarn-metrics")
+    metrics = machine.main_process("skarn-metrics")
     said = install(machine, "skarn", "skarn-confirming-rsync", later=True)
     assert "goes on with its old program" in said
-    assert machine.succeed("systemctl show --property=MainPID --value skarn-metrics") != metrics
+    assert machine.main_process("skarn-metrics") != metrics
     assert "its program was replaced since" in machine.succeed("skarnctl status")
     assert machine.succeed("dpkg-query -W -f '${Version}' skarn").endswith("+later")
     assert pid_of_daemon(machine) == before

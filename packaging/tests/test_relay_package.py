@@ -112,11 +112,6 @@ def check_all_have(machine: Machine, names: set[str]) -> None:
         assert kept_by(machine, each) == logged, each
 
 
-def main_process(machine: Machine, unit: str) -> str:
-    """The number of a unit's process."""
-    return machine.succeed(f"systemctl show --property=MainPID --value {unit}").strip()
-
-
 def test_installing_starts_nothing(machine: Machine) -> None:
     install(machine, "skarn", "skarn-confirming-rsync", "skarn-relay")
     units = "skarn-relay.socket skarn-relay.service"
@@ -149,7 +144,7 @@ def test_the_socket_holds_the_pipe(machine: Machine) -> None:
     machine.succeed("skarn-relay check")
     machine.succeed("systemctl enable --now skarn-relay.socket")
     assert machine.succeed(f"stat -c '%F %a' {PIPE}") == "fifo 600\n"
-    assert main_process(machine, "skarn-relay.service") == "0"
+    assert machine.main_process("skarn-relay.service") == 0
 
 
 def test_the_daemon_s_first_line_starts_the_relay(machine: Machine) -> None:
@@ -193,12 +188,12 @@ def test_a_pipe_s_reader_that_was_away_misses_nothing(machine: Machine) -> None:
 
 
 def test_an_upgrade_lets_the_relay_run(machine: Machine) -> None:
-    before = main_process(machine, "skarn-relay")
+    before = machine.main_process("skarn-relay")
     install(machine, "skarn-relay", later=True)
     assert machine.succeed("dpkg-query -W -f '${Version}' skarn-relay").endswith("+later")
-    assert main_process(machine, "skarn-relay") == before
+    assert machine.main_process("skarn-relay") == before
     machine.succeed("systemctl restart skarn-relay")
-    assert main_process(machine, "skarn-relay") != before
+    assert machine.main_process("skarn-relay") != before
     names = write_files(machine, "run3", 50, 500)
     wait_until(lambda: names <= set(kept_by(machine, "curl")), "the new one goes on")
 
